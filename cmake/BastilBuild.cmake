@@ -1,0 +1,24 @@
+# What holds for every target: language, warnings, visibility.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+option(BASTIL_TESTS "Build the test suite" ON)
+option(BASTIL_BENCH "Build the benchmarks" ON)
+set(BASTIL_SANITIZE "" CACHE STRING "Value of -fsanitize for everything, or empty")
+
+add_compile_options(-Wall -Wextra -Wconversion -Werror)
+# Traces and assertions name a source by its place below its include root, wherever it was built.
+# (Of two maps that fit, the last one given holds.)
+add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=
+                    -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/src/=
+                    -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/src/platform/=)
+if(BASTIL_SANITIZE)
+  add_compile_options(-fsanitize=${BASTIL_SANITIZE} -fno-omit-frame-pointer
+                      -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${BASTIL_SANITIZE})
+endif()

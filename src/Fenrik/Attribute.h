@@ -1,0 +1,107 @@
+#pragma once
+
+#include <cstdint>
+#include <type_traits>
+#include <utility>
+
+#include "Fenrik/Exception.h"
+#include "Fenrik/FieldId.h"
+#include "Fenrik/Module.h"
+#include "Fenrik/Ptr.h"
+#include "Fenrik/Publisher.h"
+
+namespace Fenrik {
+
+/// Gives a node class the publisher through which its attributes are announced.
+template <class Base>
+class QUARNBASTIL_EXPORT Publishing : public Base {
+ public:
+  using Base::Base;
+
+  const Publisher* publisher() const override { return &publisher_; }
+
+ protected:
+  Publisher publisher_;
+};
+
+/// How an attribute's value is handed over: small plain values by value, others by reference.
+template <class T>
+using AttributeRead =
+    std::conditional_t<std::is_trivially_copyable_v<T> && sizeof(T) <= 2 * sizeof(void*), T,
+                       const T&>;
+
+namespace Impl {
+
+/// The logic of the mutators, apart from their names: change, then announce, and only what differs.
+template <class T, class U>
+void attributeValueIs(const Publisher& publisher, FieldId fieldId, T& slot, const U& value) {
+  if (slot == value) return;
+  slot = value;
+  publisher.publishChange(fieldId, &slot);
+}
+
+/// The old object goes after the announcement, so that a subscriber may still look at it.
+template <class T>
+void attributePointerIs(const Publisher& publisher, FieldId fieldId, Ptr<T>& slot, Ptr<T> value) {
+  if (slot == value) return;
+  slot.swap(value);
+  publisher.publishChangeRecursive(fieldId, nullptr, &slot, nullptr);
+}
+
+}  // namespace Impl
+}  // namespace Fenrik
+
+/// One line declares one attribute: its row in the class's attribute table, its storage `name_` and
+/// its operations. `number` is `kFieldBase` plus the attribute's offset. The class derives from
+/// `Fenrik::Publishing`. The lines leave the access at `private`.
+///
+///     class Lamp final : public Fenrik::NodeClass<Lamp, Fenrik::Publishing<Fenrik::Node>> {
+///      public:
+///       static constexpr std::uint16_t kFieldBase = 128;
+///       FENRIK_VALUE(kFieldBase + 2, brightness, int);            // brightness(), brightnessIs(v)
+///       FENRIK_POINTER(kFieldBase + 3, shade, Shade);             // shade(), shadeIs(ptr)
+///       FENRIK_COUNTER(kFieldBase + 4, switchCnt);                // switchCnt(), switchCntInc(n)
+///       FENRIK_FUNCTION(kFieldBase + 5, blink);                   // a row for the operation blink
+///
+/// Only names are made here; what the operations do stands in the templates above.
+#define FENRIK_ATTRIBUTE_FACT(number, name, kind)                                                \
+ public:                                                                                         \
+  static constexpr ::Kiv::AttributeFact attributeFact(::Fenrik::FieldIndex<(number)>) noexcept { \
+    return {::Fenrik::FieldId(number), #name, ::Kiv::AttributeKind::kind};                       \
+  }
+
+#define FENRIK_VALUE(number, name, ...)                                                            \
+  FENRIK_ATTRIBUTE_FACT(number, name, value)                                                       \
+  ::Fenrik::AttributeRead<__VA_ARGS__> name() const noexcept { return name##_; }                   \
+  void name##Is(::Fenrik::AttributeRead<__VA_ARGS__> value) {                                      \
+    ::Fenrik::Impl::attributeValueIs(this->publisher_, ::Fenrik::FieldId(number), name##_, value); \
+  }                                                                                                \
+                                                                                                   \
+ private:                                                                                          \
+  __VA_ARGS__ name##_ {}
+
+#define FENRIK_POINTER(number, name, ...)                                                    \
+  FENRIK_ATTRIBUTE_FACT(number, name, pointer)                                               \
+  const ::Fenrik::Ptr<__VA_ARGS__>& name() const noexcept { return name##_; }                \
+  void name##Is(::Fenrik::Ptr<__VA_ARGS__> value) {                                          \
+    ::Fenrik::Impl::attributePointerIs(this->publisher_, ::Fenrik::FieldId(number), name##_, \
+                                       std::move(value));                                    \
+  }                                                                                          \
+                                                                                             \
+ private:                                                                                    \
+  ::Fenrik::Ptr<__VA_ARGS__> name##_
+
+#define FENRIK_COUNTER(number, name)                                                       \
+  FENRIK_ATTRIBUTE_FACT(number, name, value)                                               \
+  unsigned long long name() const noexcept { return name##_; }                             \
+  void name##Inc(unsigned long long delta) {                                               \
+    ::Fenrik::Impl::attributeValueIs(this->publisher_, ::Fenrik::FieldId(number), name##_, \
+                                     name##_ + delta);                                     \
+  }                                                                                        \
+                                                                                           \
+ private:                                                                                  \
+  unsigned long long name##_ = 0
+
+#define FENRIK_FUNCTION(number, name)           \
+  FENRIK_ATTRIBUTE_FACT(number, name, function) \
+  static_assert(true)

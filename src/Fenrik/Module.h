@@ -1,0 +1,124 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "Fenrik/Export.h"
+#include "Fenrik/KivType.h"
+
+namespace Fenrik {
+
+/// Selects the row of an attribute table by the attribute's number.
+template <std::uint16_t number>
+using FieldIndex = std::integral_constant<std::uint16_t, number>;
+
+/// Text as a template argument.
+template <std::size_t size>
+struct FixedString {
+  char text[size];
+
+  constexpr FixedString(const char (&literal)[size]) { std::copy_n(literal, size, text); }
+  constexpr std::string_view view() const { return {text, size - 1}; }
+};
+
+}  // namespace Fenrik
+
+namespace Kiv {
+
+/// The attributes of one class lie in one block of numbers: `T::kFieldBase` and the 127 above it.
+inline constexpr std::size_t kFieldBlock = 128;
+
+/// Last component of a type's name as the compiler writes it, without qualifiers: "Lamp" for
+/// `const Light::Lamp`.
+template <class T>
+consteval std::string_view bareTypeName() {
+  std::string_view name = __PRETTY_FUNCTION__;
+  name.remove_prefix(name.find("T = ") + 4);
+  name = name.substr(0, name.find_first_of(";]"));
+  if (name.starts_with("const ")) name.remove_prefix(6);
+  const std::string_view stem = name.substr(0, name.find('<'));
+  const std::size_t scope = stem.rfind("::");
+  return scope == std::string_view::npos ? name : name.substr(scope + 2);
+}
+
+namespace Impl {
+
+template <class T>
+consteval std::string_view typeName() {
+  if constexpr (requires { T::kTypeName; }) {
+    return T::kTypeName;
+  } else {
+    return bareTypeName<T>();
+  }
+}
+
+template <class T, std::size_t offset>
+concept HasAttribute = requires {
+  T::attributeFact(Fenrik::FieldIndex<std::uint16_t(T::kFieldBase + offset)>{});
+};
+
+template <class T, std::size_t... offsets>
+consteval std::size_t attributeCount(std::index_sequence<offsets...>) {
+  return (std::size_t{HasAttribute<T, offsets>} + ...);
+}
+
+template <class T>
+consteval auto attributeTable() {
+  if constexpr (!requires { T::kFieldBase; }) {
+    return std::array<AttributeFact, 0>{};
+  } else {
+    constexpr auto block = std::make_index_sequence<kFieldBlock>{};
+    std::array<AttributeFact, attributeCount<T>(block)> table{};
+    std::size_t row = 0;
+    const auto add = [&]<std::size_t offset>(std::integral_constant<std::size_t, offset>) {
+      if constexpr (HasAttribute<T, offset>) {
+        table[row++] =
+            T::attributeFact(Fenrik::FieldIndex<std::uint16_t(T::kFieldBase + offset)>{});
+      }
+    };
+    [&]<std::size_t... offsets>(std::index_sequence<offsets...>) {
+      (add(std::integral_constant<std::size_t, offsets>{}), ...);
+    }
+    (block);
+    return table;
+  }
+}
+
+/// The attribute table of a class, gathered from its declarations.
+template <class T>
+inline constexpr auto kAttributes = attributeTable<T>();
+
+}  // namespace Impl
+
+/// The classes of one source in the order of their type indices. A class names its module with
+/// `using KivModule = ...`; the module may be declared after it.
+template <Fenrik::FixedString moduleName, class... Types>
+struct QUARNBASTIL_EXPORT Module {
+  inline static constexpr std::array<TypeFacts, sizeof...(Types)> kTypes{
+      TypeFacts{Impl::typeName<Types>(), Impl::kAttributes<Types>}...};
+  inline static constexpr ModuleFacts kFacts{moduleName.view(), kTypes};
+
+  template <class T>
+  static constexpr KivType type() {
+    std::uint8_t index = 0;
+    const bool found = ((std::is_same_v<T, Types> || (++index, false)) || ...);
+    return found ? KivType(&kFacts, index) : KivType();
+  }
+};
+
+/// Module and index of a class; names nothing for a class that stands in no module.
+template <class T>
+constexpr KivType typeOf() {
+  if constexpr (requires { typename T::KivModule; }) {
+    return T::KivModule::template type<T>();
+  } else {
+    return {};
+  }
+}
+
+}  // namespace Kiv

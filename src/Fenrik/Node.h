@@ -1,0 +1,102 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "Fenrik/Export.h"
+#include "Fenrik/KivType.h"
+#include "Fenrik/ThreadControl.h"
+
+namespace Fenrik {
+
+class Publisher;
+
+/// Flags of a node that share the word of its use count.
+enum class NodeFlag : std::uint32_t {
+  /// The object's subscription to what it watches is active. Every destructor clears it first.
+  hasNotificationActive = 0x20000000,
+  /// Held while a subscription changes: a reactor that sees it set does not act.
+  kivDoZombieReactors = 0x40000000,
+};
+
+/// Base of every object that outlives a call: a use count, two flags and a virtual end of life.
+///
+/// Threads: a node belongs to one thread, its use count to every thread when
+/// `ThreadControl::tsp_` is set.
+///
+/// I1. A new node has the use count 1, owned by the pointer that its factory returns.
+/// I2. The flag bits survive every change of the count and are no part of it.
+/// I3. `lastUserGone()` is called once, by the drop that takes the count to zero.
+class QUARNBASTIL_EXPORT Node {
+ public:
+  /// The bits of the shared word that count users; the two others are `NodeFlag`s.
+  static constexpr std::uint32_t kUseCountMask = 0x9fffffff;
+
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
+
+  virtual ~Node();
+
+  /// Called when the last reference has gone. The default deletes the node.
+  virtual void lastUserGone();
+
+  /// The publisher that announces this object's changes, or null if it has none.
+  virtual const Publisher* publisher() const;
+
+  /// Module and index of the object's class.
+  virtual Kiv::KivType typeData() const;
+
+  /// Adds `users` references and returns the new use count without the flags. One atomic step for
+  /// each reference when threads are on, one plain addition otherwise.
+  std::uint32_t incUseCount(std::uint32_t users = 1) const noexcept {
+    if (ThreadControl::tsp_ != 0) [[unlikely]] {
+      std::uint32_t word = 0;
+      for (; users != 0; --users) word = std::atomic_ref(useCountAndFlags_).fetch_add(1) + 1;
+      return word & kUseCountMask;
+    }
+    useCountAndFlags_ += users;
+    return useCountAndFlags_ & kUseCountMask;
+  }
+
+  /// Drops one reference and ends the node with the last one.
+  void decUseImpl() const {
+    if (decUseCount()) const_cast<Node*>(this)->lastUserGone();
+  }
+
+  /// Drops one reference; true if it was the last. The caller then ends the node.
+  bool decUseCount() const noexcept {
+    if (ThreadControl::tsp_ != 0) [[unlikely]] {
+      return ((std::atomic_ref(useCountAndFlags_).fetch_sub(1) - 1) & kUseCountMask) == 0;
+    }
+    return (--useCountAndFlags_ & kUseCountMask) == 0;
+  }
+
+  std::uint32_t useCount() const noexcept {
+    return std::atomic_ref(useCountAndFlags_).load(std::memory_order_relaxed) & kUseCountMask;
+  }
+
+  bool nodeFlag(NodeFlag flag) const noexcept {
+    return (std::atomic_ref(useCountAndFlags_).load(std::memory_order_relaxed) &
+            static_cast<std::uint32_t>(flag)) != 0;
+  }
+
+  /// Sets or clears one flag and leaves the use count as it is.
+  void nodeFlagSet(NodeFlag flag, bool value) const noexcept {
+    const auto bit = static_cast<std::uint32_t>(flag);
+    if (ThreadControl::tsp_ != 0) [[unlikely]] {
+      std::atomic_ref word(useCountAndFlags_);
+      value ? word.fetch_or(bit) : word.fetch_and(~bit);
+      return;
+    }
+    useCountAndFlags_ = value ? (useCountAndFlags_ | bit) : (useCountAndFlags_ & ~bit);
+  }
+
+ protected:
+  Node() noexcept = default;
+
+ private:
+  alignas(std::atomic_ref<std::uint32_t>::required_alignment) mutable std::uint32_t
+      useCountAndFlags_ = 1;
+};
+
+}  // namespace Fenrik

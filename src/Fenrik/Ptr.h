@@ -1,0 +1,145 @@
+#pragma once
+
+#include <compare>
+#include <cstddef>
+#include <functional>
+#include <type_traits>
+#include <utility>
+
+#include "Fenrik/Assert.h"
+#include "Fenrik/Node.h"
+
+namespace Fenrik {
+
+/// Says that a pointer takes over a reference that somebody has counted already.
+struct AdoptReference {};
+
+/// Counted pointer to a node: one word, null or holding one reference.
+///
+/// A function that takes `const Ptr<T>&` holds no reference of its own unless it stores the
+/// pointer; a `Ptr<T>` that is returned carries a reference that the caller owns. Dereferencing a
+/// null pointer is undefined.
+template <class T>
+class Ptr {
+ public:
+  using element_type = T;
+
+  constexpr Ptr() noexcept = default;
+  constexpr Ptr(std::nullptr_t) noexcept {}
+  explicit Ptr(T* node) noexcept : node_(node) { takeReference(); }
+  constexpr Ptr(T* node, AdoptReference) noexcept : node_(node) {}
+
+  Ptr(const Ptr& other) noexcept : node_(other.node_) { takeReference(); }
+  constexpr Ptr(Ptr&& other) noexcept : node_(std::exchange(other.node_, nullptr)) {}
+  template <class U>
+  requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& other)
+  noexcept : node_(other.get()) { takeReference(); }
+  template <class U>
+  requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& other)
+  noexcept : node_(other.release()) {}
+
+  ~Ptr() { dropReference(node_); }
+
+  /// Takes the new reference before the old one goes, so that a node may be assigned to the pointer
+  /// that alone keeps it alive.
+  Ptr& operator=(const Ptr& other) noexcept {
+    other.takeReference();
+    dropReference(std::exchange(node_, other.node_));
+    return *this;
+  }
+  Ptr& operator=(Ptr&& other) noexcept {
+    dropReference(std::exchange(node_, other.release()));
+    return *this;
+  }
+
+  T* get() const noexcept { return node_; }
+  T* operator->() const noexcept { return node_; }
+  T& operator*() const noexcept { return *node_; }
+  explicit operator bool() const noexcept { return node_ != nullptr; }
+
+  /// Gives the reference away: the caller owns it, the pointer is null.
+  [[nodiscard]] T* release() noexcept { return std::exchange(node_, nullptr); }
+
+  void swap(Ptr& other) noexcept { std::swap(node_, other.node_); }
+  friend void swap(Ptr& a, Ptr& b) noexcept { a.swap(b); }
+
+  template <class U>
+  friend bool operator==(const Ptr& a, const Ptr<U>& b) noexcept {
+    return a.get() == b.get();
+  }
+  friend bool operator==(const Ptr& a, std::nullptr_t) noexcept { return a.node_ == nullptr; }
+
+ private:
+  void takeReference() const noexcept {
+    if (node_ != nullptr) node_->incUseCount();
+  }
+
+  static void dropReference(T* node) {
+    if (node == nullptr) return;
+    if constexpr (std::is_final_v<T>) {
+      // The class is known to the last bit: its end needs no virtual call.
+      if (node->decUseCount()) const_cast<std::remove_const_t<T>*>(node)->lastUserGone();
+    } else {
+      node->decUseImpl();
+    }
+  }
+
+  T* node_ = nullptr;
+};
+
+template <class T>
+Ptr(T*) -> Ptr<T>;
+
+/// A `Ptr` that is never null: null is refused where the value is made, by assertion.
+template <class T>
+class NonNullPtr {
+ public:
+  using element_type = T;
+
+  template <class U>
+  requires std::is_convertible_v<U*, T*> NonNullPtr(const Ptr<U>& ptr) : ptr_(ptr) {
+    FENRIK_ASSERT(ptr_ != nullptr);
+  }
+  template <class U>
+  requires std::is_convertible_v<U*, T*> NonNullPtr(Ptr<U>&& ptr) : ptr_(std::move(ptr)) {
+    FENRIK_ASSERT(ptr_ != nullptr);
+  }
+  template <class U>
+  requires std::is_convertible_v<U*, T*> NonNullPtr(const NonNullPtr<U>& other)
+      : ptr_(other.ptr()) {}
+
+  const Ptr<T>& ptr() const noexcept { return ptr_; }
+  operator const Ptr<T>&() const noexcept { return ptr_; }
+  T* get() const noexcept { return ptr_.get(); }
+  T* operator->() const noexcept { return ptr_.get(); }
+  T& operator*() const noexcept { return *ptr_; }
+
+  template <class U>
+  friend bool operator==(const NonNullPtr& a, const NonNullPtr<U>& b) noexcept {
+    return a.get() == b.get();
+  }
+
+ private:
+  Ptr<T> ptr_;
+};
+
+/// Static cast of what a pointer points at; takes a reference of its own.
+template <class T, class U>
+Ptr<T> staticPtrCast(const Ptr<U>& ptr) noexcept {
+  return Ptr<T>(static_cast<T*>(ptr.get()));
+}
+
+/// Dynamic cast; null when the node is of another class.
+template <class T, class U>
+Ptr<T> dynamicPtrCast(const Ptr<U>& ptr) noexcept {
+  return Ptr<T>(dynamic_cast<T*>(ptr.get()));
+}
+
+}  // namespace Fenrik
+
+template <class T>
+struct std::hash<Fenrik::Ptr<T>> {
+  std::size_t operator()(const Fenrik::Ptr<T>& ptr) const noexcept {
+    return std::hash<T*>()(ptr.get());
+  }
+};

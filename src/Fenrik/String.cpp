@@ -1,0 +1,7 @@
+#include "Fenrik/String.h"
+
+namespace Fenrik::Impl {
+
+template class StringCommon<char>;
+
+}  // namespace Fenrik::Impl
