@@ -3,8 +3,9 @@
 #include <cassert>
 
 // The platform's assertion stop, which its header declares only where assertions are on.
-extern "C" [[noreturn]] void __assert_fail(const char* expression, const char* file,
-                                           unsigned int line, const char* function) noexcept;
+extern "C" __attribute__((noreturn)) void __assert_fail(const char* expression, const char* file,
+                                                        unsigned int line,
+                                                        const char* function) noexcept;
 
 /// Ends the process through the platform's `__assert_fail` when `condition` does not hold, with the
 /// condition's text. It stands in every build: a broken invariant is never run past.
