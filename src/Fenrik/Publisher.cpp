@@ -13,7 +13,9 @@ struct Publisher::Walk {
   bool publisherGone = false;
 };
 
-Subscriber::~Subscriber() {
+Subscriber::~Subscriber() { unsubscribe(); }
+
+void Subscriber::unsubscribe() {
   if (publisher_ != nullptr) publisher_->subscriberRemove(*this);
 }
 

@@ -50,6 +50,9 @@ class QUARNBASTIL_EXPORT Subscriber {
   /// Sets what `Publisher::subscriberAdd` is to call. REQUIRES: not subscribed.
   void dispatchIs(Dispatch dispatch) noexcept;
 
+  /// Detaches it from the publisher to which it is attached, if any.
+  void unsubscribe();
+
  private:
   friend class Publisher;
 
@@ -64,6 +67,8 @@ class QUARNBASTIL_EXPORT Subscriber {
 /// I1. The first word is 1 exactly while no subscriber is attached, and may be read directly.
 /// I2. A change reaches the subscribers in the order in which they were added, once each: those
 ///     attached when it was announced and not detached before their turn.
+///
+/// Publishing changes no attribute, so a const object publishes too.
 class QUARNBASTIL_EXPORT Publisher {
  public:
   /// Value of the first word while nobody subscribes.
@@ -111,7 +116,6 @@ class QUARNBASTIL_EXPORT Publisher {
   mutable Walk* walks_ = nullptr;
 };
 
-/// The owner's publisher is held by const object alike: publishing changes no attribute.
 static_assert(std::is_standard_layout_v<Publisher>, "the first word is read directly");
 
 }  // namespace Fenrik

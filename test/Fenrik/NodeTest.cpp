@@ -1,32 +1,119 @@
 #include <gtest/gtest.h>
 
-#include "Fenrik/Attribute.h"
-#include "Fenrik/NodeClass.h"
+#include <array>
+#include <thread>
+
+#include "Lamp.h"
 
 namespace {
 
-struct LampModule;
-class Lamp final : public Fenrik::NodeClass<Lamp, Fenrik::Publishing<Fenrik::Node>> {
- public:
-  static constexpr std::uint16_t kFieldBase = 128;
-  using KivModule = LampModule;
-  explicit Lamp(int b) : brightness_(b) {}
-  FENRIK_VALUE(kFieldBase + 2, brightness, int);
-  FENRIK_POINTER(kFieldBase + 3, next, Lamp);
-  FENRIK_COUNTER(kFieldBase + 4, switchCnt);
-};
-struct LampModule : Kiv::Module<"LampTest", Lamp> {};
+using Fenrik::NodeFlag;
+using Fenrik::Ptr;
+using Fenrik::ptrIsImpl;
 
-TEST(Node, Lives) {
-  auto lamp = Fenrik::ptrIsImpl<Lamp>(3);
+unsigned long long lampsLive() {
+  return Lamp::memAllocationTracker_ == nullptr ? 0 : Lamp::memAllocationTracker_->liveCount();
+}
+
+/// Both settings of the process-wide switch.
+class NodeTest : public testing::TestWithParam<bool> {
+ protected:
+  NodeTest() { Fenrik::ThreadControl::tsp_ = GetParam() ? 1 : 0; }
+  ~NodeTest() override { Fenrik::ThreadControl::tsp_ = 0; }
+};
+INSTANTIATE_TEST_SUITE_P(PlainAndAtomic, NodeTest, testing::Bool());
+
+TEST_P(NodeTest, TheFactorysPointerOwnsTheFirstReferenceAndTheLastOneEndsTheNode) {
+  std::string ended;
+  {
+    Ptr<Lamp> lamp = ptrIsImpl<Lamp>(1);
+    lamp->ended = &ended;
+    EXPECT_EQ(lamp->useCount(), 1u);
+    Ptr<const Fenrik::Node> base = lamp;
+    EXPECT_EQ(lamp->useCount(), 2u);
+    Ptr<Lamp> moved = std::move(lamp);
+    EXPECT_TRUE(lamp == nullptr);
+    EXPECT_EQ(moved->useCount(), 2u);
+    moved = nullptr;
+    EXPECT_EQ(ended, "") << "the base pointer still holds it";
+    const_cast<Fenrik::Node&>(*base).nodeFlagSet(NodeFlag::hasNotificationActive, true);
+  }
+  EXPECT_EQ(ended, "ended") << "the flag goes before anything else is torn down";
+  EXPECT_EQ(lampsLive(), 0u);
+}
+
+TEST_P(NodeTest, AssigningANodeToThePointerThatAloneHoldsItKeepsItAlive) {
+  std::string ended;
+  Ptr<Lamp> lamp = ptrIsImpl<Lamp>(7);
+  lamp->ended = &ended;
+  const Ptr<Lamp>& same = lamp;
+  lamp = same;
+  Ptr<Lamp>& movedFrom = lamp;
+  lamp = std::move(movedFrom);
+  ASSERT_TRUE(lamp != nullptr);
+  lamp->nextIs(ptrIsImpl<Lamp>(8));
+  lamp = Ptr<Lamp>(lamp->next());
+  EXPECT_EQ(ended, "ended");
+  EXPECT_EQ(lamp->brightness(), 8);
   EXPECT_EQ(lamp->useCount(), 1u);
-  EXPECT_EQ(lamp->typeData().facts()->name, "Lamp");
-  EXPECT_EQ(lamp->typeData().facts()->attributes.size(), 3u);
-  EXPECT_EQ(Lamp::memAllocationTracker_->liveCount(), 1u);
-  Fenrik::Ptr<Fenrik::Node> base = lamp;
-  lamp = nullptr;
-  base = nullptr;
-  EXPECT_EQ(Lamp::memAllocationTracker_->liveCount(), 0u);
+}
+
+TEST_P(NodeTest, FlagsAndCountLiveInOneWordWithoutTouchingEachOther) {
+  Ptr<Lamp> lamp = ptrIsImpl<Lamp>(1);
+  for (const NodeFlag flag : {NodeFlag::hasNotificationActive, NodeFlag::kivDoZombieReactors}) {
+    lamp->nodeFlagSet(flag, true);
+    EXPECT_EQ(lamp->incUseCount(2), 3u) << "a flag shows in the count";
+    {
+      const std::vector<Ptr<Lamp>> copies(100, lamp);
+      EXPECT_EQ(lamp->useCount(), 103u);
+    }
+    lamp->decUseImpl();
+    lamp->decUseImpl();
+    EXPECT_TRUE(lamp->nodeFlag(flag));
+  }
+  lamp->nodeFlagSet(NodeFlag::hasNotificationActive, false);
+  EXPECT_FALSE(lamp->nodeFlag(NodeFlag::hasNotificationActive));
+  EXPECT_TRUE(lamp->nodeFlag(NodeFlag::kivDoZombieReactors));
+  EXPECT_EQ(lamp->useCount(), 1u);
+}
+
+TEST_P(NodeTest, AConstructorThatThrowsLeavesNeitherACountNorAnArgumentBehind) {
+  const Ptr<Lamp> keep = ptrIsImpl<Lamp>(1);
+  EXPECT_THROW(ptrIsImpl<Lamp>(2, true), std::runtime_error);
+  EXPECT_EQ(lampsLive(), 1u);
+}
+
+TEST(Node, CountsOfManyThreadsEndTheNodeExactlyOnce) {
+  Fenrik::ThreadControl::tsp_ = 1;
+  for (int round = 0; round < 50; ++round) {
+    std::string ended;
+    Ptr<Lamp> lamp = ptrIsImpl<Lamp>(1);
+    lamp->ended = &ended;
+    std::array<std::thread, 4> threads;
+    for (std::thread& thread : threads) {
+      thread = std::thread([mine = lamp] {
+        for (int i = 0; i < 200; ++i) Ptr<const Lamp> copy = mine;
+      });
+    }
+    lamp = nullptr;
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(ended, "ended");
+  }
+  Fenrik::ThreadControl::tsp_ = 0;
+}
+
+TEST(Node, PointersOfNothingTouchNoCountAndCastsTellTheClass) {
+  EXPECT_TRUE(Ptr<Lamp>(static_cast<Lamp*>(nullptr)) == nullptr);
+  const Ptr<Fenrik::Node> node = ptrIsImpl<Lamp>(1);
+  EXPECT_TRUE(Fenrik::dynamicPtrCast<Watcher>(node) == nullptr);
+  EXPECT_EQ(Fenrik::dynamicPtrCast<Lamp>(node)->brightness(), 1);
+  const Fenrik::NonNullPtr<const Lamp> surely = Fenrik::staticPtrCast<Lamp>(node);
+  const Ptr<const Lamp>& back = surely;
+  EXPECT_EQ(back->useCount(), 2u);
+}
+
+TEST(NodeDeathTest, ANonNullPointerRefusesNull) {
+  EXPECT_DEATH(Fenrik::NonNullPtr<Lamp>(Ptr<Lamp>()), "ptr_ != nullptr");
 }
 
 }  // namespace

@@ -1,0 +1,222 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <random>
+
+#include "Lamp.h"
+
+namespace {
+
+using Fenrik::Change;
+using Fenrik::FieldId;
+using Fenrik::ptrIsImpl;
+using Fenrik::Publisher;
+
+/// A subscriber that runs a piece of the test.
+struct Ear : Fenrik::Subscriber {
+  std::function<void(const Change&)> hear;
+
+  void attach(const Publisher& publisher, bool atFront = false) {
+    dispatchIs([](const Publisher&, Subscriber& self, const Change& change) noexcept {
+      static_cast<Ear&>(self).hear(change);
+    });
+    publisher.subscriberAdd(*this, atFront);
+  }
+};
+
+TEST(Attribute, MutatorsAnnounceWhatChangedUnderItsNumberAndNothingElse) {
+  const auto lamp = ptrIsImpl<Lamp>(5);
+  const auto watcher = ptrIsImpl<Watcher>(lamp);
+  lamp->brightnessIs(6);
+  watcher->hasNotificationActiveIs(true);
+  watcher->hasNotificationActiveIs(true);
+  lamp->brightnessIs(6);
+  lamp->brightnessIs(7);
+  lamp->nextIs(nullptr);
+  lamp->nextIs(ptrIsImpl<Lamp>(1));
+  lamp->nextIs(lamp->next());
+  lamp->switchCntInc(2);
+  lamp->switchCntInc(0);
+  EXPECT_EQ(watcher->seen, (std::vector<int>{130, 131, 134}));
+
+  EXPECT_FALSE(watcher->kivDoZombieReactors(true));
+  EXPECT_TRUE(watcher->kivDoZombieReactors(true));
+  lamp->brightnessIs(8);
+  EXPECT_TRUE(watcher->kivDoZombieReactors(false));
+  watcher->hasNotificationActiveIs(false);
+  EXPECT_FALSE(watcher->subscribed());
+  lamp->brightnessIs(9);
+  EXPECT_EQ(watcher->seen.size(), 3u) << "a zombie or a reactor without subscription reacted";
+}
+
+TEST(Attribute, AReactorWithNothingToWatchTakesTheFlagAlone) {
+  const auto watcher = ptrIsImpl<Watcher>(nullptr);
+  watcher->hasNotificationActiveIs(true);
+  EXPECT_TRUE(watcher->hasNotificationActive());
+  EXPECT_FALSE(watcher->subscribed());
+  EXPECT_FALSE(watcher->nodeFlag(Fenrik::NodeFlag::kivDoZombieReactors));
+}
+
+TEST(Attribute, ThePointerThatGivesWayLivesUntilItsReplacementWasAnnounced) {
+  std::string ended;
+  const auto lamp = ptrIsImpl<Lamp>(1);
+  lamp->nextIs(ptrIsImpl<Lamp>(2));
+  lamp->next()->ended = &ended;
+  std::string endedWhenHeard = "not heard";
+  Ear ear;
+  ear.hear = [&](const Change&) { endedWhenHeard = ended; };
+  ear.attach(*lamp->publisher());
+  lamp->nextIs(ptrIsImpl<Lamp>(3));
+  EXPECT_EQ(endedWhenHeard, "");
+  EXPECT_EQ(ended, "ended");
+}
+
+TEST(Attribute, TheModuleListsClassesAndAttributesInOrder) {
+  const Kiv::KivType type = ptrIsImpl<Lamp>(1)->typeData();
+  ASSERT_TRUE(type.valid());
+  EXPECT_EQ(type.module()->name, "LampTest");
+  EXPECT_EQ(type.index(), 0);
+  EXPECT_EQ(ptrIsImpl<Watcher>(nullptr)->typeData().index(), 1);
+  std::string rows;
+  for (const Kiv::AttributeFact& row : type.facts()->attributes) {
+    rows += fmt::format("{} {} {};", row.fieldId.number(), row.name, static_cast<int>(row.kind));
+  }
+  EXPECT_EQ(rows, "130 brightness 0;131 next 1;134 switchCnt 0;137 blink 4;");
+  EXPECT_EQ(type.attribute("switchCnt")->fieldId, FieldId(134));
+  EXPECT_EQ(type.attribute(FieldId(132)), nullptr);
+}
+
+TEST(Attribute, ExceptionsOfMutatorsNameModuleClassAndAttribute) {
+  const Kiv::KivType type = Kiv::typeOf<Lamp>();
+  const auto messageOf = [&](auto&& raise) {
+    std::string message;
+    try {
+      raise(type.module(), type.index(), FieldId(131));
+    } catch (const Fenrik::MutatorException& e) {
+      EXPECT_EQ(e.type(), type);
+      EXPECT_EQ(e.fieldId(), FieldId(131));
+      message = e.msg().str();
+    }
+    return message;
+  };
+  const std::string place = "Lamp.next (module LampTest, type 0, attribute 131)";
+  EXPECT_NE(messageOf(Kiv::throwMutatorArgNullPointerException).find(place), std::string::npos);
+  EXPECT_NE(messageOf(Kiv::Impl::throwMutatorReinstantiating).find(place), std::string::npos);
+}
+
+TEST(Publisher, TheFirstWordSaysWhetherAnybodyListens) {
+  Publisher publisher;
+  const auto firstWord = [&] { return *reinterpret_cast<const std::uintptr_t*>(&publisher); };
+  EXPECT_EQ(firstWord(), 1u);
+  {
+    Ear ear;
+    ear.attach(publisher);
+    EXPECT_NE(firstWord(), 1u);
+    ear.unsubscribe();
+    EXPECT_EQ(firstWord(), 1u);
+    EXPECT_EQ(ear.dispatch(), nullptr);
+    ear.attach(publisher);
+  }
+  EXPECT_EQ(firstWord(), 1u) << "a subscriber that goes leaves its publisher";
+}
+
+TEST(Publisher, ChangesArriveAsTheyWereGiven) {
+  Publisher publisher;
+  std::vector<Change> heard;
+  Ear ear;
+  ear.hear = [&](const Change& change) { heard.push_back(change); };
+  ear.attach(publisher);
+  const int key = 1;
+  const int value = 2;
+  const auto isEq = [](const void*, const void*) noexcept { return true; };
+  publisher.publishChange(FieldId(3), &value);
+  publisher.publishChangeRecursive(FieldId(4), &key, &value, isEq);
+  ASSERT_EQ(heard.size(), 2u);
+  EXPECT_EQ(heard[0].kind, Change::Kind::plain);
+  EXPECT_EQ(heard[0].value, &value);
+  EXPECT_EQ(heard[1].kind, Change::Kind::recursive);
+  EXPECT_EQ(heard[1].key, &key);
+  EXPECT_EQ(heard[1].isEq, +isEq);
+}
+
+/// Subscribers come and go while they are told, also in announcements made within announcements.
+TEST(Publisher, EveryListenerIsToldOnceHoweverTheListChangesMeanwhile) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(fmt::format("seed {}", seed));
+  std::mt19937 random(seed);
+  for (int round = 0; round < 300; ++round) {
+    Publisher publisher;
+    std::array<Ear, 8> ears;
+    for (std::size_t i = 0; i < ears.size(); ++i) ears[i].attach(publisher, random() % 2 == 0);
+    int turn = 0;
+    int depth = 0;
+    std::vector<std::pair<int, std::size_t>> told;
+    for (std::size_t i = 0; i < ears.size(); ++i) {
+      ears[i].hear = [&, i](const Change& change) {
+        told.emplace_back(change.fieldId.number(), i);
+        for (int n = 0; n < 2; ++n) {
+          Ear& other = ears[random() % ears.size()];
+          if (other.subscribed()) {
+            other.unsubscribe();
+          } else {
+            other.attach(publisher, random() % 2 == 0);
+          }
+        }
+        if (depth < 2 && random() % 4 == 0) {
+          ++depth;
+          publisher.publishChange(FieldId(static_cast<std::uint16_t>(++turn)), nullptr);
+          --depth;
+        }
+      };
+    }
+    const std::size_t attached = static_cast<std::size_t>(
+        std::ranges::count_if(ears, [](const Ear& ear) { return ear.subscribed(); }));
+    publisher.publishChange(FieldId(0), nullptr);
+    EXPECT_FALSE(told.empty());
+    EXPECT_LE(std::ranges::count(told, 0, &std::pair<int, std::size_t>::first),
+              static_cast<std::ptrdiff_t>(attached));
+    EXPECT_GE(std::ranges::count(told, 0, &std::pair<int, std::size_t>::first), 1);
+    std::ranges::sort(told);
+    EXPECT_TRUE(std::ranges::adjacent_find(told) == told.end()) << "told twice of one change";
+  }
+}
+
+TEST(Publisher, AListenerMayEndTheObjectThatItHears) {
+  auto publisher = std::make_unique<Publisher>();
+  std::vector<std::string> told;
+  Ear first;
+  Ear second;
+  first.hear = [&](const Change& change) {
+    told.push_back("first");
+    if (change.fieldId == FieldId(1)) {
+      publisher->publishChange(FieldId(2), nullptr);
+      publisher.reset();
+    }
+  };
+  second.hear = [&](const Change&) { told.push_back("second"); };
+  first.attach(*publisher);
+  second.attach(*publisher);
+  publisher->publishChange(FieldId(1), nullptr);
+  EXPECT_EQ(told, (std::vector<std::string>{"first", "first", "second"}));
+  EXPECT_FALSE(second.subscribed());
+}
+
+TEST(String, GrowsOnBothSidesEvenByItselfAndFormats) {
+  Fenrik::String text("table");
+  text.addLeft("/");
+  text.addRight(text.view());
+  EXPECT_EQ(text, "/table/table");
+  text.addLeft(text.view().substr(6));
+  EXPECT_EQ(text, "/table/table/table");
+  EXPECT_EQ("a" + Fenrik::String("b") + "c" + Fenrik::String("d"), "abcd");
+  EXPECT_EQ(Fenrik::formatString("{:>6}|{}", Fenrik::String("ab"), 3), "    ab|3");
+  EXPECT_EQ(std::string(Fenrik::String("x").data()), "x");
+  const Fenrik::String copy = text;
+  text += "!";
+  EXPECT_NE(copy, text);
+  EXPECT_LT(Fenrik::String("a"), Fenrik::String("b"));
+}
+
+}  // namespace
