@@ -1,0 +1,124 @@
+#pragma once
+
+#include <span>
+
+#include "Drift/DriftFile.h"
+#include "Fenrik/Export.h"
+
+namespace Drift {
+
+/// What a reader finds at a version.
+enum class DenseRead {
+  found,
+  notYet,  ///< the version lies behind the newest record
+  gone,    ///< the version was removed, or lies before the oldest record
+};
+
+/// Reads a dense collection: a ring of records that is addressed by the version itself.
+///
+/// Process and thread: any number of readers in any process beside the one writer; a view belongs
+/// to one thread.
+///
+/// I1. A record is given whole and under its own version, or not at all: its seal covers version
+///     and content, so that an older lap of the ring never passes for it.
+/// I2. Bytes that cannot be what a writer stored end in `Fenrik::CorruptionDetectedException`.
+class QUARNBASTIL_EXPORT DenseView {
+ public:
+  explicit DenseView(const DriftFile& file);
+
+  Word recordWords() const noexcept { return recordWords_; }
+
+  /// Oldest version of the window and the one behind its newest; equal when it is empty.
+  struct Window {
+    Word first;
+    Word next;
+  };
+  Window window() const;
+
+  Word size() const;
+
+  DenseRead find(Word version, std::span<Word> out) const;
+
+  /// Copies the first record whose version is not below `version`, and stores its version there;
+  /// false if there is none.
+  bool findFrom(Word& version, std::span<Word> out) const;
+
+ private:
+  friend class DenseWriter;
+
+  enum class Slot { whole, absent, torn };
+
+  const Word* slotOf(Word version) const noexcept;
+  const Word* sideSlot() const noexcept;
+  Word line(const CheckedWord& word, const char* name) const;
+  Slot copySlot(const Word* slot, Word version, std::span<Word> out) const noexcept;
+  [[noreturn]] void corrupt(const char* what, Word version) const;
+
+  const DriftFile* file_;
+  Word recordWords_;
+  Word mask_;
+  CheckedWord first_;
+  CheckedWord next_;
+  CheckedWord holes_;
+  CheckedWord redirect_;
+};
+
+/// Writes a dense collection. At every instant a version has its old record or its new one, for
+/// readers and for the process that takes over after this one's death.
+class QUARNBASTIL_EXPORT DenseWriter {
+ public:
+  /// Takes the collection over. Costs the same whatever the length of the log: no record is read,
+  /// but in the rare case that the last writer died while it changed the number of holes.
+  explicit DenseWriter(DriftFile& file);
+
+  const DenseView& view() const noexcept { return view_; }
+
+  /// Stores the record under its version, the first word of the record. At the end of the window it
+  /// is appended; elsewhere it is inserted or replaces the record that is there. Throws
+  /// `CollectionFullException` or `NoSpaceException` with nothing changed.
+  void set(std::span<const Word> record);
+  /// Removes the version's record; false if there is none.
+  bool remove(Word version);
+  /// Removes everything; the next version stays what it was.
+  void removeAll();
+
+  /// The version behind the newest record that was ever stored.
+  Word next() const noexcept { return next_.value(); }
+
+ private:
+  Word* slotOf(Word version) noexcept { return const_cast<Word*>(view_.slotOf(version)); }
+  Word stride() const noexcept { return file_.header().slotStride; }
+  bool empty() const noexcept { return first_.value() == next_.value(); }
+  /// Chunks of the ring are numbered on over its laps, as versions are.
+  Word chunkOf(Word version, Word offsetInSlot) const noexcept;
+  Word chunkBegin(Word chunk) const noexcept;
+  void finishRedirect();
+  void recountHoles();
+  void reserveFor(Word firstVersion, Word lastVersion);
+  void reserveChunk(Word chunk);
+  void giveBackBefore(Word version) noexcept;
+  void giveBackOutside() noexcept;
+  void fillSlot(Word* slot, std::span<const Word> record) noexcept;
+  void markAbsent(Word version) noexcept;
+  void checkRoom(Word first, Word next) const;
+  void append(std::span<const Word> record);
+  void moveEnd(CheckedWordWriter& end, Word value, Word absent) noexcept;
+  void prepend(std::span<const Word> record);
+  void replace(std::span<const Word> record);
+  void changeHoles(Word version, Word holes, bool absent, std::span<const Word> record);
+  bool isAbsent(Word version) const noexcept;
+
+  DriftFile& file_;
+  DenseView view_;
+  Word mask_;
+  Word chunksPerLap_;
+  CheckedWordWriter first_;
+  CheckedWordWriter next_;
+  CheckedWordWriter holes_;
+  CheckedWordWriter redirect_;
+  /// Memory is there for all chunks from `reservedFrom_` up to `reservedTo_`, the latter excluded.
+  Word reservedFrom_ = 0;
+  Word reservedTo_ = 0;
+};
+
+}  // namespace Drift

@@ -1,0 +1,99 @@
+#include "Drift/DenseCollection.h"
+
+namespace Drift {
+
+namespace {
+
+/// As in the hashed collection: this many changes in one read are no changes.
+constexpr int kAttempts = 10000;
+constexpr Word kHolesChanging = Word{1} << 63;
+
+}  // namespace
+
+DenseView::DenseView(const DriftFile& file)
+    : file_(&file),
+      recordWords_(Format::paddedSize(file.header().recordSize) / sizeof(Word)),
+      mask_(file.header().slotCount - 1),
+      first_(file.data(), Format::Line::first),
+      next_(file.data(), Format::Line::next),
+      holes_(file.data(), Format::Line::holes),
+      redirect_(file.data(), Format::Line::redirect) {}
+
+const Word* DenseView::slotOf(Word version) const noexcept {
+  return file_->words(file_->header().slotsOffset + (version & mask_) * file_->header().slotStride);
+}
+
+const Word* DenseView::sideSlot() const noexcept {
+  return file_->words(file_->header().slotsOffset + (mask_ + 1) * file_->header().slotStride);
+}
+
+void DenseView::corrupt(const char* what, Word version) const {
+  throw Fenrik::CorruptionDetectedException(
+      Fenrik::formatString("{}: {} (version {})", file_->path(), what, version));
+}
+
+Word DenseView::line(const CheckedWord& word, const char* name) const {
+  const auto value = word.load();
+  if (!value) corrupt(name, 0);
+  return *value;
+}
+
+DenseView::Window DenseView::window() const {
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const Word first = line(first_, "the low end of the log does not prove itself");
+    const Word next = line(next_, "the high end of the log does not prove itself");
+    if (next >= first && next - first <= mask_ + 1) return {first, next};
+    // The two are changed one after the other: a window that cannot be is looked at again.
+    if (line(first_, "the low end of the log does not prove itself") == first && attempt > 0) {
+      if (next < first) return {first, first};
+    }
+  }
+  corrupt("the ends of the log are further apart than the log is long", next_.load().value_or(0));
+}
+
+Word DenseView::size() const {
+  const Window at = window();
+  const Word holes =
+      line(holes_, "the number of absent versions does not prove itself") & ~kHolesChanging;
+  const Word span = at.next - at.first;
+  return holes > span ? 0 : span - holes;
+}
+
+DenseView::Slot DenseView::copySlot(const Word* slot, Word version,
+                                    std::span<Word> out) const noexcept {
+  const Word seal = loadWord(slot);
+  const auto low = static_cast<std::uint32_t>(version);
+  if (Seal::lowOf(seal) != low) return Slot::torn;
+  if (seal == Seal::absentSeal(low)) return Slot::absent;
+  const std::uint32_t crc = Seal::kLoops.copyOut(out.data(), slot + 1, recordWords_, low);
+  return Seal::sealWord(crc, low) == seal && out[0] == version ? Slot::whole : Slot::torn;
+}
+
+DenseRead DenseView::find(Word version, std::span<Word> out) const {
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const Window at = window();
+    if (version < at.first) return DenseRead::gone;
+    if (version >= at.next) return DenseRead::notYet;
+    const Word stamp = redirect_.stamp();
+    const bool aside = line(redirect_, "the redirection does not prove itself") == version + 1;
+    const Slot slot = copySlot(aside ? sideSlot() : slotOf(version), version, out);
+    if (redirect_.stamp() != stamp) continue;
+    if (slot == Slot::whole) return DenseRead::found;
+    if (slot == Slot::absent) return DenseRead::gone;
+    // Nothing was being replaced: either the window has moved on, or it is damage.
+    if (window().first <= version) corrupt("a record does not prove itself", version);
+  }
+  corrupt("it changes without end while it is read", version);
+}
+
+bool DenseView::findFrom(Word& version, std::span<Word> out) const {
+  for (;;) {
+    const Window at = window();
+    if (version < at.first) version = at.first;
+    if (version >= at.next) return false;
+    if (find(version, out) == DenseRead::found) return true;
+    ++version;
+  }
+}
+
+}  // namespace Drift

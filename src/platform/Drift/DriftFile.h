@@ -1,0 +1,92 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "Drift/Directory.h"
+#include "Drift/Header.h"
+#include "Fenrik/Export.h"
+
+namespace Drift {
+
+/// The mapped file of one collection.
+///
+/// A writer holds an exclusive lock on it for as long as the object lives; the lock goes with the
+/// process, however that ends. A reader maps it `PROT_READ` and needs no right beyond reading.
+///
+/// I1. Type, owner, mode, link count, exact size and header are verified on the descriptor before
+///     the first access through the mapping.
+/// I2. A file appears under its name only when it is whole.
+/// I3. A failed call leaves the files as they were.
+class QUARNBASTIL_EXPORT DriftFile {
+ public:
+  struct Options {
+    /// Memory for all records is reserved and mapped at once, and never given back.
+    bool reserveAll = false;
+  };
+
+  /// Opens the entity's collection for writing: takes over what is there, makes it if it is absent,
+  /// or makes it anew with `wiped` set if what is there is damaged or of another format. `stage()`
+  /// says which. Throws `MountException`.
+  static std::unique_ptr<DriftFile> openForWriting(const Directory& directory,
+                                                   std::string_view entityPath,
+                                                   const Geometry& geometry, Options options);
+
+  /// Opens it for reading. `geometry` may be null: then the file's own is used, once it has proved
+  /// to be consistent. Throws `MountException`.
+  static std::unique_ptr<DriftFile> openForReading(const Directory& directory,
+                                                   std::string_view entityPath,
+                                                   const Geometry* geometry);
+
+  ~DriftFile();
+  DriftFile(const DriftFile&) = delete;
+  DriftFile& operator=(const DriftFile&) = delete;
+
+  MountStage stage() const noexcept { return stage_; }
+  /// Why the collection was rebuilt: the path and what was found. Empty otherwise.
+  const Fenrik::String& reason() const noexcept { return reason_; }
+  const std::string& path() const noexcept { return path_; }
+  const Format::FixedHeader& header() const noexcept { return header_; }
+  const Options& options() const noexcept { return options_; }
+
+  const std::byte* data() const noexcept { return data_; }
+  std::byte* data() noexcept { return data_; }
+  const Word* words(Word offset) const noexcept {
+    return reinterpret_cast<const Word*>(data_ + offset);
+  }
+  Word* words(Word offset) noexcept { return reinterpret_cast<Word*>(data_ + offset); }
+
+  /// Reserves memory behind a part of the file; throws `NoSpaceException`, with nothing changed,
+  /// when the file system has none.
+  void reserve(Word offset, Word size);
+  /// Gives the memory behind a part of the file back; its bytes then read as zero. False where all
+  /// is reserved for good or the file system cannot do it: nothing has changed then.
+  bool giveBack(Word offset, Word size) noexcept;
+
+  /// True when the name leads to another file by now: this one was rebuilt or removed.
+  bool replaced() const;
+
+  /// Moves the doorbell and wakes who sleeps on it.
+  void ring() noexcept;
+  std::uint32_t doorbell() const noexcept;
+  /// Sleeps until the doorbell differs from `seen` or the time is over; true if it differs.
+  bool waitForRing(std::uint32_t seen, std::chrono::nanoseconds timeout) const;
+
+ private:
+  friend class DriftFileOpener;
+  DriftFile() = default;
+
+  const Directory* directory_ = nullptr;
+  std::string fileName_;
+  std::string path_;
+  Descriptor fd_;
+  Options options_;
+  MountStage stage_ = MountStage::ok;
+  Fenrik::String reason_;
+  Format::FixedHeader header_{};
+  std::byte* data_ = nullptr;
+};
+
+}  // namespace Drift

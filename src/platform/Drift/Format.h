@@ -1,0 +1,130 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+/// The layout of a collection's file. Plain facts: docs/shared-memory.md tells the same to a reader
+/// in another language, and the two must agree. All numbers are little-endian.
+///
+///     0        fixed header, then `ready`, then the mutable words, one cache line each
+///     4096     hashed: index table 0, index table 1; dense: nothing
+///     ...      slots
+namespace Drift::Format {
+
+using Word = std::uint64_t;
+
+/// "QBDRIFT1" as bytes in the file.
+inline constexpr Word kMagic = 0x3154464952444251;
+inline constexpr std::uint32_t kVersion = 1;
+/// Byte order and word size of the writer: reads differently on a machine that cannot share.
+inline constexpr Word kAbi = 0x0807060504030208;
+/// What `ready` holds once the file is whole ("QBREADY!").
+inline constexpr Word kReady = 0x2159444145524251;
+
+inline constexpr std::size_t kPageSize = 4096;
+inline constexpr std::size_t kLineSize = 64;
+inline constexpr std::size_t kHeaderSize = kPageSize;
+
+enum class Layout : std::uint32_t { dense = 1, hashed = 2 };
+
+/// Longest key; the nine tables need 12 bytes.
+inline constexpr std::size_t kMaxKeySize = 64;
+inline constexpr std::size_t kTypeNameSize = 128;
+inline constexpr std::size_t kAttributeNameSize = 64;
+
+/// Written once, before `ready`.
+struct FixedHeader {
+  Word magic;
+  std::uint32_t formatVersion;
+  Layout layout;
+  Word abi;
+  std::uint32_t keySize;     ///< bytes of the key, which begins the record
+  std::uint32_t recordSize;  ///< bytes of the record
+  std::uint32_t slotStride;  ///< bytes from one slot to the next: seal word and padded record
+  std::uint32_t spare;
+  Word capacity;    ///< records that the collection may hold
+  Word slotCount;   ///< slots in the file; a power of two in a dense collection
+  Word indexWords;  ///< words of one index table, a power of two; 0 in a dense collection
+  Word slotsOffset;
+  Word fileSize;
+  Word hashSeed;
+  std::uint8_t bootId[16];  ///< the boot in which the file was made
+  char typeName[kTypeNameSize];
+  char attributeName[kAttributeNameSize];
+  std::uint32_t spare2;
+  std::uint32_t checksum;  ///< CRC32C of everything before it
+};
+static_assert(sizeof(FixedHeader) == 304 && offsetof(FixedHeader, layout) == 12 &&
+              offsetof(FixedHeader, keySize) == 24 && offsetof(FixedHeader, slotStride) == 32 &&
+              offsetof(FixedHeader, capacity) == 40 && offsetof(FixedHeader, slotCount) == 48 &&
+              offsetof(FixedHeader, indexWords) == 56 && offsetof(FixedHeader, slotsOffset) == 64 &&
+              offsetof(FixedHeader, fileSize) == 72 && offsetof(FixedHeader, hashSeed) == 80 &&
+              offsetof(FixedHeader, bootId) == 88 && offsetof(FixedHeader, typeName) == 104 &&
+              offsetof(FixedHeader, attributeName) == 232 &&
+              offsetof(FixedHeader, checksum) == 300);
+
+/// Offset of the word that says that the file is whole.
+inline constexpr std::size_t kReadyOffset = 320;
+
+/// The mutable words, in the order of their lines. A line holds the value twice, each with a check
+/// word: value, check, value, check. The check's upper half is a running number, its lower half the
+/// CRC32C of running number, value and line; the first copy is always written first.
+enum class Line : std::uint32_t {
+  active = 0,      ///< hashed: bit 0 the index table in use, above it the number of switches
+  first = 1,       ///< dense: lowest version of the window
+  next = 2,        ///< dense: version after the window
+  holes = 3,       ///< dense: versions within the window that are absent; bit 63: being changed
+  redirect = 4,    ///< dense: 1 plus the version whose record stands in the side slot, or 0
+  live0 = 5,       ///< hashed: records of index table 0
+  live1 = 6,       ///< hashed: records of index table 1
+  reserved = 7,    ///< hashed: slots that have had memory behind them, a bound for readers
+  scratchpad = 8,  ///< the owner's 64-bit value
+  wiped = 9,       ///< 1: what was here could not be used, and was rebuilt empty
+  writerGeneration = 10,  ///< how often a writer has mounted the file
+  announced = 11,         ///< dense: the version up to which a follower may go
+  writer = 12,            ///< process id of the last writer, for people
+};
+inline constexpr std::size_t kLineCount = 13;
+inline constexpr std::size_t kLinesOffset = 384;
+constexpr std::size_t lineOffset(Line line) {
+  return kLinesOffset + static_cast<std::size_t>(line) * kLineSize;
+}
+
+/// A 32-bit number that moves with every ring of the bell; processes sleep on it (futex).
+inline constexpr std::size_t kDoorbellOffset = kLinesOffset + kLineCount * kLineSize;
+static_assert(kDoorbellOffset + kLineSize <= kHeaderSize);
+
+/// Index word of a hashed collection:
+///
+///     bits  0..21  slot number plus 1; 0 in a tombstone
+///          22..33  low bits of the record's running number
+///          34..39  tag: bits 58..63 of the key's hash
+///          40..47  displacement: how far behind the key's home bucket the word stands
+///          48..63  check: low half of the CRC32C of the six bytes below
+///
+/// 0 is an empty bucket. The home bucket is the low bits of the key's hash.
+inline constexpr unsigned kSlotBits = 22;
+inline constexpr unsigned kSequenceBits = 12;
+inline constexpr unsigned kTagBits = 6;
+inline constexpr unsigned kDisplacementBits = 8;
+static_assert(kSlotBits + kSequenceBits + kTagBits + kDisplacementBits == 48);
+inline constexpr std::size_t kMaxDisplacement = (1U << kDisplacementBits) - 1;
+inline constexpr Word kMaxSlots = (Word{1} << kSlotBits) - 2;
+
+/// Slots above the capacity of a hashed collection: a replaced record's slot rests this long before
+/// it is used again, so that a reader that is copying it finishes undisturbed.
+inline constexpr Word kRestingSlots = 64;
+
+/// The seal, first word of a slot: CRC32C in the upper half over the lower half and the padded
+/// record; the lower half is the record's running number (hashed) or the low half of its version
+/// (dense). An absent version within a dense window has this value added to its CRC's input.
+inline constexpr std::size_t kSealSize = 8;
+
+constexpr std::size_t paddedSize(std::size_t size) { return (size + 7) / 8 * 8; }
+
+/// Memory behind slots is reserved and given back in pieces of this size: large enough that the
+/// system call vanishes among the records of a piece (about 1,900 of the largest), small enough
+/// that an idle table holds little.
+inline constexpr std::size_t kChunkSize = 1 << 20;
+
+}  // namespace Drift::Format

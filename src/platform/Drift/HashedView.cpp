@@ -1,0 +1,211 @@
+#include <algorithm>
+#include <array>
+
+#include "Drift/HashedCollection.h"
+
+namespace Drift {
+
+namespace {
+
+/// A reader that meets this many changes in one read has met something else: a writer needs some
+/// hundred nanoseconds a change, a read less than one of them.
+constexpr int kAttempts = 10000;
+
+enum Outcome : int { kAbsent, kFound, kAgain };
+
+bool keyLess(KeyWords a, const Word* b) {
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (a[i] != b[i]) return a[i] < b[i];
+  }
+  return false;
+}
+
+}  // namespace
+
+Word hashKey(KeyWords key, Word seed) noexcept {
+  // Multiplier: 2^64 divided by the golden ratio (Knuth, vol. 3, 6.4); each word is mixed and
+  // folded.
+  constexpr Word kMultiplier = 0x9e3779b97f4a7c15;
+  Word hash = seed;
+  for (const Word word : key) {
+    hash = (hash ^ word) * kMultiplier;
+    hash ^= hash >> 32;
+  }
+  hash *= kMultiplier;
+  return hash ^ (hash >> 29);
+}
+
+HashedView::HashedView(const DriftFile& file)
+    : file_(&file),
+      keyWords_(Format::paddedSize(file.header().keySize) / sizeof(Word)),
+      recordWords_(Format::paddedSize(file.header().recordSize) / sizeof(Word)),
+      mask_(file.header().indexWords - 1),
+      activeWord_(file.data(), Format::Line::active),
+      reservedWord_(file.data(), Format::Line::reserved),
+      candidate_(recordWords_) {}
+
+const Word* HashedView::table(Word active) const noexcept {
+  return file_->words(Format::kHeaderSize) + (active & 1) * (mask_ + 1);
+}
+
+const Word* HashedView::slotWords(Word slot) const noexcept {
+  return file_->words(file_->header().slotsOffset + slot * file_->header().slotStride);
+}
+
+void HashedView::corrupt(const char* what, const char* place, Word at) const {
+  throw Fenrik::CorruptionDetectedException(
+      Fenrik::formatString("{}: {} ({} {})", file_->path(), what, place, at));
+}
+
+void HashedView::restless() const {
+  corrupt("it changes without end while it is read", "after attempts", kAttempts);
+}
+
+Word HashedView::active() const {
+  const auto value = activeWord_.load();
+  if (!value) corrupt("the word that names the index in use does not prove itself", "line", 0);
+  return *value;
+}
+
+Word HashedView::reserved() const {
+  const auto value = reservedWord_.load();
+  if (!value) corrupt("the word that bounds the slots in use does not prove itself", "line", 7);
+  return std::min(*value, file_->header().slotCount);
+}
+
+Word HashedView::size() const {
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const Word before = active();
+    const auto line = (before & 1) == 0 ? Format::Line::live0 : Format::Line::live1;
+    const auto value = CheckedWord(file_->data(), line).load();
+    if (active() != before) continue;
+    if (!value) corrupt("the number of records does not prove itself", "table", before & 1);
+    return *value;
+  }
+  restless();
+}
+
+HashedView::Slot HashedView::copySlot(const IndexWord& word, RecordWords out) const noexcept {
+  const Word* const words = slotWords(word.slot);
+  const Word seal = loadWord(words);
+  if (IndexWord::sequenceOf(Seal::lowOf(seal)) != word.sequence) return Slot::torn;
+  const std::uint32_t crc =
+      Seal::kLoops.copyOut(out.data(), words + 1, recordWords_, Seal::lowOf(seal));
+  return Seal::sealWord(crc, Seal::lowOf(seal)) == seal ? Slot::whole : Slot::torn;
+}
+
+/// Whether the record is one that the index word at this bucket may lead to.
+bool HashedView::belongs(const IndexWord& word, Word bucket, RecordWords record) const noexcept {
+  const Word hash = hashKey(record.first(keyWords_), file_->header().hashSeed);
+  return word.tag == IndexWord::tagOf(hash) && ((hash + word.displacement) & mask_) == bucket;
+}
+
+/// Copies the record to which the bucket's word `seen` leads. `torn` means that the bucket has
+/// changed since; a bucket that has not, over a record that is not whole, is damage.
+HashedView::Slot HashedView::readSlot(const Word* bucket, Word seen, RecordWords out,
+                                      Word reserved) const {
+  const IndexWord word = IndexWord::from(seen);
+  const auto position = static_cast<Word>(bucket - table(0)) & mask_;
+  const bool inside = word.slot < reserved;
+  if (inside && copySlot(word, out) == Slot::whole && loadWord(bucket) == seen) {
+    if (!belongs(word, position, out)) {
+      corrupt("an index word leads to another key's record", "bucket", position);
+    }
+    return Slot::whole;
+  }
+  if (loadWord(bucket) != seen) return Slot::torn;
+  if (!inside) {
+    // The bound may have moved before the word was published and after we read it.
+    if (word.slot < this->reserved()) return Slot::torn;
+    corrupt("an index word leads behind the last slot", "bucket", position);
+  }
+  // The same word may have come back over another record; a second look at rest decides.
+  if (copySlot(word, out) == Slot::whole || loadWord(bucket) != seen) return Slot::torn;
+  corrupt("a record does not prove itself", "slot", word.slot);
+}
+
+int HashedView::findOnce(KeyWords key, Word hash, RecordWords out) const {
+  const Word before = active();
+  const Word bound = reserved();
+  const Word* const words = table(before);
+  const Word tag = IndexWord::tagOf(hash);
+  for (Word displacement = 0; displacement <= Format::kMaxDisplacement; ++displacement) {
+    const Word* const bucket = words + ((hash + displacement) & mask_);
+    const Word seen = loadWord(bucket);
+    if (seen == IndexWord::kEmpty) break;
+    if (!IndexWord::intact(seen)) {
+      if (loadWord(bucket) != seen) return kAgain;
+      corrupt("an index word does not prove itself", "bucket", (hash + displacement) & mask_);
+    }
+    const IndexWord word = IndexWord::from(seen);
+    if (IndexWord::isTombstone(seen) || word.tag != tag || word.displacement != displacement) {
+      continue;
+    }
+    if (readSlot(bucket, seen, out, bound) == Slot::torn) return kAgain;
+    if (std::ranges::equal(key, out.first(keyWords_))) return active() == before ? kFound : kAgain;
+  }
+  return active() == before ? kAbsent : kAgain;
+}
+
+bool HashedView::find(KeyWords key, RecordWords out) const {
+  const Word hash = hashKey(key, file_->header().hashSeed);
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const int outcome = findOnce(key, hash, out);
+    if (outcome != kAgain) return outcome == kFound;
+  }
+  restless();
+}
+
+WalkPosition HashedView::positionOf(KeyWords key) const noexcept {
+  return {hashKey(key, file_->header().hashSeed) & mask_, true};
+}
+
+/// Finds, among the records whose home is `home`, the one with the smallest key behind `after`
+/// (null: the smallest of all).
+int HashedView::nextInBucket(Word active, Word home, const KeyWords* after, RecordWords out) const {
+  const Word* const words = table(active);
+  bool found = false;
+  Word bound = 0;
+  for (Word displacement = 0; displacement <= Format::kMaxDisplacement; ++displacement) {
+    const Word* const bucket = words + ((home + displacement) & mask_);
+    const Word seen = loadWord(bucket);
+    if (seen == IndexWord::kEmpty) break;
+    if (!IndexWord::intact(seen)) {
+      if (loadWord(bucket) != seen) return kAgain;
+      corrupt("an index word does not prove itself", "bucket", (home + displacement) & mask_);
+    }
+    if (IndexWord::isTombstone(seen) || IndexWord::from(seen).displacement != displacement) {
+      continue;
+    }
+    if (bound == 0) bound = reserved();
+    if (readSlot(bucket, seen, candidate_, bound) == Slot::torn) return kAgain;
+    if (after != nullptr && !keyLess(*after, candidate_.data())) continue;
+    if (found && !keyLess(KeyWords(candidate_).first(keyWords_), out.data())) continue;
+    std::ranges::copy(candidate_, out.begin());
+    found = true;
+  }
+  return found ? kFound : kAbsent;
+}
+
+bool HashedView::next(WalkPosition& position, KeyWords after, RecordWords out) const {
+  // The caller may give the key within `out`, which is overwritten.
+  std::array<Word, Format::kMaxKeySize / sizeof(Word)> copy;
+  std::ranges::copy(after, copy.begin());
+  const KeyWords key(copy.data(), after.size());
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const Word before = active();
+    int outcome = kAbsent;
+    Word bucket = position.bucket;
+    if (position.started) outcome = nextInBucket(before, bucket++, &key, out);
+    while (outcome == kAbsent && bucket <= mask_) {
+      outcome = nextInBucket(before, bucket++, nullptr, out);
+    }
+    // Buckets that were passed count only if they belonged to the index in use until now.
+    if (outcome == kAgain || active() != before) continue;
+    if (outcome == kFound) position = {bucket - 1, true};
+    return outcome == kFound;
+  }
+  restless();
+}
+
+}  // namespace Drift

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "Drift/Seal.h"
+#include "Drift/SharedWords.h"
+
+namespace Drift::Seal::Impl {
+
+/// The loops over one way to step a CRC register: `Step::step(crc, word)`.
+template <class Step>
+struct LoopsOver {
+  static std::uint32_t fold(std::uint32_t low, std::uint32_t a, std::uint32_t b, std::uint32_t c,
+                            std::uint32_t d) {
+    std::uint32_t crc = Step::step(~0U, low);
+    crc = Step::step(crc, Word{a} | (Word{b} << 32));
+    return ~Step::step(crc, Word{c} | (Word{d} << 32));
+  }
+
+  template <class Move>
+  static std::uint32_t run(std::size_t count, std::uint32_t low, Move move) {
+    std::uint32_t a = ~0U, b = ~0U, c = ~0U, d = ~0U;
+    std::size_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+      a = Step::step(a, move(i));
+      b = Step::step(b, move(i + 1));
+      c = Step::step(c, move(i + 2));
+      d = Step::step(d, move(i + 3));
+    }
+    if (i < count) a = Step::step(a, move(i));
+    if (i + 1 < count) b = Step::step(b, move(i + 1));
+    if (i + 2 < count) c = Step::step(c, move(i + 2));
+    return fold(low, a, b, c, d);
+  }
+
+  static std::uint32_t copyOut(Word* out, const Word* shared, std::size_t count,
+                               std::uint32_t low) {
+    return run(count, low, [=](std::size_t i) { return out[i] = loadWord(shared + i); });
+  }
+
+  static std::uint32_t copyIn(Word* shared, const Word* in, std::size_t count, std::uint32_t low) {
+    return run(count, low, [=](std::size_t i) {
+      storeWord(shared + i, in[i]);
+      return in[i];
+    });
+  }
+
+  static std::uint32_t words(Word a, Word b, Word c) {
+    return ~Step::step(Step::step(Step::step(~0U, a), b), c);
+  }
+};
+
+}  // namespace Drift::Seal::Impl

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "Drift/Format.h"
+
+/// Access to memory that other processes see: arrays of 8-byte words, loads acquire and stores
+/// release, no fences.
+namespace Drift {
+
+using Format::Word;
+
+#ifdef QUARNBASTIL_KILL_POINTS
+/// Called after each store into shared memory by the build of these sources that the kill tests
+/// make for themselves.
+void killPoint() noexcept;
+#else
+inline void killPoint() noexcept {}
+#endif
+
+inline Word loadWord(const Word* word) noexcept { return __atomic_load_n(word, __ATOMIC_ACQUIRE); }
+
+inline void storeWord(Word* word, Word value) noexcept {
+  __atomic_store_n(word, value, __ATOMIC_RELEASE);
+  killPoint();
+}
+
+}  // namespace Drift
