@@ -133,6 +133,8 @@ int HashedView::findOnce(KeyWords key, Word hash, RecordWords out) const {
     const Word* const bucket = words + ((hash + displacement) & mask_);
     const Word seen = loadWord(bucket);
     if (seen == IndexWord::kEmpty) break;
+    const Word* const ahead = slotWords(std::min(IndexWord::from(seen).slot, bound));
+    for (Word line = 0; line <= recordWords_; line += 8) __builtin_prefetch(ahead + line);
     if (!IndexWord::intact(seen)) {
       if (loadWord(bucket) != seen) return kAgain;
       corrupt("an index word does not prove itself", "bucket", (hash + displacement) & mask_);
