@@ -185,7 +185,8 @@ void touchHeaders(benchmark::State& state) {
   Table& t = table();
   for (auto _ : state) {
     Word sum = 0;
-    for (const Word key : t.keys) sum += *t.file->words(t.file->header().slotsOffset + key * t.file->header().slotStride);
+    for (const Word key : t.keys)
+      sum += *t.file->words(t.file->header().slotsOffset + key * t.file->header().slotStride);
     benchmark::DoNotOptimize(sum);
   }
 }

@@ -105,7 +105,7 @@ class DriftFileOpener {
  public:
   DriftFileOpener(const Directory& directory, std::string_view entityPath)
       : directory_(directory), file_(new DriftFile) {
-    file_->directory_ = &directory;
+    file_->directory_ = Descriptor(::fcntl(directory.fd(), F_DUPFD_CLOEXEC, 0));
     file_->fileName_ = Directory::fileNameOf(entityPath);
     file_->path_ = directory.path() + "/" + file_->fileName_;
   }
@@ -271,6 +271,7 @@ class DriftFileOpener {
         ::mmap(nullptr, file_->header_.fileSize, protection, MAP_SHARED, file_->fd_.get(), 0);
     if (data == MAP_FAILED) fail(errno, "map");
     file_->data_ = static_cast<std::byte*>(data);
+    file_->writable_ = (protection & PROT_WRITE) != 0;
   }
 
   void noteWriter() {
@@ -426,7 +427,7 @@ bool DriftFile::replaced() const {
   struct stat mine {};
   struct stat named {};
   if (::fstat(fd_.get(), &mine) != 0) return true;
-  if (::fstatat(directory_->fd(), fileName_.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) return true;
+  if (::fstatat(directory_.get(), fileName_.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) return true;
   return mine.st_ino != named.st_ino || mine.st_dev != named.st_dev;
 }
 

@@ -44,6 +44,7 @@ class QUARNBASTIL_EXPORT DriftFile {
   DriftFile(const DriftFile&) = delete;
   DriftFile& operator=(const DriftFile&) = delete;
 
+  bool writable() const noexcept { return writable_; }
   MountStage stage() const noexcept { return stage_; }
   /// Why the collection was rebuilt: the path and what was found. Empty otherwise.
   const Fenrik::String& reason() const noexcept { return reason_; }
@@ -78,11 +79,12 @@ class QUARNBASTIL_EXPORT DriftFile {
   friend class DriftFileOpener;
   DriftFile() = default;
 
-  const Directory* directory_ = nullptr;
+  Descriptor directory_;
   std::string fileName_;
   std::string path_;
   Descriptor fd_;
   Options options_;
+  bool writable_ = false;
   MountStage stage_ = MountStage::ok;
   Fenrik::String reason_;
   Format::FixedHeader header_{};

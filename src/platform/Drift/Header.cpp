@@ -72,7 +72,7 @@ Format::FixedHeader headerOf(const Geometry& geometry) {
   FENRIK_ASSERT(geometry.keySize <= Format::kMaxKeySize);
   FENRIK_ASSERT(geometry.keySize > 0 && geometry.keySize <= geometry.recordSize);
   FENRIK_ASSERT(!dense || geometry.keySize == sizeof(Word));
-  FENRIK_ASSERT(geometry.capacity > 0 && geometry.capacity < Format::kMaxSlots / 2);
+  FENRIK_ASSERT(geometry.capacity > 0 && geometry.capacity <= kMaxCapacity);
   header.magic = Format::kMagic;
   header.formatVersion = Format::kVersion;
   header.layout = geometry.layout;
@@ -114,7 +114,7 @@ std::optional<Geometry> geometryOf(const Format::FixedHeader& header) {
                     header.keySize <= Format::kMaxKeySize && header.keySize <= header.recordSize &&
                     header.recordSize <= kMaxRecordSize &&
                     (!dense || header.keySize == sizeof(Word)) && header.capacity > 0 &&
-                    header.capacity < Format::kMaxSlots / 2 &&
+                    header.capacity <= kMaxCapacity &&
                     geometry.typeName.size() < Format::kTypeNameSize &&
                     geometry.attributeName.size() < Format::kAttributeNameSize;
   return sane ? std::optional(geometry) : std::nullopt;

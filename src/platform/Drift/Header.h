@@ -11,6 +11,9 @@
 
 namespace Drift {
 
+/// Bound of the declared capacity: twice as many buckets must be numbered.
+inline constexpr Word kMaxCapacity = Format::kMaxSlots / 2 - 1;
+
 /// What a collection is made of, as its user states it.
 struct Geometry {
   Format::Layout layout = Format::Layout::hashed;

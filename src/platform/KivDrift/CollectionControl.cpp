@@ -1,0 +1,40 @@
+#include "KivDrift/CollectionControl.h"
+
+#include "Fenrik/Assert.h"
+
+namespace KivDrift {
+
+CollectionControl::CollectionControl(Drift::DriftFile& file)
+    : file_(file), scratchpad_(file.data(), Drift::Format::Line::scratchpad) {
+  if (file.writable()) FENRIK_ASSERT(scratchpad_.adopt());
+}
+CollectionControl::~CollectionControl() = default;
+
+unsigned long long CollectionControl::load(Drift::Format::Line line, const char* what) const {
+  const auto value = Drift::CheckedWord(file_.data(), line).load();
+  if (value) return *value;
+  throw Fenrik::CorruptionDetectedException(
+      Fenrik::formatString("{}: {} does not prove itself", file_.path(), what));
+}
+
+unsigned long long CollectionControl::scratchpad() const {
+  return load(Drift::Format::Line::scratchpad, "the scratchpad");
+}
+
+void CollectionControl::scratchpadIs(unsigned long long value) { scratchpad_.set(value); }
+
+bool CollectionControl::wiped() const {
+  return load(Drift::Format::Line::wiped, "the wiped flag") != 0;
+}
+
+void CollectionControl::clearWiped() {
+  Drift::CheckedWordWriter wiped(file_.data(), Drift::Format::Line::wiped);
+  FENRIK_ASSERT(wiped.adopt());
+  wiped.set(0);
+}
+
+unsigned long long CollectionControl::writerGeneration() const {
+  return load(Drift::Format::Line::writerGeneration, "the writer generation");
+}
+
+}  // namespace KivDrift

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <memory>
+
+#include "Drift/DriftMap.h"
+#include "KivSharedMem/Entity.h"
+
+namespace KivSharedMem {
+
+/// An entity with one hashed collection of `Record`s. `Self` is the final class, which names its
+/// operations after its attribute.
+template <class Self, class Record>
+class QUARNBASTIL_EXPORT HashedCollection : public Fenrik::NodeClass<Self, Entity> {
+ public:
+  using Map = Drift::DriftMap<Record>;
+  using Layout = Drift::RecordLayout<Record>;
+  static constexpr Drift::Format::Layout kLayout = Drift::Format::Layout::hashed;
+
+  HashedCollection(const Fenrik::String& path, std::unique_ptr<Drift::DriftFile> file)
+      : Fenrik::NodeClass<Self, Entity>(path, std::move(file)),
+        map_(new Drift::HashedMap<Record>(this->file()), Fenrik::AdoptReference{}) {
+    if (this->file().writable()) {
+      writer_ = std::make_unique<Drift::HashedWriter>(this->mutableFile());
+    }
+  }
+
+  const Fenrik::Ptr<Map>& map() const noexcept { return map_; }
+
+ protected:
+  void recordIs(const Record& record) {
+    std::array<Drift::Word, Layout::kWords> words;
+    Layout::toWords(record, words.data());
+    writer().set(words);
+  }
+  void recordDel(const typename Layout::Key& key) {
+    std::array<Drift::Word, Layout::kKeyWords> words;
+    Layout::keyToWords(key, words.data());
+    writer().remove(words);
+  }
+  void recordDelAll() { writer().removeAll(); }
+
+ private:
+  Drift::HashedWriter& writer() {
+    FENRIK_ASSERT(writer_ != nullptr);
+    return *writer_;
+  }
+
+  Fenrik::Ptr<Map> map_;
+  std::unique_ptr<Drift::HashedWriter> writer_;
+};
+
+/// An entity with one dense collection of `Record`s, whose keys are versions.
+template <class Self, class Record>
+class QUARNBASTIL_EXPORT DenseCollection : public Fenrik::NodeClass<Self, Entity> {
+ public:
+  using Map = Drift::DriftMap<Record>;
+  using Layout = Drift::RecordLayout<Record>;
+  static constexpr Drift::Format::Layout kLayout = Drift::Format::Layout::dense;
+
+  DenseCollection(const Fenrik::String& path, std::unique_ptr<Drift::DriftFile> file)
+      : Fenrik::NodeClass<Self, Entity>(path, std::move(file)),
+        map_(new Drift::DenseMap<Record>(this->file()), Fenrik::AdoptReference{}) {
+    if (!this->file().writable()) return;
+    writer_ = std::make_unique<Drift::DenseWriter>(this->mutableFile());
+    // The counter follows each record; a death between the two left it one behind. What was logged
+    // counts, or its version would be issued a second time.
+    const auto& control = this->collectionControl();
+    if (control->scratchpad() + 1 < writer_->next()) control->scratchpadIs(writer_->next() - 1);
+  }
+
+  const Fenrik::Ptr<Map>& map() const noexcept { return map_; }
+
+ protected:
+  void recordIs(const Record& record) {
+    std::array<Drift::Word, Layout::kWords> words;
+    Layout::toWords(record, words.data());
+    writer().set(words);
+  }
+  void recordDel(Drift::Word version) { writer().remove(version); }
+
+ private:
+  Drift::DenseWriter& writer() {
+    FENRIK_ASSERT(writer_ != nullptr);
+    return *writer_;
+  }
+
+  Fenrik::Ptr<Map> map_;
+  std::unique_ptr<Drift::DenseWriter> writer_;
+};
+
+/// What the mount must know of a class `Self` over one of the two.
+template <class Self>
+EntityType entityTypeOf(std::string_view typeName, std::string_view attributeName) {
+  using Layout = typename Self::Layout;
+  return {typeName,
+          attributeName,
+          Self::kLayout,
+          Layout::kKeySize,
+          Layout::kRecordSize,
+          [](const Fenrik::String& path, std::unique_ptr<Drift::DriftFile> file) {
+            return Fenrik::Ptr<Entity>(Fenrik::ptrIsImpl<Self>(path, std::move(file)));
+          }};
+}
+
+}  // namespace KivSharedMem

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Drift/Directory.h"
+#include "Fenrik/NodeClass.h"
+#include "KivDrift/MountInfo.h"
+#include "KivSharedMem/Entity.h"
+
+namespace KivSharedMem {
+
+class EntityManager;
+
+/// Collects mounts and carries them out together.
+class QUARNBASTIL_EXPORT MountGroup : public Fenrik::NodeClass<MountGroup> {
+ public:
+  explicit MountGroup(Fenrik::Ptr<EntityManager> manager);
+  ~MountGroup() override;
+
+  /// One mount that was asked for.
+  class QUARNBASTIL_EXPORT Request : public Fenrik::NodeClass<Request> {
+   public:
+    Request(Fenrik::String path, Fenrik::String typeName, KivDrift::MountInfo info);
+    ~Request() override;
+
+    const Fenrik::String path;
+    const Fenrik::String typeName;
+    const KivDrift::MountInfo info;
+  };
+
+  /// Asks for the mount of one entity; it is carried out by `doClose`.
+  virtual Fenrik::Ptr<Request> mount(const Fenrik::String& path, const Fenrik::String& typeName,
+                                     const KivDrift::MountInfo& info);
+
+  /// Carries the mounts out, in the order in which they were asked for; they are complete on
+  /// return. An entity that is mounted already stays as it is. Throws `Drift::MountException`, with
+  /// the mounts before the failed one in place.
+  void doClose();
+
+ private:
+  Fenrik::Ptr<EntityManager> manager_;
+  std::vector<Fenrik::Ptr<Request>> requests_;
+};
+
+/// The shared-memory manager: a directory whose files are collections, and the entities of it that
+/// this process has mounted.
+///
+/// Threads: the table thread. Any number of managers, in any processes, may stand over one
+/// directory; a collection has one writer at a time.
+class QUARNBASTIL_EXPORT EntityManager final : public Fenrik::NodeClass<EntityManager> {
+ public:
+  /// Where the machine's managers have their directories.
+  static constexpr const char* kDefaultRoot = "/dev/shm";
+
+  /// Over a directory; an empty one means the manager's name below the default root. Throws
+  /// `Drift::MountException`.
+  EntityManager(const Fenrik::String& name, const Fenrik::String& directory,
+                Drift::Directory::Access access);
+  ~EntityManager() override;
+
+  /// The manager of a name, for writing. With `local` true the one that this process made itself
+  /// under the name, while it lives; otherwise, and with `local` false in any case, the machine's:
+  /// the directory of that name below the default root.
+  static Fenrik::Ptr<EntityManager> getEntityManager(const Fenrik::String& name, bool local);
+
+  Fenrik::Ptr<MountGroup> getMountGroup();
+
+  /// The mounted entity of the path, or null.
+  Fenrik::Ptr<Entity> getEntity(const Fenrik::String& path) const;
+
+  /// Paths of all entities of the directory, mounted or not, that begin with `prefix`; sorted.
+  std::vector<std::string> findEntities(const Fenrik::String& prefix) const;
+
+  /// Lets go of a mounted entity; its collection stays.
+  void entityDel(const Fenrik::String& path);
+
+  const Fenrik::String& name() const noexcept { return name_; }
+  const Drift::Directory& directory() const noexcept { return directory_; }
+
+ private:
+  friend class MountGroup;
+
+  void mount(const MountGroup::Request& request);
+
+  Fenrik::String name_;
+  Drift::Directory directory_;
+  std::map<Fenrik::String, Fenrik::Ptr<Entity>> entities_;
+};
+
+}  // namespace KivSharedMem
