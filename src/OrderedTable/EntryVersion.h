@@ -1,0 +1,54 @@
+#pragma once
+
+#include <limits>
+
+#include "OrderedTable/Number.h"
+
+namespace Asic {
+
+/// Counts operations in flight. A default value is not valid: there is none.
+class MajorVersion final
+    : public Number<MajorVersion, std::uint64_t, std::numeric_limits<std::uint64_t>::max()> {
+ public:
+  using Number::Number;
+
+  constexpr bool valid() const noexcept { return *this != MajorVersion(); }
+  constexpr MajorVersion next() const noexcept { return MajorVersion(value() + 1); }
+};
+
+/// Tells the operations apart that are in flight on one key at the same time. A default value is
+/// not valid.
+class EntryVersion final {
+ public:
+  static constexpr std::uint16_t kNoMinor = std::numeric_limits<std::uint16_t>::max();
+
+  constexpr EntryVersion() noexcept = default;
+  constexpr EntryVersion(MajorVersion major, std::uint16_t minor) noexcept
+      : major_(major), minor_(minor) {}
+
+  constexpr MajorVersion majorVersion() const noexcept { return major_; }
+  constexpr std::uint16_t minorVersion() const noexcept { return minor_; }
+  constexpr bool valid() const noexcept { return *this != EntryVersion(); }
+  /// The version of the next operation on the key.
+  constexpr EntryVersion next() const noexcept { return {major_.next(), minor_}; }
+
+  static bool isEq(const void* a, const void* b) noexcept {
+    return *static_cast<const EntryVersion*>(a) == *static_cast<const EntryVersion*>(b);
+  }
+  friend constexpr auto operator<=>(const EntryVersion&, const EntryVersion&) noexcept = default;
+
+ private:
+  MajorVersion major_;
+  std::uint16_t minor_ = kNoMinor;
+};
+
+}  // namespace Asic
+
+template <>
+struct fmt::formatter<Asic::EntryVersion> {
+  constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
+  template <class Context>
+  auto format(const Asic::EntryVersion& version, Context& context) const {
+    return fmt::format_to(context.out(), "{}.{}", version.majorVersion(), version.minorVersion());
+  }
+};

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <compare>
+#include <cstdint>
+
+namespace Asic {
+
+/// A generation: whoever watches it acts when the major id moves.
+class GenId final {
+ public:
+  constexpr GenId() noexcept = default;
+  constexpr GenId(std::uint32_t majorId, std::uint32_t minorId) noexcept
+      : majorId_(majorId), minorId_(minorId) {}
+
+  constexpr std::uint32_t majorId() const noexcept { return majorId_; }
+  constexpr std::uint32_t minorId() const noexcept { return minorId_; }
+  constexpr void majorIdInc(unsigned short delta) noexcept { majorId_ += delta; }
+
+  friend constexpr auto operator<=>(const GenId&, const GenId&) noexcept = default;
+
+ private:
+  std::uint32_t majorId_ = 0;
+  std::uint32_t minorId_ = 0;
+};
+
+}  // namespace Asic
+
+template <>
+struct fmt::formatter<Asic::GenId> {
+  constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
+  template <class Context>
+  auto format(Asic::GenId id, Context& context) const {
+    return fmt::format_to(context.out(), "{}.{}", id.majorId(), id.minorId());
+  }
+};

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <array>
+#include <limits>
+
+#include "Drift/FlatValue.h"
+#include "Drift/RecordText.h"
+#include "OrderedTable/EntryFlags.h"
+#include "OrderedTable/LogVersion.h"
+#include "OrderedTable/UnitId.h"
+
+namespace Asic {
+
+/// One change of a table: the record of its entry log, which is shared by all units of the table.
+/// A table delete carries a default entry.
+///
+/// The hardware writer reads it in another process, so its layout is a format: it never changes.
+template <class LogEntry>
+struct LogDriftEntry : Drift::FlatValue<LogDriftEntry<LogEntry>> {
+  using Key = LogVersion;
+
+  /// Of a record that concerns no unit yet.
+  static constexpr UnitId kNoUnit{std::numeric_limits<std::uint16_t>::max()};
+
+  LogVersion version;
+  EntryFlags flags;
+  UnitId unitId = kNoUnit;
+  LogEntry logEntry;
+
+  LogDriftEntry() = default;
+  LogDriftEntry(LogVersion v, EntryFlags f, UnitId unit, const LogEntry& entry) noexcept
+      : version(v), flags(f), unitId(unit), logEntry(entry) {}
+
+  static constexpr auto fields() {
+    using Self = LogDriftEntry;
+    return std::array{DRIFT_FIELD_AT(Self, version, 0), DRIFT_FIELD_AT(Self, flags, 8),
+                      DRIFT_FIELD_AT(Self, unitId, 10), DRIFT_FIELD_AT(Self, logEntry, 12)};
+  }
+};
+
+}  // namespace Asic

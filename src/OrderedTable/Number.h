@@ -1,0 +1,61 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <compare>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+
+#include "Drift/PackedNumber.h"
+#include "Kiv/HashHelper.h"
+
+namespace Asic {
+
+/// A number with a meaning of its own: `Self` converts neither to nor from other numbers unasked.
+/// Compares and prints as the number. `kDefault` is what a default value holds; `kAlignment` may be
+/// less than the number's, for one that stands in records.
+template <class Self, std::unsigned_integral T, T kDefault = 0, std::size_t kAlignment = alignof(T)>
+class Number {
+ public:
+  using Rep = T;
+
+  constexpr Number() noexcept = default;
+  constexpr explicit Number(T value) noexcept : value_(value) {}
+
+  constexpr T value() const noexcept { return value_; }
+  constexpr explicit operator T() const noexcept { return value_; }
+
+  constexpr std::uint32_t hash(std::uint32_t seed) const noexcept
+      requires(sizeof(T) >= sizeof(std::uint16_t)) {
+    return Kiv::hashSingleAttr(seed, value());
+  }
+  static bool isEq(const void* a, const void* b) noexcept {
+    return *static_cast<const Self*>(a) == *static_cast<const Self*>(b);
+  }
+
+  friend constexpr auto operator<=>(const Number&, const Number&) noexcept = default;
+
+ private:
+  Drift::PackedNumber<T, kAlignment> value_{kDefault};
+};
+
+namespace Impl {
+template <class Self, class Rep, Rep kDefault, std::size_t kAlignment>
+void takesNumber(const Number<Self, Rep, kDefault, kAlignment>&);
+}  // namespace Impl
+
+template <class T>
+concept StrongNumber = requires(const T& value) {
+  Impl::takesNumber(value);
+};
+
+}  // namespace Asic
+
+template <Asic::StrongNumber T>
+struct fmt::formatter<T> : fmt::formatter<typename T::Rep> {
+  template <class Context>
+  auto format(const T& number, Context& context) const {
+    return fmt::formatter<typename T::Rep>::format(number.value(), context);
+  }
+};

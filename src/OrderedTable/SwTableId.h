@@ -1,0 +1,36 @@
+#pragma once
+
+#include "OrderedTable/Number.h"
+
+namespace Asic {
+
+/// A table's identity: agent, group within the agent, table within the group.
+class SwTableId final : public Number<SwTableId, std::uint32_t> {
+ public:
+  using Number::Number;
+  constexpr SwTableId(std::uint8_t agent, std::uint8_t group, std::uint16_t table) noexcept
+      : Number((std::uint32_t{agent} << 24) | (std::uint32_t{group} << 16) | table) {}
+
+  constexpr std::uint8_t agentId() const noexcept {
+    return static_cast<std::uint8_t>(value() >> 24);
+  }
+  constexpr std::uint8_t groupId() const noexcept {
+    return static_cast<std::uint8_t>(value() >> 16);
+  }
+  constexpr std::uint16_t agentAndGroupId() const noexcept {
+    return static_cast<std::uint16_t>(value() >> 16);
+  }
+  constexpr std::uint16_t tblId() const noexcept { return static_cast<std::uint16_t>(value()); }
+};
+
+}  // namespace Asic
+
+template <>
+struct fmt::formatter<Asic::SwTableId> {
+  constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
+  template <class Context>
+  auto format(Asic::SwTableId id, Context& context) const {
+    return fmt::format_to(context.out(), "{:02x}:{:02x}:{:04x}", id.agentId(), id.groupId(),
+                          id.tblId());
+  }
+};

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <string>
+
+#include "Drift/RecordText.h"
+
+namespace Asic {
+
+/// An entry as a client gives and gets it: what goes to the log, and the keys of the resources that
+/// it needs. The table logic interprets the key and the resource keys alone.
+template <class LogEntryType, class ResourceKeysType>
+struct TableEntry : LogEntryType, ResourceKeysType {
+  using LogEntry = LogEntryType;
+  using ResourceKeys = ResourceKeysType;
+  using typename LogEntry::Key;
+
+  TableEntry() = default;
+  explicit TableEntry(const Key& key) noexcept : LogEntry(key) {}
+  explicit TableEntry(const LogEntry& entry, const ResourceKeys& keys = {}) noexcept
+      : LogEntry(entry), ResourceKeys(keys) {}
+
+  const LogEntry& logEntry() const noexcept { return *this; }
+  const ResourceKeys& rsrcKeys() const noexcept { return *this; }
+  void keyIs(const Key& key) noexcept { this->key = key; }
+
+  /// Whether it differs from a default entry.
+  explicit operator bool() const noexcept { return !(*this == TableEntry()); }
+
+  static bool isEq(const void* a, const void* b) noexcept {
+    return *static_cast<const TableEntry*>(a) == *static_cast<const TableEntry*>(b);
+  }
+  friend bool operator==(const TableEntry& a, const TableEntry& b) noexcept {
+    return a.logEntry() == b.logEntry() && a.rsrcKeys() == b.rsrcKeys();
+  }
+};
+
+template <class T>
+concept ClientEntry = requires(const T& entry) {
+  entry.logEntry();
+  entry.rsrcKeys();
+};
+
+}  // namespace Asic
+
+/// Text form: that of the log entry, and that of the resource keys where there are any.
+template <Asic::ClientEntry T>
+struct fmt::formatter<T> : fmt::formatter<std::string_view> {
+  template <class Context>
+  auto format(const T& entry, Context& context) const noexcept {
+    std::string text;
+    Drift::textAppend(text, entry.logEntry());
+    if (!Drift::kFieldsOf<typename T::ResourceKeys>.empty()) {
+      text += ' ';
+      Drift::textAppend(text, entry.rsrcKeys());
+    }
+    return fmt::formatter<std::string_view>::format(text, context);
+  }
+};

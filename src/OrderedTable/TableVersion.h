@@ -1,0 +1,34 @@
+#pragma once
+
+#include "OrderedTable/LogVersion.h"
+#include "OrderedTable/SwTableId.h"
+
+namespace Asic {
+
+/// A position in the log of a named table: what an entry of one table needs from another.
+class TableVersion final {
+ public:
+  constexpr TableVersion() noexcept = default;
+  constexpr TableVersion(SwTableId tableId, LogVersion logVersion) noexcept
+      : tableId_(tableId), logVersion_(logVersion) {}
+
+  constexpr SwTableId tableId() const noexcept { return tableId_; }
+  constexpr LogVersion logVersion() const noexcept { return logVersion_; }
+
+  friend constexpr auto operator<=>(const TableVersion&, const TableVersion&) noexcept = default;
+
+ private:
+  SwTableId tableId_;
+  LogVersion logVersion_;
+};
+
+}  // namespace Asic
+
+template <>
+struct fmt::formatter<Asic::TableVersion> {
+  constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
+  template <class Context>
+  auto format(const Asic::TableVersion& version, Context& context) const {
+    return fmt::format_to(context.out(), "{}@{}", version.tableId(), version.logVersion());
+  }
+};

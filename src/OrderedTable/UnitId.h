@@ -1,0 +1,13 @@
+#pragma once
+
+#include "OrderedTable/Number.h"
+
+namespace Asic {
+
+/// One ASIC unit of the switch.
+class UnitId final : public Number<UnitId, std::uint16_t> {
+ public:
+  using Number::Number;
+};
+
+}  // namespace Asic

@@ -1,0 +1,26 @@
+#include "OrderedTable/EntryFlags.h"
+#include "OrderedTable/EntryVersion.h"
+#include "OrderedTable/GenId.h"
+#include "OrderedTable/Index.h"
+#include "OrderedTable/TableVersion.h"
+#include "OrderedTable/UnitId.h"
+
+#include "Drift/RecordLayout.h"
+
+// What the value types look like to other processes, which find them in records.
+namespace Asic {
+
+template <class T, std::size_t kSize, std::size_t kAlignment>
+constexpr bool kStandsInRecords = Drift::Flat<T>&& Drift::Plain<T> && sizeof(T) == kSize &&
+                                  alignof(T) == kAlignment;
+
+static_assert(kStandsInRecords<UnitId, 2, 2>);
+static_assert(kStandsInRecords<LogVersion, 8, 4>);
+static_assert(kStandsInRecords<EntryFlags, 1, 1>);
+static_assert(kStandsInRecords<SwTableId, 4, 4>);
+static_assert(kStandsInRecords<TableVersion, 12, 4>);
+static_assert(kStandsInRecords<GenId, 8, 4>);
+static_assert(!MajorVersion().valid() && MajorVersion(0).valid());
+static_assert(!EntryVersion().valid() && EntryVersion(MajorVersion(0), 0).valid());
+
+}  // namespace Asic

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstdint>
+
+#include "Drift/FlatValue.h"
+#include "Drift/PackedNumber.h"
+#include "Drift/RecordText.h"
+
+// The values of which a classification entry is made. They stand as densely as the hardware's table
+// has them, so that numbers in them are not aligned.
+namespace QuarnBastil {
+
+/// What to compare a station address with, under which bits, and how.
+struct ThirteenByteValue {
+  std::array<std::uint8_t, 12> valueAndMask{};
+  std::uint8_t mode = 0;
+
+  friend bool operator==(const ThirteenByteValue&, const ThirteenByteValue&) = default;
+  static constexpr auto fields() {
+    using Self = ThirteenByteValue;
+    return std::array{DRIFT_FIELD_AT(Self, valueAndMask, 0), DRIFT_FIELD_AT(Self, mode, 12)};
+  }
+};
+
+struct SixByteValue {
+  Drift::PackedNumber<std::uint32_t, 2> value;
+  std::uint16_t mask = 0;
+
+  friend bool operator==(const SixByteValue&, const SixByteValue&) = default;
+  static constexpr auto fields() {
+    using Self = SixByteValue;
+    return std::array{DRIFT_FIELD_AT(Self, value, 0), DRIFT_FIELD_AT(Self, mask, 4)};
+  }
+};
+
+struct ByteAndWord {
+  std::uint8_t mode = 0;
+  Drift::PackedNumber<std::uint16_t> value;
+
+  friend bool operator==(const ByteAndWord&, const ByteAndWord&) = default;
+  static constexpr auto fields() {
+    using Self = ByteAndWord;
+    return std::array{DRIFT_FIELD_AT(Self, mode, 0), DRIFT_FIELD_AT(Self, value, 1)};
+  }
+};
+
+struct WordAndByte {
+  Drift::PackedNumber<std::uint16_t> value;
+  std::uint8_t mode = 0;
+
+  friend bool operator==(const WordAndByte&, const WordAndByte&) = default;
+  static constexpr auto fields() {
+    using Self = WordAndByte;
+    return std::array{DRIFT_FIELD_AT(Self, value, 0), DRIFT_FIELD_AT(Self, mode, 2)};
+  }
+};
+
+/// A prefix that an entry may or may not match on. While it is not `present`, the other members
+/// mean nothing: they are neither copied nor compared.
+struct OptionalPrefix : Drift::FlatValue<OptionalPrefix> {
+  std::array<std::uint8_t, 16> address{};
+  Drift::PackedNumber<std::uint32_t, 2> zone;
+  std::uint8_t length = 0;
+  Drift::Padding<3> unused;
+  bool present = false;
+
+  OptionalPrefix() = default;
+  OptionalPrefix(const std::array<std::uint8_t, 16>& toAddress, std::uint32_t inZone,
+                 std::uint8_t ofLength) noexcept
+      : address(toAddress), zone(inZone), length(ofLength), present(true) {}
+
+  OptionalPrefix(const OptionalPrefix& other) noexcept { *this = other; }
+  OptionalPrefix& operator=(const OptionalPrefix& other) noexcept {
+    present = other.present;
+    if (!present) return *this;
+    address = other.address;
+    zone = other.zone;
+    length = other.length;
+    return *this;
+  }
+
+  static constexpr auto fields() {
+    using Self = OptionalPrefix;
+    return std::array{DRIFT_FIELD_AT(Self, address, 0), DRIFT_FIELD_AT(Self, zone, 16),
+                      DRIFT_FIELD_AT(Self, length, 20), DRIFT_FIELD_AT(Self, unused, 21),
+                      DRIFT_PRESENCE_AT(Self, present, 24)};
+  }
+};
+
+}  // namespace QuarnBastil

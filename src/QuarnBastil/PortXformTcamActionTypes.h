@@ -1,0 +1,58 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "Drift/FlatValue.h"
+#include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/LogDriftEntry.h"
+#include "OrderedTable/TableEntry.h"
+#include "QuarnBastil/BankIndexKey.h"
+
+namespace QuarnBastil {
+
+struct PortXformTcamActionEntryKey final : BankIndexKey<PortXformTcamActionEntryKey> {
+  using BankIndexKey::BankIndexKey;
+};
+
+/// How the packets of a port are transformed.
+struct PortXformTcamActionLogEntry : Drift::FlatValue<PortXformTcamActionLogEntry> {
+  using Key = PortXformTcamActionEntryKey;
+
+  Key key;
+  std::uint32_t xformId = 0;
+  std::uint32_t profile = 0;
+  std::uint32_t flags = 0;
+  std::uint32_t counterId = 0;
+
+  PortXformTcamActionLogEntry() = default;
+  explicit PortXformTcamActionLogEntry(const Key& ofKey) noexcept : key(ofKey) {}
+
+  static constexpr auto fields() {
+    using Self = PortXformTcamActionLogEntry;
+    return std::array{DRIFT_FIELD_AT(Self, key, 0), DRIFT_FIELD_AT(Self, xformId, 4),
+                      DRIFT_FIELD_AT(Self, profile, 8), DRIFT_FIELD_AT(Self, flags, 12),
+                      DRIFT_FIELD_AT(Self, counterId, 16)};
+  }
+};
+static_assert(sizeof(PortXformTcamActionLogEntry) == 20);
+
+struct PortXformTcamActionResourceKeys : Asic::NoResourceKeys {};
+
+struct PortXformTcamActionEntry final
+    : Asic::TableEntry<PortXformTcamActionLogEntry, PortXformTcamActionResourceKeys> {
+  using TableEntry::TableEntry;
+};
+
+struct PortXformTcamActionConfigDriftEntry final
+    : Asic::ConfigDriftEntry<PortXformTcamActionLogEntry, PortXformTcamActionResourceKeys> {
+  using ConfigDriftEntry::ConfigDriftEntry;
+};
+static_assert(Asic::configStandsAt<PortXformTcamActionConfigDriftEntry>(24, 32));
+
+struct PortXformTcamActionLogDriftEntry final : Asic::LogDriftEntry<PortXformTcamActionLogEntry> {
+  using LogDriftEntry::LogDriftEntry;
+};
+
+}  // namespace QuarnBastil

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "Drift/FlatValue.h"
+#include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/LogDriftEntry.h"
+#include "OrderedTable/TableEntry.h"
+#include "QuarnBastil/BankIndexKey.h"
+
+namespace QuarnBastil {
+
+struct PortXformTcamEntryEntryKey final : BankIndexKey<PortXformTcamEntryEntryKey> {
+  using BankIndexKey::BankIndexKey;
+};
+
+/// Which ports and VLANs have their packets transformed.
+struct PortXformTcamEntryLogEntry : Drift::FlatValue<PortXformTcamEntryLogEntry> {
+  using Key = PortXformTcamEntryEntryKey;
+
+  Key key;
+  std::uint32_t port = 0;
+  std::uint32_t portMask = 0;
+  std::uint32_t vlan = 0;
+  std::uint32_t vlanMask = 0;
+  std::uint32_t priority = 0;
+
+  PortXformTcamEntryLogEntry() = default;
+  explicit PortXformTcamEntryLogEntry(const Key& ofKey) noexcept : key(ofKey) {}
+
+  static constexpr auto fields() {
+    using Self = PortXformTcamEntryLogEntry;
+    return std::array{DRIFT_FIELD_AT(Self, key, 0),       DRIFT_FIELD_AT(Self, port, 4),
+                      DRIFT_FIELD_AT(Self, portMask, 8),  DRIFT_FIELD_AT(Self, vlan, 12),
+                      DRIFT_FIELD_AT(Self, vlanMask, 16), DRIFT_FIELD_AT(Self, priority, 20)};
+  }
+};
+static_assert(sizeof(PortXformTcamEntryLogEntry) == 24);
+
+struct PortXformTcamEntryResourceKeys : Asic::NoResourceKeys {};
+
+struct PortXformTcamEntryEntry final
+    : Asic::TableEntry<PortXformTcamEntryLogEntry, PortXformTcamEntryResourceKeys> {
+  using TableEntry::TableEntry;
+};
+
+struct PortXformTcamEntryConfigDriftEntry final
+    : Asic::ConfigDriftEntry<PortXformTcamEntryLogEntry, PortXformTcamEntryResourceKeys> {
+  using ConfigDriftEntry::ConfigDriftEntry;
+};
+static_assert(Asic::configStandsAt<PortXformTcamEntryConfigDriftEntry>(28, 36));
+
+struct PortXformTcamEntryLogDriftEntry final : Asic::LogDriftEntry<PortXformTcamEntryLogEntry> {
+  using LogDriftEntry::LogDriftEntry;
+};
+
+}  // namespace QuarnBastil

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "Drift/FlatValue.h"
+#include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/LogDriftEntry.h"
+#include "OrderedTable/TableEntry.h"
+#include "QuarnBastil/BankIndexKey.h"
+#include "QuarnL3NiLib/ReqIdToFecResourceTableEntryKey.h"
+
+namespace QuarnBastil {
+
+struct TcamActionEntryKey final : BankIndexKey<TcamActionEntryKey> {
+  using BankIndexKey::BankIndexKey;
+};
+
+/// What happens to the packets of a classification entry. `destId` comes from the resource table
+/// when the entry is committed; a client leaves it unset.
+struct TcamActionLogEntry : Drift::FlatValue<TcamActionLogEntry> {
+  using Key = TcamActionEntryKey;
+
+  Key key;
+  std::uint32_t destId = 0;
+  std::uint32_t flags = 0;
+  std::uint32_t counterId = 0;
+  std::uint32_t policerId = 0;
+  std::array<std::uint32_t, 4> mirror{};
+  std::array<std::uint32_t, 22> rewrite{};
+
+  TcamActionLogEntry() = default;
+  explicit TcamActionLogEntry(const Key& ofKey) noexcept : key(ofKey) {}
+
+  static constexpr auto fields() {
+    using Self = TcamActionLogEntry;
+    return std::array{DRIFT_FIELD_AT(Self, key, 0),        DRIFT_FIELD_AT(Self, destId, 4),
+                      DRIFT_FIELD_AT(Self, flags, 8),      DRIFT_FIELD_AT(Self, counterId, 12),
+                      DRIFT_FIELD_AT(Self, policerId, 16), DRIFT_FIELD_AT(Self, mirror, 20),
+                      DRIFT_FIELD_AT(Self, rewrite, 36)};
+  }
+};
+static_assert(sizeof(TcamActionLogEntry) == 124);
+
+/// The record of the resource table that the entry points at. Not logged: the hardware gets
+/// `destId`.
+struct TcamActionResourceKeys {
+  /// 0: the entry needs no resource.
+  QuarnL3NiLib::ReqIdToFecResourceTableEntryKey requestId;
+
+  friend bool operator==(const TcamActionResourceKeys&, const TcamActionResourceKeys&) = default;
+  static constexpr auto fields() {
+    return std::array{DRIFT_FIELD_AT(TcamActionResourceKeys, requestId, 0)};
+  }
+};
+static_assert(sizeof(TcamActionResourceKeys) == 8 && alignof(TcamActionResourceKeys) == 4);
+
+struct TcamActionEntry final : Asic::TableEntry<TcamActionLogEntry, TcamActionResourceKeys> {
+  using TableEntry::TableEntry;
+};
+
+struct TcamActionConfigDriftEntry final
+    : Asic::ConfigDriftEntry<TcamActionLogEntry, TcamActionResourceKeys> {
+  using ConfigDriftEntry::ConfigDriftEntry;
+};
+static_assert(Asic::configStandsAt<TcamActionConfigDriftEntry>(132, 140));
+
+struct TcamActionLogDriftEntry final : Asic::LogDriftEntry<TcamActionLogEntry> {
+  using LogDriftEntry::LogDriftEntry;
+};
+
+}  // namespace QuarnBastil

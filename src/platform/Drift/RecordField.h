@@ -1,0 +1,219 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+/// The field list of a type that stands in a record: the one place of truth for which of its bytes
+/// mean something. A type with padding, with a `bool` or with a text form by names states it:
+///
+///     struct Lamp {
+///       std::uint8_t colour = 0;
+///       std::uint16_t place = 0;
+///
+///       static constexpr auto fields() {
+///         return std::array{DRIFT_FIELD_AT(Lamp, colour, 0), DRIFT_FIELD_AT(Lamp, place, 2)};
+///       }
+///     };
+///
+/// Everything that no field covers is padding. A list that overlaps, leaves a field out or places
+/// one elsewhere than the compiler does is an error where the list is first used.
+namespace Drift {
+
+/// Room that means nothing and that alignment alone does not explain.
+template <std::size_t kSize>
+struct Padding {
+  std::array<unsigned char, kSize> bytes{};
+};
+
+enum class FieldKind : std::uint8_t {
+  number,
+  bytes,     ///< a value of several numbers that tells no fields
+  flag,      ///< a bool: 0 or 1, other bits of its byte are padding
+  presence,  ///< the flag that says whether the other fields of its group mean anything
+  padding,
+  group,  ///< a type with a field list of its own
+};
+
+/// A row of the list: `count` elements of one kind, one behind the other.
+struct RecordField {
+  const char* name;
+  std::size_t offset;
+  FieldKind kind;
+  std::size_t size;  ///< bytes of one element
+  std::size_t count;
+  std::size_t alignment;
+  const RecordField* fields = nullptr;  ///< of a group
+  std::size_t fieldCount = 0;
+  bool isKey = false;  ///< of a group: it is a key, whose text shows all of it
+
+  constexpr std::size_t end() const { return offset + size * count; }
+};
+
+/// A type that states its fields.
+template <class T>
+concept Described = std::is_class_v<T> && requires {
+  T::fields().size();
+};
+
+/// A type whose every byte is a part of its value, and which need state nothing.
+template <class T>
+concept Plain =
+    !Described<T> && !std::is_same_v<T, bool> && std::has_unique_object_representations_v<T>;
+
+template <Described T>
+inline constexpr auto kFieldsOf = T::fields();
+
+namespace Impl {
+
+// Called where a list is wrong. They are not constexpr, so that the compiler stops there and shows
+// the name.
+inline void aFieldStandsElsewhereThanStated() {}
+inline void fieldsOverlapOrAreOutOfOrder() {}
+inline void aFieldIsMissingFromTheList() {}
+inline void presenceMustBeTheLastFieldOfAGroupWithoutGroupsOfThatKind() {}
+
+template <class T>
+struct ElementOf {
+  using Type = T;
+  static constexpr std::size_t kCount = 1;
+};
+template <class T, std::size_t kSize>
+struct ElementOf<std::array<T, kSize>> {
+  using Type = typename ElementOf<T>::Type;
+  static constexpr std::size_t kCount = kSize * ElementOf<T>::kCount;
+};
+
+template <class T>
+inline constexpr bool kIsPadding = false;
+template <std::size_t kSize>
+inline constexpr bool kIsPadding<Padding<kSize>> = true;
+
+template <class T>
+inline constexpr bool kIsNumber = std::is_integral_v<T> || std::is_enum_v<T> || requires {
+  requires sizeof(typename T::Rep) == sizeof(T);
+};
+
+template <class T>
+inline constexpr bool kIsKey = requires(const T& value) {
+  value.hash(std::uint32_t{});
+};
+
+template <class T>
+constexpr FieldKind kindOf() {
+  if constexpr (kIsPadding<T>) {
+    return FieldKind::padding;
+  } else if constexpr (std::is_same_v<T, bool>) {
+    return FieldKind::flag;
+  } else if constexpr (Described<T>) {
+    return FieldKind::group;
+  } else {
+    static_assert(Plain<T>, "a type with padding or a bool in it must state its fields()");
+    return kIsNumber<T> ? FieldKind::number : FieldKind::bytes;
+  }
+}
+
+template <class Member>
+constexpr RecordField fieldAt(const char* name, std::size_t stated, std::size_t actual) {
+  using Element = typename ElementOf<Member>::Type;
+  if (stated != actual) aFieldStandsElsewhereThanStated();
+  RecordField field{
+      name, actual, kindOf<Element>(), sizeof(Element), ElementOf<Member>::kCount, alignof(Member)};
+  if constexpr (Described<Element>) {
+    field.fields = kFieldsOf<Element>.data();
+    field.fieldCount = kFieldsOf<Element>.size();
+    field.isKey = kIsKey<Element>;
+  }
+  return field;
+}
+
+constexpr RecordField presence(RecordField flag) {
+  flag.kind = FieldKind::presence;
+  return flag;
+}
+
+constexpr std::size_t alignedUp(std::size_t offset, std::size_t alignment) {
+  return (offset + alignment - 1) / alignment * alignment;
+}
+
+/// Stops the compiler unless the fields, laid one behind the other as it would, give the type: a
+/// field that was left out shows as a gap.
+constexpr bool checkFields(const RecordField* fields, std::size_t count, std::size_t size,
+                           std::size_t alignment) {
+  std::size_t end = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    if (fields[i].offset < end) fieldsOverlapOrAreOutOfOrder();
+    if (fields[i].offset != alignedUp(end, fields[i].alignment)) aFieldIsMissingFromTheList();
+    end = fields[i].end();
+  }
+  if (count != 0 && alignedUp(end, alignment) != size) aFieldIsMissingFromTheList();
+  return true;
+}
+
+/// Marks the bits that mean something.
+constexpr void addToMask(std::uint8_t* mask, const RecordField* fields, std::size_t count) {
+  for (const RecordField* field = fields; field != fields + count; ++field) {
+    for (std::size_t i = 0; i < field->count; ++i) {
+      std::uint8_t* const element = mask + field->offset + i * field->size;
+      switch (field->kind) {
+        case FieldKind::number:
+        case FieldKind::bytes:
+          for (std::size_t byte = 0; byte < field->size; ++byte) element[byte] = 0xff;
+          break;
+        case FieldKind::flag:
+        case FieldKind::presence:
+          *element = 1;
+          break;
+        case FieldKind::group:
+          addToMask(element, field->fields, field->fieldCount);
+          break;
+        case FieldKind::padding:
+          break;
+      }
+    }
+  }
+}
+
+/// The bytes of an optional group. Its presence byte stands right behind them.
+struct OptionalGroup {
+  std::size_t offset;
+  std::size_t size;
+  constexpr std::size_t presence() const { return offset + size; }
+};
+
+/// Counts the optional groups, and stores them where `groups` is given.
+constexpr std::size_t collectGroups(const RecordField* fields, std::size_t count,
+                                    std::size_t offset, OptionalGroup* groups) {
+  std::size_t found = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    const RecordField& field = fields[i];
+    if (field.kind == FieldKind::presence) {
+      if (i + 1 != count || found != 0) {
+        presenceMustBeTheLastFieldOfAGroupWithoutGroupsOfThatKind();
+      }
+      if (groups != nullptr) groups[found] = {offset, field.offset};
+      ++found;
+    }
+    if (field.kind != FieldKind::group) continue;
+    for (std::size_t element = 0; element < field.count; ++element) {
+      found += collectGroups(field.fields, field.fieldCount,
+                             offset + field.offset + element * field.size,
+                             groups == nullptr ? nullptr : groups + found);
+    }
+  }
+  return found;
+}
+
+}  // namespace Impl
+
+/// A row for `member` of `Type`, wherever the compiler places it.
+#define DRIFT_FIELD(Type, member) DRIFT_FIELD_AT(Type, member, offsetof(Type, member))
+/// A row for `member` of `Type`, which must stand at `offset`.
+#define DRIFT_FIELD_AT(Type, member, offset) \
+  ::Drift::Impl::fieldAt<decltype(Type::member)>(#member, offset, offsetof(Type, member))
+/// A row for the presence byte of an optional group; the last one of its type.
+#define DRIFT_PRESENCE_AT(Type, member, offset) \
+  ::Drift::Impl::presence(DRIFT_FIELD_AT(Type, member, offset))
+
+}  // namespace Drift

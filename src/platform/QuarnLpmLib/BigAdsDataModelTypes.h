@@ -1,0 +1,56 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "Drift/FlatValue.h"
+#include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/LogDriftEntry.h"
+#include "OrderedTable/TableEntry.h"
+#include "QuarnLpmLib/PrefixKey.h"
+
+namespace QuarnLpmLib {
+
+struct BigAdsDataModelEntryKey final : PrefixKey<BigAdsDataModelEntryKey> {
+  using PrefixKey::PrefixKey;
+};
+
+/// What a 32-bit prefix leads to.
+struct BigAdsDataModelLogEntry : Drift::FlatValue<BigAdsDataModelLogEntry> {
+  using Key = BigAdsDataModelEntryKey;
+
+  Key key;
+  std::uint32_t nextHop = 0;
+  std::uint32_t label = 0;
+  std::array<std::uint32_t, 4> words{};
+
+  BigAdsDataModelLogEntry() = default;
+  explicit BigAdsDataModelLogEntry(const Key& ofKey) noexcept : key(ofKey) {}
+
+  static constexpr auto fields() {
+    using Self = BigAdsDataModelLogEntry;
+    return std::array{DRIFT_FIELD_AT(Self, key, 0), DRIFT_FIELD_AT(Self, nextHop, 8),
+                      DRIFT_FIELD_AT(Self, label, 12), DRIFT_FIELD_AT(Self, words, 16)};
+  }
+};
+static_assert(sizeof(BigAdsDataModelLogEntry) == 32);
+
+struct BigAdsDataModelResourceKeys : Asic::NoResourceKeys {};
+
+struct BigAdsDataModelEntry final
+    : Asic::TableEntry<BigAdsDataModelLogEntry, BigAdsDataModelResourceKeys> {
+  using TableEntry::TableEntry;
+};
+
+struct BigAdsDataModelConfigDriftEntry final
+    : Asic::ConfigDriftEntry<BigAdsDataModelLogEntry, BigAdsDataModelResourceKeys> {
+  using ConfigDriftEntry::ConfigDriftEntry;
+};
+static_assert(Asic::configStandsAt<BigAdsDataModelConfigDriftEntry>(36, 44));
+
+struct BigAdsDataModelLogDriftEntry final : Asic::LogDriftEntry<BigAdsDataModelLogEntry> {
+  using LogDriftEntry::LogDriftEntry;
+};
+
+}  // namespace QuarnLpmLib

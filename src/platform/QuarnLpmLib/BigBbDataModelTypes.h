@@ -1,0 +1,54 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "Drift/FlatValue.h"
+#include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/LogDriftEntry.h"
+#include "OrderedTable/TableEntry.h"
+#include "QuarnLpmLib/PrefixBlock.h"
+#include "QuarnLpmLib/PrefixKey.h"
+
+namespace QuarnLpmLib {
+
+struct BigBbDataModelEntryKey final : PrefixKey<BigBbDataModelEntryKey> {
+  using PrefixKey::PrefixKey;
+};
+
+/// A block of the prefix search that covers a 32-bit prefix.
+struct BigBbDataModelLogEntry : Drift::FlatValue<BigBbDataModelLogEntry> {
+  using Key = BigBbDataModelEntryKey;
+
+  Key key;
+  PrefixBlock block;
+
+  BigBbDataModelLogEntry() = default;
+  explicit BigBbDataModelLogEntry(const Key& ofKey) noexcept : key(ofKey) {}
+
+  static constexpr auto fields() {
+    using Self = BigBbDataModelLogEntry;
+    return std::array{DRIFT_FIELD_AT(Self, key, 0), DRIFT_FIELD_AT(Self, block, 8)};
+  }
+};
+static_assert(sizeof(BigBbDataModelLogEntry) == 72);
+
+struct BigBbDataModelResourceKeys : Asic::NoResourceKeys {};
+
+struct BigBbDataModelEntry final
+    : Asic::TableEntry<BigBbDataModelLogEntry, BigBbDataModelResourceKeys> {
+  using TableEntry::TableEntry;
+};
+
+struct BigBbDataModelConfigDriftEntry final
+    : Asic::ConfigDriftEntry<BigBbDataModelLogEntry, BigBbDataModelResourceKeys> {
+  using ConfigDriftEntry::ConfigDriftEntry;
+};
+static_assert(Asic::configStandsAt<BigBbDataModelConfigDriftEntry>(76, 84));
+
+struct BigBbDataModelLogDriftEntry final : Asic::LogDriftEntry<BigBbDataModelLogEntry> {
+  using LogDriftEntry::LogDriftEntry;
+};
+
+}  // namespace QuarnLpmLib

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "Drift/RecordText.h"
+
+namespace QuarnLpmLib {
+
+/// What one block of the prefix search compares, and where its branches lead. The agent interprets
+/// none of it.
+struct PrefixBlock {
+  std::array<std::uint32_t, 4> value{};
+  std::array<std::uint32_t, 4> mask{};
+  std::array<std::uint32_t, 8> nextHop{};
+
+  friend bool operator==(const PrefixBlock&, const PrefixBlock&) = default;
+  static constexpr auto fields() {
+    using Self = PrefixBlock;
+    return std::array{DRIFT_FIELD_AT(Self, value, 0), DRIFT_FIELD_AT(Self, mask, 16),
+                      DRIFT_FIELD_AT(Self, nextHop, 32)};
+  }
+};
+
+}  // namespace QuarnLpmLib

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "Drift/FlatValue.h"
+#include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/LogDriftEntry.h"
+#include "OrderedTable/TableEntry.h"
+#include "QuarnLpmLib/IndexBankKey.h"
+
+namespace QuarnLpmLib {
+
+struct SmallAdsDataModelEntryKey final : IndexBankKey<SmallAdsDataModelEntryKey> {
+  using IndexBankKey::IndexBankKey;
+};
+
+/// What a row of the small search leads to.
+struct SmallAdsDataModelLogEntry : Drift::FlatValue<SmallAdsDataModelLogEntry> {
+  using Key = SmallAdsDataModelEntryKey;
+
+  Key key;
+  std::uint32_t nextHop = 0;
+  std::uint32_t label = 0;
+  std::array<std::uint32_t, 3> words{};
+
+  SmallAdsDataModelLogEntry() = default;
+  explicit SmallAdsDataModelLogEntry(const Key& ofKey) noexcept : key(ofKey) {}
+
+  static constexpr auto fields() {
+    using Self = SmallAdsDataModelLogEntry;
+    return std::array{DRIFT_FIELD_AT(Self, key, 0), DRIFT_FIELD_AT(Self, nextHop, 4),
+                      DRIFT_FIELD_AT(Self, label, 8), DRIFT_FIELD_AT(Self, words, 12)};
+  }
+};
+static_assert(sizeof(SmallAdsDataModelLogEntry) == 24);
+
+struct SmallAdsDataModelResourceKeys : Asic::NoResourceKeys {};
+
+struct SmallAdsDataModelEntry final
+    : Asic::TableEntry<SmallAdsDataModelLogEntry, SmallAdsDataModelResourceKeys> {
+  using TableEntry::TableEntry;
+};
+
+struct SmallAdsDataModelConfigDriftEntry final
+    : Asic::ConfigDriftEntry<SmallAdsDataModelLogEntry, SmallAdsDataModelResourceKeys> {
+  using ConfigDriftEntry::ConfigDriftEntry;
+};
+static_assert(Asic::configStandsAt<SmallAdsDataModelConfigDriftEntry>(28, 36));
+
+struct SmallAdsDataModelLogDriftEntry final : Asic::LogDriftEntry<SmallAdsDataModelLogEntry> {
+  using LogDriftEntry::LogDriftEntry;
+};
+
+}  // namespace QuarnLpmLib

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "Drift/FlatValue.h"
+#include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/LogDriftEntry.h"
+#include "OrderedTable/TableEntry.h"
+#include "QuarnLpmLib/PrefixBlock.h"
+#include "QuarnLpmLib/PrefixKey.h"
+
+namespace QuarnLpmLib {
+
+struct SmallBbDataModelEntryKey final : WidePrefixKey<SmallBbDataModelEntryKey> {
+  using WidePrefixKey::WidePrefixKey;
+};
+
+/// A block of the prefix search that covers a 64-bit prefix.
+struct SmallBbDataModelLogEntry : Drift::FlatValue<SmallBbDataModelLogEntry> {
+  using Key = SmallBbDataModelEntryKey;
+
+  Key key;
+  PrefixBlock block;
+
+  SmallBbDataModelLogEntry() = default;
+  explicit SmallBbDataModelLogEntry(const Key& ofKey) noexcept : key(ofKey) {}
+
+  static constexpr auto fields() {
+    using Self = SmallBbDataModelLogEntry;
+    return std::array{DRIFT_FIELD_AT(Self, key, 0), DRIFT_FIELD_AT(Self, block, 12)};
+  }
+};
+static_assert(sizeof(SmallBbDataModelLogEntry) == 76);
+
+struct SmallBbDataModelResourceKeys : Asic::NoResourceKeys {};
+
+struct SmallBbDataModelEntry final
+    : Asic::TableEntry<SmallBbDataModelLogEntry, SmallBbDataModelResourceKeys> {
+  using TableEntry::TableEntry;
+};
+
+struct SmallBbDataModelConfigDriftEntry final
+    : Asic::ConfigDriftEntry<SmallBbDataModelLogEntry, SmallBbDataModelResourceKeys> {
+  using ConfigDriftEntry::ConfigDriftEntry;
+};
+static_assert(Asic::configStandsAt<SmallBbDataModelConfigDriftEntry>(80, 88));
+
+struct SmallBbDataModelLogDriftEntry final : Asic::LogDriftEntry<SmallBbDataModelLogEntry> {
+  using LogDriftEntry::LogDriftEntry;
+};
+
+}  // namespace QuarnLpmLib
