@@ -12,7 +12,9 @@ namespace Asic {
 /// configuration record stays.
 struct alignas(4) NoResourceKeys {
   static constexpr std::array<Drift::RecordField, 0> fields() { return {}; }
-  friend constexpr bool operator==(NoResourceKeys, NoResourceKeys) noexcept { return true; }
+  friend constexpr bool operator==(const NoResourceKeys&, const NoResourceKeys&) noexcept {
+    return true;
+  }
 };
 
 /// What is configured under one key, and since which version: the record of a unit's configuration

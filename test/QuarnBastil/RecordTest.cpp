@@ -1,0 +1,310 @@
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "Drift/RecordLayout.h"
+#include "OrderedTable/EntryVersion.h"
+#include "OrderedTable/GenId.h"
+#include "OrderedTable/TableVersion.h"
+#include "QuarnBastil/Families.h"
+
+namespace RecordTest {
+namespace {
+
+constexpr std::uint64_t kVersion = 0x1122334455667788;
+
+template <class T>
+std::vector<unsigned char> bytesOf(const T& value) {
+  using Layout = Drift::FlatLayout<T>;
+  std::array<Drift::Format::Word, Layout::kWords> words;
+  Layout::toWords(value, words.data());
+  std::vector<unsigned char> bytes(sizeof words);
+  std::memcpy(bytes.data(), words.data(), sizeof words);
+  return bytes;
+}
+
+template <class T>
+T fromBytes(const std::vector<unsigned char>& bytes) {
+  using Layout = Drift::FlatLayout<T>;
+  std::array<Drift::Format::Word, Layout::kWords> words;
+  EXPECT_EQ(bytes.size(), sizeof words);
+  std::memcpy(words.data(), bytes.data(), sizeof words);
+  T value;
+  Layout::fromWords(words.data(), value);
+  return value;
+}
+
+template <class T>
+T numberAt(const std::vector<unsigned char>& bytes, std::size_t offset) {
+  T number;
+  std::memcpy(&number, bytes.data() + offset, sizeof number);
+  return number;
+}
+
+template <class Family>
+class RecordSuite : public testing::Test {
+ public:
+  using LogEntry = typename Family::LogEntry;
+  using Config = typename Family::ConfigDriftEntry;
+  using Log = typename Family::LogDriftEntry;
+  using Key = typename Family::Key;
+
+  static constexpr std::size_t kRoomOfKeys = Family::kLogVersion - Family::kEntrySize;
+
+  static LogEntry fullEntry() {
+    LogEntry entry;
+    std::apply(Filler(), Family::members(entry));
+    return entry;
+  }
+  static Config fullConfig() {
+    typename Family::ResourceKeys keys;
+    if constexpr (requires { keys.requestId; }) {
+      keys.requestId = QuarnL3NiLib::ReqIdToFecResourceTableEntryKey(kVersion + 1);
+    }
+    return Config(fullEntry(), keys, Asic::LogVersion(kVersion), true);
+  }
+  static Log fullLog() {
+    return Log(Asic::LogVersion(kVersion), Asic::EntryFlags(1), Asic::UnitId(0x2233), fullEntry());
+  }
+
+  /// Padding of a record whose entry stands at `entry`, up to `size`.
+  static std::set<std::size_t> paddingAt(std::size_t entry, std::set<std::size_t> more) {
+    for (const std::size_t offset : Family::padding()) more.insert(entry + offset);
+    return more;
+  }
+  static std::set<std::size_t> configPadding() {
+    std::set<std::size_t> more;
+    for (std::size_t i = Family::kIsDeleted + 1; i < bytesOf(Config()).size(); ++i) more.insert(i);
+    if (kRoomOfKeys == 4) {
+      for (std::size_t i = 0; i < 4; ++i) more.insert(Family::kEntrySize + i);
+    }
+    return paddingAt(0, more);
+  }
+  static std::set<std::size_t> logPadding() {
+    std::set<std::size_t> more{9};
+    for (std::size_t i = 12 + Family::kEntrySize; i < bytesOf(Log()).size(); ++i) more.insert(i);
+    return paddingAt(12, more);
+  }
+
+  /// Flips the lowest bit of each byte in turn: it changes the value if, and only if, the byte is
+  /// none of padding.
+  template <class T>
+  static void expectMeaningOutside(const T& value, const std::set<std::size_t>& padding) {
+    for (std::size_t i = 0; i < sizeof(T); ++i) {
+      T other;
+      std::memcpy(static_cast<void*>(&other), static_cast<const void*>(&value), sizeof(T));
+      reinterpret_cast<unsigned char*>(&other)[i] ^= 1;
+      const bool meansNothing = padding.count(i) != 0;
+      EXPECT_EQ(T::isEq(&value, &other), meansNothing) << "byte " << i;
+      EXPECT_EQ(bytesOf(value) == bytesOf(other), meansNothing) << "byte " << i;
+    }
+  }
+
+  template <class T>
+  static void expectZeroOnlyIn(const T& value, const std::set<std::size_t>& padding) {
+    const auto bytes = bytesOf(value);
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+      EXPECT_EQ(bytes[i] == 0, padding.count(i) != 0) << "byte " << i;
+    }
+  }
+};
+
+using Families = testing::Types<TcamEntry, TcamAction, PortXformTcamEntry, PortXformTcamAction,
+                                BigBb, SmallBb, BigAds, SmallAds, LpmTcam>;
+TYPED_TEST_SUITE(RecordSuite, Families);
+
+TYPED_TEST(RecordSuite, EveryFieldTravelsAndPaddingIsZero) {
+  const auto config = this->fullConfig();
+  const auto log = this->fullLog();
+  this->expectZeroOnlyIn(config, this->configPadding());
+  this->expectZeroOnlyIn(log, this->logPadding());
+
+  const auto config2 = fromBytes<typename TypeParam::ConfigDriftEntry>(bytesOf(config));
+  EXPECT_EQ(TypeParam::members(config.logEntry), TypeParam::members(config2.logEntry));
+  EXPECT_EQ(config2.rsrcKeys, config.rsrcKeys);
+  EXPECT_EQ(config2.logVersion.value(), kVersion);
+  EXPECT_TRUE(config2.isDeleted);
+
+  const auto log2 = fromBytes<typename TypeParam::LogDriftEntry>(bytesOf(log));
+  EXPECT_EQ(TypeParam::members(log.logEntry), TypeParam::members(log2.logEntry));
+  EXPECT_EQ(log2.version.value(), kVersion);
+  EXPECT_TRUE(log2.flags.isEntryDeleted());
+  EXPECT_FALSE(log2.flags.isTableDeleted());
+  EXPECT_EQ(log2.unitId.value(), 0x2233);
+}
+
+TYPED_TEST(RecordSuite, PaddingHasNoSayAndEverythingElseHas) {
+  this->expectMeaningOutside(this->fullConfig(), this->configPadding());
+  this->expectMeaningOutside(this->fullLog(), this->logPadding());
+  this->expectMeaningOutside(this->fullEntry(), this->paddingAt(0, {}));
+}
+
+TYPED_TEST(RecordSuite, FieldsStandWhereOtherProcessesLook) {
+  const auto config = bytesOf(this->fullConfig());
+  EXPECT_EQ(numberAt<std::uint64_t>(config, TypeParam::kLogVersion), kVersion);
+  EXPECT_EQ(config[TypeParam::kIsDeleted], 1);
+  EXPECT_EQ(config.size(), (TypeParam::kIsDeleted + 4 + 7) / 8 * 8);
+  const auto log = bytesOf(this->fullLog());
+  EXPECT_EQ(numberAt<std::uint64_t>(log, 0), kVersion);
+  EXPECT_EQ(log[8], 1);
+  EXPECT_EQ(numberAt<std::uint16_t>(log, 10), 0x2233);
+  EXPECT_TRUE(std::equal(config.begin(), config.begin() + TypeParam::kEntrySize, log.begin() + 12));
+}
+
+TYPED_TEST(RecordSuite, DefaultsAreAnEntryOfKeyZeroThatWasNeverLogged) {
+  const typename TypeParam::ConfigDriftEntry config;
+  EXPECT_EQ(config.logEntry, typename TypeParam::LogEntry(typename TypeParam::Key()));
+  EXPECT_EQ(config.logVersion.value(), 0u);
+  EXPECT_FALSE(config.isDeleted);
+  const typename TypeParam::LogDriftEntry log;
+  EXPECT_EQ(log.version.value(), 0u);
+  EXPECT_EQ(log.flags.value(), 0);
+  EXPECT_EQ(log.unitId.value(), 65535);
+  EXPECT_EQ(log.logEntry, config.logEntry);
+
+  // But for the one word of the large entry, a new entry is its key and zeros.
+  const auto key = this->fullEntry().key;
+  auto bytes = bytesOf(typename TypeParam::LogEntry(key));
+  if (TypeParam::kEntrySize == 536) {
+    EXPECT_EQ(numberAt<std::uint32_t>(bytes, 8), 1u);
+    bytes[8] = 0;
+  }
+  auto keyBytes = bytesOf(key);
+  keyBytes.resize(sizeof key);
+  EXPECT_TRUE(std::equal(keyBytes.begin(), keyBytes.end(), bytes.begin()));
+  EXPECT_EQ(std::count(bytes.begin() + sizeof key, bytes.end(), 0),
+            std::ptrdiff_t(bytes.size() - sizeof key));
+}
+
+TYPED_TEST(RecordSuite, KeysCompareByTheirFieldsInOrder) {
+  using Key = typename TypeParam::Key;
+  const Key low{};
+  std::vector<Key> rising{low};
+  constexpr auto& fields = Drift::kFieldsOf<Key>;
+  // The last field decides least; each one above outweighs all below it.
+  for (std::size_t i = fields.size(); i-- > 0;) {
+    Key key;
+    reinterpret_cast<unsigned char*>(&key)[fields[i].offset] = 1;
+    rising.push_back(key);
+  }
+  for (std::size_t a = 0; a < rising.size(); ++a) {
+    for (std::size_t b = 0; b < rising.size(); ++b) {
+      EXPECT_EQ(rising[a] < rising[b], a < b);
+      EXPECT_EQ(Key::isEq(&rising[a], &rising[b]), a == b);
+      EXPECT_EQ(rising[a].hash(17) == rising[b].hash(17), a == b);
+      EXPECT_EQ(bytesOf(rising[a]) == bytesOf(rising[b]), a == b);
+    }
+  }
+  EXPECT_NE(rising[1].hash(17), rising[1].hash(18));
+
+  Key padded = rising[1];
+  for (std::size_t i = 0; i < sizeof padded; ++i) {
+    auto& byte = reinterpret_cast<unsigned char*>(&padded)[i];
+    if (Drift::FlatLayout<Key>::kByteMask[i] == 0) byte = 0xee;
+  }
+  EXPECT_EQ(padded, rising[1]);
+  EXPECT_EQ(padded.hash(17), rising[1].hash(17));
+  EXPECT_EQ(bytesOf(padded), bytesOf(rising[1]));
+}
+
+TYPED_TEST(RecordSuite, AnEntryIsItsLogEntryAndItsResourceKeys) {
+  using Entry = typename TypeParam::Entry;
+  const auto config = this->fullConfig();
+  const Entry entry(config.logEntry, config.rsrcKeys);
+  EXPECT_EQ(entry.logEntry(), config.logEntry);
+  EXPECT_EQ(entry.rsrcKeys(), config.rsrcKeys);
+  EXPECT_TRUE(entry);
+  EXPECT_FALSE(Entry());
+  Entry other = entry;
+  EXPECT_TRUE(Entry::isEq(&other, &entry));
+  other.keyIs(typename TypeParam::Key());
+  EXPECT_EQ(other.key, typename TypeParam::Key());
+  EXPECT_NE(other, entry);
+}
+
+TEST(TcamEntryRecord, AnAbsentPrefixIsNeitherCopiedNorCompared) {
+  QuarnBastil::TcamEntryLogEntry a = RecordSuite<TcamEntry>::fullEntry();
+  QuarnBastil::TcamEntryLogEntry b = a;
+  EXPECT_EQ(b, a);
+  a.innerSourcePrefix.length = 77;
+  EXPECT_NE(b, a);
+  a.innerSourcePrefix.present = false;
+  EXPECT_NE(b, a);
+  b.innerSourcePrefix.present = false;
+  EXPECT_EQ(b, a);
+  EXPECT_EQ(bytesOf(b), bytesOf(a));
+
+  const QuarnBastil::TcamEntryLogEntry copy = a;
+  EXPECT_EQ(copy, a);
+  EXPECT_NE(copy.innerSourcePrefix.length, 77);
+
+  for (auto* prefix : {&a.sourcePrefix, &a.destinationPrefix, &a.innerDestinationPrefix}) {
+    prefix->present = false;
+  }
+  std::set<std::size_t> silent;
+  for (const std::size_t begin : {62u, 100u, 456u, 488u}) {
+    for (std::size_t i = 0; i < 24; ++i) silent.insert(begin + i);
+  }
+  RecordSuite<TcamEntry>::expectMeaningOutside(
+      a, RecordSuite<TcamEntry>::paddingAt(0, std::move(silent)));
+}
+
+TEST(TcamActionRecord, CarriesTheRequestIdBesideTheLogEntry) {
+  QuarnBastil::TcamActionEntry entry;
+  entry.requestId = QuarnL3NiLib::ReqIdToFecResourceTableEntryKey(kVersion);
+  EXPECT_TRUE(entry);
+  EXPECT_EQ(entry.logEntry(), QuarnBastil::TcamActionLogEntry());
+  const QuarnBastil::TcamActionConfigDriftEntry config(entry.logEntry(), entry.rsrcKeys(),
+                                                       Asic::LogVersion(1), false);
+  EXPECT_EQ(numberAt<std::uint64_t>(bytesOf(config), 124), kVersion);
+  EXPECT_NE(config, QuarnBastil::TcamActionConfigDriftEntry(entry.logEntry(), {},
+                                                            Asic::LogVersion(1), false));
+}
+
+TEST(RecordTexts, SayWhatATraceNeeds) {
+  QuarnBastil::TcamEntryLogEntry entry(QuarnBastil::TcamEntryEntryKey(0, 7));
+  entry.station[1].valueAndMask[0] = 0xab;
+  entry.vlan[0].value = 5;
+  EXPECT_EQ(fmt::format("{}", entry.key), "{bank: 0, index: 7}");
+  EXPECT_EQ(fmt::format("{}", entry),
+            "{key: {bank: 0, index: 7}, slices: 1, station: [{}, {valueAndMask: "
+            "ab0000000000000000000000}], vlan: [{value: 5}, {}]}");
+  QuarnBastil::TcamActionEntry action(QuarnBastil::TcamActionEntryKey(1, 2));
+  action.requestId = QuarnL3NiLib::ReqIdToFecResourceTableEntryKey(9);
+  EXPECT_EQ(fmt::format("{}", action), "{key: {bank: 1, index: 2}} {requestId: 9}");
+  EXPECT_EQ(fmt::format("{}", QuarnLpmLib::SmallBbDataModelConfigDriftEntry(
+                                  {}, {}, Asic::LogVersion(3), true)),
+            "{logVersion: 3, isDeleted: true}");
+}
+
+TEST(ValueTypes, PrintAndTellTheirParts) {
+  EXPECT_EQ(fmt::format("{}", Asic::SwTableId(1, 2, 3)), "01:02:0003");
+  const Asic::SwTableId id(0x04080403);
+  EXPECT_EQ(id.agentId(), 4);
+  EXPECT_EQ(id.groupId(), 8);
+  EXPECT_EQ(id.agentAndGroupId(), 0x0408);
+  EXPECT_EQ(id.tblId(), 0x0403);
+  EXPECT_EQ(fmt::format("{}", Asic::TableVersion(id, Asic::LogVersion(12))), "04:08:0403@12");
+  EXPECT_EQ(fmt::format("{} {:04x}", Asic::UnitId(7), Asic::LogVersion(255)), "7 00ff");
+  EXPECT_EQ(fmt::format("{}", Asic::MajorVersion(1)), "1");
+
+  const Asic::EntryVersion none;
+  EXPECT_FALSE(none.valid());
+  EXPECT_EQ(none.majorVersion().value(), ~std::uint64_t{0});
+  const Asic::EntryVersion first(Asic::MajorVersion(0), 3);
+  EXPECT_TRUE(first.valid());
+  EXPECT_EQ(first.next(), Asic::EntryVersion(Asic::MajorVersion(1), 3));
+  EXPECT_FALSE(Asic::EntryVersion::isEq(&none, &first));
+  EXPECT_EQ(fmt::format("{}", first), "0.3");
+
+  Asic::GenId generation(1, 5);
+  generation.majorIdInc(2);
+  EXPECT_EQ(fmt::format("{}", generation), "3.5");
+  EXPECT_NE(Asic::UnitId(1).hash(5), Asic::UnitId(2).hash(5));
+}
+
+}  // namespace
+}  // namespace RecordTest
