@@ -11,12 +11,11 @@ namespace Bench {
 /// The times are medians over the repetitions: of the processor, or of the clock for benchmarks
 /// that ask for it (`UseRealTime`, `UseManualTime`).
 struct Goal {
-  /// Registers the goal. Meant for objects of static storage beside the benchmarks.
-  Goal(std::string what, std::string ours, std::string peer, double limit);
-
-  /// The same with the time of a third benchmark, what both do beside what is compared, taken off
-  /// either side first: "ours above an empty loop".
-  Goal(std::string what, std::string ours, std::string peer, double limit, std::string baseline);
+  /// Registers the goal. Meant for objects of static storage beside the benchmarks. The time of
+  /// `baseline`, what both do beside what is compared, is taken off either side first: "ours above
+  /// an empty loop".
+  Goal(std::string what, std::string ours, std::string peer, double limit,
+       std::string baseline = {});
 };
 
 }  // namespace Bench

@@ -114,9 +114,6 @@ bool goalsCheck(const KeepingReporter& reporter, bool filtered) {
 
 }  // namespace
 
-Goal::Goal(std::string what, std::string ours, std::string peer, double limit)
-    : Goal(std::move(what), std::move(ours), std::move(peer), limit, {}) {}
-
 Goal::Goal(std::string what, std::string ours, std::string peer, double limit,
            std::string baseline) {
   goals().push_back(
