@@ -5,9 +5,10 @@ include(GNUInstallDirs)
 # Both include roots become one below the prefix: no two rooms have the same name.
 set(BASTIL_HEADER_DIR ${CMAKE_INSTALL_INCLUDEDIR}/quarnbastil)
 
-# All names that the library offers stand in these namespaces.
-set(BASTIL_NAMESPACES Fenrik Kiv OvSlab Blipline KivSharedMem KivDrift Drift Stavro Asic
-                      OvmResourceTable QuarnLpmLib QuarnL3NiLib QuarnBastil)
+# All names that the library offers stand in these namespaces. A marked name of another one stays
+# inside, and its first user fails to link.
+set(BASTIL_NAMESPACES Fenrik OvSlab Kiv KivFenrik OvFmt Blipline KivSharedMem KivDrift Drift Stavro
+                      Asic OvmResourceTable QuarnLpmLib QuarnL3NiLib QuarnBastil)
 
 function(bastil_room name)
   cmake_parse_arguments(ROOM "" "" "SOURCES;USES" ${ARGN})
