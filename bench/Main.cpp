@@ -16,6 +16,7 @@ struct GoalFacts {
   std::string ours;
   std::string peer;
   double limit;
+  std::string base;
 };
 
 std::vector<GoalFacts>& goals() {
@@ -52,9 +53,12 @@ class KeepingReporter final : public benchmark::ConsoleReporter {
 void printGoals(const KeepingReporter& reporter) {
   bool head = false;
   for (const GoalFacts& goal : goals()) {
-    const double ours = reporter.median(goal.ours);
-    const double peer = reporter.median(goal.peer);
-    if (ours == 0 || peer == 0) continue;
+    double ours = reporter.median(goal.ours);
+    double peer = reporter.median(goal.peer);
+    const double base = goal.base.empty() ? 0 : reporter.median(goal.base);
+    if (ours == 0 || peer == 0 || (!goal.base.empty() && base == 0)) continue;
+    ours -= base;
+    peer -= base;
     if (!std::exchange(head, true))
       fmt::print("\n{:<8}{:>8}{:>8}  {}\n", "goal", "limit", "ratio", "what");
     fmt::print("{:<8}{:>8.3f}{:>8.3f}  {}\n", ours / peer <= goal.limit ? "met" : "MISSED",
@@ -64,8 +68,8 @@ void printGoals(const KeepingReporter& reporter) {
 
 }  // namespace
 
-Goal::Goal(std::string what, std::string ours, std::string peer, double limit) {
-  goals().push_back({std::move(what), std::move(ours), std::move(peer), limit});
+Goal::Goal(std::string what, std::string ours, std::string peer, double limit, std::string base) {
+  goals().push_back({std::move(what), std::move(ours), std::move(peer), limit, std::move(base)});
 }
 
 }  // namespace Bench
