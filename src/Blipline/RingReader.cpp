@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <cerrno>
 #include <cstring>
@@ -115,10 +114,10 @@ struct RingFile::Source {
 
   /// A word of the header that the writer moves. Reads on either side of it keep their side.
   std::uint64_t word(std::size_t offset) const {
-    std::atomic_thread_fence(std::memory_order_seq_cst);
     std::array<std::byte, 8> bytes{};
+    __sync_synchronize();
     if (!read(bytes, offset)) return 0;
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    __sync_synchronize();
     return loadWord(bytes);
   }
   std::uint64_t committed() const { return word(offsetof(RingHeader, committed)); }

@@ -158,10 +158,8 @@ void TraceFile::descriptionAdd(MsgId msgId, const MsgFacts& facts) {
       writeAt(fd_, bytes, kHeaderBytes + ringBytes_ + before))
     header_->descriptionBytes.store(before + bytes.size(), std::memory_order_release);
   const auto index = static_cast<std::size_t>(msgId);
-  if (index >= knownBytes_.size()) knownBytes_.resize(std::bit_ceil(index + 1));
-  knownBytes_[index] = 1;
-  known_ = knownBytes_.data();
-  knownSize_ = knownBytes_.size();
+  if (index >= known_.size()) known_.resize(std::bit_ceil(index + 1));
+  known_[index] = 1;
 }
 
 }  // namespace Blipline

@@ -56,7 +56,7 @@ class QUARNBASTIL_EXPORT TraceFile {
   bool msgIdInitialized(MsgId msgId) {
     FENRIK_ASSERT_TEXT(msgId >= 0, "msgId_ >= 0");
     const auto index = static_cast<std::size_t>(msgId);
-    return index != 0 && index < knownSize_ && known_[index] != 0;
+    return index != 0 && index < known_.size() && known_[index] != 0;
   }
 
   /// Writes a description and marks the message as known. When the system takes no more, the
@@ -67,11 +67,8 @@ class QUARNBASTIL_EXPORT TraceFile {
   void mapNew(const std::string& path, std::size_t ringBytes, unsigned fileIndex);
 
   RingBuf ring_;
-  /// One byte for each message id, not zero for those that the file knows. The first word and the
-  /// count of `knownBytes_`, at hand for the sites.
-  std::uint8_t* known_ = nullptr;
-  std::size_t knownSize_ = 0;
-  std::vector<std::uint8_t> knownBytes_;
+  /// One byte for each message id, not zero for those that the file knows.
+  std::vector<std::uint8_t> known_;
   RingHeader* header_ = nullptr;
   std::size_t ringBytes_ = 0;
   int fd_ = -1;

@@ -112,7 +112,10 @@ TraceHandle::TraceHandle(const Options& options)
   }
 }
 
-TraceHandle::~TraceHandle() = default;
+TraceHandle::~TraceHandle() {
+  TraceHandle* self = this;
+  defaultBliplineHandle.compare_exchange_strong(self, nullptr);
+}
 
 TraceFile* TraceHandle::threadFile() noexcept {
   if (Impl::threadEnded) return nullptr;

@@ -48,7 +48,7 @@ class QUARNBASTIL_EXPORT TraceHandle {
   explicit TraceHandle(const Options& options);
   TraceHandle(const TraceHandle&) = delete;
   TraceHandle& operator=(const TraceHandle&) = delete;
-  /// REQUIRES: no thread is at a site of the handle, nor comes to one.
+  /// Takes itself off `defaultBliplineHandle`. REQUIRES: no thread is at a site of the handle.
   ~TraceHandle();
 
   /// The file in which the calling thread records; null when there is none.
@@ -74,8 +74,8 @@ class QUARNBASTIL_EXPORT TraceHandle {
   std::shared_ptr<Impl::FilePool> pool_;
 };
 
-/// The handle of all ring traces of the system; null when the process has none. It is set by the
-/// process, which also keeps the object.
+/// The handle of all ring traces of the system; null when the process has none. The process sets it
+/// and keeps the object.
 QUARNBASTIL_EXPORT extern std::atomic<TraceHandle*> defaultBliplineHandle;
 
 }  // namespace Blipline

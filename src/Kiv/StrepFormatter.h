@@ -31,7 +31,8 @@ template <class T>
 struct StrepFormatter : fmt::formatter<std::string_view> {
   template <class Context>
   auto format(const T& value, Context& context) const noexcept {
-    static_assert(typeOf<T>().valid(), "the value type stands in no module");
+    static_assert(
+        requires { typename T::KivModule; }, "the value type names no module");
     const Fenrik::String text = KivFenrik::Impl::valueToStrep(typeOf<T>(), &value);
     return fmt::formatter<std::string_view>::format(text.view(), context);
   }
