@@ -163,7 +163,7 @@ TEST_F(RingTraceTest, ALiveFileIsReadWhileItsWriterLapsTheReader) {
   });
   while (!started) std::this_thread::yield();
   std::size_t read = 0;
-  for (int round = 0; round < 200; ++round) try {
+  for (int round = 0; round < 60; ++round) try {
       read += provedNumbers(RingFile(path())).size();
     } catch (const Blipline::RingFileException& exception) {
       EXPECT_EQ(exception.state(), Blipline::RingFileState::lapped);
