@@ -37,10 +37,12 @@ struct RingFixture : testing::Test {
   std::string directory;
 };
 
-/// Records a number that proves itself, in records of two lengths.
+/// Records a number that proves itself, in records whose lengths make every lap lie differently.
 inline void provedRecord(std::uint64_t number) {
   if (number % 3 == 0)
     BLIPLINE_TRACE("Proved", "{} {} {}", number, ~number, static_cast<std::uint16_t>(number));
+  else if (number % 41 == 1)
+    BLIPLINE_TRACE("Proved", "{} {} {} {} {}", number, ~number, number, number, number);
   else
     BLIPLINE_TRACE("Proved", "{} {}", number, ~number);
 }
