@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "Fenrik/Export.h"
@@ -25,6 +26,8 @@ struct TypeFacts {
   std::string_view name;
   /// Rising by number, which is the order of declaration.
   std::span<const AttributeFact> attributes;
+  /// Appends the text form of a value of the class; null when the class has none of its own.
+  void (*textAppend)(const void* value, std::string& text) = nullptr;
 };
 
 /// The classes of one source, in the order of their type indices.

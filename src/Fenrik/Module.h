@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
@@ -89,6 +90,18 @@ consteval auto attributeTable() {
   }
 }
 
+/// The text form that a class declares with `void textAppend(std::string& text) const`.
+template <class T>
+consteval auto textAppendOf() -> void (*)(const void*, std::string&) {
+  if constexpr (requires(const T& value, std::string& text) { value.textAppend(text); }) {
+    return [](const void* value, std::string& text) {
+      static_cast<const T*>(value)->textAppend(text);
+    };
+  } else {
+    return nullptr;
+  }
+}
+
 /// The attribute table of a class, gathered from its declarations.
 template <class T>
 inline constexpr auto kAttributes = attributeTable<T>();
@@ -100,7 +113,7 @@ inline constexpr auto kAttributes = attributeTable<T>();
 template <Fenrik::FixedString moduleName, class... Types>
 struct QUARNBASTIL_EXPORT Module {
   inline static constexpr std::array<TypeFacts, sizeof...(Types)> kTypes{
-      TypeFacts{Impl::typeName<Types>(), Impl::kAttributes<Types>}...};
+      TypeFacts{Impl::typeName<Types>(), Impl::kAttributes<Types>, Impl::textAppendOf<Types>()}...};
   inline static constexpr ModuleFacts kFacts{moduleName.view(), kTypes};
 
   template <class T>

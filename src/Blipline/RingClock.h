@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+#include "Blipline/RingFormat.h"
+#include "Fenrik/Export.h"
+
+namespace Blipline {
+
+/// The clock of the records: the processor's counter where it runs evenly, which costs less than
+/// half of the system's clock, and CLOCK_MONOTONIC elsewhere.
+class QUARNBASTIL_EXPORT RingClock {
+ public:
+  /// One instant on the ring's clock and on the monotonic one, in nanoseconds.
+  struct Instant {
+    std::uint64_t tick;
+    std::uint64_t monotonic;
+  };
+  /// What turns ticks into a time of day, the same for the whole process.
+  struct Base {
+    RingClockKind kind;
+    std::uint64_t ticksPerSecond;
+    Instant instant;
+    std::uint64_t realtime;
+  };
+
+  /// Measured at the first call, which sleeps for two milliseconds.
+  static const Base& base();
+
+  /// REQUIRES: `base` has been called.
+  static std::uint64_t tick() noexcept {
+#if defined(__x86_64__)
+    if (__builtin_expect(hasCounter_, 1)) return __builtin_ia32_rdtsc();
+#endif
+    return nanoseconds(CLOCK_MONOTONIC);
+  }
+
+  static Instant instant() noexcept;
+
+ private:
+  static std::uint64_t nanoseconds(clockid_t clock) noexcept;
+  static Base measure();
+
+  static bool hasCounter_;
+};
+
+}  // namespace Blipline

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <string_view>
+#include <utility>
+
+#include "Fenrik/Export.h"
+#include "Fenrik/Module.h"
+#include "Kiv/TraceHandle.h"
+
+namespace Fenrik {
+namespace Impl {
+
+/// Renders one message and hands it to the handle's sink. An exception of a formatter ends the
+/// process through `std::terminate`.
+template <class Handle>
+void vfmtrace(const Handle& handle, unsigned short level, const char* prefix, const char* file,
+              const char* function, int line, std::string_view format,
+              fmt::format_args args) noexcept;
+
+template <>
+QUARNBASTIL_EXPORT void vfmtrace<Kiv::TraceHandle>(const Kiv::TraceHandle& handle,
+                                                   unsigned short level, const char* prefix,
+                                                   const char* file, const char* function, int line,
+                                                   std::string_view format,
+                                                   fmt::format_args args) noexcept;
+
+}  // namespace Impl
+
+/// Traces a message, whether or not the level is on: the test belongs to the site. Out of line,
+/// once for each list of arguments, so that a site stays small.
+template <class Handle, class... Args>
+[[gnu::noinline, gnu::cold]] void fmtrace(const Handle& handle, unsigned short level,
+                                          const char* file, const char* function, int line,
+                                          const char* prefix, const char* format,
+                                          Args&&... args) noexcept {
+  Impl::vfmtrace<Handle>(handle, level, prefix, file, function, line, std::string_view(format),
+                         fmt::make_format_args(args...));
+}
+
+}  // namespace Fenrik
+
+namespace Kiv::Impl {
+
+consteval bool traceLevelValid(long long level) { return level >= 0 && level < kTraceLevels; }
+
+/// The enabled half of a site; the format has been checked against the arguments where the site was
+/// compiled.
+template <class... Args>
+[[gnu::always_inline]] inline void traceSite(const TraceHandle& handle, unsigned short level,
+                                             const char* file, const char* function, int line,
+                                             const char* prefix, fmt::format_string<Args...> format,
+                                             Args&&... args) noexcept {
+  Fenrik::fmtrace<TraceHandle, Args...>(handle, level, file, function, line, prefix,
+                                        fmt::string_view(format).data(),
+                                        std::forward<Args>(args)...);
+}
+
+}  // namespace Kiv::Impl
+
+/// A trace site: `KIV_TRACE(_defaultTraceHandle(), 8, "TcamEntrySwTable", " key: {}", key)`.
+///
+/// `level` is a constant below 16. `prefix` is put in front of the message as it is; generic code
+/// gives "". `format` is a literal, checked against the arguments while compiling. With the level
+/// off the site costs two tests and evaluates neither the arguments nor the prefix; bit fields are
+/// passed as `+field`.
+#define KIV_TRACE(handle, level, prefix, format, ...)                                \
+  do {                                                                               \
+    static_assert(::Kiv::Impl::traceLevelValid(level), "a trace level is 0 to 15");  \
+    const ::Kiv::TraceHandle& kivTraceHandle = (handle);                             \
+    if (__builtin_expect(kivTraceHandle.levelEnabled(level), 0))                     \
+      ::Kiv::Impl::traceSite(kivTraceHandle, (level), __FILE__,                      \
+                             static_cast<const char*>(__func__), __LINE__, (prefix), \
+                             format __VA_OPT__(, ) __VA_ARGS__);                     \
+  } while (false)

@@ -1,0 +1,62 @@
+#include "Kiv/TraceRegistry.h"
+
+#include <algorithm>
+
+namespace Kiv {
+
+TraceRegistry& TraceRegistry::instance() {
+  static TraceRegistry* const registry = new TraceRegistry;
+  return *registry;
+}
+
+TraceControlRecord* TraceRegistry::record(Fenrik::String name, bool everyLevel) {
+  const std::lock_guard lock(mutex_);
+  std::unique_ptr<Member>& member = members_[std::string(name.view())];
+  if (member == nullptr) member = std::make_unique<Member>(std::move(name));
+  member->everyLevel |= everyLevel;
+  maskUpdate(*member);
+  ++member->control.handleCount;
+  return &member->control;
+}
+
+void TraceRegistry::rulesAdd(std::vector<TraceRule> rules) {
+  const std::lock_guard lock(mutex_);
+  for (TraceRule& rule : rules) {
+    // A rule hides older ones of its pattern; without them the list stays short over years.
+    std::erase_if(rules_, [&](const TraceRule& old) {
+      return old.pattern == rule.pattern || rule.pattern == "*";
+    });
+    rules_.push_back(std::move(rule));
+  }
+  for (auto& [name, member] : members_) maskUpdate(*member);
+}
+
+void TraceRegistry::rulesDelAll() {
+  const std::lock_guard lock(mutex_);
+  rules_.clear();
+  for (auto& [name, member] : members_) maskUpdate(*member);
+}
+
+std::string TraceRegistry::rulesText() const {
+  const std::lock_guard lock(mutex_);
+  std::string text;
+  for (const TraceRule& rule : rules_) text += (text.empty() ? "" : " ") + traceRuleText(rule);
+  return text;
+}
+
+std::vector<TraceControl::HandleInfo> TraceRegistry::handles() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<TraceControl::HandleInfo> infos;
+  for (const auto& [name, member] : members_)
+    infos.push_back({member->control.name, member->control.mask(), member->control.handleCount});
+  return infos;
+}
+
+void TraceRegistry::maskUpdate(Member& member) const {
+  std::uint16_t mask = member.everyLevel ? 0xffff : 0;
+  for (const TraceRule& rule : rules_)
+    if (traceNameFits(rule.pattern, member.control.name.view())) mask = rule.mask;
+  member.control.maskIs(mask);
+}
+
+}  // namespace Kiv

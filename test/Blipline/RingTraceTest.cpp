@@ -1,0 +1,215 @@
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <set>
+#include <thread>
+
+#include "RingFixture.h"
+
+namespace {
+
+using Blipline::RingFile;
+using Blipline::TraceHandle;
+using testing::ElementsAre;
+using RingTraceTest = RingFixture;
+
+enum class Color : std::uint8_t { red = 200 };
+
+struct Site {
+  static void makeSwTable(int count, unsigned short unitId) {
+    BLIPLINE_TRACE("TcamEntryInterface", " Restored {} entries for table: TcamEntry, unitId: {}",
+                   count, unitId);
+  }
+};
+
+std::vector<std::string> texts(const std::vector<Blipline::RingMessage>& messages) {
+  std::vector<std::string> all;
+  for (const Blipline::RingMessage& message : messages) all.push_back(message.text);
+  return all;
+}
+
+std::vector<Blipline::RingMessage> messagesOf(const std::vector<std::string>& paths) {
+  std::vector<RingFile> files;
+  for (const std::string& path : paths) files.emplace_back(path);
+  return Blipline::ringMessages(files);
+}
+
+TEST_F(RingTraceTest, ASiteWithoutAHandleEvaluatesNothing) {
+  int evaluated = 0;
+  BLIPLINE_TRACE("Test", "{}", ++evaluated);
+  EXPECT_EQ(evaluated, 0);
+}
+
+TEST_F(RingTraceTest, ADescriptionIsWrittenOncePerFileAndRecordsHoldNumbersOnly) {
+  for (int run = 0; run < 2; ++run) {
+    TraceHandle handle(options(false));
+    Blipline::defaultBliplineHandle = &handle;
+    for (int i = 0; i < 3; ++i) Site::makeSwTable(i - 1, 65535);
+    const RingFile file(path());
+    ASSERT_EQ(file.descriptions().size(), 1u);
+    const RingFile::Description& site = file.descriptions().begin()->second;
+    EXPECT_EQ(site.letters, "is");
+    EXPECT_EQ(site.className + "::" + site.function, "TcamEntryInterface::makeSwTable");
+    EXPECT_EQ(site.file, "test/Blipline/RingTraceTest.cpp");
+    EXPECT_EQ(std::filesystem::file_size(path()) - Blipline::kHeaderBytes - Blipline::kRingBytesMin,
+              (32 + 2 + 31 + 18 + 11 + 54 + 7) / 8 * 8);
+    ASSERT_EQ(file.records().size(), 3u);
+    EXPECT_EQ(file.records()[0].numbers.size(), 8u);
+    EXPECT_THAT(texts(messagesOf({path()})),
+                ElementsAre(" Restored -1 entries for table: TcamEntry, unitId: 65535",
+                            " Restored 0 entries for table: TcamEntry, unitId: 65535",
+                            " Restored 1 entries for table: TcamEntry, unitId: 65535"));
+  }
+  EXPECT_EQ(RingFile(path() + ".old").records().size(), 3u);
+}
+
+TEST_F(RingTraceTest, EveryKindOfNumberComesBack) {
+  TraceHandle handle(options(false));
+  Blipline::defaultBliplineHandle = &handle;
+  BLIPLINE_TRACE("T", "{} {} {} {} {} {} {} {} {}", true, Color::red, short{-2},
+                 std::uint16_t{0xfffe}, -3, 4000000000u, std::int64_t{-1} << 62, ~std::uint64_t{0},
+                 0.5);
+  BLIPLINE_TRACE("T", "nothing");
+  const auto messages = messagesOf({path()});
+  EXPECT_THAT(texts(messages),
+              ElementsAre("1 200 -2 65534 -3 4000000000 -4611686018427387904 18446744073709551615 "
+                          "0.5",
+                          "nothing"));
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto age = std::chrono::nanoseconds(now) - std::chrono::nanoseconds(messages[1].time);
+  EXPECT_LT(std::chrono::abs(age), std::chrono::seconds(2));
+  EXPECT_THAT(Blipline::ringLine(messages[1]),
+              testing::MatchesRegex("20[^ ]+\\.[0-9]+Z [0-9]+/0 test/Blipline/RingTraceTest.cpp:"
+                                    "[0-9]+ T::TestBody: nothing"));
+}
+
+TEST_F(RingTraceTest, ALapKeepsTheNewestRecordsWithoutAGap) {
+  TraceHandle handle(options(false));
+  Blipline::defaultBliplineHandle = &handle;
+  std::uint64_t next = 0;
+  // All but the block in which the writer stands, at 40 bytes or less on average.
+  constexpr std::size_t kKept =
+      3 * (Blipline::kBlockBytes - sizeof(Blipline::BlockHead) - Blipline::kRecordBytesMax) / 40;
+  for (const std::uint64_t until : {0u, 1u, 100u, 500u, 501u, 20'000u}) {
+    while (next < until) provedRecord(next++);
+    const auto numbers = provedNumbers(RingFile(path()));
+    ASSERT_EQ(numbers.empty(), until == 0);
+    if (until != 0) {
+      EXPECT_EQ(numbers.back(), until - 1);
+    }
+    EXPECT_GE(numbers.size(), std::min<std::size_t>(until, kKept));
+  }
+}
+
+TEST_F(RingTraceTest, ARecordIsOpenAloneAndUnseenUntilItEnds) {
+  TraceHandle handle(options(false));
+  Blipline::defaultBliplineHandle = &handle;
+  Blipline::RingBuf& ring = handle.traceFile()->ring();
+  provedRecord(1);
+  ASSERT_TRUE(ring.startMsg(handle.traceFile(), 1));
+  provedRecord(2);  // As a signal handler would.
+  EXPECT_FALSE(ring.startMsg(handle.traceFile(), 1));
+  EXPECT_EQ(RingFile(path()).records().size(), 1u);
+  ring.endMsg();
+  provedRecord(3);
+  EXPECT_EQ(RingFile(path()).records().size(), 3u);
+}
+
+TEST_F(RingTraceTest, EachThreadHasItsFileAndTheReaderPutsThemInOneOrder) {
+  TraceHandle handle(options(true, 1 << 18));
+  Blipline::defaultBliplineHandle = &handle;
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 200;
+  std::atomic<int> turn{0};
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread)
+    threads.emplace_back([&, thread] {
+      for (int i = 0; i < kRounds; ++i) {
+        BLIPLINE_TRACE("Turn", "race {}", thread);
+        while (turn.load() % kThreads != thread) std::this_thread::yield();
+        BLIPLINE_TRACE("Turn", "turn {}", turn.load());
+        ++turn;
+      }
+    });
+  for (std::thread& thread : threads) thread.join();
+  std::vector<std::string> paths;
+  for (unsigned index = 0; index <= kThreads; ++index) paths.push_back(path(index));
+  std::set<std::uint32_t> ids;
+  for (unsigned index = 1; index <= kThreads; ++index) {
+    const RingFile file(path(index));
+    EXPECT_EQ(file.records().size(), 2u * kRounds);
+    for (const auto& [id, description] : file.descriptions()) ids.insert(id);
+  }
+  EXPECT_EQ(ids.size(), 2u) << "a site has one id in all files";
+  int next = 0;
+  for (const std::string& text : texts(messagesOf(paths)))
+    if (text.starts_with("turn")) {
+      EXPECT_EQ(text, "turn " + std::to_string(next++));
+    }
+  EXPECT_EQ(next, kThreads * kRounds);
+  for (int i = 0; i < 10; ++i) std::thread([] { provedRecord(0); }).join();
+  EXPECT_FALSE(std::filesystem::exists(path(kThreads + 1))) << "files of ended threads are used on";
+}
+
+TEST_F(RingTraceTest, ALiveFileIsReadWhileItsWriterLapsTheReader) {
+  std::atomic<bool> stop{false};
+  std::atomic<bool> started{false};
+  std::thread writer([&] {
+    TraceHandle handle(options(false, 1 << 18));
+    Blipline::defaultBliplineHandle = &handle;
+    started = true;
+    for (std::uint64_t number = 0; !stop; ++number) provedRecord(number);
+  });
+  while (!started) std::this_thread::yield();
+  std::size_t read = 0;
+  for (int round = 0; round < 60; ++round) try {
+      read += provedNumbers(RingFile(path())).size();
+    } catch (const Blipline::RingFileException& exception) {
+      EXPECT_EQ(exception.state(), Blipline::RingFileState::lapped);
+    }
+  stop = true;
+  writer.join();
+  EXPECT_GT(read, 0u);
+}
+
+TEST_F(RingTraceTest, AForkedChildLeavesItsParentsFilesAlone) {
+  TraceHandle single(options(false));
+  TraceHandle multi({directory, "m", Blipline::kRingBytesMin, true});
+  Blipline::defaultBliplineHandle = &single;
+  provedRecord(1);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    provedRecord(2);
+    Blipline::defaultBliplineHandle = &multi;
+    provedRecord(3);
+    ::_exit(0);
+  }
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  provedRecord(2);
+  EXPECT_THAT(provedNumbers(RingFile(path())), ElementsAre(1, 2));
+  EXPECT_TRUE(RingFile(directory + "/m-0.blip").records().empty());
+}
+
+TEST_F(RingTraceTest, AFileThatCannotBeMadeIsAnErrorWithItsPath) {
+  try {
+    TraceHandle handle({directory + "/none", "t", 0, true});
+    ADD_FAILURE() << "was made";
+  } catch (const Blipline::TraceFileException& exception) {
+    EXPECT_THAT(exception.what(), testing::AllOf(testing::HasSubstr(directory + "/none/t-0.blip"),
+                                                 testing::HasSubstr("No such file")));
+  }
+}
+
+using RingTraceDeathTest = RingFixture;
+
+TEST_F(RingTraceDeathTest, ANegativeMessageIdEndsTheProcess) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  TraceHandle handle(options(false));
+  EXPECT_DEATH(handle.traceFile()->msgIdInitialized(-1),
+               "bool Blipline::TraceFile::msgIdInitialized\\(.*MsgId\\): Assertion `msgId_ >= 0'");
+}
+
+}  // namespace
