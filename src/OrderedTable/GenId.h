@@ -4,12 +4,16 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 
 namespace Asic {
 
 /// A generation: whoever watches it acts when the major id moves.
 class GenId final {
  public:
+  /// Its name among the types of the state database.
+  static constexpr std::string_view kEntityName = "Asic::GenId";
+
   constexpr GenId() noexcept = default;
   constexpr GenId(std::uint32_t majorId, std::uint32_t minorId) noexcept
       : majorId_(majorId), minorId_(minorId) {}

@@ -6,6 +6,7 @@
 #include "OrderedTable/UnitId.h"
 
 #include "Drift/RecordLayout.h"
+#include "Stavro/ValueEntity.h"
 
 // What the value types look like to other processes, which find them in records.
 namespace Asic {
@@ -22,5 +23,11 @@ static_assert(kStandsInRecords<TableVersion, 12, 4>);
 static_assert(kStandsInRecords<GenId, 8, 4>);
 static_assert(!MajorVersion().valid() && MajorVersion(0).valid());
 static_assert(!EntryVersion().valid() && EntryVersion(MajorVersion(0), 0).valid());
+
+namespace {
+
+const Stavro::ValueRegistration<GenId> kGenIdRegistration;
+
+}  // namespace
 
 }  // namespace Asic

@@ -5,7 +5,9 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/EntryLogDrift.h"
 #include "OrderedTable/LogDriftEntry.h"
 #include "OrderedTable/TableEntry.h"
 #include "QuarnBastil/BankIndexKey.h"
@@ -53,6 +55,22 @@ static_assert(Asic::configStandsAt<PortXformTcamActionConfigDriftEntry>(24, 32))
 
 struct PortXformTcamActionLogDriftEntry final : Asic::LogDriftEntry<PortXformTcamActionLogEntry> {
   using LogDriftEntry::LogDriftEntry;
+};
+
+class PortXformTcamActionConfigDrift final
+    : public Asic::ConfigDrift<PortXformTcamActionConfigDrift,
+                               PortXformTcamActionConfigDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnBastil::PortXformTcamActionConfigDrift";
+  using ConfigDrift::ConfigDrift;
+};
+
+class PortXformTcamActionEntryLogDrift final
+    : public Asic::EntryLogDrift<PortXformTcamActionEntryLogDrift,
+                                 PortXformTcamActionLogDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnBastil::PortXformTcamActionEntryLogDrift";
+  using EntryLogDrift::EntryLogDrift;
 };
 
 }  // namespace QuarnBastil

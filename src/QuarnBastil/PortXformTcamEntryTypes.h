@@ -5,7 +5,9 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/EntryLogDrift.h"
 #include "OrderedTable/LogDriftEntry.h"
 #include "OrderedTable/TableEntry.h"
 #include "QuarnBastil/BankIndexKey.h"
@@ -54,6 +56,20 @@ static_assert(Asic::configStandsAt<PortXformTcamEntryConfigDriftEntry>(28, 36));
 
 struct PortXformTcamEntryLogDriftEntry final : Asic::LogDriftEntry<PortXformTcamEntryLogEntry> {
   using LogDriftEntry::LogDriftEntry;
+};
+
+class PortXformTcamEntryConfigDrift final
+    : public Asic::ConfigDrift<PortXformTcamEntryConfigDrift, PortXformTcamEntryConfigDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnBastil::PortXformTcamEntryConfigDrift";
+  using ConfigDrift::ConfigDrift;
+};
+
+class PortXformTcamEntryEntryLogDrift final
+    : public Asic::EntryLogDrift<PortXformTcamEntryEntryLogDrift, PortXformTcamEntryLogDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnBastil::PortXformTcamEntryEntryLogDrift";
+  using EntryLogDrift::EntryLogDrift;
 };
 
 }  // namespace QuarnBastil

@@ -17,3 +17,16 @@ template class RecordLayout<QuarnBastil::PortXformTcamActionConfigDriftEntry>;
 template class RecordLayout<QuarnBastil::PortXformTcamActionLogDriftEntry>;
 
 }  // namespace Drift
+
+namespace QuarnBastil {
+namespace {
+
+// Known to the mount by name as soon as the library is loaded.
+const KivSharedMem::EntityRegistrations<
+    TcamEntryConfigDrift, TcamEntryEntryLogDrift, TcamActionConfigDrift, TcamActionEntryLogDrift,
+    PortXformTcamEntryConfigDrift, PortXformTcamEntryEntryLogDrift, PortXformTcamActionConfigDrift,
+    PortXformTcamActionEntryLogDrift>
+    kEntities;
+
+}  // namespace
+}  // namespace QuarnBastil

@@ -5,7 +5,9 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/EntryLogDrift.h"
 #include "OrderedTable/LogDriftEntry.h"
 #include "OrderedTable/TableEntry.h"
 #include "QuarnBastil/BankIndexKey.h"
@@ -68,6 +70,20 @@ static_assert(Asic::configStandsAt<TcamActionConfigDriftEntry>(132, 140));
 
 struct TcamActionLogDriftEntry final : Asic::LogDriftEntry<TcamActionLogEntry> {
   using LogDriftEntry::LogDriftEntry;
+};
+
+class TcamActionConfigDrift final
+    : public Asic::ConfigDrift<TcamActionConfigDrift, TcamActionConfigDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnBastil::TcamActionConfigDrift";
+  using ConfigDrift::ConfigDrift;
+};
+
+class TcamActionEntryLogDrift final
+    : public Asic::EntryLogDrift<TcamActionEntryLogDrift, TcamActionLogDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnBastil::TcamActionEntryLogDrift";
+  using EntryLogDrift::EntryLogDrift;
 };
 
 }  // namespace QuarnBastil

@@ -5,7 +5,9 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/EntryLogDrift.h"
 #include "OrderedTable/LogDriftEntry.h"
 #include "OrderedTable/TableEntry.h"
 #include "QuarnBastil/BankIndexKey.h"
@@ -116,6 +118,20 @@ static_assert(Asic::configStandsAt<TcamEntryConfigDriftEntry>(540, 548));
 
 struct TcamEntryLogDriftEntry final : Asic::LogDriftEntry<TcamEntryLogEntry> {
   using LogDriftEntry::LogDriftEntry;
+};
+
+class TcamEntryConfigDrift final
+    : public Asic::ConfigDrift<TcamEntryConfigDrift, TcamEntryConfigDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnBastil::TcamEntryConfigDrift";
+  using ConfigDrift::ConfigDrift;
+};
+
+class TcamEntryEntryLogDrift final
+    : public Asic::EntryLogDrift<TcamEntryEntryLogDrift, TcamEntryLogDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnBastil::TcamEntryEntryLogDrift";
+  using EntryLogDrift::EntryLogDrift;
 };
 
 }  // namespace QuarnBastil

@@ -88,18 +88,25 @@ class QUARNBASTIL_EXPORT DenseCollection : public Fenrik::NodeClass<Self, Entity
   std::unique_ptr<Drift::DenseWriter> writer_;
 };
 
-/// What the mount must know of a class `Self` over one of the two.
-template <class Self>
-EntityType entityTypeOf(std::string_view typeName, std::string_view attributeName) {
-  using Layout = typename Self::Layout;
-  return {typeName,
-          attributeName,
-          Self::kLayout,
-          Layout::kKeySize,
-          Layout::kRecordSize,
-          [](const Fenrik::String& path, std::unique_ptr<Drift::DriftFile> file) {
-            return Fenrik::Ptr<Entity>(Fenrik::ptrIsImpl<Self>(path, std::move(file)));
-          }};
-}
+/// Enters classes over one of the two under their names, `Self::kEntityName`.
+template <class... Selves>
+class EntityRegistrations {
+ public:
+  EntityRegistrations() { (EntityRegistration(typeOf<Selves>()), ...); }
+
+ private:
+  template <class Self>
+  static EntityType typeOf() {
+    using Layout = typename Self::Layout;
+    return {Self::kEntityName,
+            Self::kAttributeName,
+            Self::kLayout,
+            Layout::kKeySize,
+            Layout::kRecordSize,
+            [](const Fenrik::String& path, std::unique_ptr<Drift::DriftFile> file) {
+              return Fenrik::Ptr<Entity>(Fenrik::ptrIsImpl<Self>(path, std::move(file)));
+            }};
+  }
+};
 
 }  // namespace KivSharedMem

@@ -5,7 +5,9 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/EntryLogDrift.h"
 #include "OrderedTable/LogDriftEntry.h"
 #include "OrderedTable/TableEntry.h"
 #include "QuarnLpmLib/PrefixKey.h"
@@ -51,6 +53,20 @@ static_assert(Asic::configStandsAt<BigAdsDataModelConfigDriftEntry>(36, 44));
 
 struct BigAdsDataModelLogDriftEntry final : Asic::LogDriftEntry<BigAdsDataModelLogEntry> {
   using LogDriftEntry::LogDriftEntry;
+};
+
+class BigAdsDataModelConfigDrift final
+    : public Asic::ConfigDrift<BigAdsDataModelConfigDrift, BigAdsDataModelConfigDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnLpmLib::BigAdsDataModelConfigDrift";
+  using ConfigDrift::ConfigDrift;
+};
+
+class BigAdsDataModelEntryLogDrift final
+    : public Asic::EntryLogDrift<BigAdsDataModelEntryLogDrift, BigAdsDataModelLogDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnLpmLib::BigAdsDataModelEntryLogDrift";
+  using EntryLogDrift::EntryLogDrift;
 };
 
 }  // namespace QuarnLpmLib

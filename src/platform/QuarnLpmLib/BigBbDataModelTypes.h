@@ -5,7 +5,9 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/EntryLogDrift.h"
 #include "OrderedTable/LogDriftEntry.h"
 #include "OrderedTable/TableEntry.h"
 #include "QuarnLpmLib/PrefixBlock.h"
@@ -49,6 +51,20 @@ static_assert(Asic::configStandsAt<BigBbDataModelConfigDriftEntry>(76, 84));
 
 struct BigBbDataModelLogDriftEntry final : Asic::LogDriftEntry<BigBbDataModelLogEntry> {
   using LogDriftEntry::LogDriftEntry;
+};
+
+class BigBbDataModelConfigDrift final
+    : public Asic::ConfigDrift<BigBbDataModelConfigDrift, BigBbDataModelConfigDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnLpmLib::BigBbDataModelConfigDrift";
+  using ConfigDrift::ConfigDrift;
+};
+
+class BigBbDataModelEntryLogDrift final
+    : public Asic::EntryLogDrift<BigBbDataModelEntryLogDrift, BigBbDataModelLogDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnLpmLib::BigBbDataModelEntryLogDrift";
+  using EntryLogDrift::EntryLogDrift;
 };
 
 }  // namespace QuarnLpmLib

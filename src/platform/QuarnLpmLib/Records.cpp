@@ -20,3 +20,17 @@ template class RecordLayout<QuarnLpmLib::TcamDataModelConfigDriftEntry>;
 template class RecordLayout<QuarnLpmLib::TcamDataModelLogDriftEntry>;
 
 }  // namespace Drift
+
+namespace QuarnLpmLib {
+namespace {
+
+// Known to the mount by name as soon as the library is loaded.
+const KivSharedMem::EntityRegistrations<
+    BigBbDataModelConfigDrift, BigBbDataModelEntryLogDrift, SmallBbDataModelConfigDrift,
+    SmallBbDataModelEntryLogDrift, BigAdsDataModelConfigDrift, BigAdsDataModelEntryLogDrift,
+    SmallAdsDataModelConfigDrift, SmallAdsDataModelEntryLogDrift, TcamDataModelConfigDrift,
+    TcamDataModelEntryLogDrift>
+    kEntities;
+
+}  // namespace
+}  // namespace QuarnLpmLib

@@ -5,7 +5,9 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/EntryLogDrift.h"
 #include "OrderedTable/LogDriftEntry.h"
 #include "OrderedTable/TableEntry.h"
 #include "QuarnLpmLib/IndexBankKey.h"
@@ -51,6 +53,20 @@ static_assert(Asic::configStandsAt<SmallAdsDataModelConfigDriftEntry>(28, 36));
 
 struct SmallAdsDataModelLogDriftEntry final : Asic::LogDriftEntry<SmallAdsDataModelLogEntry> {
   using LogDriftEntry::LogDriftEntry;
+};
+
+class SmallAdsDataModelConfigDrift final
+    : public Asic::ConfigDrift<SmallAdsDataModelConfigDrift, SmallAdsDataModelConfigDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnLpmLib::SmallAdsDataModelConfigDrift";
+  using ConfigDrift::ConfigDrift;
+};
+
+class SmallAdsDataModelEntryLogDrift final
+    : public Asic::EntryLogDrift<SmallAdsDataModelEntryLogDrift, SmallAdsDataModelLogDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnLpmLib::SmallAdsDataModelEntryLogDrift";
+  using EntryLogDrift::EntryLogDrift;
 };
 
 }  // namespace QuarnLpmLib

@@ -5,7 +5,9 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/EntryLogDrift.h"
 #include "OrderedTable/LogDriftEntry.h"
 #include "OrderedTable/TableEntry.h"
 #include "QuarnLpmLib/PrefixBlock.h"
@@ -49,6 +51,20 @@ static_assert(Asic::configStandsAt<SmallBbDataModelConfigDriftEntry>(80, 88));
 
 struct SmallBbDataModelLogDriftEntry final : Asic::LogDriftEntry<SmallBbDataModelLogEntry> {
   using LogDriftEntry::LogDriftEntry;
+};
+
+class SmallBbDataModelConfigDrift final
+    : public Asic::ConfigDrift<SmallBbDataModelConfigDrift, SmallBbDataModelConfigDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnLpmLib::SmallBbDataModelConfigDrift";
+  using ConfigDrift::ConfigDrift;
+};
+
+class SmallBbDataModelEntryLogDrift final
+    : public Asic::EntryLogDrift<SmallBbDataModelEntryLogDrift, SmallBbDataModelLogDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnLpmLib::SmallBbDataModelEntryLogDrift";
+  using EntryLogDrift::EntryLogDrift;
 };
 
 }  // namespace QuarnLpmLib

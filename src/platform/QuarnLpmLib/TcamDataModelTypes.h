@@ -5,7 +5,9 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
+#include "OrderedTable/EntryLogDrift.h"
 #include "OrderedTable/LogDriftEntry.h"
 #include "OrderedTable/TableEntry.h"
 #include "QuarnLpmLib/PrefixKey.h"
@@ -53,6 +55,20 @@ static_assert(Asic::configStandsAt<TcamDataModelConfigDriftEntry>(36, 44));
 
 struct TcamDataModelLogDriftEntry final : Asic::LogDriftEntry<TcamDataModelLogEntry> {
   using LogDriftEntry::LogDriftEntry;
+};
+
+class TcamDataModelConfigDrift final
+    : public Asic::ConfigDrift<TcamDataModelConfigDrift, TcamDataModelConfigDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnLpmLib::TcamDataModelConfigDrift";
+  using ConfigDrift::ConfigDrift;
+};
+
+class TcamDataModelEntryLogDrift final
+    : public Asic::EntryLogDrift<TcamDataModelEntryLogDrift, TcamDataModelLogDriftEntry> {
+ public:
+  static constexpr std::string_view kEntityName = "QuarnLpmLib::TcamDataModelEntryLogDrift";
+  using EntryLogDrift::EntryLogDrift;
 };
 
 }  // namespace QuarnLpmLib
