@@ -1,0 +1,205 @@
+#include <benchmark/benchmark.h>
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "Drift/Fixture.h"
+#include "Goals.h"
+#ifdef BASTIL_BENCH_LMDB
+#include "Drift/LmdbPeer.h"
+#endif
+#ifdef BASTIL_BENCH_BOOST
+#include <boost/interprocess/containers/map.hpp>
+#include <boost/interprocess/managed_shared_memory.hpp>
+#include <boost/interprocess/sync/interprocess_sharable_mutex.hpp>
+#include <boost/interprocess/sync/scoped_lock.hpp>
+#include <boost/interprocess/sync/sharable_lock.hpp>
+#endif
+
+namespace {
+
+using namespace Bench;
+using Drift::Directory;
+using Drift::DriftFile;
+
+/// Writes random keys of the collection at full speed.
+std::function<void()> randomReplaces(const Directory& directory) {
+  struct Writer {
+    std::unique_ptr<DriftFile> file;
+    Drift::HashedWriter writer;
+    std::vector<Word> record = std::vector<Word>(kConfigWords, 9);
+    std::size_t at = 0;
+    explicit Writer(const Directory& directory)
+        : file(DriftFile::openForWriting(directory, "config", configGeometry(), {})),
+          writer(*file) {}
+  };
+  auto writer = std::make_shared<Writer>(directory);
+  if (writer->writer.view().size() == 0) fillConfig(writer->writer);
+  return [writer] {
+    writer->record[0] = shuffledKeys()[writer->at++ * 7 % kConfigRecords];
+    writer->writer.set(writer->record);
+  };
+}
+
+/// find + copy in this process, with the writer in another one, idle or at full speed.
+void configFind(benchmark::State& state) {
+  const bool busy = state.range(0) != 0;
+  const ScratchDirectory scratch;
+  const Directory directory(scratch.path(), Directory::Access::write);
+  Companion writer([&] { return randomReplaces(directory); });
+  const auto file = DriftFile::openForReading(directory, "config", nullptr);
+  const Drift::HashedView view(*file);
+  std::vector<Word> out(kConfigWords);
+  const auto& keys = shuffledKeys();
+  for (const Word key : keys) view.find(std::span(&key, 1), out);
+  writer.on(busy);
+  const std::uint64_t before = writer.rounds();
+  std::size_t at = 0;
+  for (auto _ : state) {
+    const Word key = keys[at++ % kConfigRecords];
+    if (!view.find(std::span(&key, 1), out)) state.SkipWithError("a record was lost");
+    benchmark::DoNotOptimize(out.data());
+  }
+  writer.on(false);
+  state.counters["writes"] = static_cast<double>(writer.rounds() - before);
+}
+BENCHMARK(configFind)->ArgName("busy")->Arg(0)->Arg(1);
+const Goal kBusy("find + copy, writer at full speed / writer idle", "configFind/busy:1",
+                 "configFind/busy:0", 1.1);
+
+#ifdef BASTIL_BENCH_LMDB
+void configFindLmdb(benchmark::State& state) {
+  const ScratchDirectory scratch;
+  Lmdb lmdb(scratch.path());
+  lmdb.fill(kConfigRecords, kConfigRecord);
+  Lmdb::Reader reader(lmdb);
+  std::vector<char> out(kConfigRecord);
+  const auto& keys = shuffledKeys();
+  for (const Word key : keys) reader.find(key, out);
+  std::size_t at = 0;
+  for (auto _ : state) {
+    if (!reader.find(keys[at++ % kConfigRecords], out)) state.SkipWithError("a record was lost");
+    benchmark::DoNotOptimize(out.data());
+  }
+}
+BENCHMARK(configFindLmdb);
+const Goal kFind("find + copy of 552 bytes / LMDB renew, get, copy", "configFind/busy:0",
+                 "configFindLmdb", 1.0 / 15);
+#endif
+
+#ifdef BASTIL_BENCH_BOOST
+/// An ordered map in Boost's shared memory under a shared lock: what one would write without us.
+void configFindBoost(benchmark::State& state) {
+  namespace ipc = boost::interprocess;
+  struct Record {
+    char bytes[kConfigRecord];
+  };
+  using Allocator = ipc::allocator<std::pair<const std::uint32_t, Record>,
+                                   ipc::managed_shared_memory::segment_manager>;
+  using Map = ipc::map<std::uint32_t, Record, std::less<>, Allocator>;
+  const std::string name = "bastil-bench-" + std::to_string(::getpid());
+  ipc::shared_memory_object::remove(name.c_str());
+  {
+    ipc::managed_shared_memory segment(ipc::create_only, name.c_str(), std::size_t{96} << 20);
+    auto* const lock = segment.construct<ipc::interprocess_sharable_mutex>("lock")();
+    auto* const map = segment.construct<Map>("map")(segment.get_segment_manager());
+    for (const Word key : shuffledKeys()) map->emplace(static_cast<std::uint32_t>(key), Record{});
+    Record out;
+    std::size_t at = 0;
+    for (auto _ : state) {
+      const ipc::sharable_lock<ipc::interprocess_sharable_mutex> guard(*lock);
+      out = map->find(static_cast<std::uint32_t>(shuffledKeys()[at++ % kConfigRecords]))->second;
+      benchmark::DoNotOptimize(&out);
+    }
+  }
+  ipc::shared_memory_object::remove(name.c_str());
+}
+BENCHMARK(configFindBoost);
+#endif
+
+/// The floor of a write: a random record of 552 bytes over 36 MiB.
+void configRandomCopy(benchmark::State& state) {
+  const ScratchDirectory scratch;
+  const Directory directory(scratch.path(), Directory::Access::write);
+  // In a file of the same kind, so that both live behind pages of the same size.
+  const auto file =
+      DriftFile::openForWriting(directory, "config", configGeometry(), {.reserveAll = true});
+  std::byte* const memory = file->data() + file->header().slotsOffset;
+  std::vector<char> record(kConfigRecord, 2);
+  const auto& keys = shuffledKeys();
+  std::size_t at = 0;
+  for (auto _ : state) {
+    std::memcpy(memory + keys[at++ % kConfigRecords] * kConfigRecord, record.data(), kConfigRecord);
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(configRandomCopy);
+
+void configReplace(benchmark::State& state) {
+  const ScratchDirectory scratch;
+  const Directory directory(scratch.path(), Directory::Access::write);
+  const auto file = DriftFile::openForWriting(directory, "config", configGeometry(), {});
+  Drift::HashedWriter writer(*file);
+  fillConfig(writer);
+  Companion reader([&] {
+    std::shared_ptr<DriftFile> mine = DriftFile::openForReading(directory, "config", nullptr);
+    auto view = std::make_shared<Drift::HashedView>(*mine);
+    return [mine, view, at = std::size_t{0}, out = std::vector<Word>(kConfigWords)]() mutable {
+      const Word key = shuffledKeys()[at++ * 5 % kConfigRecords];
+      view->find(std::span(&key, 1), out);
+    };
+  });
+  reader.on(true);
+  std::vector<Word> record(kConfigWords, 9);
+  const auto& keys = shuffledKeys();
+  std::size_t at = 0;
+  for (auto _ : state) {
+    record[0] = keys[at++ % kConfigRecords];
+    writer.set(record);
+  }
+  state.counters["reads"] = static_cast<double>(reader.rounds());
+}
+BENCHMARK(configReplace);
+const Goal kReplace("replace with a live reader / random copy of 552 bytes over 36 MiB",
+                    "configReplace", "configRandomCopy", 2.5);
+
+/// Walk of all records with copies.
+void configWalk(benchmark::State& state) {
+  const ScratchDirectory scratch;
+  const Directory directory(scratch.path(), Directory::Access::write);
+  const auto file = DriftFile::openForWriting(directory, "config", configGeometry(), {});
+  Drift::HashedWriter writer(*file);
+  fillConfig(writer);
+  std::vector<Word> out(kConfigWords);
+  for (auto _ : state) {
+    Drift::WalkPosition position;
+    Word key = 0;
+    Word count = 0;
+    for (; writer.view().next(position, std::span(&key, 1), out); ++count) key = out[0] & 0xffff;
+    if (count != kConfigRecords) state.SkipWithError("a record was lost");
+  }
+}
+BENCHMARK(configWalk)->Unit(benchmark::kMillisecond);
+
+/// Shared memory behind the records, a byte told as a nanosecond.
+void configBytes(benchmark::State& state) {
+  for (auto _ : state) {
+    const ScratchDirectory scratch;
+    const Directory directory(scratch.path(), Directory::Access::write);
+    const auto file = DriftFile::openForWriting(directory, "config", configGeometry(), {});
+    Drift::HashedWriter writer(*file);
+    fillConfig(writer);
+    struct stat facts {};
+    ::stat(file->path().c_str(), &facts);
+    state.SetIterationTime(static_cast<double>(facts.st_blocks) * 512 / kConfigRecords * 1e-9);
+  }
+}
+BENCHMARK(configBytes)->UseManualTime()->Iterations(1);
+void configBytesOfRecord(benchmark::State& state) {
+  for (auto _ : state) state.SetIterationTime(kConfigRecord * 1e-9);
+}
+BENCHMARK(configBytesOfRecord)->UseManualTime()->Iterations(1);
+const Goal kBytes("shared bytes per configuration record / 552", "configBytes",
+                  "configBytesOfRecord", 1.06);
+
+}  // namespace
