@@ -1,10 +1,13 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <set>
 #include <string>
 
+#include "Drift/HashedCollection.h"
 #include "Drift/RecordLayout.h"
 #include "OrderedTable/EntryVersion.h"
 #include "OrderedTable/GenId.h"
@@ -208,6 +211,57 @@ TYPED_TEST(RecordSuite, KeysCompareByTheirFieldsInOrder) {
   EXPECT_EQ(padded, rising[1]);
   EXPECT_EQ(padded.hash(17), rising[1].hash(17));
   EXPECT_EQ(bytesOf(padded), bytesOf(rising[1]));
+}
+
+TYPED_TEST(RecordSuite, ACollectionFindsRecordsByTheirKeysAlone) {
+  using Config = typename TypeParam::ConfigDriftEntry;
+  using Layout = Drift::RecordLayout<Config>;
+  using Words = std::array<Drift::Word, Layout::kWords>;
+  using KeyWords = std::array<Drift::Word, Layout::kKeyWords>;
+  char path[] = "/tmp/records.XXXXXX";
+  ASSERT_NE(mkdtemp(path), nullptr);
+  Drift::Directory directory(path, Drift::Directory::Access::write);
+  const auto file = Drift::DriftFile::openForWriting(
+      directory, "records",
+      {Drift::Format::Layout::hashed, Layout::kKeySize, Layout::kRecordSize, 300, "T", "m"}, {});
+  Drift::HashedWriter writer(*file);
+
+  constexpr Drift::Word kCount = 200;
+  const auto keyOf = [](unsigned number) {
+    typename TypeParam::Key key;
+    *reinterpret_cast<unsigned char*>(&key) = static_cast<unsigned char>(number);
+    return key;
+  };
+  // The second round replaces each record by one that differs in every byte behind the key.
+  for (const bool second : {false, true}) {
+    for (unsigned i = 0; i < kCount; ++i) {
+      Config record = second ? this->fullConfig() : Config();
+      record.logEntry.key = keyOf(i);
+      Words words;
+      Layout::toWords(record, words.data());
+      writer.set(words);
+    }
+    ASSERT_EQ(writer.view().size(), kCount);
+  }
+  std::set<unsigned char> walked;
+  Drift::WalkPosition position;
+  KeyWords key{};
+  for (Words words; writer.view().next(position, key, words);) {
+    Config record;
+    Layout::fromWords(words.data(), record);
+    EXPECT_EQ(record.logVersion.value(), kVersion);
+    walked.insert(*reinterpret_cast<unsigned char*>(&record));
+    Layout::keyToWords(record.logEntry.key, key.data());
+  }
+  EXPECT_EQ(walked.size(), kCount);
+  for (unsigned i = 0; i < kCount; ++i) {
+    Words words;
+    Layout::keyToWords(keyOf(i), key.data());
+    EXPECT_TRUE(writer.view().find(key, words));
+    EXPECT_TRUE(writer.remove(key));
+  }
+  EXPECT_EQ(writer.view().size(), 0u);
+  std::filesystem::remove_all(path);
 }
 
 TYPED_TEST(RecordSuite, AnEntryIsItsLogEntryAndItsResourceKeys) {

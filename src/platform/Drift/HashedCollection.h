@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -59,7 +60,10 @@ class QUARNBASTIL_EXPORT HashedView {
   friend class HashedWriter;
 
   enum class Slot { whole, torn };
+  using KeyRoom = std::array<Word, Format::kMaxKeySize / sizeof(Word)>;
 
+  /// The key with which a record begins. The record may go on within the key's last word.
+  KeyWords keyOf(const Word* record, KeyRoom& room) const noexcept;
   const Word* table(Word active) const noexcept;
   const Word* slotWords(Word slot) const noexcept;
   Word active() const;
@@ -74,6 +78,7 @@ class QUARNBASTIL_EXPORT HashedView {
 
   const DriftFile* file_;
   Word keyWords_;
+  Word lastKeyMask_;  ///< of the key's last word, the bytes that are the key's
   Word recordWords_;
   Word mask_;
   CheckedWord activeWord_;

@@ -13,7 +13,7 @@ constexpr int kAttempts = 10000;
 
 enum Outcome : int { kAbsent, kFound, kAgain };
 
-bool keyLess(KeyWords a, const Word* b) {
+bool keyLess(KeyWords a, KeyWords b) {
   for (std::size_t i = 0; i < a.size(); ++i) {
     if (a[i] != b[i]) return a[i] < b[i];
   }
@@ -38,11 +38,18 @@ Word hashKey(KeyWords key, Word seed) noexcept {
 HashedView::HashedView(const DriftFile& file)
     : file_(&file),
       keyWords_(Format::paddedSize(file.header().keySize) / sizeof(Word)),
+      lastKeyMask_(~Word{0} >> (keyWords_ * sizeof(Word) - file.header().keySize) * 8),
       recordWords_(Format::paddedSize(file.header().recordSize) / sizeof(Word)),
       mask_(file.header().indexWords - 1),
       activeWord_(file.data(), Format::Line::active),
       reservedWord_(file.data(), Format::Line::reserved),
       candidate_(recordWords_) {}
+
+KeyWords HashedView::keyOf(const Word* record, KeyRoom& room) const noexcept {
+  std::copy_n(record, keyWords_, room.begin());
+  room[keyWords_ - 1] &= lastKeyMask_;
+  return KeyWords(room).first(keyWords_);
+}
 
 const Word* HashedView::table(Word active) const noexcept {
   return file_->words(Format::kHeaderSize) + (active & 1) * (mask_ + 1);
@@ -96,7 +103,8 @@ HashedView::Slot HashedView::copySlot(const IndexWord& word, RecordWords out) co
 
 /// Whether the record is one that the index word at this bucket may lead to.
 bool HashedView::belongs(const IndexWord& word, Word bucket, RecordWords record) const noexcept {
-  const Word hash = hashKey(record.first(keyWords_), file_->header().hashSeed);
+  KeyRoom room;
+  const Word hash = hashKey(keyOf(record.data(), room), file_->header().hashSeed);
   return word.tag == IndexWord::tagOf(hash) && ((hash + word.displacement) & mask_) == bucket;
 }
 
@@ -144,7 +152,10 @@ int HashedView::findOnce(KeyWords key, Word hash, RecordWords out) const {
       continue;
     }
     if (readSlot(bucket, seen, out, bound) == Slot::torn) return kAgain;
-    if (std::ranges::equal(key, out.first(keyWords_))) return active() == before ? kFound : kAgain;
+    KeyRoom room;
+    if (std::ranges::equal(key, keyOf(out.data(), room))) {
+      return active() == before ? kFound : kAgain;
+    }
   }
   return active() == before ? kAbsent : kAgain;
 }
@@ -181,8 +192,11 @@ int HashedView::nextInBucket(Word active, Word home, const KeyWords* after, Reco
     }
     if (bound == 0) bound = reserved();
     if (readSlot(bucket, seen, candidate_, bound) == Slot::torn) return kAgain;
-    if (after != nullptr && !keyLess(*after, candidate_.data())) continue;
-    if (found && !keyLess(KeyWords(candidate_).first(keyWords_), out.data())) continue;
+    KeyRoom room;
+    const KeyWords key = keyOf(candidate_.data(), room);
+    if (after != nullptr && !keyLess(*after, key)) continue;
+    KeyRoom best;
+    if (found && !keyLess(key, keyOf(out.data(), best))) continue;
     std::ranges::copy(candidate_, out.begin());
     found = true;
   }
@@ -191,7 +205,7 @@ int HashedView::nextInBucket(Word active, Word home, const KeyWords* after, Reco
 
 bool HashedView::next(WalkPosition& position, KeyWords after, RecordWords out) const {
   // The caller may give the key within `out`, which is overwritten.
-  std::array<Word, Format::kMaxKeySize / sizeof(Word)> copy;
+  KeyRoom copy;
   std::ranges::copy(after, copy.begin());
   const KeyWords key(copy.data(), after.size());
   for (int attempt = 0; attempt < kAttempts; ++attempt) {

@@ -101,7 +101,8 @@ HashedWriter::Place HashedWriter::locate(KeyWords key, Word hash) {
     const IndexWord word = IndexWord::from(seen);
     if (word.tag != tag || word.displacement != displacement) continue;
     const Word* const stored = view_.slotWords(word.slot) + 1;
-    if (std::ranges::equal(key, std::span(stored, key.size()))) {
+    HashedView::KeyRoom room;
+    if (std::ranges::equal(key, view_.keyOf(stored, room))) {
       return {bucket, displacement, seen};
     }
   }
@@ -150,7 +151,8 @@ Word HashedWriter::fillSlot(Word slot, std::span<const Word> record) {
 }
 
 void HashedWriter::set(std::span<const Word> record) {
-  const KeyWords key = record.first(view_.keyWords_);
+  HashedView::KeyRoom room;
+  const KeyWords key = view_.keyOf(record.data(), room);
   const Word hash = hashKey(key, file_.header().hashSeed);
   Place place = locate(key, hash);
   if (place.seen == 0) {
