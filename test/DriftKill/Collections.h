@@ -71,6 +71,13 @@ struct Shape {
 
 inline constexpr std::string_view kEntity = "table";
 
+inline std::string pathIn(const std::string& directory) {
+  return directory + "/" + Drift::Directory::fileNameOf(kEntity);
+}
+inline bool exists(const std::string& directory) {
+  return ::access(pathIn(directory).c_str(), F_OK) == 0;
+}
+
 /// Fills a record: its key, its generation, and words that follow from both and from their place.
 inline Word contentOf(Word key, Word generation, std::size_t place) {
   const Word mixed = (key * 0x9e3779b97f4a7c15 + generation) * 0xbf58476d1ce4e5b9 + place;
@@ -321,12 +328,11 @@ inline void goOn(Store& store, Contents contents, Word keys) {
 
 /// Copies a collection's file as it lies there, holes as holes.
 inline void copyCollection(const std::string& from, const std::string& to) {
-  const std::string name = "/" + Drift::Directory::fileNameOf(kEntity);
-  const Drift::Descriptor in(::open((from + name).c_str(), O_RDONLY | O_CLOEXEC));
-  ::unlink((to + name).c_str());
+  const Drift::Descriptor in(::open(pathIn(from).c_str(), O_RDONLY | O_CLOEXEC));
+  ::unlink(pathIn(to).c_str());
   if (!in.valid()) return;
   const Drift::Descriptor out(
-      ::open((to + name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+      ::open(pathIn(to).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   struct stat facts {};
   bool good = out.valid() && ::fstat(in.get(), &facts) == 0 &&
               ::fchmod(out.get(), facts.st_mode) == 0 && ::ftruncate(out.get(), facts.st_size) == 0;
@@ -339,7 +345,7 @@ inline void copyCollection(const std::string& from, const std::string& to) {
            ::pwrite(out.get(), bytes.data(), bytes.size(), at) == size;
     at = end;
   }
-  if (!good) fault("cannot copy {}{}", from, name);
+  if (!good) fault("cannot copy {}", pathIn(from));
 }
 
 }  // namespace DriftTest

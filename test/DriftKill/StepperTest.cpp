@@ -15,10 +15,7 @@ using Format::Layout;
 /// Tells whether a collection's file has changed, its appearance included.
 class Watch {
  public:
-  explicit Watch(const std::string& directory)
-      : path_(directory + "/" + Drift::Directory::fileNameOf(kEntity)) {
-    (void)changed();
-  }
+  explicit Watch(const std::string& directory) : path_(pathIn(directory)) { (void)changed(); }
   ~Watch() {
     if (bytes_ != nullptr) ::munmap(bytes_, last_.size());
   }
@@ -103,10 +100,8 @@ Totals stepThrough(const std::string& directory, const Shape& shape, const Eithe
     ++totals.instructions;
     if (!watch.changed() && totals.instructions > 1) continue;
     ++totals.states;
-    const bool exists =
-        ::access((directory + "/" + Drift::Directory::fileNameOf(kEntity)).c_str(), F_OK) == 0;
     bool isNew = false;
-    if (exists) {
+    if (exists(directory)) {
       isNew = either.isNew(Reader(directory).read(keys));
       if (!resident) resident.emplace(directory);
       if (either.isNew(resident->read(keys)) != isNew) fault("two readers differ");
