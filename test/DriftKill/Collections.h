@@ -4,11 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -139,7 +141,7 @@ inline Contents after(Contents contents, const Step& step) {
   return contents;
 }
 
-inline Contents after(Contents contents, const Steps& steps) {
+inline Contents after(Contents contents, std::span<const Step> steps) {
   for (const Step& step : steps) contents = after(std::move(contents), step);
   return contents;
 }

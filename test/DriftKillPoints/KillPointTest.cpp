@@ -75,7 +75,7 @@ class Deaths {
       ++deaths_;
       const std::size_t done = done_.value();
       Either either;
-      either.before = after(before_, Steps(steps_.begin(), steps_.begin() + done));
+      either.before = after(before_, std::span(steps_).first(done));
       either.after = done < steps_.size() ? after(either.before, steps_[done]) : either.before;
       try {
         check(either);

@@ -122,11 +122,16 @@ struct Arena {
   Directory directory;
 };
 
-/// Lets a race run for a while and, if asked, up to a number of reads.
+/// Lets a race run for a while, if asked up to a number of reads, and until writer and readers have
+/// met, which on a busy machine may take longer.
 void let(Race& race, milliseconds time, Word reads) {
   const auto end = std::chrono::steady_clock::now() + time;
-  while (!race.stop && (std::chrono::steady_clock::now() < end || race.reads < reads)) {
+  const auto late = end + std::chrono::seconds(30);
+  for (;;) {
     std::this_thread::sleep_for(milliseconds(10));
+    const auto now = std::chrono::steady_clock::now();
+    const bool missed = race.torn == 0 && now < late;
+    if (race.stop || (now >= end && race.reads >= reads && !missed)) break;
   }
   race.stop = true;
 }
