@@ -26,6 +26,15 @@ namespace DriftTest {
 using Drift::Word;
 namespace Format = Drift::Format;
 
+/// Built with a sanitizer: forks and steps take ten times as long.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kInstrumented = true;
+#elif defined(__has_feature)
+inline constexpr bool kInstrumented = __has_feature(address_sanitizer);
+#else
+inline constexpr bool kInstrumented = false;
+#endif
+
 struct Fault : std::runtime_error {
   using std::runtime_error::runtime_error;
 };

@@ -12,14 +12,6 @@
 #include "DriftKill/Collections.h"
 #include "Support/Soak.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define BASTIL_SLOW_FORKS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define BASTIL_SLOW_FORKS 1
-#endif
-#endif
-
 namespace DriftTest {
 namespace {
 
@@ -199,11 +191,7 @@ class Life {
 }
 
 TEST(KillRoundsSoakDeathTest, WhatWasCommittedSurvivesAnyNumberOfKills) {
-#ifdef BASTIL_SLOW_FORKS
-  const int usual = 1'000;
-#else
-  const int usual = 20'000;
-#endif
+  const int usual = kInstrumented ? 1'000 : 20'000;
   const int rounds = Support::soakFactor() == 1 ? usual : 1'000'000;
   const unsigned seed = Support::seed();
   SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));

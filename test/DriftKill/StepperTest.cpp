@@ -294,7 +294,7 @@ TEST(StepperDeathTest, AMountLosesNothingAtAnyInstruction) {
   for (const Shape& shape : {Shape{Layout::hashed, 124, 8}, Shape{Layout::dense, 124, 20}}) {
     for (const Scenario& scenario :
          shape.dense() ? denseScenarios(shape.recordSize) : hashedScenarios(shape.recordSize)) {
-      stepped.run(scenario, 16);
+      stepped.run(scenario, kInstrumented ? 64 : 16);
     }
     stepped.leftovers().push_back({std::make_unique<TempDir>(), {}});
     Totals totals;
