@@ -35,6 +35,8 @@ class QUARNBASTIL_EXPORT DenseView {
   };
   Window window() const;
 
+  /// Number of records. One load of each end as a rule; while the number of absent versions is
+  /// being changed, or after a death in the middle of that, they are counted along the window.
   Word size() const;
 
   DenseRead find(Word version, std::span<Word> out) const;
@@ -51,6 +53,8 @@ class QUARNBASTIL_EXPORT DenseView {
   const Word* slotOf(Word version) const noexcept;
   const Word* sideSlot() const noexcept;
   Word line(const CheckedWord& word, const char* name) const;
+  Word countAbsent(const Window& window, Word holesStamp) const;
+  bool isAbsent(Word version) const noexcept;
   Slot copySlot(const Word* slot, Word version, std::span<Word> out) const noexcept;
   [[noreturn]] void corrupt(const char* what, Word version) const;
 
@@ -106,7 +110,6 @@ class QUARNBASTIL_EXPORT DenseWriter {
   void prepend(std::span<const Word> record);
   void replace(std::span<const Word> record);
   void changeHoles(Word version, Word holes, bool absent, std::span<const Word> record);
-  bool isAbsent(Word version) const noexcept;
 
   DriftFile& file_;
   DenseView view_;

@@ -52,11 +52,37 @@ DenseView::Window DenseView::window() const {
 }
 
 Word DenseView::size() const {
-  const Window at = window();
-  const Word holes =
-      line(holes_, "the number of absent versions does not prove itself") & ~kHolesChanging;
-  const Word span = at.next - at.first;
-  return holes > span ? 0 : span - holes;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const Word firstStamp = first_.stamp();
+    const Word nextStamp = next_.stamp();
+    const Word holesStamp = holes_.stamp();
+    const Window at = window();
+    const Word holes = line(holes_, "the number of absent versions does not prove itself");
+    const bool changing = (holes & kHolesChanging) != 0;
+    const Word absent = changing ? countAbsent(at, holesStamp) : holes;
+    if (first_.stamp() != firstStamp || next_.stamp() != nextStamp ||
+        holes_.stamp() != holesStamp) {
+      continue;
+    }
+    if (absent > at.next - at.first)
+      corrupt("there are more absent versions than versions", absent);
+    return at.next - at.first - absent;
+  }
+  corrupt("it changes without end while it is counted", 0);
+}
+
+Word DenseView::countAbsent(const Window& window, Word holesStamp) const {
+  const Word redirect = line(redirect_, "the redirection does not prove itself");
+  Word absent = 0;
+  for (Word version = window.first; version < window.next; ++version) {
+    if (holes_.stamp() != holesStamp) break;
+    if (version + 1 != redirect && isAbsent(version)) ++absent;
+  }
+  return absent;
+}
+
+bool DenseView::isAbsent(Word version) const noexcept {
+  return loadWord(slotOf(version)) == Seal::absentSeal(static_cast<std::uint32_t>(version));
 }
 
 DenseView::Slot DenseView::copySlot(const Word* slot, Word version,

@@ -59,16 +59,8 @@ void DenseWriter::finishRedirect() {
   redirect_.set(0);
 }
 
-bool DenseWriter::isAbsent(Word version) const noexcept {
-  return loadWord(view_.slotOf(version)) == Seal::absentSeal(static_cast<std::uint32_t>(version));
-}
-
 void DenseWriter::recountHoles() {
-  Word holes = 0;
-  for (Word version = first_.value(); version < next_.value(); ++version) {
-    holes += isAbsent(version) ? 1 : 0;
-  }
-  holes_.set(holes);
+  holes_.set(view_.countAbsent({first_.value(), next_.value()}, view_.holes_.stamp()));
 }
 
 void DenseWriter::reserveChunk(Word chunk) {
@@ -151,7 +143,7 @@ void DenseWriter::set(std::span<const Word> record) {
     append(record);
   } else if (version < first_.value()) {
     prepend(record);
-  } else if (isAbsent(version)) {
+  } else if (view_.isAbsent(version)) {
     changeHoles(version, holes_.value() - 1, false, record);
   } else {
     replace(record);
@@ -220,7 +212,7 @@ void DenseWriter::changeHoles(Word version, Word holes, bool absent, std::span<c
 }
 
 bool DenseWriter::remove(Word version) {
-  if (empty() || version < first_.value() || version >= next_.value() || isAbsent(version)) {
+  if (empty() || version < first_.value() || version >= next_.value() || view_.isAbsent(version)) {
     return false;
   }
   if (version != first_.value()) {
@@ -228,7 +220,7 @@ bool DenseWriter::remove(Word version) {
     return true;
   }
   Word first = version + 1;
-  while (first < next_.value() && isAbsent(first)) ++first;
+  while (first < next_.value() && view_.isAbsent(first)) ++first;
   const Word passed = first - version - 1;
   if (passed != 0) holes_.set(holes_.value() | kHolesChanging);
   first_.set(first);
@@ -238,6 +230,7 @@ bool DenseWriter::remove(Word version) {
 }
 
 void DenseWriter::removeAll() {
+  if (holes_.value() != 0) holes_.set(holes_.value() | kHolesChanging);
   first_.set(next_.value());
   holes_.set(0);
   giveBackBefore(next_.value());
