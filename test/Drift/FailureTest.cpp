@@ -41,6 +41,7 @@ Function* real(Function*, const char* name) {
 
 #define REAL(name) static auto* const next = real(&::name, #name)
 
+#pragma GCC visibility push(default)
 extern "C" {
 int open(const char* path, int flags, ...) {
   REAL(open);
@@ -117,6 +118,7 @@ ssize_t read(int fd, void* to, size_t size) {
   return faults.hit("read") ? -1 : next(fd, to, size);
 }
 }  // extern "C"
+#pragma GCC visibility pop
 #undef REAL
 
 namespace {
@@ -233,6 +235,7 @@ INSTANTIATE_TEST_SUITE_P(Layouts, FailureTest,
                          });
 
 TEST_P(FailureTest, EveryCallOfAMakingFailsInTurn) {
+  geometry_.capacity = 20;
   Gauntlet gauntlet{dir_.path(), [&] { close(), std::filesystem::remove(path_); },
                     [&] { file_ = DriftFile::openForWriting(directory_, "e", geometry_, {}); },
                     [&] { EXPECT_EQ(file_->stage(), MountStage::made), expectModel(); }};
@@ -244,6 +247,7 @@ TEST_P(FailureTest, EveryCallOfAMakingFailsInTurn) {
 }
 
 TEST_P(FailureTest, EveryCallOfATakeoverFailsInTurn) {
+  geometry_.capacity = 20;
   Gauntlet gauntlet{
       dir_.path(), [&] { startAnew(3), close(); },
       [&] { file_ = DriftFile::openForWriting(directory_, "e", geometry_, {.reserveAll = true}); },
@@ -256,6 +260,7 @@ TEST_P(FailureTest, EveryCallOfATakeoverFailsInTurn) {
 }
 
 TEST_P(FailureTest, EveryCallOfARebuildFailsInTurn) {
+  geometry_.capacity = 20;
   const auto prepare = [&] {
     startAnew(3);
     close();
@@ -274,6 +279,7 @@ TEST_P(FailureTest, EveryCallOfARebuildFailsInTurn) {
 }
 
 TEST_P(FailureTest, EveryCallOfAReaderFailsInTurn) {
+  geometry_.capacity = 20;
   startAnew(5);
   std::unique_ptr<DriftFile> reader;
   Gauntlet gauntlet{dir_.path(), [] {},
@@ -326,7 +332,9 @@ TEST_P(FailureTest, EveryCallOfAChangeFailsInTurn) {
     }
     // Only dense reserves at a takeover.
     const bool applies = &change != &changes[2] || GetParam() == Format::Layout::dense;
-    if (applies) EXPECT_GE(gauntlet.fired[change.call], std::size(kErrors)) << change.call;
+    if (applies) {
+      EXPECT_GE(gauntlet.fired[change.call], std::size(kErrors)) << change.call;
+    }
   }
 }
 
@@ -380,7 +388,9 @@ class FullFileSystemTest : public FailureTest {
   void TearDown() override {
     close();
     directory_ = Directory("/dev/shm", Directory::Access::read);
-    if (mounted_) EXPECT_EQ(::umount2(dir_.path().c_str(), MNT_DETACH), 0);
+    if (mounted_) {
+      EXPECT_EQ(::umount2(dir_.path().c_str(), MNT_DETACH), 0);
+    }
   }
 
   void fill() {
@@ -390,7 +400,9 @@ class FullFileSystemTest : public FailureTest {
     struct stat size {};
     ASSERT_EQ(::fstat(ballast.get(), &size), 0);
     const auto room = static_cast<off_t>(facts.f_bavail * facts.f_bsize);
-    if (room > 0) ASSERT_EQ(::fallocate(ballast.get(), 0, size.st_size, room), 0);
+    if (room > 0) {
+      ASSERT_EQ(::fallocate(ballast.get(), 0, size.st_size, room), 0);
+    }
     ASSERT_EQ(::fstatvfs(ballast.get(), &facts), 0);
     ASSERT_EQ(facts.f_bavail, 0U);
   }
