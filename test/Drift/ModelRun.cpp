@@ -101,11 +101,11 @@ void ModelRun::step() {
   const Word what = choose_(1000);
   if (what < 3) {
     // Rarely enough for a large collection to become full in between.
-    if (choose_(geometry_.capacity / 16 + 1) == 0) removeAll();
+    if (choose_(geometry_.capacity / 64 + 1) == 0) removeAll();
   } else if (what < 8) {
     mount();
   } else if (what < 18) {
-    check();
+    if (choose_(geometry_.capacity / 256 + 1) == 0) check();
   } else if (what < 200) {
     find(pickNumber());
   } else if (what < (filling ? 920U : 500U)) {

@@ -109,11 +109,11 @@ Word highestNumber(const Model& model) {
 Sight look(const DriftFile& file, const Model& model) {
   Sight sight;
   AnyView view(file);
-  for (const auto& [key, record] : model) {
+  for (const auto& entry : model) {
     survives(file, sight, [&] {
-      if (!view.find(key)) {
+      if (!view.find(entry.first)) {
         ++sight.missing;
-      } else if (view.bytes != record) {
+      } else if (view.bytes != entry.second) {
         sight.complaint = "a key gives another record than was stored";
       }
     });
