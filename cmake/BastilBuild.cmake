@@ -9,6 +9,7 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
 option(BASTIL_TESTS "Build the test suite" ON)
 option(BASTIL_BENCH "Build the benchmarks" ON)
+option(BASTIL_FUZZ "Build the fuzzers (clang; BASTIL_SANITIZE=address,undefined)" OFF)
 set(BASTIL_SANITIZE "" CACHE STRING "Value of -fsanitize for everything, or empty")
 
 add_compile_options(-Wall -Wextra -Wconversion -Werror)
@@ -25,4 +26,10 @@ if(BASTIL_SANITIZE)
     # It compares type infos by address, which hidden types have once in each library.
     add_compile_options(-fno-sanitize=function)
   endif()
+endif()
+if(BASTIL_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "BASTIL_FUZZ needs clang")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link)
 endif()

@@ -32,6 +32,8 @@ DenseWriter::DenseWriter(DriftFile& file)
   reservedFrom_ = chunkOf(first_.value(), 0);
   reservedTo_ = empty() ? reservedFrom_ : chunkOf(next_.value() - 1, stride() - 1) + 1;
   finishRedirect();
+  // A death between the two stores of a removal of everything leaves the number of holes behind.
+  if (empty() && holes_.value() != 0) holes_.set(0);
   if ((holes_.value() & kHolesChanging) != 0) recountHoles();
   giveBackOutside();
 }

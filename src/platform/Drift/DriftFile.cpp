@@ -58,11 +58,18 @@ Word roomOf(int fd) {
   return ::fstatvfs(fd, &facts) == 0 ? Word{facts.f_bavail} * facts.f_frsize : 0;
 }
 
-void readBootId(std::uint8_t (&id)[16]) {
+/// False, with errno set, if it cannot be read now: to go on with another id would throw a
+/// collection away at this mount or the next.
+bool readBootId(std::uint8_t (&id)[16]) {
   Descriptor fd(::open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
   char text[36] = {};
-  // Without it all boots look alike, and files are taken over across them.
-  if (!fd.valid() || ::read(fd.get(), text, sizeof text) != sizeof text) return;
+  // Where there is none all boots look alike, and files are taken over across them.
+  if (!fd.valid()) return errno == ENOENT;
+  const ssize_t size = ::read(fd.get(), text, sizeof text);
+  if (size != sizeof text) {
+    if (size >= 0) errno = EIO;
+    return false;
+  }
   std::size_t nibble = 0;
   for (const char c : text) {
     if (c == '-') continue;
@@ -70,6 +77,7 @@ void readBootId(std::uint8_t (&id)[16]) {
     id[nibble / 2] = static_cast<std::uint8_t>(id[nibble / 2] << 4 | (value & 15));
     ++nibble;
   }
+  return true;
 }
 
 Word randomWord() {
@@ -108,6 +116,7 @@ class DriftFileOpener {
     file_->directory_ = Descriptor(::fcntl(directory.fd(), F_DUPFD_CLOEXEC, 0));
     file_->fileName_ = Directory::fileNameOf(entityPath);
     file_->path_ = directory.path() + "/" + file_->fileName_;
+    if (!file_->directory_.valid()) fail(errno, "keep the directory of");
   }
 
   std::unique_ptr<DriftFile> openForWriting(const Geometry& geometry, DriftFile::Options options) {
@@ -227,8 +236,9 @@ class DriftFileOpener {
     }
     Fenrik::String text = headerFault(header, static_cast<Word>(found.st_size));
     if (!text.empty()) {
-      return fault(header.magic == Format::kMagic ? Stage::damaged : Stage::wrongFormat,
-                   std::move(text));
+      const bool ours = header.magic == Format::kMagic &&
+                        header.formatVersion == Format::kVersion && header.abi == Format::kAbi;
+      return fault(ours ? Stage::damaged : Stage::wrongFormat, std::move(text));
     }
     if (geometry == nullptr) {
       const std::optional<Geometry> own = geometryOf(header);
@@ -247,13 +257,18 @@ class DriftFileOpener {
     Fenrik::String text = readHeader(found, &geometry);
     if (!text.empty()) return text;
     Format::FixedHeader boot{};
-    readBootId(boot.bootId);
+    if (!readBootId(boot.bootId)) fail(errno, "read the boot id for");
     if (std::memcmp(boot.bootId, file_->header_.bootId, sizeof boot.bootId) != 0) {
       return "it was made before the machine was started anew";
     }
     map(PROT_READ | PROT_WRITE);
     if (loadWord(file_->words(Format::kReadyOffset)) != Format::kReady) {
       return "its making was not finished";
+    }
+    // The last writer may have mounted it without.
+    if (file_->options_.reserveAll &&
+        ::fallocate(file_->fd_.get(), 0, 0, static_cast<off_t>(file_->header_.fileSize)) != 0) {
+      fail(errno, "reserve");
     }
     for (std::size_t i = 0; i < Format::kLineCount; ++i) {
       CheckedWordWriter word(file_->data(), static_cast<Format::Line>(i));
@@ -287,10 +302,11 @@ class DriftFileOpener {
   Carried salvage(const struct stat& found) {
     Carried carried;
     alignas(Format::kLineSize) std::byte page[Format::kHeaderSize] = {};
-    if (static_cast<std::size_t>(found.st_size) < sizeof page ||
-        ::pread(file_->fd_.get(), page, sizeof page, 0) != sizeof page) {
-      return carried;
-    }
+    if (static_cast<std::size_t>(found.st_size) < sizeof page) return carried;
+    const ssize_t size = ::pread(file_->fd_.get(), page, sizeof page, 0);
+    // Not the file's damage: to go on would issue versions again.
+    if (size < 0) fail(errno, "read");
+    if (size != sizeof page) return carried;
     carried.scratchpad = CheckedWord(page, Format::Line::scratchpad).load().value_or(0);
     carried.next = CheckedWord(page, Format::Line::next).load().value_or(0);
     carried.next = std::max({carried.next, carried.scratchpad + 1, Word{1}});
@@ -313,7 +329,7 @@ class DriftFileOpener {
     Format::FixedHeader& header = file_->header_;
     header = expected_;
     header.hashSeed = randomWord();
-    readBootId(header.bootId);
+    if (!readBootId(header.bootId)) fail(errno, "read the boot id for");
     header.checksum = headerChecksum(header);
 
     TemporaryFile temporary{directory_.fd(), temporaryName(file_->fileName_)};
@@ -450,7 +466,9 @@ std::uint32_t DriftFile::doorbell() const noexcept {
 }
 
 bool DriftFile::waitForRing(std::uint32_t seen, std::chrono::nanoseconds timeout) const {
-  const auto end = std::chrono::steady_clock::now() + timeout;
+  // A year stands for ever, and does not overflow.
+  const auto end = std::chrono::steady_clock::now() +
+                   std::min<std::chrono::nanoseconds>(timeout, std::chrono::hours(24 * 365));
   while (doorbell() == seen) {
     const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
         end - std::chrono::steady_clock::now());

@@ -105,7 +105,8 @@ class QUARNBASTIL_EXPORT HashedWriter {
   /// Removes everything in one step. Throws `NoSpaceException` with nothing changed.
   void removeAll();
 
-  /// Index words that were found damaged and dropped, each a record that is lost.
+  /// Index words that were dropped because they or their records were found damaged, at the takeover
+  /// or later; each may be a record that is lost.
   Word dropped() const noexcept { return dropped_; }
 
  private:
@@ -123,6 +124,8 @@ class QUARNBASTIL_EXPORT HashedWriter {
   void adoptWord(Word* bucket, std::vector<bool>& used);
   void fillFreeList(const std::vector<bool>& used);
   Place locate(KeyWords key, Word hash);
+  bool proves(Word bucket, const IndexWord& word);
+  void drop(Word bucket);
   Word takeSlot();
   void rest(Word slot);
   Word fillSlot(Word slot, std::span<const Word> record);
@@ -140,6 +143,7 @@ class QUARNBASTIL_EXPORT HashedWriter {
   std::uint32_t runningNumber_;
   Word tombstones_ = 0;
   Word dropped_ = 0;
+  std::vector<Word> scratch_;
   /// Slots with memory behind them that nobody uses, last in first out: the warmest one next.
   std::vector<std::uint32_t> free_;
   /// Slots whose record was replaced lately: a ring of `kRestingSlots`.

@@ -19,6 +19,7 @@ HashedWriter::HashedWriter(DriftFile& file)
       runningNumber_(static_cast<std::uint32_t>(
           CheckedWord(file.data(), Format::Line::writerGeneration).load().value_or(0) *
           0x9e3779b1)),
+      scratch_(view_.recordWords()),
       resting_(Format::kRestingSlots, UINT32_MAX) {
   FENRIK_ASSERT(active_.adopt() && live_[0].adopt() && live_[1].adopt() && reserved_.adopt());
   takeOver();
@@ -94,19 +95,47 @@ HashedWriter::Place HashedWriter::locate(KeyWords key, Word hash) {
   for (Word displacement = 0; displacement <= Format::kMaxDisplacement; ++displacement) {
     const Word bucket = (hash + displacement) & mask_;
     const Word seen = loadWord(words + bucket);
-    const bool open = seen == IndexWord::kEmpty || IndexWord::isTombstone(seen);
+    const bool intact = IndexWord::intact(seen);
+    const bool open = seen == IndexWord::kEmpty || (intact && IndexWord::isTombstone(seen));
     if (open && place.displacement > Format::kMaxDisplacement) place = {bucket, displacement, 0};
     if (seen == IndexWord::kEmpty) break;
-    if (open || !IndexWord::intact(seen)) continue;
+    if (open) continue;
     const IndexWord word = IndexWord::from(seen);
-    if (word.tag != tag || word.displacement != displacement) continue;
-    const Word* const stored = view_.slotWords(word.slot) + 1;
-    HashedView::KeyRoom room;
-    if (std::ranges::equal(key, view_.keyOf(stored, room))) {
-      return {bucket, displacement, seen};
+    if (intact && (word.tag != tag || word.displacement != displacement)) continue;
+    if (intact && word.slot < file_.header().slotCount) {
+      const Word* const stored = view_.slotWords(word.slot) + 1;
+      HashedView::KeyRoom room;
+      if (std::ranges::equal(key, view_.keyOf(stored, room))) {
+        return {bucket, displacement, seen};
+      }
+      if (proves(bucket, word)) continue;
     }
+    // It may have been this key's: with it in the way the key could never be read again.
+    drop(bucket);
+    return locate(key, hash);
   }
   return place;
+}
+
+/// Whether the record of an index word is whole and belongs there.
+bool HashedWriter::proves(Word bucket, const IndexWord& word) {
+  return view_.copySlot(word, scratch_) == HashedView::Slot::whole &&
+         view_.belongs(word, bucket, scratch_);
+}
+
+/// Gives up an index word that does not prove itself or whose record does not. Its slot is free
+/// again after the next takeover, which is the one to know that no other word leads there.
+void HashedWriter::drop(Word bucket) {
+  Word* const words = table(activeTable());
+  storeWord(words + bucket, IndexWord::tombstone());
+  ++tombstones_;
+  ++dropped_;
+  Word count = 0;
+  for (Word position = 0; position <= mask_; ++position) {
+    const Word seen = loadWord(words + position);
+    count += IndexWord::intact(seen) && !IndexWord::isTombstone(seen) ? 1 : 0;
+  }
+  live_[activeTable()].set(count);
 }
 
 /// A slot to write, with memory behind it; it stays on its list until it has been published.
@@ -227,10 +256,14 @@ void HashedWriter::switchTable(bool keep) {
     }
     IndexWord word = IndexWord::from(seen);
     const Word home = position - word.displacement;
+    // Bounded: as many words as there are buckets at most come over.
     for (word.displacement = 0; loadWord(target + ((home + word.displacement) & mask_)) != 0;) {
       ++word.displacement;
     }
-    FENRIK_ASSERT(word.displacement <= Format::kMaxDisplacement);
+    if (word.displacement > Format::kMaxDisplacement) {
+      ++dropped_;
+      continue;
+    }
     storeWord(target + ((home + word.displacement) & mask_), word.word());
     ++count;
   }

@@ -77,7 +77,7 @@ class CheckedWord {
   Word stamp() const noexcept { return loadWord(words_ + 1); }
 
   /// The running number of the copy that `load` would take; 0 if both are damaged.
-  Word runningNumber() const noexcept;
+  QUARNBASTIL_EXPORT Word runningNumber() const noexcept;
 
   Word checkOf(Word value, Word runningNumber) const noexcept {
     return (runningNumber << 32) | Seal::kLoops.words(value, runningNumber, line_);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <bit>
+
 #include "Drift/Seal.h"
 #include "Drift/SharedWords.h"
 
@@ -8,8 +10,17 @@ namespace Drift::Seal::Impl {
 /// The loops over one way to step a CRC register: `Step::step(crc, word)`.
 template <class Step>
 struct LoopsOver {
+  /// The bits of what is folded change their places first, each part in another way. Unchanged,
+  /// the place of a register in the fold and the place of a word in its register would both be
+  /// factors x^n, and the same bit flipped in two words (3 and 8 of 16, say) would cancel. As it is
+  /// every error of one, two or an odd number of bits shows in records of up to 1 KiB; the tests
+  /// prove it for each size.
   static std::uint32_t fold(std::uint32_t low, std::uint32_t a, std::uint32_t b, std::uint32_t c,
                             std::uint32_t d) {
+    low ^= std::rotl(low, 8) ^ std::rotl(low, 19);
+    a = __builtin_bswap32(a);
+    b = std::rotl(b, 16);
+    c = __builtin_bswap32(std::rotl(c, 16));
     std::uint32_t crc = Step::step(~0U, low);
     crc = Step::step(crc, Word{a} | (Word{b} << 32));
     return ~Step::step(crc, Word{c} | (Word{d} << 32));

@@ -1,0 +1,60 @@
+#!/usr/bin/env python3
+"""Prints the collection in FILE, as docs/shared-memory.md describes it, records in hexadecimal."""
+import mmap, struct, sys
+def step(crc, data):
+    for byte in data:
+        crc ^= byte
+        for _ in range(8): crc = crc >> 1 ^ (0x82F63B78 if crc & 1 else 0)
+    return crc
+def crc32c(layout, *values): return ~step(0xFFFFFFFF, struct.pack(layout, *values)) & 0xFFFFFFFF
+def rotate(value, bits): return (value << bits | value >> 32 - bits) & 0xFFFFFFFF
+def swap(value): return int.from_bytes(value.to_bytes(4, "little"), "big")
+def word(offset): return struct.unpack_from("<Q", data, offset)[0]
+def need(condition, message):
+    if not condition: raise ValueError(message)
+def line(number):
+    for offset in 384 + 64 * number, 400 + 64 * number:
+        value, check = word(offset), word(offset + 8)
+        if check & 0xFFFFFFFF == crc32c("<QQQ", value, check >> 32, number): return value
+    need(False, f"header word {number} is damaged")
+def slot(number):  # low half of the slot's seal, upper half, and the record if it is whole
+    begin = slots_at + number * stride
+    content, lanes = data[begin:begin + stride], [0xFFFFFFFF] * 4
+    low, crc = struct.unpack_from("<II", content)
+    for i in range(stride // 8 - 1): lanes[i % 4] = step(lanes[i % 4], content[8 * i + 8:8 * i + 16])
+    folded = swap(lanes[0]), rotate(lanes[1], 16), swap(rotate(lanes[2], 16)), lanes[3]
+    whole = crc == crc32c("<QIIII", low ^ rotate(low, 8) ^ rotate(low, 19), *folded)
+    return low, crc, content[8:8 + record_size] if whole else b""
+def dense():
+    for version in range(line(1), line(2)):
+        low, crc, record = slot(slots if line(4) == version + 1 else version % slots)
+        need(low == version & 0xFFFFFFFF, f"version {version} is damaged")
+        if crc == crc32c("<QQQ", low, 0x544E455342410000, 0): continue  # absent
+        need(record and record[:8] == struct.pack("<Q", version), f"version {version} is damaged")
+        yield record
+def hashed():
+    for entry in [word(4096 + 8 * ((line(0) & 1) * buckets + i)) for i in range(buckets)]:
+        number, content = (entry & 0x3FFFFF) - 1, entry & 0xFFFFFFFFFFFF
+        check = crc32c("<QQQ", content, 0, 0) & 0xFFFF
+        need(entry == 0 or entry >> 48 == check and number < line(7), f"{entry:x} is damaged")
+        if number < 0: continue  # empty or a tombstone
+        low, _, record = slot(number)
+        need(record and low & 0xFFF == content >> 22 & 0xFFF, f"the record of {entry:x} is damaged")
+        yield record
+def collection():
+    need(len(data) >= 4096 and data[:8] == b"QBDRIFT1", "it is no collection of this system")
+    need(struct.unpack_from("<I4xQ", data, 8) == (1, 0x0807060504030208), "of another version")
+    need(data[300:304] == struct.pack("<I", crc32c("300s", data[:300])), "the header is damaged")
+    need(data[320:328] == b"QBREADY!", "it is still being made")
+    return struct.unpack_from("<I8xIIIIQQQQQQ16s128s64s", data, 12)
+with open(sys.argv[1], "rb") as file: data = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
+for attempt in range(5):  # what changed while it was read is read again
+    try:
+        layout, _, record_size, stride, _, _, slots, buckets, slots_at, size, *_ = collection()
+        need(size == len(data), "it is cut off")
+        before, records = line(0), list(hashed() if layout == 2 else dense())
+        if not (fault := "" if line(0) == before else "it changes while it is read"): break
+    except ValueError as error: fault = str(error)
+if fault: sys.exit(f"{sys.argv[1]}: {fault}")
+names = [name.rstrip(b"\0").decode() for name in (data[104:232], data[232:296])]
+print(f"{names[0]} {names[1]}: {len(records)} records", *(record.hex() for record in records), sep="\n")
