@@ -100,7 +100,10 @@ class QUARNBASTIL_EXPORT HashMap2018 {
   void newMember(Node node) {
     const auto& key = node.key();
     const Lookup& lookupKey = Traits::lookup(key);
-    generic_.newMemberG(&vt_, {&lookupKey, Traits::hash(lookupKey, seed_)}, std::move(node));
+    const KeyArg arg{&lookupKey, Traits::hash(lookupKey, seed_)};
+    if (generic_.newMemberUsual<Operations>(arg.rhash, node)) [[likely]]
+      return;
+    generic_.newMemberG(&vt_, arg, std::move(node));
   }
 
   /// The node of a key for `fwkValueIs`, or null. Iterators go on to see the old value.
@@ -118,7 +121,9 @@ class QUARNBASTIL_EXPORT HashMap2018 {
       ~Out() {}
       Node node;
     } out;
-    if (!generic_.deleteMemberG(&vt_, {&lookupKey, Traits::hash(lookupKey, seed_)}, &out.node)) {
+    const KeyArg arg{&lookupKey, Traits::hash(lookupKey, seed_)};
+    if (!generic_.deleteMemberUsual<Operations>(arg.rhash, keyIs(lookupKey), &out.node) &&
+        !generic_.deleteMemberG(&vt_, arg, &out.node)) {
       return std::nullopt;
     }
     std::optional<Node> deleted(std::move(out.node));
@@ -142,15 +147,20 @@ class QUARNBASTIL_EXPORT HashMap2018 {
   static std::uint32_t seed() noexcept { return HashHelper::hashSeed32() ^ Node::kSeed; }
 
  private:
+  using Operations = Impl::NodeOperations<Node>;
+
+  static auto keyIs(const Lookup& key) noexcept {
+    return [&key](const HashMap2018LinkNodeBase* node) {
+      return Traits::equal(key, typed(node).key());
+    };
+  }
+
   static const Node& typed(const HashMap2018LinkNodeBase* node) noexcept {
     return *static_cast<const Node*>(node);
   }
 
   [[gnu::always_inline]] const Node* lookup(const Lookup& key, std::uint32_t rhash) const {
-    return static_cast<const Node*>(
-        generic_.lookup(sizeof(Node), rhash, [&](const HashMap2018LinkNodeBase* node) {
-          return Traits::equal(key, typed(node).key());
-        }));
+    return static_cast<const Node*>(generic_.lookup(sizeof(Node), rhash, keyIs(key)));
   }
 
   const std::uint32_t seed_ = seed();

@@ -129,6 +129,9 @@ class HashMap2018BucketLink {
   bool usual() const noexcept { return (bits_ & kTagMask) == 0; }
   /// Where such a bucket begins.
   std::uint32_t* usualWords() const noexcept { return reinterpret_cast<std::uint32_t*>(bits_); }
+  HashMap2018BucketHdr* usualHdr() const noexcept {
+    return reinterpret_cast<HashMap2018BucketHdr*>(usualWords() + kUsualCapacity);
+  }
 
   HashMap2018LinkNodeBase* nodes() const noexcept {
     const std::uintptr_t tag = bits_ & kTagMask;

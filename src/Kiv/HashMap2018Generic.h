@@ -7,6 +7,7 @@
 #include "Fenrik/Export.h"
 #include "Kiv/HashHelper.h"
 #include "Kiv/HashMap2018Bucket.h"
+#include "Kiv/HashMap2018Usual.h"
 #include "Kiv/HashMap2018VTable.h"
 #include "Kiv/HashMap2018Words.h"
 
@@ -85,7 +86,7 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
     if (!link.usual()) [[unlikely]]
       return lookupUnusual(link, nodeSize, hash, keyIs);
     const std::uint32_t* const words = link.usualWords();
-    auto* const hdr = reinterpret_cast<const HashMap2018BucketHdr*>(words + Link::kUsualCapacity);
+    const HashMap2018BucketHdr* const hdr = link.usualHdr();
     // What the words of empty slots and the header match comes behind what occupied slots do.
     for (unsigned mask = Impl::equalWords(words, hash); mask != 0; mask &= mask - 1) {
       const auto index = static_cast<unsigned>(std::countr_zero(mask));
@@ -96,6 +97,61 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
         return node;
     }
     return nullptr;
+  }
+
+  /// Does what `newMemberG` does if it takes no more than a change of one bucket of usual capacity;
+  /// otherwise returns false and does nothing. `Operations` are those of the node's type.
+  template <class Operations>
+  [[gnu::always_inline]] bool newMemberUsual(std::uint32_t rhash,
+                                             typename Operations::Node& node) noexcept {
+    const std::uint32_t hash = spread(rhash);
+    const Link link = linkOf(hash);
+    if (!link.usual() || memberCount_ >= splitAbove_) [[unlikely]]
+      return false;
+    std::uint32_t* const words = link.usualWords();
+    HashMap2018BucketHdr* const hdr = link.usualHdr();
+    const unsigned size = hdr->size();
+    if (size == Link::kUsualCapacity || hdr->shared()) [[unlikely]]
+      return false;
+    const unsigned lesser = Impl::lesserWords(words, hash) & Impl::firstBits(size);
+    const auto index = static_cast<unsigned>(std::countr_one(lesser));
+    if (words[index] == hash && index < size) [[unlikely]]
+      return false;
+    HashMap2018BucketHdr grown = *hdr;
+    grown.sizeIs(size + 1);
+    Impl::openElement<std::uint32_t>(words, index);
+    words[index] = hash;
+    *hdr = grown;
+    Operations::insertUsual(hdr->nodes(), size, index, node);
+    ++memberCount_;
+    return true;
+  }
+
+  /// The same for `deleteMemberG`, but for a member that is absent.
+  template <class Operations, class KeyIs>
+  [[gnu::always_inline]] bool deleteMemberUsual(std::uint32_t rhash, const KeyIs& keyIs,
+                                                void* out) noexcept {
+    const std::uint32_t hash = spread(rhash);
+    const Link link = linkOf(hash);
+    if (!link.usual() || memberCount_ <= joinBelow_) [[unlikely]]
+      return false;
+    std::uint32_t* const words = link.usualWords();
+    HashMap2018BucketHdr* const hdr = link.usualHdr();
+    const unsigned size = hdr->size();
+    const unsigned mask = Impl::equalWords(words, hash) & Impl::firstBits(size);
+    // Two of one hash, and what leaves its bucket empty, are left to the generic form.
+    if (mask == 0 || (mask & (mask - 1)) != 0 || size == 1 || hdr->shared()) [[unlikely]]
+      return false;
+    const auto index = static_cast<unsigned>(std::countr_zero(mask));
+    if (!keyIs(nodeAt(hdr->nodes(), sizeof(typename Operations::Node), index))) [[unlikely]]
+      return false;
+    Operations::eraseUsual(hdr->nodes(), size, index, out);
+    HashMap2018BucketHdr shrunk = *hdr;
+    shrunk.sizeIs(size - 1);
+    Impl::closeElement<std::uint32_t>(words, index);
+    *hdr = shrunk;
+    --memberCount_;
+    return true;
   }
 
  private:

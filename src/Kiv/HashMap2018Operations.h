@@ -16,8 +16,9 @@
 namespace Kiv::Impl {
 
 /// The operations of one collection on its nodes, as they stand in its `vt_`.
-template <class Node>
+template <class NodeType>
 struct QUARNBASTIL_EXPORT NodeOperations {
+  using Node = NodeType;
   using Key = typename Node::Key;
   using Traits = HashMap2018KeyTraits<Key>;
   using Lookup = typename Traits::Lookup;
@@ -88,6 +89,32 @@ struct QUARNBASTIL_EXPORT NodeOperations {
     } else {
       Node* next = static_cast<Node*>(nodes);
       for (unsigned run = 0; run < sources.runCount; ++run) next = append(next, sources.runs[run]);
+    }
+  }
+
+  /// Insert and delete in a bucket of usual capacity.
+  static void insertUsual(Base* nodes, unsigned size, unsigned index, Node& node) noexcept {
+    Node* const gap = static_cast<Node*>(nodes) + index;
+    if constexpr (Node::kBytewise && sizeof(Node) == 8) {
+      openElement<std::uint64_t>(nodes, index);
+      ::new (bytes(gap)) Node(std::move(node));
+    } else if (index == size) {
+      ::new (bytes(gap)) Node(std::move(node));
+    } else {
+      openSlot(gap, static_cast<Node*>(nodes) + size);
+      *gap = std::move(node);
+    }
+  }
+
+  static void eraseUsual(Base* nodes, unsigned size, unsigned index, void* out) noexcept {
+    Node* const gap = static_cast<Node*>(nodes) + index;
+    if constexpr (Node::kBytewise && sizeof(Node) == 8) {
+      // Not moved from, which would store null: the wider loads of the next line would wait for it.
+      std::memcpy(out, bytes(gap), sizeof(Node));
+      closeElement<std::uint64_t>(nodes, index);
+    } else {
+      ::new (out) Node(std::move(*gap));
+      closeGap(gap, gap + 1, static_cast<Node*>(nodes) + size);
     }
   }
 
