@@ -62,6 +62,15 @@ unsigned capacityFor(const VTable* vt, unsigned size) {
   return std::clamp(capacity, least, Hdr::kCapacityMax);
 }
 
+/// The capacity that a bucket should have when one of its nodes has gone: less than now only if it
+/// is far too large, or if it comes back to the usual one with some room.
+unsigned capacityAfter(const VTable* vt, const Hdr* hdr) {
+  const unsigned size = hdr->size() - 1;
+  const unsigned enough =
+      hdr->capacity() > Link::kUsualCapacity ? Link::kUsualCapacity * 3 / 4 : hdr->capacity() / 4;
+  return size <= std::max(enough, hdr->capacity() / 4) ? capacityFor(vt, size) : hdr->capacity();
+}
+
 /// Makes a bucket of the nodes of `sources`. The words are the caller's to fill.
 Hdr* bucketMake(const VTable* vt, unsigned capacity, const Sources& sources) {
   const std::size_t nodesOffset = sizeof(std::uint32_t) * (capacity + 1);
@@ -280,9 +289,7 @@ bool HashMap2018Generic::deleteMemberG(const VTable* vt, const KeyAndRhashSeedAr
   if (index == size) return false;
   vt->place(vt, out, nodeOf(vt, hdr, index), modeOf(hdr));
   --memberCount_;
-  // A bucket that has become far too large for what is left is replaced by a smaller one.
-  const bool tooLarge =
-      size == 1 || (size - 1 <= hdr->capacity() / 4 && hdr->capacity() > capacityFor(vt, size - 1));
+  const bool tooLarge = size == 1 || capacityAfter(vt, hdr) < hdr->capacity();
   if (hdr->shared() || tooLarge) {
     link = eraseMake(vt, hdr, index);
     bucketRetire(vt, hdr);

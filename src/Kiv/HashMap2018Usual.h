@@ -23,15 +23,23 @@ static_assert(kUsualCapacity + 1 == kWordsPerStep);
 
 #if defined(__SSE2__) && !defined(KIV_HASHMAP_PLAIN_WORDS)
 
-[[gnu::always_inline]] inline __m128i chosen(__m128i mask, __m128i ifSet, __m128i ifNot) noexcept {
-  return _mm_or_si128(_mm_and_si128(mask, ifSet), _mm_andnot_si128(mask, ifNot));
-}
-
-/// The numbers of the elements of a vector, the first of which is given, as 32-bit lanes.
+/// Sixteen lanes of zeros, then of ones, of the width of `Element`: what lies 16 - n lanes from the
+/// start is a mask of the lanes from n on.
 template <class Element>
-[[gnu::always_inline]] inline __m128i numbersFrom(int first) noexcept {
-  return sizeof(Element) == 4 ? _mm_setr_epi32(first, first + 1, first + 2, first + 3)
-                              : _mm_setr_epi32(first, first, first + 1, first + 1);
+struct LaneMasks {
+  alignas(16) Element lanes[32];
+  constexpr LaneMasks() : lanes() {
+    for (int i = 16; i < 32; ++i) lanes[i] = static_cast<Element>(~Element{0});
+  }
+};
+template <class Element>
+inline constexpr LaneMasks<Element> kLaneMasks;
+
+/// `from` where the mask is set, `*to` elsewhere, goes to `*to`.
+[[gnu::always_inline]] inline void replaceLanes(__m128i* to, __m128i from,
+                                                const void* mask) noexcept {
+  const __m128i lanes = _mm_loadu_si128(static_cast<const __m128i*>(mask));
+  *to = _mm_xor_si128(_mm_and_si128(_mm_xor_si128(from, *to), lanes), *to);
 }
 
 /// Calls `step` with the constants 0 to `count` - 1: a loop that the compiler surely unrolls.
@@ -49,14 +57,14 @@ template <class Element>
   constexpr int perVector = 16 / sizeof(Element);
   constexpr int vectors = 16 / perVector;
   auto* const all = static_cast<__m128i*>(elements);
-  const __m128i limit = _mm_set1_epi32(static_cast<int>(index));
+  const Element* const masks = kLaneMasks<Element>.lanes + 15 - index;
   unrolled<vectors>([&](auto step) __attribute__((always_inline)) {
     constexpr int i = vectors - 1 - step;
     const auto* const below = static_cast<Element*>(elements) + i * perVector - 1;
     const __m128i moved =
         i != 0 ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(i != 0 ? below : nullptr))
                : _mm_slli_si128(all[0], sizeof(Element));
-    all[i] = chosen(_mm_cmpgt_epi32(numbersFrom<Element>(i * perVector), limit), moved, all[i]);
+    replaceLanes(all + i, moved, masks + i * perVector);
   });
 }
 
@@ -66,7 +74,7 @@ template <class Element>
   constexpr int perVector = 16 / sizeof(Element);
   constexpr int vectors = 16 / perVector;
   auto* const all = static_cast<__m128i*>(elements);
-  const __m128i limit = _mm_set1_epi32(static_cast<int>(index));
+  const Element* const masks = kLaneMasks<Element>.lanes + 16 - index;
   unrolled<vectors>([&](auto step) __attribute__((always_inline)) {
     constexpr int i = step;
     constexpr bool last = i == vectors - 1;
@@ -74,7 +82,7 @@ template <class Element>
     const __m128i moved =
         !last ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(last ? nullptr : above))
               : _mm_srli_si128(all[i], sizeof(Element));
-    all[i] = chosen(_mm_cmpgt_epi32(limit, numbersFrom<Element>(i * perVector)), all[i], moved);
+    replaceLanes(all + i, moved, masks + i * perVector);
   });
 }
 
