@@ -251,13 +251,13 @@ using Shapes = testing::Types<ObjectsInside, PointersInside, ObjectsBeside, Poin
 TYPED_TEST_SUITE(HashMapModel, Shapes);
 
 TYPED_TEST(HashMapModel, BehavesAsItsModelWhileWalksAreUnderWay) {
-  this->run(60000, 40);
-  this->run(60000, 3000);
+  this->run(20000, 40);
+  this->run(30000, 3000);
 }
 
 TYPED_TEST(HashMapModel, BehavesAsItsModelWhenManyKeysShareAHash) {
   PairKey::spread = 3;
-  this->run(20000, 150);
+  this->run(8000, 150);
 }
 
 /// The order that the bookmarks of resumed walks rest on: a walk that is begun again at the key
