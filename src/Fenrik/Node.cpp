@@ -2,9 +2,7 @@
 
 namespace Fenrik {
 
-std::uint8_t ThreadControl::tsp_ = 0;
-
-Node::~Node() { nodeFlagSet(NodeFlag::hasNotificationActive, false); }
+bool ThreadControl::tsp_ = false;
 
 void Node::lastUserGone() { delete this; }
 

@@ -35,7 +35,7 @@ class QUARNBASTIL_EXPORT Node {
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
 
-  virtual ~Node();
+  virtual ~Node() { nodeFlagSet(NodeFlag::hasNotificationActive, false); }
 
   /// Called when the last reference has gone. The default deletes the node.
   virtual void lastUserGone();
@@ -65,10 +65,14 @@ class QUARNBASTIL_EXPORT Node {
 
   /// Drops one reference; true if it was the last. The caller then ends the node.
   bool decUseCount() const noexcept {
-    if (ThreadControl::tsp_ != 0) [[unlikely]] {
-      return ((std::atomic_ref(useCountAndFlags_).fetch_sub(1) - 1) & kUseCountMask) == 0;
+    if (ThreadControl::tsp_) [[unlikely]] return decUseCountShared();
+    const std::uint32_t word = useCountAndFlags_ - 1;
+    if ((word & kUseCountMask) != 0) [[likely]] {
+      useCountAndFlags_ = word;
+      return false;
     }
-    return (--useCountAndFlags_ & kUseCountMask) == 0;
+    useCountAndFlags_ = word;  // Left out where the node's end is inlined.
+    return true;
   }
 
   std::uint32_t useCount() const noexcept {
@@ -95,6 +99,10 @@ class QUARNBASTIL_EXPORT Node {
   Node() noexcept = default;
 
  private:
+  bool decUseCountShared() const noexcept {
+    return ((std::atomic_ref(useCountAndFlags_).fetch_sub(1) - 1) & kUseCountMask) == 0;
+  }
+
   alignas(std::atomic_ref<std::uint32_t>::required_alignment) mutable std::uint32_t
       useCountAndFlags_ = 1;
 };

@@ -64,13 +64,15 @@ class QUARNBASTIL_EXPORT NodeClass : public Base {
 
   using NodeClassOf = T;
 
+  static constexpr auto kPattern = storage == Storage::slabPerWrite
+                                       ? OvSlab::SlabAllocationPattern::perWrite
+                                       : OvSlab::SlabAllocationPattern::longLived;
+
   static void* storageAlloc() {
     if constexpr (storage == Storage::heap) {
       return ::operator new(sizeof(T), std::align_val_t(alignof(T)));
-    } else if constexpr (storage == Storage::slabPerWrite) {
-      return OvSlab::slabAlloc(sizeof(T), OvSlab::SlabAllocationPattern::perWrite);
     } else {
-      return OvSlab::slabAlloc(sizeof(T));
+      return OvSlab::slabAlloc(sizeof(T), kPattern);
     }
   }
 
@@ -78,7 +80,7 @@ class QUARNBASTIL_EXPORT NodeClass : public Base {
     if constexpr (storage == Storage::heap) {
       ::operator delete(object, std::align_val_t(alignof(T)));
     } else {
-      OvSlab::slabFree(object, typeid(T));
+      OvSlab::slabFree(object, typeid(T), sizeof(T), kPattern);
     }
   }
 };

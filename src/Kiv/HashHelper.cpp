@@ -1,12 +1,33 @@
 #include "Kiv/HashHelper.h"
 
+#include <cstring>
 #include <random>
 
 namespace Kiv {
 
-std::uint32_t HashHelper::hashSeed32() noexcept {
-  static const std::uint32_t seed = std::random_device()();
-  return seed;
+constinit std::atomic<std::uint32_t> HashHelper::seed_ = 0;
+
+std::uint32_t HashHelper::seedMade(std::uint32_t wanted) noexcept {
+  if (wanted == 0) wanted = std::random_device()() | 1u;
+  std::uint32_t present = 0;
+  return seed_.compare_exchange_strong(present, wanted) ? wanted : present;
+}
+
+std::uint32_t HashHelper::hashBytes(std::uint32_t seed, const void* bytes,
+                                    std::size_t size) noexcept {
+  // The length is a part, so that bytes of value zero at the end count.
+  std::uint32_t hash = hashSingleAttr(seed, static_cast<std::uint64_t>(size));
+  const auto* next = static_cast<const char*>(bytes);
+  for (; size >= sizeof(std::uint64_t); size -= sizeof(std::uint64_t)) {
+    std::uint64_t word;
+    std::memcpy(&word, next, sizeof word);
+    next += sizeof word;
+    hash = hashSingleAttr(hash, word);
+  }
+  if (size == 0) return hash;
+  std::uint64_t rest = 0;
+  std::memcpy(&rest, next, size);
+  return hashSingleAttr(hash, rest);
 }
 
 }  // namespace Kiv

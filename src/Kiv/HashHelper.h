@@ -1,6 +1,9 @@
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "Fenrik/Export.h"
 
@@ -26,11 +29,43 @@ constexpr std::uint32_t hashSingleAttr(std::uint32_t seed, std::uint64_t value) 
   return hashSingleAttr(upper, static_cast<std::uint32_t>(value));
 }
 
-/// Hashing of keys, seeded per process and per collection.
+/// Hashing of keys, seeded per process and per collection. Threads: any.
 class QUARNBASTIL_EXPORT HashHelper {
  public:
-  /// The process's seed.
-  static std::uint32_t hashSeed32() noexcept;
+  /// The process's seed: chosen at random when it is first asked for, never 0, then fixed.
+  static std::uint32_t hashSeed32() noexcept {
+    const std::uint32_t seed = seed_.load(std::memory_order_relaxed);
+    return seed != 0 ? seed : seedMade(0);
+  }
+
+  /// Fixes the process's seed, so that a run can be repeated with the same orders of iteration.
+  /// Returns the seed that holds: the one given, or the earlier one if there is one already.
+  /// REQUIRES: `seed` is not 0.
+  static std::uint32_t hashSeed32Is(std::uint32_t seed) noexcept { return seedMade(seed); }
+
+  /// Hashes text or other bytes.
+  static std::uint32_t hashBytes(std::uint32_t seed, const void* bytes, std::size_t size) noexcept;
+
+  /// A key without its type, for the generic layer of the map.
+  struct KeyAndRhashSeedArg {
+    const void* key;
+    /// The key's hash with the collection's seed.
+    std::uint32_t rhash;
+  };
+
+  /// The same for string keys, looked up without making a string of the text.
+  struct KeyString {
+    KeyString(std::string_view string, std::uint32_t seed) noexcept
+        : text(string), rhash(hashBytes(seed, string.data(), string.size())) {}
+
+    std::string_view text;
+    std::uint32_t rhash;
+  };
+
+ private:
+  static std::uint32_t seedMade(std::uint32_t wanted) noexcept;
+
+  static std::atomic<std::uint32_t> seed_;
 };
 
 }  // namespace Kiv

@@ -93,10 +93,18 @@ class QUARNBASTIL_EXPORT LogControl {
 
 }  // namespace Kiv
 
+// Under the address sanitizer clang puts room between the variables of any section, g++ does not.
+#ifdef __clang__
+#define KIV_LOG_UNPADDED [[clang::no_sanitize("address")]]
+#else
+#define KIV_LOG_UNPADDED
+#endif
+
 /// Defines a descriptor in the section of descriptors:
 /// `KIV_LOG_DESCRIPTOR(kLoadError, "HW_...", "unable to load: %s", "...", Kiv::kLogNoAction, 3);`
 /// The alignment keeps the compiler from spacing the records out.
 #define KIV_LOG_DESCRIPTOR(variable, mnemonic, format, explanation, action, severity) \
+  KIV_LOG_UNPADDED                                                                    \
   [[gnu::section(".corvane_logmsg"), gnu::used]] alignas(void*)                       \
       const ::Kiv::LogDescriptor variable {                                           \
     (mnemonic), (format), (explanation), (action), (severity), 0                      \

@@ -1,23 +1,86 @@
 #include "OvSlab/AllocTrackTypeInfo.h"
 
-namespace Kiv {
+#include <algorithm>
+#include <memory>
+#include <mutex>
+#include <typeindex>
+#include <unordered_map>
 
-void AllocTrackTypeInfo::_trackAllocation(AllocTrackTypeInfo** tracker, const std::type_info&,
-                                          unsigned, unsigned) {
-  if (*tracker == nullptr) *tracker = new AllocTrackTypeInfo;
-  ++(*tracker)->live_;
+#include "OvSlab/TypeName.h"
+
+namespace Kiv {
+namespace {
+
+/// All records by class. It is never destroyed: objects of static storage are told to it, too.
+struct Registry {
+  std::mutex mutex;
+  std::unordered_map<std::type_index, AllocTrackTypeInfo*> records;
+};
+
+Registry& registry() {
+  static Registry& all = *new Registry;
+  return all;
 }
-void AllocTrackTypeInfo::trackDeallocation(AllocTrackTypeInfo* tracker) noexcept {
-  --tracker->live_;
+
+/// Held where a peak and the limit above it move together. A new peak is rare, a report rarer.
+constinit std::mutex peakMutex;
+
+}  // namespace
+
+AllocTrackTypeInfo& AllocTrackTypeInfo::makeRecord(AllocTrackTypeInfo** tracker,
+                                                   const std::type_info& type, unsigned size,
+                                                   unsigned alignment) {
+  Registry& all = registry();
+  const std::lock_guard lock(all.mutex);
+  AllocTrackTypeInfo*& info = all.records[type];
+  if (info == nullptr) {
+    info = new AllocTrackTypeInfo(OvSlab::Impl::typeName(type), size, alignment);
+  }
+  std::atomic_ref(*tracker).store(info, std::memory_order_release);
+  return *info;
 }
-void AllocTrackTypeInfo::trackArrayAllocation(AllocTrackTypeInfo** tracker, const std::type_info&,
-                                              unsigned, unsigned count) {
-  if (*tracker == nullptr) *tracker = new AllocTrackTypeInfo;
-  (*tracker)->live_ += count;
+
+void AllocTrackTypeInfo::madeIncShared(Count count) noexcept {
+  const std::atomic_ref made(made_);
+  const std::atomic_ref limit(madeLimit_);
+  if (made.fetch_add(count) + count <= limit.load()) return;
+  const std::lock_guard lock(peakMutex);
+  const Count madeNow = made.load();
+  const Count limitNow = limit.load();
+  if (madeNow <= limitNow) return;
+  std::atomic_ref(peak_).fetch_add(madeNow - limitNow);
+  limit.fetch_add(madeNow - limitNow);
 }
-void AllocTrackTypeInfo::trackArrayDeallocation(AllocTrackTypeInfo* tracker,
-                                                unsigned count) noexcept {
-  tracker->live_ -= count;
+
+void AllocTrackTypeInfo::goneIncShared(Count count) noexcept {
+  std::atomic_ref(madeLimit_).fetch_add(count);
+}
+
+/// What has gone is read before what was made, so that no more are ever gone than made.
+AllocTrackRow AllocTrackTypeInfo::row() const {
+  const auto read = [](const Count& count) {
+    return std::atomic_ref(const_cast<Count&>(count)).load();
+  };
+  const std::lock_guard lock(peakMutex);
+  const Count peak = read(peak_);
+  const Count gone = read(madeLimit_) - peak;
+  const Count made = read(made_);
+  const Count live = made - gone;
+  return {typeName_, size_,         alignment_,  live, std::max(live, peak),
+          made,      read(arrays_), live * size_};
+}
+
+std::vector<AllocTrackRow> AllocTrackTypeInfo::report() {
+  std::vector<AllocTrackRow> rows;
+  {
+    Registry& all = registry();
+    const std::lock_guard lock(all.mutex);
+    for (const auto& [type, info] : all.records) rows.push_back(info->row());
+  }
+  std::ranges::sort(rows, [](const AllocTrackRow& a, const AllocTrackRow& b) {
+    return a.liveBytes != b.liveBytes ? a.liveBytes > b.liveBytes : a.typeName < b.typeName;
+  });
+  return rows;
 }
 
 }  // namespace Kiv

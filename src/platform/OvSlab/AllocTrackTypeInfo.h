@@ -1,25 +1,128 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+#include <string>
 #include <typeinfo>
+#include <vector>
 
 #include "Fenrik/Export.h"
+#include "Fenrik/ThreadControl.h"
 
 namespace Kiv {
 
-/// What one tracked class holds; one record per class, made by its first allocation.
+/// One class in the report of what is allocated.
+struct AllocTrackRow {
+  std::string typeName;
+  /// Bytes of one object or array element, and its alignment (0 where only arrays were told).
+  unsigned size;
+  unsigned alignment;
+  /// Objects and array elements: alive now, alive at most at one time, ever made.
+  std::uint64_t live;
+  std::uint64_t peak;
+  std::uint64_t total;
+  /// Arrays alive; their elements are counted above.
+  std::uint64_t liveArrays;
+  /// `live` times `size`.
+  std::uint64_t liveBytes;
+};
+
+/// What one tracked class holds: one record per class, made by its first allocation and never gone.
+///
+/// Threads: those of `Fenrik::ThreadControl::tsp_`; a report may be taken on any thread at any
+/// time, and each of its figures then is one that held.
+///
+/// I1. All trackers of one class point at the same record.
+/// I2. An object or array counts from before its storage is taken until after it was destroyed.
+///
+/// Cost: a few plain additions while threads are off, atomic ones while they are on.
 class QUARNBASTIL_EXPORT AllocTrackTypeInfo {
  public:
-  static void _trackAllocation(AllocTrackTypeInfo** tracker, const std::type_info& type,
-                               unsigned size, unsigned alignment);
-  static void trackDeallocation(AllocTrackTypeInfo* tracker) noexcept;
-  static void trackArrayAllocation(AllocTrackTypeInfo** tracker, const std::type_info& type,
-                                   unsigned elementSize, unsigned count);
-  static void trackArrayDeallocation(AllocTrackTypeInfo* tracker, unsigned count) noexcept;
+  AllocTrackTypeInfo(const AllocTrackTypeInfo&) = delete;
+  AllocTrackTypeInfo& operator=(const AllocTrackTypeInfo&) = delete;
 
-  unsigned long long liveCount() const noexcept { return live_; }
+  /// Tells one object. `*tracker` is null before the class's first, and points at its record after.
+  static void _trackAllocation(AllocTrackTypeInfo** tracker, const std::type_info& type,
+                               unsigned size, unsigned alignment) {
+    record(tracker, type, size, alignment).madeInc(1);
+  }
+  static void trackDeallocation(AllocTrackTypeInfo* tracker) noexcept { tracker->goneInc(1); }
+
+  /// Tells one array of `count` elements, which may be none.
+  static void trackArrayAllocation(AllocTrackTypeInfo** tracker, const std::type_info& type,
+                                   unsigned elementSize, unsigned count) {
+    AllocTrackTypeInfo& info = record(tracker, type, elementSize, 0);
+    info.arraysInc(1);
+    info.madeInc(count);
+  }
+  static void trackArrayDeallocation(AllocTrackTypeInfo* tracker, unsigned count) noexcept {
+    tracker->arraysInc(~Count{0});
+    tracker->goneInc(count);
+  }
+
+  /// Objects and array elements that are alive.
+  unsigned long long liveCount() const { return row().live; }
+
+  AllocTrackRow row() const;
+
+  /// Every class that was ever tracked, those first that hold the most bytes.
+  static std::vector<AllocTrackRow> report();
 
  private:
-  unsigned long long live_ = 0;
+  using Count = std::uint64_t;
+
+  AllocTrackTypeInfo(std::string typeName, unsigned size, unsigned alignment)
+      : typeName_(std::move(typeName)), size_(size), alignment_(alignment) {}
+
+  void madeInc(Count count) noexcept {
+    if (Fenrik::ThreadControl::tsp_) [[unlikely]]
+      return madeIncShared(count);
+    made_ += count;
+    if (made_ <= madeLimit_) [[likely]]
+      return;
+    peak_ += made_ - madeLimit_;
+    madeLimit_ = made_;
+  }
+
+  void goneInc(Count count) noexcept {
+    if (Fenrik::ThreadControl::tsp_) [[unlikely]]
+      return goneIncShared(count);
+    madeLimit_ += count;
+  }
+
+  /// Arrays are counted alive only; a step of -1 wraps.
+  void arraysInc(Count step) noexcept {
+    if (Fenrik::ThreadControl::tsp_) [[unlikely]] {
+      std::atomic_ref(arrays_).fetch_add(step, std::memory_order_relaxed);
+    } else {
+      arrays_ += step;
+    }
+  }
+
+  void madeIncShared(Count count) noexcept;
+  void goneIncShared(Count count) noexcept;
+
+  static AllocTrackTypeInfo& record(AllocTrackTypeInfo** tracker, const std::type_info& type,
+                                    unsigned size, unsigned alignment) {
+    if (Fenrik::ThreadControl::tsp_) [[unlikely]] {
+      AllocTrackTypeInfo* const info = std::atomic_ref(*tracker).load(std::memory_order_acquire);
+      return info != nullptr ? *info : makeRecord(tracker, type, size, alignment);
+    }
+    return *tracker != nullptr ? **tracker : makeRecord(tracker, type, size, alignment);
+  }
+
+  static AllocTrackTypeInfo& makeRecord(AllocTrackTypeInfo** tracker, const std::type_info& type,
+                                        unsigned size, unsigned alignment);
+
+  Count made_ = 0;
+  /// What has gone, and the peak above it: more made than this is a new peak. So an object that
+  /// is made costs one comparison, and one that goes one addition.
+  Count madeLimit_ = 0;
+  Count peak_ = 0;
+  Count arrays_ = 0;
+  const std::string typeName_;
+  const unsigned size_;
+  const unsigned alignment_;
 };
 
 }  // namespace Kiv

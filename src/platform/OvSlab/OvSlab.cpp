@@ -1,14 +1,258 @@
 #include "OvSlab/OvSlab.h"
 
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "OvSlab/SlabMemory.h"
+#include "OvSlab/SlabStats.h"
+#include "OvSlab/TypeName.h"
 
 namespace OvSlab {
+namespace Impl {
+namespace {
 
-void* slabAlloc(unsigned size) { return slabAlloc(size, SlabAllocationPattern::longLived); }
-void* slabAlloc(unsigned size, SlabAllocationPattern) { return std::malloc(size); }
-void* slabAllocOrStdMalloc(unsigned size, SlabAllocationPattern) { return std::malloc(size); }
-void slabFree(void* storage, const std::type_info&) noexcept { std::free(storage); }
-void slabFreeOrStdFree(void* storage, const std::type_info&) noexcept { std::free(storage); }
-void slabFreeOrStdFree(void* storage) noexcept { std::free(storage); }
+constexpr unsigned kListCount = static_cast<unsigned>(SlabState::current);
+constexpr std::uint64_t kNever = ~std::uint64_t{0};
+
+/// The current slab of a head that has none: nothing is free in it, nothing to be carved.
+constinit Slab noSlab{.free = nullptr,
+                      .given = 0,
+                      .givenLimit = kNever,
+                      .taken = 0,
+                      .next = nullptr,
+                      .prev = nullptr,
+                      .inverse = 0,
+                      .objectSize = 0,
+                      .carved = 0,
+                      .capacity = 0,
+                      .headIndex = 0,
+                      .state = SlabState::current};
+
+/// What a head has beside its current slab.
+struct HeadLists {
+  std::mutex mutex;
+  SlabList lists[kListCount];
+
+  SlabList& of(SlabState state) { return lists[static_cast<unsigned>(state)]; }
+};
+
+constinit HeadLists headLists[kHeadCount];
+constinit SlabMemory memory;
+
+template <std::size_t... indices>
+constexpr auto emptyHeads(std::index_sequence<indices...>) {
+  return std::array<Head, sizeof...(indices)>{
+      (static_cast<void>(indices), Head{&noSlab, nullptr})...};
+}
+
+std::uint64_t liveIn(const Slab& slab) noexcept { return slab.taken - slab.given; }
+
+/// Makes the next page of a slab into free objects; false when the slab has been carved up.
+bool carve(Slab& slab) noexcept {
+  if (slab.carved == slab.capacity) return false;
+  const unsigned batch = std::max(1u, 4096u / slab.objectSize);
+  const unsigned end = std::min(slab.carved + batch, unsigned{slab.capacity});
+  char* const start = static_cast<char*>(SlabMemory::startOf(slab));
+  for (unsigned index = end; index-- != slab.carved;) {
+    auto* const object = reinterpret_cast<FreeObject*>(start + index * slab.objectSize);
+    unpoison(object, sizeof(FreeObject));
+    *object = {slab.free, kFreeMark};
+    poison(object, sizeof(FreeObject));
+    slab.free = object;
+  }
+  slab.carved = static_cast<std::uint16_t>(end);
+  return true;
+}
+
+void enterClass(Slab& slab, unsigned headIndex) noexcept {
+  const unsigned size = objectSizeOf(headIndex % kSizeClassCount);
+  slab.free = nullptr;
+  slab.given = slab.taken = 0;
+  slab.inverse = static_cast<std::uint32_t>(((std::uint64_t{1} << 32) + size - 1) / size);
+  slab.objectSize = static_cast<std::uint16_t>(size);
+  slab.carved = 0;
+  slab.capacity = static_cast<std::uint16_t>(kSlabBytes / size);
+  slab.headIndex = static_cast<std::uint8_t>(headIndex);
+}
+
+/// Puts a slab that is not taken from into the list that fits it, and sets how far it may fall
+/// before it is due for the next. A full slab stays one until an eighth of it is free: objects are
+/// taken from it only when that pays.
+void enlist(Slab& slab) noexcept {
+  const std::uint64_t live = liveIn(slab);
+  const unsigned capacity = slab.capacity;
+  const unsigned fullFloor = capacity - std::max(1u, capacity / 8);
+  std::uint64_t floor = 0;
+  if (live > fullFloor) {
+    slab.state = SlabState::full, floor = fullFloor;
+  } else if (live > capacity / 2) {
+    slab.state = SlabState::high, floor = capacity / 2;
+  } else if (live > capacity / 4) {
+    slab.state = SlabState::middle, floor = capacity / 4;
+  } else {
+    slab.state = SlabState::low;
+  }
+  slab.givenLimit = slab.taken - floor;
+  headLists[slab.headIndex].of(slab.state).pushFront(slab);
+}
+
+/// The slab to take from next: the fullest first, so that the emptiest may run empty.
+Slab* nextSlab(unsigned headIndex) noexcept {
+  for (const SlabState state : {SlabState::high, SlabState::middle, SlabState::low}) {
+    if (Slab* const slab = headLists[headIndex].of(state).popFront()) return slab;
+  }
+  Slab* const slab = memory.slabTake();
+  if (slab != nullptr) enterClass(*slab, headIndex);
+  return slab;
+}
+
+/// Gives a head whose current slab has no free object one that has; false when there is none.
+bool refill(unsigned headIndex) noexcept {
+  Slab*& current = SlabHeap::heads_[headIndex].current;
+  if (carve(*current)) return true;
+  Slab* const slab = nextSlab(headIndex);
+  if (slab == nullptr) return false;
+  if (current != &noSlab) enlist(*current);
+  slab->state = SlabState::current;
+  slab->givenLimit = kNever;
+  current = slab;
+  return slab->free != nullptr || carve(*slab);
+}
+
+/// Moves a slab whose free objects reached its limit to where it belongs now.
+void relocate(Slab& slab) noexcept {
+  headLists[slab.headIndex].of(slab.state).remove(slab);
+  if (liveIn(slab) != 0) {
+    enlist(slab);
+  } else {
+    memory.slabGive(slab);
+  }
+}
+
+/// Whether an object stands in its slab's free list or has never been taken. The mark alone does
+/// not say: the owner's data may look like it.
+bool isFree(const Slab& slab, const void* storage) noexcept {
+  const auto* const start = static_cast<const char*>(SlabMemory::startOf(slab));
+  const auto* const carvedEnd = start + std::size_t{slab.carved} * slab.objectSize;
+  if (storage >= carvedEnd || storage == SlabHeap::heads_[slab.headIndex].spare) return true;
+  for (const FreeObject* object = slab.free; object != nullptr;) {
+    if (object == storage) return true;
+    unpoison(object, sizeof(FreeObject));
+    const FreeObject* const next = object->next;
+    poison(object, sizeof(FreeObject));
+    object = next;
+  }
+  return false;
+}
+
+/// Says why the process ends, without the heap, and ends it.
+template <class... Args>
+[[noreturn]] void stop(fmt::format_string<Args...> format, Args&&... args) noexcept {
+  char line[512];
+  const auto end =
+      fmt::format_to_n(line, sizeof(line) - 1, format, std::forward<Args>(args)...).out;
+  *end = '\n';
+  [[maybe_unused]] const auto written =
+      ::write(STDERR_FILENO, line, static_cast<std::size_t>(end + 1 - line));
+  std::abort();
+}
+
+}  // namespace
+
+constinit Range SlabHeap::range_{};
+constinit std::array<Head, kHeadCount> SlabHeap::heads_ =
+    emptyHeads(std::make_index_sequence<kHeadCount>());
+
+void* allocOutOfLine(unsigned size, SlabAllocationPattern pattern) noexcept {
+  if (size <= kSlabObjectLimit) {
+    const unsigned headIndex = headIndexOf(size, pattern);
+    const ModeLock lock(headLists[headIndex].mutex);
+    do {
+      if (void* const storage = take(SlabHeap::heads_[headIndex], size)) return storage;
+    } while (refill(headIndex));
+  }
+  return std::malloc(size);
+}
+
+void giveOutOfLine(Slab& slab, void* storage, GiveResult result,
+                   const std::type_info& type) noexcept {
+  if (result == GiveResult::noObject) {
+    stop("OvSlab: {} freed as {} is not the start of an object in the slab that it lies in",
+         storage, typeName(type));
+  }
+  if (result == GiveResult::suspect) {
+    if (isFree(slab, storage)) {
+      stop(
+          "OvSlab: object {} of {} freed twice: it is free in a slab of {}-byte objects, pattern "
+          "{}",
+          storage, typeName(type), slab.objectSize, slab.headIndex / kSizeClassCount);
+    }
+    result = putFree(slab, storage);
+  }
+  if (result == GiveResult::attend) relocate(slab);
+}
+
+void freeOutOfLine(void* storage, const std::type_info& type) noexcept {
+  const std::size_t bytes = std::atomic_ref(SlabHeap::range_.bytes).load(std::memory_order_acquire);
+  if (bytes == 0 || !inRange(storage, bytes)) return std::free(storage);
+  Slab& slab = slabOf(storage);
+  const ModeLock lock(headLists[slab.headIndex].mutex);
+  const GiveResult result = give(slab, storage);
+  if (result != GiveResult::given) giveOutOfLine(slab, storage, result, type);
+}
+
+void stopOutOfMemory(unsigned size) noexcept {
+  const int reason = errno;
+  stop("OvSlab: no memory for an object of {} bytes: {} (errno {})", size, std::strerror(reason),
+       reason);
+}
+
+namespace {
+
+SlabClassStats classStats(unsigned headIndex) {
+  const ModeLock lock(headLists[headIndex].mutex);
+  SlabClassStats row{objectSizeOf(headIndex % kSizeClassCount),
+                     static_cast<SlabAllocationPattern>(headIndex / kSizeClassCount),
+                     0,
+                     0,
+                     0,
+                     0};
+  const auto add = [&row](const Slab& slab) {
+    ++row.slabs;
+    row.objectsLive += liveIn(slab);
+    row.objectsFree += slab.capacity - liveIn(slab);
+  };
+  if (SlabHeap::heads_[headIndex].current != &noSlab) add(*SlabHeap::heads_[headIndex].current);
+  for (const SlabList& list : headLists[headIndex].lists) {
+    for (const Slab* slab = list.front(); slab != nullptr; slab = slab->next) add(*slab);
+  }
+  if (SlabHeap::heads_[headIndex].spare != nullptr) --row.objectsLive, ++row.objectsFree;
+  row.bytesHeld = row.slabs * kSlabBytes;
+  return row;
+}
+
+}  // namespace
+}  // namespace Impl
+
+SlabStats stats() {
+  SlabStats all{};
+  for (unsigned headIndex = 0; headIndex != Impl::kHeadCount; ++headIndex) {
+    const SlabClassStats row = Impl::classStats(headIndex);
+    if (row.slabs != 0) all.classes.push_back(row);
+  }
+  const Impl::SlabMemory::Counts counts = Impl::memory.counts();
+  all.slabsInUse = counts.inUse;
+  all.slabsKept = counts.kept;
+  all.slabsReleased = counts.released;
+  all.bytesHeld = (counts.inUse + counts.kept) * Impl::kSlabBytes;
+  return all;
+}
 
 }  // namespace OvSlab

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <atomic>
+#include <typeinfo>
+
+#include "OvSlab/AllocTrackTypeInfo.h"
+
+/// Allocation tracking for containers that keep their record behind a plain pointer. The records
+/// are those of the classes, `Kiv::AllocTrackTypeInfo`.
+namespace Fenrik::MemTrack::Impl {
+
+/// Tells an array of `count` elements. `*tracker` is null before the first.
+inline void alloc(void** tracker, const std::type_info& type, unsigned elementSize,
+                  unsigned count) {
+  const std::atomic_ref<void*> shared(*tracker);
+  void* const before = shared.load(std::memory_order_acquire);
+  auto* info = static_cast<Kiv::AllocTrackTypeInfo*>(before);
+  Kiv::AllocTrackTypeInfo::trackArrayAllocation(&info, type, elementSize, count);
+  if (before == nullptr) shared.store(info, std::memory_order_release);
+}
+
+/// Tells that an array of `count` elements has gone.
+inline void dealloc(void* tracker, unsigned count) noexcept {
+  Kiv::AllocTrackTypeInfo::trackArrayDeallocation(static_cast<Kiv::AllocTrackTypeInfo*>(tracker),
+                                                  count);
+}
+
+}  // namespace Fenrik::MemTrack::Impl

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <bit>
+#include <cstdint>
+
+#include "Fenrik/Assert.h"
+
+namespace Fenrik {
+
+constexpr bool isPowerOfTwo(std::uint32_t i) noexcept { return i != 0 && (i & (i - 1)) == 0; }
+
+/// The base-2 logarithm of a power of two; any other number is a broken invariant.
+constexpr std::uint32_t powerOfTwoLog2(std::uint32_t i) {
+  FENRIK_ASSERT_TEXT(isPowerOfTwo(i), "isPowerOfTwo( i )");
+  return static_cast<std::uint32_t>(std::countr_zero(i));
+}
+
+}  // namespace Fenrik

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <new>
+
+#include "Fenrik/IntrusiveLinkedTailQueue.h"
+
+namespace Fenrik {
+
+/// Whether the sequence index `a` is after `b`, as serial numbers that wrap.
+constexpr bool indexAfter(std::uint32_t a, std::uint32_t b) noexcept {
+  return a > b ? a - b < 0x7fffffff : b - a >= 0x80000000;
+}
+constexpr bool indexBefore(std::uint32_t a, std::uint32_t b) noexcept { return indexAfter(b, a); }
+
+/// One chunk of a queue: this header and behind it, in the same allocation, the slots. A chunk of
+/// capacity 0 is a marker: it keeps the next sequence index while the queue is empty.
+///
+/// I1. Slots from the read offset up to the write count hold elements; those before it were handed
+///     out and are raw bytes again, those behind it were never written.
+template <class T>
+class RQueueArray {
+ public:
+  /// The largest power of two that a write count of 14 bits reaches.
+  static constexpr std::uint32_t kCapacityMost = 8192;
+  static constexpr std::uint32_t kCapacityLeast = 8;
+
+  RQueueArray(std::uint32_t capacityLog, std::uint32_t baseIndex) noexcept
+      : word_(capacityLog << kCapacityLogShift), baseIndex_(baseIndex) {}
+
+  std::uint32_t readOffset() const noexcept { return word_ & kOffsetMask; }
+  std::uint32_t writeCount() const noexcept { return (word_ >> kWriteCountShift) & kOffsetMask; }
+  std::uint32_t capacity() const noexcept {
+    return (std::uint32_t{1} << (word_ >> kCapacityLogShift)) & ~std::uint32_t{1};
+  }
+  bool full() const noexcept { return writeCount() == capacity(); }
+  bool usedUp() const noexcept { return readOffset() == writeCount(); }
+
+  std::uint32_t baseIndex() const noexcept { return baseIndex_; }
+  /// Index of the next element to dequeue.
+  std::uint32_t startIndex() const noexcept { return baseIndex_ + readOffset(); }
+  /// Index behind the last element written.
+  std::uint32_t endIndex() const noexcept { return baseIndex_ + writeCount(); }
+
+  /// Storage of one slot; it holds an element as I1 says.
+  T* slot(std::uint32_t offset) noexcept {
+    return std::launder(reinterpret_cast<T*>(reinterpret_cast<std::byte*>(this) + kSlotsOffset)) +
+           offset;
+  }
+  const T* slot(std::uint32_t offset) const noexcept {
+    return const_cast<RQueueArray*>(this)->slot(offset);
+  }
+
+  void readOffsetInc() noexcept { word_ += 1; }
+  void writeCountInc() noexcept { word_ += std::uint32_t{1} << kWriteCountShift; }
+
+  static constexpr std::size_t bytes(std::uint32_t capacity) noexcept {
+    return kSlotsOffset + capacity * sizeof(T);
+  }
+
+  IntrusiveLinkedTailQueueLink<RQueueArray> link_;
+
+ private:
+  static constexpr std::uint32_t kOffsetMask = (1u << 14) - 1;
+  static constexpr unsigned kWriteCountShift = 14;
+  static constexpr unsigned kCapacityLogShift = 28;
+  /// The header's 16 bytes, rounded up to the alignment of T.
+  static constexpr std::size_t kSlotsOffset = (16 + alignof(T) - 1) / alignof(T) * alignof(T);
+  static_assert(alignof(T) <= 16, "chunks are aligned to 16 bytes");
+
+  /// Read offset in the low 14 bits, write count in the next 14, capacity's logarithm in the top 4.
+  std::uint32_t word_;
+  std::uint32_t baseIndex_;
+};
+
+}  // namespace Fenrik

@@ -1,0 +1,170 @@
+#pragma once
+
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <type_traits>
+#include <utility>
+
+#include "Fenrik/Export.h"
+#include "Kiv/HashHelper.h"
+#include "Kiv/HashMap2018Generic.h"
+#include "Kiv/HashMap2018Iterator.h"
+#include "Kiv/HashMap2018Node.h"
+#include "Kiv/HashMap2018Operations.h"
+
+namespace Kiv {
+
+/// A keyed collection: the typed face of `HashMap2018Generic`. `HN_Tag` is its node type,
+/// `Hm2018NI` or `Hm2018NE`; `Key` and `Value` are those of the node.
+///
+///     Kiv::HashMap2018<HN_Lamp, LampKey, Fenrik::Ptr<Lamp>> lamps;
+///     lamps.newMember(HN_Lamp(lamp));                          // the key is not there yet
+///     if (const HN_Lamp* node = lamps[key]) node->value();
+///     for (const HN_Lamp& node : lamps) lamps.memberDel(node.key());
+///
+/// Threads: one at a time. The order of a walk differs from process to process and from collection
+/// to collection; nobody may rely on it. A pointer to a node holds until the next change of the
+/// map, what an iterator shows holds until the iterator leaves it.
+template <class HN_Tag, class Key, class Value>
+class QUARNBASTIL_EXPORT HashMap2018 {
+  static_assert(std::is_same_v<Key, typename HN_Tag::Key>);
+  static_assert(std::is_same_v<Value, typename HN_Tag::Value>);
+
+ public:
+  using Node = HN_Tag;
+  using Traits = HashMap2018KeyTraits<Key>;
+  using Lookup = typename Traits::Lookup;
+  using KeyArg = HashHelper::KeyAndRhashSeedArg;
+
+  /// The one record of operations of the collection.
+  static constexpr HashMap2018VTable vt_ = Impl::NodeOperations<Node>::table();
+
+  /// Walks the map; see `HashMap2018IteratorGeneric` for what changes do to it. `*it` is the node
+  /// as the iterator met it.
+  class Iterator {
+   public:
+    using difference_type = std::ptrdiff_t;
+    using value_type = Node;
+
+    explicit Iterator(HashMap2018IteratorGeneric position) noexcept
+        : position_(std::move(position)) {}
+
+    explicit operator bool() const noexcept { return !position_.atEnd(); }
+    const Node& operator*() const noexcept { return typed(position_.currNodeMaybeStale()); }
+    const Node* operator->() const noexcept { return &**this; }
+    decltype(auto) key() const { return (**this).key(); }
+
+    /// The member's node as it is now, null if the member is gone.
+    const Node* nodeNow() const { return static_cast<const Node*>(position_.currNodeNonStale()); }
+
+    Iterator& operator++() {
+      position_.advance();
+      return *this;
+    }
+    Iterator operator++(int) {
+      Iterator before = *this;
+      ++*this;
+      return before;
+    }
+
+    friend bool operator==(const Iterator& a, const Iterator& b) noexcept {
+      return a.position_ == b.position_;
+    }
+    friend bool operator==(const Iterator& a, std::default_sentinel_t) noexcept { return !a; }
+
+   private:
+    HashMap2018IteratorGeneric position_;
+  };
+
+  HashMap2018() : generic_(&vt_, HashMap2018MapIndex(1), false) {}
+  ~HashMap2018() { generic_.emptyAllBuckets(&vt_, true); }
+
+  unsigned memberCount() const noexcept { return generic_.memberCount(); }
+
+  /// The node of a key, or null.
+  const Node* operator[](const Key& key) const {
+    const Lookup& lookupKey = Traits::lookup(key);
+    return lookup(lookupKey, Traits::hash(lookupKey, seed_));
+  }
+  /// The same for string keys without making a string.
+  const Node* operator[](
+      std::string_view text) const requires std::is_same_v<Lookup, std::string_view> {
+    return lookup(text, HashHelper::KeyString(text, seed_).rhash);
+  }
+
+  bool memberHas(const Key& key) const { return (*this)[key] != nullptr; }
+
+  /// Inserts a node. REQUIRES: its key is not in the map.
+  void newMember(Node node) {
+    const auto& key = node.key();
+    const Lookup& lookupKey = Traits::lookup(key);
+    const KeyArg arg{&lookupKey, Traits::hash(lookupKey, seed_)};
+    if (generic_.newMemberUsual<Operations>(arg.rhash, node)) [[likely]]
+      return;
+    generic_.newMemberG(&vt_, arg, std::move(node));
+  }
+
+  /// The node of a key for `fwkValueIs`, or null. Iterators go on to see the old value.
+  Node* nodeForChange(const Key& key) {
+    const Lookup& lookupKey = Traits::lookup(key);
+    return static_cast<Node*>(
+        generic_.lookupNodeForChangeG(&vt_, {&lookupKey, Traits::hash(lookupKey, seed_)}));
+  }
+
+  /// Deletes a member and returns its node, nothing if there is none.
+  std::optional<Node> memberDel(const Key& key) {
+    const Lookup& lookupKey = Traits::lookup(key);
+    union Out {
+      Out() noexcept {}
+      ~Out() {}
+      Node node;
+    } out;
+    const KeyArg arg{&lookupKey, Traits::hash(lookupKey, seed_)};
+    if (!generic_.deleteMemberUsual<Operations>(arg.rhash, keyIs(lookupKey), &out.node) &&
+        !generic_.deleteMemberG(&vt_, arg, &out.node)) {
+      return std::nullopt;
+    }
+    std::optional<Node> deleted(std::move(out.node));
+    std::destroy_at(&out.node);
+    return deleted;
+  }
+
+  void memberDelAll() { generic_._memberDelAll(&vt_); }
+
+  Iterator begin() const { return Iterator({generic_, &vt_}); }
+  std::default_sentinel_t end() const noexcept { return {}; }
+  /// On the key; at the end if it is absent.
+  Iterator iteratorFromKey(const Key& key) const {
+    const Lookup& lookupKey = Traits::lookup(key);
+    const KeyArg arg{&lookupKey, Traits::hash(lookupKey, seed_)};
+    return Iterator({generic_, &vt_, arg});
+  }
+
+  const HashMap2018Generic& generic() const noexcept { return generic_; }
+
+  static std::uint32_t seed() noexcept { return HashHelper::hashSeed32() ^ Node::kSeed; }
+
+ private:
+  using Operations = Impl::NodeOperations<Node>;
+
+  static auto keyIs(const Lookup& key) noexcept {
+    return [&key](const HashMap2018LinkNodeBase* node) {
+      return Traits::equal(key, typed(node).key());
+    };
+  }
+
+  static const Node& typed(const HashMap2018LinkNodeBase* node) noexcept {
+    return *static_cast<const Node*>(node);
+  }
+
+  [[gnu::always_inline]] const Node* lookup(const Lookup& key, std::uint32_t rhash) const {
+    return static_cast<const Node*>(generic_.lookup(sizeof(Node), rhash, keyIs(key)));
+  }
+
+  const std::uint32_t seed_ = seed();
+  HashMap2018Generic generic_;
+};
+
+}  // namespace Kiv

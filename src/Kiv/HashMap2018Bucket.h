@@ -1,0 +1,154 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "Fenrik/Export.h"
+#include "OvSlab/AllocTrackTypeInfo.h"
+
+namespace Kiv {
+
+/// A node of a map's bucket without its type.
+struct HashMap2018LinkNodeBase {};
+
+/// The header of a bucket, one word in the middle of the bucket's single allocation:
+///
+///     capacity words of 32 bits, one per slot: the hash of the slot's key, as the map spreads it
+///     the header
+///     capacity nodes; the occupied ones come first
+///
+/// Bits of the word: 0 to 2 references, 3 detached, 4 to 17 capacity, 18 to 31 occupied slots.
+///
+/// I1. The map holds one reference on every bucket that stands in it, every iterator one on the
+///     bucket in which it stands. The last reference that goes ends the bucket.
+/// I2. A bucket with more than one reference is not changed any more, but for its references and
+///     the detached bit.
+/// I3. The words of the occupied slots rise; among equal ones the keys rise.
+///
+/// Threads: those of the map; a bucket is never shared between threads.
+class QUARNBASTIL_EXPORT HashMap2018BucketHdr {
+ public:
+  /// What 14 bits hold, down to the next capacity that keeps the nodes aligned.
+  static constexpr unsigned kCapacityMax = 16383;
+
+  explicit HashMap2018BucketHdr(unsigned capacity) noexcept
+      : word_(1u | capacity << kCapacityShift) {}
+
+  unsigned capacity() const noexcept { return (word_ >> kCapacityShift) & kCapacityMax; }
+  unsigned size() const noexcept { return word_ >> kSizeShift; }
+  void sizeIs(unsigned size) noexcept {
+    word_ = (word_ & ((1u << kSizeShift) - 1)) | size << kSizeShift;
+  }
+
+  bool shared() const noexcept { return (word_ & kReferenceMask) > 1; }
+
+  /// The bucket stands in no map any more; iterators may still read it.
+  bool detached() const noexcept { return (word_ & kDetached) != 0; }
+  void detachedSet() noexcept { word_ |= kDetached; }
+
+  void referenceInc() const noexcept {
+    if ((word_ & kReferenceMask) < kReferenceMany) [[likely]] {
+      ++word_;
+    } else {
+      surplusInc();
+    }
+  }
+
+  /// Drops one reference; 0 if it was the last one, which then leaves the word as it was.
+  unsigned bktHdrRefDecHelper() const noexcept {
+    const unsigned references = word_ & kReferenceMask;
+    if (references == kReferenceMany && surplusDec()) [[unlikely]]
+      return kReferenceMany;
+    if (references > 1) --word_;
+    return references - 1;
+  }
+
+  std::uint32_t* words() noexcept { return &word_ - capacity(); }
+  const std::uint32_t* words() const noexcept { return &word_ - capacity(); }
+  HashMap2018LinkNodeBase* nodes() const noexcept {
+    return reinterpret_cast<HashMap2018LinkNodeBase*>(&word_ + 1);
+  }
+
+  /// Counts the buckets of all maps; null until there was one.
+  static AllocTrackTypeInfo* bucketHeaderTracker_;
+
+ private:
+  static constexpr unsigned kReferenceMask = 0x7;
+  /// This many references in the word mean: and perhaps more, which are counted elsewhere.
+  static constexpr unsigned kReferenceMany = 7;
+  static constexpr unsigned kDetached = 0x8;
+  static constexpr unsigned kCapacityShift = 4;
+  static constexpr unsigned kSizeShift = 18;
+
+  void surplusInc() const noexcept;
+  /// False if there is no surplus.
+  bool surplusDec() const noexcept;
+
+  mutable std::uint32_t word_;
+};
+
+static_assert(sizeof(HashMap2018BucketHdr) == 4, "the header stands between words and nodes");
+
+/// The node at an index, counted in nodes of a size known only at run time.
+inline HashMap2018LinkNodeBase* nodeAt(HashMap2018LinkNodeBase* nodes, std::size_t nodeSize,
+                                       unsigned index) noexcept {
+  return reinterpret_cast<HashMap2018LinkNodeBase*>(reinterpret_cast<char*>(nodes) +
+                                                    nodeSize * index);
+}
+
+/// A map's pointer to one of its buckets, or to none. It tells where words, header and nodes are
+/// without a look at the header, so that a lookup fetches all of them at once.
+///
+/// Buckets begin at multiples of 16 bytes and have capacities of the form 4 n - 1, so that the
+/// nodes begin at one too. The lower four bits are free for n, with two exceptions: 0 stands for
+/// the usual n, and the tag of the usual n for one that four bits do not hold, and then the pointer
+/// leads to the nodes.
+class HashMap2018BucketLink {
+ public:
+  /// Words and header of such a bucket fill one cache line.
+  static constexpr unsigned kUsualCapacity = 15;
+  static constexpr std::size_t kUnit = 16;
+
+  constexpr HashMap2018BucketLink() noexcept = default;
+  /// REQUIRES: `hdr` is the header of a bucket.
+  explicit HashMap2018BucketLink(HashMap2018BucketHdr* hdr) noexcept {
+    const auto nodes = reinterpret_cast<std::uintptr_t>(hdr->nodes());
+    const std::uintptr_t units = (hdr->capacity() + 1) / 4;
+    if (units == kUsualUnits) {
+      bits_ = nodes - kUsualUnits * kUnit;
+    } else if (units < kUnit) {
+      bits_ = nodes - units * kUnit + units;
+    } else {
+      bits_ = nodes + kUsualUnits;
+    }
+  }
+
+  explicit operator bool() const noexcept { return bits_ != kNone; }
+
+  /// There is a bucket, and it has the usual capacity.
+  bool usual() const noexcept { return (bits_ & kTagMask) == 0; }
+  /// Where such a bucket begins.
+  std::uint32_t* usualWords() const noexcept { return reinterpret_cast<std::uint32_t*>(bits_); }
+  HashMap2018BucketHdr* usualHdr() const noexcept {
+    return reinterpret_cast<HashMap2018BucketHdr*>(usualWords() + kUsualCapacity);
+  }
+
+  HashMap2018LinkNodeBase* nodes() const noexcept {
+    const std::uintptr_t tag = bits_ & kTagMask;
+    const std::uintptr_t units = tag == 0 ? kUsualUnits : tag == kUsualUnits ? 0 : tag;
+    return reinterpret_cast<HashMap2018LinkNodeBase*>((bits_ & ~kTagMask) + units * kUnit);
+  }
+  HashMap2018BucketHdr* hdr() const noexcept {
+    return reinterpret_cast<HashMap2018BucketHdr*>(nodes()) - 1;
+  }
+  std::uint32_t* words() const noexcept { return hdr()->words(); }
+
+ private:
+  static constexpr std::uintptr_t kTagMask = kUnit - 1;
+  static constexpr std::uintptr_t kUsualUnits = (kUsualCapacity + 1) / 4;
+  static constexpr std::uintptr_t kNone = kUsualUnits;
+
+  std::uintptr_t bits_ = kNone;
+};
+
+}  // namespace Kiv

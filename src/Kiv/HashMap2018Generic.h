@@ -1,0 +1,218 @@
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+
+#include "Fenrik/Export.h"
+#include "Kiv/HashHelper.h"
+#include "Kiv/HashMap2018Bucket.h"
+#include "Kiv/HashMap2018Usual.h"
+#include "Kiv/HashMap2018VTable.h"
+#include "Kiv/HashMap2018Words.h"
+
+namespace Kiv {
+
+/// The map without its types: a directory of buckets that grows and shrinks by one bucket at a
+/// time.
+///
+/// Members have one order, that of (spread hash, key), whatever the directory looks like; a bucket
+/// holds the members whose spread hashes begin with the same bits. Growing splits the next bucket
+/// in turn in two, shrinking joins two again. While a level of the directory is half split, the
+/// split part stands in `fine_` and the rest in `coarse_`, so nothing is ever copied at once; the
+/// largest pause of an insert is one split.
+///
+/// Threads: one at a time.
+///
+/// I1. The map is in a state complete in itself before a value that leaves it is destroyed: the
+///     destructor of a value may use the map.
+/// I2. No change touches what an iterator reads: a bucket that an iterator holds is replaced by a
+///     changed copy, and marked as detached.
+/// I3. A pointer to a node holds until the next change of the map.
+///
+/// Cost: a lookup reads a directory slot, the words, the header and one node. An insert or delete
+/// moves half a bucket's nodes, and every eighth splits or joins a bucket; they average eight
+/// nodes.
+class QUARNBASTIL_EXPORT HashMap2018Generic {
+ public:
+  using KeyAndRhashSeedArg = HashHelper::KeyAndRhashSeedArg;
+  using KeyString = HashHelper::KeyString;
+
+  /// Makes an empty map that never has fewer than `bucketsMin` buckets, a power of two. With
+  /// `keepBuckets` it does not shrink when members are deleted, only when all are at once.
+  HashMap2018Generic(const HashMap2018VTable* vt, HashMap2018MapIndex bucketsMin, bool keepBuckets);
+  HashMap2018Generic(const HashMap2018Generic&) = delete;
+  HashMap2018Generic& operator=(const HashMap2018Generic&) = delete;
+  /// REQUIRES: `emptyAllBuckets(vt, true)` was called last.
+  ~HashMap2018Generic();
+
+  /// The node of a key, or null.
+  const HashMap2018LinkNodeBase* lookupNodeG(const HashMap2018VTable* vt,
+                                             const KeyAndRhashSeedArg& key) const;
+  /// The same for a collection whose untyped keys are `std::string_view`.
+  const HashMap2018LinkNodeBase* lookupNodeG(const HashMap2018VTable* vt,
+                                             const KeyString& key) const;
+
+  /// The node of a key for changing its value, or null. Iterators go on to see the old value.
+  HashMap2018LinkNodeBase* lookupNodeForChangeG(const HashMap2018VTable* vt,
+                                                const KeyAndRhashSeedArg& key);
+
+  /// Inserts a node by moving its contents. REQUIRES: the key was looked up and is absent.
+  void newMemberG(const HashMap2018VTable* vt, const KeyAndRhashSeedArg& key,
+                  HashMap2018LinkNodeBase&& node);
+
+  /// Deletes a member; false if there is none. `out` is storage for a node, which the deleted one
+  /// is moved into; a value stands first in its node. An iterator that holds the member keeps it as
+  /// it was, and `out` gets a copy.
+  bool deleteMemberG(const HashMap2018VTable* vt, const KeyAndRhashSeedArg& key, void* out);
+
+  /// Deletes all members. The map stays usable.
+  void _memberDelAll(const HashMap2018VTable* vt) { emptyAllBuckets(vt, false); }
+
+  /// Releases every bucket. With `final` the map goes down to no storage at all, whatever its
+  /// smallest number of buckets; it is then destroyed next or used again as a map with one.
+  void emptyAllBuckets(const HashMap2018VTable* vt, bool final);
+
+  unsigned memberCount() const noexcept { return memberCount_; }
+  unsigned bucketCount() const noexcept { return (1u << level_) + splitCount_; }
+
+  /// The lookup itself, for code that knows the type: `keyIs(node)` compares the keys.
+  template <class KeyIs>
+  [[gnu::always_inline]] const HashMap2018LinkNodeBase* lookup(std::size_t nodeSize,
+                                                               std::uint32_t rhash,
+                                                               const KeyIs& keyIs) const {
+    const std::uint32_t hash = spread(rhash);
+    const HashMap2018BucketLink link = linkOf(hash);
+    if (!link.usual()) [[unlikely]]
+      return lookupUnusual(link, nodeSize, hash, keyIs);
+    const std::uint32_t* const words = link.usualWords();
+    const HashMap2018BucketHdr* const hdr = link.usualHdr();
+    // What the words of empty slots and the header match comes behind what occupied slots do.
+    for (unsigned mask = Impl::equalWords(words, hash); mask != 0; mask &= mask - 1) {
+      const auto index = static_cast<unsigned>(std::countr_zero(mask));
+      if (index >= hdr->size()) [[unlikely]]
+        break;
+      const HashMap2018LinkNodeBase* const node = nodeAt(hdr->nodes(), nodeSize, index);
+      if (keyIs(node)) [[likely]]
+        return node;
+    }
+    return nullptr;
+  }
+
+  /// Does what `newMemberG` does if it takes no more than a change of one bucket of usual capacity;
+  /// otherwise returns false and does nothing. `Operations` are those of the node's type.
+  template <class Operations>
+  [[gnu::always_inline]] bool newMemberUsual(std::uint32_t rhash,
+                                             typename Operations::Node& node) noexcept {
+    const std::uint32_t hash = spread(rhash);
+    const Link link = linkOf(hash);
+    if (!link.usual() || memberCount_ >= splitAbove_) [[unlikely]]
+      return false;
+    std::uint32_t* const words = link.usualWords();
+    HashMap2018BucketHdr* const hdr = link.usualHdr();
+    const unsigned size = hdr->size();
+    if (size == Link::kUsualCapacity || hdr->shared()) [[unlikely]]
+      return false;
+    const unsigned lesser = Impl::lesserWords(words, hash) & Impl::firstBits(size);
+    const auto index = static_cast<unsigned>(std::countr_one(lesser));
+    if (words[index] == hash && index < size) [[unlikely]]
+      return false;
+    HashMap2018BucketHdr grown = *hdr;
+    grown.sizeIs(size + 1);
+    Impl::openElement<std::uint32_t>(words, index);
+    words[index] = hash;
+    *hdr = grown;
+    Operations::insertUsual(hdr->nodes(), size, index, node);
+    ++memberCount_;
+    return true;
+  }
+
+  /// The same for `deleteMemberG`, but for a member that is absent.
+  template <class Operations, class KeyIs>
+  [[gnu::always_inline]] bool deleteMemberUsual(std::uint32_t rhash, const KeyIs& keyIs,
+                                                void* out) noexcept {
+    const std::uint32_t hash = spread(rhash);
+    const Link link = linkOf(hash);
+    if (!link.usual() || memberCount_ <= joinBelow_) [[unlikely]]
+      return false;
+    std::uint32_t* const words = link.usualWords();
+    HashMap2018BucketHdr* const hdr = link.usualHdr();
+    const unsigned size = hdr->size();
+    const unsigned mask = Impl::equalWords(words, hash) & Impl::firstBits(size);
+    // Two of one hash, and what leaves its bucket empty, are left to the generic form.
+    if (mask == 0 || (mask & (mask - 1)) != 0 || size == 1 || hdr->shared()) [[unlikely]]
+      return false;
+    const auto index = static_cast<unsigned>(std::countr_zero(mask));
+    if (!keyIs(nodeAt(hdr->nodes(), sizeof(typename Operations::Node), index))) [[unlikely]]
+      return false;
+    Operations::eraseUsual(hdr->nodes(), size, index, out);
+    HashMap2018BucketHdr shrunk = *hdr;
+    shrunk.sizeIs(size - 1);
+    Impl::closeElement<std::uint32_t>(words, index);
+    *hdr = shrunk;
+    --memberCount_;
+    return true;
+  }
+
+ private:
+  friend class HashMap2018IteratorGeneric;
+
+  using Link = HashMap2018BucketLink;
+
+  /// The bits that select a bucket are the upper ones; multiplying by the golden ratio brings every
+  /// bit of the hash into them, and maps different hashes to different ones.
+  static std::uint32_t spread(std::uint32_t rhash) noexcept { return rhash * 0x9e3779b1u; }
+
+  /// A fine number has `level_` + 1 upper bits of the hash, a coarse one `level_`.
+  std::uint32_t fineOf(std::uint32_t hash) const noexcept { return hash >> fineShift_; }
+
+  Link& linkOf(std::uint32_t hash) const noexcept {
+    const std::uint32_t fine = fineOf(hash);
+    const std::uint32_t coarse = fine >> 1;
+    return coarse < splitCount_ ? fine_[fine] : coarse_[coarse];
+  }
+
+  /// Buckets have positions 0 to `bucketCount()` - 1 in the order of their members.
+  unsigned positionOf(std::uint32_t hash) const noexcept {
+    const std::uint32_t fine = fineOf(hash);
+    return fine >> 1 < splitCount_ ? fine : (fine >> 1) + splitCount_;
+  }
+  Link linkAt(unsigned position) const noexcept {
+    return position < 2 * splitCount_ ? fine_[position] : coarse_[position - splitCount_];
+  }
+
+  template <class KeyIs>
+  static const HashMap2018LinkNodeBase* lookupUnusual(Link link, std::size_t nodeSize,
+                                                      std::uint32_t hash, const KeyIs& keyIs) {
+    if (!link) return nullptr;
+    HashMap2018BucketHdr* const hdr = link.hdr();
+    const auto node = [&](unsigned index) { return nodeAt(hdr->nodes(), nodeSize, index); };
+    const unsigned index =
+        Impl::findWord(hdr->words(), hdr->size(), hash, [&](unsigned i) { return keyIs(node(i)); });
+    return index != hdr->size() ? node(index) : nullptr;
+  }
+
+  void directoryInit();
+  void levelIs(unsigned level) noexcept;
+  void directoryFree(Link* directory);
+  void limitsUpdate() noexcept;
+  void splitNext(const HashMap2018VTable* vt);
+  void joinLast(const HashMap2018VTable* vt);
+
+  Link* coarse_;
+  Link* fine_ = nullptr;
+  /// The directory of a map with one bucket.
+  Link single_;
+  std::uint32_t splitCount_ = 0;
+  std::uint8_t level_ = 0;
+  /// Gives the fine number of a hash: 31 - `level_`.
+  std::uint8_t fineShift_ = 31;
+  std::uint8_t levelMin_;
+  bool keepBuckets_;
+  /// Above this many members a bucket is split, below that many two are joined.
+  std::uint32_t splitAbove_;
+  std::uint32_t joinBelow_;
+  std::uint32_t memberCount_ = 0;
+};
+
+}  // namespace Kiv

@@ -1,0 +1,175 @@
+#pragma once
+
+#include <compare>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "Fenrik/Assert.h"
+#include "Fenrik/Ptr.h"
+#include "Fenrik/String.h"
+#include "Kiv/HashHelper.h"
+#include "Kiv/HashMap2018VTable.h"
+
+namespace Kiv {
+
+namespace Impl {
+
+template <std::size_t size>
+struct UnsignedOf;
+template <>
+struct UnsignedOf<1> {
+  using Type = std::uint16_t;
+};
+template <>
+struct UnsignedOf<2> {
+  using Type = std::uint16_t;
+};
+template <>
+struct UnsignedOf<4> {
+  using Type = std::uint32_t;
+};
+template <>
+struct UnsignedOf<8> {
+  using Type = std::uint64_t;
+};
+
+/// The number that stands for a key of one number.
+template <class Key>
+using NumberOfKey = typename UnsignedOf<sizeof(Key)>::Type;
+
+}  // namespace Impl
+
+/// A key type that brings its own operations: `hash(seed)`, `isEq(a, b)` and `<=>`.
+template <class Key>
+concept HashMap2018ComposedKey = requires(const Key& key, const void* untyped) {
+  { key.hash(std::uint32_t{}) } -> std::same_as<std::uint32_t>;
+  { Key::isEq(untyped, untyped) }
+  noexcept->std::same_as<bool>;
+  { (key <=> key) < 0 } -> std::convertible_to<bool>;
+};
+
+/// A key type that is one number: an integer, an enumeration, or a class that converts to its
+/// number by a cast.
+template <class Key>
+concept HashMap2018NumberKey = !HashMap2018ComposedKey<Key> && requires(const Key& key) {
+  static_cast<Impl::NumberOfKey<Key>>(key);
+  { key == key } -> std::convertible_to<bool>;
+  { key < key } -> std::convertible_to<bool>;
+};
+
+/// What a map asks of its keys. `Lookup` is the type behind the untyped key of its operations.
+template <class Key>
+struct HashMap2018KeyTraits;
+
+template <HashMap2018ComposedKey Key>
+struct HashMap2018KeyTraits<Key> {
+  using Lookup = Key;
+  static const Lookup& lookup(const Key& key) noexcept { return key; }
+  static std::uint32_t hash(const Lookup& key, std::uint32_t seed) { return key.hash(seed); }
+  static bool isEq(const void* a, const void* b) noexcept { return Key::isEq(a, b); }
+  static bool equal(const Lookup& a, const Key& b) noexcept { return Key::isEq(&a, &b); }
+  static bool less(const Lookup& a, const Key& b) { return (a <=> b) < 0; }
+};
+
+template <HashMap2018NumberKey Key>
+struct HashMap2018KeyTraits<Key> {
+  using Lookup = Key;
+  static const Lookup& lookup(const Key& key) noexcept { return key; }
+  static std::uint32_t hash(const Lookup& key, std::uint32_t seed) noexcept {
+    return hashSingleAttr(seed, static_cast<Impl::NumberOfKey<Key>>(key));
+  }
+  static bool isEq(const void* a, const void* b) noexcept {
+    return equal(*static_cast<const Key*>(a), *static_cast<const Key*>(b));
+  }
+  static bool equal(const Lookup& a, const Key& b) noexcept { return a == b; }
+  static bool less(const Lookup& a, const Key& b) noexcept { return a < b; }
+};
+
+template <>
+struct HashMap2018KeyTraits<Fenrik::String> {
+  using Lookup = std::string_view;
+  static Lookup lookup(const Fenrik::String& key) noexcept { return key.view(); }
+  static std::uint32_t hash(const Lookup& key, std::uint32_t seed) noexcept {
+    return HashHelper::hashBytes(seed, key.data(), key.size());
+  }
+  static bool isEq(const void* a, const void* b) noexcept {
+    return *static_cast<const Fenrik::String*>(a) == *static_cast<const Fenrik::String*>(b);
+  }
+  static bool equal(const Lookup& a, const Fenrik::String& b) noexcept { return a == b.view(); }
+  static bool less(const Lookup& a, const Fenrik::String& b) noexcept { return a < b.view(); }
+};
+
+/// Says that an object may be moved to another place as bytes, its old place being forgotten.
+template <class T>
+inline constexpr bool kBytewiseMovable = std::is_trivially_copyable_v<T>;
+template <class T>
+inline constexpr bool kBytewiseMovable<Fenrik::Ptr<T>> = true;
+
+/// Where a map's buckets come from. There is one kind.
+enum class HashMap2018Alloc : std::uint8_t { slab = 1 };
+
+/// Node of a map whose values carry their keys: `KeyFunktor()(value)` reads one. `seed` is the
+/// collection's constant.
+///
+/// A collection's node type is a tag in the class that owns it, named after the attribute:
+///
+///     using HN_Lamp = Kiv::Hm2018NI<0x1d2c3b4a, LampKey, Fenrik::Ptr<Lamp>, LampKeyFunktor>;
+template <std::uint32_t seed, class KeyType, class ValueType, class KeyFunktorType,
+          HashMap2018Alloc alloc = HashMap2018Alloc::slab>
+class Hm2018NI : public HashMap2018LinkNodeBase {
+ public:
+  using Key = KeyType;
+  using Value = ValueType;
+  using KeyFunktor = KeyFunktorType;
+  static constexpr std::uint32_t kSeed = seed;
+  static constexpr bool kInternalKey = true;
+  static constexpr bool kBytewise = kBytewiseMovable<Value>;
+
+  explicit Hm2018NI(Value value) noexcept : value_(std::move(value)) {}
+
+  const Value& value() const noexcept { return value_; }
+  Value&& valueMoved() noexcept { return std::move(value_); }
+  decltype(auto) key() const { return KeyFunktor()(value_); }
+  decltype(auto) fwkKey() const { return key(); }
+
+  /// Puts another value of the same key in the place of the present one, and that into `_value`.
+  void fwkValueIs(Value& _value) {
+    FENRIK_ASSERT_TEXT(HashMap2018KeyTraits<Key>::equal(HashMap2018KeyTraits<Key>::lookup(fwkKey()),
+                                                        KeyFunktor()(_value)),
+                       "fwkKey() == KeyFunktor()( _value )");
+    std::swap(value_, _value);
+  }
+
+ private:
+  Value value_;
+};
+
+/// Node of a map whose keys stand beside the values.
+template <std::uint32_t seed, class KeyType, class ValueType,
+          HashMap2018Alloc alloc = HashMap2018Alloc::slab>
+class Hm2018NE : public HashMap2018LinkNodeBase {
+ public:
+  using Key = KeyType;
+  using Value = ValueType;
+  static constexpr std::uint32_t kSeed = seed;
+  static constexpr bool kInternalKey = false;
+  static constexpr bool kBytewise = kBytewiseMovable<Value> && kBytewiseMovable<Key>;
+
+  Hm2018NE(const Key& key, Value value) noexcept : value_(std::move(value)), key_(key) {}
+
+  const Value& value() const noexcept { return value_; }
+  Value&& valueMoved() noexcept { return std::move(value_); }
+  const Key& key() const noexcept { return key_; }
+
+  void fwkValueIs(Value& _value) noexcept { std::swap(value_, _value); }
+
+ private:
+  Value value_;
+  Key key_;
+};
+
+}  // namespace Kiv

@@ -1,0 +1,157 @@
+#pragma once
+
+#include <cstring>
+#include <memory>
+#include <new>
+#include <type_traits>
+#include <typeinfo>
+#include <utility>
+
+#include "Fenrik/Assert.h"
+#include "Kiv/HashMap2018Node.h"
+#include "Kiv/HashMap2018VTable.h"
+#include "OvSlab/AllocTrackTypeInfo.h"
+#include "OvSlab/OvSlab.h"
+
+namespace Kiv::Impl {
+
+/// The operations of one collection on its nodes, as they stand in its `vt_`.
+template <class NodeType>
+struct QUARNBASTIL_EXPORT NodeOperations {
+  using Node = NodeType;
+  using Key = typename Node::Key;
+  using Traits = HashMap2018KeyTraits<Key>;
+  using Lookup = typename Traits::Lookup;
+  using Base = HashMap2018LinkNodeBase;
+
+  static_assert(std::is_nothrow_move_constructible_v<Node>, "nodes move within their buckets");
+  static_assert(std::is_copy_constructible_v<Node>, "a bucket that an iterator holds is copied");
+  static_assert(alignof(Node) <= HashMap2018BucketLink::kUnit, "see HashMap2018BucketLink");
+
+  static constexpr bool kPlain = std::is_trivially_copyable_v<Node>;
+
+  /// Counts the slots of the collection's buckets; null until there was one.
+  inline static AllocTrackTypeInfo* slotTracker_ = nullptr;
+
+  static const Node& typed(const Base* node) noexcept { return *static_cast<const Node*>(node); }
+  static Node& typed(Base* node) noexcept { return *static_cast<Node*>(node); }
+
+  static void bktHdrRefDec(const HashMap2018BucketHdr* hdr) {
+    if (hdr->bktHdrRefDecHelper() != 0) return;
+    AllocTrackTypeInfo::trackArrayDeallocation(HashMap2018BucketHdr::bucketHeaderTracker_, 1);
+    AllocTrackTypeInfo::trackArrayDeallocation(slotTracker_, hdr->capacity());
+    if constexpr (!std::is_trivially_destructible_v<Node>) {
+      std::destroy_n(static_cast<Node*>(hdr->nodes()), hdr->size());
+    }
+    OvSlab::slabFreeOrStdFree(const_cast<std::uint32_t*>(hdr->words()), typeid(Node));
+  }
+
+  static bool keyEqualsNode(const void* key, const Base* node) {
+    return Traits::equal(*static_cast<const Lookup*>(key), typed(node).key());
+  }
+
+  static int compareOrLruUnlink(const void* key, const Base* a, const Base* b) {
+    const auto& right = typed(b).key();
+    const auto compare = [&](const Lookup& left) {
+      return Traits::equal(left, right) ? 0 : Traits::less(left, right) ? 1 : 2;
+    };
+    return a != nullptr ? compare(Traits::lookup(typed(a).key()))
+                        : compare(*static_cast<const Lookup*>(key));
+  }
+
+  static void place(const HashMap2018VTable*, void* slot, Base* node, MoveOrCopy mode) {
+    if (mode == MoveOrCopy::move) {
+      ::new (slot) Node(std::move(typed(node)));
+    } else {
+      ::new (slot) Node(typed(node));
+    }
+  }
+
+  static void shift(const HashMap2018VTable*, Base* nodes, Base* link, HashMap2018SlotIndex size,
+                    HashMap2018SlotIndex index, int slotsToShift) {
+    Node* const gap = static_cast<Node*>(nodes) + index.value();
+    Node* const end = static_cast<Node*>(nodes) + size.value();
+    if (slotsToShift < 0) {
+      closeGap(gap, gap - slotsToShift, end);
+      return;
+    }
+    openSlot(gap, end);
+    std::swap(*gap, typed(link));
+    FENRIK_ASSERT(slotsToShift == 1);
+  }
+
+  static void newBucketAssemble(const HashMap2018VTable* vt, HashMap2018SlotIndex capacity,
+                                void* nodes, const HashMap2018NodeSourceColl& sources) {
+    AllocTrackTypeInfo::trackArrayAllocation(
+        &slotTracker_, typeid(Node), sizeof(Node) + sizeof(std::uint32_t), capacity.value());
+    if constexpr (kPlain) {
+      HashMap2018VTable::trivialNewBucketAssemble(vt, nodes, sources);
+    } else {
+      Node* next = static_cast<Node*>(nodes);
+      for (unsigned run = 0; run < sources.runCount; ++run) next = append(next, sources.runs[run]);
+    }
+  }
+
+  /// Insert and delete in a bucket of usual capacity.
+  static void insertUsual(Base* nodes, unsigned size, unsigned index, Node& node) noexcept {
+    Node* const gap = static_cast<Node*>(nodes) + index;
+    if constexpr (Node::kBytewise && sizeof(Node) == 8) {
+      openElement<std::uint64_t>(nodes, index);
+      ::new (bytes(gap)) Node(std::move(node));
+    } else if (index == size) {
+      ::new (bytes(gap)) Node(std::move(node));
+    } else {
+      openSlot(gap, static_cast<Node*>(nodes) + size);
+      *gap = std::move(node);
+    }
+  }
+
+  static void eraseUsual(Base* nodes, unsigned size, unsigned index, void* out) noexcept {
+    Node* const gap = static_cast<Node*>(nodes) + index;
+    if constexpr (Node::kBytewise && sizeof(Node) == 8) {
+      // Not moved from, which would store null: the wider loads of the next line would wait for it.
+      std::memcpy(out, bytes(gap), sizeof(Node));
+      closeElement<std::uint64_t>(nodes, index);
+    } else {
+      ::new (out) Node(std::move(*gap));
+      closeGap(gap, gap + 1, static_cast<Node*>(nodes) + size);
+    }
+  }
+
+  static constexpr HashMap2018VTable table() {
+    return {HashMap2018VTable::kControl,
+            sizeof(Node),
+            &bktHdrRefDec,
+            &keyEqualsNode,
+            kPlain ? &HashMap2018VTable::trivialPlace : &place,
+            kPlain ? &HashMap2018VTable::trivialShift : &shift,
+            &newBucketAssemble,
+            &compareOrLruUnlink};
+  }
+
+ private:
+  static void* bytes(Node* node) noexcept { return node; }
+
+  static void closeGap(Node* gap, Node* rest, Node* end) noexcept {
+    if constexpr (Node::kBytewise) {
+      std::destroy(gap, rest);
+      std::memmove(bytes(gap), bytes(rest), sizeof(Node) * static_cast<std::size_t>(end - rest));
+    } else {
+      std::destroy(std::move(rest, end, gap), end);
+    }
+  }
+
+  /// Leaves something at `gap` that may be swapped away.
+  static void openSlot(Node* gap, Node* end) noexcept {
+    ::new (end) Node(std::move(end[-1]));
+    std::move_backward(gap, end - 1, end);
+  }
+
+  static Node* append(Node* next, const HashMap2018NodeSourceColl::Run& run) noexcept {
+    Node* const first = static_cast<Node*>(run.first);
+    return run.mode == MoveOrCopy::move ? std::uninitialized_move_n(first, run.count, next).second
+                                        : std::uninitialized_copy_n(first, run.count, next);
+  }
+};
+
+}  // namespace Kiv::Impl

@@ -1,0 +1,394 @@
+#include "Fenrik/RQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <optional>
+#include <random>
+#include <vector>
+
+#include "Fenrik/NodeClass.h"
+#include "Fenrik/QueueAttribute.h"
+
+namespace {
+
+class Item final : public Fenrik::NodeClass<Item> {
+ public:
+  explicit Item(std::uint64_t number) : number(number) {}
+  std::uint64_t number;
+};
+
+using ItemIter = Fenrik::RQueueBaseConstIter<Item::Ptr>;
+
+struct QE_Test;
+using ItemQueue = Fenrik::RQueue<Item::Ptr, false, QE_Test>;
+
+Item::Ptr item(std::uint64_t number) { return Fenrik::ptrIsImpl<Item>(number); }
+
+/// Number of an item, and a number of none for null.
+std::uint64_t numberOf(const Item::Ptr& ptr) { return ptr != nullptr ? ptr->number : ~0ull; }
+std::uint64_t numberOf(const Item::Ptr* ptr) { return ptr != nullptr ? numberOf(*ptr) : ~0ull; }
+
+/// What the process holds of a class or queue, by the end of its name.
+Kiv::AllocTrackRow tracked(const std::string& part) {
+  for (const Kiv::AllocTrackRow& row : Kiv::AllocTrackTypeInfo::report()) {
+    if (row.typeName.find(part) != std::string::npos) return row;
+  }
+  return {};
+}
+std::uint64_t itemsLive() {
+  return Item::memAllocationTracker_ != nullptr ? Item::memAllocationTracker_->liveCount() : 0;
+}
+
+/// The queue beside a model in which indices never wrap: an item's number is its index there.
+class Checked {
+ public:
+  explicit Checked(std::optional<std::uint32_t> first)
+      : queue_(first ? ItemQueue(*first) : ItemQueue()), next_(first.value_or(1)) {}
+
+  void enq() {
+    EXPECT_EQ(queue_.enq(item(next_)), std::uint32_t(next_));
+    numbers_.push_back(next_++);
+  }
+  void deq() {
+    EXPECT_EQ(numberOf(queue_.deq()), numbers_.empty() ? ~0ull : numbers_.front());
+    if (!numbers_.empty()) numbers_.pop_front();
+  }
+  void clear() {
+    queue_.doClear(true);
+    numbers_.clear();
+  }
+
+  /// What must be true of the whole, and of lookups near the ends and far away.
+  void check(std::mt19937& random) const {
+    ASSERT_EQ(queue_.size(), numbers_.size());
+    ASSERT_EQ(queue_.empty(), numbers_.empty());
+    ASSERT_EQ(queue_.frontIndex(), std::uint32_t(front()));
+    ASSERT_EQ(queue_.backIndex(), std::uint32_t(next_ - 1));
+    ASSERT_EQ(numberOf(queue_.front()), numbers_.empty() ? ~0ull : numbers_.front());
+    ASSERT_EQ(numberOf(queue_.back()), numbers_.empty() ? ~0ull : numbers_.back());
+    for (int i = 0; i != 4; ++i) {
+      lookup(front() + random() % (numbers_.size() + 1));
+      lookup(front() - 3 + random() % 6);
+      lookup(next_ - 3 + random() % 6);
+      lookup(front() + 0x7ffffffe + random() % 4);
+    }
+  }
+
+  void lookup(std::uint64_t index) const {
+    const bool there = index >= front() && index < next_;
+    ASSERT_EQ(queue_.has(std::uint32_t(index)), there) << index;
+    ASSERT_EQ(numberOf(queue_.find(std::uint32_t(index))), there ? index : ~0ull) << index;
+  }
+
+  std::uint64_t front() const { return numbers_.empty() ? next_ : numbers_.front(); }
+  std::uint64_t next() const { return next_; }
+  const ItemQueue& queue() const { return queue_; }
+  const std::deque<std::uint64_t>& numbers() const { return numbers_; }
+
+ private:
+  ItemQueue queue_;
+  std::deque<std::uint64_t> numbers_;
+  std::uint64_t next_;
+};
+
+/// An iterator that lives on while the queue changes, and where it must stand.
+struct Walker {
+  ItemIter iter;
+  std::uint64_t at;
+  bool ended = false;
+
+  explicit Walker(const Checked& checked) : iter(checked.queue()), at(checked.front()) {
+    ended = checked.numbers().empty();
+  }
+
+  void step(const Checked& checked) {
+    iter.increment();
+    if (ended) return;
+    at = at < checked.front() ? checked.front() : at + 1;
+    ended = at == checked.next();
+  }
+
+  void check(const Checked& checked) const {
+    ASSERT_EQ(iter.valid(), !ended);
+    if (ended) return;
+    ASSERT_EQ(iter.index(), std::uint32_t(at));
+    ASSERT_EQ(numberOf(iter.value()), at < checked.front() ? ~0ull : at);
+  }
+};
+
+class RQueueModelTest : public testing::TestWithParam<std::optional<std::uint32_t>> {};
+INSTANTIATE_TEST_SUITE_P(FirstIndices, RQueueModelTest,
+                         testing::Values(std::nullopt, 1, 0, 0x7ffffff0, 0x80000000, 0xffff8000,
+                                         0xfffffff0, 0xffffffff));
+
+TEST_P(RQueueModelTest, IsADequeWithLastingIndicesUnderRandomOperationsAndLiveIterators) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::mt19937 random(seed);
+  {
+    Checked checked(GetParam());
+    std::vector<Walker> walkers;
+    for (unsigned step = 0; step != 60000; ++step) {
+      const bool growing = step / 12000 % 2 == 0;
+      const auto choice = random() % 1000;
+      if (choice < (growing ? 750u : 250u)) {
+        checked.enq();
+      } else if (choice < 998) {
+        checked.deq();
+      } else if (random() % 16 == 0) {
+        checked.clear();
+      } else if (walkers.size() < 20) {
+        walkers.emplace_back(checked);
+      } else {
+        walkers.erase(walkers.begin() + std::ptrdiff_t(random() % walkers.size()));
+      }
+      for (Walker& walker : walkers) {
+        if (random() % 4 == 0) walker.step(checked);
+        walker.check(checked);
+      }
+      if (step % 16 == 0) checked.check(random);
+      ASSERT_FALSE(HasFatalFailure() || HasNonfatalFailure()) << "step " << step;
+    }
+    Walker walker(checked);
+    for (std::size_t count = checked.numbers().size(); count != 0; --count) {
+      walker.check(checked);
+      walker.step(checked);
+    }
+    EXPECT_FALSE(walker.iter.valid());
+    EXPECT_EQ(itemsLive(), checked.numbers().size());
+  }
+  EXPECT_EQ(itemsLive(), 0u);
+  EXPECT_EQ(tracked("QE_Test").live, 0u);
+  EXPECT_EQ(tracked("QE_Test").liveArrays, 0u);
+  EXPECT_EQ(tracked("RQueueArray<").live, 0u);
+}
+
+TEST(RQueueTest, ALongQueueKeepsItsIndicesAcrossTheWrap) {
+  std::mt19937 random(1);
+  Checked checked(0xffffffffu - 30000);
+  for (int i = 0; i != 60000; ++i) checked.enq();
+  for (std::uint64_t index = checked.front(); index < checked.next(); index += 77) {
+    checked.lookup(index);
+  }
+  for (int i = 0; i != 60000; ++i) {
+    checked.deq();
+    if (i % 64 == 0) checked.check(random);
+  }
+  EXPECT_TRUE(checked.queue().empty());
+}
+
+TEST(RQueueTest, AQueueThatWasNeverUsedHoldsNothingAndStaysSo) {
+  const std::uint64_t chunks = tracked("RQueueArray<").live;
+  ItemQueue queue;
+  for (const bool keepSequence : {false, true}) {
+    queue.doClear(keepSequence);
+    EXPECT_TRUE(queue.empty());
+    EXPECT_EQ(queue.size(), 0u);
+    EXPECT_EQ(queue.frontIndex(), 1u);
+    EXPECT_EQ(queue.deq(), nullptr);
+    EXPECT_EQ(queue.front(), nullptr);
+    EXPECT_EQ(queue.back(), nullptr);
+    EXPECT_FALSE(queue.has(0));
+    EXPECT_FALSE(queue.has(1));
+    EXPECT_EQ(queue.find(1), nullptr);
+    EXPECT_FALSE(ItemIter(queue).valid());
+  }
+  EXPECT_EQ(tracked("RQueueArray<").live, chunks);
+  EXPECT_EQ(queue.enq(item(0)), 1u);
+  queue.doClear(false);
+  EXPECT_EQ(queue.enq(item(0)), 1u) << "without the sequence it begins again";
+}
+
+struct QE_Sizes;
+
+/// The capacities of the chunks that a queue adds, from what it tells allocation tracking.
+class ChunkSizes {
+ public:
+  void enq(unsigned count = 1) {
+    for (; count != 0; --count) queue.enq(item(0));
+  }
+  void deq(unsigned count = 1) {
+    for (; count != 0; --count) queue.deq();
+  }
+  std::uint64_t capacity() const { return tracked("QE_Sizes").live; }
+  std::uint64_t chunks() const { return tracked("QE_Sizes").liveArrays; }
+
+  Fenrik::RQueue<Item::Ptr, false, QE_Sizes> queue;
+};
+
+TEST(RQueueTest, ChunksGrowWithTheQueueUpTo8192) {
+  ChunkSizes sizes;
+  sizes.enq(8);
+  EXPECT_EQ(sizes.capacity(), 8u);
+  sizes.enq();
+  EXPECT_EQ(sizes.capacity(), 8u + 16) << "8 elements filled the first";
+  sizes.queue.doClear(false);
+  sizes.enq(8);
+  sizes.deq();
+  sizes.enq();
+  EXPECT_EQ(sizes.capacity(), 8u + 8) << "7 elements stood in the full one";
+  sizes.queue.doClear(false);
+
+  sizes.enq(40000);
+  std::uint64_t before = sizes.capacity();
+  EXPECT_EQ(before % 8192, 8184u) << "8 + 16 + ... + 4096, then 8192 each";
+  sizes.enq(8192);
+  EXPECT_EQ(sizes.capacity(), before + 8192);
+  sizes.deq(48180);
+  EXPECT_EQ(sizes.chunks(), 1u);
+  EXPECT_EQ(sizes.queue.size(), 12u);
+}
+
+TEST(RQueueTest, AnEmptiedQueueKeepsOnlyAMarkerAndItsNextIndex) {
+  ChunkSizes sizes;
+  sizes.enq(3);
+  sizes.deq(3);
+  EXPECT_EQ(sizes.capacity(), 0u) << "a sole chunk goes though it had free slots";
+  EXPECT_EQ(sizes.chunks(), 1u);
+  EXPECT_EQ(sizes.queue.frontIndex(), 4u);
+  sizes.enq();
+  EXPECT_EQ(sizes.chunks(), 1u) << "the marker was replaced";
+  EXPECT_EQ(sizes.capacity(), 8u);
+  EXPECT_EQ(sizes.queue.backIndex(), 4u);
+  sizes.queue.doClear(true);
+  EXPECT_EQ(sizes.capacity(), 0u);
+  sizes.enq();
+  EXPECT_EQ(sizes.queue.backIndex(), 5u);
+}
+
+TEST(RQueueTest, AValueLeavesTheQueueWithTheReferenceThatItHeld) {
+  const Item::Ptr one = item(1);
+  ItemQueue queue;
+  queue.enq(one);
+  queue.enq(nullptr);
+  queue.enq(one);
+  EXPECT_EQ(one->useCount(), 3u);
+  const Item::Ptr out = queue.deq();
+  EXPECT_EQ(one->useCount(), 3u);
+  EXPECT_TRUE(queue.has(2));
+  EXPECT_EQ(*queue.find(2), nullptr);
+  EXPECT_EQ(queue.deq(), nullptr);
+  EXPECT_EQ(queue.size(), 1u);
+}
+
+/// Puts another item into the queue when it goes.
+class Returning final : public Fenrik::NodeClass<Returning> {
+ public:
+  using Queue = Fenrik::RQueue<Returning::Ptr, false, Returning>;
+
+  explicit Returning(Queue* queue) : queue_(queue) {}
+  ~Returning() override {
+    if (queue_ != nullptr) indexAtEnd = queue_->enq(Fenrik::ptrIsImpl<Returning>(nullptr));
+  }
+
+  inline static std::uint32_t indexAtEnd = 0;
+
+ private:
+  Queue* queue_;
+};
+
+TEST(RQueueTest, AnElementThatGoesWithTheRestMayEnqueueAndContinuesTheSequence) {
+  Returning::Queue queue;
+  queue.enq(Fenrik::ptrIsImpl<Returning>(nullptr));
+  queue.enq(Fenrik::ptrIsImpl<Returning>(&queue));
+  queue.enq(Fenrik::ptrIsImpl<Returning>(nullptr));
+  queue.doClear(true);
+  EXPECT_EQ(Returning::indexAtEnd, 4u);
+  EXPECT_EQ(queue.size(), 1u);
+  EXPECT_EQ(queue.frontIndex(), 4u);
+}
+
+struct DeskModule;
+
+class Desk final : public Fenrik::NodeClass<Desk, Fenrik::Publishing<Fenrik::Node>> {
+ public:
+  static constexpr std::uint16_t kFieldBase = 640;
+  using KivModule = DeskModule;
+  struct QE_Order;
+
+  FENRIK_QUEUE(kFieldBase + 22, order, Item::Ptr, QE_Order);
+};
+struct DeskModule : Kiv::Module<"DeskTest", Desk> {};
+
+/// Notes the index of every change, and the length of the queue when it was told of it.
+struct Listener : Fenrik::Subscriber {
+  explicit Listener(const Desk& watched) : desk(watched) {
+    dispatchIs([](const Fenrik::Publisher&, Fenrik::Subscriber& self,
+                  const Fenrik::Change& change) noexcept {
+      auto& listener = static_cast<Listener&>(self);
+      EXPECT_EQ(change.fieldId.number(), 662u);
+      EXPECT_EQ(change.kind, Fenrik::Change::Kind::plain);
+      listener.seen.emplace_back(*static_cast<const std::uint32_t*>(change.value),
+                                 listener.desk.orderCount());
+    });
+    desk.publisher()->subscriberAdd(*this, false);
+  }
+  ~Listener() { desk.publisher()->subscriberRemove(*this); }
+
+  const Desk& desk;
+  std::vector<std::pair<std::uint32_t, std::uint32_t>> seen;
+};
+
+TEST(QueueAttributeTest, AnnouncesEveryChangeAfterItWasMadeWithTheIndexAffected) {
+  const Desk::Ptr desk = Fenrik::ptrIsImpl<Desk>();
+  desk->orderEnq(item(1));
+  {
+    Listener listener(*desk);
+    desk->orderEnq(item(2));
+    EXPECT_EQ(numberOf(desk->orderDeq()), 1u);
+    desk->orderEnq(item(3));
+    desk->orderEnq(nullptr);
+    desk->orderDelAll();
+    EXPECT_EQ(desk->orderDeq(), nullptr);
+    desk->orderDelAll();
+    const std::vector<std::pair<std::uint32_t, std::uint32_t>> changes{
+        {2, 2}, {1, 1}, {3, 2}, {4, 3}, {2, 2}, {3, 1}, {4, 0}};
+    EXPECT_EQ(listener.seen, changes);
+  }
+  desk->orderEnq(item(5));
+  desk->orderDelAll();
+  desk->orderEnq(item(6));
+  EXPECT_FALSE(desk->orderHas(5));
+  EXPECT_EQ(numberOf(desk->order(6)), 6u) << "the sequence goes on where nobody listens, too";
+}
+
+TEST(QueueAttributeTest, ReadsTheEndsAnIndexAndTheWhole) {
+  const Desk::Ptr desk = Fenrik::ptrIsImpl<Desk>();
+  EXPECT_EQ(desk->orderFront(), nullptr);
+  EXPECT_EQ(desk->orderBack(), nullptr);
+  EXPECT_EQ(desk->order(1), nullptr);
+  for (std::uint64_t number = 1; number != 30; ++number) desk->orderEnq(item(number));
+  EXPECT_EQ(numberOf(desk->orderFront()), 1u);
+  EXPECT_EQ(numberOf(desk->orderBack()), 29u);
+  EXPECT_EQ(numberOf(desk->order(17)), 17u);
+  EXPECT_FALSE(desk->orderIter(30).valid());
+  std::uint64_t expected = 12;
+  for (auto iter = desk->orderIter(12); iter.valid(); iter.increment()) {
+    EXPECT_EQ(numberOf(iter.value()), expected++);
+    desk->orderDeq();
+  }
+  EXPECT_EQ(expected, 30u);
+  const Kiv::AttributeFact* fact = desk->typeData().attribute("order");
+  ASSERT_NE(fact, nullptr);
+  EXPECT_EQ(fact->kind, Kiv::AttributeKind::queue);
+}
+
+struct Linked {
+  Fenrik::IntrusiveLinkedTailQueueLink<Linked> link_;
+};
+using LinkedQueue = Fenrik::IntrusiveLinkedTailQueue<Linked, &Linked::link_>;
+
+TEST(RQueueDeathTest, BrokenInvariantsAreNamed) {
+  LinkedQueue queue;
+  EXPECT_DEATH(queue.front(), "Assertion `tail_ != nullptr' failed");
+  EXPECT_DEATH(queue.pop(), "Assertion `tail_ != nullptr' failed");
+  const auto endLinked = [] {
+    Linked element;
+    LinkedQueue().push(element);
+  };
+  EXPECT_DEATH(endLinked(), "Assertion `!linked\\(\\)' failed");
+  EXPECT_DEATH(Fenrik::powerOfTwoLog2(12), "Assertion `isPowerOfTwo\\( i \\)' failed");
+}
+
+}  // namespace

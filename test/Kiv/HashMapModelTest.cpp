@@ -1,0 +1,288 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <map>
+#include <optional>
+#include <random>
+#include <vector>
+
+#include "Counted.h"
+#include "Fenrik/NodeClass.h"
+#include "Kiv/HashMap2018.h"
+
+namespace {
+
+/// An object that a map holds by pointer.
+class Item final : public Fenrik::NodeClass<Item> {
+ public:
+  Item(PairKey itemKey, int itemPayload) : key(itemKey), payload(itemPayload) {}
+  const PairKey key;
+  const int payload;
+};
+
+/// A plain value of a number's kind, as the units of a chip are numbered.
+class Unit {
+ public:
+  explicit Unit(std::uint16_t number) : number_(number) {}
+  explicit operator std::uint16_t() const { return number_; }
+  auto operator<=>(const Unit&) const = default;
+
+ private:
+  std::uint16_t number_;
+};
+
+struct KeyOfCounted {
+  const PairKey& operator()(const Counted& value) const { return value.key(); }
+};
+struct KeyOfItem {
+  const PairKey& operator()(const Fenrik::Ptr<Item>& item) const { return item->key; }
+};
+
+int payloadOf(const Counted& value) { return value.payload(); }
+int payloadOf(const Fenrik::Ptr<Item>& item) { return item->payload; }
+int payloadOf(int value) { return value; }
+int payloadOf(const std::vector<int>& value) { return value.at(0); }
+
+// One shape for each kind of node: how a number becomes a key, and with a payload a node.
+struct ObjectsInside {
+  using Key = PairKey;
+  using Node = Kiv::Hm2018NI<0x11111111, PairKey, Counted, KeyOfCounted>;
+  static Key key(unsigned n) {
+    return {static_cast<std::uint8_t>(n), static_cast<std::uint16_t>(n)};
+  }
+  static Node node(unsigned n, int payload) { return Node(Counted(key(n), payload)); }
+};
+struct PointersInside : ObjectsInside {
+  using Node = Kiv::Hm2018NI<0x22222222, PairKey, Fenrik::Ptr<Item>, KeyOfItem>;
+  static Node node(unsigned n, int payload) {
+    return Node(Fenrik::ptrIsImpl<Item>(key(n), payload));
+  }
+};
+struct ObjectsBeside : ObjectsInside {
+  using Node = Kiv::Hm2018NE<0x33333333, PairKey, Counted>;
+  static Node node(unsigned n, int payload) { return Node(key(n), Counted(key(n), payload)); }
+};
+struct PointersBeside {
+  using Key = Unit;
+  using Node = Kiv::Hm2018NE<0x44444444, Unit, Fenrik::Ptr<Item>>;
+  static Key key(unsigned n) { return Unit(static_cast<std::uint16_t>(n)); }
+  static Node node(unsigned n, int payload) {
+    return Node(key(n), Fenrik::ptrIsImpl<Item>(ObjectsInside::key(n), payload));
+  }
+};
+struct PlainData : ObjectsInside {
+  using Node = Kiv::Hm2018NE<0x55555555, PairKey, int>;
+  static Node node(unsigned n, int payload) { return Node(key(n), payload); }
+};
+struct TextKeys {
+  using Key = Fenrik::String;
+  using Node = Kiv::Hm2018NE<0x66666666, Fenrik::String, std::vector<int>>;
+  static Key key(unsigned n) { return Fenrik::formatString("/hardware/agent/{}", n); }
+  static Node node(unsigned n, int payload) { return Node(key(n), {payload}); }
+};
+
+std::uint64_t live(const Kiv::AllocTrackTypeInfo* tracker) {
+  return tracker != nullptr ? tracker->liveCount() : 0;
+}
+
+/// A map beside its model, and walks of it under way, each with what it has met.
+template <class Shape>
+struct Pair {
+  using Node = typename Shape::Node;
+  using Map = Kiv::HashMap2018<Node, typename Shape::Key, typename Node::Value>;
+
+  struct Walk {
+    typename Map::Iterator at;
+    /// The number and payload that the iterator stands on, and whether the member has gone since.
+    std::optional<std::pair<unsigned, int>> held;
+    std::map<unsigned, unsigned> met;
+    /// Members that were there at the start and have been since.
+    std::map<unsigned, int> throughout;
+  };
+
+  void insertOrReplace(unsigned n, int payload) {
+    Node fresh = Shape::node(n, payload);
+    if (Node* const node = map[Shape::key(n)] ? map.nodeForChange(Shape::key(n)) : nullptr) {
+      auto value = fresh.valueMoved();
+      node->fwkValueIs(value);
+    } else {
+      map.newMember(std::move(fresh));
+    }
+    model[n] = payload;
+  }
+
+  void erase(unsigned n) {
+    const std::optional<Node> deleted = map.memberDel(Shape::key(n));
+    ASSERT_EQ(deleted.has_value(), model.count(n) == 1);
+    if (!deleted) return;
+    ASSERT_EQ(payloadOf(deleted->value()), model[n]);
+    ASSERT_TRUE(Kiv::HashMap2018KeyTraits<typename Shape::Key>::isEq(&deleted->key(), &held(n)));
+    model.erase(n);
+    for (Walk& walk : walks) walk.throughout.erase(n);
+  }
+
+  void eraseAll() {
+    map.memberDelAll();
+    model.clear();
+    for (Walk& walk : walks) walk.throughout.clear();
+  }
+
+  const typename Shape::Key& held(unsigned n) {
+    keyHeld = Shape::key(n);
+    return keyHeld;
+  }
+
+  void begin() {
+    walks.push_back({map.begin(), {}, {}, model});
+    meet(walks.back());
+  }
+
+  /// Looks at what a walk stands on, before anything else changes.
+  void meet(Walk& walk) {
+    walk.held.reset();
+    if (!walk.at) return;
+    const int payload = payloadOf(walk.at->value());
+    const unsigned n = numberOfPayload(payload);
+    ASSERT_EQ(model.count(n), 1u) << "a walk met a member that is not there";
+    ASSERT_EQ(++walk.met[n], 1u) << "a walk met a member twice";
+    walk.held = {n, payload};
+  }
+
+  /// Payloads carry the number of their member in the lower bits.
+  static unsigned numberOfPayload(int payload) { return static_cast<unsigned>(payload) & 0xffff; }
+
+  /// What iterators hold does not change; what they say of the map is true.
+  void checkHeld() {
+    for (Walk& walk : walks) {
+      ASSERT_EQ(static_cast<bool>(walk.at), walk.held.has_value());
+      if (!walk.at) continue;
+      const auto [n, payload] = *walk.held;
+      ASSERT_EQ(payloadOf(walk.at->value()), payload) << "a change reached what an iterator reads";
+      const Node* const now = walk.at.nodeNow();
+      const auto found = model.find(n);
+      ASSERT_EQ(now != nullptr, found != model.end());
+      if (now != nullptr) {
+        ASSERT_EQ(payloadOf(now->value()), found->second);
+      }
+    }
+  }
+
+  void step(std::size_t which) {
+    Walk& walk = walks[which];
+    if (walk.at) {
+      ++walk.at;
+      meet(walk);
+      return;
+    }
+    for (const auto& [n, payload] : walk.throughout) {
+      ASSERT_EQ(walk.met[n], 1u) << "a walk missed a member that was there throughout";
+    }
+    walks.erase(walks.begin() + static_cast<std::ptrdiff_t>(which));
+  }
+
+  void checkAll(unsigned range) {
+    ASSERT_EQ(map.memberCount(), model.size());
+    for (unsigned n = 0; n < range; ++n) {
+      const Node* const node = map[Shape::key(n)];
+      const auto found = model.find(n);
+      ASSERT_EQ(node != nullptr, found != model.end());
+      const auto iterator = map.iteratorFromKey(Shape::key(n));
+      ASSERT_EQ(static_cast<bool>(iterator), node != nullptr) << "an absent key is the end";
+      if (node == nullptr) continue;
+      ASSERT_EQ(payloadOf(node->value()), found->second);
+      ASSERT_EQ(&*iterator, node);
+      ASSERT_TRUE(iterator == map.iteratorFromKey(Shape::key(n)));
+      ASSERT_FALSE(iterator == map.end());
+    }
+    std::size_t members = 0;
+    for ([[maybe_unused]] const Node& node : map) ++members;
+    ASSERT_EQ(members, model.size());
+  }
+
+  std::map<unsigned, int> model;
+  std::vector<Walk> walks;
+  Map map;
+  typename Shape::Key keyHeld = Shape::key(0);
+};
+
+template <class Shape>
+class HashMapModel : public testing::Test {
+ protected:
+  HashMapModel() { testSeed(); }
+  ~HashMapModel() override { PairKey::spread = 0; }
+
+  /// Random operations in phases that fill the map, hold its size and drain it.
+  static void run(unsigned steps, unsigned range) {
+    SCOPED_TRACE(fmt::format("BASTIL_TEST_SEED={}", testSeed()));
+    std::mt19937 random(testSeed());
+    using Operations = Kiv::Impl::NodeOperations<typename Shape::Node>;
+    const auto bucketsBefore = live(Kiv::HashMap2018BucketHdr::bucketHeaderTracker_);
+    const auto slotsBefore = live(Operations::slotTracker_);
+    {
+      Pair<Shape> pair;
+      for (unsigned i = 0; i < steps && !testing::Test::HasFatalFailure(); ++i) {
+        const unsigned n = static_cast<unsigned>(random() % range);
+        const unsigned inserts = std::array{9u, 5u, 2u}[i * 6 / steps % 3];
+        const unsigned choice = static_cast<unsigned>(random() % 16);
+        if (choice < inserts) {
+          pair.insertOrReplace(n, static_cast<int>((i % 0x7000) << 16 | n));
+        } else if (choice < 11) {
+          pair.erase(n);
+        } else if (choice < 12 && pair.walks.size() < 12) {
+          pair.begin();
+        } else if (!pair.walks.empty()) {
+          pair.step(random() % pair.walks.size());
+        }
+        if (random() % 2000 == 0) pair.eraseAll();
+        if (i % 16 == 0) pair.checkHeld();
+        if (i % 1024 == 0) pair.checkAll(range);
+      }
+      while (!pair.walks.empty() && !testing::Test::HasFatalFailure()) pair.step(0);
+    }
+    EXPECT_EQ(Counted::live.size(), 0u);
+    EXPECT_EQ(Counted::faults, 0u);
+    EXPECT_EQ(live(Item::memAllocationTracker_), 0u);
+    EXPECT_EQ(live(Kiv::HashMap2018BucketHdr::bucketHeaderTracker_), bucketsBefore);
+    EXPECT_EQ(live(Operations::slotTracker_), slotsBefore);
+  }
+};
+using Shapes = testing::Types<ObjectsInside, PointersInside, ObjectsBeside, PointersBeside,
+                              PlainData, TextKeys>;
+TYPED_TEST_SUITE(HashMapModel, Shapes);
+
+TYPED_TEST(HashMapModel, BehavesAsItsModelWhileWalksAreUnderWay) {
+  this->run(20000, 40);
+  this->run(30000, 3000);
+}
+
+TYPED_TEST(HashMapModel, BehavesAsItsModelWhenManyKeysShareAHash) {
+  PairKey::spread = 3;
+  this->run(8000, 150);
+}
+
+/// The order that the bookmarks of resumed walks rest on: a walk that is begun again at the key
+/// where the last one stopped meets every member once, whatever growth came between.
+TYPED_TEST(HashMapModel, AWalkBegunAgainFromItsKeyGoesOnWhereItWas) {
+  using Shape = TypeParam;
+  Pair<Shape> pair;
+  for (unsigned n = 0; n < 500; ++n) pair.insertOrReplace(n, static_cast<int>(n));
+  std::map<unsigned, unsigned> met;
+  unsigned fresh = 500;
+  std::optional<unsigned> bookmark =
+      Pair<Shape>::numberOfPayload(payloadOf(pair.map.begin()->value()));
+  while (bookmark) {
+    auto at = pair.map.iteratorFromKey(Shape::key(*bookmark));
+    ASSERT_TRUE(at);
+    ++met[*bookmark];
+    ++at;
+    bookmark.reset();
+    if (at) bookmark = Pair<Shape>::numberOfPayload(payloadOf(at->value()));
+    for (int i = 0; i < 3 && fresh < 2000; ++i, ++fresh) {
+      pair.insertOrReplace(fresh, static_cast<int>(fresh));
+    }
+  }
+  for (unsigned n = 0; n < 500; ++n) EXPECT_EQ(met[n], 1u);
+  for (const auto& [n, times] : met) EXPECT_EQ(times, 1u);
+}
+
+}  // namespace

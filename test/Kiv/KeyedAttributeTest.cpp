@@ -1,0 +1,205 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+
+#include "Rack.h"
+
+namespace {
+
+using Fenrik::Change;
+using Fenrik::Ptr;
+using Fenrik::ptrIsImpl;
+
+/// Listens to a rack and writes down what it hears, in the words of the members.
+struct Ear : Fenrik::Subscriber {
+  explicit Ear(Rack& heardRack) : rack(heardRack) {
+    dispatchIs([](const Fenrik::Publisher&, Subscriber& self, const Change& change) noexcept {
+      static_cast<Ear&>(self).hear(change);
+    });
+    rack.publisher()->subscriberAdd(*this, false);
+  }
+
+  void hear(const Change& change) {
+    ASSERT_EQ(change.kind, Change::Kind::recursive);
+    ASSERT_TRUE(change.isEq(change.key, change.key));
+    const bool byNumber = change.fieldId.number() == 262;
+    const int key = byNumber ? *static_cast<const std::uint16_t*>(change.key)
+                             : static_cast<const PairKey*>(change.key)->number;
+    told +=
+        fmt::format("{}{}{};", change.fieldId.number(), change.value != nullptr ? "=" : "-", key);
+    if (change.fieldId.number() == 258 && change.value != nullptr) {
+      EXPECT_EQ(static_cast<const Rack::HN_Card*>(change.value)->value(),
+                rack.card(*static_cast<const PairKey*>(change.key)));
+    }
+    if (also) also(change);
+  }
+
+  std::string take() { return std::exchange(told, {}); }
+
+  Rack& rack;
+  std::string told;
+  std::function<void(const Change&)> also;
+};
+
+PairKey slot(unsigned n) { return {0, static_cast<std::uint16_t>(n)}; }
+
+class KeyedAttribute : public testing::Test {
+ protected:
+  ~KeyedAttribute() override {
+    EXPECT_EQ(Counted::live.size(), 0u);
+    EXPECT_EQ(Counted::faults, 0u);
+  }
+
+  const Ptr<Rack> rack = ptrIsImpl<Rack>();
+};
+
+TEST_F(KeyedAttribute, PointersAreAnnouncedWhenTheyChangeAndOnlyThen) {
+  Ear ear(*rack);
+  const Ptr<Card> card = ptrIsImpl<Card>(slot(1));
+  rack->cardIs(card);
+  EXPECT_EQ(card->useCount(), 2u);
+  rack->cardIs(card);
+  EXPECT_EQ(card->useCount(), 2u);
+  EXPECT_EQ(ear.take(), "258=1;") << "the pointer that is there already was announced";
+
+  std::string ended;
+  rack->cardIs(ptrIsImpl<Card>(slot(1), &ended));
+  EXPECT_EQ(card->useCount(), 1u);
+  ear.also = [&](const Change&) { ended += "told;"; };
+  rack->cardIs(card);
+  EXPECT_EQ(ended, "told;ended;") << "the old object goes after the announcement";
+  EXPECT_EQ(ear.take(), "258=1;258=1;");
+
+  EXPECT_TRUE(rack->cardDel(slot(2)) == nullptr);
+  EXPECT_EQ(ear.take(), "");
+  EXPECT_EQ(rack->cardDel(slot(1)), card);
+  EXPECT_EQ(ear.take(), "258-1;");
+  EXPECT_TRUE(rack->card(slot(1)) == nullptr);
+  EXPECT_FALSE(rack->cardHas(slot(1)));
+  EXPECT_EQ(card->useCount(), 1u);
+}
+
+TEST_F(KeyedAttribute, ANullPointerIsRefusedInsideAndDeletesBeside) {
+  Ear ear(*rack);
+  try {
+    rack->cardIs(nullptr);
+    ADD_FAILURE() << "null was taken";
+  } catch (const Fenrik::MutatorArgNullPointerException& e) {
+    EXPECT_EQ(e.type(), Kiv::typeOf<Rack>());
+    EXPECT_EQ(e.type().index(), 1);
+    EXPECT_EQ(e.fieldId(), Fenrik::FieldId(258));
+    EXPECT_NE(e.msg().view().find("Rack.card (module RackTest, type 1, attribute 258)"),
+              std::string::npos);
+  }
+  rack->spareIs(7, nullptr);
+  EXPECT_EQ(ear.take(), "");
+  rack->spareIs(7, ptrIsImpl<Card>(slot(1)));
+  EXPECT_TRUE(rack->spareHas(7));
+  rack->spareIs(7, nullptr);
+  EXPECT_FALSE(rack->spareHas(7));
+  EXPECT_EQ(ear.take(), "262=7;262-7;");
+}
+
+TEST_F(KeyedAttribute, ValuesReadAsDefaultWhereThereIsNone) {
+  Ear ear(*rack);
+  EXPECT_EQ(rack->power(slot(1)), 0);
+  EXPECT_EQ(rack->powerGet(slot(1)), std::nullopt);
+  EXPECT_EQ(rack->powerDel(slot(1)), 0);
+  rack->powerIs(slot(1), 30);
+  rack->powerIs(slot(1), 30);
+  rack->powerIs(slot(1), 40);
+  EXPECT_EQ(rack->powerGet(slot(1)), 40);
+  EXPECT_EQ(rack->powerCount(), 1u);
+  EXPECT_EQ(rack->powerDel(slot(1)), 40);
+  rack->labelIs(Counted(slot(4), 5));
+  rack->labelIs(Counted(slot(4), 5));
+  rack->labelIs(Counted(slot(4), 6));
+  EXPECT_EQ(rack->label(slot(4)).payload(), 6);
+  EXPECT_EQ(rack->labelDel(slot(4)).payload(), 6);
+  EXPECT_EQ(ear.take(), "260=1;260=1;260-1;259=4;259=4;259-4;");
+}
+
+TEST_F(KeyedAttribute, EmptyingTellsEverySubscriberOfEveryMember) {
+  for (unsigned n = 0; n < 300; ++n) rack->cardIs(ptrIsImpl<Card>(slot(n)));
+  {
+    Ear ear(*rack);
+    std::set<unsigned> gone;
+    ear.also = [&](const Change& change) {
+      const auto number = static_cast<const PairKey*>(change.key)->number;
+      EXPECT_FALSE(rack->cardHas(slot(number)));
+      EXPECT_TRUE(gone.insert(number).second) << "told twice";
+      // A subscriber that takes others with it: they are not told again.
+      if (number % 3 == 0) rack->cardDel(slot(number + 1));
+    };
+    rack->cardDelAll();
+    EXPECT_EQ(gone.size(), 300u);
+  }
+  EXPECT_EQ(rack->cardCount(), 0u);
+  rack->cardIs(ptrIsImpl<Card>(slot(1)));
+  const auto held = rack->cardIterator();
+  rack->cardDelAll();
+  EXPECT_EQ(rack->cardCount(), 0u);
+  EXPECT_EQ(held.key(), slot(1)) << "the iterator keeps its member";
+  EXPECT_EQ(held.nodeNow(), nullptr);
+  EXPECT_FALSE(rack->cardIterator());
+}
+
+TEST_F(KeyedAttribute, AReplacementLeavesWhatAnIteratorReads) {
+  rack->powerIs(slot(1), 30);
+  auto held = rack->powerIteratorFromKey(slot(1));
+  rack->powerIs(slot(1), 40);
+  EXPECT_EQ(held->value(), 30);
+  EXPECT_EQ(held.nodeNow()->value(), 40);
+  rack->powerIs(slot(2), 50);
+  EXPECT_EQ(held->value(), 30);
+  EXPECT_EQ(held, rack->powerIteratorFromKey(slot(1)));
+  EXPECT_FALSE(rack->powerIteratorFromKey(slot(9))) << "an absent key is the end";
+  rack->powerDel(slot(1));
+  EXPECT_EQ(held.nodeNow(), nullptr);
+  EXPECT_EQ(held.key(), slot(1));
+}
+
+/// What goes may look at, fill and empty the very map that it leaves.
+TEST_F(KeyedAttribute, ADestructorMayUseTheMap) {
+  struct Closing {
+    explicit Closing(std::function<void()> work = {}) : atEnd(std::move(work)) {}
+    Closing(const Closing&) = default;
+    Closing(Closing&& other) noexcept : atEnd(std::exchange(other.atEnd, {})) {}
+    Closing& operator=(Closing other) noexcept {
+      atEnd.swap(other.atEnd);
+      return *this;
+    }
+    ~Closing() {
+      if (atEnd) atEnd();
+    }
+    std::function<void()> atEnd;
+  };
+  using Node = Kiv::Hm2018NE<1, std::uint32_t, Closing>;
+  Kiv::HashMap2018<Node, std::uint32_t, Closing> map;
+  unsigned ended = 0;
+  for (std::uint32_t n = 0; n < 200; ++n) {
+    map.newMember(Node(n, Closing([&, n] {
+                         ++ended;
+                         EXPECT_FALSE(map.memberHas(n));
+                         map.newMember(Node(1000 + n, Closing()));
+                         map.memberDel(n + 1);
+                       })));
+  }
+  const unsigned before = map.memberCount();
+  map.memberDel(100);
+  EXPECT_EQ(ended, before - 100) << "each took the next one with it";
+  map.memberDelAll();
+  EXPECT_GE(ended, 200u);
+  for (const Node& node : map) EXPECT_GE(node.key(), 1000u);
+}
+
+TEST(KeyedAttributeDeathTest, AValueOfAnotherKeyMayNotTakeANodesPlace) {
+  Rack::HN_Card node(ptrIsImpl<Card>(slot(1)));
+  Ptr<Card> same = ptrIsImpl<Card>(slot(1));
+  node.fwkValueIs(same);
+  Ptr<Card> other = ptrIsImpl<Card>(slot(2));
+  EXPECT_DEATH(node.fwkValueIs(other), "fwkKey\\(\\) == KeyFunktor\\(\\)\\( _value \\)");
+}
+
+}  // namespace

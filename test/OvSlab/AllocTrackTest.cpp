@@ -1,0 +1,98 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+#include "Fenrik/NodeClass.h"
+#include "OvSlab/AllocReport.h"
+#include "OvSlab/AllocTrackTypeInfo.h"
+
+namespace {
+
+using Kiv::AllocTrackRow;
+using Kiv::AllocTrackTypeInfo;
+
+struct Small {};
+struct Large {};
+struct Shared {};
+
+AllocTrackRow rowOf(const std::string& name) {
+  const std::vector<AllocTrackRow> rows = AllocTrackTypeInfo::report();
+  const auto found = std::ranges::find_if(
+      rows, [&](const AllocTrackRow& row) { return row.typeName.ends_with(name); });
+  return found == rows.end() ? AllocTrackRow{} : *found;
+}
+
+class AllocTrackTest : public testing::TestWithParam<bool> {
+ protected:
+  AllocTrackTest() { Fenrik::ThreadControl::tsp_ = GetParam(); }
+  ~AllocTrackTest() override { Fenrik::ThreadControl::tsp_ = false; }
+};
+INSTANTIATE_TEST_SUITE_P(PlainAndAtomic, AllocTrackTest, testing::Bool());
+
+TEST_P(AllocTrackTest, TheReportHoldsWhatIsLiveWhatWasMostAndWhatWasEverMade) {
+  AllocTrackTypeInfo* small = nullptr;
+  AllocTrackTypeInfo* large = nullptr;
+  AllocTrackTypeInfo::_trackAllocation(&small, typeid(Small), 48, 16);
+  AllocTrackTypeInfo::_trackAllocation(&large, typeid(Large), 4000, 8);
+  const AllocTrackRow before = rowOf("::Small");
+  for (int i = 0; i != 10; ++i) {
+    AllocTrackTypeInfo::_trackAllocation(&small, typeid(Small), 48, 16);
+  }
+  for (int i = 0; i != 4; ++i) AllocTrackTypeInfo::trackDeallocation(small);
+  AllocTrackTypeInfo::trackArrayAllocation(&small, typeid(Small), 48, 32);
+  AllocTrackTypeInfo::trackArrayAllocation(&small, typeid(Small), 48, 0);
+  const AllocTrackRow row = rowOf("::Small");
+  EXPECT_EQ(row.live, before.live + 6 + 32);
+  EXPECT_EQ(row.total, before.total + 10 + 32);
+  EXPECT_GE(row.peak, row.live);
+  EXPECT_EQ(row.liveArrays, before.liveArrays + 2);
+  EXPECT_EQ(row.liveBytes, row.live * 48);
+  EXPECT_EQ(row.alignment, 16u);
+  AllocTrackTypeInfo::trackArrayDeallocation(small, 32);
+  AllocTrackTypeInfo::trackArrayDeallocation(small, 0);
+  for (int i = 0; i != 7; ++i) AllocTrackTypeInfo::trackDeallocation(small);
+  EXPECT_EQ(rowOf("::Small").live, before.live - 1);
+  EXPECT_EQ(rowOf("::Small").peak, std::max(before.peak, row.live));
+  EXPECT_EQ(rowOf("::Small").liveArrays, before.liveArrays);
+
+  const std::vector<AllocTrackRow> rows = AllocTrackTypeInfo::report();
+  EXPECT_TRUE(std::ranges::is_sorted(rows, std::ranges::greater(), &AllocTrackRow::liveBytes));
+  EXPECT_THAT(Kiv::allocReport(), testing::ContainsRegex("4000 .*::Large\n"));
+  EXPECT_THAT(Kiv::allocReport(), testing::HasSubstr("in all: "));
+  AllocTrackTypeInfo::trackDeallocation(large);
+}
+
+TEST(AllocTrackThreadsTest, EveryTrackerOfAClassReachesOneRecordAndNothingIsLostBetweenThreads) {
+  Fenrik::ThreadControl::tsp_ = true;
+  AllocTrackTypeInfo* trackers[2] = {nullptr, nullptr};
+  const auto work = [&](unsigned thread) {
+    AllocTrackTypeInfo*& tracker = trackers[thread % 2];
+    for (unsigned i = 0; i != 20000; ++i) {
+      AllocTrackTypeInfo::_trackAllocation(&tracker, typeid(Shared), 64, 8);
+      AllocTrackTypeInfo::trackArrayAllocation(&tracker, typeid(Shared), 64, 3);
+      if (i % 1000 == 0) {
+        const AllocTrackRow row = rowOf("::Shared");
+        EXPECT_LE(row.live, row.total);
+        EXPECT_LE(row.peak, row.total);
+        EXPECT_LE(row.live, row.peak);
+      }
+      AllocTrackTypeInfo::trackDeallocation(tracker);
+      if (i % 4 != 0) AllocTrackTypeInfo::trackArrayDeallocation(tracker, 3);
+    }
+  };
+  std::vector<std::thread> workers;
+  for (unsigned thread = 0; thread != 4; ++thread) workers.emplace_back(work, thread);
+  for (std::thread& worker : workers) worker.join();
+  Fenrik::ThreadControl::tsp_ = false;
+  EXPECT_EQ(trackers[0], trackers[1]);
+  const AllocTrackRow row = rowOf("::Shared");
+  EXPECT_EQ(row.total, 4u * 20000 * 4);
+  EXPECT_EQ(row.live, 4u * 5000 * 3);
+  EXPECT_EQ(row.liveArrays, 4u * 5000);
+  EXPECT_GE(row.peak, row.live);
+  EXPECT_LE(row.peak, row.live + 4 * 4);
+}
+
+}  // namespace

@@ -1,0 +1,320 @@
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "Fenrik/NodeClass.h"
+#include "OvSlab/OvSlab.h"
+#include "OvSlab/SlabStats.h"
+
+namespace {
+
+using OvSlab::SlabAllocationPattern;
+
+class ThreadsOn {
+ public:
+  explicit ThreadsOn(bool on = true) { Fenrik::ThreadControl::tsp_ = on; }
+  ~ThreadsOn() { Fenrik::ThreadControl::tsp_ = false; }
+};
+
+OvSlab::SlabClassStats classStats(unsigned size, SlabAllocationPattern pattern) {
+  for (const OvSlab::SlabClassStats& row : OvSlab::stats().classes) {
+    if (row.objectSize == size && row.pattern == pattern) return row;
+  }
+  return {size, pattern, 0, 0, 0, 0};
+}
+
+std::size_t objectsLive() {
+  std::size_t sum = 0;
+  for (const OvSlab::SlabClassStats& row : OvSlab::stats().classes) sum += row.objectsLive;
+  return sum;
+}
+
+/// Pages that have memory among those of the slabs in which the objects lie, or lay.
+std::size_t residentPages(const std::vector<void*>& objects) {
+  std::set<std::uintptr_t> slabs;
+  for (const void* object : objects) slabs.insert(reinterpret_cast<std::uintptr_t>(object) >> 16);
+  std::size_t resident = 0;
+  for (const std::uintptr_t slab : slabs) {
+    unsigned char pages[16] = {};
+    EXPECT_EQ(::mincore(reinterpret_cast<void*>(slab << 16), sizeof(pages) * 4096, pages), 0);
+    resident += static_cast<std::size_t>(std::ranges::count_if(pages, [](int p) { return p & 1; }));
+  }
+  return resident;
+}
+
+/// A piece of storage full of one byte, so that it shows when two overlap or one is written to.
+struct Piece {
+  unsigned char* storage;
+  unsigned size;
+  unsigned char fill;
+  bool fromSlabAlloc;
+  SlabAllocationPattern pattern;
+
+  bool intact() const {
+    for (unsigned i = 0; i != size; ++i) {
+      if (storage[i] != fill) return false;
+    }
+    return true;
+  }
+};
+
+Piece makePiece(std::mt19937& random) {
+  const unsigned magnitude = 1u << random() % 15;
+  const unsigned size = static_cast<unsigned>(random()) % (magnitude + 1);
+  Piece piece{
+      nullptr, size, static_cast<unsigned char>(random()), false,
+      random() % 2 == 0 ? SlabAllocationPattern::longLived : SlabAllocationPattern::perWrite};
+  void* storage = nullptr;
+  switch (random() % 4) {
+    case 0:
+      storage = std::malloc(size + 1);
+      break;
+    case 1:
+      storage = OvSlab::slabAllocOrStdMalloc(size, piece.pattern);
+      break;
+    default:
+      storage = OvSlab::slabAlloc(size, piece.pattern);
+      piece.fromSlabAlloc = true;
+  }
+  piece.storage = static_cast<unsigned char*>(storage);
+  std::memset(storage, piece.fill, size);
+  return piece;
+}
+
+void dropPiece(const Piece& piece, std::mt19937& random) {
+  const auto way = random() % 4;
+  if (piece.fromSlabAlloc && way == 0) {
+    OvSlab::slabFree(piece.storage, typeid(Piece));
+  } else if (piece.fromSlabAlloc && way == 1) {
+    OvSlab::slabFree(piece.storage, typeid(Piece), piece.size, piece.pattern);
+  } else if (way == 2) {
+    OvSlab::slabFreeOrStdFree(piece.storage, typeid(Piece));
+  } else {
+    OvSlab::slabFreeOrStdFree(piece.storage);
+  }
+}
+
+class SlabModelTest : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(PlainAndLocked, SlabModelTest, testing::Bool());
+
+TEST_P(SlabModelTest, StorageOfEverySizeAndSourceKeepsItsBytesUntilItIsFreed) {
+  const ThreadsOn threads(GetParam());
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::mt19937 random(seed);
+  const std::size_t liveBefore = objectsLive();
+  std::vector<Piece> pieces;
+  for (unsigned step = 0; step != 60000; ++step) {
+    const bool growing = step / 6000 % 2 == 0;
+    if (pieces.empty() || random() % 8 < (growing ? 6 : 2)) {
+      pieces.push_back(makePiece(random));
+      ASSERT_EQ(reinterpret_cast<std::uintptr_t>(pieces.back().storage) % 16, 0u);
+    } else {
+      std::swap(pieces[random() % pieces.size()], pieces.back());
+      ASSERT_TRUE(pieces.back().intact()) << "step " << step;
+      dropPiece(pieces.back(), random);
+      pieces.pop_back();
+    }
+  }
+  for (const Piece& piece : pieces) {
+    ASSERT_TRUE(piece.intact());
+    dropPiece(piece, random);
+  }
+  EXPECT_EQ(objectsLive(), liveBefore);
+}
+
+TEST(SlabTest, EverySizeHasTheSmallestClassThatHoldsIt) {
+  using namespace OvSlab::Impl;
+  for (unsigned size = 0; size <= kSlabObjectLimit; ++size) {
+    const unsigned sizeClass = sizeClassOf(size);
+    ASSERT_GE(objectSizeOf(sizeClass), size);
+    ASSERT_TRUE(sizeClass == 0 || objectSizeOf(sizeClass - 1) < size) << size;
+    ASSERT_EQ(objectSizeOf(sizeClass) % 16, 0u);
+  }
+}
+
+TEST(SlabTest, ObjectsOfOneWriteAndLongLivedOnesNeverShareASlab) {
+  std::set<std::uintptr_t> slabs[2];
+  std::vector<void*> storage;
+  for (int i = 0; i != 3000; ++i) {
+    for (const unsigned pattern : {0u, 1u}) {
+      storage.push_back(OvSlab::slabAlloc(192, static_cast<SlabAllocationPattern>(pattern)));
+      slabs[pattern].insert(reinterpret_cast<std::uintptr_t>(storage.back()) >> 16);
+    }
+  }
+  for (const std::uintptr_t slab : slabs[0]) EXPECT_FALSE(slabs[1].contains(slab));
+  for (void* const object : storage) OvSlab::slabFree(object, typeid(int));
+}
+
+TEST(SlabTest, EmptySlabsGiveTheirMemoryBackAndASteadyLoadDoesNotFlap) {
+  const auto pattern = SlabAllocationPattern::perWrite;
+  const auto make = [&](std::vector<void*>& objects, std::size_t count) {
+    while (objects.size() != count) {
+      objects.push_back(std::memset(OvSlab::slabAlloc(448, pattern), 1, 448));
+    }
+  };
+  const auto drop = [](std::vector<void*>& objects) {
+    for (void* const object : objects) OvSlab::slabFree(object, typeid(int));
+    objects.clear();
+  };
+  std::vector<void*> objects;
+  make(objects, 60000);
+  const std::vector<void*> places = objects;
+  EXPECT_GT(residentPages(places), 60000u * 448 / 4096);
+  const OvSlab::SlabStats full = OvSlab::stats();
+  drop(objects);
+  EXPECT_LE(residentPages(places), 10u * 16) << "of eight slabs that are kept and two in use";
+  const OvSlab::SlabStats empty = OvSlab::stats();
+  EXPECT_LT(empty.bytesHeld + 24'000'000, full.bytesHeld);
+  EXPECT_LE(classStats(448, pattern).slabs, 2u);
+  EXPECT_EQ(classStats(448, pattern).objectsLive, 0u);
+
+  make(objects, 500);
+  drop(objects);
+  const std::size_t released = OvSlab::stats().slabsReleased;
+  for (int round = 0; round != 50; ++round) {
+    make(objects, 500);
+    EXPECT_LE(OvSlab::stats().slabsReleased, released);
+    drop(objects);
+    EXPECT_EQ(OvSlab::stats().slabsReleased, released) << "four slabs came and went";
+  }
+}
+
+TEST(SlabTest, NewObjectsFillTheHolesBeforeTheyTakeNewSlabs) {
+  const auto pattern = SlabAllocationPattern::perWrite;
+  std::mt19937 random(7);
+  std::vector<void*> objects(40000);
+  for (void*& object : objects) object = OvSlab::slabAlloc(112, pattern);
+  const std::size_t slabs = classStats(112, pattern).slabs;
+  for (int step = 0; step != 400000; ++step) {
+    // Several go before several come, so that the spare object alone does not serve them.
+    const std::size_t first = random() % (objects.size() - 8);
+    for (std::size_t i = first; i != first + 8; ++i) OvSlab::slabFree(objects[i], typeid(int));
+    for (std::size_t i = first; i != first + 8; ++i) objects[i] = OvSlab::slabAlloc(112, pattern);
+  }
+  EXPECT_LE(classStats(112, pattern).slabs, slabs + slabs / 7 + 2) << "an eighth may lie idle";
+  std::shuffle(objects.begin(), objects.end(), random);
+  for (std::size_t i = 0; i != 30000; ++i) OvSlab::slabFree(objects[i], typeid(int));
+  for (std::size_t i = 0; i != 30000; ++i) objects[i] = OvSlab::slabAlloc(112, pattern);
+  EXPECT_LE(classStats(112, pattern).slabs, slabs + slabs / 7 + 2);
+  for (void* const object : objects) OvSlab::slabFree(object, typeid(int));
+  EXPECT_LE(classStats(112, pattern).slabs, 2u);
+}
+
+TEST(SlabTest, ObjectsMayBeFreedOnAnotherThreadThanMadeThem) {
+  const ThreadsOn threads;
+  const std::size_t liveBefore = objectsLive();
+  std::mutex mutex;
+  std::vector<Piece> shared;
+  const auto work = [&](unsigned seed) {
+    std::mt19937 random(seed);
+    for (int step = 0; step != 20000; ++step) {
+      Piece mine = makePiece(random);
+      {
+        const std::lock_guard lock(mutex);
+        shared.push_back(mine);
+        if (shared.size() < 500) continue;
+        std::swap(shared[random() % shared.size()], shared.back());
+        mine = shared.back();
+        shared.pop_back();
+      }
+      ASSERT_TRUE(mine.intact());
+      dropPiece(mine, random);
+      if (step % 5000 == 0) OvSlab::stats();
+    }
+  };
+  std::vector<std::thread> workers;
+  for (unsigned seed = 0; seed != 4; ++seed) workers.emplace_back(work, seed);
+  for (std::thread& worker : workers) worker.join();
+  std::mt19937 random(99);
+  for (const Piece& piece : shared) dropPiece(piece, random);
+  EXPECT_EQ(objectsLive(), liveBefore);
+}
+
+class Fragile final : public Fenrik::NodeClass<Fragile> {
+ public:
+  explicit Fragile(bool broken) {
+    if (broken) throw std::runtime_error("broken");
+  }
+  char payload[900] = {};
+};
+
+TEST(SlabTest, AConstructorThatThrowsLeavesNeitherACountNorStorageBehind) {
+  const Fragile::Ptr whole = Fenrik::ptrIsImpl<Fragile>(false);
+  const std::size_t live = objectsLive();
+  EXPECT_EQ(Fragile::memAllocationTracker_->liveCount(), 1u);
+  for (int i = 0; i != 100; ++i) {
+    EXPECT_THROW(Fenrik::ptrIsImpl<Fragile>(true), std::runtime_error);
+  }
+  EXPECT_EQ(objectsLive(), live);
+  EXPECT_EQ(Fragile::memAllocationTracker_->liveCount(), 1u);
+}
+
+TEST(SlabDeathTest, AWrongFreeIsRefusedWithTheClassAndTheAddress) {
+  const auto twice = [](std::size_t others) {
+    void* const object = OvSlab::slabAlloc(320);
+    std::vector<void*> more(others);
+    for (void*& other : more) other = OvSlab::slabAlloc(320);
+    for (void* const other : more) OvSlab::slabFree(other, typeid(int));
+    OvSlab::slabFree(object, typeid(Piece));
+    OvSlab::slabFree(object, typeid(Piece));
+  };
+  EXPECT_DEATH(twice(0), "Piece freed twice.*320-byte objects, pattern 0") << "the spare object";
+  EXPECT_DEATH(twice(3), "Piece freed twice.*320-byte objects, pattern 0") << "in a free list";
+  EXPECT_DEATH(OvSlab::slabFree(static_cast<char*>(OvSlab::slabAlloc(320)) + 16, typeid(Piece)),
+               "Piece is not the start of an object");
+}
+
+TEST(SlabTest, BytesThatLookLikeAFreeObjectAreNotTakenForOne) {
+  std::vector<std::uint32_t*> objects(64);
+  for (std::uint32_t*& object : objects) {
+    object = static_cast<std::uint32_t*>(OvSlab::slabAlloc(1280));
+    std::fill_n(object, 320, OvSlab::Impl::kFreeMark);
+  }
+  for (std::uint32_t* const object : objects) OvSlab::slabFree(object, typeid(int));
+  EXPECT_EQ(classStats(1280, SlabAllocationPattern::longLived).objectsLive, 0u);
+}
+
+#if !defined(__has_feature)
+#define __has_feature(feature) 0
+#endif
+
+#if defined(OVSLAB_POISON)
+TEST(SlabDeathTest, UseAfterFreeAndUseBehindAnObjectAreSeen) {
+  auto* const object = static_cast<volatile char*>(OvSlab::slabAlloc(100));
+  EXPECT_DEATH(object[104] = 1, "use-after-poison") << "behind it, within its size class";
+  OvSlab::slabFree(const_cast<char*>(object), typeid(int));
+  EXPECT_DEATH(object[40] = 1, "use-after-poison");
+}
+#elif !defined(__SANITIZE_THREAD__) && !__has_feature(thread_sanitizer)
+TEST(SlabDeathTest, ExhaustedMemoryEndsTheProcessWithSizeAndReason) {
+  const auto limitData = [] {
+    const rlimit limit{64 << 20, 64 << 20};
+    ASSERT_EQ(::setrlimit(RLIMIT_DATA, &limit), 0);
+  };
+  const auto exhaust = [&](unsigned size) {
+    limitData();
+    for (;;) OvSlab::slabAlloc(size);
+  };
+  EXPECT_DEATH(exhaust(1000), "no memory for an object of 1000 bytes: Cannot allocate memory");
+  EXPECT_DEATH(exhaust(1 << 20), "no memory for an object of 1048576 bytes");
+  const auto fallBack = [&] {
+    limitData();
+    while (OvSlab::slabAllocOrStdMalloc(5000, SlabAllocationPattern::longLived) != nullptr) {
+    }
+    std::_Exit(17);
+  };
+  EXPECT_EXIT(fallBack(), testing::ExitedWithCode(17), "");
+}
+#endif
+
+}  // namespace
