@@ -9,6 +9,7 @@
 
 #include "Fenrik/Assert.h"
 #include "Kiv/HashMap2018Node.h"
+#include "Kiv/HashMap2018Usual.h"
 #include "Kiv/HashMap2018VTable.h"
 #include "OvSlab/AllocTrackTypeInfo.h"
 #include "OvSlab/OvSlab.h"

@@ -103,7 +103,7 @@ HashedView::Slot HashedView::copySlot(const IndexWord& word, RecordWords out) co
 
 /// Whether the record is one that the index word at this bucket may lead to.
 bool HashedView::belongs(const IndexWord& word, Word bucket, RecordWords record) const noexcept {
-  KeyRoom room;
+  KeyRoom room{};
   const Word hash = hashKey(keyOf(record.data(), room), file_->header().hashSeed);
   return word.tag == IndexWord::tagOf(hash) && ((hash + word.displacement) & mask_) == bucket;
 }
@@ -152,7 +152,7 @@ int HashedView::findOnce(KeyWords key, Word hash, RecordWords out) const {
       continue;
     }
     if (readSlot(bucket, seen, out, bound) == Slot::torn) return kAgain;
-    KeyRoom room;
+    KeyRoom room{};
     if (std::ranges::equal(key, keyOf(out.data(), room))) {
       return active() == before ? kFound : kAgain;
     }
@@ -192,10 +192,10 @@ int HashedView::nextInBucket(Word active, Word home, const KeyWords* after, Reco
     }
     if (bound == 0) bound = reserved();
     if (readSlot(bucket, seen, candidate_, bound) == Slot::torn) return kAgain;
-    KeyRoom room;
+    KeyRoom room{};
     const KeyWords key = keyOf(candidate_.data(), room);
     if (after != nullptr && !keyLess(*after, key)) continue;
-    KeyRoom best;
+    KeyRoom best{};
     if (found && !keyLess(key, keyOf(out.data(), best))) continue;
     std::ranges::copy(candidate_, out.begin());
     found = true;

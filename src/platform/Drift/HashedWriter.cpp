@@ -104,7 +104,7 @@ HashedWriter::Place HashedWriter::locate(KeyWords key, Word hash) {
     if (intact && (word.tag != tag || word.displacement != displacement)) continue;
     if (intact && word.slot < file_.header().slotCount) {
       const Word* const stored = view_.slotWords(word.slot) + 1;
-      HashedView::KeyRoom room;
+      HashedView::KeyRoom room{};
       if (std::ranges::equal(key, view_.keyOf(stored, room))) {
         return {bucket, displacement, seen};
       }
@@ -180,7 +180,7 @@ Word HashedWriter::fillSlot(Word slot, std::span<const Word> record) {
 }
 
 void HashedWriter::set(std::span<const Word> record) {
-  HashedView::KeyRoom room;
+  HashedView::KeyRoom room{};
   const KeyWords key = view_.keyOf(record.data(), room);
   const Word hash = hashKey(key, file_.header().hashSeed);
   Place place = locate(key, hash);
