@@ -65,7 +65,8 @@ class QUARNBASTIL_EXPORT Node {
 
   /// Drops one reference; true if it was the last. The caller then ends the node.
   bool decUseCount() const noexcept {
-    if (ThreadControl::tsp_) [[unlikely]] return decUseCountShared();
+    if (ThreadControl::tsp_) [[unlikely]]
+      return decUseCountShared();
     const std::uint32_t word = useCountAndFlags_ - 1;
     if ((word & kUseCountMask) != 0) [[likely]] {
       useCountAndFlags_ = word;

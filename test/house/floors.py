@@ -21,6 +21,9 @@ BESIDE = {
     # Two leaf headers with no code behind them: the slab is made before the nodes that live in it.
     "OvSlab": ("Fenrik/Export.h", "Fenrik/ThreadControl.h"),
     "Blipline": ("Kiv/",),
+    "KivDrift": ("Drift/",),
+    "KivSharedMem": ("Drift/", "KivDrift/"),
+    "Stavro": ("Drift/",),
 }
 FLOOR_OF = {room: floor for floor, rooms in enumerate(FLOORS, 1) for room in rooms}
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)

@@ -105,8 +105,8 @@ class QUARNBASTIL_EXPORT HashedWriter {
   /// Removes everything in one step. Throws `NoSpaceException` with nothing changed.
   void removeAll();
 
-  /// Index words that were dropped because they or their records were found damaged, at the takeover
-  /// or later; each may be a record that is lost.
+  /// Index words that were dropped because they or their records were found damaged, at the
+  /// takeover or later; each may be a record that is lost.
   Word dropped() const noexcept { return dropped_; }
 
  private:

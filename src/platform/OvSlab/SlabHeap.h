@@ -154,7 +154,8 @@ inline GiveResult putFree(Slab& slab, void* storage) noexcept {
 /// Keeps a freed object as the spare one of its head; false when there is one, or when the object
 /// looks as if it were free already.
 inline bool keepSpare(Head& head, void* storage, [[maybe_unused]] unsigned objectSize) noexcept {
-  if (head.spare != nullptr) [[unlikely]] return false;
+  if (head.spare != nullptr) [[unlikely]]
+    return false;
   if (static_cast<const FreeObject*>(storage)->mark == kFreeMark) [[unlikely]]
     return false;
   head.spare = storage;
