@@ -223,7 +223,7 @@ TEST_F(RingDamageTest, AnyBytesAreReadOrRefusedAndNeverCrash) {
 TEST_F(RingDamageTest, TheProgramPrintsWhatItCanAndTellsTheRestByItsStatus) {
   const auto run = [](const std::string& arguments) {
     std::string output;
-    FILE* const pipe = ::popen((BASTIL_BLIPTRACE " " + arguments + " 2>&1").c_str(), "r");
+    FILE* const pipe = ::popen(("'" BASTIL_BLIPTRACE "' " + arguments + " 2>&1").c_str(), "r");
     for (int c = 0; (c = std::fgetc(pipe)) != EOF;) output += static_cast<char>(c);
     return std::pair(WEXITSTATUS(::pclose(pipe)), output);
   };

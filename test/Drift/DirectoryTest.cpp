@@ -211,7 +211,7 @@ TEST_F(DirectoryTest, TheExampleReaderPrintsWhatTheLibraryStored) {
     const Specimen specimen = makeSpecimen({layout, keySize, 124, 50, "Type", "attribute"}, 50);
     const std::string path = dir_.path() + "/file";
     const auto run = [&](std::string& output) {
-      const std::string command = std::string("python3 " BASTIL_READER " ") + path + " 2>&1";
+      const std::string command = std::string("python3 '" BASTIL_READER "' '") + path + "' 2>&1";
       FILE* const pipe = ::popen(command.c_str(), "r");
       char block[4096];
       while (const std::size_t size = std::fread(block, 1, sizeof block, pipe)) {
