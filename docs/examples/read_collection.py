@@ -21,9 +21,9 @@ def slot(number):  # low half of the slot's seal, upper half, and the record if 
     begin = slots_at + number * stride
     content, lanes = data[begin:begin + stride], [0xFFFFFFFF] * 4
     low, crc = struct.unpack_from("<II", content)
-    for i in range(stride // 8 - 1): lanes[i % 4] = step(lanes[i % 4], content[8 * i + 8:8 * i + 16])
-    folded = swap(lanes[0]), rotate(lanes[1], 16), swap(rotate(lanes[2], 16)), lanes[3]
-    whole = crc == crc32c("<QIIII", low ^ rotate(low, 8) ^ rotate(low, 19), *folded)
+    for i in range(8, stride, 8): lanes[i // 8 % 4] = step(lanes[i // 8 % 4], content[i:i + 8])
+    whole = crc == crc32c("<QIIII", low ^ rotate(low, 8) ^ rotate(low, 19), swap(lanes[1]),
+                          rotate(lanes[2], 16), swap(rotate(lanes[3], 16)), lanes[0])
     return low, crc, content[8:8 + record_size] if whole else b""
 def dense():
     for version in range(line(1), line(2)):
@@ -35,26 +35,26 @@ def dense():
 def hashed():
     for entry in [word(4096 + 8 * ((line(0) & 1) * buckets + i)) for i in range(buckets)]:
         number, content = (entry & 0x3FFFFF) - 1, entry & 0xFFFFFFFFFFFF
-        check = crc32c("<QQQ", content, 0, 0) & 0xFFFF
-        need(entry == 0 or entry >> 48 == check and number < line(7), f"{entry:x} is damaged")
+        good = entry >> 48 == crc32c("<QQQ", content, 0, 0) & 0xFFFF and number < line(7)
+        need(entry == 0 or good, f"{entry:x} is damaged")
         if number < 0: continue  # empty or a tombstone
         low, _, record = slot(number)
         need(record and low & 0xFFF == content >> 22 & 0xFFF, f"the record of {entry:x} is damaged")
         yield record
 def collection():
-    need(len(data) >= 4096 and data[:8] == b"QBDRIFT1", "it is no collection of this system")
+    need(len(data) >= 4096 and data[:8] + data[320:328] == b"QBDRIFT1QBREADY!", "no collection")
     need(struct.unpack_from("<I4xQ", data, 8) == (1, 0x0807060504030208), "of another version")
+    need(word(72) == len(data), "it is cut off or longer than it was")
     need(data[300:304] == struct.pack("<I", crc32c("300s", data[:300])), "the header is damaged")
-    need(data[320:328] == b"QBREADY!", "it is still being made")
     return struct.unpack_from("<I8xIIIIQQQQQQ16s128s64s", data, 12)
 with open(sys.argv[1], "rb") as file: data = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
 for attempt in range(5):  # what changed while it was read is read again
     try:
-        layout, _, record_size, stride, _, _, slots, buckets, slots_at, size, *_ = collection()
-        need(size == len(data), "it is cut off")
+        layout, _, record_size, stride, _, _, slots, buckets, slots_at, *_ = collection()
         before, records = line(0), list(hashed() if layout == 2 else dense())
-        if not (fault := "" if line(0) == before else "it changes while it is read"): break
+        need(line(0) == before, "it changes while it is read")
+        break
     except ValueError as error: fault = str(error)
-if fault: sys.exit(f"{sys.argv[1]}: {fault}")
-names = [name.rstrip(b"\0").decode() for name in (data[104:232], data[232:296])]
-print(f"{names[0]} {names[1]}: {len(records)} records", *(record.hex() for record in records), sep="\n")
+else: sys.exit(f"{sys.argv[1]}: {fault}")
+print(*data[104:296].replace(b"\0", b" ").decode().split(), len(records), "records")
+for record in records: print(record.hex())

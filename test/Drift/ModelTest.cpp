@@ -3,6 +3,7 @@
 #include <random>
 
 #include "Drift/ModelRun.h"
+#include "Support/Soak.h"
 
 namespace {
 
@@ -27,23 +28,22 @@ const Case kCases[] = {
     {Format::Layout::dense, 8, 548, 3000, 60000},
 };
 
-class ModelTest : public testing::TestWithParam<Case> {};
+class ModelSoak : public testing::TestWithParam<Case> {};
 
-INSTANTIATE_TEST_SUITE_P(Sizes, ModelTest, testing::ValuesIn(kCases), [](const auto& info) {
+INSTANTIATE_TEST_SUITE_P(Sizes, ModelSoak, testing::ValuesIn(kCases), [](const auto& info) {
   const bool dense = info.param.layout == Format::Layout::dense;
   return (dense ? "Dense" : "Hashed") + std::to_string(info.param.recordSize) + "Times" +
          std::to_string(info.param.capacity);
 });
 
-TEST_P(ModelTest, RandomOperationsDoWhatAMapDoes) {
+TEST_P(ModelSoak, RandomOperationsDoWhatAMapDoes) {
   const Case& size = GetParam();
-  const char* const given = std::getenv("BASTIL_SEED");
-  const Word seed = given != nullptr ? std::stoull(given) : std::random_device()();
+  const unsigned seed = Support::seed();
   SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
   std::mt19937_64 random(seed);
   ModelRun run({size.layout, size.keySize, size.recordSize, size.capacity, "Type", "attribute"},
                [&](Word bound) { return random() % bound; });
-  for (int step = 0; step < size.steps; ++step) {
+  for (int step = 0; step < size.steps * Support::soakFactor(); ++step) {
     try {
       run.step();
     } catch (const std::exception& error) {
