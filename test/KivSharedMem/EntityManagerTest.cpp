@@ -21,6 +21,7 @@ using namespace std::chrono_literals;
 using Drift::DenseRead;
 using Drift::Directory;
 using KivSharedMem::EntityManager;
+using KivSharedMem::KivSharedMemType;
 using QuarnBastil::TcamEntryConfigDrift;
 using QuarnBastil::TcamEntryConfigDriftEntry;
 using QuarnBastil::TcamEntryEntryKey;
@@ -66,6 +67,14 @@ class EntityManagerTest : public testing::Test {
     return Fenrik::dynamicPtrCast<T>(manager.getEntity(path));
   }
 
+  std::set<std::string> foundBelow(const char* path, KivSharedMemType type) const {
+    std::set<std::string> paths;
+    for (const auto& node : manager_->findEntities(path, type)->paths()) {
+      paths.insert(node.value().str());
+    }
+    return paths;
+  }
+
   /// Runs a piece of the test in a process of its own; the result is its exit status.
   static int inChild(const std::function<bool()>& piece) {
     const pid_t child = ::fork();
@@ -106,8 +115,12 @@ TEST_F(EntityManagerTest, CollectionsOutliveTheirProcessAndCountOn) {
   const auto& back = config->map()->driftMapFind(record.logEntry.key, found);
   EXPECT_TRUE(found);
   EXPECT_TRUE(TcamEntryConfigDriftEntry::isEq(&back, &record));
-  EXPECT_EQ(manager_->findEntities("TcamEntry/"),
-            (std::vector<std::string>{kConfigPath, kLogPath}));
+  EXPECT_EQ(foundBelow("TcamEntry/", KivSharedMemType::stored),
+            (std::set<std::string>{kConfigPath, kLogPath}));
+  manager_->entityDel(kLogPath);
+  EXPECT_EQ(foundBelow("TcamEntry/", KivSharedMemType::mounted),
+            std::set<std::string>{kConfigPath});
+  EXPECT_TRUE(foundBelow("BigBb/", KivSharedMemType::stored).empty());
   config->swTableEntriesDel(record.logEntry.key);
   const auto& gone = config->map()->driftMapFind(record.logEntry.key, found);
   EXPECT_FALSE(found);
@@ -152,7 +165,8 @@ TEST_F(EntityManagerTest, AMountThatCannotBeSaysWhatWhereAndWhy) {
   EXPECT_NE(refusal(type, "entries", 1).find("\"swTableEntries\""), std::string::npos);
   EXPECT_NE(refusal(type, "swTableEntries", 0).find("capacity of 0"), std::string::npos);
   EXPECT_TRUE(manager_->getEntity("some/path") == nullptr);
-  EXPECT_TRUE(manager_->findEntities("").empty()) << "a refused mount leaves nothing";
+  EXPECT_EQ(manager_->findEntities("", KivSharedMemType::stored)->entityCount(), 0u)
+      << "a refused mount leaves nothing";
 
   const auto held = mount<TcamEntryConfigDrift>(kConfigPath);
   const auto other =

@@ -22,6 +22,9 @@ std::string directoryOf(const Fenrik::String& name, const Fenrik::String& direct
 
 }  // namespace
 
+EntityColl::EntityColl() = default;
+EntityColl::~EntityColl() = default;
+
 MountGroup::Request::Request(Fenrik::String path, Fenrik::String typeName, KivDrift::MountInfo info)
     : path(std::move(path)), typeName(std::move(typeName)), info(std::move(info)) {}
 MountGroup::Request::~Request() = default;
@@ -79,8 +82,21 @@ Fenrik::Ptr<Entity> EntityManager::getEntity(const Fenrik::String& path) const {
   return found == entities_.end() ? nullptr : found->second;
 }
 
-std::vector<std::string> EntityManager::findEntities(const Fenrik::String& prefix) const {
-  return directory_.entities(prefix.view());
+Fenrik::Ptr<EntityColl> EntityManager::findEntities(const Fenrik::String& path,
+                                                    KivSharedMemType type) const {
+  const auto found = Fenrik::ptrIsImpl<EntityColl>();
+  if (type == KivSharedMemType::stored) {
+    for (const std::string& stored : directory_.entities(path.view())) {
+      found->paths_.newMember(EntityColl::HN_EntityPath(Fenrik::String(stored)));
+    }
+    return found;
+  }
+  for (const auto& [mounted, entity] : entities_) {
+    if (mounted.view().starts_with(path.view())) {
+      found->paths_.newMember(EntityColl::HN_EntityPath(mounted));
+    }
+  }
+  return found;
 }
 
 void EntityManager::entityDel(const Fenrik::String& path) { entities_.erase(path); }

@@ -6,12 +6,41 @@
 
 #include "Drift/Directory.h"
 #include "Fenrik/NodeClass.h"
+#include "Kiv/HashMap2018.h"
 #include "KivDrift/MountInfo.h"
 #include "KivSharedMem/Entity.h"
 
 namespace KivSharedMem {
 
 class EntityManager;
+
+/// Which entities are looked for.
+enum class KivSharedMemType : unsigned {
+  mounted = 0,  ///< those that this process has mounted
+  stored = 1,   ///< those that have a collection in the directory, mounted or not
+};
+
+/// The paths of the entities that were found.
+class QUARNBASTIL_EXPORT EntityColl final : public Fenrik::NodeClass<EntityColl> {
+ public:
+  struct PathOfEntity {
+    const Fenrik::String& operator()(const Fenrik::String& path) const noexcept { return path; }
+  };
+  using HN_EntityPath = Kiv::Hm2018NI<0x27d4eb2f, Fenrik::String, Fenrik::String, PathOfEntity>;
+  using Map = Kiv::HashMap2018<HN_EntityPath, Fenrik::String, Fenrik::String>;
+
+  EntityColl();
+  ~EntityColl() override;
+
+  unsigned entityCount() const noexcept { return paths_.memberCount(); }
+  /// In no order that may be relied on.
+  const Map& paths() const noexcept { return paths_; }
+
+ private:
+  friend class EntityManager;
+
+  Map paths_;
+};
 
 /// Collects mounts and carries them out together.
 class QUARNBASTIL_EXPORT MountGroup : public Fenrik::NodeClass<MountGroup> {
@@ -70,8 +99,9 @@ class QUARNBASTIL_EXPORT EntityManager final : public Fenrik::NodeClass<EntityMa
   /// The mounted entity of the path, or null.
   Fenrik::Ptr<Entity> getEntity(const Fenrik::String& path) const;
 
-  /// Paths of all entities of the directory, mounted or not, that begin with `prefix`; sorted.
-  std::vector<std::string> findEntities(const Fenrik::String& prefix) const;
+  /// The entities whose path begins with `path`. Throws `Drift::MountException` if the directory
+  /// cannot be read.
+  Fenrik::Ptr<EntityColl> findEntities(const Fenrik::String& path, KivSharedMemType type) const;
 
   /// Lets go of a mounted entity; its collection stays.
   void entityDel(const Fenrik::String& path);
