@@ -374,8 +374,6 @@ TEST(DirectoryFailureTest, EveryCallOfOpeningAndListingFailsInTurn) {
 /// A file system of a few megabytes that can be filled to the last page.
 class FullFileSystemTest : public FailureTest {
  protected:
-  static constexpr Word kSize = 8 << 20;
-
   void SetUp() override {
     if (::unshare(CLONE_NEWNS) != 0 ||
         ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
