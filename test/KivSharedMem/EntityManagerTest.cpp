@@ -68,10 +68,10 @@ class EntityManagerTest : public testing::Test {
   }
 
   std::set<std::string> foundBelow(const char* path, KivSharedMemType type) const {
+    const auto found = manager_->findEntities(path, type);
     std::set<std::string> paths;
-    for (const auto& node : manager_->findEntities(path, type)->paths()) {
-      paths.insert(node.value().str());
-    }
+    for (const auto& node : found->paths()) paths.insert(node.value().str());
+    EXPECT_EQ(paths.size(), found->entityCount());
     return paths;
   }
 
