@@ -9,7 +9,7 @@
 
 namespace Fenrik {
 
-class Publisher;
+class QUARNBASTIL_EXPORT Publisher;
 
 /// Flags of a node that share the word of its use count.
 enum class NodeFlag : std::uint32_t {

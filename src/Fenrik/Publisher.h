@@ -8,8 +8,8 @@
 
 namespace Fenrik {
 
-class Publisher;
-class Subscriber;
+class QUARNBASTIL_EXPORT Publisher;
+class QUARNBASTIL_EXPORT Subscriber;
 
 /// One announced change of one attribute.
 struct Change {

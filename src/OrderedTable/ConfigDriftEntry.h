@@ -4,13 +4,14 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "OrderedTable/LogVersion.h"
 
 namespace Asic {
 
 /// The resource keys of a family that needs no resource: no data, but their room in the
 /// configuration record stays.
-struct alignas(4) NoResourceKeys {
+struct QUARNBASTIL_EXPORT alignas(4) NoResourceKeys {
   static constexpr std::array<Drift::RecordField, 0> fields() { return {}; }
   friend constexpr bool operator==(const NoResourceKeys&, const NoResourceKeys&) noexcept {
     return true;
@@ -22,7 +23,8 @@ struct alignas(4) NoResourceKeys {
 ///
 /// The hardware writer reads it in another process, so its layout is a format: it never changes.
 template <class LogEntry, class ResourceKeys>
-struct ConfigDriftEntry : Drift::FlatValue<ConfigDriftEntry<LogEntry, ResourceKeys>> {
+struct QUARNBASTIL_EXPORT ConfigDriftEntry
+    : Drift::FlatValue<ConfigDriftEntry<LogEntry, ResourceKeys>> {
   using Key = typename LogEntry::Key;
 
   LogEntry logEntry;

@@ -1,11 +1,12 @@
 #pragma once
 
+#include "Fenrik/Export.h"
 #include "OrderedTable/Number.h"
 
 namespace Asic {
 
 /// What an operation does to a table. The two deletes never stand together.
-class EntryFlags final : public Number<EntryFlags, std::uint8_t> {
+class QUARNBASTIL_EXPORT EntryFlags final : public Number<EntryFlags, std::uint8_t> {
  public:
   using Number::Number;
 

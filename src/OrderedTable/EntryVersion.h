@@ -2,12 +2,13 @@
 
 #include <limits>
 
+#include "Fenrik/Export.h"
 #include "OrderedTable/Number.h"
 
 namespace Asic {
 
 /// Counts operations in flight. A default value is not valid: there is none.
-class MajorVersion final
+class QUARNBASTIL_EXPORT MajorVersion final
     : public Number<MajorVersion, std::uint64_t, std::numeric_limits<std::uint64_t>::max()> {
  public:
   using Number::Number;
@@ -18,7 +19,7 @@ class MajorVersion final
 
 /// Tells the operations apart that are in flight on one key at the same time. A default value is
 /// not valid.
-class EntryVersion final {
+class QUARNBASTIL_EXPORT EntryVersion final {
  public:
   static constexpr std::uint16_t kNoMinor = std::numeric_limits<std::uint16_t>::max();
 

@@ -6,10 +6,12 @@
 #include <cstdint>
 #include <string_view>
 
+#include "Fenrik/Export.h"
+
 namespace Asic {
 
 /// A generation: whoever watches it acts when the major id moves.
-class GenId final {
+class QUARNBASTIL_EXPORT GenId final {
  public:
   /// Its name among the types of the state database.
   static constexpr std::string_view kEntityName = "Asic::GenId";

@@ -5,6 +5,7 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "OrderedTable/EntryFlags.h"
 #include "OrderedTable/LogVersion.h"
 #include "OrderedTable/UnitId.h"
@@ -16,7 +17,7 @@ namespace Asic {
 ///
 /// The hardware writer reads it in another process, so its layout is a format: it never changes.
 template <class LogEntry>
-struct LogDriftEntry : Drift::FlatValue<LogDriftEntry<LogEntry>> {
+struct QUARNBASTIL_EXPORT LogDriftEntry : Drift::FlatValue<LogDriftEntry<LogEntry>> {
   using Key = LogVersion;
 
   /// Of a record that concerns no unit yet.

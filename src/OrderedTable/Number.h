@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "Drift/PackedNumber.h"
+#include "Fenrik/Export.h"
 #include "Kiv/HashHelper.h"
 
 namespace Asic {
@@ -16,7 +17,7 @@ namespace Asic {
 /// Compares and prints as the number. `kDefault` is what a default value holds; `kAlignment` may be
 /// less than the number's, for one that stands in records.
 template <class Self, std::unsigned_integral T, T kDefault = 0, std::size_t kAlignment = alignof(T)>
-class Number {
+class QUARNBASTIL_EXPORT Number {
  public:
   using Rep = T;
 

@@ -1,11 +1,12 @@
 #pragma once
 
+#include "Fenrik/Export.h"
 #include "OrderedTable/Number.h"
 
 namespace Asic {
 
 /// A table's identity: agent, group within the agent, table within the group.
-class SwTableId final : public Number<SwTableId, std::uint32_t> {
+class QUARNBASTIL_EXPORT SwTableId final : public Number<SwTableId, std::uint32_t> {
  public:
   using Number::Number;
   constexpr SwTableId(std::uint8_t agent, std::uint8_t group, std::uint16_t table) noexcept

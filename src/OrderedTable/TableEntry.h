@@ -3,13 +3,14 @@
 #include <string>
 
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 
 namespace Asic {
 
 /// An entry as a client gives and gets it: what goes to the log, and the keys of the resources that
 /// it needs. The table logic interprets the key and the resource keys alone.
 template <class LogEntryType, class ResourceKeysType>
-struct TableEntry : LogEntryType, ResourceKeysType {
+struct QUARNBASTIL_EXPORT TableEntry : LogEntryType, ResourceKeysType {
   using LogEntry = LogEntryType;
   using ResourceKeys = ResourceKeysType;
   using typename LogEntry::Key;

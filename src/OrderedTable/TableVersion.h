@@ -1,12 +1,13 @@
 #pragma once
 
+#include "Fenrik/Export.h"
 #include "OrderedTable/LogVersion.h"
 #include "OrderedTable/SwTableId.h"
 
 namespace Asic {
 
 /// A position in the log of a named table: what an entry of one table needs from another.
-class TableVersion final {
+class QUARNBASTIL_EXPORT TableVersion final {
  public:
   constexpr TableVersion() noexcept = default;
   constexpr TableVersion(SwTableId tableId, LogVersion logVersion) noexcept

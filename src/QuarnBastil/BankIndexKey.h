@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "Kiv/HashHelper.h"
 
 namespace QuarnBastil {
@@ -12,7 +13,7 @@ namespace QuarnBastil {
 /// The shape of a classification table's key: which bank, and where in it. `Self` is the table's
 /// own key type.
 template <class Self>
-struct BankIndexKey {
+struct QUARNBASTIL_EXPORT BankIndexKey {
   std::uint8_t bank = 0;
   std::uint16_t index = 0;
 

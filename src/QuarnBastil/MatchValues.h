@@ -7,13 +7,14 @@
 #include "Drift/FlatValue.h"
 #include "Drift/PackedNumber.h"
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 
 // The values of which a classification entry is made. They stand as densely as the hardware's table
 // has them, so that numbers in them are not aligned.
 namespace QuarnBastil {
 
 /// What to compare a station address with, under which bits, and how.
-struct ThirteenByteValue {
+struct QUARNBASTIL_EXPORT ThirteenByteValue {
   std::array<std::uint8_t, 12> valueAndMask{};
   std::uint8_t mode = 0;
 
@@ -24,7 +25,7 @@ struct ThirteenByteValue {
   }
 };
 
-struct SixByteValue {
+struct QUARNBASTIL_EXPORT SixByteValue {
   Drift::PackedNumber<std::uint32_t, 2> value;
   std::uint16_t mask = 0;
 
@@ -35,7 +36,7 @@ struct SixByteValue {
   }
 };
 
-struct ByteAndWord {
+struct QUARNBASTIL_EXPORT ByteAndWord {
   std::uint8_t mode = 0;
   Drift::PackedNumber<std::uint16_t> value;
 
@@ -46,7 +47,7 @@ struct ByteAndWord {
   }
 };
 
-struct WordAndByte {
+struct QUARNBASTIL_EXPORT WordAndByte {
   Drift::PackedNumber<std::uint16_t> value;
   std::uint8_t mode = 0;
 
@@ -59,7 +60,7 @@ struct WordAndByte {
 
 /// A prefix that an entry may or may not match on. While it is not `present`, the other members
 /// mean nothing: they are neither copied nor compared.
-struct OptionalPrefix : Drift::FlatValue<OptionalPrefix> {
+struct QUARNBASTIL_EXPORT OptionalPrefix : Drift::FlatValue<OptionalPrefix> {
   std::array<std::uint8_t, 16> address{};
   Drift::PackedNumber<std::uint32_t, 2> zone;
   std::uint8_t length = 0;

@@ -5,6 +5,7 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
 #include "OrderedTable/EntryLogDrift.h"
@@ -14,12 +15,14 @@
 
 namespace QuarnBastil {
 
-struct PortXformTcamActionEntryKey final : BankIndexKey<PortXformTcamActionEntryKey> {
+struct QUARNBASTIL_EXPORT PortXformTcamActionEntryKey final
+    : BankIndexKey<PortXformTcamActionEntryKey> {
   using BankIndexKey::BankIndexKey;
 };
 
 /// How the packets of a port are transformed.
-struct PortXformTcamActionLogEntry : Drift::FlatValue<PortXformTcamActionLogEntry> {
+struct QUARNBASTIL_EXPORT PortXformTcamActionLogEntry
+    : Drift::FlatValue<PortXformTcamActionLogEntry> {
   using Key = PortXformTcamActionEntryKey;
 
   Key key;
@@ -40,24 +43,25 @@ struct PortXformTcamActionLogEntry : Drift::FlatValue<PortXformTcamActionLogEntr
 };
 static_assert(sizeof(PortXformTcamActionLogEntry) == 20);
 
-struct PortXformTcamActionResourceKeys : Asic::NoResourceKeys {};
+struct QUARNBASTIL_EXPORT PortXformTcamActionResourceKeys : Asic::NoResourceKeys {};
 
-struct PortXformTcamActionEntry final
+struct QUARNBASTIL_EXPORT PortXformTcamActionEntry final
     : Asic::TableEntry<PortXformTcamActionLogEntry, PortXformTcamActionResourceKeys> {
   using TableEntry::TableEntry;
 };
 
-struct PortXformTcamActionConfigDriftEntry final
+struct QUARNBASTIL_EXPORT PortXformTcamActionConfigDriftEntry final
     : Asic::ConfigDriftEntry<PortXformTcamActionLogEntry, PortXformTcamActionResourceKeys> {
   using ConfigDriftEntry::ConfigDriftEntry;
 };
 static_assert(Asic::configStandsAt<PortXformTcamActionConfigDriftEntry>(24, 32));
 
-struct PortXformTcamActionLogDriftEntry final : Asic::LogDriftEntry<PortXformTcamActionLogEntry> {
+struct QUARNBASTIL_EXPORT PortXformTcamActionLogDriftEntry final
+    : Asic::LogDriftEntry<PortXformTcamActionLogEntry> {
   using LogDriftEntry::LogDriftEntry;
 };
 
-class PortXformTcamActionConfigDrift final
+class QUARNBASTIL_EXPORT PortXformTcamActionConfigDrift final
     : public Asic::ConfigDrift<PortXformTcamActionConfigDrift,
                                PortXformTcamActionConfigDriftEntry> {
  public:
@@ -65,7 +69,7 @@ class PortXformTcamActionConfigDrift final
   using ConfigDrift::ConfigDrift;
 };
 
-class PortXformTcamActionEntryLogDrift final
+class QUARNBASTIL_EXPORT PortXformTcamActionEntryLogDrift final
     : public Asic::EntryLogDrift<PortXformTcamActionEntryLogDrift,
                                  PortXformTcamActionLogDriftEntry> {
  public:

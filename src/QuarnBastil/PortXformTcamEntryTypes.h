@@ -5,6 +5,7 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
 #include "OrderedTable/EntryLogDrift.h"
@@ -14,12 +15,14 @@
 
 namespace QuarnBastil {
 
-struct PortXformTcamEntryEntryKey final : BankIndexKey<PortXformTcamEntryEntryKey> {
+struct QUARNBASTIL_EXPORT PortXformTcamEntryEntryKey final
+    : BankIndexKey<PortXformTcamEntryEntryKey> {
   using BankIndexKey::BankIndexKey;
 };
 
 /// Which ports and VLANs have their packets transformed.
-struct PortXformTcamEntryLogEntry : Drift::FlatValue<PortXformTcamEntryLogEntry> {
+struct QUARNBASTIL_EXPORT PortXformTcamEntryLogEntry
+    : Drift::FlatValue<PortXformTcamEntryLogEntry> {
   using Key = PortXformTcamEntryEntryKey;
 
   Key key;
@@ -41,31 +44,32 @@ struct PortXformTcamEntryLogEntry : Drift::FlatValue<PortXformTcamEntryLogEntry>
 };
 static_assert(sizeof(PortXformTcamEntryLogEntry) == 24);
 
-struct PortXformTcamEntryResourceKeys : Asic::NoResourceKeys {};
+struct QUARNBASTIL_EXPORT PortXformTcamEntryResourceKeys : Asic::NoResourceKeys {};
 
-struct PortXformTcamEntryEntry final
+struct QUARNBASTIL_EXPORT PortXformTcamEntryEntry final
     : Asic::TableEntry<PortXformTcamEntryLogEntry, PortXformTcamEntryResourceKeys> {
   using TableEntry::TableEntry;
 };
 
-struct PortXformTcamEntryConfigDriftEntry final
+struct QUARNBASTIL_EXPORT PortXformTcamEntryConfigDriftEntry final
     : Asic::ConfigDriftEntry<PortXformTcamEntryLogEntry, PortXformTcamEntryResourceKeys> {
   using ConfigDriftEntry::ConfigDriftEntry;
 };
 static_assert(Asic::configStandsAt<PortXformTcamEntryConfigDriftEntry>(28, 36));
 
-struct PortXformTcamEntryLogDriftEntry final : Asic::LogDriftEntry<PortXformTcamEntryLogEntry> {
+struct QUARNBASTIL_EXPORT PortXformTcamEntryLogDriftEntry final
+    : Asic::LogDriftEntry<PortXformTcamEntryLogEntry> {
   using LogDriftEntry::LogDriftEntry;
 };
 
-class PortXformTcamEntryConfigDrift final
+class QUARNBASTIL_EXPORT PortXformTcamEntryConfigDrift final
     : public Asic::ConfigDrift<PortXformTcamEntryConfigDrift, PortXformTcamEntryConfigDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnBastil::PortXformTcamEntryConfigDrift";
   using ConfigDrift::ConfigDrift;
 };
 
-class PortXformTcamEntryEntryLogDrift final
+class QUARNBASTIL_EXPORT PortXformTcamEntryEntryLogDrift final
     : public Asic::EntryLogDrift<PortXformTcamEntryEntryLogDrift, PortXformTcamEntryLogDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnBastil::PortXformTcamEntryEntryLogDrift";

@@ -5,6 +5,7 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
 #include "OrderedTable/EntryLogDrift.h"
@@ -15,13 +16,13 @@
 
 namespace QuarnBastil {
 
-struct TcamActionEntryKey final : BankIndexKey<TcamActionEntryKey> {
+struct QUARNBASTIL_EXPORT TcamActionEntryKey final : BankIndexKey<TcamActionEntryKey> {
   using BankIndexKey::BankIndexKey;
 };
 
 /// What happens to the packets of a classification entry. `destId` comes from the resource table
 /// when the entry is committed; a client leaves it unset.
-struct TcamActionLogEntry : Drift::FlatValue<TcamActionLogEntry> {
+struct QUARNBASTIL_EXPORT TcamActionLogEntry : Drift::FlatValue<TcamActionLogEntry> {
   using Key = TcamActionEntryKey;
 
   Key key;
@@ -47,7 +48,7 @@ static_assert(sizeof(TcamActionLogEntry) == 124);
 
 /// The record of the resource table that the entry points at. Not logged: the hardware gets
 /// `destId`.
-struct TcamActionResourceKeys {
+struct QUARNBASTIL_EXPORT TcamActionResourceKeys {
   /// 0: the entry needs no resource.
   QuarnL3NiLib::ReqIdToFecResourceTableEntryKey requestId;
 
@@ -58,28 +59,29 @@ struct TcamActionResourceKeys {
 };
 static_assert(sizeof(TcamActionResourceKeys) == 8 && alignof(TcamActionResourceKeys) == 4);
 
-struct TcamActionEntry final : Asic::TableEntry<TcamActionLogEntry, TcamActionResourceKeys> {
+struct QUARNBASTIL_EXPORT TcamActionEntry final
+    : Asic::TableEntry<TcamActionLogEntry, TcamActionResourceKeys> {
   using TableEntry::TableEntry;
 };
 
-struct TcamActionConfigDriftEntry final
+struct QUARNBASTIL_EXPORT TcamActionConfigDriftEntry final
     : Asic::ConfigDriftEntry<TcamActionLogEntry, TcamActionResourceKeys> {
   using ConfigDriftEntry::ConfigDriftEntry;
 };
 static_assert(Asic::configStandsAt<TcamActionConfigDriftEntry>(132, 140));
 
-struct TcamActionLogDriftEntry final : Asic::LogDriftEntry<TcamActionLogEntry> {
+struct QUARNBASTIL_EXPORT TcamActionLogDriftEntry final : Asic::LogDriftEntry<TcamActionLogEntry> {
   using LogDriftEntry::LogDriftEntry;
 };
 
-class TcamActionConfigDrift final
+class QUARNBASTIL_EXPORT TcamActionConfigDrift final
     : public Asic::ConfigDrift<TcamActionConfigDrift, TcamActionConfigDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnBastil::TcamActionConfigDrift";
   using ConfigDrift::ConfigDrift;
 };
 
-class TcamActionEntryLogDrift final
+class QUARNBASTIL_EXPORT TcamActionEntryLogDrift final
     : public Asic::EntryLogDrift<TcamActionEntryLogDrift, TcamActionLogDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnBastil::TcamActionEntryLogDrift";

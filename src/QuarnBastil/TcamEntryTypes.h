@@ -5,6 +5,7 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
 #include "OrderedTable/EntryLogDrift.h"
@@ -15,14 +16,14 @@
 
 namespace QuarnBastil {
 
-struct TcamEntryEntryKey final : BankIndexKey<TcamEntryEntryKey> {
+struct QUARNBASTIL_EXPORT TcamEntryEntryKey final : BankIndexKey<TcamEntryEntryKey> {
   using BankIndexKey::BankIndexKey;
 };
 
 /// One classification entry: what a packet must look like, and what happens to it. The agent
 /// copies, compares and prints it, and interprets none of it but the key; the hardware writer knows
 /// more.
-struct TcamEntryLogEntry : Drift::FlatValue<TcamEntryLogEntry> {
+struct QUARNBASTIL_EXPORT TcamEntryLogEntry : Drift::FlatValue<TcamEntryLogEntry> {
   using Key = TcamEntryEntryKey;
 
   Key key;
@@ -104,30 +105,31 @@ struct TcamEntryLogEntry : Drift::FlatValue<TcamEntryLogEntry> {
 };
 static_assert(sizeof(TcamEntryLogEntry) == 536);
 
-struct TcamEntryResourceKeys : Asic::NoResourceKeys {};
+struct QUARNBASTIL_EXPORT TcamEntryResourceKeys : Asic::NoResourceKeys {};
 
-struct TcamEntryEntry final : Asic::TableEntry<TcamEntryLogEntry, TcamEntryResourceKeys> {
+struct QUARNBASTIL_EXPORT TcamEntryEntry final
+    : Asic::TableEntry<TcamEntryLogEntry, TcamEntryResourceKeys> {
   using TableEntry::TableEntry;
 };
 
-struct TcamEntryConfigDriftEntry final
+struct QUARNBASTIL_EXPORT TcamEntryConfigDriftEntry final
     : Asic::ConfigDriftEntry<TcamEntryLogEntry, TcamEntryResourceKeys> {
   using ConfigDriftEntry::ConfigDriftEntry;
 };
 static_assert(Asic::configStandsAt<TcamEntryConfigDriftEntry>(540, 548));
 
-struct TcamEntryLogDriftEntry final : Asic::LogDriftEntry<TcamEntryLogEntry> {
+struct QUARNBASTIL_EXPORT TcamEntryLogDriftEntry final : Asic::LogDriftEntry<TcamEntryLogEntry> {
   using LogDriftEntry::LogDriftEntry;
 };
 
-class TcamEntryConfigDrift final
+class QUARNBASTIL_EXPORT TcamEntryConfigDrift final
     : public Asic::ConfigDrift<TcamEntryConfigDrift, TcamEntryConfigDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnBastil::TcamEntryConfigDrift";
   using ConfigDrift::ConfigDrift;
 };
 
-class TcamEntryEntryLogDrift final
+class QUARNBASTIL_EXPORT TcamEntryEntryLogDrift final
     : public Asic::EntryLogDrift<TcamEntryEntryLogDrift, TcamEntryLogDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnBastil::TcamEntryEntryLogDrift";

@@ -96,7 +96,7 @@ TEST_P(CorruptionTest, EveryBitOfTheIndexAndOfThreeSlots) {
   }
   // A hole has no record, only its seal.
   const unsigned bits = (specimen_.dense() ? 2 : 3) * header.slotStride * 8;
-  const unsigned expected = (bits + (specimen_.dense() ? 64 : 0)) / kFewer;
+  const std::size_t expected = (bits + (specimen_.dense() ? 64 : 0)) / kFewer;
   EXPECT_GE(tally_.errorsWhileReading, before + expected);
 }
 

@@ -116,6 +116,21 @@ TEST_F(DirectoryTest, AListingShowsEntitiesAndNothingElse) {
   EXPECT_EQ(directory_.entities("nothing"), Names{});
 }
 
+TEST_F(DirectoryTest, WhatADeadMakerLeftBehindGoesAndWhatALivingOneMakesStays) {
+  const std::string dead = directory_.path() + "/.a%2Fb.1.2";
+  const std::string living = directory_.path() + "/.a%2Fb.3.4";
+  writeFile(dead, "half made");
+  writeFile(living, "half made");
+  const int fd = ::open(living.c_str(), O_RDWR);
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  ASSERT_EQ(::fcntl(fd, F_OFD_SETLK, &lock), 0);
+  EXPECT_EQ(writer()->stage(), MountStage::made);
+  EXPECT_FALSE(std::filesystem::exists(dead));
+  EXPECT_TRUE(std::filesystem::exists(living));
+  ::close(fd);
+}
+
 TEST_F(DirectoryTest, ADirectoryIsMadeOrNamedAsAbsentOrRefused) {
   struct stat found {};
   ASSERT_EQ(::stat(directory_.path().c_str(), &found), 0);

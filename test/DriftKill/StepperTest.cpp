@@ -313,7 +313,7 @@ TEST(StepperDeathTest, AMountLosesNothingAtAnyInstruction) {
       }
     }
     std::cout << stepped.leftovers().size() << " mounts: " << totals << '\n';
-    EXPECT_GT(totals.states, stepped.leftovers().size() * 10);
+    EXPECT_GT(totals.states, stepped.leftovers().size() * 3);
     stepped.leftovers().clear();
   }
 }

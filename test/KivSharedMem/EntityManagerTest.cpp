@@ -218,6 +218,8 @@ TEST_F(EntityManagerTest, DamageIsNotedWithItsCollection) {
   EXPECT_EQ(noted.count, 1u);
   EXPECT_NE(noted.collection.view().find("TcamEntry"), std::string_view::npos);
   EXPECT_NE(noted.lastMessage.view().find("slot 0"), std::string_view::npos);
+  config->swTableEntriesIs({logRecord(1).logEntry, {}, Asic::LogVersion(2), false});
+  EXPECT_EQ(config->map()->driftMapFind(logRecord(1).logEntry.key, found).logVersion.value(), 2u);
 }
 
 TEST_F(EntityManagerTest, AReaderInAnotherProcessFollowsAndSleepsAtTheDoorbell) {

@@ -131,7 +131,7 @@ std::string Directory::pathOf(std::string_view entityPath) const {
   return path_ + "/" + fileNameOf(entityPath);
 }
 
-std::vector<std::string> Directory::entities(std::string_view prefix) const {
+std::vector<std::string> Directory::fileNames() const {
   // A stream of its own: the position of a shared descriptor would be shared too.
   const int copy = ::openat(fd_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   DIR* const opened = copy >= 0 ? ::fdopendir(copy) : nullptr;
@@ -143,13 +143,26 @@ std::vector<std::string> Directory::entities(std::string_view prefix) const {
         Fenrik::formatString("cannot list the directory {}: {}", path_, std::strerror(error)));
   }
   const std::unique_ptr<DIR, int (*)(DIR*)> dir(opened, &::closedir);
+  std::vector<std::string> names;
+  while (const dirent* entry = ::readdir(dir.get())) names.emplace_back(entry->d_name);
+  return names;
+}
+
+std::vector<std::string> Directory::entities(std::string_view prefix) const {
   std::vector<std::string> found;
-  while (const dirent* entry = ::readdir(dir.get())) {
-    if (entry->d_name[0] == kTemporaryPrefix) continue;
-    std::string path = entityPathOf(entry->d_name);
+  for (const std::string& name : fileNames()) {
+    if (name.front() == kTemporaryPrefix) continue;
+    std::string path = entityPathOf(name);
     if (!path.empty() && path.starts_with(prefix)) found.push_back(std::move(path));
   }
   std::ranges::sort(found);
+  return found;
+}
+
+std::vector<std::string> Directory::temporaries(std::string_view fileName) const {
+  std::vector<std::string> found = fileNames();
+  const std::string prefix = fmt::format("{}{}.", kTemporaryPrefix, fileName);
+  std::erase_if(found, [&](const std::string& name) { return !name.starts_with(prefix); });
   return found;
 }
 

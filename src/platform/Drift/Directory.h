@@ -64,7 +64,13 @@ class QUARNBASTIL_EXPORT Directory {
   /// The entities whose path begins with `prefix`, sorted.
   std::vector<std::string> entities(std::string_view prefix) const;
 
+  /// Names of the files under which the file of that name is being made, or was when its maker
+  /// died.
+  std::vector<std::string> temporaries(std::string_view fileName) const;
+
  private:
+  std::vector<std::string> fileNames() const;
+
   std::string path_;
   Access access_;
   mode_t fileMode_;

@@ -199,11 +199,15 @@ class DriftFileOpener {
     return found;
   }
 
-  void lock(int fd) {
+  static bool tryLock(int fd) {
     struct flock range {};
     range.l_type = F_WRLCK;
     range.l_whence = SEEK_SET;
-    if (::fcntl(fd, F_OFD_SETLK, &range) == 0) return;
+    return ::fcntl(fd, F_OFD_SETLK, &range) == 0;
+  }
+
+  void lock(int fd) {
+    if (tryLock(fd)) return;
     if (errno != EAGAIN && errno != EACCES) fail(errno, "lock");
     refuse(Stage::busy, "another process writes it", "stop that one first");
   }
@@ -324,6 +328,20 @@ class DriftFileOpener {
         Fenrik::formatString("{}: {}; made anew and empty", file_->path_, found.view());
   }
 
+  /// Removes what a process left behind that died while it made this file. Nobody needs it, so that
+  /// nothing fails if it stays.
+  void removeLeftovers() {
+    try {
+      for (const std::string& left : directory_.temporaries(file_->fileName_)) {
+        const Descriptor fd(
+            ::openat(directory_.fd(), left.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+        if (fd.valid() && tryLock(fd.get())) ::unlinkat(directory_.fd(), left.c_str(), 0);
+      }
+    } catch (const MountException&) {
+      // A directory that cannot be listed says so where it is asked to.
+    }
+  }
+
   /// Makes the file under a temporary name, fills it and gives it its name.
   void make(Stage stage, const Carried& carried) {
     Format::FixedHeader& header = file_->header_;
@@ -332,6 +350,7 @@ class DriftFileOpener {
     if (!readBootId(header.bootId)) fail(errno, "read the boot id for");
     header.checksum = headerChecksum(header);
 
+    removeLeftovers();
     TemporaryFile temporary{directory_.fd(), temporaryName(file_->fileName_)};
     Descriptor fd(::openat(directory_.fd(), temporary.name.c_str(),
                            O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));

@@ -156,7 +156,8 @@ class DenseMap final : public DriftMap<Record> {
   bool driftMapIterBegin(Cursor& cursor) const override { return from(0, cursor); }
 
   bool driftMapIterNext(const Key& current, Cursor& cursor) const override {
-    return from(this->keyBuffer(current)[0] + 1, cursor);
+    const Format::Word behind = this->keyBuffer(current)[0] + 1;
+    return behind != 0 && from(behind, cursor);
   }
 
  private:

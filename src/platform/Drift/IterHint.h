@@ -1,12 +1,13 @@
 #pragma once
 
 #include "Drift/Format.h"
+#include "Fenrik/Export.h"
 
 namespace Drift {
 
 /// Where a walk of a map stands, so that its next step need not search. A default value knows
 /// nothing and is always right.
-class IterHint {
+class QUARNBASTIL_EXPORT IterHint {
  public:
   constexpr IterHint() noexcept = default;
   /// A hint that is told as a number; 0 knows nothing.

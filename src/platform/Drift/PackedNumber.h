@@ -5,13 +5,15 @@
 #include <concepts>
 #include <cstddef>
 
+#include "Fenrik/Export.h"
+
 namespace Drift {
 
 /// A number that may stand where its type alone could not: at a multiple of `kAlignment`. Records
 /// are laid out by the hardware's table and by other processes, not by what suits a compiler.
 /// Reads and writes as the number does, and costs the same where unaligned access costs nothing.
 template <std::integral T, std::size_t kAlignment = 1>
-class PackedNumber {
+class QUARNBASTIL_EXPORT PackedNumber {
   using Bytes = std::array<unsigned char, sizeof(T)>;
 
  public:

@@ -21,6 +21,7 @@ class QUARNBASTIL_EXPORT HashedCollection : public Fenrik::NodeClass<Self, Entit
         map_(new Drift::HashedMap<Record>(this->file()), Fenrik::AdoptReference{}) {
     if (this->file().writable()) {
       writer_ = std::make_unique<Drift::HashedWriter>(this->mutableFile());
+      noteDropped();
     }
   }
 
@@ -31,11 +32,13 @@ class QUARNBASTIL_EXPORT HashedCollection : public Fenrik::NodeClass<Self, Entit
     std::array<Drift::Word, Layout::kWords> words;
     Layout::toWords(record, words.data());
     writer().set(words);
+    noteDropped();
   }
   void recordDel(const typename Layout::Key& key) {
     std::array<Drift::Word, Layout::kKeyWords> words;
     Layout::keyToWords(key, words.data());
     writer().remove(words);
+    noteDropped();
   }
   void recordDelAll() { writer().removeAll(); }
 
@@ -45,8 +48,17 @@ class QUARNBASTIL_EXPORT HashedCollection : public Fenrik::NodeClass<Self, Entit
     return *writer_;
   }
 
+  /// A record that the writer had to give up is damage too, though nobody was reading it.
+  void noteDropped() {
+    if (writer_->dropped() == dropped_) return;
+    dropped_ = writer_->dropped();
+    map_->doCorruptionDetected(Fenrik::formatString(
+        "{}: {} index words did not prove themselves and were dropped", this->path(), dropped_));
+  }
+
   Fenrik::Ptr<Map> map_;
   std::unique_ptr<Drift::HashedWriter> writer_;
+  Drift::Word dropped_ = 0;
 };
 
 /// An entity with one dense collection of `Record`s, whose keys are versions.

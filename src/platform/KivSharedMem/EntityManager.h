@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Drift/Directory.h"
+#include "Fenrik/Export.h"
 #include "Fenrik/NodeClass.h"
 #include "Kiv/HashMap2018.h"
 #include "KivDrift/MountInfo.h"
@@ -12,7 +13,7 @@
 
 namespace KivSharedMem {
 
-class EntityManager;
+class QUARNBASTIL_EXPORT EntityManager;
 
 /// Which entities are looked for.
 enum class KivSharedMemType : unsigned {

@@ -5,6 +5,7 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
 #include "OrderedTable/EntryLogDrift.h"
@@ -14,12 +15,12 @@
 
 namespace QuarnLpmLib {
 
-struct BigAdsDataModelEntryKey final : PrefixKey<BigAdsDataModelEntryKey> {
+struct QUARNBASTIL_EXPORT BigAdsDataModelEntryKey final : PrefixKey<BigAdsDataModelEntryKey> {
   using PrefixKey::PrefixKey;
 };
 
 /// What a 32-bit prefix leads to.
-struct BigAdsDataModelLogEntry : Drift::FlatValue<BigAdsDataModelLogEntry> {
+struct QUARNBASTIL_EXPORT BigAdsDataModelLogEntry : Drift::FlatValue<BigAdsDataModelLogEntry> {
   using Key = BigAdsDataModelEntryKey;
 
   Key key;
@@ -38,31 +39,32 @@ struct BigAdsDataModelLogEntry : Drift::FlatValue<BigAdsDataModelLogEntry> {
 };
 static_assert(sizeof(BigAdsDataModelLogEntry) == 32);
 
-struct BigAdsDataModelResourceKeys : Asic::NoResourceKeys {};
+struct QUARNBASTIL_EXPORT BigAdsDataModelResourceKeys : Asic::NoResourceKeys {};
 
-struct BigAdsDataModelEntry final
+struct QUARNBASTIL_EXPORT BigAdsDataModelEntry final
     : Asic::TableEntry<BigAdsDataModelLogEntry, BigAdsDataModelResourceKeys> {
   using TableEntry::TableEntry;
 };
 
-struct BigAdsDataModelConfigDriftEntry final
+struct QUARNBASTIL_EXPORT BigAdsDataModelConfigDriftEntry final
     : Asic::ConfigDriftEntry<BigAdsDataModelLogEntry, BigAdsDataModelResourceKeys> {
   using ConfigDriftEntry::ConfigDriftEntry;
 };
 static_assert(Asic::configStandsAt<BigAdsDataModelConfigDriftEntry>(36, 44));
 
-struct BigAdsDataModelLogDriftEntry final : Asic::LogDriftEntry<BigAdsDataModelLogEntry> {
+struct QUARNBASTIL_EXPORT BigAdsDataModelLogDriftEntry final
+    : Asic::LogDriftEntry<BigAdsDataModelLogEntry> {
   using LogDriftEntry::LogDriftEntry;
 };
 
-class BigAdsDataModelConfigDrift final
+class QUARNBASTIL_EXPORT BigAdsDataModelConfigDrift final
     : public Asic::ConfigDrift<BigAdsDataModelConfigDrift, BigAdsDataModelConfigDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnLpmLib::BigAdsDataModelConfigDrift";
   using ConfigDrift::ConfigDrift;
 };
 
-class BigAdsDataModelEntryLogDrift final
+class QUARNBASTIL_EXPORT BigAdsDataModelEntryLogDrift final
     : public Asic::EntryLogDrift<BigAdsDataModelEntryLogDrift, BigAdsDataModelLogDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnLpmLib::BigAdsDataModelEntryLogDrift";

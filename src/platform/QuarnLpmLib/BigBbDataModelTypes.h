@@ -5,6 +5,7 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
 #include "OrderedTable/EntryLogDrift.h"
@@ -15,12 +16,12 @@
 
 namespace QuarnLpmLib {
 
-struct BigBbDataModelEntryKey final : PrefixKey<BigBbDataModelEntryKey> {
+struct QUARNBASTIL_EXPORT BigBbDataModelEntryKey final : PrefixKey<BigBbDataModelEntryKey> {
   using PrefixKey::PrefixKey;
 };
 
 /// A block of the prefix search that covers a 32-bit prefix.
-struct BigBbDataModelLogEntry : Drift::FlatValue<BigBbDataModelLogEntry> {
+struct QUARNBASTIL_EXPORT BigBbDataModelLogEntry : Drift::FlatValue<BigBbDataModelLogEntry> {
   using Key = BigBbDataModelEntryKey;
 
   Key key;
@@ -36,31 +37,32 @@ struct BigBbDataModelLogEntry : Drift::FlatValue<BigBbDataModelLogEntry> {
 };
 static_assert(sizeof(BigBbDataModelLogEntry) == 72);
 
-struct BigBbDataModelResourceKeys : Asic::NoResourceKeys {};
+struct QUARNBASTIL_EXPORT BigBbDataModelResourceKeys : Asic::NoResourceKeys {};
 
-struct BigBbDataModelEntry final
+struct QUARNBASTIL_EXPORT BigBbDataModelEntry final
     : Asic::TableEntry<BigBbDataModelLogEntry, BigBbDataModelResourceKeys> {
   using TableEntry::TableEntry;
 };
 
-struct BigBbDataModelConfigDriftEntry final
+struct QUARNBASTIL_EXPORT BigBbDataModelConfigDriftEntry final
     : Asic::ConfigDriftEntry<BigBbDataModelLogEntry, BigBbDataModelResourceKeys> {
   using ConfigDriftEntry::ConfigDriftEntry;
 };
 static_assert(Asic::configStandsAt<BigBbDataModelConfigDriftEntry>(76, 84));
 
-struct BigBbDataModelLogDriftEntry final : Asic::LogDriftEntry<BigBbDataModelLogEntry> {
+struct QUARNBASTIL_EXPORT BigBbDataModelLogDriftEntry final
+    : Asic::LogDriftEntry<BigBbDataModelLogEntry> {
   using LogDriftEntry::LogDriftEntry;
 };
 
-class BigBbDataModelConfigDrift final
+class QUARNBASTIL_EXPORT BigBbDataModelConfigDrift final
     : public Asic::ConfigDrift<BigBbDataModelConfigDrift, BigBbDataModelConfigDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnLpmLib::BigBbDataModelConfigDrift";
   using ConfigDrift::ConfigDrift;
 };
 
-class BigBbDataModelEntryLogDrift final
+class QUARNBASTIL_EXPORT BigBbDataModelEntryLogDrift final
     : public Asic::EntryLogDrift<BigBbDataModelEntryLogDrift, BigBbDataModelLogDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnLpmLib::BigBbDataModelEntryLogDrift";

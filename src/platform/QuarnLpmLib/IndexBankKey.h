@@ -5,13 +5,14 @@
 #include <cstdint>
 
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "Kiv/HashHelper.h"
 
 namespace QuarnLpmLib {
 
 /// The shape of a key that is a place in a bank. `Self` is the table's own key type.
 template <class Self>
-struct IndexBankKey {
+struct QUARNBASTIL_EXPORT IndexBankKey {
   std::uint16_t index = 0;
   std::uint8_t bank = 0;
 

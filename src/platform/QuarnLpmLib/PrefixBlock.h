@@ -4,12 +4,13 @@
 #include <cstdint>
 
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 
 namespace QuarnLpmLib {
 
 /// What one block of the prefix search compares, and where its branches lead. The agent interprets
 /// none of it.
-struct PrefixBlock {
+struct QUARNBASTIL_EXPORT PrefixBlock {
   std::array<std::uint32_t, 4> value{};
   std::array<std::uint32_t, 4> mask{};
   std::array<std::uint32_t, 8> nextHop{};

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "Kiv/HashHelper.h"
 
 namespace QuarnLpmLib {
@@ -12,7 +13,7 @@ namespace QuarnLpmLib {
 /// The shape of a key that is a prefix of 32 bits and its length. `Self` is the table's own key
 /// type.
 template <class Self>
-struct PrefixKey {
+struct QUARNBASTIL_EXPORT PrefixKey {
   std::uint32_t prefix = 0;
   std::uint8_t length = 0;
 
@@ -35,7 +36,7 @@ struct PrefixKey {
 
 /// The same of 64 bits, in two words.
 template <class Self>
-struct WidePrefixKey {
+struct QUARNBASTIL_EXPORT WidePrefixKey {
   std::uint32_t high = 0;
   std::uint32_t low = 0;
   std::uint8_t length = 0;

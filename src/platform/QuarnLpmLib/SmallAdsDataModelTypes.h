@@ -5,6 +5,7 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
 #include "OrderedTable/EntryLogDrift.h"
@@ -14,12 +15,13 @@
 
 namespace QuarnLpmLib {
 
-struct SmallAdsDataModelEntryKey final : IndexBankKey<SmallAdsDataModelEntryKey> {
+struct QUARNBASTIL_EXPORT SmallAdsDataModelEntryKey final
+    : IndexBankKey<SmallAdsDataModelEntryKey> {
   using IndexBankKey::IndexBankKey;
 };
 
 /// What a row of the small search leads to.
-struct SmallAdsDataModelLogEntry : Drift::FlatValue<SmallAdsDataModelLogEntry> {
+struct QUARNBASTIL_EXPORT SmallAdsDataModelLogEntry : Drift::FlatValue<SmallAdsDataModelLogEntry> {
   using Key = SmallAdsDataModelEntryKey;
 
   Key key;
@@ -38,31 +40,32 @@ struct SmallAdsDataModelLogEntry : Drift::FlatValue<SmallAdsDataModelLogEntry> {
 };
 static_assert(sizeof(SmallAdsDataModelLogEntry) == 24);
 
-struct SmallAdsDataModelResourceKeys : Asic::NoResourceKeys {};
+struct QUARNBASTIL_EXPORT SmallAdsDataModelResourceKeys : Asic::NoResourceKeys {};
 
-struct SmallAdsDataModelEntry final
+struct QUARNBASTIL_EXPORT SmallAdsDataModelEntry final
     : Asic::TableEntry<SmallAdsDataModelLogEntry, SmallAdsDataModelResourceKeys> {
   using TableEntry::TableEntry;
 };
 
-struct SmallAdsDataModelConfigDriftEntry final
+struct QUARNBASTIL_EXPORT SmallAdsDataModelConfigDriftEntry final
     : Asic::ConfigDriftEntry<SmallAdsDataModelLogEntry, SmallAdsDataModelResourceKeys> {
   using ConfigDriftEntry::ConfigDriftEntry;
 };
 static_assert(Asic::configStandsAt<SmallAdsDataModelConfigDriftEntry>(28, 36));
 
-struct SmallAdsDataModelLogDriftEntry final : Asic::LogDriftEntry<SmallAdsDataModelLogEntry> {
+struct QUARNBASTIL_EXPORT SmallAdsDataModelLogDriftEntry final
+    : Asic::LogDriftEntry<SmallAdsDataModelLogEntry> {
   using LogDriftEntry::LogDriftEntry;
 };
 
-class SmallAdsDataModelConfigDrift final
+class QUARNBASTIL_EXPORT SmallAdsDataModelConfigDrift final
     : public Asic::ConfigDrift<SmallAdsDataModelConfigDrift, SmallAdsDataModelConfigDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnLpmLib::SmallAdsDataModelConfigDrift";
   using ConfigDrift::ConfigDrift;
 };
 
-class SmallAdsDataModelEntryLogDrift final
+class QUARNBASTIL_EXPORT SmallAdsDataModelEntryLogDrift final
     : public Asic::EntryLogDrift<SmallAdsDataModelEntryLogDrift, SmallAdsDataModelLogDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnLpmLib::SmallAdsDataModelEntryLogDrift";

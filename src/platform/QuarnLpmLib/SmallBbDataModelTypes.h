@@ -5,6 +5,7 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
 #include "OrderedTable/EntryLogDrift.h"
@@ -15,12 +16,12 @@
 
 namespace QuarnLpmLib {
 
-struct SmallBbDataModelEntryKey final : WidePrefixKey<SmallBbDataModelEntryKey> {
+struct QUARNBASTIL_EXPORT SmallBbDataModelEntryKey final : WidePrefixKey<SmallBbDataModelEntryKey> {
   using WidePrefixKey::WidePrefixKey;
 };
 
 /// A block of the prefix search that covers a 64-bit prefix.
-struct SmallBbDataModelLogEntry : Drift::FlatValue<SmallBbDataModelLogEntry> {
+struct QUARNBASTIL_EXPORT SmallBbDataModelLogEntry : Drift::FlatValue<SmallBbDataModelLogEntry> {
   using Key = SmallBbDataModelEntryKey;
 
   Key key;
@@ -36,31 +37,32 @@ struct SmallBbDataModelLogEntry : Drift::FlatValue<SmallBbDataModelLogEntry> {
 };
 static_assert(sizeof(SmallBbDataModelLogEntry) == 76);
 
-struct SmallBbDataModelResourceKeys : Asic::NoResourceKeys {};
+struct QUARNBASTIL_EXPORT SmallBbDataModelResourceKeys : Asic::NoResourceKeys {};
 
-struct SmallBbDataModelEntry final
+struct QUARNBASTIL_EXPORT SmallBbDataModelEntry final
     : Asic::TableEntry<SmallBbDataModelLogEntry, SmallBbDataModelResourceKeys> {
   using TableEntry::TableEntry;
 };
 
-struct SmallBbDataModelConfigDriftEntry final
+struct QUARNBASTIL_EXPORT SmallBbDataModelConfigDriftEntry final
     : Asic::ConfigDriftEntry<SmallBbDataModelLogEntry, SmallBbDataModelResourceKeys> {
   using ConfigDriftEntry::ConfigDriftEntry;
 };
 static_assert(Asic::configStandsAt<SmallBbDataModelConfigDriftEntry>(80, 88));
 
-struct SmallBbDataModelLogDriftEntry final : Asic::LogDriftEntry<SmallBbDataModelLogEntry> {
+struct QUARNBASTIL_EXPORT SmallBbDataModelLogDriftEntry final
+    : Asic::LogDriftEntry<SmallBbDataModelLogEntry> {
   using LogDriftEntry::LogDriftEntry;
 };
 
-class SmallBbDataModelConfigDrift final
+class QUARNBASTIL_EXPORT SmallBbDataModelConfigDrift final
     : public Asic::ConfigDrift<SmallBbDataModelConfigDrift, SmallBbDataModelConfigDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnLpmLib::SmallBbDataModelConfigDrift";
   using ConfigDrift::ConfigDrift;
 };
 
-class SmallBbDataModelEntryLogDrift final
+class QUARNBASTIL_EXPORT SmallBbDataModelEntryLogDrift final
     : public Asic::EntryLogDrift<SmallBbDataModelEntryLogDrift, SmallBbDataModelLogDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnLpmLib::SmallBbDataModelEntryLogDrift";

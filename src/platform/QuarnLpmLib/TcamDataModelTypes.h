@@ -5,6 +5,7 @@
 
 #include "Drift/FlatValue.h"
 #include "Drift/RecordText.h"
+#include "Fenrik/Export.h"
 #include "OrderedTable/ConfigDrift.h"
 #include "OrderedTable/ConfigDriftEntry.h"
 #include "OrderedTable/EntryLogDrift.h"
@@ -14,12 +15,12 @@
 
 namespace QuarnLpmLib {
 
-struct TcamDataModelEntryKey final : PrefixKey<TcamDataModelEntryKey> {
+struct QUARNBASTIL_EXPORT TcamDataModelEntryKey final : PrefixKey<TcamDataModelEntryKey> {
   using PrefixKey::PrefixKey;
 };
 
 /// A prefix that is matched by content instead of by search.
-struct TcamDataModelLogEntry : Drift::FlatValue<TcamDataModelLogEntry> {
+struct QUARNBASTIL_EXPORT TcamDataModelLogEntry : Drift::FlatValue<TcamDataModelLogEntry> {
   using Key = TcamDataModelEntryKey;
 
   Key key;
@@ -40,31 +41,32 @@ struct TcamDataModelLogEntry : Drift::FlatValue<TcamDataModelLogEntry> {
 };
 static_assert(sizeof(TcamDataModelLogEntry) == 32);
 
-struct TcamDataModelResourceKeys : Asic::NoResourceKeys {};
+struct QUARNBASTIL_EXPORT TcamDataModelResourceKeys : Asic::NoResourceKeys {};
 
-struct TcamDataModelEntry final
+struct QUARNBASTIL_EXPORT TcamDataModelEntry final
     : Asic::TableEntry<TcamDataModelLogEntry, TcamDataModelResourceKeys> {
   using TableEntry::TableEntry;
 };
 
-struct TcamDataModelConfigDriftEntry final
+struct QUARNBASTIL_EXPORT TcamDataModelConfigDriftEntry final
     : Asic::ConfigDriftEntry<TcamDataModelLogEntry, TcamDataModelResourceKeys> {
   using ConfigDriftEntry::ConfigDriftEntry;
 };
 static_assert(Asic::configStandsAt<TcamDataModelConfigDriftEntry>(36, 44));
 
-struct TcamDataModelLogDriftEntry final : Asic::LogDriftEntry<TcamDataModelLogEntry> {
+struct QUARNBASTIL_EXPORT TcamDataModelLogDriftEntry final
+    : Asic::LogDriftEntry<TcamDataModelLogEntry> {
   using LogDriftEntry::LogDriftEntry;
 };
 
-class TcamDataModelConfigDrift final
+class QUARNBASTIL_EXPORT TcamDataModelConfigDrift final
     : public Asic::ConfigDrift<TcamDataModelConfigDrift, TcamDataModelConfigDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnLpmLib::TcamDataModelConfigDrift";
   using ConfigDrift::ConfigDrift;
 };
 
-class TcamDataModelEntryLogDrift final
+class QUARNBASTIL_EXPORT TcamDataModelEntryLogDrift final
     : public Asic::EntryLogDrift<TcamDataModelEntryLogDrift, TcamDataModelLogDriftEntry> {
  public:
   static constexpr std::string_view kEntityName = "QuarnLpmLib::TcamDataModelEntryLogDrift";

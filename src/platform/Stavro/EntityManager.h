@@ -9,12 +9,13 @@
 #include "Drift/Directory.h"
 #include "Drift/DriftFile.h"
 #include "Drift/HashedCollection.h"
+#include "Fenrik/Export.h"
 #include "Fenrik/NodeClass.h"
 #include "Stavro/StateRecord.h"
 
 namespace Stavro {
 
-class EntityManager;
+class QUARNBASTIL_EXPORT EntityManager;
 
 /// A typed object of the state database, known by its path. Its class says how its value is
 /// written; what its mutators change is stored at once.

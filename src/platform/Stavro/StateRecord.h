@@ -5,12 +5,13 @@
 #include <string_view>
 
 #include "Drift/RecordLayout.h"
+#include "Fenrik/Export.h"
 
 namespace Stavro {
 
 /// A path's place in the state database: two hashes of it. Equal paths have equal keys; that two
 /// paths share one is checked against the path in the record.
-struct StateKey {
+struct QUARNBASTIL_EXPORT StateKey {
   std::uint64_t high = 0;
   std::uint64_t low = 0;
 
@@ -18,7 +19,7 @@ struct StateKey {
 };
 
 /// One entity of the state database: its path, its type and its value's bytes.
-struct StateRecord {
+struct QUARNBASTIL_EXPORT StateRecord {
   using Key = StateKey;
 
   /// Room for the longest path in use, three times over.
