@@ -11,7 +11,7 @@ namespace Asic {
 
 /// The resource keys of a family that needs no resource: no data, but their room in the
 /// configuration record stays.
-struct QUARNBASTIL_EXPORT alignas(4) NoResourceKeys {
+struct alignas(4) NoResourceKeys {
   static constexpr std::array<Drift::RecordField, 0> fields() { return {}; }
   friend constexpr bool operator==(const NoResourceKeys&, const NoResourceKeys&) noexcept {
     return true;
