@@ -51,7 +51,10 @@ TEST_P(ModelSoak, RandomOperationsDoWhatAMapDoes) {
     }
   }
   EXPECT_NO_THROW(run.check());
-  EXPECT_GT(run.fulls(), 0U);
+  // The largest are not surely filled between two removals of everything.
+  if (size.capacity < 1000) {
+    EXPECT_GT(run.fulls(), 0U);
+  }
   if (size.layout == Format::Layout::dense) {
     EXPECT_GT(run.highest(), 2 * size.capacity) << "the ring did not wrap";
   } else {

@@ -328,17 +328,12 @@ class DriftFileOpener {
         Fenrik::formatString("{}: {}; made anew and empty", file_->path_, found.view());
   }
 
-  /// Removes what a process left behind that died while it made this file. Nobody needs it, so that
-  /// nothing fails if it stays.
+  /// Removes what processes left behind that died while they made this file.
   void removeLeftovers() {
-    try {
-      for (const std::string& left : directory_.temporaries(file_->fileName_)) {
-        const Descriptor fd(
-            ::openat(directory_.fd(), left.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-        if (fd.valid() && tryLock(fd.get())) ::unlinkat(directory_.fd(), left.c_str(), 0);
-      }
-    } catch (const MountException&) {
-      // A directory that cannot be listed says so where it is asked to.
+    for (const std::string& left : directory_.temporaries(file_->fileName_)) {
+      const Descriptor fd(
+          ::openat(directory_.fd(), left.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+      if (fd.valid() && tryLock(fd.get())) ::unlinkat(directory_.fd(), left.c_str(), 0);
     }
   }
 
