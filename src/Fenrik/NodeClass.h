@@ -15,7 +15,7 @@
 namespace Fenrik {
 
 /// Where the objects of a class come from.
-enum class Storage : std::uint8_t {
+enum class QUARNBASTIL_EXPORT Storage : std::uint8_t {
   /// The slab: objects that are made seldom and live long.
   slab,
   /// The slab with pattern 1: objects that are made and gone with every write.

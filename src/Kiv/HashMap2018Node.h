@@ -110,7 +110,7 @@ template <class T>
 inline constexpr bool kBytewiseMovable<Fenrik::Ptr<T>> = true;
 
 /// Where a map's buckets come from. There is one kind.
-enum class HashMap2018Alloc : std::uint8_t { slab = 1 };
+enum class QUARNBASTIL_EXPORT HashMap2018Alloc : std::uint8_t { slab = 1 };
 
 /// Node of a map whose values carry their keys: `KeyFunktor()(value)` reads one. `seed` is the
 /// collection's constant.
