@@ -1,5 +1,6 @@
 #include <benchmark/benchmark.h>
 
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -30,7 +31,8 @@ std::vector<Item::Ptr> itemsAbove(std::size_t count) {
   return items;
 }
 
-/// Both queues hold `state.range(0)` pointers all the time; one comes, one goes.
+/// Both queues hold `state.range(0)` pointers all the time; one comes, one goes. Both answer null
+/// when there is none to take.
 template <class Push, class Pop>
 void pushPop(benchmark::State& state, Push push, Pop pop) {
   const auto count = static_cast<std::size_t>(state.range(0));
@@ -58,6 +60,7 @@ void DequePushPop(benchmark::State& state) {
   pushPop(
       state, [&](const Item::Ptr& item) { queue.push_back(item); },
       [&] {
+        if (queue.empty()) return Item::Ptr();
         Item::Ptr front = std::move(queue.front());
         queue.pop_front();
         return front;
@@ -75,7 +78,7 @@ void QueueLookup(benchmark::State& state) {
     if (i >= count) queue.deq();
   }
   std::mt19937 random(1);
-  std::vector<std::uint32_t> indices(1024);
+  std::array<std::uint32_t, 1024> indices;
   for (std::uint32_t& index : indices) index = queue.frontIndex() + std::uint32_t(random()) % count;
   std::size_t turn = 0;
   for (auto _ : state) {

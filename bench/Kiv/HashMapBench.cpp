@@ -45,7 +45,7 @@ struct Ours {
     return node != nullptr ? &node->value() : nullptr;
   }
   void insert(const ThingPtr& thing) {
-    if (map[thing->key] == nullptr) map.newMember(HN_Thing(thing));
+    map.memberElseNew(thing->key, [&] { return HN_Thing(thing); });
   }
   void erase(std::uint32_t key) { map.memberDel(key); }
   template <class Visit>

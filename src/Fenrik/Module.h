@@ -25,6 +25,15 @@ struct FixedString {
 
   constexpr FixedString(const char (&literal)[size]) { std::copy_n(literal, size, text); }
   constexpr std::string_view view() const { return {text, size - 1}; }
+
+  template <std::size_t other>
+  friend consteval FixedString<size + other - 1> operator+(const FixedString& a,
+                                                           const char (&b)[other]) {
+    char joined[size + other - 1];
+    std::copy_n(a.text, size - 1, joined);
+    std::copy_n(b, other, joined + size - 1);
+    return FixedString<size + other - 1>(joined);
+  }
 };
 
 }  // namespace Fenrik

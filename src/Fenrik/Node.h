@@ -49,7 +49,7 @@ class QUARNBASTIL_EXPORT Node {
   /// Adds `users` references and returns the new use count without the flags. One atomic step for
   /// each reference when threads are on, one plain addition otherwise.
   std::uint32_t incUseCount(std::uint32_t users = 1) const noexcept {
-    if (ThreadControl::tsp_ != 0) [[unlikely]] {
+    if (ThreadControl::tsp_) [[unlikely]] {
       std::uint32_t word = 0;
       for (; users != 0; --users) word = std::atomic_ref(useCountAndFlags_).fetch_add(1) + 1;
       return word & kUseCountMask;
@@ -88,7 +88,7 @@ class QUARNBASTIL_EXPORT Node {
   /// Sets or clears one flag and leaves the use count as it is.
   void nodeFlagSet(NodeFlag flag, bool value) const noexcept {
     const auto bit = static_cast<std::uint32_t>(flag);
-    if (ThreadControl::tsp_ != 0) [[unlikely]] {
+    if (ThreadControl::tsp_) [[unlikely]] {
       std::atomic_ref word(useCountAndFlags_);
       value ? word.fetch_or(bit) : word.fetch_and(~bit);
       return;

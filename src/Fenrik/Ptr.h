@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <functional>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 #include "Fenrik/Assert.h"
@@ -20,7 +21,7 @@ struct AdoptReference {};
 /// pointer; a `Ptr<T>` that is returned carries a reference that the caller owns. Dereferencing a
 /// null pointer is undefined.
 template <class T>
-class Ptr {
+class QUARNBASTIL_EXPORT Ptr {
  public:
   using element_type = T;
 
@@ -92,7 +93,7 @@ Ptr(T*) -> Ptr<T>;
 
 /// A `Ptr` that is never null: null is refused where the value is made, by assertion.
 template <class T>
-class NonNullPtr {
+class QUARNBASTIL_EXPORT NonNullPtr {
  public:
   using element_type = T;
 
@@ -132,7 +133,13 @@ Ptr<T> staticPtrCast(const Ptr<U>& ptr) noexcept {
 /// Dynamic cast; null when the node is of another class.
 template <class T, class U>
 Ptr<T> dynamicPtrCast(const Ptr<U>& ptr) noexcept {
-  return Ptr<T>(dynamic_cast<T*>(ptr.get()));
+  if constexpr (std::is_final_v<T>) {
+    // Nothing derives from it: the classes are the same or the cast fails, and no search is needed.
+    const bool same = ptr != nullptr && typeid(*ptr) == typeid(T);
+    return Ptr<T>(same ? static_cast<T*>(ptr.get()) : nullptr);
+  } else {
+    return Ptr<T>(dynamic_cast<T*>(ptr.get()));
+  }
 }
 
 }  // namespace Fenrik

@@ -34,7 +34,7 @@ class QUARNBASTIL_EXPORT RQueueBase {
 
   bool empty() const noexcept {
     const Array* const tail = chunks_.tail();
-    return tail == nullptr || (Chunks::next(*tail) == tail && tail->usedUp());
+    return tail == nullptr || tail->marker();
   }
 
   /// Number of elements.
@@ -100,8 +100,7 @@ class QUARNBASTIL_EXPORT RQueueBase {
   }
 
   static bool holds(const Array& chunk, std::uint32_t index) noexcept {
-    const std::uint32_t start = chunk.startIndex();
-    return index - start < chunk.endIndex() - start;
+    return index - chunk.startIndex() < chunk.writeCount() - chunk.readOffset();
   }
 
   /// Capacity of the chunk that is added when `size` elements fill those that are there.
@@ -134,7 +133,8 @@ class QUARNBASTIL_EXPORT RQueueBase {
 /// Threads: one.
 ///
 /// I1. The queue is one pointer; one that was never used holds no memory.
-/// I2. The sequence survives an empty queue, in a chunk without slots.
+/// I2. A chunk goes with its last element. A queue that was used and is empty has a marker for its
+///     sole chunk, in which the sequence survives.
 /// I3. Elements never move: chunks are added, each as large as the queue has grown to, from 8
 ///     elements up to 8192.
 ///
@@ -172,7 +172,7 @@ class QUARNBASTIL_EXPORT RQueue<T, false, Tag> : public RQueueBase<T> {
     Array* const tail = chunks_.tail();
     if (tail == nullptr) return T();
     Array* const first = Chunks::next(*tail);
-    if (first->usedUp()) [[unlikely]]
+    if (first->marker()) [[unlikely]]
       return T();
     T value = Base::relocate(*first->slot(first->readOffset()));
     first->readOffsetInc();
@@ -203,7 +203,7 @@ class QUARNBASTIL_EXPORT RQueue<T, false, Tag> : public RQueueBase<T> {
   [[gnu::noinline]] Array* extend(Array* tail) {
     if (tail == nullptr) return addChunk(Array::kCapacityLeast, Base::kFirstIndex);
     const std::uint32_t next = tail->endIndex();
-    if (tail->capacity() != 0) return addChunk(Base::capacityFor(this->size()), next);
+    if (!tail->marker()) return addChunk(Base::capacityFor(this->size()), next);
     freeChunk(chunks_.pop());
     return addChunk(Array::kCapacityLeast, next);
   }
@@ -222,7 +222,7 @@ class QUARNBASTIL_EXPORT RQueue<T, false, Tag> : public RQueueBase<T> {
         static_cast<unsigned>(Array::bytes(capacity)), OvSlab::SlabAllocationPattern::longLived);
     if (storage == nullptr) std::abort();
     const std::uint32_t capacityLog = capacity == 0 ? 0 : powerOfTwoLog2(capacity);
-    Array* const chunk = ::new (storage) Array(capacityLog, baseIndex);
+    auto* const chunk = ::new (storage) Array(capacityLog, baseIndex);
     chunks_.push(*chunk);
     return chunk;
   }

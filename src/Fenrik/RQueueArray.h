@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -34,7 +35,9 @@ class RQueueArray {
   std::uint32_t capacity() const noexcept {
     return (std::uint32_t{1} << (word_ >> kCapacityLogShift)) & ~std::uint32_t{1};
   }
-  bool full() const noexcept { return writeCount() == capacity(); }
+  /// No slot is left to write; always so of a marker.
+  bool full() const noexcept { return word_ >= kFullWords[word_ >> kCapacityLogShift]; }
+  bool marker() const noexcept { return word_ < std::uint32_t{1} << kCapacityLogShift; }
   bool usedUp() const noexcept { return readOffset() == writeCount(); }
 
   std::uint32_t baseIndex() const noexcept { return baseIndex_; }
@@ -65,6 +68,16 @@ class RQueueArray {
   static constexpr std::uint32_t kOffsetMask = (1u << 14) - 1;
   static constexpr unsigned kWriteCountShift = 14;
   static constexpr unsigned kCapacityLogShift = 28;
+  /// By the capacity's logarithm, the least word of a full chunk: the write count stands above the
+  /// read offset, so one comparison of the whole word tells, in place of four steps to the
+  /// capacity.
+  static constexpr std::array<std::uint32_t, 16> kFullWords = [] {
+    std::array<std::uint32_t, 16> words{};
+    for (std::uint32_t log = 1; std::uint32_t{1} << log <= kCapacityMost; ++log) {
+      words[log] = log << kCapacityLogShift | std::uint32_t{1} << (kWriteCountShift + log);
+    }
+    return words;
+  }();
   /// The header's 16 bytes, rounded up to the alignment of T.
   static constexpr std::size_t kSlotsOffset = (16 + alignof(T) - 1) / alignof(T) * alignof(T);
   static_assert(alignof(T) <= 16, "chunks are aligned to 16 bytes");

@@ -40,7 +40,7 @@ class StringCommon {
 };
 
 /// The narrow string.
-class StrB : public StringCommon<char> {
+class QUARNBASTIL_EXPORT StrB : public StringCommon<char> {
  public:
   StrB() = default;
   StrB(const char* text) : StringCommon(View(text)) {}

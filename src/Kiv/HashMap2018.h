@@ -84,7 +84,7 @@ class QUARNBASTIL_EXPORT HashMap2018 {
   unsigned memberCount() const noexcept { return generic_.memberCount(); }
 
   /// The node of a key, or null.
-  const Node* operator[](const Key& key) const {
+  [[gnu::always_inline]] const Node* operator[](const Key& key) const {
     const Lookup& lookupKey = Traits::lookup(key);
     return lookup(lookupKey, Traits::hash(lookupKey, seed_));
   }
@@ -99,11 +99,20 @@ class QUARNBASTIL_EXPORT HashMap2018 {
   /// Inserts a node. REQUIRES: its key is not in the map.
   void newMember(Node node) {
     const auto& key = node.key();
+    memberElseNew(key, [&]() -> Node&& { return std::move(node); });
+  }
+
+  /// The node of a key; if there is none, inserts the one that `makeNode()` returns, which has that
+  /// key, and returns null. One search does both. REQUIRES: `makeNode` does not change the map.
+  template <class MakeNode>
+  [[gnu::always_inline]] const Node* memberElseNew(const Key& key, const MakeNode& makeNode) {
     const Lookup& lookupKey = Traits::lookup(key);
     const KeyArg arg{&lookupKey, Traits::hash(lookupKey, seed_)};
-    if (generic_.newMemberUsual<Operations>(arg.rhash, node)) [[likely]]
-      return;
-    generic_.newMemberG(&vt_, arg, std::move(node));
+    const auto [present, done] =
+        generic_.newMemberUsual<Operations>(arg.rhash, keyIs(lookupKey), makeNode);
+    if (done) [[likely]]
+      return static_cast<const Node*>(present);
+    return memberElseNewG(arg, makeNode);
   }
 
   /// The node of a key for `fwkValueIs`, or null. Iterators go on to see the old value.
@@ -160,7 +169,15 @@ class QUARNBASTIL_EXPORT HashMap2018 {
   }
 
   [[gnu::always_inline]] const Node* lookup(const Lookup& key, std::uint32_t rhash) const {
-    return static_cast<const Node*>(generic_.lookup(sizeof(Node), rhash, keyIs(key)));
+    return static_cast<const Node*>(
+        generic_.lookup<Traits::kHashTellsKey>(sizeof(Node), rhash, keyIs(key)));
+  }
+
+  template <class MakeNode>
+  [[gnu::noinline]] const Node* memberElseNewG(const KeyArg& arg, const MakeNode& makeNode) {
+    const HashMap2018LinkNodeBase* const present = generic_.lookupNodeG(&vt_, arg);
+    if (present == nullptr) generic_.newMemberG(&vt_, arg, makeNode());
+    return static_cast<const Node*>(present);
   }
 
   const std::uint32_t seed_ = seed();

@@ -234,8 +234,8 @@ void HashMap2018Generic::limitsUpdate() noexcept {
 }
 
 const Node* HashMap2018Generic::lookupNodeG(const VTable* vt, const KeyAndRhashSeedArg& key) const {
-  return lookup(vt->nodeSize, key.rhash,
-                [&](const Node* node) { return vt->keyEqualsNode(key.key, node); });
+  return lookup<false>(vt->nodeSize, key.rhash,
+                       [&](const Node* node) { return vt->keyEqualsNode(key.key, node); });
 }
 
 const Node* HashMap2018Generic::lookupNodeG(const VTable* vt, const KeyString& key) const {

@@ -76,8 +76,9 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
   unsigned memberCount() const noexcept { return memberCount_; }
   unsigned bucketCount() const noexcept { return (1u << level_) + splitCount_; }
 
-  /// The lookup itself, for code that knows the type: `keyIs(node)` compares the keys.
-  template <class KeyIs>
+  /// The lookup itself, for code that knows the type: `keyIs(node)` compares the keys. With
+  /// `hashTellsKey` no two keys have one hash: then no node is looked at.
+  template <bool hashTellsKey, class KeyIs>
   [[gnu::always_inline]] const HashMap2018LinkNodeBase* lookup(std::size_t nodeSize,
                                                                std::uint32_t rhash,
                                                                const KeyIs& keyIs) const {
@@ -85,46 +86,60 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
     const HashMap2018BucketLink link = linkOf(hash);
     if (!link.usual()) [[unlikely]]
       return lookupUnusual(link, nodeSize, hash, keyIs);
-    const std::uint32_t* const words = link.usualWords();
     const HashMap2018BucketHdr* const hdr = link.usualHdr();
     // What the words of empty slots and the header match comes behind what occupied slots do.
-    for (unsigned mask = Impl::equalWords(words, hash); mask != 0; mask &= mask - 1) {
+    unsigned mask = Impl::equalWords(link.usualWords(), hash);
+    while (mask != 0) {
       const auto index = static_cast<unsigned>(std::countr_zero(mask));
       if (index >= hdr->size()) [[unlikely]]
         break;
       const HashMap2018LinkNodeBase* const node = nodeAt(hdr->nodes(), nodeSize, index);
-      if (keyIs(node)) [[likely]]
+      if (hashTellsKey || keyIs(node)) [[likely]]
         return node;
+      mask &= mask - 1;
     }
     return nullptr;
   }
 
-  /// Does what `newMemberG` does if it takes no more than a change of one bucket of usual capacity;
-  /// otherwise returns false and does nothing. `Operations` are those of the node's type.
-  template <class Operations>
-  [[gnu::always_inline]] bool newMemberUsual(std::uint32_t rhash,
-                                             typename Operations::Node& node) noexcept {
+  /// What `newMemberUsual` came to: the member that was there already, or null and whether the new
+  /// one is in.
+  struct Inserted {
+    const HashMap2018LinkNodeBase* present;
+    bool done;
+  };
+
+  /// Looks a key up and, if it is absent, does what `newMemberG` does, if that takes no more than a
+  /// change of one bucket of usual capacity; otherwise says so and does nothing. `Operations` are
+  /// those of the node's type, `makeNode()` gives the node to insert. The first word that is not
+  /// less than the hash says both whether the key may be there and where it goes.
+  template <class Operations, class KeyIs, class MakeNode>
+  [[gnu::always_inline]] Inserted newMemberUsual(std::uint32_t rhash, const KeyIs& keyIs,
+                                                 const MakeNode& makeNode) {
     const std::uint32_t hash = spread(rhash);
     const Link link = linkOf(hash);
-    if (!link.usual() || memberCount_ >= splitAbove_) [[unlikely]]
-      return false;
+    if (!link.usual()) [[unlikely]]
+      return {nullptr, false};
     std::uint32_t* const words = link.usualWords();
     HashMap2018BucketHdr* const hdr = link.usualHdr();
     const unsigned size = hdr->size();
-    if (size == Link::kUsualCapacity || hdr->shared()) [[unlikely]]
-      return false;
-    const unsigned lesser = Impl::lesserWords(words, hash) & Impl::firstBits(size);
-    const auto index = static_cast<unsigned>(std::countr_one(lesser));
-    if (words[index] == hash && index < size) [[unlikely]]
-      return false;
+    const unsigned index = Impl::countLesserUsual(words, size, hash);
+    if (words[index] == hash && index < size) [[unlikely]] {
+      const HashMap2018LinkNodeBase* const node =
+          nodeAt(hdr->nodes(), sizeof(typename Operations::Node), index);
+      // Another key of the same hash is left to the generic form.
+      return Operations::kHashTellsKey || keyIs(node) ? Inserted{node, true}
+                                                      : Inserted{nullptr, false};
+    }
+    if (size == Link::kUsualCapacity || hdr->shared() || memberCount_ >= splitAbove_) [[unlikely]]
+      return {nullptr, false};
+    typename Operations::Node&& node = makeNode();
     HashMap2018BucketHdr grown = *hdr;
     grown.sizeIs(size + 1);
-    Impl::openElement<std::uint32_t>(words, index);
+    Operations::insertUsual(words, size, index, node);
     words[index] = hash;
     *hdr = grown;
-    Operations::insertUsual(hdr->nodes(), size, index, node);
     ++memberCount_;
-    return true;
+    return {nullptr, true};
   }
 
   /// The same for `deleteMemberG`, but for a member that is absent.
@@ -138,17 +153,18 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
     std::uint32_t* const words = link.usualWords();
     HashMap2018BucketHdr* const hdr = link.usualHdr();
     const unsigned size = hdr->size();
-    const unsigned mask = Impl::equalWords(words, hash) & Impl::firstBits(size);
+    const unsigned mask = Impl::equalWords(words, hash) & ((1u << size) - 1);
     // Two of one hash, and what leaves its bucket empty, are left to the generic form.
     if (mask == 0 || (mask & (mask - 1)) != 0 || size == 1 || hdr->shared()) [[unlikely]]
       return false;
     const auto index = static_cast<unsigned>(std::countr_zero(mask));
-    if (!keyIs(nodeAt(hdr->nodes(), sizeof(typename Operations::Node), index))) [[unlikely]]
+    if (!Operations::kHashTellsKey &&
+        !keyIs(nodeAt(hdr->nodes(), sizeof(typename Operations::Node), index))) [[unlikely]] {
       return false;
-    Operations::eraseUsual(hdr->nodes(), size, index, out);
+    }
     HashMap2018BucketHdr shrunk = *hdr;
     shrunk.sizeIs(size - 1);
-    Impl::closeElement<std::uint32_t>(words, index);
+    Operations::eraseUsual(words, size, index, out);
     *hdr = shrunk;
     --memberCount_;
     return true;
@@ -182,8 +198,10 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
   }
 
   template <class KeyIs>
-  static const HashMap2018LinkNodeBase* lookupUnusual(Link link, std::size_t nodeSize,
-                                                      std::uint32_t hash, const KeyIs& keyIs) {
+  [[gnu::noinline]] static const HashMap2018LinkNodeBase* lookupUnusual(Link link,
+                                                                        std::size_t nodeSize,
+                                                                        std::uint32_t hash,
+                                                                        const KeyIs& keyIs) {
     if (!link) return nullptr;
     HashMap2018BucketHdr* const hdr = link.hdr();
     const auto node = [&](unsigned index) { return nodeAt(hdr->nodes(), nodeSize, index); };

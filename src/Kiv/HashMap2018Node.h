@@ -62,12 +62,14 @@ concept HashMap2018NumberKey = !HashMap2018ComposedKey<Key> && requires(const Ke
 };
 
 /// What a map asks of its keys. `Lookup` is the type behind the untyped key of its operations.
+/// `kHashTellsKey`: different keys have different hashes.
 template <class Key>
 struct HashMap2018KeyTraits;
 
 template <HashMap2018ComposedKey Key>
 struct HashMap2018KeyTraits<Key> {
   using Lookup = Key;
+  static constexpr bool kHashTellsKey = false;
   static const Lookup& lookup(const Key& key) noexcept { return key; }
   static std::uint32_t hash(const Lookup& key, std::uint32_t seed) { return key.hash(seed); }
   static bool isEq(const void* a, const void* b) noexcept { return Key::isEq(a, b); }
@@ -78,6 +80,8 @@ struct HashMap2018KeyTraits<Key> {
 template <HashMap2018NumberKey Key>
 struct HashMap2018KeyTraits<Key> {
   using Lookup = Key;
+  static constexpr bool kHashTellsKey =
+      sizeof(Key) <= sizeof(std::uint32_t) && std::has_unique_object_representations_v<Key>;
   static const Lookup& lookup(const Key& key) noexcept { return key; }
   static std::uint32_t hash(const Lookup& key, std::uint32_t seed) noexcept {
     return hashSingleAttr(seed, static_cast<Impl::NumberOfKey<Key>>(key));
@@ -92,6 +96,7 @@ struct HashMap2018KeyTraits<Key> {
 template <>
 struct HashMap2018KeyTraits<Fenrik::String> {
   using Lookup = std::string_view;
+  static constexpr bool kHashTellsKey = false;
   static Lookup lookup(const Fenrik::String& key) noexcept { return key.view(); }
   static std::uint32_t hash(const Lookup& key, std::uint32_t seed) noexcept {
     return HashHelper::hashBytes(seed, key.data(), key.size());
@@ -120,7 +125,7 @@ enum class QUARNBASTIL_EXPORT HashMap2018Alloc : std::uint8_t { slab = 1 };
 ///     using HN_Lamp = Kiv::Hm2018NI<0x1d2c3b4a, LampKey, Fenrik::Ptr<Lamp>, LampKeyFunktor>;
 template <std::uint32_t seed, class KeyType, class ValueType, class KeyFunktorType,
           HashMap2018Alloc alloc = HashMap2018Alloc::slab>
-class Hm2018NI : public HashMap2018LinkNodeBase {
+class QUARNBASTIL_EXPORT Hm2018NI : public HashMap2018LinkNodeBase {
  public:
   using Key = KeyType;
   using Value = ValueType;
@@ -151,7 +156,7 @@ class Hm2018NI : public HashMap2018LinkNodeBase {
 /// Node of a map whose keys stand beside the values.
 template <std::uint32_t seed, class KeyType, class ValueType,
           HashMap2018Alloc alloc = HashMap2018Alloc::slab>
-class Hm2018NE : public HashMap2018LinkNodeBase {
+class QUARNBASTIL_EXPORT Hm2018NE : public HashMap2018LinkNodeBase {
  public:
   using Key = KeyType;
   using Value = ValueType;

@@ -29,6 +29,7 @@ struct QUARNBASTIL_EXPORT NodeOperations {
   static_assert(std::is_copy_constructible_v<Node>, "a bucket that an iterator holds is copied");
   static_assert(alignof(Node) <= HashMap2018BucketLink::kUnit, "see HashMap2018BucketLink");
 
+  static constexpr bool kHashTellsKey = Traits::kHashTellsKey;
   static constexpr bool kPlain = std::is_trivially_copyable_v<Node>;
 
   /// Counts the slots of the collection's buckets; null until there was one.
@@ -93,29 +94,36 @@ struct QUARNBASTIL_EXPORT NodeOperations {
     }
   }
 
-  /// Insert and delete in a bucket of usual capacity.
-  static void insertUsual(Base* nodes, unsigned size, unsigned index, Node& node) noexcept {
-    Node* const gap = static_cast<Node*>(nodes) + index;
-    if constexpr (Node::kBytewise && sizeof(Node) == 8) {
-      openElement<std::uint64_t>(nodes, index);
-      ::new (bytes(gap)) Node(std::move(node));
-    } else if (index == size) {
-      ::new (bytes(gap)) Node(std::move(node));
+  /// Insert and delete in a bucket of usual capacity that begins at `words`. The word of the new
+  /// node and the header are the caller's to write.
+  [[gnu::always_inline]] static void insertUsual(std::uint32_t* words, unsigned size,
+                                                 unsigned index, Node& node) noexcept {
+    Node* const nodes = usualNodes(words);
+    if constexpr (kMovedWithWords) {
+      UsualSlots::open(words, index);
+      ::new (bytes(nodes + index)) Node(std::move(node));
+      return;
+    }
+    openElement<std::uint32_t>(words, index);
+    if (index == size) {
+      ::new (bytes(nodes + index)) Node(std::move(node));
     } else {
-      openSlot(gap, static_cast<Node*>(nodes) + size);
-      *gap = std::move(node);
+      openSlot(nodes + index, nodes + size);
+      nodes[index] = std::move(node);
     }
   }
 
-  static void eraseUsual(Base* nodes, unsigned size, unsigned index, void* out) noexcept {
-    Node* const gap = static_cast<Node*>(nodes) + index;
-    if constexpr (Node::kBytewise && sizeof(Node) == 8) {
+  [[gnu::always_inline]] static void eraseUsual(std::uint32_t* words, unsigned size, unsigned index,
+                                                void* out) noexcept {
+    Node* const nodes = usualNodes(words);
+    if constexpr (kMovedWithWords) {
       // Not moved from, which would store null: the wider loads of the next line would wait for it.
-      std::memcpy(out, bytes(gap), sizeof(Node));
-      closeElement<std::uint64_t>(nodes, index);
+      std::memcpy(out, bytes(nodes + index), sizeof(Node));
+      UsualSlots::close(words, index);
     } else {
-      ::new (out) Node(std::move(*gap));
-      closeGap(gap, gap + 1, static_cast<Node*>(nodes) + size);
+      ::new (out) Node(std::move(nodes[index]));
+      closeGap(nodes + index, nodes + index + 1, nodes + size);
+      closeElement<std::uint32_t>(words, index);
     }
   }
 
@@ -131,6 +139,12 @@ struct QUARNBASTIL_EXPORT NodeOperations {
   }
 
  private:
+  static constexpr bool kMovedWithWords = Node::kBytewise && sizeof(Node) == sizeof(std::uint64_t);
+
+  static Node* usualNodes(std::uint32_t* words) noexcept {
+    return static_cast<Node*>(reinterpret_cast<Base*>(words + kWordsPerStep));
+  }
+
   static void* bytes(Node* node) noexcept { return node; }
 
   static void closeGap(Node* gap, Node* rest, Node* end) noexcept {

@@ -5,6 +5,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "Fenrik/Export.h"
 #include "Kiv/HashMap2018Bucket.h"
 #include "Kiv/HashMap2018Words.h"
 
@@ -101,5 +102,20 @@ inline void closeElement(void* elements, unsigned index) noexcept {
 }
 
 #endif
+
+/// Words and nodes at once, for the nodes of eight bytes that most maps have.
+///
+/// By vectors of 32 bytes where the processor has them: of an erase and an insert a third of the
+/// time was saved, which is why they are worth a call that is not inlined. By vectors of 64 bytes
+/// it was no faster.
+struct QUARNBASTIL_EXPORT UsualSlots {
+  /// Makes room for a slot at `index` of the bucket that begins at `words`.
+  static void open(std::uint32_t* words, unsigned index) noexcept;
+  /// Moves what is behind the slot at `index` over it.
+  static void close(std::uint32_t* words, unsigned index) noexcept;
+
+  /// Whether the processor has such vectors. A test may clear it: both ways do the same.
+  static bool wide_;
+};
 
 }  // namespace Kiv::Impl

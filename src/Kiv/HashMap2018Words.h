@@ -93,4 +93,11 @@ inline unsigned countLesserWords(const std::uint32_t* words, unsigned size,
   return size;
 }
 
+/// The same where `size` is below a step's.
+[[gnu::always_inline]] inline unsigned countLesserUsual(const std::uint32_t* words, unsigned size,
+                                                        std::uint32_t hash) noexcept {
+  const unsigned others = ~lesserWords(words, hash) | 1u << size;
+  return static_cast<unsigned>(std::countr_zero(others));
+}
+
 }  // namespace Kiv::Impl

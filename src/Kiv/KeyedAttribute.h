@@ -83,9 +83,8 @@ class KeyedMutator {
  private:
   template <class MakeNode>
   void insertOrReplace(const Key& key, const Value& value, MakeNode makeNode) const {
-    const Node* const present = map_[key];
+    const Node* const present = map_.memberElseNew(key, makeNode);
     if (present == nullptr) {
-      map_.newMember(makeNode());
       publishNode(key);
     } else if (!sameValue(present->value(), value)) {
       // The old value goes with `other`, after the announcement.

@@ -65,12 +65,17 @@ template <class... Args>
 /// gives "". `format` is a literal, checked against the arguments while compiling. With the level
 /// off the site costs two tests and evaluates neither the arguments nor the prefix; bit fields are
 /// passed as `+field`.
-#define KIV_TRACE(handle, level, prefix, format, ...)                                \
+#define KIV_TRACE(handle, level, prefix, format, ...) \
+  KIV_TRACE_AS(__func__, handle, level, prefix, format __VA_OPT__(, ) __VA_ARGS__)
+
+/// The same under the name of another function: for a part of an operation that stands in a
+/// function of its own, and whose readers know the operation.
+#define KIV_TRACE_AS(function, handle, level, prefix, format, ...)                   \
   do {                                                                               \
     static_assert(::Kiv::Impl::traceLevelValid(level), "a trace level is 0 to 15");  \
     const ::Kiv::TraceHandle& kivTraceHandle = (handle);                             \
     if (__builtin_expect(kivTraceHandle.levelEnabled(level), 0))                     \
       ::Kiv::Impl::traceSite(kivTraceHandle, (level), __FILE__,                      \
-                             static_cast<const char*>(__func__), __LINE__, (prefix), \
+                             static_cast<const char*>(function), __LINE__, (prefix), \
                              format __VA_OPT__(, ) __VA_ARGS__);                     \
   } while (false)

@@ -24,7 +24,8 @@ class SettingReader {
 
   std::vector<TraceRule> rules() {
     std::vector<TraceRule> rules;
-    while ((position_ = text_.find_first_not_of(kBetweenRules, position_)) != text_.npos)
+    while ((position_ = text_.find_first_not_of(kBetweenRules, position_)) !=
+           std::string_view::npos)
       rules.push_back(rule());
     return rules;
   }
@@ -37,19 +38,24 @@ class SettingReader {
     if (rule.pattern.empty()) fail("a pattern of handle names before '/'");
     if (!take('/')) fail("'/' and levels after the pattern");
     rule.mask = levels();
-    if (!atRuleEnd()) fail("',' and another level, or the end of the rule");
     return rule;
   }
 
   std::uint16_t levels() {
-    if (take('*')) return kEveryLevel;
+    if (take('*')) return ended(kEveryLevel, "the end of the rule");
     if (text_.substr(position_).starts_with(kNone)) {
       position_ += kNone.size();
-      return 0;
+      return ended(0, "the end of the rule");
     }
     std::uint16_t mask = 0;
     do mask = static_cast<std::uint16_t>(mask | levelRange());
     while (take(','));
+    return ended(mask, "',' and another level, or the end of the rule");
+  }
+
+  /// The mask, if nothing else stands in the rule.
+  std::uint16_t ended(std::uint16_t mask, std::string_view expected) const {
+    if (!atRuleEnd()) fail(expected);
     return mask;
   }
 
@@ -87,7 +93,8 @@ class SettingReader {
   }
 
   bool atRuleEnd() const {
-    return position_ == text_.size() || kBetweenRules.find(text_[position_]) != text_.npos;
+    return position_ == text_.size() ||
+           kBetweenRules.find(text_[position_]) != std::string_view::npos;
   }
 
   [[noreturn]] void fail(std::string_view expected) const {
@@ -111,7 +118,7 @@ bool traceNameFits(std::string_view pattern, std::string_view name) noexcept {
   std::size_t p = 0;
   std::size_t n = 0;
   // Where to try again with the last '*' standing for one character more.
-  std::size_t starAt = pattern.npos;
+  std::size_t starAt = std::string_view::npos;
   std::size_t starName = 0;
   while (n < name.size()) {
     if (p < pattern.size() && pattern[p] == '*') {
@@ -120,14 +127,14 @@ bool traceNameFits(std::string_view pattern, std::string_view name) noexcept {
     } else if (p < pattern.size() && (pattern[p] == '?' || pattern[p] == name[n])) {
       ++p;
       ++n;
-    } else if (starAt != pattern.npos) {
+    } else if (starAt != std::string_view::npos) {
       p = starAt + 1;
       n = ++starName;
     } else {
       return false;
     }
   }
-  return pattern.find_first_not_of('*', p) == pattern.npos;
+  return pattern.find_first_not_of('*', p) == std::string_view::npos;
 }
 
 std::vector<TraceRule> traceRulesOf(std::string_view setting) {

@@ -96,11 +96,10 @@ class Checked {
 struct Walker {
   ItemIter iter;
   std::uint64_t at;
-  bool ended = false;
+  bool ended;
 
-  explicit Walker(const Checked& checked) : iter(checked.queue()), at(checked.front()) {
-    ended = checked.numbers().empty();
-  }
+  explicit Walker(const Checked& checked)
+      : iter(checked.queue()), at(checked.front()), ended(checked.numbers().empty()) {}
 
   void step(const Checked& checked) {
     iter.increment();
@@ -211,8 +210,8 @@ class ChunkSizes {
   void deq(unsigned count = 1) {
     for (; count != 0; --count) queue.deq();
   }
-  std::uint64_t capacity() const { return tracked("QE_Sizes").live; }
-  std::uint64_t chunks() const { return tracked("QE_Sizes").liveArrays; }
+  static std::uint64_t capacity() { return tracked("QE_Sizes").live; }
+  static std::uint64_t chunks() { return tracked("QE_Sizes").liveArrays; }
 
   Fenrik::RQueue<Item::Ptr, false, QE_Sizes> queue;
 };
@@ -220,23 +219,23 @@ class ChunkSizes {
 TEST(RQueueTest, ChunksGrowWithTheQueueUpTo8192) {
   ChunkSizes sizes;
   sizes.enq(8);
-  EXPECT_EQ(sizes.capacity(), 8u);
+  EXPECT_EQ(ChunkSizes::capacity(), 8u);
   sizes.enq();
-  EXPECT_EQ(sizes.capacity(), 8u + 16) << "8 elements filled the first";
+  EXPECT_EQ(ChunkSizes::capacity(), 8u + 16) << "8 elements filled the first";
   sizes.queue.doClear(false);
   sizes.enq(8);
   sizes.deq();
   sizes.enq();
-  EXPECT_EQ(sizes.capacity(), 8u + 8) << "7 elements stood in the full one";
+  EXPECT_EQ(ChunkSizes::capacity(), 8u + 8) << "7 elements stood in the full one";
   sizes.queue.doClear(false);
 
   sizes.enq(40000);
-  std::uint64_t before = sizes.capacity();
+  std::uint64_t before = ChunkSizes::capacity();
   EXPECT_EQ(before % 8192, 8184u) << "8 + 16 + ... + 4096, then 8192 each";
   sizes.enq(8192);
-  EXPECT_EQ(sizes.capacity(), before + 8192);
+  EXPECT_EQ(ChunkSizes::capacity(), before + 8192);
   sizes.deq(48180);
-  EXPECT_EQ(sizes.chunks(), 1u);
+  EXPECT_EQ(ChunkSizes::chunks(), 1u);
   EXPECT_EQ(sizes.queue.size(), 12u);
 }
 
@@ -244,15 +243,15 @@ TEST(RQueueTest, AnEmptiedQueueKeepsOnlyAMarkerAndItsNextIndex) {
   ChunkSizes sizes;
   sizes.enq(3);
   sizes.deq(3);
-  EXPECT_EQ(sizes.capacity(), 0u) << "a sole chunk goes though it had free slots";
-  EXPECT_EQ(sizes.chunks(), 1u);
+  EXPECT_EQ(ChunkSizes::capacity(), 0u) << "a sole chunk goes though it had free slots";
+  EXPECT_EQ(ChunkSizes::chunks(), 1u);
   EXPECT_EQ(sizes.queue.frontIndex(), 4u);
   sizes.enq();
-  EXPECT_EQ(sizes.chunks(), 1u) << "the marker was replaced";
-  EXPECT_EQ(sizes.capacity(), 8u);
+  EXPECT_EQ(ChunkSizes::chunks(), 1u) << "the marker was replaced";
+  EXPECT_EQ(ChunkSizes::capacity(), 8u);
   EXPECT_EQ(sizes.queue.backIndex(), 4u);
   sizes.queue.doClear(true);
-  EXPECT_EQ(sizes.capacity(), 0u);
+  EXPECT_EQ(ChunkSizes::capacity(), 0u);
   sizes.enq();
   EXPECT_EQ(sizes.queue.backIndex(), 5u);
 }
@@ -279,10 +278,10 @@ class Returning final : public Fenrik::NodeClass<Returning> {
 
   explicit Returning(Queue* queue) : queue_(queue) {}
   ~Returning() override {
-    if (queue_ != nullptr) indexAtEnd = queue_->enq(Fenrik::ptrIsImpl<Returning>(nullptr));
+    if (queue_ != nullptr) indexAtEnd_ = queue_->enq(Fenrik::ptrIsImpl<Returning>(nullptr));
   }
 
-  inline static std::uint32_t indexAtEnd = 0;
+  inline static std::uint32_t indexAtEnd_ = 0;
 
  private:
   Queue* queue_;
@@ -294,7 +293,7 @@ TEST(RQueueTest, AnElementThatGoesWithTheRestMayEnqueueAndContinuesTheSequence) 
   queue.enq(Fenrik::ptrIsImpl<Returning>(&queue));
   queue.enq(Fenrik::ptrIsImpl<Returning>(nullptr));
   queue.doClear(true);
-  EXPECT_EQ(Returning::indexAtEnd, 4u);
+  EXPECT_EQ(Returning::indexAtEnd_, 4u);
   EXPECT_EQ(queue.size(), 1u);
   EXPECT_EQ(queue.frontIndex(), 4u);
 }

@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "Counted.h"
@@ -102,11 +103,15 @@ struct Pair {
 
   void insertOrReplace(unsigned n, int payload) {
     Node fresh = Shape::node(n, payload);
-    if (Node* const node = map[Shape::key(n)] ? map.nodeForChange(Shape::key(n)) : nullptr) {
+    unsigned made = 0;
+    const auto makeNode = [&]() -> Node&& { return ++made, std::move(fresh); };
+    const Node* const present = map.memberElseNew(Shape::key(n), makeNode);
+    ASSERT_EQ(present != nullptr, model.count(n) == 1);
+    ASSERT_EQ(made, present == nullptr ? 1u : 0u);
+    if (present != nullptr) {
+      ASSERT_EQ(payloadOf(present->value()), model[n]);
       auto value = fresh.valueMoved();
-      node->fwkValueIs(value);
-    } else {
-      map.newMember(std::move(fresh));
+      map.nodeForChange(Shape::key(n))->fwkValueIs(value);
     }
     model[n] = payload;
   }
@@ -253,6 +258,13 @@ TYPED_TEST_SUITE(HashMapModel, Shapes);
 TYPED_TEST(HashMapModel, BehavesAsItsModelWhileWalksAreUnderWay) {
   this->run(20000, 40);
   this->run(30000, 3000);
+}
+
+TYPED_TEST(HashMapModel, BehavesAsItsModelWithoutWideVectors) {
+  const bool wide = std::exchange(Kiv::Impl::UsualSlots::wide_, false);
+  this->run(10000, 40);
+  this->run(20000, 3000);
+  Kiv::Impl::UsualSlots::wide_ = wide;
 }
 
 TYPED_TEST(HashMapModel, BehavesAsItsModelWhenManyKeysShareAHash) {

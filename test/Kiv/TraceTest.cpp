@@ -121,7 +121,7 @@ struct WriteCounter {
   std::array<int, 2> ends{};
 };
 
-const Kiv::TraceHandle& racedHandle() {
+KIV_TRACE_ACCESSOR const Kiv::TraceHandle& racedHandle() {
   static const Kiv::TraceHandle handle("TraceTestRaced", false);
   return handle;
 }

@@ -81,6 +81,9 @@ class QUARNBASTIL_EXPORT DenseWriter {
   /// is appended; elsewhere it is inserted or replaces the record that is there. Throws
   /// `CollectionFullException` or `NoSpaceException` with nothing changed.
   void set(std::span<const Word> record);
+  /// Sees to it that the record behind the newest one can be stored: what `set` would throw is
+  /// thrown here, with nothing changed that a reader could see.
+  void makeRoom();
   /// Removes the version's record; false if there is none.
   bool remove(Word version);
   /// Removes everything; the next version stays what it was.

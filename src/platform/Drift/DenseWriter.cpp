@@ -139,6 +139,11 @@ void DenseWriter::checkRoom(Word first, Word next) const {
       file_.path(), first, next - 1, next - first, mask_ + 1, file_.header().capacity));
 }
 
+void DenseWriter::makeRoom() {
+  checkRoom(empty() ? next_.value() : first_.value(), next_.value() + 1);
+  reserveFor(next_.value(), next_.value());
+}
+
 void DenseWriter::set(std::span<const Word> record) {
   const Word version = record[0];
   if (empty() || version >= next_.value()) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -90,5 +91,15 @@ class QUARNBASTIL_EXPORT DriftFile {
   Format::FixedHeader header_{};
   std::byte* data_ = nullptr;
 };
+
+/// A doorbell, and the number that it had when its owner last looked behind it.
+struct BellSeen {
+  const DriftFile* file;
+  std::uint32_t seen;
+};
+
+/// Sleeps until one of the doorbells has moved or the time is over; true if one has moved.
+QUARNBASTIL_EXPORT bool waitForAnyRing(std::span<const BellSeen> bells,
+                                       std::chrono::nanoseconds timeout);
 
 }  // namespace Drift

@@ -100,10 +100,24 @@ class QUARNBASTIL_EXPORT HashedWriter {
   /// Inserts the record, or replaces the one of its key. Throws `CollectionFullException` or
   /// `NoSpaceException` with nothing changed.
   void set(std::span<const Word> record);
+  /// Sees to it that a record of the key can be stored: what `set` would throw is thrown here, with
+  /// nothing changed that a reader could see.
+  void makeRoom(KeyWords key);
+  /// The same for a record that replaces one.
+  void makeRoom();
+  /// Fetches what `set` of the key will touch into the processor's cache: its index word, and with
+  /// `near`, once that is there, the record to which it leads and a slot for the new one.
+  void prefetch(KeyWords key, bool near) const noexcept;
   /// Removes the key's record; false if there was none.
   bool remove(KeyWords key);
   /// Removes everything in one step. Throws `NoSpaceException` with nothing changed.
   void removeAll();
+
+  /// Number of slots that have had memory behind them.
+  Word slots() const noexcept { return reserved_.value(); }
+  /// The words in a slot as they are, whole or not, of a record that may long have gone: for a
+  /// quick look at which keys a look-up is worth. REQUIRES: slot < slots().
+  const Word* peek(Word slot) const noexcept { return view_.slotWords(slot) + 1; }
 
   /// Index words that were dropped because they or their records were found damaged, at the
   /// takeover or later; each may be a record that is lost.
@@ -124,6 +138,9 @@ class QUARNBASTIL_EXPORT HashedWriter {
   void adoptWord(Word* bucket, std::vector<bool>& used);
   void fillFreeList(const std::vector<bool>& used);
   Place locate(KeyWords key, Word hash);
+  Place placeFor(KeyWords key, Word hash);
+  bool slotAtHand() const noexcept;
+  void reserveSlots();
   bool proves(Word bucket, const IndexWord& word);
   void drop(Word bucket);
   Word takeSlot();

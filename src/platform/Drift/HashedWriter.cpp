@@ -138,6 +138,44 @@ void HashedWriter::drop(Word bucket) {
   live_[activeTable()].set(count);
 }
 
+/// The same, once there is room for it.
+HashedWriter::Place HashedWriter::placeFor(KeyWords key, Word hash) {
+  Place place = locate(key, hash);
+  if (place.seen != 0) return place;
+  if (live() >= file_.header().capacity) full("its limit");
+  // A quarter of the buckets in tombstones makes searches long; live ones fill half at most.
+  if (tombstones_ > (mask_ + 1) / 4) {
+    switchTable(true);
+    place = locate(key, hash);
+  }
+  if (place.displacement > Format::kMaxDisplacement) full("and no bucket is left for this key");
+  return place;
+}
+
+bool HashedWriter::slotAtHand() const noexcept {
+  // With no fresh slot left the resting ones are taken, which have memory.
+  return !free_.empty() || nextFresh_ < reserved_.value() || nextFresh_ >= file_.header().slotCount;
+}
+
+/// Memory behind the next fresh slots.
+void HashedWriter::reserveSlots() {
+  const Word stride = file_.header().slotStride;
+  const Word begin = file_.header().slotsOffset + nextFresh_ * stride;
+  const Word size = std::min(Format::kChunkSize, file_.header().fileSize - begin);
+  file_.reserve(begin, size);
+  reserved_.set(std::min(nextFresh_ + size / stride, file_.header().slotCount));
+}
+
+void HashedWriter::makeRoom(KeyWords key) {
+  const bool plenty = live() < file_.header().capacity && tombstones_ <= (mask_ + 1) / 4;
+  if (!plenty) placeFor(key, hashKey(key, file_.header().hashSeed));
+  makeRoom();
+}
+
+void HashedWriter::makeRoom() {
+  if (!slotAtHand()) reserveSlots();
+}
+
 /// A slot to write, with memory behind it; it stays on its list until it has been published.
 Word HashedWriter::takeSlot() {
   if (!free_.empty()) {
@@ -145,14 +183,8 @@ Word HashedWriter::takeSlot() {
     free_.pop_back();
     return slot;
   }
-  const Word stride = file_.header().slotStride;
   if (nextFresh_ < file_.header().slotCount) {
-    if (nextFresh_ >= reserved_.value()) {
-      const Word begin = file_.header().slotsOffset + nextFresh_ * stride;
-      const Word size = std::min(Format::kChunkSize, file_.header().fileSize - begin);
-      file_.reserve(begin, size);
-      reserved_.set(std::min(nextFresh_ + size / stride, file_.header().slotCount));
-    }
+    if (nextFresh_ >= reserved_.value()) reserveSlots();
     return nextFresh_++;
   }
   // Everything else is in use: the slot that has rested longest.
@@ -183,16 +215,7 @@ void HashedWriter::set(std::span<const Word> record) {
   HashedView::KeyRoom room{};
   const KeyWords key = view_.keyOf(record.data(), room);
   const Word hash = hashKey(key, file_.header().hashSeed);
-  Place place = locate(key, hash);
-  if (place.seen == 0) {
-    if (live() >= file_.header().capacity) full("its limit");
-    // A quarter of the buckets in tombstones makes searches long; live ones fill half at most.
-    if (tombstones_ > (mask_ + 1) / 4) {
-      switchTable(true);
-      place = locate(key, hash);
-    }
-    if (place.displacement > Format::kMaxDisplacement) full("and no bucket is left for this key");
-  }
+  const Place place = placeFor(key, hash);
   const Word slot = takeSlot();
   const Word sequence = fillSlot(slot, record);
   const bool fresh = place.seen == 0;
@@ -205,6 +228,27 @@ void HashedWriter::set(std::span<const Word> record) {
   }
   if (reused) --tombstones_;
   live_[activeTable()].set(live() + 1);
+}
+
+void HashedWriter::prefetch(KeyWords key, bool near) const noexcept {
+  const Word hash = hashKey(key, file_.header().hashSeed);
+  const Word* const bucket = view_.table(active_.value()) + (hash & mask_);
+  if (!near) {
+    __builtin_prefetch(bucket);
+    return;
+  }
+  const Word seen = loadWord(bucket);
+  const Word slot = IndexWord::from(seen).slot;
+  if (seen != IndexWord::kEmpty && slot < file_.header().slotCount) {
+    __builtin_prefetch(view_.slotWords(slot));
+  }
+  // Of the free slots the ones on top are taken next.
+  if (free_.empty()) return;
+  const Word next = free_[free_.size() - 1 - std::min<std::size_t>(free_.size() - 1, 1)];
+  const auto* const target = reinterpret_cast<const std::byte*>(view_.slotWords(next));
+  for (Word line = 0; line < file_.header().slotStride; line += Format::kLineSize) {
+    __builtin_prefetch(target + line, 1);
+  }
 }
 
 bool HashedWriter::remove(KeyWords key) {

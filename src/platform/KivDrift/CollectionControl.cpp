@@ -5,8 +5,10 @@
 namespace KivDrift {
 
 CollectionControl::CollectionControl(Drift::DriftFile& file)
-    : file_(file), scratchpad_(file.data(), Drift::Format::Line::scratchpad) {
-  if (file.writable()) FENRIK_ASSERT(scratchpad_.adopt());
+    : file_(file),
+      scratchpad_(file.data(), Drift::Format::Line::scratchpad),
+      announced_(file.data(), Drift::Format::Line::announced) {
+  if (file.writable()) FENRIK_ASSERT(scratchpad_.adopt() && announced_.adopt());
 }
 CollectionControl::~CollectionControl() = default;
 
@@ -22,6 +24,12 @@ unsigned long long CollectionControl::scratchpad() const {
 }
 
 void CollectionControl::scratchpadIs(unsigned long long value) { scratchpad_.set(value); }
+
+unsigned long long CollectionControl::announced() const {
+  return load(Drift::Format::Line::announced, "the announced version");
+}
+
+void CollectionControl::announcedIs(unsigned long long version) { announced_.set(version); }
 
 bool CollectionControl::wiped() const {
   return load(Drift::Format::Line::wiped, "the wiped flag") != 0;

@@ -5,7 +5,7 @@
 
 namespace KivDrift {
 
-/// The control object of one collection: two values that outlive the process.
+/// The control object of one collection: values that outlive the process.
 ///
 /// Process and thread: set by the collection's writer, on its table thread; read by any process.
 class QUARNBASTIL_EXPORT CollectionControl final : public Fenrik::NodeClass<CollectionControl> {
@@ -19,6 +19,11 @@ class QUARNBASTIL_EXPORT CollectionControl final : public Fenrik::NodeClass<Coll
   unsigned long long scratchpad() const;
   /// Stores it with the collection. REQUIRES: mounted for writing.
   void scratchpadIs(unsigned long long value);
+
+  /// Of a log: the version up to which a follower may go.
+  unsigned long long announced() const;
+  /// REQUIRES: mounted for writing.
+  void announcedIs(unsigned long long version);
 
   /// The store under the collection was found unusable and was rebuilt empty.
   bool wiped() const;
@@ -36,6 +41,7 @@ class QUARNBASTIL_EXPORT CollectionControl final : public Fenrik::NodeClass<Coll
 
   Drift::DriftFile& file_;
   Drift::CheckedWordWriter scratchpad_;
+  Drift::CheckedWordWriter announced_;
 };
 
 }  // namespace KivDrift

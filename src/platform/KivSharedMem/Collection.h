@@ -41,6 +41,26 @@ class QUARNBASTIL_EXPORT HashedCollection : public Fenrik::NodeClass<Self, Entit
     noteDropped();
   }
   void recordDelAll() { writer().removeAll(); }
+  void recordRoom(const typename Layout::Key& key) {
+    std::array<Drift::Word, Layout::kKeyWords> words;
+    Layout::keyToWords(key, words.data());
+    writer().makeRoom(words);
+    noteDropped();
+  }
+  void recordPrefetch(const typename Layout::Key& key, bool near) const noexcept {
+    std::array<Drift::Word, Layout::kKeyWords> words;
+    Layout::keyToWords(key, words.data());
+    writer_->prefetch(words, near);
+  }
+  /// Calls `visit` with the bytes of each slot as they are: of a record, of one that has gone, or
+  /// of none. What they say is a hint, to be proved by a look-up.
+  template <class Visit>
+  void slotsPeek(Visit visit) const {
+    for (Drift::Word slot = 0; slot < writer_->slots(); ++slot) {
+      visit(reinterpret_cast<const std::byte*>(writer_->peek(slot)));
+    }
+  }
+  void replacementRoom() { writer().makeRoom(); }
 
  private:
   Drift::HashedWriter& writer() {
@@ -89,6 +109,8 @@ class QUARNBASTIL_EXPORT DenseCollection : public Fenrik::NodeClass<Self, Entity
     writer().set(words);
   }
   void recordDel(Drift::Word version) { writer().remove(version); }
+  void recordDelAll() { writer().removeAll(); }
+  void recordRoom() { writer().makeRoom(); }
 
  private:
   Drift::DenseWriter& writer() {

@@ -24,7 +24,7 @@ enum class KivSharedMemType : unsigned {
 /// The paths of the entities that were found.
 class QUARNBASTIL_EXPORT EntityColl final : public Fenrik::NodeClass<EntityColl> {
  public:
-  struct PathOfEntity {
+  struct QUARNBASTIL_EXPORT PathOfEntity {
     const Fenrik::String& operator()(const Fenrik::String& path) const noexcept { return path; }
   };
   using HN_EntityPath = Kiv::Hm2018NI<0x27d4eb2f, Fenrik::String, Fenrik::String, PathOfEntity>;
