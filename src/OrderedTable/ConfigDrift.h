@@ -1,6 +1,11 @@
 #pragma once
 
+#include <cstddef>
+#include <cstring>
+#include <vector>
+
 #include "KivSharedMem/Collection.h"
+#include "OrderedTable/LogVersion.h"
 
 namespace Asic {
 
@@ -20,6 +25,28 @@ class QUARNBASTIL_EXPORT ConfigDrift : public KivSharedMem::HashedCollection<Sel
   /// Inserts the record, or replaces the one with the same key. Throws
   /// `Drift::CollectionFullException` or `Drift::NoSpaceException` with nothing changed.
   void swTableEntriesIs(const Record& record) { this->recordIs(record); }
+  /// Sees to it that a record of that key can be stored: throws what storing it would throw.
+  void swTableEntriesRoom(const Key& key) { this->recordRoom(key); }
+  /// The same for a record of a key that is there.
+  void swTableEntriesReplacementRoom() { this->replacementRoom(); }
+  /// Fetches what a change of the key's record will touch into the processor's cache: first its
+  /// index, then, with `near`, what that leads to.
+  void swTableEntriesPrefetch(const Key& key, bool near) const noexcept {
+    this->recordPrefetch(key, near);
+  }
+  /// The keys of records that look as if they had been removed at or before a version; each is to
+  /// be looked up before it is believed. Much quicker than a walk.
+  std::vector<Key> swTableEntriesMaybeDeleted(LogVersion version) const {
+    std::vector<Key> keys;
+    this->slotsPeek([&](const std::byte* bytes) {
+      if (bytes[offsetof(Record, isDeleted)] == std::byte{0}) return;
+      std::uint64_t since = 0;
+      std::memcpy(&since, bytes + offsetof(Record, logVersion), sizeof since);
+      if (since > version.value()) return;
+      std::memcpy(static_cast<void*>(&keys.emplace_back()), bytes, sizeof(Key));
+    });
+    return keys;
+  }
   /// Removes the record of that key, if there is one.
   void swTableEntriesDel(const Key& key) { this->recordDel(key); }
 };

@@ -20,6 +20,8 @@ class QUARNBASTIL_EXPORT EntryLogDrift : public KivSharedMem::DenseCollection<Se
   /// Inserts the record under its version. Throws `Drift::CollectionFullException` or
   /// `Drift::NoSpaceException` with nothing changed.
   void entryLogConfigIs(const Record& record) { this->recordIs(record); }
+  /// Sees to it that one more record can be appended: throws what appending it would throw.
+  void entryLogConfigRoom() { this->recordRoom(); }
   /// Removes the record of that version, if there is one.
   void entryLogConfigDel(LogVersion version) { this->recordDel(version.value()); }
 };

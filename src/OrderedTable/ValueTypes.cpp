@@ -6,6 +6,8 @@
 #include "OrderedTable/UnitId.h"
 
 #include "Drift/RecordLayout.h"
+#include "OrderedTable/NeededEntryDrift.h"
+#include "OrderedTable/TableVersionDrift.h"
 #include "Stavro/ValueEntity.h"
 
 // What the value types look like to other processes, which find them in records.
@@ -27,6 +29,8 @@ static_assert(!EntryVersion().valid() && EntryVersion(MajorVersion(0), 0).valid(
 namespace {
 
 const Stavro::ValueRegistration<GenId> kGenIdRegistration;
+// Known to the mount by name as soon as the library is loaded.
+const KivSharedMem::EntityRegistrations<NeededEntryDrift, TableVersionDrift> kEntities;
 
 }  // namespace
 

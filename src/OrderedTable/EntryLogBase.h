@@ -1,0 +1,60 @@
+#pragma once
+
+#include "Fenrik/Attribute.h"
+#include "Fenrik/NodeClass.h"
+#include "Fenrik/String.h"
+#include "OrderedTable/GroupInterface.h"
+#include "OrderedTable/LogVersion.h"
+#include "OrderedTable/SwTableId.h"
+#include "Stavro/EntityManager.h"
+
+namespace Asic {
+
+/// Base of the entry logs: the table's place in the agent and its two versions.
+class QUARNBASTIL_EXPORT EntryLogBase : public Fenrik::Publishing<Fenrik::Node> {
+ public:
+  static constexpr Fenrik::FieldId kTableVersionField{2};
+  static constexpr Fenrik::FieldId kTableStatusVersionField{3};
+
+  EntryLogBase(SwTableId tableId, const Fenrik::Ptr<Stavro::EntityManager>& entityManager,
+               const Fenrik::Ptr<GroupInterface>& groupInterface, const Fenrik::String& agentName);
+  ~EntryLogBase() override;
+
+  SwTableId tableId() const noexcept { return tableId_; }
+  const Fenrik::Ptr<Stavro::EntityManager>& entityManager() const noexcept {
+    return entityManager_;
+  }
+  const Fenrik::Ptr<GroupInterface>& groupInterface() const noexcept { return groupInterface_; }
+  const Fenrik::String& agentName() const noexcept { return agentName_; }
+
+  /// Newest version that was issued.
+  LogVersion tableVersion() const noexcept { return tableVersion_; }
+  /// Newest version up to which the log was cleaned; while it differs from `tableVersion`, the
+  /// hardware has still to write.
+  LogVersion tableStatusVersion() const noexcept { return tableStatusVersion_; }
+
+  /// Moves the newest version on and returns it.
+  LogVersion tableVersionInc(LogVersion delta) {
+    tableVersionIs(LogVersion(tableVersion_.value() + delta.value()));
+    return tableVersion_;
+  }
+
+ protected:
+  void tableVersionIs(LogVersion version) {
+    Fenrik::Impl::attributeValueIs(publisher_, kTableVersionField, tableVersion_, version);
+  }
+  void tableStatusVersionIs(LogVersion version) {
+    Fenrik::Impl::attributeValueIs(publisher_, kTableStatusVersionField, tableStatusVersion_,
+                                   version);
+  }
+
+ private:
+  SwTableId tableId_;
+  Fenrik::Ptr<Stavro::EntityManager> entityManager_;
+  Fenrik::Ptr<GroupInterface> groupInterface_;
+  Fenrik::String agentName_;
+  LogVersion tableVersion_;
+  LogVersion tableStatusVersion_;
+};
+
+}  // namespace Asic

@@ -1,0 +1,114 @@
+#include "OrderedTable/GroupInterface.h"
+
+#include "Fenrik/Assert.h"
+#include "OrderedTable/Constants.h"
+#include "OrderedTable/FlagScope.h"
+#include "OrderedTable/MountDrift.h"
+
+namespace Asic {
+
+namespace {
+
+/// A hardware writer that rebuilt the collection of its reports is found by a system call; a pump
+/// spends it this seldom, and every wait.
+constexpr unsigned kTakesPerRefresh = 256;
+
+}  // namespace
+
+/// Keeps the bells still during a pump and rings them at its end, however it ends.
+class GroupInterface::RingScope {
+ public:
+  explicit RingScope(GroupInterface& group)
+      : group_(group), outer_(std::exchange(group.ringLater_, true)) {}
+  ~RingScope() {
+    group_.ringLater_ = outer_;
+    if (outer_) return;
+    for (const auto& node : group_.announcers_) node.value()->ring();
+  }
+  RingScope(const RingScope&) = delete;
+  RingScope& operator=(const RingScope&) = delete;
+
+ private:
+  GroupInterface& group_;
+  bool outer_;
+};
+
+GroupInterface::GroupInterface(const Fenrik::String& canonicalName, std::uint16_t agentAndGroupId,
+                               const Fenrik::Ptr<Stavro::EntityManager>& entityManager,
+                               std::shared_ptr<CommitCount> commitCount)
+    : canonicalName_(canonicalName),
+      agentAndGroupId_(agentAndGroupId),
+      manager_(sharedMemManager(*entityManager)),
+      groupResolver_(Fenrik::ptrIsImpl<GroupResolver>(std::move(commitCount))),
+      versionMap_(Fenrik::ptrIsImpl<TableVersionMap>(
+          manager_, Constants::canonicalGroupTableVersionPath(canonicalName))) {}
+
+GroupInterface::~GroupInterface() = default;
+
+const Fenrik::Ptr<KivDrift::CollectionControl>& GroupInterface::entryLogMounted(
+    SwTableId tableId, const Fenrik::Ptr<KivSharedMem::Entity>& log) {
+  auto announcer = Fenrik::ptrIsImpl<TableAnnouncer>(tableId, log, manager_);
+  lastAnnouncer_ = nullptr;
+  if (announcers_[tableId] != nullptr) announcers_.memberDel(tableId);
+  announcers_.newMember(HN_Announcer(announcer));
+  return announcer->neededControl();
+}
+
+const Fenrik::Ptr<TableAnnouncer>& GroupInterface::announcer(SwTableId tableId) const {
+  // As a rule it is the table that was asked for last.
+  if (lastAnnouncer_ == nullptr || lastAnnouncer_->tableId() != tableId) {
+    const auto* const node = announcers_[tableId];
+    FENRIK_ASSERT(node != nullptr);
+    lastAnnouncer_ = node->value();
+  }
+  return lastAnnouncer_;
+}
+
+void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
+                                 const Fenrik::Ptr<const NeededEntry>& neededEntry) {
+  const auto& told = announcer(tableId);
+  told->announce(version, neededEntry.get());
+  if (!ringLater_) told->ring();
+}
+
+void GroupInterface::addLogEntryRoom(SwTableId tableId) { announcer(tableId)->makeRoom(); }
+
+void GroupInterface::entryLogCleaned(SwTableId tableId, LogVersion version) {
+  announcer(tableId)->cleaned(version);
+}
+
+unsigned GroupInterface::takeReports() {
+  if (taking_) return 0;
+  if (++takes_ % kTakesPerRefresh == 0) versionMap_->refresh();
+  if (!versionMap_->moved()) return 0;
+  const FlagScope taking(taking_);
+  versionMap_->seenIs();
+  unsigned reports = 0;
+  try {
+    for (const auto& node : swTableSet_) reports += takeReport(*node.value()) ? 1 : 0;
+  } catch (...) {
+    versionMap_->seenDel();
+    throw;
+  }
+  return reports;
+}
+
+bool GroupInterface::takeReport(OrderedSwTableSet& set) {
+  const SwTableId tableId = set.tableId();
+  const auto reported = versionMap_->find(tableId);
+  if (!reported.found) return false;
+  const LogVersion version = reported.record.logVersion;
+  const auto* const taken = taken_[tableId];
+  if (taken != nullptr && taken->value() == version) return false;
+  for (const auto& node : set.swTables()) node.value()->tableStatusVersion(version);
+  taken_.memberDel(tableId);
+  taken_.newMember(HN_TakenVersion(tableId, version));
+  return true;
+}
+
+unsigned GroupInterface::pump(unsigned budget) {
+  const RingScope rings(*this);
+  return groupResolver_->pump(budget);
+}
+
+}  // namespace Asic

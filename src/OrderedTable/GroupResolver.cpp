@@ -1,0 +1,134 @@
+#include "OrderedTable/GroupResolver.h"
+
+#include <time.h>
+
+#include <algorithm>
+
+#include "Fenrik/Assert.h"
+#include "OrderedTable/FlagScope.h"
+
+namespace Asic {
+
+namespace {
+
+/// The coarse clock: ages are for people, and every queued operation reads it.
+std::chrono::nanoseconds coarseTime() noexcept {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+/// Counts a commit when it has ended, in whatever way.
+class CommitScope {
+ public:
+  explicit CommitScope(CommitCount& count) : count_(count) {}
+  ~CommitScope() { ++count_.commits; }
+  CommitScope(const CommitScope&) = delete;
+  CommitScope& operator=(const CommitScope&) = delete;
+
+ private:
+  CommitCount& count_;
+};
+
+}  // namespace
+
+GroupResolver::GroupResolver(std::shared_ptr<CommitCount> commitCount)
+    : commitCount_(std::move(commitCount)), watch_(*this) {
+  FENRIK_ASSERT(commitCount_ != nullptr);
+}
+
+GroupResolver::~GroupResolver() { unwatchDependency(); }
+
+void GroupResolver::resolverQueueEnq(const Fenrik::Ptr<ResolverEntry>& entry) {
+  entry->queuedAtIs(coarseTime());
+  if (queue_.empty()) headIsNew();
+  queue_.enq(entry);
+  greatestLength_ = std::max(greatestLength_, queue_.size());
+}
+
+void GroupResolver::updateGenId() const noexcept {
+  // What is queued behind the head cannot change what the head answers; a new head is asked anyway.
+  if (!queueing_) ++genId_;
+}
+
+void GroupResolver::maybeUpdateSuspend() noexcept { suspended_ = !queue_.empty() && !ready(); }
+
+bool GroupResolver::ready() const noexcept {
+  return !queue_.empty() && (askedGenId_ != genId_ || askedCommits_ != commitCount_->commits);
+}
+
+void GroupResolver::headIsNew() noexcept {
+  unwatchDependency();
+  askedGenId_ = UINT64_MAX;
+}
+
+bool GroupResolver::askHead() {
+  ++looks_;
+  askedGenId_ = genId_;
+  askedCommits_ = commitCount_->commits;
+  const Fenrik::Ptr<ResolverEntry> head = *queue_.front();
+  if (head->isResolved()) return true;
+  watchDependency(head->dependantEntryHandle());
+  return false;
+}
+
+void GroupResolver::watchDependency(const Fenrik::Ptr<const DependencyEntryHandle>& handle) {
+  if (watch_.handle == handle || handle == nullptr) return;
+  unwatchDependency();
+  watch_.handle = handle;
+  watch_.dispatchIs([](const Fenrik::Publisher&, Fenrik::Subscriber& self,
+                       const Fenrik::Change& change) noexcept {
+    if (change.fieldId != DependencyEntryHandle::kEntryStateField) return;
+    ++static_cast<DependencyWatch&>(self).resolver.genId_;
+  });
+  handle->publisher()->subscriberAdd(watch_, false);
+}
+
+void GroupResolver::unwatchDependency() {
+  watch_.unsubscribe();
+  watch_.handle = nullptr;
+}
+
+unsigned GroupResolver::pump(unsigned budget) {
+  if (pumping_) return 0;
+  const FlagScope pumping(pumping_);
+  unsigned committed = 0;
+  while (committed < budget && ready()) {
+    if (!askHead()) break;
+    const Fenrik::Ptr<ResolverEntry> entry = queue_.deq();
+    headIsNew();
+    ++committed;
+    prefetchBehind();
+    const CommitScope count(*commitCount_);
+    entry->commitEntry(entry);
+  }
+  maybeUpdateSuspend();
+  return committed;
+}
+
+void GroupResolver::tableGone(const OrderedSwTable& table) {
+  if (queue_.empty()) return;
+  for (std::uint32_t i = 0, front = queue_.frontIndex(); i < queue_.size(); ++i) {
+    const Fenrik::Ptr<ResolverEntry> entry = *queue_.find(front + i);
+    entry->tableGone(table);
+  }
+  headIsNew();
+}
+
+/// Commits are bound by the memory that they touch at random; the queue tells early which it is.
+void GroupResolver::prefetchBehind() const noexcept {
+  // About as many commits as a look behind the caches takes.
+  constexpr std::uint32_t kNear = 2;
+  constexpr std::uint32_t kFar = 4;
+  const std::uint32_t front = queue_.frontIndex();
+  if (const auto* const far = queue_.find(front + kFar)) (*far)->prefetch(false);
+  if (const auto* const near = queue_.find(front + kNear)) (*near)->prefetch(true);
+}
+
+GroupResolver::Head GroupResolver::head() const {
+  if (queue_.empty()) return {};
+  const Fenrik::Ptr<ResolverEntry> entry = *queue_.front();
+  return {entry->waiting(), coarseTime() - entry->queuedAt()};
+}
+
+}  // namespace Asic

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "Fenrik/NodeClass.h"
+#include "Kiv/HashMap2018.h"
+#include "Kiv/StrepFormatter.h"
+#include "OrderedTable/TableVersion.h"
+
+namespace Asic {
+
+/// The versions of other tables that a log record needs in hardware before it may be applied.
+class QUARNBASTIL_EXPORT NeededEntry final
+    : public Fenrik::NodeClass<NeededEntry, Fenrik::Node, Fenrik::Storage::slabPerWrite> {
+ public:
+  struct QUARNBASTIL_EXPORT TableIdOfVersion {
+    SwTableId operator()(const TableVersion& version) const { return version.tableId(); }
+  };
+  /// Hash salt of the collection, as for every keyed collection one of its own.
+  using HN_NeededEntry = Kiv::Hm2018NI<0x5b1f7d23, SwTableId, TableVersion, TableIdOfVersion,
+                                       Kiv::HashMap2018Alloc::slab>;
+  using Map = Kiv::HashMap2018<HN_NeededEntry, SwTableId, TableVersion>;
+
+  NeededEntry();
+  ~NeededEntry() override;
+
+  /// Enters the version under its table. Of two versions of one table the higher one stays: who
+  /// has it has the other one too.
+  void add(const TableVersion& version);
+  /// Adds all versions of another set; a null pointer adds nothing.
+  void merge(const Fenrik::Ptr<const NeededEntry>& other);
+
+  bool empty() const noexcept { return map_.memberCount() == 0; }
+  const Map& versions() const noexcept { return map_; }
+
+ private:
+  Map map_;
+};
+
+}  // namespace Asic

@@ -1,0 +1,92 @@
+#include "OrderedTable/OrderedTableInterface.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "OrderedTable/Constants.h"
+#include "OrderedTable/FlagScope.h"
+
+namespace Asic {
+
+namespace {
+
+/// Operations that one group commits before the next one has its turn: enough to share the wake-up
+/// of the hardware writer, few enough to keep the other groups' clients from noticing.
+constexpr unsigned kTurn = 64;
+
+/// A hardware writer that rebuilds the collection of its reports rings no bell that anybody hears;
+/// a long sleep looks for that now and then.
+constexpr std::chrono::nanoseconds kLongestSleep = std::chrono::seconds(1);
+
+}  // namespace
+
+GroupInterfaceColl::GroupInterfaceColl() = default;
+GroupInterfaceColl::~GroupInterfaceColl() = default;
+
+OrderedTableInterface::OrderedTableInterface(
+    const Fenrik::Ptr<Stavro::EntityManager>& entityManager)
+    : entityManager_(entityManager),
+      groups_(Fenrik::ptrIsImpl<GroupInterfaceColl>()),
+      commitCount_(std::make_shared<CommitCount>()) {}
+
+OrderedTableInterface::~OrderedTableInterface() = default;
+
+void OrderedTableInterface::makeGroupIntf(const Fenrik::String& agentName,
+                                          const Fenrik::String& groupName,
+                                          unsigned short agentAndGroupId) {
+  const Fenrik::String name = Constants::canonicalizeGroupName(agentName, groupName);
+  if (groups_->groupIntfHas(name)) return;
+  groups_->groupIntfIs(
+      Fenrik::ptrIsImpl<GroupInterface>(name, agentAndGroupId, entityManager_, commitCount_));
+}
+
+bool OrderedTableInterface::ready() const {
+  for (auto it = groups_->groupIntfIterator(); it; ++it) {
+    if (it->value()->ready()) return true;
+  }
+  return false;
+}
+
+OrderedTableInterface::Pumped OrderedTableInterface::pump(unsigned budget) {
+  Pumped pumped;
+  if (pumping_) return pumped;
+  const FlagScope pumping(pumping_);
+  for (auto it = groups_->groupIntfIterator(); it; ++it) {
+    pumped.reports += it->value()->takeReports();
+  }
+  for (bool progress = true; progress && pumped.commits < budget;) {
+    progress = false;
+    for (auto it = groups_->groupIntfIterator(); it; ++it) {
+      const unsigned turn = std::min(kTurn, budget - pumped.commits);
+      const unsigned commits = it->value()->pump(turn);
+      pumped.commits += commits;
+      progress = progress || commits != 0;
+    }
+  }
+  pumped.more = ready();
+  return pumped;
+}
+
+bool OrderedTableInterface::waitForReport(std::chrono::nanoseconds timeout) {
+  const auto end = std::chrono::steady_clock::now() +
+                   std::min<std::chrono::nanoseconds>(timeout, std::chrono::hours(24 * 365));
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
+        end - std::chrono::steady_clock::now());
+    if (sleepForReport(std::clamp(left, std::chrono::nanoseconds(0), kLongestSleep))) return true;
+    if (left <= kLongestSleep) return false;
+  }
+}
+
+bool OrderedTableInterface::sleepForReport(std::chrono::nanoseconds timeout) {
+  std::vector<Drift::BellSeen> bells;
+  for (auto it = groups_->groupIntfIterator(); it; ++it) {
+    const auto& map = it->value()->tableVersionMap();
+    map->refresh();
+    if (map->moved()) return true;
+    if (map->bell().file != nullptr) bells.push_back(map->bell());
+  }
+  return Drift::waitForAnyRing(bells, timeout);
+}
+
+}  // namespace Asic

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstdint>
+
+#include "Fenrik/NodeClass.h"
+
+namespace Asic {
+
+/// The flags of an iteration.
+class IterFlags {
+ public:
+  constexpr bool hasCurrent() const noexcept { return has(0); }
+  constexpr bool inAddColl() const noexcept { return has(1); }
+  constexpr bool inTblCfg() const noexcept { return has(2); }
+  constexpr bool removeAllPending() const noexcept { return has(3); }
+  constexpr bool hasBookmark() const noexcept { return has(4); }
+
+  constexpr IterFlags withHasCurrent(bool on) const noexcept { return with(0, on); }
+  constexpr IterFlags withInAddColl(bool on) const noexcept { return with(1, on); }
+  constexpr IterFlags withInTblCfg(bool on) const noexcept { return with(2, on); }
+  constexpr IterFlags withRemoveAllPending(bool on) const noexcept { return with(3, on); }
+  constexpr IterFlags withHasBookmark(bool on) const noexcept { return with(4, on); }
+
+  constexpr std::uint8_t value() const noexcept { return bits_; }
+
+ private:
+  constexpr bool has(unsigned bit) const noexcept { return ((bits_ >> bit) & 1) != 0; }
+  constexpr IterFlags with(unsigned bit, bool on) const noexcept {
+    IterFlags changed = *this;
+    const auto mask = static_cast<std::uint8_t>(1U << bit);
+    changed.bits_ = static_cast<std::uint8_t>(on ? bits_ | mask : bits_ & ~mask);
+    return changed;
+  }
+
+  std::uint8_t bits_ = 0;
+};
+
+/// Base of the position of an iteration.
+class QUARNBASTIL_EXPORT SwTableIteratorStateBase : public Fenrik::Node {
+ public:
+  ~SwTableIteratorStateBase() override;
+
+  IterFlags state() const noexcept { return state_; }
+  void stateIs(IterFlags state) noexcept { state_ = state; }
+
+ private:
+  IterFlags state_;
+};
+
+/// An iterator of a table, on its current entry. It must not outlive the table. It is at the end
+/// when its state has no current entry.
+///
+///     for (auto it = table->entryIteratorConst(); it; ++it) use(*it);
+template <class Table, class Entry, class Key, class State>
+class OrderedSwTableEntryIterator {
+ public:
+  OrderedSwTableEntryIterator(Table* table, Fenrik::Ptr<State> state)
+      : table_(table), state_(std::move(state)) {
+    ++*this;
+  }
+
+  explicit operator bool() const noexcept {
+    return state_ != nullptr && state_->state().hasCurrent();
+  }
+  const Entry& operator*() const noexcept { return current_; }
+  const Entry* operator->() const noexcept { return &current_; }
+  OrderedSwTableEntryIterator& operator++() {
+    if (state_ != nullptr) current_ = state_->maybeUpdateCurrentEntry();
+    return *this;
+  }
+
+  Table* table() const noexcept { return table_; }
+  const Fenrik::Ptr<State>& state() const noexcept { return state_; }
+
+ private:
+  Table* table_;
+  Fenrik::Ptr<State> state_;
+  Entry current_{Key()};
+};
+
+}  // namespace Asic

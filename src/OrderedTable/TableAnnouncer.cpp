@@ -1,0 +1,128 @@
+#include "OrderedTable/TableAnnouncer.h"
+
+#include "Fenrik/Assert.h"
+#include "OrderedTable/Constants.h"
+#include "OrderedTable/CorruptionGuard.h"
+
+namespace Asic {
+
+namespace {
+
+using Cursor = Drift::DriftMap<NeededEntryRecord>::Cursor;
+
+/// As many sets as records that a log may hold.
+constexpr Drift::Word kNeededCapacity = 1'000'000;
+
+Fenrik::Ptr<NeededEntryDrift> mountNeeded(const Fenrik::String& logPath,
+                                          const Fenrik::Ptr<KivSharedMem::EntityManager>& manager) {
+  const Fenrik::String path = Constants::neededPathOfEntryLogPath(logPath);
+  KivDrift::MountInfo info(0);
+  info.collectionInfoIs({Fenrik::String(NeededEntryDrift::kAttributeName), kNeededCapacity, 0});
+  const auto group = manager->getMountGroup();
+  group->mount(path, Fenrik::String(NeededEntryDrift::kEntityName), info);
+  group->doClose();
+  return Fenrik::dynamicPtrCast<NeededEntryDrift>(manager->getEntity(path));
+}
+
+/// How far the table of that log has been announced; nothing if that cannot be told.
+std::optional<LogVersion> announcedOf(const KivSharedMem::EntityManager& manager,
+                                      const Fenrik::String& logPath) {
+  try {
+    if (const auto mounted = manager.getEntity(logPath)) {
+      return LogVersion(mounted->collectionControl()->announced());
+    }
+    const auto file =
+        Drift::DriftFile::openForReading(manager.directory(), logPath.view(), nullptr);
+    const auto value = Drift::CheckedWord(file->data(), Drift::Format::Line::announced).load();
+    return value ? std::optional(LogVersion(*value)) : std::nullopt;
+  } catch (const Fenrik::Exception&) {
+    // A log that cannot be read now is rebuilt when it is mounted: nothing in it can be waited for.
+    return {};
+  }
+}
+
+}  // namespace
+
+TableAnnouncer::TableAnnouncer(SwTableId tableId, const Fenrik::Ptr<KivSharedMem::Entity>& log,
+                               const Fenrik::Ptr<KivSharedMem::EntityManager>& manager)
+    : tableId_(tableId), log_(log), needed_(mountNeeded(log->path(), manager)) {
+  FENRIK_ASSERT(needed_ != nullptr);
+  takeOver(*manager);
+}
+
+TableAnnouncer::~TableAnnouncer() = default;
+
+void TableAnnouncer::takeOver(const KivSharedMem::EntityManager& manager) {
+  const auto& control = *log_->collectionControl();
+  const LogVersion logged(control.scratchpad());
+  announced_ = std::min(LogVersion(control.announced()), logged);
+  sequence_ = LogVersion(needed_->collectionControl()->scratchpad() + 1);
+  // A log that was rebuilt counts anew: sets of versions that it has not issued mean nothing.
+  const auto newest = guardedFind(*needed_->map(), LogVersion(sequence_.value() - 1));
+  if (newest.found && newest.record.version > logged) needed_->neededEntryDelAll();
+  if (announced_ == logged) return;
+
+  NeededEntry everything;
+  const auto stored =
+      manager.findEntities(Constants::kRoot, KivSharedMem::KivSharedMemType::stored);
+  for (const auto& node : stored->paths()) {
+    const auto tableId = Constants::getTableIdFromEntryLogPath(node.value());
+    if (!tableId || *tableId == tableId_) continue;
+    const auto version = announcedOf(manager, node.value());
+    if (version && *version != LogVersion(0)) everything.add(TableVersion(*tableId, *version));
+  }
+  // The first of them is enough: the others stand behind it.
+  if (!everything.empty()) neededStore(LogVersion(announced_.value() + 1), everything);
+  announce(logged, nullptr);
+  ring();
+}
+
+void TableAnnouncer::announce(LogVersion version, const NeededEntry* needed) {
+  if (needed != nullptr && !needed->empty()) neededStore(version, *needed);
+  announced_ = version;
+  log_->collectionControl()->announcedIs(version.value());
+  ringDue_ = true;
+}
+
+void TableAnnouncer::neededStore(LogVersion version, const NeededEntry& needed) {
+  NeededEntryRecord record;
+  record.version = version;
+  for (const auto& node : needed.versions()) {
+    record.needed[record.count++] = node.value();
+    if (record.count == NeededEntryRecord::kVersions) {
+      neededStore(record);
+      record.count = 0;
+    }
+  }
+  if (record.count != 0) neededStore(record);
+}
+
+void TableAnnouncer::neededStore(const NeededEntryRecord& record) {
+  NeededEntryRecord numbered = record;
+  numbered.sequence = sequence_;
+  for (std::size_t i = record.count; i < NeededEntryRecord::kVersions; ++i) numbered.needed[i] = {};
+  needed_->neededEntryIs(numbered);
+  needed_->collectionControl()->scratchpadIs(sequence_.value());
+  sequence_ = LogVersion(sequence_.value() + 1);
+}
+
+void TableAnnouncer::cleaned(LogVersion version) {
+  auto& map = *needed_->map();
+  if (map.driftMapSize() == 0) return;
+  Cursor cursor;
+  while (guardedRead(
+      map, [&] { return map.driftMapIterBegin(cursor); }, false)) {
+    if (cursor.record.version > version) return;
+    needed_->neededEntryDel(cursor.record.sequence);
+  }
+  // A set that cannot be read stands in front of the others: it goes with them as soon as nothing
+  // waits for any.
+  if (map.driftMapSize() != 0 && version >= announced_) needed_->neededEntryDelAll();
+}
+
+void TableAnnouncer::ring() noexcept {
+  if (!std::exchange(ringDue_, false)) return;
+  log_->ring();
+}
+
+}  // namespace Asic

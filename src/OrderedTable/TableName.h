@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+
+#include "Fenrik/NodeClass.h"
+#include "Fenrik/String.h"
+
+namespace Asic {
+
+/// What kind of table a name stands for; it chooses the form of the name.
+enum class OrderedTableType : std::uint8_t {
+  orderedTable = 0,
+  partiallyOrderedTable = 1,
+  resourceTable = 2,
+};
+
+/// The name of a table, in its parts.
+class QUARNBASTIL_EXPORT CanonicalTableName final : public Fenrik::NodeClass<CanonicalTableName> {
+ public:
+  CanonicalTableName(OrderedTableType type, const Fenrik::String& groupName,
+                     const Fenrik::String& tableNamespace, const Fenrik::String& tableName);
+  ~CanonicalTableName() override;
+
+  OrderedTableType type() const noexcept { return type_; }
+  /// Canonical name of the table's group; empty for a table in none.
+  const Fenrik::String& groupName() const noexcept { return groupName_; }
+  const Fenrik::String& tableNamespace() const noexcept { return tableNamespace_; }
+  const Fenrik::String& tableName() const noexcept { return tableName_; }
+
+  /// "OrderedSwTable.<group>.<table>", "PartiallyOrderedSwTable.<table>" or
+  /// "ResourceTable.<namespace>::<table>". An undefined type ends the process.
+  Fenrik::String name() const;
+
+ private:
+  OrderedTableType type_;
+  Fenrik::String groupName_;
+  Fenrik::String tableNamespace_;
+  Fenrik::String tableName_;
+};
+
+}  // namespace Asic

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "QuarnLpmLib/BigBbDataModelTypes.h"
+#include "QuarnLpmLib/DataModelSwTable.h"
+
+namespace QuarnLpmLib {
+
+class QUARNBASTIL_EXPORT BigBbDataModelSwTableBase
+    : public DataModelSwTableBase<BigBbDataModelSwTableBase, BigBbDataModelEntryKey> {
+ public:
+  using DataModelSwTableBase::DataModelSwTableBase;
+};
+
+class QUARNBASTIL_EXPORT BigBbDataModelSwTableIteratorState
+    : public DataModelSwTableIteratorState<BigBbDataModelEntry> {};
+
+}  // namespace QuarnLpmLib
