@@ -1,6 +1,5 @@
 #pragma once
 
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -12,6 +11,7 @@
 
 #include "Drift/DenseCollection.h"
 #include "Drift/HashedCollection.h"
+#include "Support/TempDir.h"
 
 /// Collections to damage, and what may be seen in them afterwards. No test framework: the fuzzers
 /// use the same.
@@ -21,21 +21,7 @@ using Record = std::vector<Word>;
 /// Records by the words of their key.
 using Model = std::map<Record, Record>;
 
-/// A directory in shared memory that goes with its object.
-class TempDir {
- public:
-  TempDir() {
-    std::string name = "/dev/shm/qbtest.XXXXXX";
-    path_ = ::mkdtemp(name.data());
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using Support::TempDir;
 
 inline std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary | std::ios::ate);

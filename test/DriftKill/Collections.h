@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <filesystem>
@@ -17,6 +18,7 @@
 
 #include "Drift/DenseCollection.h"
 #include "Drift/HashedCollection.h"
+#include "Support/TempDir.h"
 
 /// What the tests of death and concurrency share: records that prove themselves, a model of a
 /// collection, and one face for the two layouts. Nothing here uses the test framework, because most
@@ -44,23 +46,7 @@ template <class... Args>
   throw Fault(fmt::format(text, std::forward<Args>(args)...));
 }
 
-/// A directory of its own in shared memory, removed at the end.
-class TempDir {
- public:
-  TempDir() {
-    std::string name = "/dev/shm/bastil-test.XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr) fault("no directory in /dev/shm");
-    path_ = name;
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using Support::TempDir;
 
 struct Shape {
   Format::Layout layout;
@@ -337,26 +323,33 @@ inline void goOn(Store& store, Contents contents, Word keys) {
   }
 }
 
-/// Copies a collection's file as it lies there, holes as holes.
-inline void copyCollection(const std::string& from, const std::string& to) {
-  const Drift::Descriptor in(::open(pathIn(from).c_str(), O_RDONLY | O_CLOEXEC));
-  ::unlink(pathIn(to).c_str());
+/// Copies a file, holes and what was never written as holes; what is not there is not there
+/// afterwards.
+inline void copyFile(const std::string& from, const std::string& to) {
+  const Drift::Descriptor in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+  ::unlink(to.c_str());
   if (!in.valid()) return;
-  const Drift::Descriptor out(
-      ::open(pathIn(to).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  const Drift::Descriptor out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   struct stat facts {};
   bool good = out.valid() && ::fstat(in.get(), &facts) == 0 &&
               ::fchmod(out.get(), facts.st_mode) == 0 && ::ftruncate(out.get(), facts.st_size) == 0;
-  std::vector<char> bytes;
+  std::array<char, Format::kPageSize> page;
   for (off_t at = 0; good && (at = ::lseek(in.get(), at, SEEK_DATA)) >= 0;) {
-    const off_t end = ::lseek(in.get(), at, SEEK_HOLE);
-    bytes.resize(static_cast<std::size_t>(end - at));
-    const auto size = static_cast<ssize_t>(bytes.size());
-    good = ::pread(in.get(), bytes.data(), bytes.size(), at) == size &&
-           ::pwrite(out.get(), bytes.data(), bytes.size(), at) == size;
-    at = end;
+    for (const off_t end = ::lseek(in.get(), at, SEEK_HOLE); good && at < end;) {
+      const ssize_t size = ::pread(in.get(), page.data(), page.size(), at);
+      good = size > 0;
+      const bool written = std::ranges::any_of(page, [](char byte) { return byte != 0; });
+      if (good && written) {
+        good = ::pwrite(out.get(), page.data(), static_cast<std::size_t>(size), at) == size;
+      }
+      at += size;
+    }
   }
-  if (!good) fault("cannot copy {}", pathIn(from));
+  if (!good) fault("cannot copy {}", from);
+}
+
+inline void copyCollection(const std::string& from, const std::string& to) {
+  copyFile(pathIn(from), pathIn(to));
 }
 
 }  // namespace DriftTest

@@ -7,27 +7,14 @@
 #include <iostream>
 
 #include "DriftKill/Collections.h"
+#include "Support/KillPoint.h"
 #include "Support/Soak.h"
-
-namespace {
-
-/// Stores until this process kills itself; never in the process of the test.
-std::size_t storesLeft = SIZE_MAX;
-
-}  // namespace
-
-namespace Drift {
-
-void killPoint() noexcept {
-  if (storesLeft != SIZE_MAX && --storesLeft == 0) ::kill(::getpid(), SIGKILL);
-}
-
-}  // namespace Drift
 
 namespace DriftTest {
 namespace {
 
 using Format::Layout;
+using Support::storesLeft;
 
 /// A number that a process leaves to the one that it was forked from.
 class SharedCount {

@@ -1,0 +1,802 @@
+#include "OrderedTable/TableModel.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <tuple>
+#include <utility>
+
+namespace TableModel {
+
+namespace {
+
+bool failed(State state) {
+  return state == State::rejected || state == State::dependencyFailed ||
+         state == State::resourceFailed;
+}
+
+/// Undoes a flag however its scope is left.
+struct Raised {
+  explicit Raised(bool& flag) : flag(flag) { flag = true; }
+  ~Raised() { flag = false; }
+  bool& flag;
+};
+
+/// Counts one more however its scope is left.
+struct Counted {
+  explicit Counted(Version& count) : count(count) {}
+  ~Counted() { ++count; }
+  Version& count;
+};
+
+constexpr unsigned kOnSuccess = 0, kOnSuccessOfRemove = 1, kOnResourceUpdate = 2;
+
+}  // namespace
+
+Model::Model(Shape shape) : shape_(std::move(shape)) {
+  families_.resize(shape_.groupOfFamily.size());
+  for (unsigned f = 0; f < families_.size(); ++f) {
+    families_[f].group = shape_.groupOfFamily[f];
+    families_[f].config.resize(shape_.units);
+    for (unsigned unit = 0; unit < shape_.units; ++unit) {
+      tables_.push_back({});
+      tables_.back().family = f;
+      tables_.back().unit = unit;
+    }
+  }
+  for (unsigned i = 0; i < kForeigns; ++i) {
+    foreigns_.push_back(std::make_shared<Operation>());
+    foreigns_.back()->id = kFirstForeign + i;
+  }
+  places.resize(tables_.size());
+}
+
+void Model::start(const Start& start) {
+  groups_.assign(1 + *std::max_element(shape_.groupOfFamily.begin(), shape_.groupOfFamily.end()),
+                 {});
+  operations_.clear();
+  iterations_.clear();
+  for (unsigned f = 0; f < families_.size(); ++f) {
+    Family& family = families_[f];
+    family.mounted.assign(shape_.units, false);
+    family.tableVersion = family.scratchpad;
+    family.statusVersion = 0;
+    family.pendingHwWrites = false;
+    if (start.reported[f]) {
+      cleanup(family, *start.reported[f]);
+      if (*start.reported[f] < family.tableVersion) family.pendingHwWrites = true;
+    }
+  }
+  for (unsigned t = 0; t < tables_.size(); ++t) {
+    Table empty;
+    empty.family = tables_[t].family;
+    empty.unit = tables_[t].unit;
+    tables_[t] = empty;
+    if (!start.absent[t]) mountTable(t, start.reported[empty.family], start.reset[t]);
+  }
+}
+
+void Model::mountTable(unsigned number, std::optional<Version> reported, bool reset) {
+  Table& table = tables_[number];
+  const Version version = reported.value_or(0);
+  familyFor(table).mounted[table.unit] = true;
+  if (version != 0) {
+    roads.purged += static_cast<unsigned>(std::erase_if(configFor(table), [&](const auto& member) {
+      return member.second.isDeleted && member.second.logVersion <= version;
+    }));
+  }
+  if (reset) delAllEntries(table, {}, nullptr);
+  report(table, version);
+}
+
+void Model::apply(const Act& act) {
+  using Kind = Act::Kind;
+  Table& table = tables_[act.table];
+  switch (act.kind) {
+    case Kind::write:
+    case Kind::remove:
+    case Kind::removeAll:
+      return accept(act);
+    case Kind::update:
+      return update(act);
+    case Kind::clear:
+      return delAllEntries(table, {}, nullptr);
+    case Kind::direct:
+      return direct(act);
+    case Kind::pump:
+      return answer(act, 0, pump(act.table, act.number));
+    case Kind::report:
+      return report(table, act.number);
+    case Kind::has:
+      return answer(act, act.key, entryHas(act.table, act.key));
+    case Kind::read:
+    case Kind::entry:
+      return answer(act, entryRead(act.table, act.key));
+    case Kind::config:
+      return answer(act, entryFromConfig(act.table, act.key));
+    case Kind::count:
+      return answer(act, 0, entrys(act.table));
+    case Kind::iterBegin:
+      return iterBegin(act);
+    case Kind::iterStep:
+      return iterStep(act);
+    case Kind::snapshot:
+      for (const auto& entry : contents(act.table)) answer(act, entry);
+      return;
+    case Kind::settle:
+      return settle(act);
+    case Kind::helper:
+      return helper(act);
+    case Kind::watch:
+      table.watched = act.flag;
+      return;
+  }
+}
+
+OpPtr Model::operation(OpId id) const {
+  if (id != kNoOp && id >= kFirstForeign) return foreigns_[id - kFirstForeign];
+  const auto found = operations_.find(id);
+  return found != operations_.end() && nextOp_ - id <= kHandlesKept ? found->second : nullptr;
+}
+
+bool Model::abandoned(const Operation& op) const {
+  if (op.state != State::pending || op.id >= kFirstForeign) return false;
+  const auto& queue = groups_[families_[tables_[op.act.table].family].group].queue;
+  return std::none_of(queue.begin(), queue.end(), [&](const OpPtr& o) { return o.get() == &op; });
+}
+
+void Model::changed(const Table& table, Field field, Key key, bool gone, Version value,
+                    unsigned anyOrder) {
+  if (!table.watched) return;
+  see({.kind = Event::Kind::changed,
+       .what = field,
+       .gone = gone,
+       .table = number(table),
+       .key = key,
+       .value = value,
+       .anyOrder = anyOrder});
+}
+
+void Model::count(Table& table, Counter counter, int by) {
+  table.counters[counter] += static_cast<Version>(by);
+  see({.kind = Event::Kind::counted,
+       .what = counter,
+       .table = number(table),
+       .number = table.counters[counter]});
+}
+
+void Model::updateFlag(Family& family) {
+  bool pending = false;
+  for (unsigned t = 0; t < tables_.size(); ++t) {
+    if (&familyFor(tables_[t]) == &family && present(t)) pending |= hasPendingHwWrites(t);
+  }
+  if (std::exchange(family.pendingHwWrites, pending) == pending) return;
+  see({.kind = Event::Kind::flagged,
+       .table = static_cast<unsigned>(&family - families_.data()),
+       .number = pending});
+}
+
+void Model::stateIs(const OpPtr& op, State state) {
+  op->state = state;
+  ++changes_;
+  touched.push_back(op);
+}
+
+void Model::answer(const Act& act, Key key, Version number, Version value) {
+  see({.kind = Event::Kind::answered,
+       .what = static_cast<std::uint8_t>(act.kind),
+       .table = act.table,
+       .key = key,
+       .number = number,
+       .value = value});
+}
+
+void Model::answer(const Act& act, std::pair<Key, Value> entry, Version number) {
+  answer(act, entry.first, number, entry.second);
+}
+
+// ---- what clients call
+
+void Model::accept(const Act& act) {
+  Table& table = tables_[act.table];
+  const auto op = std::make_shared<Operation>();
+  op->id = nextOp_++;
+  op->act = act;
+  op->value = act.kind == Act::Kind::write ? act.value : 0;
+  op->dependency = operation(act.dependency);
+  touched.push_back(op);
+  switch (act.kind) {
+    case Act::Kind::write:
+      acceptWrite(table, op);
+      break;
+    case Act::Kind::remove:
+      acceptRemove(table, op);
+      break;
+    default:
+      acceptRemoveAll(table, op);
+      break;
+  }
+  updateFlag(familyFor(table));
+  // The handle of a remove-all is not given to the client.
+  if (act.kind != Act::Kind::removeAll) operations_[op->id] = op;
+  std::erase_if(operations_,
+                [&](const auto& member) { return nextOp_ - member.first > kHandlesKept; });
+}
+
+void Model::newVersion(Table& table, const OpPtr& op) {
+  const auto present = table.versions.find(op->act.key);
+  op->major = present != table.versions.end() ? present->second + 1 : 0;
+  table.versions[op->act.key] = op->major;
+  changed(table, kVersions, op->act.key, false, op->major);
+}
+
+void Model::acceptWrite(Table& table, const OpPtr& op) {
+  const Key key = op->act.key;
+  newVersion(table, op);
+  removesDel(table, key);
+  table.adds[key] = op;
+  changed(table, kAdds, key, false, op->value);
+  groups_[familyFor(table).group].queue.push_back(op);
+  count(table, kWrites);
+}
+
+void Model::acceptRemove(Table& table, const OpPtr& op) {
+  const Key key = op->act.key;
+  newVersion(table, op);
+  addsDel(table, key);
+  table.removes[key] = op;
+  changed(table, kRemoves, key, false, 0);
+  groups_[familyFor(table).group].queue.push_back(op);
+  count(table, kRemovals);
+}
+
+void Model::acceptRemoveAll(Table& table, const OpPtr& op) {
+  delAll(table, kAdds, table.adds);
+  delAll(table, kRemoves, table.removes);
+  table.removeAll = table.removeAll ? *table.removeAll + 1 : 0;
+  changed(table, kRemoveAll, 0, false, *table.removeAll);
+  groups_[familyFor(table).group].queue.push_back(op);
+}
+
+void Model::addsDel(Table& table, Key key) {
+  if (table.adds.erase(key) != 0) changed(table, kAdds, key, true, 0);
+}
+
+void Model::removesDel(Table& table, Key key) {
+  if (table.removes.erase(key) != 0) changed(table, kRemoves, key, true, 0);
+}
+
+void Model::delAll(Table& table, Field field, std::map<Key, OpPtr>& members) {
+  const unsigned anyOrder = nextAnyOrder_++;
+  for (const auto& member : members) changed(table, field, member.first, true, 0, anyOrder);
+  members.clear();
+}
+
+void Model::update(const Act& act) {
+  Table& table = tables_[act.table];
+  if (!configHas(act.table, act.key)) return answer(act, act.key, kNoOp);
+  const auto op = std::make_shared<Operation>();
+  op->act = act;
+  op->value = entryFromConfig(act.table, act.key).second;
+  const Value old = op->value;
+  const bool commitToLog = hook(table, op, act.key, old, kOnResourceUpdate).second;
+  if (op->value != old && commitToLog) {
+    op->logVersion = entryIs(table, act.key, op->value, {});
+    stateIs(op, State::inLog);
+    count(table, kUpdates);
+    ++roads.updated;
+  } else {
+    ++(op->value != old ? roads.updateRefused : roads.updateUnchanged);
+    op->logVersion = configFor(table).at(act.key).logVersion;
+    stateIs(op, State::inLog);
+  }
+  op->id = nextOp_++;
+  operations_[op->id] = op;
+  answer(act, act.key, op->id);
+}
+
+void Model::direct(const Act& act) {
+  Table& table = tables_[act.table];
+  const auto present = configFor(table).find(act.key);
+  if (present != configFor(table).end() && !present->second.isDeleted) {
+    if (present->second.value == act.value) {
+      ++roads.suppressed;
+      count(table, kSuppressed);
+      if (present->second.logVersion != 0) {
+        return answer(act, act.key, present->second.logVersion);
+      }
+    } else {
+      count(table, kSuppressDiffs);
+    }
+  }
+  answer(act, act.key, entryIs(table, act.key, act.value, {}));
+}
+
+void Model::settle(const Act& act) {
+  const OpPtr op = operation(act.dependency);
+  if (op == nullptr) return;
+  if (op->id >= kFirstForeign) op->logVersion = act.number;
+  stateIs(op, static_cast<State>(act.value));
+}
+
+void Model::helper(const Act& act) {
+  if (act.flag) return;
+  Table& table = tables_[act.table];
+  table.plan = act.plan;
+  changed(table, kHelper, 0, false, 0);
+}
+
+// ---- the queue
+
+unsigned Model::pump(unsigned number, Version budget) {
+  Group& group = groups_[number];
+  if (group.pumping) {
+    ++roads.nestedPump;
+    return 0;
+  }
+  const Raised pumping(group.pumping);
+  unsigned done = 0;
+  for (; done < budget && !group.queue.empty(); ++done) {
+    const OpPtr head = group.queue.front();
+    if (group.asked != head.get() || group.askedAt != changes_) ++group.looks;
+    group.asked = head.get();
+    group.askedAt = changes_;
+    if (!resolved(*head)) break;
+    group.queue.pop_front();
+    commit(head);
+  }
+  return done;
+}
+
+bool Model::waits(const Operation& op) const {
+  return familyOf(op.act.table).log.size() >= shape_.logLimit ||
+         (op.dependency != nullptr && op.dependency->state == State::pending);
+}
+
+bool Model::resolved(const Operation& op) {
+  if (!waits(op)) return true;
+  const bool full = familyOf(op.act.table).log.size() >= shape_.logLimit;
+  ++(full ? roads.waitedForRoom : roads.waitedForDependency);
+  return false;
+}
+
+void Model::commit(const OpPtr& op) {
+  const Counted counted(changes_);
+  Table& table = tables_[op->act.table];
+  const OpPtr dependency = std::exchange(op->dependency, nullptr);
+  bool counts = true;
+  if (dependency != nullptr && failed(dependency->state)) {
+    ++roads.failed;
+    stateIs(op, State::dependencyFailed);
+    handled(op);
+  } else if (op->act.kind == Act::Kind::removeAll) {
+    commitRemoveAll(table, op, dependency);
+  } else if (op->act.kind == Act::Kind::remove) {
+    commitRemove(table, op, dependency);
+  } else {
+    counts = commitWrite(table, op, dependency);
+  }
+  updateFlag(familyFor(table));
+  if (counts) count(table, kCommits);
+}
+
+void Model::removeFromTransient(Table& table, const Operation& op, bool isAdd) {
+  const Key key = op.act.key;
+  auto& members = isAdd ? table.adds : table.removes;
+  const auto found = members.find(key);
+  if (found == members.end()) return;
+  if (found->second->major != op.major) {
+    ++roads.overtaken;
+    return;
+  }
+  isAdd ? addsDel(table, key) : removesDel(table, key);
+  if (table.versions.erase(key) != 0) changed(table, kVersions, key, true, 0);
+}
+
+Needed Model::neededFor(const Table& table, const OpPtr& dependency) {
+  if (dependency == nullptr) return {};
+  ++roads.needed;
+  const bool foreign = dependency->id >= kFirstForeign;
+  const unsigned family =
+      foreign ? static_cast<unsigned>(families_.size()) : tables_[dependency->act.table].family;
+  if (family == table.family) ++roads.neededOwn;
+  return {{family, dependency->logVersion}};
+}
+
+/// Whether the commit counts as one: a write that finds the configuration full leaves no trace but
+/// in its handle.
+bool Model::commitWrite(Table& table, const OpPtr& op, const OpPtr& dependency) {
+  const Key key = op->act.key;
+  if (configFor(table).count(key) == 0 && configFor(table).size() >= shape_.configCapacity) {
+    ++roads.configFull;
+    removeFromTransient(table, *op, true);
+    count(table, kWrites, -1);
+    stateIs(op, State::rejected);
+    handled(op);
+    return false;
+  }
+  hook(table, op, key, op->value, kOnSuccess);
+  removeFromTransient(table, *op, true);
+  op->logVersion = entryIs(table, key, op->value, neededFor(table, dependency));
+  if (familyFor(table).statusVersion < op->logVersion) {
+    waitInLog(table, op);
+  } else {
+    ++roads.doneAtCommit;
+    stateIs(op, State::done);
+    handled(op);
+  }
+  return true;
+}
+
+void Model::commitRemove(Table& table, const OpPtr& op, const OpPtr& dependency) {
+  const Key key = op->act.key;
+  removeFromTransient(table, *op, false);
+  hook(table, op, key, op->value, kOnSuccessOfRemove);
+  op->logVersion = entryDel(table, key, neededFor(table, dependency));
+  if (op->logVersion != 0) {
+    waitInLog(table, op);
+  } else {
+    ++roads.removedNothing;
+    stateIs(op, State::done);
+    handled(op);
+  }
+}
+
+void Model::commitRemoveAll(Table& table, const OpPtr& op, const OpPtr& dependency) {
+  const Version current = table.removeAll.value();
+  delAllEntries(table, neededFor(table, dependency), op);
+  table.removeAll = current == 0 ? std::nullopt : std::optional(current - 1);
+  changed(table, kRemoveAll, 0, false, table.removeAll.value_or(UINT64_MAX));
+}
+
+void Model::waitInLog(Table& table, const OpPtr& op) {
+  stateIs(op, State::inLog);
+  table.handlesInLog.push_back(op);
+  changed(table, kHandles, table.nextIndex++, false, 0);
+}
+
+void Model::handled(const OpPtr& op) {
+  if (!op->act.handler) return;
+  see({.kind = Event::Kind::handled,
+       .what = static_cast<std::uint8_t>(op->state),
+       .gone = hasPendingHwWrites(op->act.table),
+       .table = op->act.table,
+       .key = op->act.key,
+       .number = op->id,
+       .value = op->logVersion});
+  react(op->act);
+}
+
+std::pair<Value, bool> Model::hook(Table& table, const OpPtr& op, Key key, Value value,
+                                   unsigned which) {
+  Act::Plan& plan = table.plan;
+  if (plan.plain) return {value, true};
+  // What a reader sees from within tells how far the commit has come.
+  see({.kind = Event::Kind::hooked,
+       .what = static_cast<std::uint8_t>(which),
+       .gone = entryHas(number(table), key),
+       .table = number(table),
+       .key = key,
+       .value = value});
+  op->value ^= plan.mask;
+  if (!plan.throws) return {op->value, plan.answer};
+  ++roads.helperThrew;
+  plan.throws = false;
+  if (plan.rejects) stateIs(op, State::rejected);
+  throw Thrown();
+}
+
+void Model::delAllEntries(Table& table, const Needed& needed, const OpPtr& op) {
+  if (configFor(table).empty()) {
+    ++roads.clearedNothing;
+    return;
+  }
+  const Version version = tableDel(table, needed);
+  if (op != nullptr) {
+    op->logVersion = version;
+    stateIs(op, State::inLog);
+  }
+  count(table, kClears);
+}
+
+// ---- the log
+
+Version Model::append(Family& family, const LogRecord& record, const Needed& needed) {
+  const Version version = ++family.tableVersion;
+  family.log[version] = record;
+  family.scratchpad = version;
+  if (!needed.empty()) family.needed[version] = needed;
+  return version;
+}
+
+Version Model::entryIs(Table& table, Key key, Value value, const Needed& needed) {
+  const Version version =
+      append(familyFor(table), {LogFlags::write, table.unit, key, value}, needed);
+  configFor(table)[key] = {value, version, false};
+  return version;
+}
+
+Version Model::entryDel(Table& table, Key key, const Needed& needed) {
+  const auto found = configFor(table).find(key);
+  if (found == configFor(table).end()) return 0;
+  found->second.isDeleted = true;
+  found->second.logVersion = append(
+      familyFor(table), {LogFlags::entryDelete, table.unit, key, found->second.value}, needed);
+  return found->second.logVersion;
+}
+
+Version Model::tableDel(Table& table, const Needed& needed) {
+  const Version version =
+      append(familyFor(table), {LogFlags::tableDelete, table.unit, 0, 0}, needed);
+  for (auto& [key, record] : configFor(table)) {
+    if (!record.isDeleted) record = {record.value, version, true};
+  }
+  return version;
+}
+
+void Model::cleanup(Family& family, Version version) {
+  const Version from = family.statusVersion;
+  if (version > family.tableVersion) ++roads.reportedBeyond;
+  if (from == 0) ++roads.reportedAll;
+  if (version >= from) {
+    // The first time all that the report covers, later from the last one on.
+    auto it = family.log.lower_bound(from);
+    while (it != family.log.end() && it->first <= version) {
+      const auto [logged, record] = *it;
+      it = family.log.erase(it);
+      applyRecord(family, logged, record);
+    }
+  } else {
+    ++roads.reportedBack;
+  }
+  family.statusVersion = version;
+  // What the hardware has needs nothing any more, though its record may have stayed.
+  family.needed.erase(family.needed.begin(), family.needed.upper_bound(version));
+}
+
+void Model::applyRecord(Family& family, Version version, const LogRecord& record) {
+  if (!family.mounted[record.unit]) {
+    ++roads.unitMissing;
+    return;
+  }
+  auto& config = family.config[record.unit];
+  if (record.flags == LogFlags::entryDelete) {
+    const auto found = config.find(record.key);
+    if (found == config.end()) return;
+    if (found->second.logVersion == version) {
+      config.erase(found);
+    } else {
+      ++roads.deleteOvertaken;
+    }
+  } else if (record.flags == LogFlags::tableDelete) {
+    std::erase_if(config, [&](const auto& member) { return member.second.logVersion == version; });
+  }
+}
+
+void Model::report(Table& table, Version version) {
+  ++changes_;
+  cleanup(familyFor(table), version);
+  while (!table.handlesInLog.empty()) {
+    const OpPtr head = table.handlesInLog.front();
+    if (version < head->logVersion) break;
+    table.handlesInLog.pop_front();
+    const auto waiting = static_cast<std::uint32_t>(table.handlesInLog.size());
+    changed(table, kHandles, table.nextIndex - 1 - waiting, false, 0);
+    stateIs(head, State::done);
+    handled(head);
+  }
+  updateFlag(familyFor(table));
+}
+
+bool Model::hasPendingHwWrites(unsigned number) const {
+  const Table& table = tables_[number];
+  return !table.adds.empty() || !table.removes.empty() || table.removeAll.has_value() ||
+         familyOf(number).tableVersion != familyOf(number).statusVersion;
+}
+
+// ---- reads
+
+bool Model::configHas(unsigned number, Key key) const {
+  const auto& config = configFor(tables_[number]);
+  const auto found = config.find(key);
+  return found != config.end() && !found->second.isDeleted;
+}
+
+std::uint32_t Model::configEntrys(unsigned number) const {
+  const auto& config = configFor(tables_[number]);
+  return static_cast<std::uint32_t>(std::count_if(
+      config.begin(), config.end(), [](const auto& member) { return !member.second.isDeleted; }));
+}
+
+bool Model::entryHas(unsigned number, Key key) const {
+  const Table& table = tables_[number];
+  if (table.adds.count(key) != 0) return true;
+  if (table.removes.count(key) != 0) return false;
+  return !table.removeAll && configHas(number, key);
+}
+
+std::pair<Key, Value> Model::entryRead(unsigned number, Key key) const {
+  const Table& table = tables_[number];
+  if (const auto add = table.adds.find(key); add != table.adds.end()) {
+    return {key, add->second->value};
+  }
+  if (table.removes.count(key) != 0) return {0, 0};
+  return entryFromConfig(number, key);
+}
+
+std::pair<Key, Value> Model::entryFromConfig(unsigned number, Key key) const {
+  if (!configHas(number, key)) return {0, 0};
+  return {key, configFor(tables_[number]).at(key).value};
+}
+
+std::uint32_t Model::entrys(unsigned number) const {
+  const Table& table = tables_[number];
+  auto all = static_cast<std::uint32_t>(table.adds.size());
+  if (table.removeAll) return all;
+  all += configEntrys(number);
+  for (const auto& add : table.adds) all -= configHas(number, add.first);
+  for (const auto& remove : table.removes) all -= configHas(number, remove.first);
+  return all;
+}
+
+std::map<Key, Value> Model::contents(unsigned number) const {
+  const Table& table = tables_[number];
+  std::map<Key, Value> all;
+  for (const auto& [key, op] : table.adds) all[key] = op->value;
+  if (table.removeAll) return all;
+  for (const auto& [key, record] : configFor(table)) {
+    if (!record.isDeleted && table.removes.count(key) == 0) all.emplace(key, record.value);
+  }
+  return all;
+}
+
+void Model::configIs(unsigned number, Key key, const ConfigRecord& record) {
+  configFor(tables_[number])[key] = record;
+}
+
+// ---- iteration
+
+void Model::iterBegin(const Act& act) {
+  const Table& table = tables_[act.table];
+  Iteration it;
+  it.table = act.table;
+  it.removeAllPending = table.removeAll.has_value();
+  if (!act.flag) {
+    it.inAdds = true;
+  } else {
+    it.hasBookmark = true;
+    it.bookmark = act.key;
+    if (table.adds.count(act.key) != 0) {
+      it.inAdds = true;
+    } else {
+      it.inConfig = !it.removeAllPending && configHas(act.table, act.key);
+    }
+  }
+  iterations_[act.slot] = it;
+  answer(act, it.bookmark, it.flags());
+}
+
+void Model::iterStep(const Act& act) {
+  const auto found = iterations_.find(act.slot);
+  if (found == iterations_.end()) return;
+  Iteration& it = found->second;
+  std::optional<std::pair<Key, Value>> result;
+  if (it.inAdds) result = stepAdds(it);
+  if (!result && it.inConfig) result = stepConfig(it);
+  if (!result) it.hasCurrent = it.inAdds = it.inConfig = false;
+  answer(act, it.bookmark, it.flags());
+  answer(act, result.value_or(std::pair<Key, Value>{0, 0}));
+}
+
+std::optional<std::pair<Key, Value>> Model::stepAdds(Iteration& it) {
+  const Table& table = tables_[it.table];
+  if (addOrders.empty()) throw std::logic_error("no order of the writes in flight was seen");
+  const std::vector<Key> order = addOrders.front();
+  addOrders.pop_front();
+  std::vector<Key> sorted = order;
+  std::sort(sorted.begin(), sorted.end());
+  if (!std::equal(sorted.begin(), sorted.end(), table.adds.begin(), table.adds.end(),
+                  [](Key key, const auto& add) { return key == add.first; })) {
+    throw std::logic_error("the order of the writes in flight is not one of them all");
+  }
+  auto at = order.begin();
+  if (it.hasBookmark) at = std::find(order.begin(), order.end(), it.bookmark);
+  if (at == order.end()) {
+    if (it.hasBookmark) ++roads.bookmarkLost;
+    leaveAdds(it);
+    return std::nullopt;
+  }
+  it.hasCurrent = true;
+  const std::pair<Key, Value> result(*at, table.adds.at(*at)->value);
+  it.hasBookmark = ++at != order.end();
+  if (it.hasBookmark) {
+    it.bookmark = *at;
+  } else {
+    leaveAdds(it);
+  }
+  return result;
+}
+
+void Model::leaveAdds(Iteration& it) {
+  it.inAdds = false;
+  if (!it.removeAllPending) it.inConfig = true;
+}
+
+std::optional<std::pair<Key, Value>> Model::stepConfig(Iteration& it) {
+  const Table& table = tables_[it.table];
+  const auto& config = configFor(table);
+  std::optional<Key> candidate;
+  if (!it.hasBookmark) {
+    candidate = configFirst(table);
+  } else if (config.count(it.bookmark) != 0) {
+    candidate = it.bookmark;
+  } else {
+    candidate = configAfter(table, it.bookmark);
+  }
+  while (candidate && (table.removes.count(*candidate) != 0 || table.adds.count(*candidate) != 0 ||
+                       config.at(*candidate).isDeleted)) {
+    candidate = configAfter(table, *candidate);
+  }
+  if (!candidate) return std::nullopt;
+  it.hasCurrent = true;
+  const std::optional<Key> next = configAfter(table, *candidate);
+  it.hasBookmark = next.has_value();
+  it.inConfig = next.has_value();
+  if (next) it.bookmark = *next;
+  return std::pair<Key, Value>(*candidate, config.at(*candidate).value);
+}
+
+std::optional<Key> Model::configFirst(const Table& table) const {
+  return configNext(table, std::nullopt);
+}
+
+std::optional<Key> Model::configAfter(const Table& table, Key key) const {
+  return configNext(table, places[number(table)].at(key));
+}
+
+std::optional<Key> Model::configNext(const Table& table, std::optional<unsigned> place) const {
+  const auto& placeOf = places[number(table)];
+  std::optional<Key> next;
+  for (const auto& member : configFor(table)) {
+    const unsigned candidate = placeOf.at(member.first);
+    if (place && candidate <= *place) continue;
+    if (!next || candidate < placeOf[*next]) next = member.first;
+  }
+  return next;
+}
+
+// ---- events
+
+std::string toText(const Event& event) {
+  static constexpr const char* kNames[] = {"changed", "counted",  "flagged", "hooked",
+                                           "handled", "answered", "threw"};
+  return fmt::format(
+      "{} what {}{} table {} key {} number {} value {}", kNames[static_cast<unsigned>(event.kind)],
+      event.what, event.gone ? " gone" : "", event.table, event.key,
+      static_cast<std::int64_t>(event.number), static_cast<std::int64_t>(event.value));
+}
+
+std::string difference(std::vector<Event> expected, std::vector<Event> seen) {
+  const auto byFacts = [](const Event& a, const Event& b) { return a.facts() < b.facts(); };
+  for (std::size_t i = 0; i < expected.size();) {
+    std::size_t end = i + 1;
+    const unsigned anyOrder = expected[i].anyOrder;
+    while (anyOrder != 0 && end < expected.size() && expected[end].anyOrder == anyOrder) ++end;
+    if (end > i + 1 && end <= seen.size()) {
+      std::sort(expected.begin() + static_cast<std::ptrdiff_t>(i),
+                expected.begin() + static_cast<std::ptrdiff_t>(end), byFacts);
+      std::sort(seen.begin() + static_cast<std::ptrdiff_t>(i),
+                seen.begin() + static_cast<std::ptrdiff_t>(end), byFacts);
+    }
+    i = end;
+  }
+  for (std::size_t i = 0; i < std::max(expected.size(), seen.size()); ++i) {
+    if (i < expected.size() && i < seen.size() && expected[i].facts() == seen[i].facts()) continue;
+    return fmt::format("event {}: expected {}, saw {}", i,
+                       i < expected.size() ? toText(expected[i]) : "nothing",
+                       i < seen.size() ? toText(seen[i]) : "nothing");
+  }
+  return "";
+}
+
+}  // namespace TableModel

@@ -1,0 +1,146 @@
+#include <unistd.h>
+
+#include <vector>
+
+#include "Restart/Oracle.h"
+#include "Support/TableRig.h"
+
+namespace RestartTest {
+namespace {
+
+using Asic::UnitId;
+using Kind = Operation::Kind;
+
+template <class Family>
+class Served {
+ public:
+  using Interface = typename Family::Interface;
+  using Entry = typename Family::Entry;
+
+  Served(Support::AgentRig& agent, Page& page, FamilyPage& told)
+      : agent_(agent), page_(page), told_(told) {}
+
+  void bringUp() {
+    interface_ = Interface::getIntf(Fenrik::Ptr<Asic::OrderedTableInterface>(&agent_.tables()));
+    for (const std::uint32_t unit : page_.units) {
+      tables_[unit] = interface_->makeSwTable(unitId(unit), nullptr, page_.reset);
+    }
+  }
+
+  void reconcile() {
+    interface_->reconcile();
+    for (std::uint32_t unit = 0; unit < kUnits; ++unit) {
+      if (!interface_->swTableSet()->swTableHas(unitId(unit))) continue;
+      told_.entrys[unit] = interface_->makeSwTable(unitId(unit), nullptr, false)->entrys();
+    }
+    tell();
+  }
+
+  void tell() {
+    told_.pending = interface_->swTableStatus()->pendingHwWrites();
+    told_.taken = interface_->entryLog()->tableStatusVersion().value();
+  }
+
+  void load(Random& random) {
+    for (const std::uint32_t unit : page_.units) {
+      for (std::uint32_t key = 0; key < page_.keys; ++key) {
+        if (!tables_[unit]->entryHas(Family::keyOf(key))) write(unit, key, random());
+        if (queued_.size() == 64) settle(64);
+      }
+    }
+    settle(64);
+  }
+
+  void churn(Random& random) {
+    if (told_.asked + 64 > FamilyPage::kOperations) return;
+    for (unsigned n = 1 + random() % 12; n != 0; --n) {
+      const std::uint32_t unit = page_.units[random() % 2];
+      const std::uint32_t key = random() % page_.keys;
+      const bool there = tables_[unit]->entryHas(Family::keyOf(key));
+      if (random() % (4 * page_.keys) == 0 && tables_[unit]->entrys() != 0) {
+        removeAll(unit);
+      } else if (there && random() % 2 == 0) {
+        remove(unit, key);
+      } else {
+        write(unit, key, random());
+      }
+    }
+    settle(1 + random() % 4);
+  }
+
+ private:
+  static UnitId unitId(std::uint32_t unit) { return UnitId(static_cast<std::uint16_t>(unit)); }
+
+  void write(std::uint32_t unit, std::uint32_t key, std::uint32_t value) {
+    told_.ask(Kind::write, unit, key, value);
+    Entry entry{Family::keyOf(key)};
+    Family::valueOf(entry) = value;
+    queued_.push_back(
+        {told_.asked - 1, tables_[unit]->entryWrite(Family::keyOf(key), entry, nullptr)});
+  }
+  void remove(std::uint32_t unit, std::uint32_t key) {
+    told_.ask(Kind::remove, unit, key);
+    queued_.push_back({told_.asked - 1, tables_[unit]->entryRemove(Family::keyOf(key), nullptr)});
+  }
+  void removeAll(std::uint32_t unit) {
+    told_.ask(Kind::clear, unit);
+    tables_[unit]->entryRemoveAll(nullptr);
+  }
+
+  /// Commits what is queued and tells the versions.
+  void settle(unsigned budget) {
+    std::size_t known = 0;
+    for (bool more = true; more;) {
+      more = agent_.tables().pump(budget).more;
+      for (; known < queued_.size(); ++known) {
+        const auto& [number, handle] = queued_[known];
+        if (handle->entryState() == Asic::EntryState::entryPending) break;
+        told_.operations[number].told = 1 + handle->logVersion().value();
+      }
+      told_.taken = interface_->entryLog()->tableStatusVersion().value();
+    }
+    if (known != queued_.size()) ::_exit(1);
+    queued_.clear();
+  }
+
+  Support::AgentRig& agent_;
+  Page& page_;
+  FamilyPage& told_;
+  Fenrik::Ptr<Interface> interface_;
+  std::array<Fenrik::Ptr<typename Family::SwTable>, kUnits> tables_;
+  std::vector<std::pair<std::uint32_t, typename Family::SwTable::HandlePtr>> queued_;
+};
+
+}  // namespace
+
+void runAgent(const std::string& directory, Page& page) {
+  Random random(page.seed);
+  Support::AgentRig agent(directory);
+  Served<Tcam> tcam(agent, page, page.tcam);
+  Served<Blocks> blocks(agent, page, page.blocks);
+  page.phase = Phase::bringUp;
+  tcam.bringUp();
+  blocks.bringUp();
+  page.phase = Phase::reconcile;
+  tcam.reconcile();
+  blocks.reconcile();
+  page.phase = Phase::up;
+  while (page.order == Order::wait) ::usleep(50);
+  if (page.load) {
+    page.phase = Phase::load;
+    tcam.load(random);
+    blocks.load(random);
+  }
+  page.phase = Phase::churn;
+  while (page.order == Order::work) random() % 2 == 0 ? tcam.churn(random) : blocks.churn(random);
+  page.phase = Phase::acknowledge;
+  for (;;) {
+    agent.pumpAll();
+    tcam.tell();
+    blocks.tell();
+    if (!page.tcam.pending && !page.blocks.pending) page.phase = Phase::drained;
+    agent.tables().waitForReport(std::chrono::seconds(1));
+  }
+}
+
+}  // namespace RestartTest

@@ -1,0 +1,243 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "Kiv/Log.h"
+#include "OrderedTable/GenId.h"
+#include "Restart/Running.h"
+#include "Stavro/ValueEntity.h"
+#include "Support/TempDir.h"
+
+namespace RestartTest {
+namespace {
+
+using Asic::EntryState;
+using Asic::UnitId;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Generation = Stavro::ValueEntity<Asic::GenId>;
+
+constexpr const char* kGeneration = "hardware/lodestar/agent/relaunch/config/QuarnBastil";
+
+std::string damagedMessage(const char* item, const char* family) {
+  return std::string("HW_ABSTRACTION_ERROR: Hardware abstraction error: unable to load item: ") +
+         item + "::" + family;
+}
+
+/// What can befall a collection between two agents.
+void truncate(const std::string& path) { std::filesystem::resize_file(path, 100); }
+void scratch(const std::string& path) {
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(40).put('\x55');
+}
+void replace(const std::string& path) { std::ofstream(path) << "nothing that anybody knows"; }
+constexpr void (*kHarms[])(const std::string&) = {truncate, scratch, replace};
+
+template <class Family>
+class WipedTest : public testing::Test {
+ protected:
+  WipedTest() {
+    Kiv::LogControl::sinkIs([this](const Kiv::LogMessage& message) {
+      messages_.push_back(message.descriptor.mnemonic + (": " + std::string(message.text)));
+    });
+    Stavro::EntityManager("agent", true, Fenrik::String(dir_.path()),
+                          Drift::Directory::Access::write)
+        .entityIs<Generation>(kGeneration);
+  }
+  ~WipedTest() override { Kiv::LogControl::sinkIsStderr(); }
+
+  std::string pathOf(const Fenrik::String& entity) const {
+    return Drift::Directory(dir_.path(), Drift::Directory::Access::read).pathOf(entity.view());
+  }
+
+  void report(std::uint64_t version) {
+    Support::ReporterRig(dir_.path(), Family::Constants::canonicalGroupName())
+        .report(Family::kTableId, version);
+  }
+
+  /// An agent comes up, finds `live` entries in unit 0, and writes, commits, and hears of it.
+  /// Returns the generation.
+  std::uint32_t serve(unsigned live) {
+    Running agent(dir_.path());
+    const auto table = agent.template table<Family>(0);
+    agent.template table<Family>(1);
+    agent.template interface<Family>()->reconcile();
+    EXPECT_EQ(table->entrys(), live);
+    EXPECT_EQ(table->entryLog()->tableVersion().value(), newest_)
+        << "reported ones are not repeated";
+    newest_ += 5;
+    for (std::uint32_t key = 0; key < 5; ++key) {
+      const auto handle = table->entryWrite(Family::keyOf(key), entryOf<Family>(key, 7), nullptr);
+      agent.pumpAll();
+      EXPECT_EQ(handle->logVersion(), table->entryLog()->tableVersion());
+    }
+    report(table->entryLog()->tableVersion().value());
+    agent.tables().waitForReport(std::chrono::seconds(1));
+    agent.pumpAll();
+    EXPECT_EQ(table->entryHandleInLogFront(), nullptr);
+    EXPECT_FALSE(agent.template interface<Family>()->swTableStatus()->pendingHwWrites());
+    EXPECT_EQ(table->entrys(), 5U);
+    const auto generation =
+        Fenrik::dynamicPtrCast<Generation>(agent.state()->getEntity(kGeneration));
+    return generation == nullptr ? 0 : generation->get().majorId();
+  }
+
+  Support::TempDir dir_;
+  std::vector<std::string> messages_;
+  std::uint64_t newest_ = 0;
+};
+
+using Families = testing::Types<Tcam, Blocks>;
+TYPED_TEST_SUITE(WipedTest, Families);
+
+TYPED_TEST(WipedTest, WhatWasLostIsReportedOnceAndTheAgentsAreRelaunched) {
+  using Constants = typename TypeParam::Constants;
+  const auto log = this->pathOf(Constants::tableEntryLogDriftPath());
+  const auto config = this->pathOf(Constants::configDriftPath(UnitId(0)));
+  const auto needed =
+      this->pathOf(Asic::Constants::neededPathOfEntryLogPath(Constants::tableEntryLogDriftPath()));
+  const auto lostLog = damagedMessage("entryLog", TypeParam::kTableName);
+  const auto lostConfig = damagedMessage("entryCfg", TypeParam::kTableName);
+  const auto lostNeeded = damagedMessage("neededEntry", TypeParam::kTableName);
+  EXPECT_EQ(this->serve(0), 0U);
+  EXPECT_THAT(this->messages_, IsEmpty());
+  std::uint32_t generation = 0;
+  for (const auto harm : kHarms) {
+    harm(log);
+    EXPECT_EQ(this->serve(5), generation += 1);
+    EXPECT_THAT(std::exchange(this->messages_, {}), ElementsAre(lostLog));
+    harm(config);
+    EXPECT_EQ(this->serve(0), generation += 1);
+    EXPECT_THAT(std::exchange(this->messages_, {}), ElementsAre(lostConfig));
+    harm(needed);
+    EXPECT_EQ(this->serve(5), generation += 1);
+    EXPECT_THAT(std::exchange(this->messages_, {}), ElementsAre(lostNeeded));
+    harm(log);
+    harm(config);
+    harm(needed);
+    EXPECT_EQ(this->serve(0), generation += 3);
+    EXPECT_THAT(std::exchange(this->messages_, {}), ElementsAre(lostLog, lostNeeded, lostConfig));
+    EXPECT_EQ(this->serve(5), generation);
+    EXPECT_THAT(this->messages_, IsEmpty());
+  }
+}
+
+TYPED_TEST(WipedTest, ANeededSetThatCannotBeReadGoesWithTheOthers) {
+  const auto path =
+      Asic::Constants::neededPathOfEntryLogPath(TypeParam::Constants::tableEntryLogDriftPath());
+  {
+    Running agent(this->dir_.path());
+    const auto table = agent.template table<TypeParam>(0);
+    const auto other = Fenrik::ptrIsImpl<ForeignHandle>();
+    other->settle(EntryState::entryInLog);
+    for (std::uint32_t key = 0; key < 3; ++key) {
+      table->entryWrite(TypeParam::keyOf(key), entryOf<TypeParam>(key, 1), other);
+    }
+    agent.pumpAll();
+    const auto needed =
+        Fenrik::dynamicPtrCast<Asic::NeededEntryDrift>(agent.memory()->getEntity(path));
+    EXPECT_EQ(needed->map()->driftMapSize(), 3U);
+    const auto& header = needed->file().header();
+    std::fstream(this->pathOf(path), std::ios::in | std::ios::out | std::ios::binary)
+        .seekp(static_cast<std::streamoff>(header.slotsOffset + 2 * header.slotStride - 16))
+        .write("damage", 6);
+  }
+  this->report(2);
+  Running agent(this->dir_.path());
+  const auto table = agent.template table<TypeParam>(0);
+  const auto needed =
+      Fenrik::dynamicPtrCast<Asic::NeededEntryDrift>(agent.memory()->getEntity(path));
+  EXPECT_EQ(needed->map()->driftMapSize(), 3U) << "the last of them still matters";
+  this->report(3);
+  agent.pumpAll();
+  EXPECT_EQ(needed->map()->driftMapSize(), 0U);
+}
+
+TYPED_TEST(WipedTest, WithoutAGenerationToMoveOnlyTheRequestIsLost) {
+  const auto config = this->pathOf(TypeParam::Constants::configDriftPath(UnitId(0)));
+  EXPECT_EQ(this->serve(0), 0U);
+  {
+    Stavro::EntityManager state("agent", true, Fenrik::String(this->dir_.path()),
+                                Drift::Directory::Access::write);
+    EXPECT_TRUE(state.entityDel(kGeneration));
+  }
+  truncate(config);
+  EXPECT_EQ(this->serve(0), 0U);
+  EXPECT_EQ(this->messages_.size(), 1U);
+}
+
+TYPED_TEST(WipedTest, AGenerationThatCannotBeReadIsNoReasonToStayDown) {
+  EXPECT_EQ(this->serve(0), 0U);
+  const auto state = this->pathOf("stavro/entities");
+  std::string image(std::filesystem::file_size(state), '\0');
+  std::fstream file(state, std::ios::in | std::ios::out | std::ios::binary);
+  file.read(image.data(), static_cast<std::streamsize>(image.size()));
+  const auto place = image.find(kGeneration);
+  ASSERT_NE(place, std::string::npos);
+  file.seekp(static_cast<std::streamoff>(place)).put('H').flush();
+  truncate(this->pathOf(TypeParam::Constants::configDriftPath(UnitId(0))));
+  {
+    Running agent(this->dir_.path());
+    EXPECT_EQ(agent.template table<TypeParam>(0)->entrys(), 0U);
+  }
+  EXPECT_EQ(this->messages_.size(), 1U);
+}
+
+TYPED_TEST(WipedTest, ReportsThatCannotBeReadAreNone) {
+  const auto reports = this->pathOf(
+      Asic::Constants::canonicalGroupTableVersionPath(TypeParam::Constants::canonicalGroupName()));
+  EXPECT_EQ(this->serve(0), 0U);
+  std::uint64_t version = 5;
+  for (const auto harm : kHarms) {
+    harm(reports);
+    {
+      Running agent(this->dir_.path());
+      const auto table = agent.template table<TypeParam>(0);
+      EXPECT_EQ(table->entryLog()->tableVersion().value(), version);
+      EXPECT_EQ(table->entryLog()->tableStatusVersion().value(), 0U);
+      EXPECT_TRUE(agent.template interface<TypeParam>()->swTableStatus()->pendingHwWrites());
+      // The hardware writer makes its collection anew and says where it stands.
+      this->report(version);
+      agent.tables().waitForReport(std::chrono::seconds(2));
+      agent.pumpAll();
+      EXPECT_FALSE(agent.template interface<TypeParam>()->swTableStatus()->pendingHwWrites());
+    }
+    EXPECT_EQ(this->serve(5), 0U);
+    version += 5;
+  }
+  EXPECT_THAT(this->messages_, IsEmpty());
+}
+
+TYPED_TEST(WipedTest, AnEnvironmentThatForbidsItsOwnManagerLeadsToTheMachines) {
+  const std::string name = "qbrestart." + std::to_string(::getpid());
+  const std::string machines = std::string(KivSharedMem::EntityManager::kDefaultRoot) + "/" + name;
+  ASSERT_FALSE(std::filesystem::exists(machines));
+  const Fenrik::String path = TypeParam::Constants::tableEntryLogDriftPath();
+  const auto stored = [&](const std::string& directory) {
+    return !Drift::Directory(directory, Drift::Directory::Access::read)
+                .entities(path.view())
+                .empty();
+  };
+  EXPECT_EXIT(
+      {
+        ::setenv("NOT_LOCAL_EM", "", 1);
+        Support::AgentRig agent(this->dir_.path(), name);
+        const auto table =
+            TypeParam::Interface::getIntf(Fenrik::Ptr<Asic::OrderedTableInterface>(&agent.tables()))
+                ->makeSwTable(UnitId(0), nullptr, false);
+        table->entryWrite(TypeParam::keyOf(1), entryOf<TypeParam>(1, 1), nullptr);
+        agent.pumpAll();
+        ::_exit(table->entryLog()->tableVersion().value() == 1 && stored(machines) &&
+                        !stored(this->dir_.path())
+                    ? 0
+                    : 1);
+      },
+      testing::ExitedWithCode(0), "");
+  std::filesystem::remove_all(machines);
+}
+
+}  // namespace
+}  // namespace RestartTest

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+
+/// What the instrumented room calls behind each of its stores. To be included by one source of a
+/// program.
+namespace Support {
+
+/// Stores until this process kills itself; never in the process of the test.
+inline std::size_t storesLeft = SIZE_MAX;
+
+}  // namespace Support
+
+namespace Drift {
+
+void killPoint() noexcept {
+  if (Support::storesLeft != SIZE_MAX && --Support::storesLeft == 0) ::kill(::getpid(), SIGKILL);
+}
+
+}  // namespace Drift
