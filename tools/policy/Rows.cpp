@@ -100,8 +100,12 @@ RuleRow ruleRowOf(const TcamEntryLogEntry& entry) {
 
 Rule ruleOf(const TcamEntryLogEntry& entry) {
   const RuleRow row = ruleRowOf(entry);
-  return {prefixOf(entry.sourcePrefix), prefixOf(entry.destinationPrefix), row.sourcePorts,
-          row.destinationPorts,         row.protocol,                      row.flags};
+  return {prefixOf(entry.sourcePrefix),
+          prefixOf(entry.destinationPrefix),
+          row.sourcePorts,
+          row.destinationPorts,
+          row.protocol,
+          row.flags};
 }
 
 }  // namespace Policy

@@ -3,14 +3,15 @@
 #include <array>
 #include <cstdint>
 
-#include "policy/Rule.h"
 #include "QuarnBastil/BigBb.h"
 #include "QuarnBastil/TcamEntry.h"
+#include "policy/Rule.h"
 
 namespace Policy {
 
-/// Labels are numbers given to prefixes in a preorder walk of the tree that they form: the labels of
-/// a prefix and of everything below it are an interval that holds no other. Both ends belong to it.
+/// Labels are numbers given to prefixes in a preorder walk of the tree that they form: the labels
+/// of a prefix and of everything below it are an interval that holds no other. Both ends belong to
+/// it.
 struct Labels {
   std::uint32_t first = 0;
   std::uint32_t last = 0;
