@@ -20,6 +20,9 @@ std::vector<FileWatch::Stamp> FileWatch::stamps() const {
 }
 
 bool FileWatch::changed() {
+  const auto time = std::chrono::steady_clock::now();
+  if (time < next_) return false;
+  next_ = time + kPeriod;
   auto now = stamps();
   const bool settled = now == last_;
   last_ = std::move(now);

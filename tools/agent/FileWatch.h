@@ -2,14 +2,16 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
+#include <cstdint>
 #include <span>
 #include <string>
 #include <vector>
 
 namespace Agent {
 
-/// Notices that files have changed. It looks at them when it is asked, a few times a second: that
-/// finds whatever was done to them, a rename, a link or a remount included.
+/// Notices that files have changed. It looks at them when it is asked, ten times a second at most:
+/// that finds whatever was done to them, a rename, a link or a remount included.
 class FileWatch {
  public:
   explicit FileWatch(std::span<const std::string> paths);
@@ -27,7 +29,10 @@ class FileWatch {
   };
   std::vector<Stamp> stamps() const;
 
+  static constexpr std::chrono::milliseconds kPeriod{100};
+
   std::vector<std::string> paths_;
+  std::chrono::steady_clock::time_point next_;
   std::vector<Stamp> taken_;
   std::vector<Stamp> last_;
 };

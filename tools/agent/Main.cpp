@@ -22,8 +22,7 @@ void addOptions(CLI::App& app, Agent::Options& options) {
       ->required();
   app.add_option("--unit", options.units, "Units of the hardware; 0 if none is given")
       ->check(CLI::Range(0, 65534))
-      ->expected(1)
-      ->take_all();
+      ->allow_extra_args(false);
   app.add_flag("--watch", options.watch, "Apply what changes in the files while the agent runs");
   app.add_flag("--reset", options.reset, "Empty the tables before anything is written");
   app.add_flag("--once", options.once, "End when all rows are committed");

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "policy/Input.h"
+
 namespace Policy {
 namespace {
 
@@ -62,6 +64,8 @@ std::vector<Rule> rulesOf(const std::string& file, std::string_view text) {
   readLines(file, text, [&](LineReader& line, unsigned) { rules.push_back(ruleOf(line)); });
   return rules;
 }
+
+std::vector<Rule> readRules(const std::string& path) { return rulesOf(path, textOfFile(path)); }
 
 std::string lineOf(const Rule& rule) {
   return fmt::format("@{}\t{}\t{} : {}\t{} : {}\t0x{:02x}/0x{:02X}\t0x{:04x}/0x{:04X}\n",

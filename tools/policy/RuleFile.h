@@ -18,6 +18,9 @@ namespace Policy {
 /// end; '#' begins a comment. Throws `InputError` at the first line that is something else.
 std::vector<Rule> rulesOf(const std::string& file, std::string_view text);
 
+/// The same of the file at a path, which may also not be readable.
+std::vector<Rule> readRules(const std::string& path);
+
 /// The line of a rule, with its end.
 std::string lineOf(const Rule& rule);
 
