@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <limits>
 
 #include "policy/Input.h"
 
@@ -26,9 +27,9 @@ PortRange portsOf(LineReader& line) {
 }
 
 template <class Number>
-Masked<Number> maskedOf(LineReader& line, std::uint32_t most, std::string_view name) {
+Masked<Number> maskedOf(LineReader& line, std::string_view expected) {
+  constexpr std::uint32_t most = std::numeric_limits<Number>::max();
   line.skipBlanks();
-  const std::string expected = fmt::format("{} from 0 to 0x{:x}", name, most);
   Masked<Number> masked;
   masked.value = static_cast<Number>(line.number(most, expected));
   line.pass('/', "'/' and a mask");
@@ -45,8 +46,8 @@ Rule ruleOf(LineReader& line) {
   rule.destination = line.prefix();
   rule.sourcePorts = portsOf(line);
   rule.destinationPorts = portsOf(line);
-  rule.protocol = maskedOf<std::uint8_t>(line, 0xff, "a protocol");
-  if (!line.atEnd()) rule.flags = maskedOf<std::uint16_t>(line, 0xffff, "flags");
+  rule.protocol = maskedOf<std::uint8_t>(line, "a protocol from 0 to 0xff");
+  if (!line.atEnd()) rule.flags = maskedOf<std::uint16_t>(line, "flags from 0 to 0xffff");
   if (!line.atEnd()) line.fail("the end of the rule");
   return rule;
 }
