@@ -74,7 +74,7 @@ void reportAll(const std::string& directory) {
 
 }  // namespace
 
-AgentRun::AgentRun(const std::string& directory, const std::vector<std::string>& arguments) {
+Running::Running(std::vector<std::string> words) {
   int ends[2];
   if (::pipe(ends) != 0) std::abort();
   pid_ = ::fork();
@@ -84,26 +84,24 @@ AgentRun::AgentRun(const std::string& directory, const std::vector<std::string>&
     ::dup2(ends[1], STDERR_FILENO);
     ::close(ends[0]);
     ::close(ends[1]);
-    std::vector<std::string> words{BASTIL_AGENT, "--dir", directory};
-    words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     for (auto& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
-    ::execv(BASTIL_AGENT, argv.data());
+    ::execv(argv[0], argv.data());
     ::_exit(127);
   }
   ::close(ends[1]);
   out_ = ends[0];
 }
 
-AgentRun::~AgentRun() {
+Running::~Running() {
   ::close(out_);
   if (pid_ <= 0) return;
   signal(SIGKILL);
   status();
 }
 
-std::optional<std::string> AgentRun::line() {
+std::optional<std::string> Running::line() {
   for (;;) {
     if (const auto end = read_.find('\n'); end != std::string::npos) {
       const std::string line = read_.substr(0, end);
@@ -118,27 +116,34 @@ std::optional<std::string> AgentRun::line() {
   }
 }
 
-std::string AgentRun::await(const std::string& text) {
+std::string Running::await(const std::string& text) {
   while (const auto next = line()) {
     if (next->find(text) != std::string::npos) return *next;
   }
   return {};
 }
 
-std::string AgentRun::rest() {
+std::string Running::rest() {
   std::string all;
   while (const auto next = line()) all += *next + '\n';
   return all;
 }
 
-void AgentRun::signal(int number) const { ::kill(pid_, number); }
+void Running::signal(int number) const { ::kill(pid_, number); }
 
-int AgentRun::status() {
+int Running::status() {
   int status = 0;
   if (::waitpid(pid_, &status, 0) != pid_) return -1000;
   pid_ = -1;
   return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
+
+AgentRun::AgentRun(const std::string& directory, const std::vector<std::string>& arguments)
+    : Running([&] {
+        std::vector<std::string> words{BASTIL_AGENT, "--dir", directory};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        return words;
+      }()) {}
 
 ReportingHardware::ReportingHardware(const std::string& directory) : pid_(::fork()) {
   if (pid_ != 0) return;

@@ -10,14 +10,14 @@
 
 namespace PolicyTest {
 
-/// The agent's program, with what it prints.
-class AgentRun {
+/// A program, with what it prints.
+class Running {
  public:
-  AgentRun(const std::string& directory, const std::vector<std::string>& arguments);
+  explicit Running(std::vector<std::string> words);
   /// Kills it if it still runs.
-  ~AgentRun();
-  AgentRun(const AgentRun&) = delete;
-  AgentRun& operator=(const AgentRun&) = delete;
+  ~Running();
+  Running(const Running&) = delete;
+  Running& operator=(const Running&) = delete;
 
   /// Reads on until a line holds the text, and returns the line; empty if the program ends before,
   /// or half a minute is over.
@@ -34,6 +34,12 @@ class AgentRun {
   int pid_ = -1;
   int out_ = -1;
   std::string read_;
+};
+
+/// The agent's program over a directory.
+class AgentRun : public Running {
+ public:
+  AgentRun(const std::string& directory, const std::vector<std::string>& arguments);
 };
 
 /// A hardware that takes everything that is announced at once and reports it, in a process of its
