@@ -94,7 +94,7 @@ TEST_F(AgentSoak, AKilledAgentIsGoneOnFrom) {
     expectCarriedOut(0, wanted);
     const auto versions = versionsIn(tables());
     AgentRun again(tables(), {path});
-    EXPECT_THAT(again.await("programmed"), HasSubstr("; 0 rows written"));
+    EXPECT_THAT(again.await("programmed"), HasSubstr("; 0 rows written,"));
     EXPECT_NE(again.await("acknowledged"), "");
     EXPECT_EQ(versionsIn(tables()), versions) << "nothing has changed";
   }
@@ -175,7 +175,11 @@ TEST_F(AgentTest, WhatCannotBeIsToldAndChangesNothing) {
       testing::MatchesRegex("bastil-agent: unit 0: TcamEntry would hold 655.. rows during the "
                             "change, 20 rules that stand and 655.. new ones; a unit takes "
                             "65536\n"));
-  EXPECT_EQ(versionsIn(tables()), versions);
+  EXPECT_THAT(failureOf({"--unit", "1", "--reset", many + "x", many}, 1),
+              HasSubstr("cannot be read"));
+  const auto tooMany = rules("tooMany", Policy::generate({.rules = 65'537, .networks = 800}));
+  EXPECT_THAT(failureOf({"--unit", "1", "--reset", tooMany}, 1), HasSubstr("65537"));
+  EXPECT_EQ(versionsIn(tables()), versions) << "nor was unit 0 emptied before it was refused";
   EXPECT_EQ(pictureIn(tables(), 1).rules.size(), 0U);
 }
 

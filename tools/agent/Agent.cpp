@@ -30,9 +30,26 @@ Agent::Agent(Options options, std::function<bool()> ends)
       wanted_(Policy::wantedOf(options_.files)),
       tables_(options_.directory) {}
 
+/// What does not fit is refused before anything is removed.
 void Agent::run() {
-  if (!emptyOthers() || !program() || options_.once) return;
+  auto plans = plansOf(options_.reset);
+  if (!emptyOthers()) return;
+  if (options_.reset) plans = plansOf(false);
+  if (!program(plans) || options_.once) return;
   serve();
+}
+
+std::vector<Policy::Plan> Agent::plansOf(bool fromNothing) {
+  std::vector<Policy::Plan> plans;
+  for (const unsigned unit : options_.units) {
+    const auto picture = fromNothing ? Policy::Picture() : tables_.unit(unit).picture();
+    try {
+      plans.push_back(Policy::planOf(picture, wanted_));
+    } catch (const Policy::CapacityError& error) {
+      throw Policy::CapacityError(fmt::format("unit {}: {}", unit, error.what()));
+    }
+  }
+  return plans;
 }
 
 bool Agent::carryOut(unsigned unit, const Policy::Plan& plan) {
@@ -52,25 +69,18 @@ bool Agent::emptyOthers() {
   return true;
 }
 
-bool Agent::program() {
-  const auto begin = Clock::now();
-  std::vector<Policy::Plan> plans;
-  for (const unsigned unit : options_.units) {
-    try {
-      plans.push_back(Policy::planOf(tables_.unit(unit).picture(), wanted_));
-    } catch (const Policy::CapacityError& error) {
-      throw Policy::CapacityError(fmt::format("unit {}: {}", unit, error.what()));
-    }
-  }
+bool Agent::program(const std::vector<Policy::Plan>& plans) {
   if (wanted_.repeated != 0) {
     say(fmt::format("left out: {} rules that repeat an earlier one", wanted_.repeated));
   }
   for (std::size_t i = 0; i < plans.size(); ++i) {
     if (!carryOut(options_.units[i], plans[i])) return false;
     acknowledged_ = false;
-    say(fmt::format("programmed: {} rules, {} prefixes, unit {}; {} rows written in {:.1f} ms",
+    say(
+        fmt::format("programmed: {} rules, {} prefixes, unit {}; {} rows written, {:.1f} ms after "
+                    "reading began",
                     plans[i].rules, plans[i].prefixes, options_.units[i], plans[i].steps.size(),
-                    millisecondsSince(begin)));
+                    millisecondsSince(began_)));
   }
   return true;
 }
@@ -89,7 +99,7 @@ bool Agent::reload() {
   began_ = Clock::now();
   try {
     wanted_ = Policy::wantedOf(options_.files);
-    return program();
+    return program(plansOf(false));
   } catch (const Policy::InputError& error) {
     fmt::print(stderr, "bastil-agent: {}\n", error.what());
   } catch (const Policy::CapacityError& error) {

@@ -27,7 +27,7 @@ struct Options {
 /// Brings what the files say into the tables of some units, and serves them. What it tells on
 /// stdout:
 ///
-///     programmed: 942 rules, 368 prefixes, unit 0; 0 rows written in 4.1 ms
+///     programmed: 942 rules, 368 prefixes, unit 0; 0 rows written, 4.1 ms after reading began
 ///     acknowledged: the hardware has everything, 15.0 ms after reading began
 ///
 /// the first line for each unit when its rows are committed, the second one when the hardware
@@ -46,7 +46,8 @@ class Agent {
   using Clock = std::chrono::steady_clock;
 
   bool emptyOthers();
-  bool program();
+  std::vector<Policy::Plan> plansOf(bool fromNothing);
+  bool program(const std::vector<Policy::Plan>& plans);
   bool carryOut(unsigned unit, const Policy::Plan& plan);
   void serve();
   bool reload();

@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "policy/PrefixTree.h"
+#include "policy/StepList.h"
 
 namespace Policy {
 namespace {
@@ -58,33 +59,6 @@ class FreeRows {
  private:
   std::vector<bool> taken_ = std::vector<bool>(65'536);
   std::uint16_t next_;
-};
-
-/// The steps so far, and what of the order between the tables they carry already.
-class Steps {
- public:
-  static constexpr std::size_t kNone = Step::kNone;
-
-  /// Behind everything of the other table so far.
-  std::size_t add(Step step) {
-    const std::size_t last = last_[step.onPrefixes() ? 1 : 0];
-    return add(std::move(step), last);
-  }
-  /// Behind one step of the other table, or none.
-  std::size_t add(Step step, std::size_t after) {
-    const unsigned table = step.onPrefixes() ? 0 : 1;
-    if (after != kNone && (carried_[table] == kNone || after > carried_[table])) {
-      step.after = carried_[table] = after;
-    }
-    steps_.push_back(std::move(step));
-    return last_[table] = steps_.size() - 1;
-  }
-  std::vector<Step> take() { return std::move(steps_); }
-
- private:
-  std::vector<Step> steps_;
-  std::array<std::size_t, 2> last_{kNone, kNone};
-  std::array<std::size_t, 2> carried_{kNone, kNone};
 };
 
 class Planner {
@@ -304,7 +278,7 @@ class Planner {
   FreeRows free_;
   RuleOrder order_;
   unsigned use_ = 0;
-  Steps steps_;
+  StepList steps_;
 };
 
 }  // namespace
