@@ -16,8 +16,8 @@ using Policy::Step;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-/// Operations in flight: enough for the library to fetch ahead, few enough to end soon.
-constexpr std::size_t kWindow = 4096;
+/// Operations in flight: enough for the library to fetch ahead, few enough to stay in the cache.
+constexpr std::size_t kWindow = 1024;
 /// Steps between two looks at how many there are.
 constexpr std::size_t kLook = 64;
 constexpr unsigned kPumpBudget = 1024;

@@ -37,7 +37,7 @@ PrefixTree treeOf(const Picture& picture, const Wanted& wanted) {
   for (const Route& route : wanted.routes) want(route.prefix, route.nextHop);
   // Whatever no other prefix holds has a label too.
   if (!wanted.rules.empty() || !wanted.routes.empty()) want({}, 0);
-  return PrefixTree(std::move(nodes));
+  return PrefixTree(nodes);
 }
 
 /// The rows of `TcamEntry` that nobody has.
@@ -81,6 +81,7 @@ class Planner {
 
   Plan plan() {
     checkRoom();
+    steps_.reserve(tree_.nodes().size() + wanted_.rules.size());
     settleNumbering();
     rewriteRows(true);
     writePrefixes();

@@ -109,19 +109,22 @@ class Numbering {
 
 }  // namespace
 
-PrefixTree::PrefixTree(std::vector<Node> nodes) : nodes_(std::move(nodes)) {
-  std::ranges::sort(nodes_, {}, [](const Node& node) { return keyOf(node.prefix); });
-  std::size_t size = 0;
-  for (std::size_t i = 0; i < nodes_.size(); ++i) {
-    if (size != 0 && nodes_[size - 1].prefix == nodes_[i].prefix) {
-      merge(nodes_[size - 1], nodes_[i]);
+PrefixTree::PrefixTree(const std::vector<Node>& nodes) {
+  // Sorted by places: a node is too large to be moved about.
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> order;
+  order.reserve(nodes.size());
+  for (std::uint32_t i = 0; i < nodes.size(); ++i) order.emplace_back(keyOf(nodes[i].prefix), i);
+  std::ranges::sort(order);
+  nodes_.reserve(order.size());
+  keys_.reserve(order.size());
+  for (const auto& [key, place] : order) {
+    if (!keys_.empty() && keys_.back() == key) {
+      merge(nodes_.back(), nodes[place]);
     } else {
-      nodes_[size++] = nodes_[i];
+      nodes_.push_back(nodes[place]);
+      keys_.push_back(key);
     }
   }
-  nodes_.resize(size);
-  keys_.reserve(size);
-  for (const Node& node : nodes_) keys_.push_back(keyOf(node.prefix));
 }
 
 std::optional<std::uint32_t> PrefixTree::find(const Prefix& prefix) const noexcept {

@@ -29,7 +29,7 @@ class PrefixTree {
   };
 
   /// Nodes in any order; of several with one prefix the tree makes one.
-  explicit PrefixTree(std::vector<Node> nodes);
+  explicit PrefixTree(const std::vector<Node>& nodes);
 
   /// In preorder.
   std::vector<Node>& nodes() noexcept { return nodes_; }

@@ -14,6 +14,7 @@ class StepList {
  public:
   static constexpr std::size_t kNone = Step::kNone;
 
+  void reserve(std::size_t steps) { steps_.reserve(steps); }
   /// Behind everything of the other table so far.
   std::size_t add(Step step) {
     const std::size_t last = last_[step.onPrefixes() ? 1 : 0];
