@@ -18,7 +18,9 @@ namespace {
 volatile std::sig_atomic_t ending = 0;
 
 using Network = std::uint16_t;
-BigBbFamily::Key prefixKey(Network network) { return {0x0a000000U | network << 8U, 24}; }
+BigBbFamily::Key prefixKey(Network network) {
+  return {0x0a000000U | std::uint32_t{network} << 8, 24};
+}
 TcamEntryEntryKey ruleKey(Network network) { return {0, network}; }
 
 class FilterAgent {

@@ -6,6 +6,7 @@
 
 #include "Policy/TableModel.h"
 #include "Support/Soak.h"
+#include "policy/Draw.h"
 #include "policy/Generate.h"
 
 namespace PolicyTest {
@@ -15,43 +16,6 @@ using Policy::Plan;
 using Policy::Rule;
 using Policy::Step;
 using Policy::Wanted;
-
-/// One place of a rule's range or prefix: its ends, and what lies right outside.
-template <class Number>
-Number corner(Number first, Number last, Random& random) {
-  const Number corners[] = {first, last, static_cast<Number>(first - 1),
-                            static_cast<Number>(last + 1)};
-  return corners[random() % 10 < 8 ? random() % 2 : 2 + random() % 2];
-}
-
-std::uint32_t corner(const Policy::Prefix& prefix, Random& random) {
-  const std::uint32_t last = prefix.address | (prefix.length == 32 ? 0 : ~0U >> prefix.length);
-  return corner(prefix.address, last, random);
-}
-
-template <class Number>
-Number corner(const Policy::Masked<Number>& masked, Random& random) {
-  const auto any = static_cast<Number>(random() & ~std::uint64_t{masked.mask});
-  return static_cast<Number>(random() % 8 == 0 ? random() : masked.value | any);
-}
-
-/// Each field from the corners of one of the rules; as a rule from the same one.
-Packet packetOf(const std::vector<Rule>& rules, Random& random) {
-  const Rule* rule = &rules[random() % rules.size()];
-  const auto next = [&]() -> const Rule& {
-    if (random() % 4 == 0) rule = &rules[random() % rules.size()];
-    return *rule;
-  };
-  Packet packet;
-  packet.source = corner(next().source, random);
-  packet.destination = corner(next().destination, random);
-  packet.sourcePort = corner(next().sourcePorts.first, rule->sourcePorts.last, random);
-  packet.destinationPort =
-      corner(next().destinationPorts.first, rule->destinationPorts.last, random);
-  packet.protocol = corner(next().protocol, random);
-  packet.flags = corner(next().flags, random);
-  return packet;
-}
 
 /// A unit whose rules change again and again, under the eyes of packets.
 class History {
@@ -124,30 +88,30 @@ class History {
     }
   }
 
-  void drawPackets(std::vector<Rule> rules) {
-    rules.insert(rules.end(), wanted_.rules.begin(), wanted_.rules.end());
-    rules.emplace_back();
+  void drawPackets(const std::vector<Rule>& before) {
+    const std::vector<std::vector<Rule>> lists{before, wanted_.rules};
+    Policy::PacketDraw draw(lists, static_cast<unsigned>(random_()));
     packets_.clear();
     for (int i = 0; i < 48; ++i) {
-      const Packet packet = packetOf(rules, random_);
+      const Packet packet = draw.next();
       packets_.push_back(
           {packet, model_.decide(packet), Policy::firstMatch(wanted_.rules, packet)});
     }
   }
 
+  /// What the plan does to rows that stand.
   void count(const Plan& plan) {
-    std::set<std::uint16_t> standing;
-    for (const auto& placed : model_.picture().rules) standing.insert(placed.index);
+    std::map<std::uint16_t, Policy::RuleRow> standing;
+    for (const auto& placed : model_.picture().rules) standing[placed.index] = placed.row;
     bool moves = false;
     bool renumbers = false;
     for (const Step& step : plan.steps) {
       if (step.removes || step.onPrefixes()) continue;
       const auto& placed = std::get<1>(step.row);
-      const auto rows = model_.picture().rules;
-      const auto at = std::ranges::find(rows, placed.index, &Policy::PlacedRule::index);
-      if (at == rows.end()) continue;
-      moves = moves || at->row.priority != placed.row.priority;
-      renumbers = renumbers || at->row.numbering != placed.row.numbering;
+      const auto at = standing.find(placed.index);
+      if (at == standing.end()) continue;
+      moves = moves || at->second.priority != placed.row.priority;
+      renumbers = renumbers || at->second.numbering != placed.row.numbering;
     }
     seen.moved += moves ? 1 : 0;
     seen.renumbered += renumbers ? 1 : 0;
