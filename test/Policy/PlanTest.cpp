@@ -207,5 +207,54 @@ TEST(PlanSoak, APacketMeetsTheDecisionBeforeOrBehindAtEveryStep) {
   EXPECT_GT(all.moved, 0U);
 }
 
+/// Rows as no plan leaves them: those of a plan, with anything in some of their fields.
+TableModel damagedTables(const std::vector<Rule>& rules, Random& random) {
+  Wanted wanted;
+  Policy::addRules(wanted, rules);
+  TableModel model;
+  const auto number = [&] { return static_cast<std::uint32_t>(random() >> random() % 64); };
+  for (Step step : Policy::planOf({}, wanted).steps) {
+    if (random() % 8 == 0) continue;
+    const bool harmed = random() % 4 == 0;
+    if (step.onPrefixes() && harmed) {
+      auto& row = std::get<0>(step.row);
+      row.labels[random() % 2] = {number(), number()};
+      row.nextHop = number();
+      if (random() % 4 == 0) row.prefix = {number(), static_cast<std::uint8_t>(number())};
+    } else if (harmed) {
+      auto& placed = std::get<1>(step.row);
+      placed.row.numbering = static_cast<unsigned>(random() % 2);
+      placed.row.priority = number() % 4;
+      if (random() % 4 == 0) placed.row.source = {number(), number()};
+      if (random() % 4 == 0) placed.rule.source = {number(), static_cast<std::uint8_t>(number())};
+      if (random() % 4 == 0) placed.row.decision = number();
+      if (random() % 4 == 0) placed.bank = 1;
+    }
+    model.apply(step);
+  }
+  return model;
+}
+
+TEST(PlanSoak, AnyRowsBecomeThoseThatAreWanted) {
+  const unsigned seed = Support::seed();
+  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
+  Random random(seed);
+  for (int round = 0; round < 200 * Support::soakFactor() && !HasFailure(); ++round) {
+    const std::vector<std::vector<Rule>> lists{
+        Policy::generate({.rules = 1 + random() % 30, .seed = random(), .networks = 1})};
+    auto model = damagedTables(lists[0], random);
+    Wanted wanted;
+    Policy::addRules(wanted, lists[0]);
+    const Plan plan = Policy::planOf(model.picture(), wanted);
+    for (const Step& step : plan.steps) model.apply(step);
+    EXPECT_EQ(Policy::planOf(model.picture(), wanted).steps.size(), 0U) << "round " << round;
+    Policy::PacketDraw draw(lists, static_cast<unsigned>(random()));
+    for (int i = 0; i < 20; ++i) {
+      const Packet packet = draw.next();
+      EXPECT_EQ(model.decide(packet), Policy::firstMatch(lists[0], packet)) << "round " << round;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace PolicyTest

@@ -20,7 +20,7 @@ class TableModel {
     const Policy::PrefixRow* const source = longestMatch(packet.source);
     const Policy::PrefixRow* const destination = longestMatch(packet.destination);
     const Policy::PlacedRule* best = nullptr;
-    for (const auto& [index, placed] : rules_) {
+    for (const auto& [place, placed] : rules_) {
       const Policy::RuleRow& row = placed.row;
       const bool matches = holds(row.source, source, row.numbering) &&
                            holds(row.destination, destination, row.numbering) &&
@@ -38,7 +38,7 @@ class TableModel {
       put(prefixes_, row.prefix, row, step.removes);
     } else {
       const auto& placed = std::get<1>(step.row);
-      put(rules_, placed.index, placed, step.removes);
+      put(rules_, {placed.bank, placed.index}, placed, step.removes);
     }
   }
 
@@ -52,7 +52,7 @@ class TableModel {
            stands(placed.rule.destination, placed.row.destination);
   }
   bool everyRulePointsToRows() const {
-    for (const auto& [index, placed] : rules_) {
+    for (const auto& [place, placed] : rules_) {
       if (!pointsToRows(placed)) return false;
     }
     return true;
@@ -61,7 +61,7 @@ class TableModel {
   Policy::Picture picture() const {
     Policy::Picture picture;
     for (const auto& [prefix, row] : prefixes_) picture.prefixes.push_back(row);
-    for (const auto& [index, placed] : rules_) picture.rules.push_back(placed);
+    for (const auto& [place, placed] : rules_) picture.rules.push_back(placed);
     return picture;
   }
 
@@ -88,7 +88,7 @@ class TableModel {
   }
 
   std::map<Policy::Prefix, Policy::PrefixRow> prefixes_;
-  std::map<std::uint16_t, Policy::PlacedRule> rules_;
+  std::map<std::pair<unsigned, unsigned>, Policy::PlacedRule> rules_;
 };
 
 }  // namespace PolicyTest
