@@ -103,14 +103,13 @@ class Planner {
     std::uint32_t destination = 0;
   };
 
-  /// A row is of use if it does what its rule says, and both of its prefixes stand.
+  /// A row is of use if both of its prefixes stand.
   void findNodes() {
     for (const PlacedRule& placed : rows_) {
       const auto source = tree_.find(placed.rule.source);
       const auto destination = tree_.find(placed.rule.destination);
       const bool usable = source && destination && tree_.nodes()[*source].stands &&
-                          tree_.nodes()[*destination].stands &&
-                          placed.row.decision == decisionOf(placed.rule);
+                          tree_.nodes()[*destination].stands;
       usable_.push_back(usable);
       rowEnds_.push_back(usable ? Ends{*source, *destination} : Ends{});
     }

@@ -72,12 +72,12 @@ class Numbering {
 
   void post(std::int64_t number, bool opens) {
     if (!good_) return;
-    good_ = number <= last_ && (opens ? lowest_ < number : lowest_ <= number) &&
-            spread(opens ? number - 1 : number);
+    good_ = number <= last_ && spread(opens ? number - 1 : number);
     lowest_ = number;
   }
 
-  /// Gives numbers above `lowest_` and up to `highest` to what was met since the last post.
+  /// Gives numbers above `lowest_` and up to `highest` to what was met since the last post. False
+  /// if they do not suffice, or if this post stands before the last one.
   bool spread(std::int64_t highest) {
     const std::int64_t room = highest - lowest_;
     if (opens_ > room) return false;

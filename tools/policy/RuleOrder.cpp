@@ -8,7 +8,8 @@ namespace {
 
 constexpr std::uint32_t kNone = RuleOrder::kNone;
 
-/// For each row the position of its rule among those that are wanted, or kNone.
+/// For each row the position of its rule among those that are wanted, or kNone. A row that decides
+/// as another rule than its own would is none of them.
 std::vector<std::uint32_t> positionsOf(std::span<const PlacedRule> rows,
                                        const std::vector<bool>& usable,
                                        std::span<const Rule> wanted) {
