@@ -389,17 +389,19 @@ TYPED_TEST(Conformance, NoReportHoweverWildTakesLong) {
 }
 
 TYPED_TEST(Conformance, DamageReadsAsNothingAndIsNotedWithTheCollection) {
+  const auto damage = [](const auto& file, std::size_t slot, std::size_t count) {
+    const auto& header = file.header();
+    const int fd = ::open(file.path().c_str(), O_RDWR);
+    const std::string garbage(header.slotStride * count, '\x5a');
+    EXPECT_EQ(::pwrite(fd, garbage.data(), garbage.size(),
+                       static_cast<off_t>(header.slotsOffset + slot * header.slotStride)),
+              static_cast<ssize_t>(garbage.size()));
+    ::close(fd);
+  };
   this->write(1, 1);
   this->write(2, 2);
   this->agent.pumpAll();
-  const auto& file = this->config().file();
-  const int fd = ::open(file.path().c_str(), O_RDWR);
-  ASSERT_GE(fd, 0);
-  const auto& header = file.header();
-  const std::string garbage(header.slotStride * 2, '\x5a');
-  ASSERT_EQ(::pwrite(fd, garbage.data(), garbage.size(), static_cast<off_t>(header.slotsOffset)),
-            static_cast<ssize_t>(garbage.size()));
-  ::close(fd);
+  damage(this->config().file(), 0, 2);
   const auto noted = [&] { return this->config().map()->corruption().count; };
   EXPECT_EQ(this->table->entryFromConfig(this->key(1)), typename TypeParam::Entry());
   EXPECT_GT(noted(), 0u);
@@ -414,9 +416,13 @@ TYPED_TEST(Conformance, DamageReadsAsNothingAndIsNotedWithTheCollection) {
   this->write(3, 3);
   this->agent.pumpAll();
   EXPECT_EQ(this->table->entryRead(this->key(1)), this->entry(1, 11));
+  // A log record that cannot be read holds no other back.
+  damage(this->log().tableEntryLog()->file(), 2, 1);
   this->report(4);
   EXPECT_THAT(this->calls,
               ElementsAre("W1 entryDone", "W2 entryDone", "W1 entryDone", "W3 entryDone"));
+  EXPECT_EQ(this->logSize(), 0u);
+  EXPECT_GT(this->log().tableEntryLog()->map()->corruption().count, 0u);
 }
 
 }  // namespace
