@@ -1,0 +1,232 @@
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+
+#include "Policy/AgentRun.h"
+#include "Policy/TableModel.h"
+#include "Support/Soak.h"
+#include "Support/TempDir.h"
+#include "policy/Generate.h"
+#include "policy/RuleFile.h"
+
+namespace PolicyTest {
+namespace {
+
+using Policy::Rule;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class AgentTest : public testing::Test {
+ protected:
+  std::string tables() const { return dir_.path() + "/tables"; }
+
+  /// Under its name at once, as a careful editor does it.
+  std::string file(const std::string& name, const std::string& text) const {
+    const std::string path = dir_.path() + "/" + name;
+    std::ofstream(path + ".new") << text;
+    std::filesystem::rename(path + ".new", path);
+    return path;
+  }
+  std::string rules(const std::string& name, const std::vector<Rule>& rules) const {
+    std::string text;
+    for (const Rule& rule : rules) text += Policy::lineOf(rule);
+    return file(name, text);
+  }
+
+  /// Whether a unit carries out these rules and holds nothing else.
+  void expectCarriedOut(unsigned unit, const std::vector<Rule>& rules) const {
+    const auto picture = pictureIn(tables(), unit);
+    Policy::Wanted wanted;
+    Policy::addRules(wanted, rules);
+    EXPECT_EQ(Policy::planOf(picture, wanted).steps.size(), 0U);
+    EXPECT_EQ(picture.rules.size(), rules.size());
+    TableModel model;
+    for (const auto& row : picture.prefixes) model.apply({.row = row});
+    for (const auto& placed : picture.rules) model.apply({.row = placed});
+    for (std::size_t i = 0; i < rules.size(); i += 1 + rules.size() / 50) {
+      const Packet packet{rules[i].source.address,   rules[i].destination.address,
+                          rules[i].sourcePorts.last, rules[i].destinationPorts.first,
+                          rules[i].protocol.value,   rules[i].flags.value};
+      EXPECT_EQ(model.decide(packet), Policy::firstMatch(rules, packet)) << i;
+    }
+  }
+
+  Support::TempDir dir_;
+};
+
+using AgentSoak = AgentTest;
+
+TEST_F(AgentSoak, AKilledAgentIsGoneOnFrom) {
+  const unsigned seed = Support::seed();
+  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
+  Random random(seed);
+  const ReportingHardware hardware(tables());
+  unsigned killedWithin = 0;
+  for (int change = 0; change < 8 * Support::soakFactor() && !HasFailure(); ++change) {
+    // Half of the list before, and much that is new.
+    auto wanted = Policy::generate({.rules = 1500, .seed = seed, .networks = 60});
+    std::erase_if(wanted, [&](const Rule&) { return random() % 2 == 0; });
+    const auto fresh = Policy::generate({.rules = 1000, .seed = random(), .networks = 60});
+    for (const Rule& rule : fresh) {
+      if (std::ranges::find(wanted, rule) == wanted.end()) {
+        wanted.insert(wanted.begin() + static_cast<std::ptrdiff_t>(random() % wanted.size()), rule);
+      }
+    }
+    const auto path = rules("rules", wanted);
+    for (int kills = 0; kills < 4; ++kills) {
+      const auto before = versionsIn(tables());
+      AgentRun agent(tables(), {path});
+      // Not for ever: the agent before may have been killed with all done and nothing told.
+      for (int i = 0; i < 500 && versionsIn(tables()) == before; ++i) ::usleep(100);
+      ::usleep(static_cast<unsigned>(random() % 8000));
+      agent.signal(SIGKILL);
+      EXPECT_EQ(agent.status(), -SIGKILL);
+      const bool whole = agent.rest().find("programmed") != std::string::npos;
+      killedWithin += whole ? 0 : 1;
+      if (whole) break;
+    }
+    EXPECT_NE(AgentRun(tables(), {"--once", path}).await("programmed"), "");
+    expectCarriedOut(0, wanted);
+    const auto versions = versionsIn(tables());
+    AgentRun again(tables(), {path});
+    EXPECT_THAT(again.await("programmed"), HasSubstr("; 0 rows written,"));
+    EXPECT_NE(again.await("acknowledged"), "");
+    EXPECT_EQ(versionsIn(tables()), versions) << "nothing has changed";
+  }
+  std::cout << "killed " << killedWithin << " times within a change" << std::endl;
+  EXPECT_GT(killedWithin, 0U);
+}
+
+TEST_F(AgentTest, AChangedFileIsAppliedAndABadOneIsNot) {
+  const ReportingHardware hardware(tables());
+  auto wanted = Policy::generate({.rules = 200, .networks = 10});
+  const auto path = rules("rules", wanted);
+  AgentRun agent(tables(), {"--watch", path});
+  EXPECT_THAT(agent.await("programmed"), StartsWith("programmed: 200 rules, "));
+  EXPECT_NE(agent.await("acknowledged"), "");
+  const auto versions = versionsIn(tables());
+  file("rules", Policy::lineOf(wanted[0]) + "@10.0.0.0/8 10.0.0.0/40\n");
+  EXPECT_THAT(agent.await(path), HasSubstr(path + ":2:22: expected a prefix length from 0 to 32"));
+  EXPECT_NE(agent.await("the rules before stay in force"), "");
+  EXPECT_EQ(versionsIn(tables()), versions);
+  std::filesystem::remove(path);
+  EXPECT_THAT(agent.await(path), HasSubstr("cannot be read: No such file"));
+  // One rule leaves, and one comes; prefixes as they need them.
+  const Rule other{{0xcb007100, 24}, wanted[5].destination, {}, {}, {}, {}};
+  wanted.erase(wanted.begin() + 100);
+  wanted.insert(wanted.begin() + 50, other);
+  rules("rules", wanted);
+  EXPECT_THAT(agent.await("programmed"), StartsWith("programmed: 200 rules, "));
+  EXPECT_NE(agent.await("acknowledged"), "");
+  expectCarriedOut(0, wanted);
+  const auto after = versionsIn(tables());
+  EXPECT_EQ(after[1], versions[1] + 2) << "a row for each rule that changed";
+  agent.signal(SIGTERM);
+  EXPECT_EQ(agent.status(), 0);
+}
+
+TEST_F(AgentTest, UnitsComeGoAndAreReset) {
+  const ReportingHardware hardware(tables());
+  const auto wanted = Policy::generate({.rules = 100, .networks = 5});
+  const auto path = rules("rules", wanted);
+  const auto routes = file("routes", "192.0.2.0/24 203.0.113.1\n");
+  EXPECT_EQ(AgentRun(tables(), {"--once", "--unit", "0", "--unit", "7", path, routes}).status(), 0);
+  EXPECT_EQ(pictureIn(tables(), 7).rules.size(), 100U);
+  AgentRun other(tables(), {"--once", "--unit", "7", path});
+  EXPECT_THAT(other.await("emptied"), StartsWith("emptied: unit 0; "));
+  EXPECT_EQ(other.status(), 0);
+  EXPECT_EQ(pictureIn(tables(), 0).rules.size() + pictureIn(tables(), 0).prefixes.size(), 0U);
+  expectCarriedOut(7, wanted);
+  const auto versions = versionsIn(tables());
+  EXPECT_EQ(AgentRun(tables(), {"--once", "--unit", "7", "--reset", path}).status(), 0);
+  EXPECT_EQ(versionsIn(tables())[1], versions[1] + 200) << "all rows went and came";
+  expectCarriedOut(7, wanted);
+}
+
+TEST_F(AgentTest, WhatCannotBeIsToldAndChangesNothing) {
+  const auto path = rules("rules", Policy::generate({.rules = 20}));
+  const auto failureOf = [&](const std::vector<std::string>& arguments, int status) {
+    AgentRun agent(tables(), arguments);
+    const std::string text = agent.rest();
+    EXPECT_EQ(agent.status(), status) << text;
+    return text;
+  };
+  EXPECT_THAT(failureOf({}, 2), HasSubstr("FILE"));
+  EXPECT_THAT(failureOf({"--unit", "65535", path}, 2), HasSubstr("65535"));
+  const auto bad = file("bad", "@10.0.0.0/8\n");
+  EXPECT_THAT(failureOf({path, bad}, 1), StartsWith("bastil-agent: " + bad + ":1:12: expected"));
+  EXPECT_FALSE(std::filesystem::exists(tables())) << "files are read before anything is made";
+
+  AgentRun first(tables(), {path});
+  ASSERT_NE(first.await("programmed"), "");
+  EXPECT_THAT(failureOf({path}, 1), HasSubstr("another process writes it; stop that one first"));
+  first.signal(SIGINT);
+  EXPECT_EQ(first.status(), 0);
+
+  const auto versions = versionsIn(tables());
+  const auto many = rules("many", Policy::generate({.rules = 65'530, .networks = 800}));
+  EXPECT_THAT(
+      failureOf({"--unit", "0", "--unit", "1", many}, 1),
+      testing::MatchesRegex("bastil-agent: unit 0: TcamEntry would hold 655.. rows during the "
+                            "change, 20 rules that stand and 655.. new ones; a unit takes "
+                            "65536\n"));
+  EXPECT_THAT(failureOf({"--unit", "1", "--reset", many + "x", many}, 1),
+              HasSubstr("cannot be read"));
+  const auto tooMany = rules("tooMany", Policy::generate({.rules = 65'537, .networks = 800}));
+  EXPECT_THAT(failureOf({"--unit", "1", "--reset", tooMany}, 1), HasSubstr("65537"));
+  EXPECT_EQ(versionsIn(tables()), versions) << "nor was unit 0 emptied before it was refused";
+  EXPECT_EQ(pictureIn(tables(), 1).rules.size(), 0U);
+}
+
+TEST_F(AgentTest, TheCampusPolicyFitsAndRepeatsNothing) {
+  AgentRun agent(tables(), {"--once", BASTIL_CAMPUS_RULES});
+  EXPECT_THAT(agent.rest(), StartsWith("programmed: 472 rules, "));
+  EXPECT_EQ(agent.status(), 0);
+  expectCarriedOut(0, Policy::readRules(BASTIL_CAMPUS_RULES));
+}
+
+TEST_F(AgentTest, TheExampleGoesOnFromWhereItWasKilled) {
+  const auto example = [&](const std::string& networks, const std::string& told, int signal) {
+    Running agent({BASTIL_EXAMPLE, tables(), "1", networks, "300"});
+    EXPECT_EQ(agent.await("added"), told);
+    agent.signal(signal);
+    EXPECT_EQ(agent.status(), signal == SIGKILL ? -SIGKILL : 0);
+  };
+  example("2", "3 added, 0 removed", SIGKILL);
+  example("2", "0 added, 0 removed", SIGTERM);
+  example("7", "1 added, 1 removed", SIGKILL);
+  const auto picture = pictureIn(tables(), 0);
+  ASSERT_EQ(picture.prefixes.size(), 3U);
+  EXPECT_EQ(picture.rules.size(), 3U);
+}
+
+TEST_F(AgentTest, FullMemoryEndsItAndMoreMemoryLetsItGoOn) {
+  const std::string small = dir_.path() + "/small";
+  std::filesystem::create_directory(small);
+  if (::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=16m") != 0) {
+    GTEST_SKIP() << "a small file system is root's to make";
+  }
+  struct Mounted {
+    std::string path;
+    ~Mounted() { ::umount2(path.c_str(), MNT_DETACH); }
+  } mounted{small};
+  const auto wanted = Policy::generate({.rules = 20'000, .networks = 400});
+  const auto path = rules("rules", wanted);
+  const std::string inSmall = small + "/tables";
+  AgentRun agent(inSmall, {"--once", path});
+  EXPECT_NE(agent.await("no space"), "");
+  EXPECT_EQ(agent.status(), 1);
+  const auto written = pictureIn(inSmall, 0);
+  EXPECT_GT(written.prefixes.size(), 0U);
+  ASSERT_EQ(::mount("tmpfs", small.c_str(), "tmpfs", MS_REMOUNT, "size=512m"), 0);
+  EXPECT_EQ(AgentRun(inSmall, {"--once", path}).status(), 0);
+  EXPECT_EQ(pictureIn(inSmall, 0).rules.size(), wanted.size());
+}
+
+}  // namespace
+}  // namespace PolicyTest

@@ -1,0 +1,211 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <iostream>
+#include <set>
+
+#include "Policy/TableModel.h"
+#include "Support/Soak.h"
+#include "policy/Draw.h"
+#include "policy/Generate.h"
+
+namespace PolicyTest {
+namespace {
+
+using Policy::Plan;
+using Policy::Rule;
+using Policy::Step;
+using Policy::Wanted;
+
+/// A unit whose rules change again and again, under the eyes of packets.
+class History {
+ public:
+  explicit History(Random& random) : random_(random) {}
+
+  struct Seen {
+    unsigned stopped = 0;
+    unsigned renumbered = 0;
+    unsigned moved = 0;
+  };
+  Seen seen;
+
+  void change() {
+    const std::vector<Rule> before = wanted_.rules;
+    wanted_ = nextWanted();
+    drawPackets(before);
+    const Plan plan = Policy::planOf(model_.picture(), wanted_, kRoom);
+    count(plan);
+    const bool stops = random_() % 4 == 0;
+    carryOut(plan, stops ? random_() % (plan.steps.size() + 1) : plan.steps.size());
+    if (stops) {
+      ++seen.stopped;
+    } else {
+      checkEnd();
+    }
+  }
+
+ private:
+  /// Numbers so few that there is no room for new ones again and again.
+  static constexpr Policy::Room kRoom{.rows = 400, .lastLabel = 420, .lastPriority = 400};
+  static constexpr std::size_t kMostRules = 40;
+
+  Wanted nextWanted() {
+    std::vector<Rule> rules = wanted_.rules;
+    const auto fresh = Policy::generate(
+        {.rules = 1 + random_() % kMostRules, .seed = random_(), .networks = 1 + networks_ % 2});
+    switch (random_() % 8) {
+      case 0:
+        rules.clear();
+        break;
+      case 1:
+        rules = fresh;
+        break;
+      default:
+        edit(rules, fresh);
+    }
+    Wanted wanted;
+    Policy::addRules(wanted, rules);
+    for (std::size_t i = random_() % 4; i != 0; --i) {
+      const Rule& rule = fresh[random_() % fresh.size()];
+      if (rule.source.length == 0) continue;
+      std::erase_if(wanted.routes, [&](const auto& route) { return route.prefix == rule.source; });
+      wanted.routes.push_back({rule.source, static_cast<std::uint32_t>(random_() % 3), 0});
+    }
+    return wanted;
+  }
+
+  void edit(std::vector<Rule>& rules, const std::vector<Rule>& fresh) {
+    std::erase_if(rules, [&](const Rule&) { return random_() % 4 == 0; });
+    if (rules.size() > 1 && random_() % 3 == 0) {
+      std::swap(rules[random_() % rules.size()], rules[random_() % rules.size()]);
+    }
+    const std::size_t at = random_() % (rules.size() + 1);
+    for (std::size_t i = 0; i < fresh.size() && rules.size() < kMostRules; ++i) {
+      // At one place, where the numbers soon come to an end, or anywhere.
+      const std::size_t place =
+          random_() % 2 == 0 ? std::min(at, rules.size()) : random_() % (rules.size() + 1);
+      rules.insert(rules.begin() + static_cast<std::ptrdiff_t>(place), fresh[i]);
+    }
+  }
+
+  void drawPackets(const std::vector<Rule>& before) {
+    const std::vector<std::vector<Rule>> lists{before, wanted_.rules};
+    Policy::PacketDraw draw(lists, static_cast<unsigned>(random_()));
+    packets_.clear();
+    for (int i = 0; i < 48; ++i) {
+      const Packet packet = draw.next();
+      packets_.push_back(
+          {packet, model_.decide(packet), Policy::firstMatch(wanted_.rules, packet)});
+    }
+  }
+
+  /// What the plan does to rows that stand.
+  void count(const Plan& plan) {
+    std::map<std::uint16_t, Policy::RuleRow> standing;
+    for (const auto& placed : model_.picture().rules) standing[placed.index] = placed.row;
+    bool moves = false;
+    bool renumbers = false;
+    for (const Step& step : plan.steps) {
+      if (step.removes || step.onPrefixes()) continue;
+      const auto& placed = std::get<1>(step.row);
+      const auto at = standing.find(placed.index);
+      if (at == standing.end()) continue;
+      moves = moves || at->second.priority != placed.row.priority;
+      renumbers = renumbers || at->second.numbering != placed.row.numbering;
+    }
+    seen.moved += moves ? 1 : 0;
+    seen.renumbered += renumbers ? 1 : 0;
+  }
+
+  /// In any order that the plan leaves to the hardware: each table's steps one after the other, and
+  /// none before the step of the other table that it is to come after.
+  void carryOut(const Plan& plan, std::size_t stopAfter) {
+    std::vector<bool> done(plan.steps.size());
+    std::array<std::size_t, 2> next{0, 0};
+    const auto seek = [&](unsigned table) {
+      while (next[table] < plan.steps.size() &&
+             plan.steps[next[table]].onPrefixes() != (table == 0)) {
+        ++next[table];
+      }
+      return next[table] < plan.steps.size();
+    };
+    for (std::size_t count = 0; count < stopAfter && !testing::Test::HasFailure(); ++count) {
+      unsigned table = random_() % 2 == 0 ? 1 : 0;
+      const auto mayGo = [&](unsigned which) {
+        if (!seek(which)) return false;
+        const std::size_t after = plan.steps[next[which]].after;
+        return after == Step::kNone || done[after];
+      };
+      if (!mayGo(table)) table = 1 - table;
+      ASSERT_TRUE(mayGo(table)) << "both tables wait for each other";
+      done[next[table]] = true;
+      take(plan.steps[next[table]++], count);
+    }
+  }
+
+  void take(const Step& step, std::size_t number) {
+    model_.apply(step);
+    EXPECT_TRUE(model_.everyRulePointsToRows()) << "step " << number;
+    for (const auto& [packet, before, after] : packets_) {
+      const Decision decision = model_.decide(packet);
+      EXPECT_TRUE(decision == before || decision == after)
+          << "step " << number << ": " << decision << ", before " << before << ", after " << after;
+    }
+  }
+
+  void checkEnd() {
+    for (const auto& [packet, before, after] : packets_) EXPECT_EQ(model_.decide(packet), after);
+    const auto picture = model_.picture();
+    EXPECT_EQ(picture.rules.size(), wanted_.rules.size());
+    std::set<Policy::Prefix> prefixes;
+    for (const Rule& rule : wanted_.rules) {
+      prefixes.insert({rule.source, rule.destination, Policy::Prefix{}});
+    }
+    for (const auto& route : wanted_.routes) {
+      prefixes.insert({route.prefix, Policy::Prefix{}});
+      const auto at = std::ranges::find(picture.prefixes, route.prefix, &Policy::PrefixRow::prefix);
+      ASSERT_NE(at, picture.prefixes.end());
+      EXPECT_EQ(at->nextHop, route.nextHop);
+    }
+    EXPECT_EQ(picture.prefixes.size(), prefixes.size());
+    const Plan again = Policy::planOf(picture, wanted_, kRoom);
+    EXPECT_EQ(again.steps.size(), 0U) << "nothing has changed, so nothing is to be written";
+    EXPECT_EQ(again.rules, picture.rules.size());
+    EXPECT_EQ(again.prefixes, picture.prefixes.size());
+  }
+
+  struct Watched {
+    Packet packet;
+    Decision before;
+    Decision after;
+  };
+
+  Random& random_;
+  TableModel model_;
+  Wanted wanted_;
+  std::vector<Watched> packets_;
+  unsigned networks_ = static_cast<unsigned>(random_());
+};
+
+TEST(PlanSoak, APacketMeetsTheDecisionBeforeOrBehindAtEveryStep) {
+  const unsigned seed = Support::seed();
+  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
+  Random random(seed);
+  History::Seen all;
+  for (int unit = 0; unit < 10 * Support::soakFactor() && !HasFailure(); ++unit) {
+    History history(random);
+    for (int change = 0; change < 30 && !HasFailure(); ++change) history.change();
+    all.stopped += history.seen.stopped;
+    all.renumbered += history.seen.renumbered;
+    all.moved += history.seen.moved;
+  }
+  std::cout << "stopped " << all.stopped << ", renumbered " << all.renumbered << ", moved "
+            << all.moved << std::endl;
+  if (HasFailure()) return;
+  EXPECT_GT(all.stopped, 0U);
+  EXPECT_GT(all.renumbered, 0U);
+  EXPECT_GT(all.moved, 0U);
+}
+
+}  // namespace
+}  // namespace PolicyTest

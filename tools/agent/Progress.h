@@ -1,0 +1,39 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+namespace Agent {
+
+/// Tells how far a long piece of work is: a bar on a terminal, a line a second elsewhere, nothing
+/// of what is done at once.
+class Progress {
+ public:
+  /// `title` is what is being done, `total` how many rows it is about.
+  Progress(std::string title, std::size_t total);
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  /// So many rows are done. Costs next to nothing when it is not yet time to tell.
+  void at(std::size_t done);
+  /// A line that is not swallowed by the bar.
+  void say(const std::string& text);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void show(std::size_t done);
+  void clear();
+
+  std::string title_;
+  std::size_t total_;
+  bool terminal_;
+  bool shown_ = false;
+  /// How far it was when it was last told.
+  std::size_t told_ = 0;
+  Clock::time_point next_;
+};
+
+}  // namespace Agent

@@ -1,0 +1,116 @@
+#include "agent/Tables.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "OrderedTable/Constants.h"
+#include "policy/Rows.h"
+
+namespace Agent {
+namespace {
+
+using QuarnBastil::BigBbFamily;
+using QuarnBastil::TcamEntryFamily;
+
+constexpr const char* kName = "agent";
+
+/// Units of one family that have a configuration.
+template <class Family>
+void addUnits(const KivSharedMem::EntityManager& memory, std::vector<unsigned>& units) {
+  const auto base = Asic::Constants::canonicalGroupTableConfigDriftPathBase(
+      Family::Constants::canonicalGroupName(), Family::kTableNamespace, Family::kTableName);
+  const auto found = memory.findEntities(base, KivSharedMem::KivSharedMemType::stored);
+  for (const auto& node : found->paths()) {
+    try {
+      units.push_back(Asic::Constants::getUnitIdFromConfigPath(node.value()).value());
+    } catch (const Fenrik::Exception&) {
+      // A file that somebody put beside the configurations.
+    }
+  }
+}
+
+template <class Interface>
+std::uint64_t behindOf(const Interface& interface) {
+  const auto& log = *interface.entryLog();
+  const std::uint64_t reported = log.tableStatusVersion().value();
+  return log.tableVersion().value() - std::min(reported, log.tableVersion().value());
+}
+
+}  // namespace
+
+LoggedSoFar::LoggedSoFar(const Fenrik::String& tableName, Asic::TableVersion version)
+    : tableName_(tableName), version_(version) {
+  entryStateStore(Asic::EntryState::entryInLog);
+}
+
+Policy::Picture Unit::picture() const {
+  Policy::Picture picture;
+  picture.nextIndex = nextIndex;
+  for (auto it = prefixes->entryIteratorConst(); it; ++it) {
+    picture.prefixes.push_back(Policy::prefixRowOf(*it));
+  }
+  for (auto it = rules->entryIteratorConst(); it; ++it) {
+    const auto& key = it->key;
+    picture.rules.push_back({key.bank, key.index, Policy::ruleOf(*it), Policy::ruleRowOf(*it)});
+  }
+  return picture;
+}
+
+Tables::Tables(const std::string& directory)
+    : memory_(Fenrik::ptrIsImpl<KivSharedMem::EntityManager>(kName, Fenrik::String(directory),
+                                                             Drift::Directory::Access::write)),
+      tables_(
+          Fenrik::ptrIsImpl<Asic::OrderedTableInterface>(Fenrik::ptrIsImpl<Stavro::EntityManager>(
+              kName, true, Fenrik::String(directory), Drift::Directory::Access::write))),
+      rules_(QuarnBastil::TcamEntryInterface::getIntf(tables_)),
+      prefixes_(QuarnBastil::BigBbInterface::getIntf(tables_)) {}
+
+Unit& Tables::unit(unsigned number) {
+  const auto [at, isNew] = units_.try_emplace(number);
+  Unit& unit = at->second;
+  if (!isNew) return unit;
+  unit.id = Asic::UnitId(static_cast<std::uint16_t>(number));
+  unit.prefixes = prefixes_->makeSwTable(unit.id, nullptr, false);
+  unit.rules = rules_->makeSwTable(unit.id, nullptr, false);
+  // Behind the rows that stand: those before them may have been removed a moment ago.
+  for (auto it = unit.rules->entryIteratorConst(); it; ++it) {
+    unit.nextIndex =
+        std::max(unit.nextIndex,
+                 static_cast<std::uint16_t>(it->key.index == UINT16_MAX ? 0 : it->key.index + 1));
+  }
+  return unit;
+}
+
+std::vector<unsigned> Tables::unitsFound() const {
+  std::vector<unsigned> units;
+  addUnits<TcamEntryFamily>(*memory_, units);
+  addUnits<BigBbFamily>(*memory_, units);
+  std::ranges::sort(units);
+  units.erase(std::unique(units.begin(), units.end()), units.end());
+  return units;
+}
+
+std::size_t Tables::queued() const {
+  std::size_t length = 0;
+  const auto& groups = tables_->groupInterfaceColl();
+  for (auto it = groups->groupIntfIterator(); it; ++it) {
+    length += it->value()->groupResolver()->length();
+  }
+  return length;
+}
+
+std::uint64_t Tables::behind() const { return behindOf(*rules_) + behindOf(*prefixes_); }
+
+std::string Tables::waitsFor() const {
+  const auto& groups = tables_->groupInterfaceColl();
+  for (auto it = groups->groupIntfIterator(); it; ++it) {
+    const auto head = it->value()->groupResolver()->head().waiting;
+    if (head.table.empty() || head.reason.empty()) continue;
+    return fmt::format("{} unit {}, {} of {}: {}", head.table, head.unit, head.operation, head.key,
+                       head.reason);
+  }
+  return fmt::format("{} log records that it has not reported", behind());
+}
+
+}  // namespace Agent

@@ -1,0 +1,123 @@
+#include "policy/Input.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <unordered_map>
+
+#include "policy/RuleFile.h"
+
+namespace Policy {
+namespace {
+
+[[noreturn]] void failToRead(const std::string& path, int error) {
+  throw InputError(fmt::format("{}: cannot be read: {}", path, std::strerror(error)));
+}
+
+/// A descriptor that is closed with its object.
+struct OpenFile {
+  explicit OpenFile(const std::string& path) : fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+    if (fd < 0) failToRead(path, errno);
+  }
+  ~OpenFile() { ::close(fd); }
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+  int fd;
+};
+
+bool holdsRules(std::string_view text) {
+  while (!text.empty()) {
+    const std::size_t begin = text.find_first_not_of(" \t\r\n");
+    if (begin == std::string_view::npos) return false;
+    if (text[begin] == '@') return true;
+    const std::size_t end = text.find('\n', begin);
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end);
+  }
+  return false;
+}
+
+/// The files that ask for a prefix, so that two that contradict each other are told.
+class RouteBook {
+ public:
+  void add(const std::string& file, const std::vector<Route>& routes, std::vector<Route>& out) {
+    for (const Route& route : routes) {
+      const auto [at, isNew] = known_.try_emplace(route.prefix, Known{route, &file});
+      if (isNew) {
+        out.push_back(route);
+      } else if (at->second.route.nextHop != route.nextHop) {
+        fail(file, route, at->second);
+      }
+    }
+  }
+
+ private:
+  struct Known {
+    Route route;
+    const std::string* file;
+  };
+  [[noreturn]] static void fail(const std::string& file, const Route& route, const Known& known) {
+    throw InputError(fmt::format(
+        "{}:{}:1: expected one next hop for each prefix, found another one for the prefix of "
+        "{}:{}",
+        file, route.line, *known.file, known.route.line));
+  }
+
+  std::map<Prefix, Known> known_;
+};
+
+}  // namespace
+
+std::string textOfFile(const std::string& path) {
+  const OpenFile file(path);
+  struct stat status {};
+  if (::fstat(file.fd, &status) != 0) failToRead(path, errno);
+  std::string text(static_cast<std::size_t>(status.st_size), '\0');
+  std::size_t size = 0;
+  for (;;) {
+    if (size == text.size()) text.resize(size + 65536);
+    const ssize_t got = ::read(file.fd, text.data() + size, text.size() - size);
+    if (got < 0 && errno != EINTR) failToRead(path, errno);
+    if (got == 0) break;
+    if (got > 0) size += static_cast<std::size_t>(got);
+  }
+  text.resize(size);
+  return text;
+}
+
+void addRules(Wanted& wanted, std::span<const Rule> rules) {
+  std::unordered_map<Decision, std::size_t> known;
+  known.reserve(wanted.rules.size() + rules.size());
+  for (std::size_t i = 0; i < wanted.rules.size(); ++i) {
+    known.emplace(decisionOf(wanted.rules[i]), i);
+  }
+  wanted.rules.reserve(wanted.rules.size() + rules.size());
+  for (const Rule& rule : rules) {
+    const auto [at, isNew] = known.try_emplace(decisionOf(rule), wanted.rules.size());
+    if (!isNew && wanted.rules[at->second] == rule) {
+      ++wanted.repeated;
+    } else {
+      wanted.rules.push_back(rule);
+    }
+  }
+}
+
+Wanted wantedOf(std::span<const std::string> paths) {
+  Wanted wanted;
+  RouteBook book;
+  for (const std::string& path : paths) {
+    const std::string text = textOfFile(path);
+    if (holdsRules(text)) {
+      addRules(wanted, rulesOf(path, text));
+    } else {
+      book.add(path, routesOf(path, text), wanted.routes);
+    }
+  }
+  return wanted;
+}
+
+}  // namespace Policy
