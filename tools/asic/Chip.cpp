@@ -64,7 +64,8 @@ void Chip::storedTables(const TableKind& kind) {
     const auto [stop, error] = std::from_chars(path.data() + folder.size(), end, unit);
     if (error != std::errc() || stop != end) continue;
     const bool lost = table(kind, UnitId(unit)).rows.fresh();
-    if (lost) progress(kind).file.noteIs(0);
+    RowFile& note = progress(kind).file;
+    if (lost) note.noteIs(0);
   }
 }
 
@@ -89,11 +90,12 @@ Chip::Progress& Chip::progress(const TableKind& kind) {
   return progress_.try_emplace(kind.id, directory_, kind).first->second;
 }
 
-void Chip::pay(const TableKind& kind, Pipeline::Cost cost) {
+void Chip::pay(const TableKind& kind, UnitId unit, Words key, Pipeline::Cost cost) {
   Meters& meters = progress(kind).meters;
   meters.moves += cost.moves;
   if (cost.violations == 0) return;
   meters.violations += cost.violations;
+  lastViolation_ = fmt::format("{} unit {} {}", kind.name, unit, kind.key.text(key.data()));
   metersStore();
 }
 
@@ -105,7 +107,7 @@ void Chip::write(const TableKind& kind, UnitId unit, Words entry) {
   to.rows.write(entry);
   to.digest += Tables::rowDigest(kind.id, unit, entry);
   ++progress(kind).meters.written;
-  pay(kind, units_[unit].written(kind, entry));
+  pay(kind, unit, entry, units_[unit].written(kind, entry));
 }
 
 bool Chip::remove(const TableKind& kind, UnitId unit, Words key) {
@@ -115,7 +117,7 @@ bool Chip::remove(const TableKind& kind, UnitId unit, Words key) {
   from.digest -= Tables::rowDigest(kind.id, unit, *former);
   from.rows.remove(key);
   ++progress(kind).meters.removed;
-  pay(kind, units_[unit].removed(kind, key));
+  pay(kind, unit, key, units_[unit].removed(kind, key));
   return true;
 }
 

@@ -63,6 +63,9 @@ class Chip {
   const RuleTable& rules(UnitId unit) const;
 
   Meters meters() const;
+  /// The row at which the last violation of this process was counted, and the table and unit; empty
+  /// if there was none.
+  const std::string& lastViolation() const noexcept { return lastViolation_; }
   void metersStore();
 
  private:
@@ -71,13 +74,14 @@ class Chip {
 
   Table& table(const TableKind& kind, UnitId unit);
   Progress& progress(const TableKind& kind);
-  void pay(const TableKind& kind, Pipeline::Cost cost);
+  void pay(const TableKind& kind, UnitId unit, Words key, Pipeline::Cost cost);
   void storedTables(const TableKind& kind);
 
   Drift::Directory directory_;
   std::map<std::pair<Asic::SwTableId, UnitId>, Table> tables_;
   std::map<Asic::SwTableId, Progress> progress_;
   std::map<UnitId, Pipeline> units_;
+  std::string lastViolation_;
 };
 
 }  // namespace SimAsic

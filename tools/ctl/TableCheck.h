@@ -54,6 +54,8 @@ class TableCheck {
   std::map<Asic::UnitId, Word> cleared_;
   /// What each version of the log concerns; of a clear, no key.
   std::map<Word, Key> concerned_;
+  /// Entries that are configured under a version that is not theirs in the log.
+  std::map<std::pair<Asic::UnitId, Word>, std::size_t> cuts_;
 };
 
 }  // namespace Ctl

@@ -18,10 +18,12 @@ void Comparison::compare(const Config& config, Words key, const std::optional<Co
   const bool ground = early && bounds.withGround && kind.tier == 0;
   // On ground that is laid early a row in deletion stays until the log takes it away.
   const bool wanted = row && (!row->isDeleted || ground);
-  if (wanted ? present && std::ranges::equal(*present, row->entry) : !present) return;
   if (early && !ground) {
-    later_.push_back({row->version, config.unit(), {key.begin(), key.end()}});
-  } else if (wanted) {
+    later_.push_back({row->version, config.unit(), {key.begin(), key.end()}, row->isDeleted});
+    return;
+  }
+  if (wanted ? present && std::ranges::equal(*present, row->entry) : !present) return;
+  if (wanted) {
     const auto order = SimAsic::Pipeline::orderOf(kind, row->entry);
     differences_.push_back({&kind, config.unit(), order, row->entry, true});
   } else {

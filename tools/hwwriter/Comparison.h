@@ -24,12 +24,12 @@ class Comparison {
     std::vector<Tables::Word> words;
     bool write;
   };
-  /// A row that differs as well, and that the log may still bring: to be looked at again when the
-  /// chip is programmed up to that version.
+  /// A row that is configured under a version that the chip has not come to.
   struct Later {
     Tables::Word version;
     Asic::UnitId unit;
     std::vector<Tables::Word> key;
+    bool isDelete;
   };
   /// Which differences count.
   struct Bounds {
@@ -48,7 +48,7 @@ class Comparison {
 
   /// Rows that were compared.
   std::size_t compared() const noexcept { return compared_; }
-  /// Rows that the log may still bring, and lets go of them.
+  /// Rows of versions that are still to come; lets go of them.
   std::vector<Later> takeLater() { return std::exchange(later_, {}); }
 
   /// Programs the differences: first what others point at, then what points at it; then removes, in

@@ -22,6 +22,9 @@ class LogSource {
   /// The agent has made one of the files anew: this object follows what nobody writes any more.
   bool replaced() const { return log_.file().replaced() || needed_.file().replaced(); }
 
+  /// Moves when another agent takes the log over, before that one announces anything.
+  Word generation() const { return log_.generation(); }
+
   /// How far one may go. Throws `Fenrik::CorruptionDetectedException`.
   Word announced() const;
   /// What to sleep at; the bell as it was before the last look at `announced`.

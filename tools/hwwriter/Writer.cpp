@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
 
 namespace HwWriter {
 namespace {
@@ -11,29 +12,14 @@ using Drift::MountStage;
 
 /// How often the writer looks for files that came, went or changed hands: no bell tells of that.
 constexpr std::chrono::milliseconds kLookInterval(100);
-
-/// Whether what could not be opened may be there in a moment.
-bool maybeSoon(MountStage stage) {
-  return stage == MountStage::absent || stage == MountStage::notReady || stage == MountStage::busy;
-}
+/// So many of them what another process holds may stay held.
+constexpr unsigned kBusyLooks = 20;
 
 }  // namespace
 
-Writer::Writer(const Options& options)
-    : options_(options), news_(options.json), pace_(options) {
+Writer::Writer(const Options& options) : options_(options), news_(options.json), pace_(options) {
   if (options.classify != 0) classifier_.emplace(options_, news_);
-  for (const TableKind& kind : Tables::tableKinds()) tables_.emplace_back().kind = &kind;
-}
-
-bool Writer::openLog(Table& table) {
-  if (table.source != nullptr && !table.source->replaced()) return true;
-  table.source = nullptr;
-  try {
-    table.source = std::make_unique<LogSource>(*directory_, *table.kind);
-  } catch (const MountException& e) {
-    if (!maybeSoon(e.stage())) news_.warn(e.what());
-  }
-  return table.source != nullptr;
+  for (const TableKind& kind : Tables::tableKinds()) tables_.emplace_back(kind);
 }
 
 /// The agent's files that are there; false as long as there are none.
@@ -47,44 +33,25 @@ bool Writer::open() {
     }
   }
   bool any = false;
-  for (Table& table : tables_) any = openLog(table) || any;
+  for (Table& table : tables_) any = table.open(*directory_, news_) || any;
   if (!any || chip_ != nullptr) return any;
-  chip_ = std::make_unique<SimAsic::Chip>(options_.directory + "/asic");
   reports_.emplace(options_.directory);
+  chip_ = std::make_unique<SimAsic::Chip>(options_.directory + "/asic");
   return true;
-}
-
-void Writer::openConfigs(Table& table, Comparison& comparison) {
-  if (table.source == nullptr) return;
-  for (const Asic::UnitId unit : Tables::configuredUnits(*directory_, *table.kind)) {
-    Unit& known = table.units[unit];
-    try {
-      if (known.config == nullptr || known.config->file().replaced()) {
-        known = {std::make_unique<Tables::Config>(*directory_, *table.kind, unit), 0};
-      }
-      const Word generation = known.config->generation();
-      if (generation == known.generation) continue;
-      known.generation = generation;
-      comparison.add(*known.config, {.upTo = chip_->programmed(*table.kind)});
-    } catch (const MountException& e) {
-      if (!maybeSoon(e.stage())) news_.warn(e.what());
-    }
-  }
-  takeLater(table, comparison);
-}
-
-void Writer::takeLater(Table& table, Comparison& comparison) {
-  for (auto& later : comparison.takeLater()) {
-    const Word version = later.version;
-    table.later.emplace(version, std::move(later));
-  }
 }
 
 /// Takes up what has appeared or passed to another agent since the last look.
 void Writer::look() {
   if (!open()) return;
   Comparison comparison(*chip_, news_);
-  for (Table& table : tables_) openConfigs(table, comparison);
+  bool taken = false;
+  for (Table& table : tables_) {
+    if (table.source() != nullptr) taken = table.takeoverSeen() || taken;
+  }
+  for (Table& table : tables_) {
+    if (table.source() == nullptr) continue;
+    table.compare(*directory_, comparison, chip_->programmed(table.kind()), taken, news_);
+  }
   if (comparison.compared() == 0) return;
   const std::size_t programmed = comparison.program();
   news_.tell("compared",
@@ -99,20 +66,16 @@ void Writer::startOver(const std::string& why) {
   Comparison comparison(*chip_, news_);
   std::map<const Table*, Word> announced;
   for (Table& table : tables_) {
-    if (table.source != nullptr) announced[&table] = table.source->announced();
+    if (table.source() != nullptr) announced[&table] = table.source()->announced();
   }
   for (Table& table : tables_) {
-    for (auto& [unit, known] : table.units) {
-      if (known.config == nullptr) continue;
-      comparison.add(*known.config, {.upTo = announced[&table], .withGround = true});
-    }
-    takeLater(table, comparison);
+    if (!announced.contains(&table)) continue;
+    table.compareAnew(comparison, {.upTo = announced[&table], .withGround = true});
   }
   const std::size_t programmed = comparison.program();
-  for (Table& table : tables_) {
-    if (table.source == nullptr) continue;
-    chip_->programmedIs(*table.kind, announced[&table]);
-    reports_->report(*table.kind, announced[&table]);
+  for (const auto& [table, version] : announced) {
+    chip_->programmedIs(table->kind(), version);
+    reports_->report(table->kind(), version);
   }
   reports_->ring();
   news_.tell("lost",
@@ -124,17 +87,21 @@ void Writer::startOver(const std::string& why) {
 
 bool Writer::satisfied(const std::vector<Asic::TableVersion>& needs) {
   for (const Asic::TableVersion& need : needs) {
-    const TableKind* const kind = Tables::kindOf(need.tableId());
-    const auto other = std::ranges::find(tables_, kind, &Table::kind);
+    const auto other = std::ranges::find(tables_, need.tableId(),
+                                         [](const Table& table) { return table.kind().id; });
     if (other == tables_.end()) {
       news_.warn(fmt::format("table {} is needed and not known here; going on without", need));
       continue;
     }
-    if (other->source == nullptr) return false;
+    if (other->source() == nullptr) return false;
     // What was never announced cannot have been built upon: it was in a log that is lost.
-    const Word version = std::min(need.logVersion().value(), other->source->announced());
-    if (chip_->programmed(*kind) < version) return false;
-    reports_->report(*kind, version);
+    const Word version = std::min(need.logVersion().value(), other->source()->announced());
+    if (chip_->programmed(other->kind()) < version) {
+      raised_ = raised_ || other->demanded < version;
+      other->demanded = std::max(other->demanded, version);
+      return false;
+    }
+    reports_->report(other->kind(), version);
   }
   return true;
 }
@@ -149,18 +116,29 @@ void Writer::apply(const TableKind& kind, const Tables::LogRow& row) {
   }
 }
 
+/// While something that the next agent builds on is missing, its table goes up to where that
+/// belongs, and the others as far as it needs them: no further than the agent that died.
+Word Writer::limitOf(const Table& table, Word announced) const {
+  const Word cut = table.cut();
+  if (cut != 0) return std::min(announced, cut - 1);
+  const bool held =
+      std::ranges::any_of(tables_, [](const Table& other) { return other.cut() != 0; });
+  return held ? std::min(announced, table.demanded) : announced;
+}
+
 Writer::Step Writer::advance(Table& table) {
-  const TableKind& kind = *table.kind;
-  LogSource& source = *table.source;
+  const TableKind& kind = table.kind();
+  LogSource& source = *table.source();
   const Word announced = source.announced();
+  if (table.takenOver()) return Step::taken;
   Word version = chip_->programmed(kind);
   const auto lost = [&](const char* what) {
     lost_ = fmt::format("{}: {} behind version {}", kind.name, what, version);
     return Step::lost;
   };
   if (announced < version) return lost("the log was made anew and ends");
-  const Word end = std::min(announced, version + options_.batch);
   const Word begin = version;
+  const Word end = std::min(limitOf(table, announced), version + options_.batch);
   for (; version < end; ++version) {
     const auto* const needs = source.needs(version + 1);
     if (needs == nullptr) return lost("needed versions cannot be read");
@@ -172,7 +150,7 @@ Writer::Step Writer::advance(Table& table) {
     pace_.row();
     if (classifier_) classifier_->changed(*chip_);
   }
-  if (version == begin) return Step::nothing;
+  if (version <= begin) return Step::nothing;
   pace_.batch();
   reports_->report(kind, version);
   return Step::some;
@@ -182,86 +160,110 @@ Writer::Step Writer::advance(Table& table) {
 bool Writer::advance() {
   bool some = false;
   for (Table& table : tables_) {
-    if (table.source == nullptr) continue;
+    if (table.source() == nullptr) continue;
     try {
       const Step step = advance(table);
-      if (step == Step::lost) {
-        look();
-        startOver(lost_);
-      }
+      if (step == Step::taken || step == Step::lost) look();
+      if (step == Step::lost) startOver(lost_);
       some = some || step != Step::nothing;
     } catch (const Fenrik::CorruptionDetectedException& e) {
       news_.warn(e.what());
     }
   }
-  if (some) {
-    chip_->metersStore();
-    reports_->ring();
+  some = std::exchange(raised_, false) || some;
+  if (chip_ == nullptr || !some) return some;
+  chip_->metersStore();
+  reports_->ring();
+  if (!chip_->lastViolation().empty()) {
+    news_.warn(fmt::format("violation: {}: a rule points at a prefix that is not there",
+                           chip_->lastViolation()));
   }
   return some;
 }
 
 /// Whether everything that was announced is programmed.
-bool Writer::drained() {
+bool Writer::drained() const {
   return std::ranges::all_of(tables_, [&](const Table& table) {
-    return table.source == nullptr || table.source->announced() <= chip_->programmed(*table.kind);
+    return table.source() == nullptr ||
+           table.source()->announced() <= chip_->programmed(table.kind());
   });
 }
 
-/// Looks again at rows that differed and that the log had not brought yet. Behind everything that
-/// was announced only what an agent stored and could not log is left: what that builds on was
-/// announced before.
+/// Programs what was configured and not logged, when the chip has come to its version, or to the
+/// end of everything that was announced: what it builds on was announced before.
 bool Writer::settle(Table& table, bool everything) {
-  const Word programmed = chip_->programmed(*table.kind);
-  const auto end = everything ? table.later.end() : table.later.upper_bound(programmed);
-  if (end == table.later.begin()) return false;
+  const Word upTo = everything ? std::numeric_limits<Word>::max() : chip_->programmed(table.kind());
   Comparison comparison(*chip_, news_);
-  const Word upTo = everything ? std::numeric_limits<Word>::max() : programmed;
-  for (auto it = table.later.begin(); it != end; ++it) {
-    const auto unit = table.units.find(it->second.unit);
-    if (unit == table.units.end() || unit->second.config == nullptr) continue;
-    comparison.add(*unit->second.config, it->second.key, {.upTo = upTo});
-  }
-  if (everything && !drained()) return false;
-  table.later.erase(table.later.begin(), end);
-  takeLater(table, comparison);
-  const std::size_t count = comparison.program();
-  if (count == 0) return true;
-  news_.tell("settled",
-             fmt::format("{}: {} rows had been configured by an agent that died before it logged "
-                         "them, and were programmed",
-                         table.kind->name, count),
-             {{"table", table.kind->name}, {"programmed", count}});
+  table.compareLater(comparison, upTo, {.upTo = upTo});
+  if (comparison.compared() == 0 || (everything && !drained())) return false;
+  table.laterDone(comparison, upTo, false);
+  tellSettled(table, comparison.program());
   return true;
 }
 
-bool Writer::settle() {
+/// Makes up for what the next agent builds on, once nothing that was logged before it is missing.
+bool Writer::settleCut() {
   bool some = false;
+  for (Table& table : tables_) {
+    const Word version = table.cut();
+    if (version == 0 || table.source() == nullptr) continue;
+    Comparison comparison(*chip_, news_);
+    table.compareCut(comparison, version);
+    table.laterDone(comparison, version, true);
+    tellSettled(table, comparison.program());
+    some = true;
+  }
+  return some;
+}
+
+void Writer::tellSettled(const Table& table, std::size_t count) const {
+  if (count == 0) return;
+  news_.tell("settled",
+             fmt::format("{}: {} rows had been configured by an agent that died before it logged "
+                         "them, and were programmed",
+                         table.kind().name, count),
+             {{"table", table.kind().name}, {"programmed", count}});
+}
+
+bool Writer::settle() {
+  bool some = settleCut();
   for (const bool everything : {false, true}) {
     for (Table& table : tables_) {
-      if (table.later.empty() || (everything && !drained())) continue;
+      if (table.source() == nullptr || !table.hasLater() || (everything && !drained())) continue;
       some = settle(table, everything) || some;
     }
   }
   return some;
 }
 
-bool Writer::atRest() {
-  return chip_ != nullptr && drained() &&
-         std::ranges::all_of(tables_, [](const Table& table) { return table.later.empty(); });
-}
-
 void Writer::sleep() const {
   std::vector<Drift::BellSeen> bells;
   for (const Table& table : tables_) {
-    if (table.source != nullptr) bells.push_back(table.source->bell());
+    if (table.source() != nullptr) bells.push_back(table.source()->bell());
   }
   Drift::waitForAnyRing(bells, kLookInterval);
 }
 
+/// True if there may be more to do at once.
+bool Writer::work() {
+  constexpr unsigned kPacketsBetweenLooks = 64;
+  if (options_.once && chip_ == nullptr) {
+    throw MountException(
+        MountStage::absent,
+        Fenrik::formatString("{}: no agent has made any table there; start one with the same "
+                             "directory",
+                             options_.directory));
+  }
+  if (chip_ == nullptr) return false;
+  if (advance() || settle()) return true;
+  return classifier_ && drained() && classifier_->rest(*chip_, kPacketsBetweenLooks);
+}
+
+/// Whether what was asked for has been done.
+bool Writer::done() { return options_.once && chip_ != nullptr && drained(); }
+
 int Writer::run(const volatile std::sig_atomic_t& stop) {
   using Clock = std::chrono::steady_clock;
-  constexpr unsigned kPacketsBetweenLooks = 64;
   Clock::time_point nextLook{};
   while (stop == 0) {
     try {
@@ -269,72 +271,21 @@ int Writer::run(const volatile std::sig_atomic_t& stop) {
         look();
         nextLook = Clock::now() + kLookInterval;
       }
-      if (options_.once && chip_ == nullptr) {
-        throw MountException(MountStage::absent,
-                             Fenrik::formatString("{}: no agent has made any table there; start "
-                                                  "one with the same directory",
-                                                  options_.directory));
-      }
-      if (advance() || settle()) continue;
-      if (atRest()) {
-        if (classifier_ && classifier_->rest(*chip_, kPacketsBetweenLooks)) continue;
-        if (options_.once) break;
-      }
+      const bool more = work();
+      busy_ = 0;
+      if (more) continue;
+      if (done()) break;
     } catch (const Fenrik::CorruptionDetectedException& e) {
       news_.warn(e.what());
     } catch (const Drift::NoSpaceException& e) {
       news_.warn(e.what());
+    } catch (const MountException& e) {
+      // An agent that comes up holds the reports for a moment, to make them.
+      if (e.stage() != MountStage::busy || ++busy_ > kBusyLooks) throw;
     }
     sleep();
   }
   return summary();
-}
-
-int Writer::summary() {
-  nlohmann::ordered_json facts{{"programmed", nlohmann::json::object()}};
-  std::string text;
-  if (chip_ != nullptr) {
-    chip_->metersStore();
-    const SimAsic::Meters meters = chip_->meters();
-    std::uint64_t ofChip = 0;
-    std::uint64_t ofConfig = 0;
-    Word rows = 0;
-    for (const Table& table : tables_) {
-      facts["programmed"][std::string(table.kind->name)] = chip_->programmed(*table.kind);
-      for (const Asic::UnitId unit : chip_->units(*table.kind)) {
-        rows += chip_->rowCount(*table.kind, unit);
-        ofChip += chip_->digest(*table.kind, unit);
-      }
-      for (const auto& [unit, known] : table.units) {
-        if (known.config != nullptr) ofConfig += known.config->digest();
-      }
-    }
-    facts.update({{"rows", rows},
-                  {"written", meters.written},
-                  {"removed", meters.removed},
-                  {"moves", meters.moves},
-                  {"violations", meters.violations},
-                  {"digest", fmt::format("{:016x}", ofChip)},
-                  {"configuration", fmt::format("{:016x}", ofConfig)}});
-    text = fmt::format(
-        "{} rows in hardware; since the chip was made {} written, {} removed, {} moved, {} "
-        "violations; digest {:016x}, of the configuration {:016x}",
-        rows, meters.written, meters.removed, meters.moves, meters.violations, ofChip, ofConfig);
-  } else {
-    text = "nothing was programmed: no agent came";
-  }
-  std::uint64_t mismatches = 0;
-  if (classifier_) {
-    mismatches = classifier_->mismatches();
-    facts.update({{"packets", classifier_->packets()},
-                  {"complete", classifier_->complete()},
-                  {"mismatches", mismatches}});
-    text += fmt::format("; {} packets, {} of them at a complete list of rules, {} mismatches",
-                        classifier_->packets(), classifier_->complete(), mismatches);
-  }
-  news_.tell("summary", text, facts);
-  const bool violated = chip_ != nullptr && chip_->meters().violations != 0;
-  return violated || mismatches != 0 ? 1 : 0;
 }
 
 }  // namespace HwWriter

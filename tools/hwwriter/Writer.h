@@ -1,15 +1,13 @@
 #pragma once
 
 #include <csignal>
-#include <map>
 #include <optional>
 
 #include "asic/Chip.h"
 #include "hwwriter/Classifier.h"
-#include "hwwriter/Comparison.h"
-#include "hwwriter/LogSource.h"
 #include "hwwriter/Pace.h"
 #include "hwwriter/Reports.h"
+#include "hwwriter/Table.h"
 
 namespace HwWriter {
 
@@ -29,36 +27,26 @@ class Writer {
   int run(const volatile std::sig_atomic_t& stop);
 
  private:
-  struct Unit {
-    std::unique_ptr<Tables::Config> config;
-    Word generation = 0;
-  };
-  struct Table {
-    const TableKind* kind = nullptr;
-    std::unique_ptr<LogSource> source;
-    std::map<Asic::UnitId, Unit> units;
-    /// Rows that differed when they were compared, by the version at which they are looked at
-    /// again.
-    std::multimap<Word, Comparison::Later> later;
-  };
-  enum class Step { nothing, some, lost };
+  enum class Step { nothing, some, lost, taken };
 
-  void look();
   bool open();
-  bool openLog(Table& table);
-  void openConfigs(Table& table, Comparison& comparison);
-  void takeLater(Table& table, Comparison& comparison);
+  void look();
   void startOver(const std::string& why);
 
   bool advance();
   Step advance(Table& table);
+  Word limitOf(const Table& table, Word announced) const;
   bool satisfied(const std::vector<Asic::TableVersion>& needs);
   void apply(const TableKind& kind, const Tables::LogRow& row);
 
-  bool drained();
+  bool drained() const;
   bool settle();
+  bool settleCut();
   bool settle(Table& table, bool everything);
-  bool atRest();
+  void tellSettled(const Table& table, std::size_t count) const;
+
+  bool work();
+  bool done();
   void sleep() const;
   int summary();
 
@@ -72,6 +60,10 @@ class Writer {
   /// The lowest tier first.
   std::vector<Table> tables_;
   std::string lost_;
+  /// Some table is demanded further than before.
+  bool raised_ = false;
+  /// How often in a row something was held by another process.
+  unsigned busy_ = 0;
   Tables::LogRow row_;
 };
 
