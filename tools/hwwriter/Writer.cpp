@@ -14,6 +14,8 @@ using Drift::MountStage;
 constexpr std::chrono::milliseconds kLookInterval(100);
 /// So many of them what another process holds may stay held.
 constexpr unsigned kBusyLooks = 20;
+/// So many looks without anything to do are the end of `--once`, whatever is left.
+constexpr unsigned kIdleLooks = 30;
 
 }  // namespace
 
@@ -273,6 +275,7 @@ int Writer::run(const volatile std::sig_atomic_t& stop) {
       }
       const bool more = work();
       busy_ = 0;
+      if (more) idle_ = 0;
       if (more) continue;
       if (done()) break;
     } catch (const Fenrik::CorruptionDetectedException& e) {
@@ -282,6 +285,11 @@ int Writer::run(const volatile std::sig_atomic_t& stop) {
     } catch (const MountException& e) {
       // An agent that comes up holds the reports for a moment, to make them.
       if (e.stage() != MountStage::busy || ++busy_ > kBusyLooks) throw;
+    }
+    if (options_.once && ++idle_ > kIdleLooks) {
+      throw Fenrik::Exception(Fenrik::formatString(
+          "{}: not everything that was announced can be programmed; bastilctl verify tells more",
+          options_.directory));
     }
     sleep();
   }

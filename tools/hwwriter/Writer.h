@@ -64,6 +64,8 @@ class Writer {
   bool raised_ = false;
   /// How often in a row something was held by another process.
   unsigned busy_ = 0;
+  /// Looks in a row at which there was nothing that could be done.
+  unsigned idle_ = 0;
   Tables::LogRow row_;
 };
 
