@@ -38,10 +38,12 @@ class Resealer {
     for (std::size_t line = 0; line < Format::kLineCount; ++line) resealLine(line);
     const bool dense = header.layout == Format::Layout::dense;
     const Format::FixedHeader expected = headerOf(kGeometries[dense ? 1 : 0]);
-    for (Word i = 0; i < 2 * expected.indexWords; ++i) {
+    for (Word i = 0; i < (dense ? 1 : 2) * expected.indexWords; ++i) {
       const std::size_t offset = Format::kHeaderSize + i * sizeof(Word);
       const Word word = at<Word>(offset);
-      if (word != 0) put(offset, IndexWord::withCheck(IndexWord::content(word)));
+      if (word == 0) continue;
+      put(offset, dense ? chunkWord(i, (word & 0xffffffff) - 1)
+                        : IndexWord::withCheck(IndexWord::content(word)));
     }
     for (Word slot = 0; slot < expected.slotCount; ++slot) {
       resealSlot(expected.slotsOffset + slot * expected.slotStride, expected.slotStride);

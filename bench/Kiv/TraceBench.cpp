@@ -19,7 +19,7 @@
 namespace {
 
 KIV_TRACE_ACCESSOR const Kiv::TraceHandle& _defaultTraceHandle() {
-  static const Kiv::TraceHandle handle("TraceBench", false);
+  static constinit const Kiv::TraceHandle handle(Kiv::constantHandle, "TraceBench");
   return handle;
 }
 

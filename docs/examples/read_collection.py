@@ -17,8 +17,7 @@ def line(number):
         value, check = word(offset), word(offset + 8)
         if check & 0xFFFFFFFF == crc32c("<QQQ", value, check >> 32, number): return value
     need(False, f"header word {number} is damaged")
-def slot(number):  # low half of the slot's seal, upper half, and the record if it is whole
-    begin = slots_at + number * stride
+def slot(begin):  # low half of the slot's seal, upper half, and the record if it is whole
     content, lanes = data[begin:begin + stride], [0xFFFFFFFF] * 4
     low, crc = struct.unpack_from("<II", content)
     for i in range(8, stride, 8): lanes[i // 8 % 4] = step(lanes[i // 8 % 4], content[i:i + 8])
@@ -26,34 +25,38 @@ def slot(number):  # low half of the slot's seal, upper half, and the record if 
                           rotate(lanes[2], 16), swap(rotate(lanes[3], 16)), lanes[0])
     return low, crc, content[8:8 + record_size] if whole else b""
 def dense():
+    each, size = slots // places, -(-(slots // places * stride) // 4096) * 4096
     for version in range(line(1), line(2)):
-        low, crc, record = slot(slots if line(4) == version + 1 else version % slots)
-        need(low == version & 0xFFFFFFFF, f"version {version} is damaged")
-        if crc == crc32c("<QQQ", low, 0x544E455342410000, 0): continue  # absent
-        need(record and record[:8] == struct.pack("<Q", version), f"version {version} is damaged")
-        yield record
+        chunk = (word(4096 + 8 * (version // each % places)) & 0xFFFFFFFF) - 1
+        need(0 <= chunk < places, f"the chunk of version {version} is damaged")
+        at = places * size if line(4) == version + 1 else chunk * size + version % each * stride
+        low, crc, record = slot(slots_at + at)
+        absent = crc == crc32c("<QQQ", low, 0x544E455342410000, 0)
+        whole = absent or record[:8] == struct.pack("<Q", version)
+        need(low == version & 0xFFFFFFFF and whole, f"version {version} is damaged")
+        if not absent: yield record
 def hashed():
-    for entry in [word(4096 + 8 * ((line(0) & 1) * buckets + i)) for i in range(buckets)]:
+    for entry in [word(4096 + 8 * ((line(0) & 1) * places + i)) for i in range(places)]:
         number, content = (entry & 0x3FFFFF) - 1, entry & 0xFFFFFFFFFFFF
         good = entry >> 48 == crc32c("<QQQ", content, 0, 0) & 0xFFFF and number < line(7)
         need(entry == 0 or good, f"{entry:x} is damaged")
         if number < 0: continue  # empty or a tombstone
-        low, _, record = slot(number)
+        low, _, record = slot(slots_at + number * stride)
         need(record and low & 0xFFF == content >> 22 & 0xFFF, f"the record of {entry:x} is damaged")
         yield record
 def collection():
     need(len(data) >= 4096 and data[:8] + data[320:328] == b"QBDRIFT1QBREADY!", "no collection")
-    need(struct.unpack_from("<I4xQ", data, 8) == (1, 0x0807060504030208), "of another version")
+    need(struct.unpack_from("<I4xQ", data, 8) == (2, 0x0807060504030208), "of another version")
     need(word(72) == len(data), "it is cut off or longer than it was")
     need(data[300:304] == struct.pack("<I", crc32c("300s", data[:300])), "the header is damaged")
     return struct.unpack_from("<I8xIIIIQQQQQQ16s128s64s", data, 12)
 with open(sys.argv[1], "rb") as file: data = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
+fault = "it changes while it is read"
 for attempt in range(5):  # what changed while it was read is read again
     try:
-        layout, _, record_size, stride, _, _, slots, buckets, slots_at, *_ = collection()
+        layout, _, record_size, stride, _, _, slots, places, slots_at, *_ = collection()
         before, records = line(0), list(hashed() if layout == 2 else dense())
-        need(line(0) == before, "it changes while it is read")
-        break
+        if line(0) == before: break
     except ValueError as error: fault = str(error)
 else: sys.exit(f"{sys.argv[1]}: {fault}")
 print(*data[104:296].replace(b"\0", b" ").decode().split(), len(records), "records")

@@ -56,6 +56,15 @@ consteval std::string_view bareTypeName() {
   return scope == std::string_view::npos ? name : name.substr(scope + 2);
 }
 
+/// The same as a text that ends in a zero byte.
+template <class T>
+inline constexpr auto kBareTypeName = [] {
+  constexpr std::string_view name = bareTypeName<T>();
+  std::array<char, name.size() + 1> text{};
+  std::ranges::copy(name, text.begin());
+  return text;
+}();
+
 namespace Impl {
 
 template <class T>

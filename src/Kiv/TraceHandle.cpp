@@ -1,19 +1,39 @@
 #include "Kiv/TraceHandle.h"
 
+#include <mutex>
 #include <type_traits>
 
 #include "Kiv/TraceRegistry.h"
 
 namespace Kiv {
 
-// A handle has nothing to undo at exit; a site costs its guard's byte and the bit.
+// A handle has nothing to undo at exit.
 static_assert(std::is_trivially_destructible_v<TraceHandle>);
-static_assert(sizeof(TraceHandle) == sizeof(void*));
+
+constinit TraceMask kTraceHandleNotEntered{{{{0xff}, {0xff}}}};
 
 TraceHandle::TraceHandle(const char* name, bool everyLevel)
     : TraceHandle(Fenrik::String(name), everyLevel) {}
 
 TraceHandle::TraceHandle(Fenrik::String name, bool everyLevel)
     : control_(TraceRegistry::instance().record(std::move(name), everyLevel)) {}
+
+const TraceControlRecord& TraceHandle::record() const noexcept {
+  const TraceMask* mask = control_.load(std::memory_order_acquire);
+  if (mask == &kTraceHandleNotEntered) {
+    static std::mutex entering;
+    const std::lock_guard lock(entering);
+    mask = control_.load(std::memory_order_relaxed);
+    if (mask == &kTraceHandleNotEntered) {
+      mask = TraceRegistry::instance().record(Fenrik::String(name_), false);
+      control_.store(mask, std::memory_order_release);
+    }
+  }
+  return static_cast<const TraceControlRecord&>(*mask);
+}
+
+bool TraceHandle::surelyEnabled(unsigned level) const noexcept {
+  return record().levelEnabled(level);
+}
 
 }  // namespace Kiv

@@ -12,45 +12,55 @@ namespace Kiv {
 /// The levels that a handle knows: 0 to 15, each a bit of its own. None of them implies another.
 inline constexpr unsigned kTraceLevels = 16;
 
-/// What the handles of one name share.
-struct TraceControlRecord {
-  explicit TraceControlRecord(Fenrik::String handleName) : name(std::move(handleName)) {}
+/// Says that a handle is a constant.
+struct ConstantHandle {};
+inline constexpr ConstantHandle constantHandle;
 
+/// The levels of a control record. Read by every trace site, bytewise and without order: a level
+/// that is switched while a site runs may be seen a little later. Written by `TraceControl`.
+struct TraceMask {
   bool levelEnabled(unsigned level) const noexcept {
-    return (maskBytes[level / 8].load(std::memory_order_relaxed) >> (level % 8) & 1) != 0;
+    return (bytes[level / 8].load(std::memory_order_relaxed) >> (level % 8) & 1) != 0;
   }
-
   /// Bit L is level L. The two bytes are stored one after the other.
   void maskIs(std::uint16_t mask) noexcept {
-    maskBytes[0].store(static_cast<std::uint8_t>(mask), std::memory_order_relaxed);
-    maskBytes[1].store(static_cast<std::uint8_t>(mask >> 8), std::memory_order_relaxed);
+    bytes[0].store(static_cast<std::uint8_t>(mask), std::memory_order_relaxed);
+    bytes[1].store(static_cast<std::uint8_t>(mask >> 8), std::memory_order_relaxed);
   }
   std::uint16_t mask() const noexcept {
-    return static_cast<std::uint16_t>(maskBytes[0].load(std::memory_order_relaxed) |
-                                      maskBytes[1].load(std::memory_order_relaxed) << 8);
+    return static_cast<std::uint16_t>(bytes[0].load(std::memory_order_relaxed) |
+                                      bytes[1].load(std::memory_order_relaxed) << 8);
   }
 
-  /// Levels 0 to 7, then 8 to 15. Read by every trace site, bytewise and without order: a level
-  /// that is switched while a site runs may be seen a little later. Written by `TraceControl`.
-  std::array<std::atomic<std::uint8_t>, 2> maskBytes{};
+  /// Levels 0 to 7, then 8 to 15.
+  std::array<std::atomic<std::uint8_t>, 2> bytes{};
+};
+
+/// What the handles of one name share.
+struct TraceControlRecord : TraceMask {
+  explicit TraceControlRecord(Fenrik::String handleName) : name(std::move(handleName)) {}
+
   /// Handles made on this record.
   std::atomic<unsigned> handleCount{0};
   const Fenrik::String name;
 };
 
+/// All levels on, so that the first site that tests a constant handle looks closer.
+extern QUARNBASTIL_EXPORT constinit TraceMask kTraceHandleNotEntered;
+
 /// A named switch board of trace levels, which sites test inline and `TraceControl` sets.
 ///
-/// Meant as a function-local static of an accessor, which `KIV_TRACE_ACCESSOR` puts into every
-/// site:
+/// Best a constant of an accessor, which `KIV_TRACE_ACCESSOR` puts into every site: it needs no
+/// code to run before it, and is entered under its name by the first site that tests it.
 ///
 ///     KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& _defaultTraceHandle() {
-///       static const Kiv::TraceHandle handle("TcamEntrySwTable", false);
+///       static constinit const Kiv::TraceHandle handle(Kiv::constantHandle, "TcamEntrySwTable");
 ///       return handle;
 ///     }
 ///
 /// Any thread may make and use handles. Handles of one name are objects of their own that obey the
 /// same settings.
-/// I1. The first word points at the control record.
+/// I1. The first word points at the control record, once there is one.
 /// I2. The record outlives the process's last instruction, so that destructors at exit may trace.
 class QUARNBASTIL_EXPORT TraceHandle {
  public:
@@ -58,16 +68,27 @@ class QUARNBASTIL_EXPORT TraceHandle {
   /// none.
   TraceHandle(const char* name, bool everyLevel);
   TraceHandle(Fenrik::String name, bool everyLevel);
+  /// No level is on unless a setting says so. `name` stays where it is for ever.
+  constexpr TraceHandle(ConstantHandle, const char* name) noexcept
+      : control_(&kTraceHandleNotEntered), name_(name) {}
   TraceHandle(const TraceHandle&) = delete;
   TraceHandle& operator=(const TraceHandle&) = delete;
 
   /// REQUIRES: level < kTraceLevels.
-  bool levelEnabled(unsigned level) const noexcept { return control_->levelEnabled(level); }
-  std::uint16_t mask() const noexcept { return control_->mask(); }
-  const Fenrik::String& name() const noexcept { return control_->name; }
+  bool levelEnabled(unsigned level) const noexcept {
+    const bool maybe = control_.load(std::memory_order_acquire)->levelEnabled(level);
+    return __builtin_expect(maybe, 0) && surelyEnabled(level);
+  }
+  std::uint16_t mask() const noexcept { return record().mask(); }
+  const Fenrik::String& name() const noexcept { return record().name; }
 
  private:
-  TraceControlRecord* control_;
+  [[gnu::cold]] bool surelyEnabled(unsigned level) const noexcept;
+  /// The control record, made now if this is the handle's first use.
+  [[gnu::cold]] const TraceControlRecord& record() const noexcept;
+
+  mutable std::atomic<const TraceMask*> control_;
+  const char* name_ = nullptr;
 };
 
 }  // namespace Kiv

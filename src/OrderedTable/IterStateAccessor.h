@@ -56,7 +56,7 @@ class IterStateAccessor {
   using Cursor = typename Drift::DriftMap<Record>::Cursor;
 
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& _defaultTraceHandle() {
-    static const Kiv::TraceHandle handle("SwTableIter", false);
+    static constinit const Kiv::TraceHandle handle(Kiv::constantHandle, "SwTableIter");
     return handle;
   }
 

@@ -126,7 +126,8 @@ class TableReads {
 
   /// One handle for const and one for other tables, both of the table's bare class name.
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& _defaultTraceHandle() {
-    static const Kiv::TraceHandle handle(Fenrik::String(Kiv::bareTypeName<T>()), false);
+    static constinit const Kiv::TraceHandle handle(Kiv::constantHandle,
+                                                   Kiv::kBareTypeName<T>.data());
     return handle;
   }
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& trace() { return _defaultTraceHandle(); }

@@ -63,13 +63,21 @@ class QUARNBASTIL_EXPORT EntryLog
   void operationRoom(const Key& key, Asic::EntryFlags flags, Asic::UnitId unitId) {
     auto* const config = tableConfigDriftFind(unitId);
     if (config == nullptr) return;
-    if (flags == Asic::EntryFlags(Asic::EntryFlags::kWrite)) {
-      config->swTableEntriesRoom(key);
-    } else {
-      config->swTableEntriesReplacementRoom();
+    try {
+      if (flags == Asic::EntryFlags(Asic::EntryFlags::kWrite)) {
+        config->swTableEntriesRoom(key);
+      } else {
+        config->swTableEntriesReplacementRoom();
+      }
+      tableEntryLog()->entryLogConfigRoom();
+      this->groupInterface()->addLogEntryRoom(this->tableId());
+    } catch (const Fenrik::Exception&) {
+      const bool nothingToRemove =
+          flags.isTableDeleted()
+              ? config->map()->driftMapSize() == 0
+              : flags.isEntryDeleted() && !Asic::guardedLook(*config->map(), key).found;
+      if (!nothingToRemove) throw;
     }
-    tableEntryLog()->entryLogConfigRoom();
-    this->groupInterface()->addLogEntryRoom(this->tableId());
   }
 
   /// Writes an entry: configuration, log, scratchpad, announcement. Returns the version under which
@@ -180,7 +188,7 @@ class QUARNBASTIL_EXPORT EntryLog
     if (from == Asic::LogVersion(0)) {
       cleanupAll(version);
     } else if (from <= version) {
-      cleanupRange(from, version);
+      cleanupRange(from.value(), version);
     }
     this->tableStatusVersionIs(version);
     this->groupInterface()->entryLogCleaned(this->tableId(), version);
@@ -286,14 +294,21 @@ class QUARNBASTIL_EXPORT EntryLog
       more = Asic::guardedRead(
           map, [&] { return map.driftMapIterNext(current, cursor); }, false);
     }
+    // Damage ends a walk, and must not keep what stands behind it for ever.
+    cleanupRange(0, version);
   }
 
-  void cleanupRange(Asic::LogVersion from, Asic::LogVersion to) {
+  /// A record that cannot be read goes with the others: it would keep the log from moving on.
+  void cleanupRange(std::uint64_t from, Asic::LogVersion to) {
     auto& map = *tableEntryLog()->map();
     const std::uint64_t last = std::min(to.value(), this->tableVersion().value());
-    for (std::uint64_t number = lowestHeld(from.value(), last); number <= last; ++number) {
+    for (std::uint64_t number = lowestHeld(from, last); number <= last; ++number) {
       const auto looked = Asic::guardedLook(map, Asic::LogVersion(number));
-      if (looked.found) cleanupRecord(*looked.record);
+      if (looked.found) {
+        cleanupRecord(*looked.record);
+      } else {
+        tableEntryLog()->entryLogConfigDel(Asic::LogVersion(number));
+      }
     }
   }
 

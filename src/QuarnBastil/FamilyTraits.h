@@ -69,18 +69,10 @@ struct FamilyClasses : FamilyDefaults {
   using InterfaceModule = Kiv::Module<prefix + "Interface", Interface>;
 };
 
-/// The bare name of a class as text that ends in a zero byte.
-template <class T>
-inline constexpr auto kClassName = [] {
-  constexpr std::string_view name = Kiv::bareTypeName<T>();
-  std::array<char, name.size() + 1> text{};
-  std::ranges::copy(name, text.begin());
-  return text;
-}();
-
+/// The bare name of a class.
 template <class T>
 constexpr const char* className() {
-  return kClassName<T>.data();
+  return Kiv::kBareTypeName<T>.data();
 }
 
 /// The trace handles of a family, each made at its first use.
@@ -88,15 +80,18 @@ template <class Family>
 struct QUARNBASTIL_EXPORT FamilyTraces {
   /// Of the table and of what is in flight.
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& swTable() {
-    static const Kiv::TraceHandle handle(className<typename Family::SwTable>(), false);
+    static constinit const Kiv::TraceHandle handle(Kiv::constantHandle,
+                                                   className<typename Family::SwTable>());
     return handle;
   }
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& entryLog() {
-    static const Kiv::TraceHandle handle(className<typename Family::EntryLog>(), false);
+    static constinit const Kiv::TraceHandle handle(Kiv::constantHandle,
+                                                   className<typename Family::EntryLog>());
     return handle;
   }
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& interface() {
-    static const Kiv::TraceHandle handle(className<typename Family::Interface>(), false);
+    static constinit const Kiv::TraceHandle handle(Kiv::constantHandle,
+                                                   className<typename Family::Interface>());
     return handle;
   }
 };

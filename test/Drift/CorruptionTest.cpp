@@ -89,7 +89,12 @@ TEST_P(CorruptionTest, EveryBitOfTheHeaderPage) {
 TEST_P(CorruptionTest, EveryBitOfTheIndexAndOfThreeSlots) {
   const Format::FixedHeader header = headerOf(GetParam());
   flipBits(Format::kHeaderSize, 2 * header.indexWords * sizeof(Word));
-  EXPECT_GE(tally_.dropped, header.indexWords * sizeof(Word) * 8 / kFewer);
+  if (specimen_.dense()) {
+    // A chunk that cannot be: what is in it is an error for readers, and found again by a writer.
+    EXPECT_GE(tally_.errorsWhileReading, 32 / kFewer);
+  } else {
+    EXPECT_GE(tally_.dropped, header.indexWords * sizeof(Word) * 8 / kFewer);
+  }
   const unsigned before = tally_.errorsWhileReading;
   for (const Word slot : threeSlots()) {
     flipBits(header.slotsOffset + slot * header.slotStride, header.slotStride);
@@ -148,7 +153,7 @@ TEST_P(CorruptionTest, GarbageAndForeignFormatsAreNamed) {
   const Case cases[] = {
       {0, std::string(specimen_.image.size(), '\0'), MountStage::wrongFormat, "0000000000000000"},
       {0, std::string(specimen_.image.size(), 'x'), MountStage::wrongFormat, "7878787878787878"},
-      {8, std::string("\x02\0\0\0", 4), MountStage::wrongFormat, "version 2"},
+      {8, std::string("\x63\0\0\0", 4), MountStage::wrongFormat, "version 99"},
       {16, "\x08\x07\x06\x05\x04\x03\x02\x08", MountStage::wrongFormat, "byte order"},
       {110, "?", MountStage::damaged, "checksum"},
       {Format::kReadyOffset, "?", MountStage::notReady, "made"},

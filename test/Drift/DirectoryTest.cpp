@@ -70,7 +70,7 @@ TEST_F(DirectoryTest, NamesThatTryToLeaveTheDirectoryAreRefused) {
                              "a\x1b[b",
                              {"\0", 1},
                              std::string(4000, 'a'),
-                             std::string(100, '/') + "a"};
+                             std::string(100, '/').append("a")};
   for (const std::string& name : bad) {
     EXPECT_EQ(stageOf([&] { Directory::fileNameOf(name); }), MountStage::refused) << name;
     EXPECT_EQ(stageOf([&] { DriftFile::openForWriting(directory_, name, kGeometry, {}); }),

@@ -22,7 +22,7 @@ TEST_F(TraceControlTest, EachLevelIsABitOfItsOwnInBothBytesOfTheMask) {
   for (unsigned level = 0; level < Kiv::kTraceLevels; ++level) {
     TraceControl::settingIs("EachLevel/" + std::to_string(level));
     EXPECT_EQ(handle.mask(), 1u << level);
-    EXPECT_EQ(record.maskBytes[level / 8], 1u << level % 8);
+    EXPECT_EQ(record.bytes[level / 8], 1u << level % 8);
     for (unsigned other = 0; other < Kiv::kTraceLevels; ++other)
       EXPECT_EQ(handle.levelEnabled(other), other == level);
   }

@@ -122,7 +122,7 @@ struct WriteCounter {
 };
 
 KIV_TRACE_ACCESSOR const Kiv::TraceHandle& racedHandle() {
-  static const Kiv::TraceHandle handle("TraceTestRaced", false);
+  static constinit const Kiv::TraceHandle handle(Kiv::constantHandle, "TraceTestRaced");
   return handle;
 }
 

@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstring>
 
 #include "OrderedTable/TableFixture.h"
@@ -341,6 +344,85 @@ TYPED_TEST(Conformance, AKeyAtTheLimitsOfItsTypeIsAKeyLikeAnyOther) {
   this->agent.pumpAll();
   this->report(3);
   EXPECT_EQ(this->config().map()->driftMapSize(), 0u);
+}
+
+TYPED_TEST(Conformance, NoReportHoweverWildTakesLong) {
+  const auto begin = std::chrono::steady_clock::now();
+  constexpr std::uint64_t kHalf = std::uint64_t{1} << 63;
+  unsigned n = 0;
+  const auto writeNext = [&] {
+    ++n;
+    return this->write(n, n);
+  };
+  for (const std::uint64_t wild : {std::uint64_t{1000}, kHalf, ~std::uint64_t{0}, kHalf + 5}) {
+    SCOPED_TRACE(wild);
+    this->calls.clear();
+    writeNext();
+    const auto last = writeNext();
+    this->agent.pumpAll();
+    this->report(wild);
+    EXPECT_EQ(this->logSize(), 0u);
+    EXPECT_EQ(this->log().tableStatusVersion().value(), wild);
+    EXPECT_TRUE(this->rig.status()->pendingHwWrites());
+    EXPECT_EQ(this->calls.size(), 2u);
+    // What the hardware says to have already is done by the commit, and its record stays for now.
+    writeNext();
+    this->agent.pumpAll();
+    EXPECT_EQ(this->calls.size(), 3u);
+    EXPECT_EQ(this->logSize(), 1u);
+    // Back to the truth: the walk of numbers begins there.
+    this->report(last->logVersion().value());
+    EXPECT_EQ(this->logSize(), 1u);
+    this->report(this->log().tableVersion().value());
+    EXPECT_EQ(this->logSize(), 0u);
+    EXPECT_FALSE(this->rig.status()->pendingHwWrites());
+    // To nothing and to everything.
+    writeNext();
+    this->agent.pumpAll();
+    this->report(0);
+    EXPECT_EQ(this->logSize(), 1u);
+    this->report(wild);
+    EXPECT_EQ(this->logSize(), 0u);
+    this->report(this->log().tableVersion().value());
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+}
+
+TYPED_TEST(Conformance, DamageReadsAsNothingAndIsNotedWithTheCollection) {
+  const auto damage = [](const auto& file, std::size_t slot, std::size_t count) {
+    const auto& header = file.header();
+    const int fd = ::open(file.path().c_str(), O_RDWR);
+    const std::string garbage(header.slotStride * count, '\x5a');
+    EXPECT_EQ(::pwrite(fd, garbage.data(), garbage.size(),
+                       static_cast<off_t>(header.slotsOffset + slot * header.slotStride)),
+              static_cast<ssize_t>(garbage.size()));
+    ::close(fd);
+  };
+  this->write(1, 1);
+  this->write(2, 2);
+  this->agent.pumpAll();
+  damage(this->config().file(), 0, 2);
+  const auto noted = [&] { return this->config().map()->corruption().count; };
+  EXPECT_EQ(this->table->entryFromConfig(this->key(1)), typename TypeParam::Entry());
+  EXPECT_GT(noted(), 0u);
+  const auto before = noted();
+  EXPECT_EQ(this->table->entryRead(this->key(1)), typename TypeParam::Entry());
+  EXPECT_FALSE(this->table->entryHas(this->key(2)));
+  EXPECT_FALSE(this->table->entryIteratorConst());
+  EXPECT_EQ(this->log().entrysInDeletion(this->kUnit), 0u);
+  EXPECT_GT(noted(), before + 3);
+  // The work goes on, and what is written again can be read again.
+  this->write(1, 11);
+  this->write(3, 3);
+  this->agent.pumpAll();
+  EXPECT_EQ(this->table->entryRead(this->key(1)), this->entry(1, 11));
+  // A log record that cannot be read holds no other back.
+  damage(this->log().tableEntryLog()->file(), 2, 1);
+  this->report(4);
+  EXPECT_THAT(this->calls,
+              ElementsAre("W1 entryDone", "W2 entryDone", "W1 entryDone", "W3 entryDone"));
+  EXPECT_EQ(this->logSize(), 0u);
+  EXPECT_GT(this->log().tableEntryLog()->map()->corruption().count, 0u);
 }
 
 }  // namespace

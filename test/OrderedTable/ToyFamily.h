@@ -188,3 +188,12 @@ static_assert(QuarnBastil::FamilyTraits<Family<Usual>> && QuarnBastil::FamilyTra
 
 using ToyFamily = Toy::Family<Toy::Usual>;
 using SmallToyFamily = Toy::Family<Toy::Small>;
+
+namespace QuarnBastil {
+extern template class SwTable<ToyFamily>;
+extern template class EntryLog<ToyFamily>;
+extern template class Interface<ToyFamily>;
+extern template class SwTable<SmallToyFamily>;
+extern template class EntryLog<SmallToyFamily>;
+extern template class Interface<SmallToyFamily>;
+}  // namespace QuarnBastil

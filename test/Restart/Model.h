@@ -57,7 +57,12 @@ class Model {
       EXPECT_EQ(version_, 0U);
       return;
     }
-    const auto inFlight = settle(view, told);
+    const Log log = logOf(view);
+    // The counter follows each record; what stands in the log is committed.
+    const Version counted = view.log()->collectionControl()->scratchpad();
+    const Version newest = log.empty() ? counted : std::max(counted, log.rbegin()->first);
+    EXPECT_LE(newest, counted + (moment == Moment::dead ? 1 : 0));
+    const auto inFlight = settle(newest, told);
     if (testing::Test::HasFailure()) return;
     const Version taken = moment == Moment::dead ? told.taken.load() : reported_;
     const Operation* const doubtful = moment == Moment::dead ? inFlight : nullptr;
@@ -73,7 +78,7 @@ class Model {
         EXPECT_EQ(told.entrys[unit], live);
       }
     }
-    compareLog(view, taken, doubtful);
+    compareLog(log, taken);
   }
 
  private:
@@ -125,6 +130,7 @@ class Model {
     std::uint32_t unit, key, value;
     friend bool operator==(const Logged&, const Logged&) = default;
   };
+  using Log = std::map<Version, Logged>;
 
   static Expected after(const Operation& operation, Version version) {
     if (operation.kind == Kind::write) return {State::live, version, operation.value};
@@ -158,8 +164,7 @@ class Model {
 
   /// Takes over what was asked for, up to the newest version that was issued. Returns the operation
   /// behind it: it may have happened in part.
-  const Operation* settle(const View& view, const FamilyPage& told) {
-    const Version newest = view.log()->collectionControl()->scratchpad();
+  const Operation* settle(Version newest, const FamilyPage& told) {
     for (; done_ < told.asked; ++done_) {
       const Operation& operation = told.operations[done_];
       if (!happens(operation)) continue;
@@ -168,7 +173,6 @@ class Model {
         return &operation;
       }
       apply(operation);
-      leftover_ = false;
       if (operation.told != 0) {
         EXPECT_EQ(operation.told - 1, version_);
       }
@@ -217,11 +221,8 @@ class Model {
            (a.state != State::live || a.value == b.value);
   }
 
-  /// The log holds every version behind the report, and none that the agent took as reported.
-  void compareLog(const View& view, Version taken, const Operation* doubtful) {
-    leftover_ = leftover_ || doubtful != nullptr;
-    log_.erase(log_.begin(), log_.upper_bound(taken));
-    std::map<Version, Logged> actual;
+  static Log logOf(const View& view) {
+    Log actual;
     typename Family::EntryLogDrift::Map::Cursor cursor;
     const auto& map = *view.log()->map();
     for (bool more = map.driftMapIterBegin(cursor); more;) {
@@ -235,7 +236,12 @@ class Model {
                                         kind == Kind::write ? Family::valueOf(record.logEntry) : 0};
       more = map.driftMapIterNext(record.version, cursor);
     }
-    if (leftover_) actual.erase(version_ + 1);
+    return actual;
+  }
+
+  /// The log holds every version behind the report, and none that the agent took as reported.
+  void compareLog(const Log& actual, Version taken) {
+    log_.erase(log_.begin(), log_.upper_bound(taken));
     for (auto it = log_.begin(); it != log_.end() && it->first <= reported_;) {
       it = actual.contains(it->first) ? std::next(it) : log_.erase(it);
     }
@@ -246,12 +252,10 @@ class Model {
 
   const std::string& directory_;
   std::array<std::vector<Expected>, kUnits> entries_;
-  std::map<Version, Logged> log_;
+  Log log_;
   Version version_ = 0;
   Version reported_ = 0;
   std::uint32_t done_ = 0;
-  /// A log record may stand behind the newest version.
-  bool leftover_ = false;
 };
 
 }  // namespace RestartTest

@@ -2,6 +2,7 @@
 
 #include <span>
 
+#include "Drift/ChunkRing.h"
 #include "Drift/DriftFile.h"
 #include "Fenrik/Export.h"
 
@@ -50,8 +51,6 @@ class QUARNBASTIL_EXPORT DenseView {
 
   enum class Slot { whole, absent, torn };
 
-  const Word* slotOf(Word version) const noexcept;
-  const Word* sideSlot() const noexcept;
   Word line(const CheckedWord& word, const char* name) const;
   Word countAbsent(const Window& window, Word holesStamp) const;
   bool isAbsent(Word version) const noexcept;
@@ -59,6 +58,7 @@ class QUARNBASTIL_EXPORT DenseView {
   [[noreturn]] void corrupt(const char* what, Word version) const;
 
   const DriftFile* file_;
+  ChunkTable chunks_;
   Word recordWords_;
   Word mask_;
   CheckedWord first_;
@@ -93,18 +93,10 @@ class QUARNBASTIL_EXPORT DenseWriter {
   Word next() const noexcept { return next_.value(); }
 
  private:
-  Word* slotOf(Word version) noexcept { return const_cast<Word*>(view_.slotOf(version)); }
-  Word stride() const noexcept { return file_.header().slotStride; }
+  Word* slotOf(Word version) noexcept { return chunks_.slotOf(version); }
   bool empty() const noexcept { return first_.value() == next_.value(); }
-  /// Chunks of the ring are numbered on over its laps, as versions are.
-  Word chunkOf(Word version, Word offsetInSlot) const noexcept;
-  Word chunkBegin(Word chunk) const noexcept;
   void finishRedirect();
   void recountHoles();
-  void reserveFor(Word firstVersion, Word lastVersion);
-  void reserveChunk(Word chunk);
-  void giveBackBefore(Word version) noexcept;
-  void giveBackOutside() noexcept;
   void fillSlot(Word* slot, std::span<const Word> record) noexcept;
   void markAbsent(Word version) noexcept;
   void checkRoom(Word first, Word next) const;
@@ -116,15 +108,12 @@ class QUARNBASTIL_EXPORT DenseWriter {
 
   DriftFile& file_;
   DenseView view_;
+  ChunkRing chunks_;
   Word mask_;
-  Word chunksPerLap_;
   CheckedWordWriter first_;
   CheckedWordWriter next_;
   CheckedWordWriter holes_;
   CheckedWordWriter redirect_;
-  /// Memory is there for all chunks from `reservedFrom_` up to `reservedTo_`, the latter excluded.
-  Word reservedFrom_ = 0;
-  Word reservedTo_ = 0;
 };
 
 }  // namespace Drift

@@ -12,20 +12,13 @@ constexpr Word kHolesChanging = Word{1} << 63;
 
 DenseView::DenseView(const DriftFile& file)
     : file_(&file),
+      chunks_(file),
       recordWords_(Format::paddedSize(file.header().recordSize) / sizeof(Word)),
       mask_(file.header().slotCount - 1),
       first_(file.data(), Format::Line::first),
       next_(file.data(), Format::Line::next),
       holes_(file.data(), Format::Line::holes),
       redirect_(file.data(), Format::Line::redirect) {}
-
-const Word* DenseView::slotOf(Word version) const noexcept {
-  return file_->words(file_->header().slotsOffset + (version & mask_) * file_->header().slotStride);
-}
-
-const Word* DenseView::sideSlot() const noexcept {
-  return file_->words(file_->header().slotsOffset + (mask_ + 1) * file_->header().slotStride);
-}
 
 void DenseView::corrupt(const char* what, Word version) const {
   throw Fenrik::CorruptionDetectedException(
@@ -82,11 +75,13 @@ Word DenseView::countAbsent(const Window& window, Word holesStamp) const {
 }
 
 bool DenseView::isAbsent(Word version) const noexcept {
-  return loadWord(slotOf(version)) == Seal::absentSeal(static_cast<std::uint32_t>(version));
+  const Word* const slot = chunks_.slotOf(version);
+  return slot != nullptr && loadWord(slot) == Seal::absentSeal(static_cast<std::uint32_t>(version));
 }
 
 DenseView::Slot DenseView::copySlot(const Word* slot, Word version,
                                     std::span<Word> out) const noexcept {
+  if (slot == nullptr) return Slot::torn;
   const Word seal = loadWord(slot);
   const auto low = static_cast<std::uint32_t>(version);
   if (Seal::lowOf(seal) != low) return Slot::torn;
@@ -102,7 +97,7 @@ DenseRead DenseView::find(Word version, std::span<Word> out) const {
     if (version >= at.next) return DenseRead::notYet;
     const Word stamp = redirect_.stamp();
     const bool aside = line(redirect_, "the redirection does not prove itself") == version + 1;
-    const Slot slot = copySlot(aside ? sideSlot() : slotOf(version), version, out);
+    const Slot slot = copySlot(aside ? chunks_.sideSlot() : chunks_.slotOf(version), version, out);
     if (redirect_.stamp() != stamp) continue;
     if (slot == Slot::whole) return DenseRead::found;
     if (slot == Slot::absent) return DenseRead::gone;

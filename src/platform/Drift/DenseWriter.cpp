@@ -15,9 +15,8 @@ constexpr Word kHolesChanging = Word{1} << 63;
 DenseWriter::DenseWriter(DriftFile& file)
     : file_(file),
       view_(file),
+      chunks_(file),
       mask_(file.header().slotCount - 1),
-      chunksPerLap_((file.header().slotCount * file.header().slotStride + Format::kChunkSize - 1) /
-                    Format::kChunkSize),
       first_(file.data(), Format::Line::first),
       next_(file.data(), Format::Line::next),
       holes_(file.data(), Format::Line::holes),
@@ -28,24 +27,13 @@ DenseWriter::DenseWriter(DriftFile& file)
   if (next_.value() < first_.value() || next_.value() - first_.value() > mask_ + 1) {
     first_.set(next_.value());
   }
-  file_.reserve(file_.header().slotsOffset + (mask_ + 1) * stride(), stride());
-  reservedFrom_ = chunkOf(first_.value(), 0);
-  reservedTo_ = empty() ? reservedFrom_ : chunkOf(next_.value() - 1, stride() - 1) + 1;
+  const auto* const side = reinterpret_cast<const std::byte*>(view_.chunks_.sideSlot());
+  file_.reserve(static_cast<Word>(side - file_.data()), file_.header().slotStride);
+  chunks_.takeOver(first_.value(), next_.value());
   finishRedirect();
   // A death between the two stores of a removal of everything leaves the number of holes behind.
   if (empty() && holes_.value() != 0) holes_.set(0);
   if ((holes_.value() & kHolesChanging) != 0) recountHoles();
-  giveBackOutside();
-}
-
-Word DenseWriter::chunkOf(Word version, Word offsetInSlot) const noexcept {
-  const Word lap = version / (mask_ + 1);
-  const Word byte = (version & mask_) * stride() + offsetInSlot;
-  return lap * chunksPerLap_ + byte / Format::kChunkSize;
-}
-
-Word DenseWriter::chunkBegin(Word chunk) const noexcept {
-  return file_.header().slotsOffset + chunk % chunksPerLap_ * Format::kChunkSize;
 }
 
 /// A death between publishing the side slot and putting the record in its place: done now.
@@ -54,7 +42,7 @@ void DenseWriter::finishRedirect() {
   const Word version = redirect_.value() - 1;
   if (!empty() && version >= first_.value() && version < next_.value()) {
     std::vector<Word> record(view_.recordWords());
-    if (view_.copySlot(view_.sideSlot(), version, record) == DenseView::Slot::whole) {
+    if (view_.copySlot(view_.chunks_.sideSlot(), version, record) == DenseView::Slot::whole) {
       fillSlot(slotOf(version), record);
     }
   }
@@ -63,61 +51,6 @@ void DenseWriter::finishRedirect() {
 
 void DenseWriter::recountHoles() {
   holes_.set(view_.countAbsent({first_.value(), next_.value()}, view_.holes_.stamp()));
-}
-
-void DenseWriter::reserveChunk(Word chunk) {
-  const Word begin = chunkBegin(chunk);
-  const Word end = file_.header().slotsOffset + (mask_ + 1) * stride();
-  file_.reserve(begin, std::min(Format::kChunkSize, end - begin));
-}
-
-/// Memory for the slots of these versions; what is reserved stays one run of chunks.
-void DenseWriter::reserveFor(Word firstVersion, Word lastVersion) {
-  const Word from = chunkOf(firstVersion, 0);
-  const Word to = chunkOf(lastVersion, stride() - 1) + 1;
-  if (reservedFrom_ == reservedTo_) reservedFrom_ = reservedTo_ = from;
-  while (reservedTo_ < to) {
-    reserveChunk(reservedTo_);
-    ++reservedTo_;
-  }
-  while (reservedFrom_ > from) {
-    reserveChunk(reservedFrom_ - 1);
-    --reservedFrom_;
-  }
-}
-
-/// Gives back the chunks behind the window but the last one, which a reader may still look at.
-void DenseWriter::giveBackBefore(Word version) noexcept {
-  const Word chunk = chunkOf(version, 0);
-  while (reservedFrom_ + 1 < chunk && reservedFrom_ < reservedTo_) {
-    if (reservedTo_ - reservedFrom_ < chunksPerLap_) {
-      const Word begin = chunkBegin(reservedFrom_);
-      const Word end = file_.header().slotsOffset + (mask_ + 1) * stride();
-      file_.giveBack(
-          begin, std::min(Format::kChunkSize, end - begin) / Format::kPageSize * Format::kPageSize);
-    }
-    ++reservedFrom_;
-  }
-}
-
-/// Everything outside the window, which the last writer may have left behind.
-void DenseWriter::giveBackOutside() noexcept {
-  const Word begin = file_.header().slotsOffset;
-  const Word end = begin + (mask_ + 1) * stride();
-  const auto give = [&](Word from, Word to) {
-    from = (from + Format::kPageSize - 1) / Format::kPageSize * Format::kPageSize;
-    to = to / Format::kPageSize * Format::kPageSize;
-    if (from < to) file_.giveBack(from, to - from);
-  };
-  if (reservedTo_ - reservedFrom_ >= chunksPerLap_) return;
-  if (reservedFrom_ == reservedTo_) {
-    give(begin, end);
-  } else if (chunkBegin(reservedFrom_) < chunkBegin(reservedTo_)) {
-    give(begin, chunkBegin(reservedFrom_));
-    give(chunkBegin(reservedTo_), end);
-  } else {
-    give(chunkBegin(reservedTo_), chunkBegin(reservedFrom_));
-  }
 }
 
 void DenseWriter::fillSlot(Word* slot, std::span<const Word> record) noexcept {
@@ -141,7 +74,7 @@ void DenseWriter::checkRoom(Word first, Word next) const {
 
 void DenseWriter::makeRoom() {
   checkRoom(empty() ? next_.value() : first_.value(), next_.value() + 1);
-  reserveFor(next_.value(), next_.value());
+  chunks_.reserveFor(next_.value(), next_.value());
 }
 
 void DenseWriter::set(std::span<const Word> record) {
@@ -163,7 +96,12 @@ void DenseWriter::append(std::span<const Word> record) {
   const Word first = empty() ? version : first_.value();
   checkRoom(first, version + 1);
   const Word from = empty() ? version : next_.value();
-  reserveFor(from, version);
+  if (empty()) {
+    // Between an empty window and where it opens again nothing is needed.
+    chunks_.releaseBefore(version);
+    chunks_.releaseBehind(version);
+  }
+  chunks_.reserveFor(from, version);
   if (empty() && first_.value() != version) {
     // Nothing lies in the window: it moves before it opens. `next` first if it moves up, so that
     // an empty window is empty for whoever sees one end moved.
@@ -192,7 +130,7 @@ void DenseWriter::moveEnd(CheckedWordWriter& end, Word value, Word absent) noexc
 void DenseWriter::prepend(std::span<const Word> record) {
   const Word version = record[0];
   checkRoom(version, next_.value());
-  reserveFor(version, first_.value() - 1);
+  chunks_.reserveFor(version, first_.value() - 1);
   for (Word absent = version + 1; absent < first_.value(); ++absent) markAbsent(absent);
   fillSlot(slotOf(version), record);
   moveEnd(first_, version, first_.value() - version - 1);
@@ -200,7 +138,7 @@ void DenseWriter::prepend(std::span<const Word> record) {
 
 /// In its place, by way of the side slot: readers are sent there while the place is rewritten.
 void DenseWriter::replace(std::span<const Word> record) {
-  Word* const side = const_cast<Word*>(view_.sideSlot());
+  Word* const side = const_cast<Word*>(view_.chunks_.sideSlot());
   fillSlot(side, record);
   redirect_.set(record[0] + 1);
   fillSlot(slotOf(record[0]), record);
@@ -232,7 +170,7 @@ bool DenseWriter::remove(Word version) {
   if (passed != 0) holes_.set(holes_.value() | kHolesChanging);
   first_.set(first);
   if (passed != 0) holes_.set((holes_.value() & ~kHolesChanging) - passed);
-  giveBackBefore(first);
+  chunks_.releaseBefore(first);
   return true;
 }
 
@@ -240,7 +178,7 @@ void DenseWriter::removeAll() {
   if (holes_.value() != 0) holes_.set(holes_.value() | kHolesChanging);
   first_.set(next_.value());
   holes_.set(0);
-  giveBackBefore(next_.value());
+  chunks_.releaseBefore(next_.value());
 }
 
 }  // namespace Drift

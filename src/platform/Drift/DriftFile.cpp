@@ -447,6 +447,12 @@ void DriftFile::reserve(Word offset, Word size) {
       roomOf(fd_.get())));
 }
 
+Word DriftFile::readWord(Word offset) const noexcept {
+  Word word = 0;
+  return ::pread(fd_.get(), &word, sizeof word, static_cast<off_t>(offset)) == sizeof word ? word
+                                                                                           : 0;
+}
+
 bool DriftFile::giveBack(Word offset, Word size) noexcept {
   if (options_.reserveAll || size == 0) return false;
   return ::fallocate(fd_.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,

@@ -63,6 +63,8 @@ class QUARNBASTIL_EXPORT DriftFile {
   /// Reserves memory behind a part of the file; throws `NoSpaceException`, with nothing changed,
   /// when the file system has none.
   void reserve(Word offset, Word size);
+  /// The word at an offset, read by a system call: a hole stays one. 0 if that fails.
+  Word readWord(Word offset) const noexcept;
   /// Gives the memory behind a part of the file back; its bytes then read as zero. False where all
   /// is reserved for good or the file system cannot do it: nothing has changed then.
   bool giveBack(Word offset, Word size) noexcept;

@@ -7,7 +7,7 @@
 /// in another language, and the two must agree. All numbers are little-endian.
 ///
 ///     0        fixed header, then `ready`, then the mutable words, one cache line each
-///     4096     hashed: index table 0, index table 1; dense: nothing
+///     4096     hashed: index table 0, index table 1; dense: chunk table
 ///     ...      slots
 namespace Drift::Format {
 
@@ -15,7 +15,7 @@ using Word = std::uint64_t;
 
 /// "QBDRIFT1" as bytes in the file.
 inline constexpr Word kMagic = 0x3154464952444251;
-inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kVersion = 2;
 /// Byte order and word size of the writer: reads differently on a machine that cannot share.
 inline constexpr Word kAbi = 0x0807060504030208;
 /// What `ready` holds once the file is whole ("QBREADY!").
@@ -44,7 +44,7 @@ struct FixedHeader {
   std::uint32_t spare;
   Word capacity;    ///< records that the collection may hold
   Word slotCount;   ///< slots in the file; a power of two in a dense collection
-  Word indexWords;  ///< words of one index table, a power of two; 0 in a dense collection
+  Word indexWords;  ///< words of one index table or of the chunk table, a power of two
   Word slotsOffset;
   Word fileSize;
   Word hashSeed;
@@ -111,6 +111,11 @@ static_assert(kSlotBits + kSequenceBits + kTagBits + kDisplacementBits == 48);
 inline constexpr std::size_t kMaxDisplacement = (1U << kDisplacementBits) - 1;
 inline constexpr Word kMaxSlots = (Word{1} << kSlotBits) - 2;
 
+/// Chunk word of a dense collection: the number of the chunk in the file plus 1, and above bit 32
+/// the CRC32C of that number, this value and the word's place in the table; 0 while the versions
+/// have no chunk.
+inline constexpr Word kChunkMark = 0x4b4e554843;
+
 /// Slots above the capacity of a hashed collection: a replaced record's slot rests this long before
 /// it is used again, so that a reader that is copying it finishes undisturbed.
 inline constexpr Word kRestingSlots = 64;
@@ -122,9 +127,14 @@ inline constexpr std::size_t kSealSize = 8;
 
 constexpr std::size_t paddedSize(std::size_t size) { return (size + 7) / 8 * 8; }
 
-/// Memory behind slots is reserved and given back in pieces of this size: large enough that the
-/// system call vanishes among the records of a piece (about 1,900 of the largest), small enough
-/// that an idle table holds little.
+/// Memory behind slots is reserved and given back in pieces of this size at most: large enough that
+/// the system call vanishes among the records of a piece (1,024 of the largest), small enough that
+/// an idle table holds little.
+#ifdef QUARNBASTIL_CHUNK_SIZE
+/// The kill tests' own: their short rings have several chunks.
+inline constexpr std::size_t kChunkSize = QUARNBASTIL_CHUNK_SIZE;
+#else
 inline constexpr std::size_t kChunkSize = 1 << 20;
+#endif
 
 }  // namespace Drift::Format

@@ -84,16 +84,31 @@ Format::FixedHeader headerOf(const Geometry& geometry) {
   header.capacity = geometry.capacity;
   header.slotCount =
       dense ? denseSlots(geometry.capacity) : geometry.capacity + Format::kRestingSlots;
-  // Half full at most: a search ends after 1.5 buckets in the mean (Knuth, vol. 3, 6.4).
-  header.indexWords = dense ? 0 : std::bit_ceil(2 * geometry.capacity);
+  if (dense) {
+    header.indexWords = header.slotCount / slotsPerChunk(header);
+  } else {
+    // Half full at most: a search ends after 1.5 buckets in the mean (Knuth, vol. 3, 6.4).
+    header.indexWords = std::bit_ceil(2 * geometry.capacity);
+  }
+  const Word tables = dense ? 1 : 2;
   header.slotsOffset =
-      roundUp(Format::kHeaderSize + 2 * header.indexWords * sizeof(Word), Format::kPageSize);
+      roundUp(Format::kHeaderSize + tables * header.indexWords * sizeof(Word), Format::kPageSize);
   // A dense collection has one more slot: the side slot.
-  const Word slots = header.slotCount + (dense ? 1 : 0);
-  header.fileSize = roundUp(header.slotsOffset + slots * header.slotStride, Format::kPageSize);
+  const Word slots = dense ? header.indexWords * chunkBytes(header) + header.slotStride
+                           : header.slotCount * header.slotStride;
+  header.fileSize = roundUp(header.slotsOffset + slots, Format::kPageSize);
   putName(header.typeName, geometry.typeName);
   putName(header.attributeName, geometry.attributeName);
   return header;
+}
+
+Word slotsPerChunk(const Format::FixedHeader& header) noexcept {
+  const Word fitting = std::bit_floor(Format::kChunkSize / header.slotStride);
+  return std::min(header.slotCount, std::max(fitting, Word{1}));
+}
+
+Word chunkBytes(const Format::FixedHeader& header) noexcept {
+  return roundUp(slotsPerChunk(header) * header.slotStride, Format::kPageSize);
 }
 
 std::uint32_t headerChecksum(const Format::FixedHeader& header) noexcept {

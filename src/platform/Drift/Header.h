@@ -32,6 +32,10 @@ QUARNBASTIL_EXPORT Format::FixedHeader headerOf(const Geometry& geometry);
 /// header's own.
 QUARNBASTIL_EXPORT std::optional<Geometry> geometryOf(const Format::FixedHeader& header);
 
+/// Slots of a dense collection that lie side by side, a power of two, and the bytes that they take.
+QUARNBASTIL_EXPORT Word slotsPerChunk(const Format::FixedHeader& header) noexcept;
+QUARNBASTIL_EXPORT Word chunkBytes(const Format::FixedHeader& header) noexcept;
+
 /// Completes a header: its checksum.
 QUARNBASTIL_EXPORT std::uint32_t headerChecksum(const Format::FixedHeader& header) noexcept;
 

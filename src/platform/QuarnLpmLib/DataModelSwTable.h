@@ -18,7 +18,8 @@ class QUARNBASTIL_EXPORT DataModelSwTableBase : public Asic::OrderedSwTable {
 
   /// Where the handles of the table trace.
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& entryHandleTrace() {
-    static const Kiv::TraceHandle handle(Fenrik::String(Kiv::bareTypeName<Self>()), false);
+    static constinit const Kiv::TraceHandle handle(Kiv::constantHandle,
+                                                   Kiv::kBareTypeName<Self>.data());
     return handle;
   }
 };

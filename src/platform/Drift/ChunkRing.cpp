@@ -1,0 +1,143 @@
+#include "Drift/ChunkRing.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "Drift/Header.h"
+
+namespace Drift {
+
+namespace {
+
+/// Chunks that keep their memory while no version is in them: enough for a window that grows and
+/// shrinks by some thousands of records between two reports.
+constexpr std::size_t kWarmChunks = 4;
+
+}  // namespace
+
+Word chunkWord(Word place, Word chunk) noexcept {
+  return Word{Seal::kLoops.words(chunk + 1, Format::kChunkMark, place)} << 32 | (chunk + 1);
+}
+
+ChunkTable::ChunkTable(const DriftFile& file)
+    : table_(file.words(Format::kHeaderSize)),
+      slots_(file.data() + file.header().slotsOffset),
+      shift_(static_cast<unsigned>(std::countr_zero(slotsPerChunk(file.header())))),
+      mask_(file.header().indexWords - 1),
+      chunkBytes_(chunkBytes(file.header())),
+      stride_(file.header().slotStride) {}
+
+ChunkRing::ChunkRing(DriftFile& file)
+    : file_(file), table_(file), chunks_(table_.mask_ + 1, kNone) {
+  // No later operation needs the heap.
+  bare_.reserve(chunks_.size());
+  warm_.reserve(kWarmChunks + 1);
+}
+
+void ChunkRing::wordIs(Word place, Word word) noexcept {
+  Word* const at = const_cast<Word*>(table_.table_) + place;
+  if (loadWord(at) != word) storeWord(at, word);
+}
+
+void ChunkRing::takeOver(Word first, Word next) {
+  std::vector<bool> used(chunks_.size());
+  from_ = to_ = chunkOf(first);
+  if (first != next) to_ = chunkOf(next - 1) + 1;
+  // The ends of a full ring meet in one chunk.
+  const Word end = std::min(to_, from_ + chunks_.size());
+  for (Word number = from_; number < end; ++number) adopt(number & table_.mask_, used);
+  for (Word number = from_; number < end; ++number) recover(number, first, next, used);
+  for (Word place = 0; place < chunks_.size(); ++place) {
+    if (chunks_[place] == kNone) wordIs(place, 0);
+  }
+  giveBackAllBut(used);
+}
+
+/// Notes the chunk of a word that proves itself and is the only one to lead there.
+void ChunkRing::adopt(Word place, std::vector<bool>& used) {
+  const Word word = loadWord(table_.table_ + place);
+  const Word chunk = (word & 0xffffffff) - 1;
+  if (chunk >= chunks_.size() || word != chunkWord(place, chunk) || used[chunk]) return;
+  used[chunk] = true;
+  chunks_[place] = static_cast<std::uint32_t>(chunk);
+}
+
+/// The chunk of a damaged word is the one in which a version of its own lies; if there is none, its
+/// versions are lost, and a new chunk stands in for it.
+void ChunkRing::recover(Word number, Word first, Word next, std::vector<bool>& used) {
+  const Word place = number & table_.mask_;
+  if (chunks_[place] != kNone) return;
+  const Word begin = std::max(first, number << table_.shift_);
+  const Word end = std::min(next, (number + 1) << table_.shift_);
+  Word chunk = 0;
+  while (chunk < chunks_.size() && (used[chunk] || !(holds(chunk, begin) || holds(chunk, end - 1))))
+    ++chunk;
+  if (chunk == chunks_.size()) {
+    chunk = static_cast<Word>(std::ranges::find(used, false) - used.begin());
+    file_.reserve(offsetOf(chunk), table_.chunkBytes_);
+  }
+  used[chunk] = true;
+  chunks_[place] = static_cast<std::uint32_t>(chunk);
+  wordIs(place, chunkWord(place, chunk));
+}
+
+bool ChunkRing::holds(Word chunk, Word version) const noexcept {
+  const auto* const slot = reinterpret_cast<const std::byte*>(table_.slotIn(chunk, version));
+  return Seal::lowOf(file_.readWord(static_cast<Word>(slot - file_.data()))) ==
+         static_cast<std::uint32_t>(version);
+}
+
+void ChunkRing::giveBackAllBut(const std::vector<bool>& used) noexcept {
+  bare_.clear();
+  for (Word chunk = used.size(); chunk-- > 0;) {
+    if (!used[chunk]) bare_.push_back(static_cast<std::uint32_t>(chunk));
+  }
+  for (Word chunk = 0; chunk < used.size(); ++chunk) {
+    Word end = chunk;
+    while (end < used.size() && !used[end]) ++end;
+    file_.giveBack(offsetOf(chunk), (end - chunk) * table_.chunkBytes_);
+    chunk = end;
+  }
+}
+
+void ChunkRing::reserveFor(Word firstVersion, Word lastVersion) {
+  const Word begin = chunkOf(firstVersion);
+  const Word end = chunkOf(lastVersion) + 1;
+  if (from_ == to_) from_ = to_ = begin;
+  for (; to_ < end; ++to_) assign(to_);
+  for (; from_ > begin; --from_) assign(from_ - 1);
+}
+
+void ChunkRing::assign(Word number) {
+  const Word place = number & table_.mask_;
+  if (chunks_[place] != kNone) return;
+  std::vector<std::uint32_t>& source = warm_.empty() ? bare_ : warm_;
+  const std::uint32_t chunk = source.back();
+  if (warm_.empty()) file_.reserve(offsetOf(chunk), table_.chunkBytes_);
+  source.pop_back();
+  chunks_[place] = chunk;
+  wordIs(place, chunkWord(place, chunk));
+}
+
+void ChunkRing::releaseBefore(Word version) noexcept {
+  for (const Word end = std::min(chunkOf(version), to_); from_ < end; ++from_) release(from_);
+}
+
+void ChunkRing::releaseBehind(Word version) noexcept {
+  for (const Word end = std::max(chunkOf(version) + 1, from_); to_ > end; --to_) release(to_ - 1);
+}
+
+/// One end of the run goes. In a full ring its chunk is that of the other end too.
+void ChunkRing::release(Word number) noexcept {
+  if (to_ - from_ > chunks_.size()) return;
+  const Word place = number & table_.mask_;
+  wordIs(place, 0);
+  warm_.push_back(std::exchange(chunks_[place], kNone));
+  if (warm_.size() <= kWarmChunks) return;
+  const std::uint32_t coldest = warm_.front();
+  warm_.erase(warm_.begin());
+  file_.giveBack(offsetOf(coldest), table_.chunkBytes_);
+  bare_.push_back(coldest);
+}
+
+}  // namespace Drift

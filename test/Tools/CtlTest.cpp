@@ -1,0 +1,253 @@
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "Support/Soak.h"
+#include "Support/TempDir.h"
+#include "Tools/Churn.h"
+
+namespace ToolsTest {
+namespace {
+
+using json = nlohmann::ordered_json;
+using testing::AnyOf;
+using testing::HasSubstr;
+namespace fs = std::filesystem;
+
+/// Every command in a form that has something to show.
+const std::vector<std::vector<std::string>> kCommands = {{"status"},
+                                                         {"top", "--once"},
+                                                         {"log", "TcamEntry"},
+                                                         {"log", "BigBb", "--since", "7"},
+                                                         {"config", "BigBb", "0"},
+                                                         {"config", "BigBb", "1", "0.0.0.0/0"},
+                                                         {"config", "TcamEntry", "1"},
+                                                         {"verify"}};
+
+/// A directory with what an agent left that was killed at work, with a hardware writer behind it.
+class CtlTest : public testing::Test {
+ protected:
+  CtlTest() {
+    churn_.page->order = Order::churn;
+    Process agent = churn_.agent(tables_, true);
+    Process writer({BASTIL_HWWRITER, "--dir", tables_, "--batch", "5"}, "/dev/null", "/dev/null");
+    while (churn_.page->changes < 5) ::usleep(1000);
+    writer.kill();
+    ::usleep(3000);
+    agent.kill();
+  }
+
+  Outcome ctl(const std::string& directory, std::vector<std::string> command, bool json = false) {
+    command.insert(command.begin(), {BASTIL_CTL, "--dir", directory});
+    if (json) command.push_back("--json");
+    return run(command, dir_.path());
+  }
+  void expectFine(const std::string& directory, const std::vector<std::string>& command) {
+    const Outcome outcome = ctl(directory, command);
+    // The agent empties its tables now and then.
+    const bool mayBeGone = command.back() == "0.0.0.0/0";
+    EXPECT_THAT(outcome.status, mayBeGone ? AnyOf(0, 1) : AnyOf(0, 0))
+        << command[0] << ' ' << outcome.out << outcome.err;
+  }
+  std::string copyOf(const std::string& directory) {
+    const std::string copy = directory + ".copy";
+    // Files with holes: nothing else copies them without filling them.
+    EXPECT_EQ(
+        Process({"/bin/cp", "-r", "--sparse=always", directory, copy}, "/dev/null", "/dev/null")
+            .wait(),
+        0);
+    return copy;
+  }
+  std::vector<fs::path> collections(const std::string& directory, const std::string& part) {
+    std::vector<fs::path> found;
+    for (const auto& entry : fs::directory_iterator(directory)) {
+      const std::string name = entry.path().filename();
+      if (name.starts_with("hardware") && name.find(part) != std::string::npos) {
+        found.push_back(entry.path());
+      }
+    }
+    return found;
+  }
+
+  unsigned seed_ = Support::seed();
+  testing::ScopedTrace trace_{__FILE__, __LINE__, "BASTIL_SEED=" + std::to_string(seed_)};
+  Support::TempDir dir_;
+  std::string tables_ = dir_.path() + "/tables";
+  Churn churn_{seed_, 60};
+};
+
+/// Turns bits of a byte around, and back at the end.
+class Flip {
+ public:
+  Flip(const fs::path& file, off_t at, unsigned char bits)
+      : fd_(::open(file.c_str(), O_RDWR)), at_(at), bits_(bits) {
+    turn();
+  }
+  ~Flip() {
+    turn();
+    ::close(fd_);
+  }
+  Flip(const Flip&) = delete;
+  Flip& operator=(const Flip&) = delete;
+
+  /// Somewhere where there is memory.
+  static off_t place(const fs::path& file, Random& random) {
+    const int fd = ::open(file.c_str(), O_RDONLY);
+    const auto size = static_cast<std::uint32_t>(fs::file_size(file));
+    const bool header = random() % 4 == 0;
+    const off_t data = ::lseek(fd, header ? 0 : random() % size, SEEK_DATA);
+    ::close(fd);
+    return data < 0 ? random() % 1280 : data + (header ? random() % 1280 : random() % 4096);
+  }
+
+ private:
+  void turn() {
+    unsigned char byte = 0;
+    EXPECT_EQ(::pread(fd_, &byte, 1, at_), 1);
+    byte ^= bits_;
+    EXPECT_EQ(::pwrite(fd_, &byte, 1, at_), 1);
+  }
+
+  int fd_;
+  off_t at_;
+  unsigned char bits_;
+};
+
+TEST_F(CtlTest, ShowsWhatADeadAgentLeftAndACopyOfItAsWell) {
+  for (const std::string& directory : {tables_, copyOf(tables_)}) {
+    for (const auto& command : kCommands) {
+      SCOPED_TRACE(command[0] + " in " + directory);
+      expectFine(directory, command);
+      std::istringstream lines(ctl(directory, command, true).out);
+      for (std::string line; std::getline(lines, line);) EXPECT_TRUE(json::accept(line)) << line;
+    }
+  }
+  // The numbers of one command are those of the others.
+  const json status = json::parse(ctl(tables_, {"status"}, true).out);
+  for (const json& table : status["tables"]) {
+    const std::string log = ctl(tables_, {"log", table["table"]}, true).out;
+    EXPECT_EQ(std::ranges::count(log, '\n'), table["logged"].get<long>());
+    for (const json& unit : table["units"]) {
+      const std::string number = std::to_string(unit["unit"].get<int>());
+      const auto config = ctl(tables_, {"config", table["table"], number}, true);
+      EXPECT_EQ(std::ranges::count(config.out, '\n'),
+                unit["live"].get<long>() + unit["inDeletion"].get<long>());
+      if (config.out.empty()) continue;
+      const json first = json::parse(config.out.substr(0, config.out.find('\n')));
+      std::vector<std::string> values;
+      for (const auto& [name, value] : first["key"].items()) values.push_back(value.dump());
+      const auto one =
+          ctl(tables_, {"config", table["table"], number, values[0] + "/" + values[1]}, true);
+      EXPECT_EQ(one.out, config.out.substr(0, config.out.find('\n') + 1)) << one.err;
+    }
+  }
+}
+
+TEST_F(CtlTest, SaysWhatIsWrongWithTheUseOrTheDirectory) {
+  EXPECT_EQ(ctl(tables_, {}).status, 2);
+  EXPECT_EQ(ctl(tables_, {"log"}).status, 2);
+  EXPECT_EQ(ctl(tables_, {"config", "BigBb", "0", "10.0.0.256/8"}).status, 2);
+  const Outcome unknown = ctl(tables_, {"log", "Tcam"});
+  EXPECT_EQ(unknown.status, 2);
+  EXPECT_THAT(unknown.err, HasSubstr("BigBb, TcamEntry"));
+  EXPECT_EQ(ctl(tables_, {"config", "BigBb", "9"}).status, 3);
+
+  const std::string empty = dir_.path() + "/empty";
+  fs::create_directory(empty);
+  const std::string foreign = dir_.path() + "/foreign";
+  fs::create_directory(foreign);
+  for (const char* const name : {"passwd", "%zz", "asic%2Flog", ".hidden"}) {
+    std::ofstream(foreign + "/" + name) << "nothing of ours";
+  }
+  fs::create_directory(foreign + "/hardware");
+  for (const std::string& directory : {empty, foreign, dir_.path() + "/absent"}) {
+    for (const auto& command : kCommands) EXPECT_EQ(ctl(directory, command).status, 3) << directory;
+  }
+  // Beside an agent's files they are nobody's business.
+  fs::copy(foreign, tables_, fs::copy_options::recursive);
+  for (const auto& command : kCommands) EXPECT_THAT(ctl(tables_, command).status, AnyOf(0, 1));
+  expectFine(tables_, {"verify"});
+  // Under the name of a collection they are a finding.
+  std::ofstream(tables_ + "/hardware%2Fother") << "nothing of ours";
+  EXPECT_EQ(ctl(tables_, {"verify"}).status, 1);
+}
+
+TEST_F(CtlTest, FindsEachDamageThatMatters) {
+  for (const char* const part : {"entryLog", "config", "needed", "tableVersion"}) {
+    for (const fs::path& file : collections(tables_, part)) {
+      // The sizes in the header, and each copy of a word that changes.
+      const Flip size(file, 40, 1);
+      EXPECT_EQ(ctl(tables_, {"verify"}).status, 1) << file;
+    }
+  }
+  // All flips were taken back.
+  expectFine(tables_, {"verify"});
+  for (const fs::path& file : collections(tables_, "entryLog")) {
+    constexpr off_t kAnnounced = 384 + 11 * 64;
+    const Flip first(file, kAnnounced, 0x10);
+    expectFine(tables_, {"verify"});  // The second copy is whole.
+    const Flip second(file, kAnnounced + 16, 0x10);
+    EXPECT_EQ(ctl(tables_, {"verify"}).status, 1);
+    EXPECT_EQ(ctl(tables_, {"status"}).status, 1);
+  }
+  // Within the records that lie in the first slots of a log that was never cleaned.
+  const json status = json::parse(ctl(tables_, {"status"}, true).out);
+  for (const json& table : status["tables"]) {
+    const auto log = ctl(tables_, {"log", table["table"]}, true).out;
+    if (log.empty()) continue;
+    const std::uint64_t version = json::parse(log.substr(0, log.find('\n')))["version"];
+    const bool rules = table["table"] == "TcamEntry";
+    const off_t stride = 8 + (rules ? 552 : 88);
+    const auto file = collections(tables_, rules ? "entryLog%2F04080404" : "entryLog%2F04090402");
+    const Flip content(file.at(0), 4096 + static_cast<off_t>(version) * stride + 40, 4);
+    const Outcome verified = ctl(tables_, {"verify"});
+    EXPECT_EQ(verified.status, 1) << table;
+    EXPECT_THAT(verified.out, HasSubstr("version " + std::to_string(version)));
+    EXPECT_EQ(ctl(tables_, {"log", table["table"]}).status, 1);
+  }
+}
+
+using CtlSoak = CtlTest;
+
+TEST_F(CtlSoak, LivesThroughAnyBytes) {
+  int found = 0;
+  const auto files = collections(tables_, "");
+  for (int round = 0; round < 15 * Support::soakFactor() && !HasFailure(); ++round) {
+    std::vector<std::unique_ptr<Flip>> flips;
+    for (auto n = 1 + churn_.random() % 4; n != 0; --n) {
+      const fs::path& file = files[churn_.random() % files.size()];
+      const auto bits = static_cast<unsigned char>(1 + churn_.random() % 255);
+      flips.push_back(std::make_unique<Flip>(file, Flip::place(file, churn_.random), bits));
+    }
+    for (const auto& command : kCommands) {
+      const Outcome outcome = ctl(tables_, command, churn_.random() % 2 == 0);
+      ASSERT_THAT(outcome.status, AnyOf(0, 1, 3)) << command[0] << outcome.err;
+      found += command[0] == "verify" && outcome.status == 1;
+    }
+    // The hardware writer neither, and it ends when it is asked.
+    Process writer({BASTIL_HWWRITER, "--dir", tables_}, "/dev/null", "/dev/null");
+    ::usleep(20'000);
+    EXPECT_THAT(writer.end(), AnyOf(0, 1, 3));
+    fs::remove_all(tables_ + "/asic");
+    // The last flip is taken back first.
+    while (!flips.empty()) flips.pop_back();
+  }
+  EXPECT_GT(found, 3);
+}
+
+TEST_F(CtlSoak, FindsNothingWrongWithAnAgentAtWork) {
+  Process agent = churn_.agent(tables_, true);
+  Process writer({BASTIL_HWWRITER, "--dir", tables_}, "/dev/null", "/dev/null");
+  for (int round = 0; round < 8 * Support::soakFactor() && !HasFailure(); ++round) {
+    for (const auto& command : kCommands) {
+      expectFine(tables_, command);
+    }
+  }
+  EXPECT_TRUE(agent.running());
+  EXPECT_TRUE(writer.running());
+}
+
+}  // namespace
+}  // namespace ToolsTest

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace ToolsTest {
+
+inline std::string textOf(const std::string& file) {
+  std::ifstream in(file);
+  return (std::stringstream() << in.rdbuf()).str();
+}
+
+/// A child process: a program with its output in files, or a function.
+class Process {
+ public:
+  Process() = default;
+  Process(std::vector<std::string> arguments, const std::string& out, const std::string& err) {
+    start([&] {
+      redirect(out, STDOUT_FILENO);
+      redirect(err, STDERR_FILENO);
+      std::vector<char*> argv;
+      for (std::string& argument : arguments) argv.push_back(argument.data());
+      argv.push_back(nullptr);
+      ::execv(argv[0], argv.data());
+    });
+  }
+  template <class Body>
+  explicit Process(Body body) {
+    start(body);
+  }
+  ~Process() { kill(); }
+  Process(Process&& other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
+  Process& operator=(Process&& other) noexcept {
+    std::swap(pid_, other.pid_);
+    return *this;
+  }
+
+  bool running() { return pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; }
+  void kill() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    wait();
+  }
+  /// Asks it to end; its exit status, or minus the signal that ended it.
+  int end() {
+    ::kill(pid_, SIGTERM);
+    return wait();
+  }
+  int wait() {
+    int status = 0;
+    if (pid_ <= 0 || ::waitpid(std::exchange(pid_, -1), &status, 0) < 0) return -1000;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+
+ private:
+  template <class Body>
+  void start(Body body) {
+    pid_ = ::fork();
+    if (pid_ != 0) return;
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    body();
+    ::_exit(127);
+  }
+  static void redirect(const std::string& file, int to) {
+    ::dup2(::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), to);
+  }
+
+  pid_t pid_ = -1;
+};
+
+/// How a program that ran to its end did.
+struct Outcome {
+  int status;
+  std::string out, err;
+};
+inline Outcome run(const std::vector<std::string>& arguments, const std::string& folder) {
+  const std::string out = folder + "/out";
+  const std::string err = folder + "/err";
+  ::unlink(out.c_str());
+  ::unlink(err.c_str());
+  const int status = Process(arguments, out, err).wait();
+  return {status, textOf(out), textOf(err)};
+}
+
+}  // namespace ToolsTest

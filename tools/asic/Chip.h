@@ -1,0 +1,87 @@
+#pragma once
+
+#include <map>
+#include <memory>
+
+#include "asic/Pipeline.h"
+#include "asic/RowFile.h"
+#include "tables/TableKind.h"
+
+namespace SimAsic {
+
+/// What has been done to the tables of a chip since it was made.
+struct Meters {
+  std::uint64_t written = 0;
+  std::uint64_t removed = 0;
+  std::uint64_t moves = 0;
+  std::uint64_t violations = 0;
+};
+
+/// A packet processor of several units, simulated: tables that are programmed row by row, and
+/// packets that are decided by them. Its rows stand in files of a directory of its own, so that it
+/// outlives the process that programs it, as a chip does.
+///
+/// Threads: one. One process at a time.
+///
+/// I1. The rows, and how far each table has been programmed, are there after a death at any
+///     instruction. The meters may miss what was done since they were last stored.
+class Chip {
+ public:
+  using TableKind = Tables::TableKind;
+  using Words = Tables::Words;
+  using Word = Tables::Word;
+  using UnitId = Asic::UnitId;
+
+  /// Throws `Drift::MountException`, `busy` while another process programs the chip.
+  explicit Chip(const std::string& directory);
+  ~Chip();
+  Chip(const Chip&) = delete;
+  Chip& operator=(const Chip&) = delete;
+
+  void write(const TableKind& kind, UnitId unit, Words entry);
+  /// False if there is no such row.
+  bool remove(const TableKind& kind, UnitId unit, Words key);
+  /// Removes all rows of a table, one by one, those that others could miss last. Returns how many.
+  std::size_t clear(const TableKind& kind, UnitId unit);
+
+  /// Up to which version of a table's log the chip was programmed. It is 0 again when any rows of
+  /// the table had to be given up.
+  Word programmed(const TableKind& kind);
+  void programmedIs(const TableKind& kind, Word version);
+
+  /// Units of which the chip has a table of the family.
+  std::vector<UnitId> units(const TableKind& kind) const;
+  /// The row of the key, which holds until the next call; nothing if there is none.
+  std::optional<Words> find(const TableKind& kind, UnitId unit, Words key);
+  std::vector<std::vector<Word>> rows(const TableKind& kind, UnitId unit);
+  Word rowCount(const TableKind& kind, UnitId unit);
+  /// What `Tables::rowDigest` of the rows adds up to.
+  std::uint64_t digest(const TableKind& kind, UnitId unit);
+
+  Policy::Decision decide(UnitId unit, const Policy::Packet& packet) const;
+  /// The rules of a unit; those of a unit without any are empty.
+  const RuleTable& rules(UnitId unit) const;
+
+  Meters meters() const;
+  /// The row at which the last violation of this process was counted, and the table and unit; empty
+  /// if there was none.
+  const std::string& lastViolation() const noexcept { return lastViolation_; }
+  void metersStore();
+
+ private:
+  struct Table;
+  struct Progress;
+
+  Table& table(const TableKind& kind, UnitId unit);
+  Progress& progress(const TableKind& kind);
+  void pay(const TableKind& kind, UnitId unit, Words key, Pipeline::Cost cost);
+  void storedTables(const TableKind& kind);
+
+  Drift::Directory directory_;
+  std::map<std::pair<Asic::SwTableId, UnitId>, Table> tables_;
+  std::map<Asic::SwTableId, Progress> progress_;
+  std::map<UnitId, Pipeline> units_;
+  std::string lastViolation_;
+};
+
+}  // namespace SimAsic

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <array>
+#include <unordered_map>
+#include <vector>
+
+#include "policy/Rows.h"
+
+namespace SimAsic {
+
+/// What a set of rules is known by, whatever their order and however often each stands in it.
+struct RuleSetId {
+  std::uint64_t count = 0;
+  std::uint64_t sum = 0;
+
+  void add(Policy::Decision decision) noexcept {
+    ++count;
+    sum += decision;
+  }
+  friend bool operator==(const RuleSetId&, const RuleSetId&) = default;
+};
+
+/// The rule rows of one unit as a TCAM holds them: in the order of their priorities, one behind the
+/// other, so that a row that comes between others moves those behind it.
+class RuleTable {
+ public:
+  /// The number of a row's place in the software table.
+  using Key = std::uint32_t;
+
+  /// Returns how many rows had to be moved.
+  std::uint64_t write(Key key, const Policy::RuleRow& row);
+  /// Costs no moves: the row is marked as free.
+  void remove(Key key);
+
+  const Policy::RuleRow* find(Key key) const;
+  std::size_t size() const noexcept { return order_.size(); }
+  /// Whether a row's source or destination begins at the label.
+  bool pointsAt(unsigned numbering, std::uint32_t label) const {
+    return labels_[numbering].contains(label);
+  }
+  RuleSetId setId() const noexcept { return setId_; }
+
+  /// The decision for a packet whose addresses have these rows of the prefix table.
+  Policy::Decision decide(const Policy::Packet& packet, const Policy::PrefixRow& source,
+                          const Policy::PrefixRow& destination) const;
+
+ private:
+  struct Place {
+    /// Priority, and the key below it: rows of one priority have an order too.
+    std::uint64_t rank;
+    std::uint32_t slot;
+  };
+
+  std::size_t placeOf(std::uint64_t rank) const;
+  void count(const Policy::RuleRow& row, bool there);
+
+  std::vector<Place> order_;
+  std::vector<Policy::RuleRow> rows_;
+  std::vector<std::uint32_t> free_;
+  std::unordered_map<Key, std::uint32_t> slots_;
+  std::array<std::unordered_map<std::uint32_t, unsigned>, Policy::kNumberings> labels_;
+  std::unordered_map<Policy::Decision, unsigned> decisions_;
+  RuleSetId setId_;
+};
+
+}  // namespace SimAsic

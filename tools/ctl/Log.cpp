@@ -1,0 +1,99 @@
+#include "ctl/Values.h"
+
+namespace Ctl {
+namespace {
+
+const char* operationOf(const Tables::LogRow& row) {
+  if (row.tableDelete) return "clear";
+  return row.entryDelete ? "remove" : "write";
+}
+
+/// Shows the records of one log, one after the other.
+class LogPrinter {
+ public:
+  LogPrinter(const Context& context, const LogRequest& request)
+      : context_(context),
+        kind_(tableOf(request.table)),
+        log_(context.directory, kind_.logPath, kind_.log),
+        view_(log_.file()),
+        version_(request.since),
+        record_(view_.recordWords()) {}
+
+  /// All that are there.
+  void print() {
+    while (context_.stop == 0) {
+      seen_ = log_.file().doorbell();
+      try {
+        if (!view_.findFrom(version_, record_)) return;
+        Tables::logRowIs(row_, kind_, record_);
+        show();
+      } catch (const Fenrik::CorruptionDetectedException& e) {
+        context_.say(e.what());
+        result_ = kFinding;
+        // A log whose ends cannot be told leads nowhere.
+        if (!passable()) return;
+      }
+      ++version_;
+    }
+  }
+
+  /// What comes, until the user has had enough.
+  void follow() {
+    while (context_.stop == 0) {
+      print();
+      log_.file().waitForRing(seen_, std::chrono::milliseconds(100));
+      if (!log_.file().replaced()) continue;
+      context_.say("the log was made anew; look again");
+      result_ = kFinding;
+      return;
+    }
+  }
+
+  int result() const noexcept { return result_; }
+
+ private:
+  bool passable() const {
+    try {
+      const auto window = view_.window();
+      return version_ >= window.first && version_ < window.next;
+    } catch (const Fenrik::CorruptionDetectedException&) {
+      return false;
+    }
+  }
+
+  void show() const {
+    const char* const operation = operationOf(row_);
+    if (!context_.json) {
+      const std::string text = row_.tableDelete   ? ""
+                               : row_.entryDelete ? kind_.key.text(row_.entry.data())
+                                                  : kind_.entry.text(row_.entry.data());
+      return context_.line(
+          fmt::format("{} unit {} {} {}", row_.version, row_.unit, operation, text));
+    }
+    Json line{{"version", row_.version}, {"unit", row_.unit.value()}, {"operation", operation}};
+    if (!row_.tableDelete) line["key"] = jsonOf(kind_.key, row_.entry.data());
+    if (!row_.tableDelete && !row_.entryDelete)
+      line["entry"] = jsonOf(kind_.entry, row_.entry.data());
+    context_.line(line.dump());
+  }
+
+  const Context& context_;
+  const TableKind& kind_;
+  Tables::Collection log_;
+  Drift::DenseView view_;
+  Word version_;
+  std::vector<Word> record_;
+  Tables::LogRow row_;
+  std::uint32_t seen_ = 0;
+  int result_ = kFine;
+};
+
+}  // namespace
+
+int log(const Context& context, const LogRequest& request) {
+  LogPrinter printer(context, request);
+  request.follow ? printer.follow() : printer.print();
+  return printer.result();
+}
+
+}  // namespace Ctl

@@ -1,0 +1,111 @@
+#include <thread>
+
+#include "ctl/Findings.h"
+#include "ctl/TableCheck.h"
+
+namespace Ctl {
+namespace {
+
+using Drift::Format::Layout;
+using Drift::Format::Line;
+
+/// What an operation under way needs to be done with: far more than its few stores.
+constexpr std::chrono::milliseconds kUnderWay(100);
+
+bool isOurs(const std::string& path) {
+  return path.starts_with("hardware/") || path.starts_with("stavro/");
+}
+
+void checkLines(const Drift::DriftFile& file, Findings& findings) {
+  for (std::size_t i = 0; i < Drift::Format::kLineCount; ++i) {
+    if (Tables::lineOf(file, static_cast<Line>(i))) continue;
+    findings.wrong.insert(
+        fmt::format("{}: word {} of the header does not prove itself", file.path(), i));
+  }
+  if (Tables::lineOf(file, Line::wiped).value_or(0) != 0) {
+    findings.notes.insert(
+        fmt::format("{}: was made anew, and no agent has answered that yet", file.path()));
+  }
+}
+
+void checkDense(const Drift::DriftFile& file, Findings& findings) {
+  const Drift::DenseView view(file);
+  std::vector<Word> record(view.recordWords());
+  const auto window = view.window();
+  for (Word version = window.first; version < window.next; ++version) {
+    try {
+      findings.records += view.find(version, record) == Drift::DenseRead::found ? 1 : 0;
+    } catch (const Fenrik::CorruptionDetectedException& e) {
+      findings.wrong.insert(e.what());
+    }
+  }
+}
+
+void checkHashed(const Drift::DriftFile& file, Findings& findings) {
+  Tables::walkHashed(
+      file, [&](Words) { ++findings.records; },
+      [&](const std::string& damage) { findings.wrong.insert(damage); });
+}
+
+void checkFile(const Drift::Directory& directory, const std::string& path, Findings& findings) {
+  try {
+    const auto file = Drift::DriftFile::openForReading(directory, path, nullptr);
+    ++findings.collections;
+    checkLines(*file, findings);
+    file->header().layout == Layout::dense ? checkDense(*file, findings)
+                                           : checkHashed(*file, findings);
+  } catch (const Fenrik::Exception& e) {
+    findings.wrong.insert(e.what());
+  }
+}
+
+void checkTable(const Drift::Directory& directory, const TableKind& kind, Findings& findings) {
+  const bool logged = !directory.entities(kind.logPath).empty();
+  if (!logged && Tables::configuredUnits(directory, kind).empty()) return;
+  try {
+    TableCheck(directory, kind, findings).check();
+  } catch (const Fenrik::CorruptionDetectedException&) {
+    // Found where all records are read.
+  } catch (const Drift::MountException& e) {
+    findings.wrong.insert(e.what());
+  }
+}
+
+Findings look(const Drift::Directory& directory) {
+  Findings findings;
+  for (const std::string& path : directory.entities("")) {
+    if (isOurs(path)) checkFile(directory, path, findings);
+  }
+  for (const TableKind& kind : Tables::tableKinds()) checkTable(directory, kind, findings);
+  return findings;
+}
+
+void show(const Context& context, const Findings& findings) {
+  if (context.json) {
+    return context.line(Json{
+        {"collections", findings.collections},
+        {"records", findings.records},
+        {"findings", findings.wrong},
+        {"notes",
+         findings.notes}}.dump());
+  }
+  for (const std::string& text : findings.wrong) context.line(text);
+  for (const std::string& text : findings.notes) context.say(fmt::format("note: {}", text));
+  context.line(fmt::format("{} collections, {} records, {} findings", findings.collections,
+                           findings.records, findings.wrong.size()));
+}
+
+}  // namespace
+
+int verify(const Context& context) {
+  Findings findings = look(context.directory);
+  // A busy agent may be met at the same point twice, but hardly over the same record each time.
+  for (int again = 0; again < 2 && !(findings.wrong.empty() && findings.notes.empty()); ++again) {
+    std::this_thread::sleep_for(kUnderWay);
+    findings = inBoth(findings, look(context.directory));
+  }
+  show(context, findings);
+  return findings.wrong.empty() ? kFine : kFinding;
+}
+
+}  // namespace Ctl

@@ -1,0 +1,368 @@
+#!/usr/bin/env python3
+"""Shows the agent and the hardware writer at work on files of rules, kills both, and sums up.
+
+Both are killed with SIGKILL in the middle of what they do and started again; half the rules are
+replaced; packets are decided all the time by the simulated hardware and by a plain scan of the
+rules. Exit status: 0 everything is as it should be, 1 something is not, 2 wrong use.
+"""
+import argparse
+import json
+import os
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+UNITS = (0, 1)
+PACKETS = 20000
+# A load and a change are stretched to about this many seconds, for people and for the kills.
+STRETCH = 2.0
+PATIENCE = 60.0
+
+
+class Failed(Exception):
+    """What was waited for did not come about."""
+
+
+class Process:
+    """A program of ours; its lines are kept as they come, with the time at which they came."""
+
+    def __init__(self, arguments, echo):
+        self.began = time.monotonic()
+        self.name = os.path.basename(arguments[0])
+        self.lines = []
+        self.changed = threading.Condition()
+        self.popen = subprocess.Popen(arguments, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                      text=True, errors="replace")
+        self.reader = threading.Thread(target=self.read, args=(echo,), daemon=True)
+        self.reader.start()
+
+    def read(self, echo):
+        for line in self.popen.stdout:
+            with self.changed:
+                self.lines.append((time.monotonic(), line.rstrip("\n")))
+                self.changed.notify_all()
+            echo(f"    {self.name}: {line.rstrip()}")
+
+    def wait_for(self, found, what):
+        """The first result of `found` on a line that is not None, and when the line came."""
+        end = time.monotonic() + PATIENCE
+        seen = 0
+        while True:
+            with self.changed:
+                while seen == len(self.lines):
+                    if self.popen.poll() is not None and not self.reader.is_alive():
+                        raise Failed(f"{self.name} ended with {self.popen.returncode} before {what}")
+                    if time.monotonic() > end:
+                        raise Failed(f"{self.name}: no sign of {what} in {PATIENCE:.0f} s")
+                    self.changed.wait(0.05)
+                at, line = self.lines[seen]
+            seen += 1
+            result = found(line)
+            if result is not None:
+                return result, at - self.began
+
+    def forget(self):
+        """From now on only lines to come are looked at."""
+        with self.changed:
+            self.lines.clear()
+            self.began = time.monotonic()
+
+    def end(self, how):
+        self.popen.send_signal(how)
+        status = self.popen.wait(PATIENCE)
+        self.reader.join(PATIENCE)
+        return status
+
+
+def event_of(line, name):
+    """The facts of a line of JSON that tells of an event of that name."""
+    try:
+        facts = json.loads(line)
+    except ValueError:
+        return None
+    return facts if isinstance(facts, dict) and facts.get("event") == name else None
+
+
+def rules_of(path):
+    with open(path, encoding="utf-8", errors="replace", newline="") as file:
+        return [line.rstrip("\r\n") for line in file if line.lstrip().startswith("@")]
+
+
+def mirrored(rule):
+    """The rule of the way back: another rule of the same kind."""
+    fields = re.match(r"\s*@(\S+)\s+(\S+)\s+(\d+ *: *\d+)\s+(\d+ *: *\d+)\s+(.*)", rule)
+    if fields is None:
+        return rule
+    source, destination, source_ports, destination_ports, rest = fields.groups()
+    return f"@{destination}\t{source}\t{destination_ports}\t{source_ports}\t{rest}"
+
+
+class Demo:
+    def __init__(self, options):
+        self.options = options
+        self.problems = []
+        self.page = {}
+        self.writers = []
+        self.processes = []
+        # Everything lies in memory, as it does on a switch.
+        parent = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+        self.work = tempfile.mkdtemp(prefix="bastil-demo.", dir=parent)
+        self.directory = os.path.join(self.work, "tables")
+
+    def say(self, text):
+        if not self.options.json:
+            print(text, flush=True)
+
+    def echo(self, text):
+        if self.options.verbose:
+            print(text, file=sys.stderr, flush=True)
+
+    def path(self, name):
+        return os.path.join(self.work, name)
+
+    def start(self, program, *arguments, directory=None):
+        command = [os.path.join(self.options.bin, program), "--dir", directory or self.directory,
+                   *(str(argument) for argument in arguments)]
+        self.processes.append(Process(command, self.echo))
+        return self.processes[-1]
+
+    def writer(self):
+        writer = self.start("bastil-hwwriter", "--json", "--classify", PACKETS, "--seed",
+                            self.options.seed, "--rules", self.path("before.rules"), "--rules",
+                            self.path("after.rules"))
+        self.writers.append(writer)
+        return writer
+
+    def agent(self, *arguments, directory=None, rules="live.rules"):
+        units = [word for unit in UNITS for word in ("--unit", str(unit))]
+        return self.start("bastil-agent", *units, *arguments, self.path(rules), directory=directory)
+
+    def status(self):
+        shown = subprocess.run([os.path.join(self.options.bin, "bastilctl"), "--dir",
+                                self.directory, "--json", "status"], capture_output=True, text=True)
+        try:
+            return json.loads(shown.stdout)["tables"]
+        except (ValueError, KeyError):
+            return []
+
+    def issued(self):
+        return sum(table["issued"] for table in self.status())
+
+    def await_issued(self, version, what):
+        end = time.monotonic() + PATIENCE
+        while self.issued() < version:
+            if time.monotonic() > end:
+                raise Failed(f"no sign of {what} in {PATIENCE:.0f} s")
+            time.sleep(0.01)
+
+    def expect(self, holds, problem):
+        if not holds:
+            self.problems.append(problem)
+
+    def rows_written(self, agent):
+        """Rows written by the agent in all units together."""
+        rows = 0
+        for unit in UNITS:
+            pattern = re.compile(rf"programmed: .* unit {unit}; (\d+) rows written")
+            rows += int(agent.wait_for(pattern.match, f"the rows of unit {unit}")[0].group(1))
+        return rows
+
+    def acknowledged(self, agent):
+        """Seconds from the agent's start, or its last change, to its word that all is done."""
+        pattern = re.compile(r"acknowledged: ")
+        return agent.wait_for(pattern.match, "the hardware's acknowledgement")[1]
+
+    def end_writer(self, writer):
+        status = writer.end(signal.SIGTERM)
+        self.expect(status == 0, f"the hardware writer ended with {status}")
+        return self.last_summary(writer)
+
+    @staticmethod
+    def last_summary(writer):
+        for _, line in reversed(writer.lines):
+            facts = event_of(line, "summary")
+            if facts is not None:
+                return facts
+        raise Failed("the hardware writer left no summary")
+
+    def reprogrammed(self, writer):
+        """Rows in which the chip differed from the configuration when the writer came."""
+        facts, at = writer.wait_for(lambda line: event_of(line, "compared"), "its comparison")
+        return facts["programmed"], at
+
+    # The acts, one after the other.
+
+    def prepare(self):
+        rules = [rule for path in self.options.files for rule in rules_of(path)]
+        if len(rules) < 4:
+            raise Failed("these files hold fewer than four rules: nothing to show")
+        changed = [mirrored(rule) if i % 2 else rule for i, rule in enumerate(rules)]
+        for name, lines in (("before", rules), ("after", changed)):
+            with open(self.path(name + ".rules"), "w", encoding="utf-8") as file:
+                file.write("\n".join(lines) + "\n")
+        shutil.copy(self.path("before.rules"), self.path("live.rules"))
+        self.page["rules"] = len(rules)
+        self.say(f"{len(rules)} rules for {len(UNITS)} units; tables below {self.directory}")
+
+    def measure(self):
+        """A load at full speed, in a directory of its own, and with it the number of rows."""
+        directory = self.path("speed")
+        writer = self.start("bastil-hwwriter", "--json", directory=directory)
+        agent = self.agent(directory=directory, rules="before.rules")
+        rows = self.rows_written(agent)
+        programmed = re.compile(r"acknowledged: .*, ([\d.]+) ms after reading began")
+        match, _ = agent.wait_for(programmed.match, "the hardware's acknowledgement")
+        self.expect(agent.end(signal.SIGTERM) == 0, "the agent did not end cleanly")
+        self.end_writer(writer)
+        self.page["rows"] = rows
+        self.page["rowsPerSecond"] = round(rows / (float(match.group(1)) / 1000))
+        self.say(f"full speed: {rows} rows read, compiled, programmed and acknowledged in "
+                 f"{match.group(1)} ms")
+
+    def load_and_kill_the_agent(self):
+        self.rate = max(1, int(self.page["rows"] / STRETCH))
+        self.say(f"loading {self.rate} rows a second; the agent dies in mid-load")
+        writer = self.writer()
+        agent = self.agent("--watch", "--rate", self.rate)
+        self.await_issued(self.page["rows"] * 2 // 5, "rows")
+        agent.end(signal.SIGKILL)
+        issued = self.issued()
+        self.expect(0 < issued < self.page["rows"], "the agent was not killed in mid-load")
+        agent = self.agent("--watch", "--rate", self.rate)
+        rest = self.rows_written(agent)
+        self.page["agentBack"] = self.acknowledged(agent)
+        self.say(f"  it died at version {issued}; the next one wrote the other {rest} rows, "
+                 f"{self.page['agentBack']:.2f} s after its start")
+        return writer, agent
+
+    def change_and_kill_the_writer(self, writer, agent):
+        self.say("half the rules are replaced; the hardware writer dies in mid-churn")
+        issued = self.issued()
+        agent.forget()
+        shutil.copy(self.path("after.rules"), self.path("next"))
+        os.replace(self.path("next"), self.path("live.rules"))
+        self.await_issued(issued + self.page["rows"] // 8, "the change")
+        writer.end(signal.SIGKILL)
+        writer = self.writer()
+        differed, took = self.reprogrammed(writer)
+        self.page["changedRows"] = self.rows_written(agent)
+        self.acknowledged(agent)
+        self.page["writerBack"] = took
+        self.say(f"  the next one found {differed} rows to make up for, {took:.2f} s after its "
+                 f"start; {self.page['changedRows']} rows were changed in all")
+        return writer, agent
+
+    def restart_without_change(self, writer, agent):
+        self.say("both are started again, and nothing has changed")
+        self.expect(agent.end(signal.SIGTERM) == 0, "the agent did not end cleanly")
+        before = self.issued()
+        agent = self.agent("--watch")
+        self.expect(self.rows_written(agent) == 0, "a restart without change wrote rows")
+        self.page["takeover"] = self.acknowledged(agent)
+        self.page["versionsIssuedByRestart"] = self.issued() - before
+        first = self.end_writer(writer)
+        writer = self.writer()
+        self.page["rowsReprogrammedByRestart"], self.page["writerTakeover"] = \
+            self.reprogrammed(writer)
+        time.sleep(0.3)  # some packets more
+        self.expect(agent.end(signal.SIGTERM) == 0, "the agent did not end cleanly")
+        last = self.end_writer(writer)
+        return first, last
+
+    def sum_up(self, first, last):
+        page = self.page
+        page["tables"] = {
+            table["table"]: sum(unit["live"] for unit in table["units"]) for table in self.status()}
+        page["packets"] = first["packets"] + last["packets"]
+        page["mismatches"] = first["mismatches"] + last["mismatches"] + sum(
+            "meets decision" in line for writer in self.writers for _, line in writer.lines)
+        page["violations"] = last["violations"]
+        page["digest"] = {"hardware": last["digest"], "configuration": last["configuration"]}
+        verify = subprocess.run([os.path.join(self.options.bin, "bastilctl"), "--dir",
+                                 self.directory, "verify"], capture_output=True, text=True)
+        page["verify"] = verify.returncode
+        self.expect(verify.returncode == 0, f"bastilctl verify: {verify.stdout}{verify.stderr}")
+        self.expect(page["packets"] > 0, "no packet was classified")
+        for name in ("mismatches", "violations", "versionsIssuedByRestart",
+                     "rowsReprogrammedByRestart"):
+            self.expect(page[name] == 0, f"{name}: {page[name]} instead of 0")
+        self.expect(last["digest"] == last["configuration"],
+                    "hardware and configuration are not the same")
+
+    def run(self):
+        try:
+            self.prepare()
+            self.measure()
+            first, last = self.restart_without_change(
+                *self.change_and_kill_the_writer(*self.load_and_kill_the_agent()))
+            self.sum_up(first, last)
+        except Failed as failed:
+            self.problems.append(str(failed))
+        finally:
+            self.clean_up()
+        self.page["problems"] = self.problems
+        self.show()
+        return 1 if self.problems else 0
+
+    def clean_up(self):
+        for process in self.processes:
+            if process.popen.poll() is None:
+                process.end(signal.SIGKILL)
+        shutil.rmtree(self.work, ignore_errors=True)
+
+    def show(self):
+        if self.options.json:
+            print(json.dumps(self.page, indent=1))
+            return
+        page = self.page
+        print()
+        if "tables" in page:
+            rows = ", ".join(f"{count} in {name}" for name, count in page["tables"].items())
+            digest = page["digest"]
+            lines = [
+                ("rules", f"{page['rules']} on each of {len(UNITS)} units"),
+                ("rows", rows),
+                ("speed", f"{page['rowsPerSecond']} rows a second, from reading to acknowledged"),
+                ("agent killed in mid-load", f"everything in hardware {page['agentBack']:.2f} s "
+                                             f"after its restart, at {self.rate} rows a second"),
+                ("writer killed in mid-churn", f"caught up {page['writerBack']:.2f} s after its "
+                                               "restart"),
+                ("restart without change", f"agent {page['takeover']:.2f} s, writer "
+                                           f"{page['writerTakeover']:.2f} s"),
+                ("  rows written, reprogrammed", f"{page['versionsIssuedByRestart']}, "
+                                                 f"{page['rowsReprogrammedByRestart']}"),
+                ("packets classified", f"{page['packets']}, {page['mismatches']} mismatches"),
+                ("dependency violations", str(page["violations"])),
+                ("digest of configuration", digest["configuration"]),
+                ("digest of hardware", digest["hardware"]),
+            ]
+            for name, value in lines:
+                print(f"{name:<32}{value}")
+        for problem in self.problems:
+            print(f"PROBLEM: {problem}")
+        print("verdict: " + ("something is wrong" if self.problems else "all as it should be"))
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n", maxsplit=1)[0])
+    parser.add_argument("--bin", required=True, help="where the programs are")
+    parser.add_argument("--json", action="store_true", help="print the last page as JSON")
+    parser.add_argument("--verbose", action="store_true", help="show what the programs tell")
+    parser.add_argument("--seed", type=int, default=1, help="of the packets")
+    parser.add_argument("files", nargs="+", metavar="FILE", help="rules in the ClassBench format")
+    options = parser.parse_args()
+    for path in options.files:
+        if not os.access(path, os.R_OK):
+            print(f"demo: {path} cannot be read", file=sys.stderr)
+            return 2
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    return Demo(options).run()
+
+
+if __name__ == "__main__":
+    sys.exit(main())

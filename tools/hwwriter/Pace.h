@@ -1,0 +1,39 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "hwwriter/Options.h"
+
+namespace HwWriter {
+
+/// Keeps programming as slow as a chip would be.
+class Pace {
+ public:
+  explicit Pace(const Options& options) : rate_(options.rate), delay_(options.delay) {}
+
+  /// A row has been programmed.
+  void row() {
+    if (rate_ == 0) return;
+    const auto now = Clock::now();
+    // What was not used while there was nothing to do is not made up for.
+    due_ = std::max(due_, now) + std::chrono::nanoseconds(std::chrono::seconds(1)) / rate_;
+    // A sleep shorter than this is longer than asked for.
+    constexpr auto kWorthSleeping = std::chrono::milliseconds(1);
+    if (due_ - now > kWorthSleeping) std::this_thread::sleep_until(due_);
+  }
+  /// A batch is on its way to the chip.
+  void batch() const {
+    if (delay_.count() != 0) std::this_thread::sleep_for(delay_);
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  std::uint64_t rate_;
+  std::chrono::microseconds delay_;
+  Clock::time_point due_{};
+};
+
+}  // namespace HwWriter

@@ -1,0 +1,40 @@
+#include "hwwriter/Reports.h"
+
+#include "OrderedTable/CorruptionGuard.h"
+
+namespace HwWriter {
+
+Reports::Reports(const std::string& directory)
+    : memory_(Fenrik::ptrIsImpl<KivSharedMem::EntityManager>("hwwriter", Fenrik::String(directory),
+                                                             Drift::Directory::Access::write)) {}
+
+Reports::Group& Reports::group(const Tables::TableKind& kind) {
+  Group& group = groups_[kind.group];
+  if (group.map == nullptr) {
+    group.map = Asic::TableVersionDrift::mounted(memory_, Fenrik::String(kind.group));
+  }
+  return group;
+}
+
+Tables::Word Reports::reported(const Tables::TableKind& kind) {
+  const auto known = reported_.find(kind.id);
+  if (known != reported_.end()) return known->second;
+  const auto found = Asic::guardedFind(*group(kind).map->map(), kind.id);
+  return reported_[kind.id] = found.record.logVersion.value();
+}
+
+void Reports::report(const Tables::TableKind& kind, Tables::Word version) {
+  if (version <= reported(kind)) return;
+  Group& to = group(kind);
+  to.map->tableVersionIs(Asic::TableVersion(kind.id, Asic::LogVersion(version)));
+  to.ringDue = true;
+  reported_[kind.id] = version;
+}
+
+void Reports::ring() {
+  for (auto& [name, group] : groups_) {
+    if (std::exchange(group.ringDue, false)) group.map->ring();
+  }
+}
+
+}  // namespace HwWriter

@@ -1,0 +1,126 @@
+#include "tables/Collections.h"
+
+#include "OrderedTable/Constants.h"
+
+namespace Tables {
+
+using Drift::MountException;
+using Drift::MountStage;
+
+std::unique_ptr<Drift::DriftFile> openShaped(const Drift::Directory& directory,
+                                             const std::string& path, const Shape& shape) {
+  auto file = Drift::DriftFile::openForReading(directory, path, nullptr);
+  const auto& found = file->header();
+  if (found.layout != shape.layout || std::string_view(found.typeName) != shape.typeName ||
+      found.keySize != shape.keySize || found.recordSize != shape.recordSize) {
+    throw MountException(
+        MountStage::wrongFormat,
+        Fenrik::formatString("{}: it holds {} of {} bytes, not {} of {}; take the program that "
+                             "belongs to the agent",
+                             file->path(), std::string_view(found.typeName), found.recordSize,
+                             shape.typeName, shape.recordSize));
+  }
+  return file;
+}
+
+std::optional<Word> lineOf(const Drift::DriftFile& file, Drift::Format::Line line) {
+  return Drift::CheckedWord(file.data(), line).load();
+}
+
+Config::Config(const Drift::Directory& directory, const TableKind& kind, Asic::UnitId unit)
+    : Collection(directory, fmt::format("{}{}", kind.configPath, unit), kind.config),
+      kind_(kind),
+      unit_(unit),
+      view_(file()) {}
+
+std::optional<ConfigRow> Config::find(Words key) const {
+  std::vector<Word> record(recordWords());
+  if (!view_.find(key, record)) return {};
+  return configRowOf(kind_, record);
+}
+
+void Config::walk(const std::function<void(const ConfigRow&)>& visit,
+                  const std::function<void(const std::string&)>& damaged) const {
+  walkHashed(
+      file(), [&](Words record) { visit(configRowOf(kind_, record)); }, damaged);
+}
+
+std::uint64_t Config::digest() const {
+  std::uint64_t digest = 0;
+  walk(
+      [&](const ConfigRow& row) {
+        if (!row.isDeleted) digest += rowDigest(kind_.id, unit_, row.entry);
+      },
+      [](const std::string&) {});
+  return digest;
+}
+
+std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory,
+                                          const TableKind& kind) {
+  std::vector<Asic::UnitId> units;
+  for (const std::string& path : directory.entities(kind.configPath)) {
+    try {
+      units.push_back(Asic::Constants::getUnitIdFromConfigPath(Fenrik::String(path)));
+    } catch (const Fenrik::Exception&) {
+      // Somebody's file beside the configurations.
+    }
+  }
+  return units;
+}
+
+namespace {
+
+/// Where a walk that met damage when it was to begin at bucket `from` can go on: the first bucket
+/// from which it does not meet the same damage. Between the two there is nothing that can be read.
+Word behindDamage(const Drift::HashedView& view, Word from, Word end, const std::string& damage) {
+  std::vector<Word> record(view.recordWords());
+  std::vector<Word> noKey(view.keyWords());
+  const auto meets = [&](Word bucket) {
+    Drift::WalkPosition position{bucket, false};
+    try {
+      view.next(position, noKey, record);
+      return false;
+    } catch (const Fenrik::CorruptionDetectedException& e) {
+      return e.msg().view() == damage;
+    }
+  };
+  while (from < end) {
+    const Word middle = from + (end - from) / 2;
+    meets(middle) ? from = middle + 1 : end = middle;
+  }
+  return end;
+}
+
+}  // namespace
+
+void walkHashed(const Drift::DriftFile& file, const std::function<void(Words)>& visit,
+                const std::function<void(const std::string&)>& damaged) {
+  const Drift::HashedView view(file);
+  const Word buckets = file.header().indexWords;
+  std::vector<Word> record(view.recordWords());
+  Drift::WalkPosition position;
+  for (;;) {
+    const Words after = Words(record).first(view.keyWords());
+    try {
+      std::vector<Word> key(after.begin(), after.end());
+      key.back() &= ~Word{0} >> (view.keyWords() * sizeof(Word) - file.header().keySize) * 8;
+      if (!view.next(position, key, record)) return;
+    } catch (const Fenrik::CorruptionDetectedException& e) {
+      const std::string what(e.msg().view());
+      damaged(what);
+      position = {behindDamage(view, position.bucket + (position.started ? 1 : 0), buckets, what),
+                  false};
+      if (position.bucket >= buckets) return;
+      continue;
+    }
+    visit(record);
+  }
+}
+
+Shape neededShape() {
+  using Layout = Asic::NeededEntryDrift::Layout;
+  return {Drift::Format::Layout::dense, Asic::NeededEntryDrift::kEntityName, Layout::kKeySize,
+          Layout::kRecordSize};
+}
+
+}  // namespace Tables

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Drift/DenseCollection.h"
+#include "Drift/HashedCollection.h"
+#include "OrderedTable/NeededEntryDrift.h"
+#include "tables/TableKind.h"
+
+namespace Tables {
+
+/// Opens a collection of another process for reading, of whatever capacity. Throws
+/// `Drift::MountException`; `wrongFormat` also for a collection of other records.
+std::unique_ptr<Drift::DriftFile> openShaped(const Drift::Directory& directory,
+                                             const std::string& path, const Shape& shape);
+
+/// The value of a word of the header; nothing if it does not prove itself.
+std::optional<Word> lineOf(const Drift::DriftFile& file, Drift::Format::Line line);
+
+/// A collection with its entity path, open for reading.
+///
+/// Threads: one.
+class Collection {
+ public:
+  Collection(const Drift::Directory& directory, std::string path, const Shape& shape)
+      : path_(std::move(path)), file_(openShaped(directory, path_, shape)) {}
+
+  const std::string& path() const noexcept { return path_; }
+  const Drift::DriftFile& file() const noexcept { return *file_; }
+  Word generation() const {
+    return lineOf(*file_, Drift::Format::Line::writerGeneration).value_or(0);
+  }
+  std::size_t recordWords() const {
+    return Drift::Format::paddedSize(file_->header().recordSize) / sizeof(Word);
+  }
+
+ private:
+  std::string path_;
+  std::unique_ptr<Drift::DriftFile> file_;
+};
+
+/// The configuration of one unit.
+class Config : public Collection {
+ public:
+  Config(const Drift::Directory& directory, const TableKind& kind, Asic::UnitId unit);
+
+  const TableKind& kind() const noexcept { return kind_; }
+  Asic::UnitId unit() const noexcept { return unit_; }
+
+  Word size() const { return view_.size(); }
+  /// The record of the key; nothing if there is none. Throws
+  /// `Fenrik::CorruptionDetectedException`, as all reads do.
+  std::optional<ConfigRow> find(Words key) const;
+  /// Calls `visit` with each record, and `damaged` with the message of each damage that was met;
+  /// the walk goes on behind it.
+  void walk(const std::function<void(const ConfigRow&)>& visit,
+            const std::function<void(const std::string&)>& damaged) const;
+
+  /// What the live records' digests add up to.
+  std::uint64_t digest() const;
+
+ private:
+  const TableKind& kind_;
+  Asic::UnitId unit_;
+  Drift::HashedView view_;
+};
+
+/// The units for which the directory has a configuration of that family.
+std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory, const TableKind& kind);
+
+/// Walks any hashed collection past its damage.
+void walkHashed(const Drift::DriftFile& file, const std::function<void(Words)>& visit,
+                const std::function<void(const std::string&)>& damaged);
+
+/// What the collections of needed sets are.
+Shape neededShape();
+
+}  // namespace Tables

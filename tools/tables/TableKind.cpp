@@ -1,0 +1,136 @@
+#include "tables/TableKind.h"
+
+#include <algorithm>
+
+#include "Drift/RecordText.h"
+#include "OrderedTable/Constants.h"
+#include "OrderedTable/EntryFlags.h"
+#include "QuarnBastil/BigBb.h"
+#include "QuarnBastil/TcamEntry.h"
+
+namespace Tables {
+namespace {
+
+using Drift::Format::Layout;
+
+template <class T>
+constexpr Fields fieldsOf(bool isKey) {
+  return {Drift::kFieldsOf<T>.data(), Drift::kFieldsOf<T>.size(), isKey};
+}
+
+template <class Collection>
+constexpr Shape shapeOf(Layout layout) {
+  using RecordLayout = typename Collection::Layout;
+  return {layout, Collection::kEntityName, RecordLayout::kKeySize, RecordLayout::kRecordSize};
+}
+
+// Where a log record of any family has its parts.
+constexpr std::size_t kFlagsOffset = 8;
+constexpr std::size_t kUnitOffset = 10;
+constexpr std::size_t kEntryOffset = 12;
+
+template <class Family>
+TableKind describe(unsigned tier) {
+  using Entry = typename Family::LogEntry;
+  using Config = typename Family::ConfigDriftEntry;
+  using Log = typename Family::LogDriftEntry;
+  static_assert(offsetof(Log, flags) == kFlagsOffset && offsetof(Log, unitId) == kUnitOffset &&
+                offsetof(Log, logEntry) == kEntryOffset && offsetof(Config, logEntry) == 0);
+  using Names = typename Family::Constants;
+  const Fenrik::String log = Names::tableEntryLogDriftPath();
+  return {.id = Family::kTableId,
+          .name = Family::kTableName,
+          .group = Names::canonicalGroupName().str(),
+          .logPath = log.str(),
+          .neededPath = Asic::Constants::neededPathOfEntryLogPath(log).str(),
+          .configPath = Asic::Constants::canonicalGroupTableConfigDriftPathBase(
+                            Names::canonicalGroupName(), Family::kTableNamespace,
+                            Fenrik::String(Family::kTableName))
+                            .str(),
+          .log = shapeOf<typename Family::EntryLogDrift>(Layout::dense),
+          .config = shapeOf<typename Family::ConfigDrift>(Layout::hashed),
+          .keySize = sizeof(typename Family::Key),
+          .entrySize = sizeof(Entry),
+          .versionOffset = offsetof(Config, logVersion),
+          .deletedOffset = offsetof(Config, isDeleted),
+          .key = fieldsOf<typename Family::Key>(true),
+          .entry = fieldsOf<Entry>(false),
+          .tier = tier};
+}
+
+/// A round of splitmix64: every bit of the word reaches every bit of the result.
+std::uint64_t mixed(std::uint64_t word) noexcept {
+  word = (word ^ (word >> 30)) * 0xbf58476d1ce4e5b9;
+  word = (word ^ (word >> 27)) * 0x94d049bb133111eb;
+  return word ^ (word >> 31);
+}
+
+template <class T>
+T valueAt(Words words, std::size_t offset) {
+  T value;
+  std::memcpy(&value, reinterpret_cast<const std::byte*>(words.data()) + offset, sizeof value);
+  return value;
+}
+
+void entryIs(std::vector<Word>& entry, const TableKind& kind, Words record, std::size_t offset) {
+  entry.assign(kind.entryWords(), 0);
+  std::memcpy(entry.data(), reinterpret_cast<const std::byte*>(record.data()) + offset,
+              kind.entrySize);
+}
+
+}  // namespace
+
+std::string Fields::text(const void* value) const {
+  std::string result;
+  Drift::textAppend(result, value, fields, count, isKey);
+  return result;
+}
+
+const std::vector<TableKind>& tableKinds() {
+  static const std::vector<TableKind> kinds = {
+      describe<QuarnBastil::BigBbFamily>(0),
+      describe<QuarnBastil::TcamEntryFamily>(1),
+  };
+  return kinds;
+}
+
+const TableKind* kindOf(std::string_view name) {
+  const auto found = std::ranges::find(tableKinds(), name, &TableKind::name);
+  return found == tableKinds().end() ? nullptr : &*found;
+}
+
+const TableKind* kindOf(Asic::SwTableId id) {
+  const auto found = std::ranges::find(tableKinds(), id, &TableKind::id);
+  return found == tableKinds().end() ? nullptr : &*found;
+}
+
+std::vector<Word> keyOf(const TableKind& kind, Words entry) {
+  std::vector<Word> key(entry.begin(), entry.begin() + static_cast<long>(kind.keyWords()));
+  key.back() &= ~Word{0} >> (kind.keyWords() * sizeof(Word) - kind.keySize) * 8;
+  return key;
+}
+
+std::uint64_t rowDigest(Asic::SwTableId table, Asic::UnitId unit, Words entry) noexcept {
+  std::uint64_t digest = mixed(std::uint64_t{table.value()} << 16 | unit.value());
+  for (const Word word : entry) digest = mixed(digest + 0x9e3779b97f4a7c15 + word) ^ word;
+  return mixed(digest);
+}
+
+ConfigRow configRowOf(const TableKind& kind, Words record) {
+  ConfigRow row;
+  entryIs(row.entry, kind, record, 0);
+  row.version = valueAt<std::uint64_t>(record, kind.versionOffset);
+  row.isDeleted = valueAt<std::uint8_t>(record, kind.deletedOffset) != 0;
+  return row;
+}
+
+void logRowIs(LogRow& row, const TableKind& kind, Words record) {
+  const auto flags = valueAt<std::uint8_t>(record, kFlagsOffset);
+  row.version = record[0];
+  row.entryDelete = (flags & Asic::EntryFlags::kEntryDelete) != 0;
+  row.tableDelete = (flags & Asic::EntryFlags::kTableDelete) != 0;
+  row.unit = Asic::UnitId(valueAt<std::uint16_t>(record, kUnitOffset));
+  entryIs(row.entry, kind, record, kEntryOffset);
+}
+
+}  // namespace Tables

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <cstring>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Drift/Format.h"
+#include "Drift/RecordField.h"
+#include "OrderedTable/SwTableId.h"
+#include "OrderedTable/UnitId.h"
+
+/// What a program outside of the agent must know of each table family, as plain facts, so that its
+/// code is the same for all of them.
+namespace Tables {
+
+using Drift::Format::Word;
+/// The bytes of an entry or of a key as they stand in a collection, padded with zeros.
+using Words = std::span<const Word>;
+
+/// What a collection must be for its records to be read.
+struct Shape {
+  Drift::Format::Layout layout;
+  std::string_view typeName;
+  std::uint32_t keySize;
+  std::uint32_t recordSize;
+};
+
+/// The fields of a described type, for people.
+struct Fields {
+  const Drift::RecordField* fields;
+  std::size_t count;
+  bool isKey;
+
+  std::string text(const void* value) const;
+};
+
+/// One table family. Sizes and offsets are in bytes.
+struct TableKind {
+  Asic::SwTableId id;
+  std::string_view name;
+  std::string group;
+  /// Entity paths. The configuration's is completed by the number of the unit.
+  std::string logPath;
+  std::string neededPath;
+  std::string configPath;
+  Shape log;
+  Shape config;
+  std::uint32_t keySize;
+  std::uint32_t entrySize;
+  /// Of the configuration record, behind the entry.
+  std::size_t versionOffset;
+  std::size_t deletedOffset;
+  Fields key;
+  Fields entry;
+  /// What a row points at stands in a table of a lower tier.
+  unsigned tier;
+
+  std::size_t entryWords() const { return Drift::Format::paddedSize(entrySize) / sizeof(Word); }
+  std::size_t keyWords() const { return Drift::Format::paddedSize(keySize) / sizeof(Word); }
+};
+
+/// All families that there are, the lowest tier first. A further family is a further row.
+const std::vector<TableKind>& tableKinds();
+/// The family of that name or id; null if there is none.
+const TableKind* kindOf(std::string_view name);
+const TableKind* kindOf(Asic::SwTableId id);
+
+/// The words of a key as the entry begins with it: what the entry has in the key's last word is
+/// left out.
+std::vector<Word> keyOf(const TableKind& kind, Words entry);
+
+/// A number for a row of a table of a unit. Those of a table's rows add up, modulo 2^64, to the
+/// table's digest, in whatever order.
+std::uint64_t rowDigest(Asic::SwTableId table, Asic::UnitId unit, Words entry) noexcept;
+
+/// A configuration record, read.
+struct ConfigRow {
+  std::vector<Word> entry;
+  std::uint64_t version = 0;
+  bool isDeleted = false;
+};
+ConfigRow configRowOf(const TableKind& kind, Words record);
+
+/// A log record, read.
+struct LogRow {
+  std::uint64_t version = 0;
+  bool entryDelete = false;
+  bool tableDelete = false;
+  Asic::UnitId unit;
+  /// Of a table delete it means nothing.
+  std::vector<Word> entry;
+};
+/// Uses the room that `row` has already.
+void logRowIs(LogRow& row, const TableKind& kind, Words record);
+
+}  // namespace Tables
