@@ -53,7 +53,7 @@ std::vector<Policy::Plan> Agent::plansOf(bool fromNothing) {
 }
 
 bool Agent::carryOut(unsigned unit, const Policy::Plan& plan) {
-  return Programmer(tables_, ends_).carryOut(tables_.unit(unit), plan);
+  return Programmer(tables_, ends_, options_.rate).carryOut(tables_.unit(unit), plan);
 }
 
 /// Units that an earlier agent had and this one has not, and with `--reset` all. Rules go before

@@ -22,6 +22,8 @@ struct Options {
   bool reset = false;
   /// Ends when all is committed.
   bool once = false;
+  /// Rows a second at most; 0: as fast as it goes.
+  unsigned rate = 0;
 };
 
 /// Brings what the files say into the tables of some units, and serves them. What it tells on

@@ -26,6 +26,8 @@ void addOptions(CLI::App& app, Agent::Options& options) {
   app.add_flag("--watch", options.watch, "Apply what changes in the files while the agent runs");
   app.add_flag("--reset", options.reset, "Empty the tables before anything is written");
   app.add_flag("--once", options.once, "End when all rows are committed");
+  app.add_option("--rate", options.rate, "Rows a second at most; as many as can be without it")
+      ->check(CLI::PositiveNumber);
   app.add_option("FILE", options.files, "Files of rules, or of prefixes")->required();
 }
 

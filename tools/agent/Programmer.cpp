@@ -63,6 +63,7 @@ class Programmer::Run {
   Run(Programmer& programmer, Unit& unit, const Policy::Plan& plan)
       : tables_(programmer.tables_),
         ends_(programmer.ends_),
+        rate_(programmer.rate_),
         unit_(unit),
         plan_(plan),
         progress_(fmt::format("unit {}", unit.id.value()), plan.steps.size()),
@@ -80,6 +81,7 @@ class Programmer::Run {
   bool done() {
     for (next_ = 0; next_ < plan_.steps.size(); ++next_) {
       const Step& step = plan_.steps[next_];
+      if (rate_ != 0 && !awaitTurn()) return false;
       const bool queued = step.onPrefixes() ? queue(*unit_.prefixes, std::get<0>(step.row), step)
                                             : queue(*unit_.rules, std::get<1>(step.row), step);
       if (!queued) return false;
@@ -121,6 +123,18 @@ class Programmer::Run {
         "room, the agent goes on from there",
         table.canonicalName()->name(), table.unitId().value(), own.keyText(),
         refusalOf(table, own.key())));
+  }
+
+  /// Until the next row may be queued without more rows a second than asked for.
+  bool awaitTurn() {
+    const auto due = began_ + next_ * Clock::duration(std::chrono::seconds(1)) / rate_;
+    while (Clock::now() < due) {
+      if (ends_()) return false;
+      progress_.at(next_ - std::min(next_, tables_.queued()));
+      if (tables_.interface().pump(kPumpBudget).more) continue;
+      tables_.interface().waitForReport(std::min<Clock::duration>(due - Clock::now(), kSleep));
+    }
+    return true;
   }
 
   /// Until the hardware has what was done to the key last, and, for a row that is new, until the
@@ -172,6 +186,8 @@ class Programmer::Run {
 
   Tables& tables_;
   const std::function<bool()>& ends_;
+  const unsigned rate_;
+  const Clock::time_point began_ = Clock::now();
   Unit& unit_;
   const Policy::Plan& plan_;
   Progress progress_;

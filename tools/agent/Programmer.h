@@ -25,9 +25,10 @@ class RowRejected final : public std::runtime_error {
 /// Threads: the table thread.
 class Programmer {
  public:
-  /// `ends` is asked now and then whether the agent is to end.
-  Programmer(Tables& tables, std::function<bool()> ends)
-      : tables_(tables), ends_(std::move(ends)) {}
+  /// `ends` is asked now and then whether the agent is to end; `rate` is the number of rows a
+  /// second at most, 0 for as many as can be.
+  Programmer(Tables& tables, std::function<bool()> ends, unsigned rate)
+      : tables_(tables), ends_(std::move(ends)), rate_(rate) {}
 
   /// False if the agent is to end: then the plan is done in part, and a later one goes on from
   /// there. Throws `RowRejected`.
@@ -38,6 +39,7 @@ class Programmer {
 
   Tables& tables_;
   std::function<bool()> ends_;
+  unsigned rate_;
 };
 
 }  // namespace Agent

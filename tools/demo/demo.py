@@ -56,7 +56,9 @@ class Process:
             with self.changed:
                 while seen == len(self.lines):
                     if self.popen.poll() is not None and not self.reader.is_alive():
-                        raise Failed(f"{self.name} ended with {self.popen.returncode} before {what}")
+                        last = self.lines[-1][1] if self.lines else "without a word"
+                        raise Failed(f"{self.name} ended with {self.popen.returncode} before "
+                                     f"{what}: {last}")
                     if time.monotonic() > end:
                         raise Failed(f"{self.name}: no sign of {what} in {PATIENCE:.0f} s")
                     self.changed.wait(0.05)
@@ -89,8 +91,10 @@ def event_of(line, name):
 
 
 def rules_of(path):
+    """The lines that mean something; whether they are rules is for the agent to say."""
     with open(path, encoding="utf-8", errors="replace", newline="") as file:
-        return [line.rstrip("\r\n") for line in file if line.lstrip().startswith("@")]
+        lines = [line.strip() for line in file]
+    return [line for line in lines if line and not line.startswith("#")]
 
 
 def mirrored(rule):
@@ -158,7 +162,7 @@ class Demo:
         while self.issued() < version:
             if time.monotonic() > end:
                 raise Failed(f"no sign of {what} in {PATIENCE:.0f} s")
-            time.sleep(0.01)
+            time.sleep(0.005)
 
     def expect(self, holds, problem):
         if not holds:

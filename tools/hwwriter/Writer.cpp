@@ -12,6 +12,8 @@ using Drift::MountStage;
 
 /// How often the writer looks for files that came, went or changed hands: no bell tells of that.
 constexpr std::chrono::milliseconds kLookInterval(100);
+/// The same while a table is not there yet.
+constexpr std::chrono::milliseconds kEagerLookInterval(5);
 /// So many of them what another process holds may stay held.
 constexpr unsigned kBusyLooks = 20;
 /// So many looks without anything to do are the end of `--once`, whatever is left.
@@ -238,12 +240,18 @@ bool Writer::settle() {
   return some;
 }
 
+std::chrono::milliseconds Writer::lookInterval() const {
+  const bool complete =
+      std::ranges::all_of(tables_, [](const Table& table) { return table.source() != nullptr; });
+  return complete || options_.once ? kLookInterval : kEagerLookInterval;
+}
+
 void Writer::sleep() const {
   std::vector<Drift::BellSeen> bells;
   for (const Table& table : tables_) {
     if (table.source() != nullptr) bells.push_back(table.source()->bell());
   }
-  Drift::waitForAnyRing(bells, kLookInterval);
+  Drift::waitForAnyRing(bells, lookInterval());
 }
 
 /// True if there may be more to do at once.
@@ -271,7 +279,7 @@ int Writer::run(const volatile std::sig_atomic_t& stop) {
     try {
       if (Clock::now() >= nextLook) {
         look();
-        nextLook = Clock::now() + kLookInterval;
+        nextLook = Clock::now() + lookInterval();
       }
       const bool more = work();
       busy_ = 0;

@@ -47,6 +47,7 @@ class Writer {
 
   bool work();
   bool done();
+  std::chrono::milliseconds lookInterval() const;
   void sleep() const;
   int summary();
 
