@@ -30,10 +30,15 @@ void checkLines(const Drift::DriftFile& file, Findings& findings) {
 
 void checkDense(const Drift::DriftFile& file, Findings& findings) {
   const Drift::DenseView view(file);
+  const Drift::ChunkTable chunks(file);
   std::vector<Word> record(view.recordWords());
   const auto window = view.window();
   for (Word version = window.first; version < window.next; ++version) {
     try {
+      if (!chunks.proves(version)) {
+        findings.wrong.insert(
+            fmt::format("{}: the chunk of version {} does not prove itself", file.path(), version));
+      }
       findings.records += view.find(version, record) == Drift::DenseRead::found ? 1 : 0;
     } catch (const Fenrik::CorruptionDetectedException& e) {
       findings.wrong.insert(e.what());

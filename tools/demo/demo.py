@@ -159,10 +159,25 @@ class Demo:
 
     def await_issued(self, version, what):
         end = time.monotonic() + PATIENCE
-        while self.issued() < version:
+        begin = issued = self.issued()
+        while issued < version:
             if time.monotonic() > end:
                 raise Failed(f"no sign of {what} in {PATIENCE:.0f} s")
+            self.bar(issued - begin, self.page["rows"])
             time.sleep(0.005)
+            issued = self.issued()
+        self.bar(None, 0)
+
+    def bar(self, done, total):
+        """How far something is, on a terminal; away with it, when `done` is None."""
+        if self.options.json or not sys.stdout.isatty():
+            return
+        if done is None:
+            print("\r\x1b[K", end="", flush=True)
+            return
+        filled = min(40, 40 * done // max(total, 1))
+        print(f"\r\x1b[K  [{'#' * filled}{'.' * (40 - filled)}] {done} of {total} rows", end="",
+              flush=True)
 
     def expect(self, holds, problem):
         if not holds:
@@ -238,6 +253,7 @@ class Demo:
         issued = self.issued()
         self.expect(0 < issued < self.page["rows"], "the agent was not killed in mid-load")
         agent = self.agent("--watch", "--rate", self.rate)
+        self.await_issued(self.page["rows"], "the other rows")
         rest = self.rows_written(agent)
         self.page["agentBack"] = self.acknowledged(agent)
         self.say(f"  it died at version {issued}; the next one wrote the other {rest} rows, "

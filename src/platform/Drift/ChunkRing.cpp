@@ -27,6 +27,12 @@ ChunkTable::ChunkTable(const DriftFile& file)
       chunkBytes_(chunkBytes(file.header())),
       stride_(file.header().slotStride) {}
 
+bool ChunkTable::proves(Word version) const noexcept {
+  const Word place = version >> shift_ & mask_;
+  const Word word = loadWord(table_ + place);
+  return word == chunkWord(place, (word & 0xffffffff) - 1);
+}
+
 ChunkRing::ChunkRing(DriftFile& file)
     : file_(file), table_(file), chunks_(table_.mask_ + 1, kNone) {
   // No later operation needs the heap.

@@ -13,13 +13,16 @@ QUARNBASTIL_EXPORT Word chunkWord(Word place, Word chunk) noexcept;
 /// chunk table, its slot by the low bits of the version.
 class ChunkTable {
  public:
-  explicit ChunkTable(const DriftFile& file);
+  QUARNBASTIL_EXPORT explicit ChunkTable(const DriftFile& file);
 
   /// Null while the version has no chunk, or its word in the table cannot be.
   const Word* slotOf(Word version) const noexcept {
     const Word chunk = (loadWord(table_ + (version >> shift_ & mask_)) & 0xffffffff) - 1;
     return chunk > mask_ ? nullptr : slotIn(chunk, version);
   }
+  /// Whether the word that leads to the version's chunk proves itself. Readers need not ask: a word
+  /// that leads elsewhere leads to no record of that version.
+  QUARNBASTIL_EXPORT bool proves(Word version) const noexcept;
   const Word* sideSlot() const noexcept {
     return reinterpret_cast<const Word*>(slots_ + (mask_ + 1) * chunkBytes_);
   }
