@@ -24,7 +24,7 @@ class Scene {
       : churn_(seed, 60), clears_(clears), tables_(dir_.path() + "/tables") {
     for (const std::size_t i : {0U, 1U}) churn_.writeRules(churn_.lists[i], rulesOf(i));
     startAgent();
-    while (churn_.page->changes == 0) ::usleep(1000);
+    while (churn_.page->changes == 0 && agent_.running()) ::usleep(1000);
     startWriter();
   }
 
