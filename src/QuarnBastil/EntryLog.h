@@ -69,7 +69,7 @@ class QUARNBASTIL_EXPORT EntryLog
       } else {
         config->swTableEntriesReplacementRoom();
       }
-      tableEntryLog()->entryLogConfigRoom();
+      logRoom();
       this->groupInterface()->addLogEntryRoom(this->tableId());
     } catch (const Fenrik::Exception&) {
       const bool nothingToRemove =
@@ -188,7 +188,7 @@ class QUARNBASTIL_EXPORT EntryLog
     if (from == Asic::LogVersion(0)) {
       cleanupAll(version);
     } else if (from <= version) {
-      cleanupRange(from.value(), version);
+      cleanupRange(from, version);
     }
     this->tableStatusVersionIs(version);
     this->groupInterface()->entryLogCleaned(this->tableId(), version);
@@ -294,21 +294,30 @@ class QUARNBASTIL_EXPORT EntryLog
       more = Asic::guardedRead(
           map, [&] { return map.driftMapIterNext(current, cursor); }, false);
     }
-    // Damage ends a walk, and must not keep what stands behind it for ever.
-    cleanupRange(0, version);
   }
 
-  /// A record that cannot be read goes with the others: it would keep the log from moving on.
-  void cleanupRange(std::uint64_t from, Asic::LogVersion to) {
+  void cleanupRange(Asic::LogVersion from, Asic::LogVersion to) {
     auto& map = *tableEntryLog()->map();
     const std::uint64_t last = std::min(to.value(), this->tableVersion().value());
-    for (std::uint64_t number = lowestHeld(from, last); number <= last; ++number) {
+    for (std::uint64_t number = lowestHeld(from.value(), last); number <= last; ++number) {
       const auto looked = Asic::guardedLook(map, Asic::LogVersion(number));
-      if (looked.found) {
-        cleanupRecord(*looked.record);
-      } else {
+      if (looked.found) cleanupRecord(*looked.record);
+    }
+  }
+
+  /// Room for a record. One that could not be read when it was to be cleaned would keep the log
+  /// from moving on for ever: it goes when there is no other room.
+  void logRoom() {
+    try {
+      tableEntryLog()->entryLogConfigRoom();
+    } catch (const Drift::CollectionFullException&) {
+      const std::uint64_t last =
+          std::min(this->tableStatusVersion().value(), this->tableVersion().value());
+      const std::uint64_t reach = tableEntryLog()->file().header().slotCount;
+      for (std::uint64_t number = last - std::min(last, reach); number <= last; ++number) {
         tableEntryLog()->entryLogConfigDel(Asic::LogVersion(number));
       }
+      tableEntryLog()->entryLogConfigRoom();
     }
   }
 
