@@ -95,11 +95,11 @@ class Flip {
   /// Somewhere where there is memory.
   static off_t place(const fs::path& file, Random& random) {
     const int fd = ::open(file.c_str(), O_RDONLY);
-    const auto size = static_cast<std::uint32_t>(fs::file_size(file));
+    const auto size = static_cast<off_t>(fs::file_size(file));
     const bool header = random() % 4 == 0;
     const off_t data = ::lseek(fd, header ? 0 : random() % size, SEEK_DATA);
     ::close(fd);
-    return data < 0 ? random() % 1280 : data + (header ? random() % 1280 : random() % 4096);
+    return (std::max<off_t>(data, 0) + random() % (header || data < 0 ? 1280 : 4096)) % size;
   }
 
  private:
