@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
+#include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
 #include <iostream>
 #include <map>
 #include <set>
@@ -266,15 +268,25 @@ TEST(AsicSoak, HoldsWhatItHeldWhenItsProcessIsKilled) {
   NaiveChip naive;
   std::uint64_t done = 0;
   const unsigned rounds = 30 * static_cast<unsigned>(Support::soakFactor());
+  void* const memory = ::mmap(nullptr, sizeof(std::atomic<bool>), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(memory, MAP_FAILED);
+  auto& atWork = *new (memory) std::atomic<bool>(false);
   for (unsigned round = 0; round < rounds && !testing::Test::HasFailure(); ++round) {
+    atWork = false;
     Process process([&] {
       SimAsic::Chip chip(dir.path());
       for (std::uint64_t step = done + 1;; ++step) {
         Change(changes).apply(chip);
         chip.programmedIs(kRules, step);
+        atWork = true;
       }
     });
-    ::usleep(1000 + dice() % 8000);
+    while (!atWork) {
+      ASSERT_TRUE(process.running());
+      ::usleep(100);
+    }
+    ::usleep(dice() % 8000);
     process.kill();
     SimAsic::Chip chip(dir.path());
     const std::uint64_t reached = chip.programmed(kRules);
@@ -294,6 +306,7 @@ TEST(AsicSoak, HoldsWhatItHeldWhenItsProcessIsKilled) {
     }
   }
   EXPECT_GT(done, rounds) << "the process made no more than the step that is made again";
+  ::munmap(memory, sizeof(std::atomic<bool>));
 }
 
 }  // namespace
