@@ -48,9 +48,8 @@ class ChunkTable {
 /// there and in the processor's cache: a window that moves along costs no memory but its own.
 ///
 /// I1. The chunks of the window and those that were made ready for it are one run of versions.
-/// I2. A chunk has memory before a word of the table leads to it, and none leads to it any more
-/// when
-///     it is given to other versions. A reader that was in it by then sees that its version is
+/// I2. A chunk has memory before a word of the table leads to it, and when it is given to other
+///     versions none leads to it for the old ones: a reader still in it sees that its version is
 ///     gone.
 class ChunkRing {
  public:
