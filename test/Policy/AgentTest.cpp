@@ -56,6 +56,11 @@ class AgentTest : public testing::Test {
     }
   }
 
+  /// Takes what the agent commits, and reports it.
+  Support::Process hardwareWriter() const {
+    return {{BASTIL_HWWRITER, "--dir", tables()}, "/dev/null", "/dev/null"};
+  }
+
   Support::TempDir dir_;
 };
 
@@ -65,7 +70,7 @@ TEST_F(AgentSoak, AKilledAgentIsGoneOnFrom) {
   const unsigned seed = Support::seed();
   SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
   Random random(seed);
-  const ReportingHardware hardware(tables());
+  const auto hardware = hardwareWriter();
   unsigned killedWithin = 0;
   for (int change = 0; change < 8 * Support::soakFactor() && !HasFailure(); ++change) {
     // Half of the list before, and much that is new.
@@ -85,7 +90,7 @@ TEST_F(AgentSoak, AKilledAgentIsGoneOnFrom) {
       for (int i = 0; i < 500 && versionsIn(tables()) == before; ++i) ::usleep(100);
       ::usleep(static_cast<unsigned>(random() % 8000));
       agent.signal(SIGKILL);
-      EXPECT_EQ(agent.status(), -SIGKILL);
+      EXPECT_EQ(agent.wait(), -SIGKILL);
       const bool whole = agent.rest().find("programmed") != std::string::npos;
       killedWithin += whole ? 0 : 1;
       if (whole) break;
@@ -103,7 +108,7 @@ TEST_F(AgentSoak, AKilledAgentIsGoneOnFrom) {
 }
 
 TEST_F(AgentTest, AChangedFileIsAppliedAndABadOneIsNot) {
-  const ReportingHardware hardware(tables());
+  const auto hardware = hardwareWriter();
   auto wanted = Policy::generate({.rules = 200, .networks = 10});
   const auto path = rules("rules", wanted);
   AgentRun agent(tables(), {"--watch", path});
@@ -127,23 +132,23 @@ TEST_F(AgentTest, AChangedFileIsAppliedAndABadOneIsNot) {
   const auto after = versionsIn(tables());
   EXPECT_EQ(after[1], versions[1] + 2) << "a row for each rule that changed";
   agent.signal(SIGTERM);
-  EXPECT_EQ(agent.status(), 0);
+  EXPECT_EQ(agent.wait(), 0);
 }
 
 TEST_F(AgentTest, UnitsComeGoAndAreReset) {
-  const ReportingHardware hardware(tables());
+  const auto hardware = hardwareWriter();
   const auto wanted = Policy::generate({.rules = 100, .networks = 5});
   const auto path = rules("rules", wanted);
   const auto routes = file("routes", "192.0.2.0/24 203.0.113.1\n");
-  EXPECT_EQ(AgentRun(tables(), {"--once", "--unit", "0", "--unit", "7", path, routes}).status(), 0);
+  EXPECT_EQ(AgentRun(tables(), {"--once", "--unit", "0", "--unit", "7", path, routes}).wait(), 0);
   EXPECT_EQ(pictureIn(tables(), 7).rules.size(), 100U);
   AgentRun other(tables(), {"--once", "--unit", "7", path});
   EXPECT_THAT(other.await("emptied"), StartsWith("emptied: unit 0; "));
-  EXPECT_EQ(other.status(), 0);
+  EXPECT_EQ(other.wait(), 0);
   EXPECT_EQ(pictureIn(tables(), 0).rules.size() + pictureIn(tables(), 0).prefixes.size(), 0U);
   expectCarriedOut(7, wanted);
   const auto versions = versionsIn(tables());
-  EXPECT_EQ(AgentRun(tables(), {"--once", "--unit", "7", "--reset", path}).status(), 0);
+  EXPECT_EQ(AgentRun(tables(), {"--once", "--unit", "7", "--reset", path}).wait(), 0);
   EXPECT_EQ(versionsIn(tables())[1], versions[1] + 200) << "all rows went and came";
   expectCarriedOut(7, wanted);
 }
@@ -153,7 +158,7 @@ TEST_F(AgentTest, WhatCannotBeIsToldAndChangesNothing) {
   const auto failureOf = [&](const std::vector<std::string>& arguments, int status) {
     AgentRun agent(tables(), arguments);
     const std::string text = agent.rest();
-    EXPECT_EQ(agent.status(), status) << text;
+    EXPECT_EQ(agent.wait(), status) << text;
     return text;
   };
   EXPECT_THAT(failureOf({}, 2), HasSubstr("FILE"));
@@ -166,7 +171,7 @@ TEST_F(AgentTest, WhatCannotBeIsToldAndChangesNothing) {
   ASSERT_NE(first.await("programmed"), "");
   EXPECT_THAT(failureOf({path}, 1), HasSubstr("another process writes it; stop that one first"));
   first.signal(SIGINT);
-  EXPECT_EQ(first.status(), 0);
+  EXPECT_EQ(first.wait(), 0);
 
   const auto versions = versionsIn(tables());
   const auto many = rules("many", Policy::generate({.rules = 65'530, .networks = 800}));
@@ -186,16 +191,16 @@ TEST_F(AgentTest, WhatCannotBeIsToldAndChangesNothing) {
 TEST_F(AgentTest, TheCampusPolicyFitsAndRepeatsNothing) {
   AgentRun agent(tables(), {"--once", BASTIL_CAMPUS_RULES});
   EXPECT_THAT(agent.rest(), StartsWith("programmed: 472 rules, "));
-  EXPECT_EQ(agent.status(), 0);
+  EXPECT_EQ(agent.wait(), 0);
   expectCarriedOut(0, Policy::readRules(BASTIL_CAMPUS_RULES));
 }
 
 TEST_F(AgentTest, TheExampleGoesOnFromWhereItWasKilled) {
   const auto example = [&](const std::string& networks, const std::string& told, int signal) {
-    Running agent({BASTIL_EXAMPLE, tables(), "1", networks, "300"});
+    Support::Program agent({BASTIL_EXAMPLE, tables(), "1", networks, "300"});
     EXPECT_EQ(agent.await("added"), told);
     agent.signal(signal);
-    EXPECT_EQ(agent.status(), signal == SIGKILL ? -SIGKILL : 0);
+    EXPECT_EQ(agent.wait(), signal == SIGKILL ? -SIGKILL : 0);
   };
   example("2", "3 added, 0 removed", SIGKILL);
   example("2", "0 added, 0 removed", SIGTERM);
@@ -220,11 +225,11 @@ TEST_F(AgentTest, FullMemoryEndsItAndMoreMemoryLetsItGoOn) {
   const std::string inSmall = small + "/tables";
   AgentRun agent(inSmall, {"--once", path});
   EXPECT_NE(agent.await("no space"), "");
-  EXPECT_EQ(agent.status(), 1);
+  EXPECT_EQ(agent.wait(), 1);
   const auto written = pictureIn(inSmall, 0);
   EXPECT_GT(written.prefixes.size(), 0U);
   ASSERT_EQ(::mount("tmpfs", small.c_str(), "tmpfs", MS_REMOUNT, "size=512m"), 0);
-  EXPECT_EQ(AgentRun(inSmall, {"--once", path}).status(), 0);
+  EXPECT_EQ(AgentRun(inSmall, {"--once", path}).wait(), 0);
   EXPECT_EQ(pictureIn(inSmall, 0).rules.size(), wanted.size());
 }
 

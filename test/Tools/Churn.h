@@ -5,11 +5,14 @@
 #include <atomic>
 #include <random>
 
-#include "Tools/Process.h"
+#include "Support/Process.h"
 #include "policy/Rows.h"
 
 // An agent that goes from one list of rules to another and back, and may be killed at it.
 namespace ToolsTest {
+
+using Support::Outcome;
+using Support::Process;
 
 using Random = std::independent_bits_engine<std::mt19937, 32, std::uint32_t>;
 

@@ -42,7 +42,7 @@ class CtlTest : public testing::Test {
   Outcome ctl(const std::string& directory, std::vector<std::string> command, bool json = false) {
     command.insert(command.begin(), {BASTIL_CTL, "--dir", directory});
     if (json) command.push_back("--json");
-    return run(command, dir_.path());
+    return Support::run(command, dir_.path());
   }
   void expectFine(const std::string& directory, const std::vector<std::string>& command) {
     const Outcome outcome = ctl(directory, command);

@@ -63,13 +63,13 @@ class Scene {
   void check() {
     churn_.page->order = Order::settle;
     for (int i = 0; !churn_.page->settled; ++i) {
-      ASSERT_LT(i, 30'000) << "it hangs" << textOf(errors());
+      ASSERT_LT(i, 30'000) << "it hangs" << Support::textOf(errors());
       ASSERT_TRUE(agent_.running()) << "the agent ended by itself";
-      ASSERT_TRUE(writer_.running()) << "the writer ended by itself" << textOf(errors());
+      ASSERT_TRUE(writer_.running()) << "the writer ended by itself" << Support::textOf(errors());
       ::usleep(1000);
     }
     EXPECT_EQ(writer_.end(), 0);
-    EXPECT_THAT(textOf(errors()), Not(HasSubstr("meets decision")));
+    EXPECT_THAT(Support::textOf(errors()), Not(HasSubstr("meets decision")));
     const bool emptied = ++checks_ % 2 == 0;
     if (emptied) loseChip();
     const json before = once();
@@ -78,7 +78,7 @@ class Scene {
     EXPECT_EQ(after["summary"]["written"], before["summary"]["written"]);
     EXPECT_EQ(after["compared"]["programmed"], 0) << "rows reprogrammed without a change";
     EXPECT_GT(after["compared"]["rows"], 0);
-    const Outcome verified = run({BASTIL_CTL, "--dir", tables_, "verify"}, dir_.path());
+    const Outcome verified = Support::run({BASTIL_CTL, "--dir", tables_, "verify"}, dir_.path());
     EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
     churn_.page->settled = false;
     churn_.page->order = Order::churn;
@@ -89,7 +89,7 @@ class Scene {
   json once() {
     auto arguments = writerArguments();
     arguments.push_back("--once");
-    const Outcome outcome = run(arguments, dir_.path());
+    const Outcome outcome = Support::run(arguments, dir_.path());
     EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
     json news;
     std::istringstream lines(outcome.out);

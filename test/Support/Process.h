@@ -10,9 +10,12 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
-namespace ToolsTest {
+#include "Support/TempDir.h"
+
+namespace Support {
 
 inline std::string textOf(const std::string& file) {
   std::ifstream in(file);
@@ -44,7 +47,14 @@ class Process {
     return *this;
   }
 
-  bool running() { return pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; }
+  /// Its end stays to be waited for.
+  bool running() const {
+    siginfo_t info{};
+    if (pid_ <= 0) return false;
+    return ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == 0;
+  }
+  void signal(int number) const { ::kill(pid_, number); }
   void kill() {
     if (pid_ <= 0) return;
     ::kill(pid_, SIGKILL);
@@ -52,7 +62,7 @@ class Process {
   }
   /// Asks it to end; its exit status, or minus the signal that ended it.
   int end() {
-    ::kill(pid_, SIGTERM);
+    signal(SIGTERM);
     return wait();
   }
   int wait() {
@@ -77,6 +87,41 @@ class Process {
   pid_t pid_ = -1;
 };
 
+/// A program, with what it prints, to be read on from where it was read last.
+class Program : public Process {
+ public:
+  explicit Program(std::vector<std::string> arguments) {
+    static_cast<Process&>(*this) = Process(std::move(arguments), out_, out_);
+  }
+
+  /// The next line with the text in it, once there is one; empty if the program ends before, or
+  /// half a minute is over.
+  std::string await(const std::string& text) {
+    for (int look = 0; look < 30'000; ++look) {
+      const bool ended = !running();
+      const std::string all = textOf(out_);
+      for (std::size_t end; (end = all.find('\n', read_)) != std::string::npos;) {
+        const std::string line = all.substr(read_, end - read_);
+        read_ = end + 1;
+        if (line.find(text) != std::string::npos) return line;
+      }
+      if (ended) return {};
+      ::usleep(1000);
+    }
+    return {};
+  }
+  /// Everything from there to its end.
+  std::string rest() {
+    while (running()) ::usleep(1000);
+    return textOf(out_).substr(read_);
+  }
+
+ private:
+  TempDir dir_;
+  std::string out_ = dir_.path() + "/out";
+  std::size_t read_ = 0;
+};
+
 /// How a program that ran to its end did.
 struct Outcome {
   int status;
@@ -91,4 +136,4 @@ inline Outcome run(const std::vector<std::string>& arguments, const std::string&
   return {status, textOf(out), textOf(err)};
 }
 
-}  // namespace ToolsTest
+}  // namespace Support
