@@ -205,6 +205,10 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
     if (!link) return nullptr;
     HashMap2018BucketHdr* const hdr = link.hdr();
     const auto node = [&](unsigned index) { return nodeAt(hdr->nodes(), nodeSize, index); };
+    // Maps of one member, as by unit or by table, are asked more than all others of their kind.
+    if (hdr->size() == 1) {
+      return hdr->words()[0] == hash && keyIs(node(0)) ? node(0) : nullptr;
+    }
     const unsigned index =
         Impl::findWord(hdr->words(), hdr->size(), hash, [&](unsigned i) { return keyIs(node(i)); });
     return index != hdr->size() ? node(index) : nullptr;

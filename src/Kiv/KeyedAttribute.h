@@ -65,6 +65,7 @@ class KeyedMutator {
 
   /// The value that the member had, a default one if there was none.
   Value valueDel(const Key& key) const {
+    if (map_.memberCount() == 0) return Value();
     std::optional<Node> deleted = map_.memberDel(key);
     if (!deleted) return Value();
     publish(deleted->key(), nullptr);

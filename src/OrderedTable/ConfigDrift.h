@@ -25,6 +25,12 @@ class QUARNBASTIL_EXPORT ConfigDrift : public KivSharedMem::HashedCollection<Sel
   /// Inserts the record, or replaces the one with the same key. Throws
   /// `Drift::CollectionFullException` or `Drift::NoSpaceException` with nothing changed.
   void swTableEntriesIs(const Record& record) { this->recordIs(record); }
+  /// The same without a record made first.
+  void swTableEntriesIs(const decltype(Record::logEntry)& logEntry,
+                        const decltype(Record::rsrcKeys)& rsrcKeys, LogVersion version,
+                        bool isDeleted) {
+    this->recordOfPartsIs(logEntry, rsrcKeys, version, isDeleted);
+  }
   /// Sees to it that a record of that key can be stored: throws what storing it would throw.
   void swTableEntriesRoom(const Key& key) { this->recordRoom(key); }
   /// The same for a record of a key that is there.

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "KivSharedMem/Collection.h"
+#include "OrderedTable/EntryFlags.h"
 #include "OrderedTable/LogVersion.h"
+#include "OrderedTable/UnitId.h"
 
 namespace Asic {
 
@@ -20,6 +22,11 @@ class QUARNBASTIL_EXPORT EntryLogDrift : public KivSharedMem::DenseCollection<Se
   /// Inserts the record under its version. Throws `Drift::CollectionFullException` or
   /// `Drift::NoSpaceException` with nothing changed.
   void entryLogConfigIs(const Record& record) { this->recordIs(record); }
+  /// The same without a record made first.
+  void entryLogConfigIs(LogVersion version, EntryFlags flags, UnitId unitId,
+                        const decltype(Record::logEntry)& logEntry) {
+    this->recordOfPartsIs(version, flags, unitId, logEntry);
+  }
   /// Sees to it that one more record can be appended: throws what appending it would throw.
   void entryLogConfigRoom() { this->recordRoom(); }
   /// Removes the record of that version, if there is one.

@@ -112,7 +112,7 @@ class TableReads {
  protected:
   template <class QueueItem>
   Fenrik::String waitingReason(const QueueItem& item) const {
-    const Drift::Word records = table_->entryLog()->tableEntryLog()->map()->driftMapSize();
+    const Drift::Word records = table_->entryLog()->tableEntryLog()->records();
     if (records > kLogRoomLimit) {
       return Fenrik::formatString("no room in the log: {} records wait for the hardware", records);
     }
@@ -221,7 +221,7 @@ class OrderedSwTableAccessor : public TableReads<T> {
 
   bool isResolverEntryResolved(const Fenrik::Ptr<QueueItem>& item) {
     const Wrapper& wrapper = *item->swTableEntry();
-    if (table_->entryLog()->tableEntryLog()->map()->driftMapSize() > Base::kLogRoomLimit) {
+    if (table_->entryLog()->tableEntryLog()->records() > Base::kLogRoomLimit) {
       KIV_TRACE(trace(), 1, "", "key: {}, isEntryDeleted: {} : no space in entryLog!",
                 wrapper.key(), item->isEntryDeleted());
       return false;
@@ -459,11 +459,26 @@ class OrderedSwTableAccessor : public TableReads<T> {
 
   /// What stands in the configuration before a commit. Only resources want to know it, so for a
   /// family without any the read is left out; its trace is not.
-  Entry formerEntry(const Key& key) {
-    if constexpr (!Types::ResourceHooks::kWantsFormerEntry) {
-      if (!trace().levelEnabled(8)) return Entry();
-    }
+  std::optional<Entry> formerEntry(const Key& key) {
+    if (!Types::ResourceHooks::kWantsFormerEntry && !trace().levelEnabled(8)) return {};
     return entryFromConfig(key);
+  }
+  void tellResources(const WrapperPtr& wrapper, const std::optional<Entry>& former,
+                     bool isDelete) {
+    if constexpr (Types::ResourceHooks::kWantsFormerEntry) {
+      Types::ResourceHooks::committed(*table_, wrapper, *former, isDelete);
+    }
+  }
+
+  /// What an operation needs of other tables in hardware: for most it is nothing, and those share
+  /// one set.
+  NeededPtr neededFor(const Operation& operation, bool isDelete) {
+    const bool own = !isDelete && (Types::ResourceHooks::kAddsNeeded || trace().levelEnabled(8));
+    if (!own && operation.dependency == nullptr) return table_->nothingNeeded();
+    const auto needed = isDelete ? Fenrik::ptrIsImpl<NeededEntry>()
+                                 : table_->getNeededEntrySet(operation.wrapper);
+    addDependency(*needed, operation.dependency);
+    return needed;
   }
 
   /// Whether each entry that is about to be cleared is to be looked at: for its resources, for the
@@ -477,9 +492,8 @@ class OrderedSwTableAccessor : public TableReads<T> {
     const WrapperPtr& wrapper = operation.wrapper;
     wrapper->finalizeOnSuccess(tablePtr(), false);
     removeFromTransient<true>(operation);
-    const auto neededEntry = table_->getNeededEntrySet(wrapper);
-    const Entry former = formerEntry(wrapper->key());
-    addDependency(*neededEntry, operation.dependency);
+    const auto neededEntry = neededFor(operation, false);
+    const auto former = formerEntry(wrapper->key());
     const auto entryLog = table_->entryLog();
     const LogVersion logVersion =
         entryLog->entryIs(wrapper->logEntry(), wrapper->rsrcKeys(), neededEntry, table_->unitId(),
@@ -490,14 +504,13 @@ class OrderedSwTableAccessor : public TableReads<T> {
     } else {
       finish(operation.handle);
     }
-    Types::ResourceHooks::committed(*table_, wrapper, former, false);
+    tellResources(wrapper, former, false);
   }
 
   void commitRemove(const Operation& operation) {
     const WrapperPtr& wrapper = operation.wrapper;
-    const Entry former = formerEntry(wrapper->key());
-    const auto neededEntry = Fenrik::ptrIsImpl<NeededEntry>();
-    addDependency(*neededEntry, operation.dependency);
+    const auto former = formerEntry(wrapper->key());
+    const auto neededEntry = neededFor(operation, true);
     removeFromTransient<false>(operation);
     wrapper->finalizeOnSuccess(tablePtr(), true);
     const LogVersion logVersion =
@@ -508,7 +521,7 @@ class OrderedSwTableAccessor : public TableReads<T> {
     } else {
       finish(operation.handle);
     }
-    Types::ResourceHooks::committed(*table_, wrapper, former, true);
+    tellResources(wrapper, former, true);
   }
 
   void commitTableDelete(const Operation& operation) {

@@ -9,8 +9,10 @@ namespace Asic {
 /// The points at which a table that is linked to resources steps into the generic logic, in their
 /// neutral form. The traits of a family with resources name a class of its own in this one's place.
 struct NoResourceHooks {
-  /// Whether `committed` looks at the entry that stood in the configuration before.
+  /// Whether `committed` is called, and looks at the entry that stood in the configuration before.
   static constexpr bool kWantsFormerEntry = false;
+  /// Whether `addNeeded` may add anything.
+  static constexpr bool kAddsNeeded = false;
   /// Whether `entryCleared` looks at the entries.
   static constexpr bool kWantsClearedEntries = false;
 

@@ -96,9 +96,8 @@ class QUARNBASTIL_EXPORT EntryLog
     KIV_TRACE(trace(), 8, kName,
               " logEntry: {} neededEntry: {} version: {} unitId: {} suppressIdenticalWrites: {}",
               logEntry, neededEntry, version, unitId, suppressIdenticalWrites);
-    config->swTableEntriesIs(ConfigRecord(logEntry, rsrcKeys, version, false));
-    logRecordIs(LogRecord(version, Asic::EntryFlags(Asic::EntryFlags::kWrite), unitId, logEntry),
-                neededEntry);
+    config->swTableEntriesIs(logEntry, rsrcKeys, version, false);
+    logRecordIs(version, Asic::EntryFlags::kWrite, unitId, logEntry, neededEntry);
     return version;
   }
 
@@ -112,11 +111,9 @@ class QUARNBASTIL_EXPORT EntryLog
       return Asic::LogVersion(0);
     }
     const Asic::LogVersion version = this->tableVersionInc(Asic::LogVersion(1));
-    const LogEntry logEntry = looked.record->logEntry;
     markDeleted(*config, *looked.record, version);
-    logRecordIs(
-        LogRecord(version, Asic::EntryFlags(Asic::EntryFlags::kEntryDelete), unitId, logEntry),
-        neededEntry);
+    logRecordIs(version, Asic::EntryFlags::kEntryDelete, unitId, looked.record->logEntry,
+                neededEntry);
     return version;
   }
 
@@ -128,9 +125,7 @@ class QUARNBASTIL_EXPORT EntryLog
     Asic::guardedWalk(*config->map(), [&](const ConfigRecord& record) {
       if (!record.isDeleted) markDeleted(*config, record, version);
     });
-    logRecordIs(
-        LogRecord(version, Asic::EntryFlags(Asic::EntryFlags::kTableDelete), unitId, LogEntry{}),
-        neededEntry);
+    logRecordIs(version, Asic::EntryFlags::kTableDelete, unitId, LogEntry{}, neededEntry);
     return version;
   }
 
@@ -268,17 +263,17 @@ class QUARNBASTIL_EXPORT EntryLog
   }
 
   /// The record keeps its value, readable for the hardware writer.
-  static void markDeleted(ConfigDrift& config, ConfigRecord record, Asic::LogVersion version) {
-    record.logVersion = version;
-    record.isDeleted = true;
-    config.swTableEntriesIs(record);
+  static void markDeleted(ConfigDrift& config, const ConfigRecord& record,
+                          Asic::LogVersion version) {
+    config.swTableEntriesIs(record.logEntry, record.rsrcKeys, version, true);
   }
 
   /// The second half of every write: log, scratchpad, announcement.
-  void logRecordIs(const LogRecord& record, const NeededPtr& neededEntry) {
-    tableEntryLog()->entryLogConfigIs(record);
-    tableEntryLog()->collectionControl()->scratchpadIs(record.version.value());
-    this->groupInterface()->addLogEntry(this->tableId(), record.version, neededEntry);
+  void logRecordIs(Asic::LogVersion version, decltype(Asic::EntryFlags::kWrite) flags,
+                   Asic::UnitId unitId, const LogEntry& logEntry, const NeededPtr& neededEntry) {
+    tableEntryLog()->entryLogConfigIs(version, Asic::EntryFlags(flags), unitId, logEntry);
+    tableEntryLog()->collectionControl()->scratchpadIs(version.value());
+    this->groupInterface()->addLogEntry(this->tableId(), version, neededEntry);
   }
 
   /// The first cleaning of a process does not know how far the last one came. Records stand in the

@@ -264,6 +264,10 @@ class QUARNBASTIL_EXPORT SwTable
     Family::ResourceHooks::addNeeded(*self(), *wrapper, *neededEntry);
     return neededEntry;
   }
+  /// The set of an operation that needs nothing of other tables.
+  const Fenrik::Ptr<const Asic::NeededEntry>& nothingNeeded() const noexcept {
+    return nothingNeeded_;
+  }
   void setRsrcPtrs(const Fenrik::Ptr<Wrapper>& wrapper, bool refresh) {
     KIV_TRACE(trace(), 8, kName, "key: {}, refresh: {}", wrapper->key(), refresh);
     Family::ResourceHooks::setRsrcPtrs(*self(), wrapper, refresh);
@@ -312,6 +316,8 @@ class QUARNBASTIL_EXPORT SwTable
     const auto* const node = map[key];
     return node == nullptr ? nullptr : node->value().get();
   }
+
+  Fenrik::Ptr<const Asic::NeededEntry> nothingNeeded_ = Fenrik::ptrIsImpl<Asic::NeededEntry>();
 };
 
 }  // namespace QuarnBastil

@@ -91,6 +91,8 @@ class QUARNBASTIL_EXPORT DenseWriter {
 
   /// The version behind the newest record that was ever stored.
   Word next() const noexcept { return next_.value(); }
+  /// Number of records.
+  Word size() const noexcept { return next_.value() - first_.value() - holes_.value(); }
 
  private:
   Word* slotOf(Word version) noexcept { return chunks_.slotOf(version); }

@@ -35,9 +35,15 @@ class FlatLayout {
   static void toWords(const T& value, Word* out) noexcept {
     out[kWords - 1] = 0;
     std::memcpy(out, &value, kSize);
-    auto* const bytes = reinterpret_cast<unsigned char*>(out);
-    clearPadding(bytes, std::make_index_sequence<kPaddedWordCount>());
-    clearAbsentGroups(bytes, std::make_index_sequence<kGroupCount>());
+    makeCanonical(out);
+  }
+  /// The same for a value that is given by those of its fields, in their order.
+  template <class... Parts>
+  static void partsToWords(Word* out, const Parts&... parts) noexcept {
+    out[kWords - 1] = 0;
+    partsToBytes(reinterpret_cast<unsigned char*>(out), std::index_sequence_for<Parts...>(),
+                 parts...);
+    makeCanonical(out);
   }
 
   /// The words may be anything: what comes out is a value of the type.
@@ -118,6 +124,20 @@ class FlatLayout {
     }
     return indices;
   }();
+
+  static void makeCanonical(Word* words) noexcept {
+    auto* const bytes = reinterpret_cast<unsigned char*>(words);
+    clearPadding(bytes, std::make_index_sequence<kPaddedWordCount>());
+    clearAbsentGroups(bytes, std::make_index_sequence<kGroupCount>());
+  }
+
+  template <std::size_t... i, class... Parts>
+  static void partsToBytes(unsigned char* bytes, std::index_sequence<i...>,
+                           const Parts&... parts) noexcept {
+    static_assert(sizeof...(Parts) == kFieldsOf<T>.size());
+    static_assert(((sizeof(Parts) == kFieldsOf<T>[i].size * kFieldsOf<T>[i].count) && ...));
+    (std::memcpy(bytes + kFieldsOf<T>[i].offset, &parts, sizeof(Parts)), ...);
+  }
 
   template <std::size_t... i>
   static void clearPadding([[maybe_unused]] unsigned char* bytes,

@@ -15,8 +15,8 @@ namespace Seal {
 namespace {
 
 struct PortableStep {
-  static std::uint32_t step(std::uint32_t crc, Word word) {
-    return Drift::Impl::crc32cStep(crc, word);
+  static Word step(Word crc, Word word) {
+    return Drift::Impl::crc32cStep(static_cast<std::uint32_t>(crc), word);
   }
 };
 

@@ -7,7 +7,8 @@
 
 namespace Drift::Seal::Impl {
 
-/// The loops over one way to step a CRC register: `Step::step(crc, word)`.
+/// The loops over one way to step a CRC register: `Step::step(crc, word)`. The registers are held in
+/// words, as the instruction has them: their upper halves are zero.
 template <class Step>
 struct LoopsOver {
   /// The bits of what is folded change their places first, each part in another way. Unchanged,
@@ -21,14 +22,14 @@ struct LoopsOver {
     a = __builtin_bswap32(a);
     b = std::rotl(b, 16);
     c = __builtin_bswap32(std::rotl(c, 16));
-    std::uint32_t crc = Step::step(~0U, low);
+    Word crc = Step::step(~0U, low);
     crc = Step::step(crc, Word{a} | (Word{b} << 32));
-    return ~Step::step(crc, Word{c} | (Word{d} << 32));
+    return ~static_cast<std::uint32_t>(Step::step(crc, Word{c} | (Word{d} << 32)));
   }
 
   template <class Move>
   static std::uint32_t run(std::size_t count, std::uint32_t low, Move move) {
-    std::uint32_t a = ~0U, b = ~0U, c = ~0U, d = ~0U;
+    Word a = ~0U, b = ~0U, c = ~0U, d = ~0U;
     std::size_t i = 0;
     for (; i + 4 <= count; i += 4) {
       a = Step::step(a, move(i));
@@ -39,7 +40,8 @@ struct LoopsOver {
     if (i < count) a = Step::step(a, move(i));
     if (i + 1 < count) b = Step::step(b, move(i + 1));
     if (i + 2 < count) c = Step::step(c, move(i + 2));
-    return fold(low, a, b, c, d);
+    return fold(low, static_cast<std::uint32_t>(a), static_cast<std::uint32_t>(b),
+                static_cast<std::uint32_t>(c), static_cast<std::uint32_t>(d));
   }
 
   static std::uint32_t copyOut(Word* out, const Word* shared, std::size_t count,
@@ -49,13 +51,14 @@ struct LoopsOver {
 
   static std::uint32_t copyIn(Word* shared, const Word* in, std::size_t count, std::uint32_t low) {
     return run(count, low, [=](std::size_t i) {
-      storeWord(shared + i, in[i]);
-      return in[i];
+      const Word word = in[i];
+      storeWord(shared + i, word);
+      return word;
     });
   }
 
   static std::uint32_t words(Word a, Word b, Word c) {
-    return ~Step::step(Step::step(Step::step(~0U, a), b), c);
+    return ~static_cast<std::uint32_t>(Step::step(Step::step(Step::step(~0U, a), b), c));
   }
 };
 

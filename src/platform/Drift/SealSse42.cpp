@@ -9,9 +9,7 @@ namespace Drift::Seal::Impl {
 namespace {
 
 struct Sse42Step {
-  static std::uint32_t step(std::uint32_t crc, Word word) {
-    return static_cast<std::uint32_t>(_mm_crc32_u64(crc, word));
-  }
+  static Word step(Word crc, Word word) { return _mm_crc32_u64(crc, word); }
 };
 
 }  // namespace

@@ -29,10 +29,12 @@ class QUARNBASTIL_EXPORT HashedCollection : public Fenrik::NodeClass<Self, Entit
 
  protected:
   void recordIs(const Record& record) {
-    std::array<Drift::Word, Layout::kWords> words;
-    Layout::toWords(record, words.data());
-    writer().set(words);
-    noteDropped();
+    store([&](Drift::Word* words) { Layout::toWords(record, words); });
+  }
+  /// The same for a record that is given by the values of its fields.
+  template <class... Parts>
+  void recordOfPartsIs(const Parts&... parts) {
+    store([&](Drift::Word* words) { Layout::partsToWords(words, parts...); });
   }
   void recordDel(const typename Layout::Key& key) {
     std::array<Drift::Word, Layout::kKeyWords> words;
@@ -66,6 +68,14 @@ class QUARNBASTIL_EXPORT HashedCollection : public Fenrik::NodeClass<Self, Entit
   Drift::HashedWriter& writer() {
     FENRIK_ASSERT(writer_ != nullptr);
     return *writer_;
+  }
+
+  template <class Fill>
+  void store(Fill fill) {
+    std::array<Drift::Word, Layout::kWords> words;
+    fill(words.data());
+    writer().set(words);
+    noteDropped();
   }
 
   /// A record that the writer had to give up is damage too, though nobody was reading it.
@@ -102,11 +112,19 @@ class QUARNBASTIL_EXPORT DenseCollection : public Fenrik::NodeClass<Self, Entity
 
   const Fenrik::Ptr<Map>& map() const noexcept { return map_; }
 
+  /// Number of records. The one who writes knows it without a look at the shared memory.
+  Drift::Word records() const {
+    return writer_ != nullptr ? writer_->size() : map_->driftMapSize();
+  }
+
  protected:
   void recordIs(const Record& record) {
-    std::array<Drift::Word, Layout::kWords> words;
-    Layout::toWords(record, words.data());
-    writer().set(words);
+    store([&](Drift::Word* words) { Layout::toWords(record, words); });
+  }
+  /// The same for a record that is given by the values of its fields.
+  template <class... Parts>
+  void recordOfPartsIs(const Parts&... parts) {
+    store([&](Drift::Word* words) { Layout::partsToWords(words, parts...); });
   }
   void recordDel(Drift::Word version) { writer().remove(version); }
   void recordDelAll() { writer().removeAll(); }
@@ -116,6 +134,13 @@ class QUARNBASTIL_EXPORT DenseCollection : public Fenrik::NodeClass<Self, Entity
   Drift::DenseWriter& writer() {
     FENRIK_ASSERT(writer_ != nullptr);
     return *writer_;
+  }
+
+  template <class Fill>
+  void store(Fill fill) {
+    std::array<Drift::Word, Layout::kWords> words;
+    fill(words.data());
+    writer().set(words);
   }
 
   Fenrik::Ptr<Map> map_;
