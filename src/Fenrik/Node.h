@@ -48,12 +48,9 @@ class QUARNBASTIL_EXPORT Node {
 
   /// Adds `users` references and returns the new use count without the flags. One atomic step for
   /// each reference when threads are on, one plain addition otherwise.
-  std::uint32_t incUseCount(std::uint32_t users = 1) const noexcept {
-    if (ThreadControl::tsp_) [[unlikely]] {
-      std::uint32_t word = 0;
-      for (; users != 0; --users) word = std::atomic_ref(useCountAndFlags_).fetch_add(1) + 1;
-      return word & kUseCountMask;
-    }
+  [[gnu::always_inline]] std::uint32_t incUseCount(std::uint32_t users = 1) const noexcept {
+    if (ThreadControl::tsp_) [[unlikely]]
+      return incUseCountShared(users);
     useCountAndFlags_ += users;
     return useCountAndFlags_ & kUseCountMask;
   }
@@ -64,7 +61,7 @@ class QUARNBASTIL_EXPORT Node {
   }
 
   /// Drops one reference; true if it was the last. The caller then ends the node.
-  bool decUseCount() const noexcept {
+  [[gnu::always_inline]] bool decUseCount() const noexcept {
     if (ThreadControl::tsp_) [[unlikely]]
       return decUseCountShared();
     const std::uint32_t word = useCountAndFlags_ - 1;
@@ -100,7 +97,12 @@ class QUARNBASTIL_EXPORT Node {
   Node() noexcept = default;
 
  private:
-  bool decUseCountShared() const noexcept {
+  [[gnu::cold]] std::uint32_t incUseCountShared(std::uint32_t users) const noexcept {
+    std::uint32_t word = 0;
+    for (; users != 0; --users) word = std::atomic_ref(useCountAndFlags_).fetch_add(1) + 1;
+    return word & kUseCountMask;
+  }
+  [[gnu::cold]] bool decUseCountShared() const noexcept {
     return ((std::atomic_ref(useCountAndFlags_).fetch_sub(1) - 1) & kUseCountMask) == 0;
   }
 

@@ -40,6 +40,9 @@ class QUARNBASTIL_EXPORT DenseView {
   /// being changed, or after a death in the middle of that, they are counted along the window.
   Word size() const;
 
+  /// Copies the version's record. What was in the window at an earlier look is in it until the low
+  /// end moves, so that one who follows the log asks for the high end, which the writer is at, only
+  /// when it has come to the one that it knew.
   DenseRead find(Word version, std::span<Word> out) const;
 
   /// Copies the first record whose version is not below `version`, and stores its version there;
@@ -52,6 +55,7 @@ class QUARNBASTIL_EXPORT DenseView {
   enum class Slot { whole, absent, torn };
 
   Word line(const CheckedWord& word, const char* name) const;
+  Window windowAround(Word version) const;
   Word countAbsent(const Window& window, Word holesStamp) const;
   bool isAbsent(Word version) const noexcept;
   Slot copySlot(const Word* slot, Word version, std::span<Word> out) const noexcept;
@@ -65,6 +69,9 @@ class QUARNBASTIL_EXPORT DenseView {
   CheckedWord next_;
   CheckedWord holes_;
   CheckedWord redirect_;
+  /// The window at the last look for a record, and the stamp of its low end before that.
+  mutable Window known_{0, 0};
+  mutable Word knownStamp_ = 0;
 };
 
 /// Writes a dense collection. At every instant a version has its old record or its new one, for

@@ -44,6 +44,16 @@ DenseView::Window DenseView::window() const {
   corrupt("the ends of the log are further apart than the log is long", next_.load().value_or(0));
 }
 
+/// The window as it is, or as it was known, if the version was in it and the low end has not moved.
+DenseView::Window DenseView::windowAround(Word version) const {
+  const Word stamp = first_.stamp();
+  if (version < known_.first || version >= known_.next || stamp != knownStamp_) {
+    known_ = window();
+    knownStamp_ = stamp;
+  }
+  return known_;
+}
+
 Word DenseView::size() const {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     const Word firstStamp = first_.stamp();
@@ -92,7 +102,7 @@ DenseView::Slot DenseView::copySlot(const Word* slot, Word version,
 
 DenseRead DenseView::find(Word version, std::span<Word> out) const {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    const Window at = window();
+    const Window at = windowAround(version);
     if (version < at.first) return DenseRead::gone;
     if (version >= at.next) return DenseRead::notYet;
     const Word stamp = redirect_.stamp();
