@@ -213,8 +213,11 @@ bool HashedView::next(WalkPosition& position, KeyWords after, RecordWords out) c
     int outcome = kAbsent;
     Word bucket = position.bucket;
     if (position.started) outcome = nextInBucket(before, bucket++, &key, out);
-    while (outcome == kAbsent && bucket <= mask_) {
-      outcome = nextInBucket(before, bucket++, nullptr, out);
+    const Word* const words = table(before);
+    for (; outcome == kAbsent && bucket <= mask_; ++bucket) {
+      // Most buckets are empty: then no record is at home there.
+      if (loadWord(words + bucket) == IndexWord::kEmpty) continue;
+      outcome = nextInBucket(before, bucket, nullptr, out);
     }
     // Buckets that were passed count only if they belonged to the index in use until now.
     if (outcome == kAgain || active() != before) continue;
