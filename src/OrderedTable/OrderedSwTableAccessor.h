@@ -439,10 +439,6 @@ class OrderedSwTableAccessor : public TableReads<T> {
     table_->transientVersionForKeyDel(key);
   }
 
-  static void addDependency(NeededEntry& needed, const DependencyPtr& dependency) {
-    if (dependency != nullptr) needed.add(dependency->entryTableVersion());
-  }
-
   static void finish(const HandlePtr& handle) {
     handle->entryStateIs(EntryState::entryDone);
     callHandler(handle);
@@ -470,15 +466,18 @@ class OrderedSwTableAccessor : public TableReads<T> {
     }
   }
 
-  /// What an operation needs of other tables in hardware: for most it is nothing, and those share
-  /// one set.
-  NeededPtr neededFor(const Operation& operation, bool isDelete) {
-    const bool own = !isDelete && (Types::ResourceHooks::kAddsNeeded || trace().levelEnabled(8));
-    if (!own && operation.dependency == nullptr) return table_->nothingNeeded();
-    const auto needed = isDelete ? Fenrik::ptrIsImpl<NeededEntry>()
-                                 : table_->getNeededEntrySet(operation.wrapper);
-    addDependency(*needed, operation.dependency);
-    return needed;
+  /// What a write needs of other tables by itself; null if that can be nothing and nobody traces.
+  Fenrik::Ptr<NeededEntry> ownNeeded(const WrapperPtr& wrapper) {
+    if (!Types::ResourceHooks::kAddsNeeded && !trace().levelEnabled(8)) return nullptr;
+    return table_->getNeededEntrySet(wrapper);
+  }
+  /// The same with the dependency. Most operations need nothing: those share one set.
+  NeededPtr neededWith(const DependencyPtr& dependency, Fenrik::Ptr<NeededEntry> needed) {
+    if (dependency != nullptr) {
+      if (needed == nullptr) needed = Fenrik::ptrIsImpl<NeededEntry>();
+      needed->add(dependency->entryTableVersion());
+    }
+    return needed != nullptr ? NeededPtr(needed) : table_->nothingNeeded();
   }
 
   /// Whether each entry that is about to be cleared is to be looked at: for its resources, for the
@@ -492,8 +491,9 @@ class OrderedSwTableAccessor : public TableReads<T> {
     const WrapperPtr& wrapper = operation.wrapper;
     wrapper->finalizeOnSuccess(tablePtr(), false);
     removeFromTransient<true>(operation);
-    const auto neededEntry = neededFor(operation, false);
+    const auto own = ownNeeded(wrapper);
     const auto former = formerEntry(wrapper->key());
+    const auto neededEntry = neededWith(operation.dependency, own);
     const auto entryLog = table_->entryLog();
     const LogVersion logVersion =
         entryLog->entryIs(wrapper->logEntry(), wrapper->rsrcKeys(), neededEntry, table_->unitId(),
@@ -510,7 +510,7 @@ class OrderedSwTableAccessor : public TableReads<T> {
   void commitRemove(const Operation& operation) {
     const WrapperPtr& wrapper = operation.wrapper;
     const auto former = formerEntry(wrapper->key());
-    const auto neededEntry = neededFor(operation, true);
+    const auto neededEntry = neededWith(operation.dependency, nullptr);
     removeFromTransient<false>(operation);
     wrapper->finalizeOnSuccess(tablePtr(), true);
     const LogVersion logVersion =
@@ -529,8 +529,8 @@ class OrderedSwTableAccessor : public TableReads<T> {
     FENRIK_ASSERT(currRemoveAllVersion.valid());
     KIV_TRACE_AS(kCommit, trace(), 8, "", "Committing table delete for version: {}",
                  currRemoveAllVersion);
-    const auto neededEntry = table_->getNeededEntrySet(operation.wrapper);
-    addDependency(*neededEntry, operation.dependency);
+    const auto neededEntry =
+        neededWith(operation.dependency, table_->getNeededEntrySet(operation.wrapper));
     HandlePtr handle = operation.handle;
     delAllEntries(true, neededEntry, handle);
     removeAllDone(currRemoveAllVersion);
