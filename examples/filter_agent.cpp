@@ -95,7 +95,7 @@ void run(const char* directory, const std::set<Network>& wanted) {
     if (!agent.stands(network)) agent.add(network), ++added;
   }
   for (const Network network : agent.known()) {
-    if (wanted.count(network) == 0) agent.remove(network), ++removed;
+    if (!wanted.contains(network)) agent.remove(network), ++removed;
   }
   agent.commit();
   std::printf("%u added, %u removed\n", added, removed);

@@ -21,7 +21,8 @@ int main(int argc, char** argv) {
     std::printf("version %llu is in hardware\n",
                 static_cast<unsigned long long>(handle->logVersion().value()));
   };
-  const TcamEntryEntryKey first(0, 1), second(0, 2);
+  const TcamEntryEntryKey first(0, 1);
+  const TcamEntryEntryKey second(0, 2);
   const auto handle =
       table->entryWriteWithResponseHandler(first, TcamEntryEntry(first), nullptr, tell);
   table->entryWriteWithResponseHandler(second, TcamEntryEntry(second), handle, tell);

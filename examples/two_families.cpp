@@ -36,7 +36,7 @@ int main(int argc, char** argv) {
   if (argc != 3) return std::fprintf(stderr, "usage: two_families DIRECTORY ENTRIES\n"), 2;
   const auto entries = static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10));
   try {
-    const auto memory = Fenrik::ptrIsImpl<KivSharedMem::EntityManager>(
+    [[maybe_unused]] const auto memory = Fenrik::ptrIsImpl<KivSharedMem::EntityManager>(
         "agent", argv[1], Drift::Directory::Access::write);
     tables =
         Fenrik::ptrIsImpl<Asic::OrderedTableInterface>(Fenrik::ptrIsImpl<Stavro::EntityManager>(

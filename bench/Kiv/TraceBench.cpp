@@ -19,7 +19,7 @@
 namespace {
 
 KIV_TRACE_ACCESSOR const Kiv::TraceHandle& _defaultTraceHandle() {
-  static constinit const Kiv::TraceHandle handle(Kiv::constantHandle, "TraceBench");
+  static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle, "TraceBench");
   return handle;
 }
 

@@ -6,9 +6,9 @@ namespace Blipline {
 namespace {
 
 /// The site's number, given at the first call. Of threads that race all get the same.
-MsgId msgIdOf(int* site) {
+MsgId msgIdOf(int& site) {
   static std::atomic<MsgId> last{0};
-  std::atomic_ref<int> msgId(*site);
+  std::atomic_ref<int> msgId(site);
   MsgId known = msgId.load(std::memory_order_relaxed);
   if (known != 0) return known;
   const MsgId fresh = last.fetch_add(1, std::memory_order_relaxed) + 1;
@@ -23,8 +23,8 @@ MsgDesc::MsgDesc(TraceFile* traceFile, int* msgId, const char* file, int line)
 MsgDesc::~MsgDesc() = default;
 
 void MsgDesc::finish() {
-  traceFile_->descriptionAdd(msgIdOf(msgId_), {formatString_.letters(), file_, className_,
-                                               function_, text_, static_cast<unsigned>(line_)});
+  traceFile_->descriptionAdd(msgIdOf(*msgId_), {formatString_.letters(), file_, className_,
+                                                function_, text_, static_cast<unsigned>(line_)});
 }
 
 void msgDesc(MsgDesc& desc, const char* className, const char* function, const char* text) {

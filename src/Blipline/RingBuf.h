@@ -36,7 +36,8 @@ class QUARNBASTIL_EXPORT RingBuf {
     if (!available_.load(std::memory_order_relaxed)) return false;
     available_.store(false, std::memory_order_relaxed);
     std::atomic_signal_fence(std::memory_order_seq_cst);
-    if (__builtin_expect(cursor_ > blockLimit_, 0)) blockEnter(file);
+    if (cursor_ > blockLimit_) [[unlikely]]
+      blockEnter(file);
     const std::uint64_t tick = RingClock::tick();
     std::memcpy(cursor_ + sizeof(RecordHead), &tick, sizeof tick);
     msgId_ = static_cast<std::uint32_t>(msgId);

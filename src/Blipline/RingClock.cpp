@@ -20,7 +20,10 @@ constexpr std::chrono::milliseconds kRateSpan{2};
 /// Whether the counter runs at one rate, in all states of the processor.
 bool counterIsEven() noexcept {
 #if defined(__x86_64__)
-  unsigned a = 0, b = 0, c = 0, d = 0;
+  unsigned a = 0;
+  unsigned b = 0;
+  unsigned c = 0;
+  unsigned d = 0;
   constexpr unsigned kPowerLeaf = 0x80000007;
   constexpr unsigned kInvariantCounter = 1u << 8;
   return __get_cpuid(kPowerLeaf, &a, &b, &c, &d) != 0 && (d & kInvariantCounter) != 0;
@@ -59,8 +62,8 @@ RingClock::Base RingClock::measure() {
   if (!hasCounter_) return {RingClockKind::monotonic, kNanosPerSecond, first, realtime};
   std::this_thread::sleep_for(kRateSpan);
   const Instant second = instant();
-  const double ticks = static_cast<double>(second.tick - first.tick);
-  const double nanos = static_cast<double>(second.monotonic - first.monotonic);
+  const auto ticks = static_cast<double>(second.tick - first.tick);
+  const auto nanos = static_cast<double>(second.monotonic - first.monotonic);
   return {RingClockKind::timeStampCounter,
           static_cast<std::uint64_t>(std::llround(ticks / nanos * double{kNanosPerSecond})), first,
           realtime};

@@ -31,7 +31,8 @@ class QUARNBASTIL_EXPORT RingClock {
   /// REQUIRES: `base` has been called.
   static std::uint64_t tick() noexcept {
 #if defined(__x86_64__)
-    if (__builtin_expect(hasCounter_, 1)) return __builtin_ia32_rdtsc();
+    if (hasCounter_) [[likely]]
+      return __builtin_ia32_rdtsc();
 #endif
     return nanoseconds(CLOCK_MONOTONIC);
   }

@@ -60,7 +60,8 @@ class QUARNBASTIL_EXPORT TraceHandle {
   /// The calling thread's own file, made at its first call; null when it could not be made.
   /// REQUIRES: the handle is multi-threaded.
   TraceFile* mtTraceFile() {
-    if (__builtin_expect(Impl::threadSlot.handleId == id_, 1)) return Impl::threadSlot.file;
+    if (Impl::threadSlot.handleId == id_) [[likely]]
+      return Impl::threadSlot.file;
     return threadFile();
   }
 

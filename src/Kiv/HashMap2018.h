@@ -126,8 +126,8 @@ class QUARNBASTIL_EXPORT HashMap2018 {
   std::optional<Node> memberDel(const Key& key) {
     const Lookup& lookupKey = Traits::lookup(key);
     union Out {
-      Out() noexcept {}
-      ~Out() {}
+      Out() noexcept {}  // NOLINT(modernize-use-equals-default): would be deleted
+      ~Out() {}          // NOLINT(modernize-use-equals-default)
       Node node;
     } out;
     const KeyArg arg{&lookupKey, Traits::hash(lookupKey, seed_)};

@@ -49,7 +49,7 @@ concept HashMap2018ComposedKey = requires(const Key& key, const void* untyped) {
   { key.hash(std::uint32_t{}) } -> std::same_as<std::uint32_t>;
   { Key::isEq(untyped, untyped) }
   noexcept->std::same_as<bool>;
-  { (key <=> key) < 0 } -> std::convertible_to<bool>;
+  { (key <=> key) < 0 } -> std::convertible_to<bool>;  // NOLINT(misc-redundant-expression)
 };
 
 /// A key type that is one number: an integer, an enumeration, or a class that converts to its
@@ -57,8 +57,8 @@ concept HashMap2018ComposedKey = requires(const Key& key, const void* untyped) {
 template <class Key>
 concept HashMap2018NumberKey = !HashMap2018ComposedKey<Key> && requires(const Key& key) {
   static_cast<Impl::NumberOfKey<Key>>(key);
-  { key == key } -> std::convertible_to<bool>;
-  { key < key } -> std::convertible_to<bool>;
+  { key == key } -> std::convertible_to<bool>;  // NOLINT(misc-redundant-expression)
+  { key < key } -> std::convertible_to<bool>;   // NOLINT(misc-redundant-expression)
 };
 
 /// What a map asks of its keys. `Lookup` is the type behind the untyped key of its operations.

@@ -53,15 +53,15 @@ namespace Impl {
 #define KIV_SASSERT(condition, message) KIV_SASSERT_TEXT(condition, #condition, message)
 
 /// The same with the text of the condition given.
-#define KIV_SASSERT_TEXT(condition, text, message)                 \
-  do {                                                             \
-    if (__builtin_expect(!(condition), 0)) {                       \
-      const char* const kivSassertText = (text);                   \
-      {                                                            \
-        ::Kiv::SassertHelper kivSassertHelper(kivSassertText);     \
-        kivSassertHelper << message;                               \
-      }                                                            \
-      ::Kiv::Impl::sassertFail(kivSassertText, __FILE__, __LINE__, \
-                               __extension__ __PRETTY_FUNCTION__); \
-    }                                                              \
+#define KIV_SASSERT_TEXT(condition, text, message)                            \
+  do {                                                                        \
+    if (__builtin_expect(!(condition), 0)) {                                  \
+      const char* const kivSassertText = (text);                              \
+      {                                                                       \
+        ::Kiv::SassertHelper kivSassertHelper(kivSassertText);                \
+        kivSassertHelper << message; /* NOLINT(bugprone-macro-parentheses) */ \
+      }                                                                       \
+      ::Kiv::Impl::sassertFail(kivSassertText, __FILE__, __LINE__,            \
+                               __extension__ __PRETTY_FUNCTION__);            \
+    }                                                                         \
   } while (false)

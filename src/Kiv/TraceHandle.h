@@ -14,7 +14,7 @@ inline constexpr unsigned kTraceLevels = 16;
 
 /// Says that a handle is a constant.
 struct ConstantHandle {};
-inline constexpr ConstantHandle constantHandle;
+inline constexpr ConstantHandle kConstantHandle;
 
 /// The levels of a control record. Read by every trace site, bytewise and without order: a level
 /// that is switched while a site runs may be seen a little later. Written by `TraceControl`.
@@ -54,7 +54,7 @@ extern QUARNBASTIL_EXPORT constinit TraceMask kTraceHandleNotEntered;
 /// code to run before it, and is entered under its name by the first site that tests it.
 ///
 ///     KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& _defaultTraceHandle() {
-///       static constinit const Kiv::TraceHandle handle(Kiv::constantHandle, "TcamEntrySwTable");
+///       static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle, "TcamEntrySwTable");
 ///       return handle;
 ///     }
 ///
@@ -76,8 +76,9 @@ class QUARNBASTIL_EXPORT TraceHandle {
 
   /// REQUIRES: level < kTraceLevels.
   bool levelEnabled(unsigned level) const noexcept {
-    const bool maybe = control_.load(std::memory_order_acquire)->levelEnabled(level);
-    return __builtin_expect(maybe, 0) && surelyEnabled(level);
+    if (!control_.load(std::memory_order_acquire)->levelEnabled(level)) [[likely]]
+      return false;
+    return surelyEnabled(level);
   }
   std::uint16_t mask() const noexcept { return record().mask(); }
   const Fenrik::String& name() const noexcept { return record().name; }

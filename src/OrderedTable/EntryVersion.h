@@ -47,7 +47,7 @@ class QUARNBASTIL_EXPORT EntryVersion final {
 
 template <>
 struct fmt::formatter<Asic::EntryVersion> {
-  constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
+  static constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
   template <class Context>
   auto format(const Asic::EntryVersion& version, Context& context) const {
     return fmt::format_to(context.out(), "{}.{}", version.majorVersion(), version.minorVersion());

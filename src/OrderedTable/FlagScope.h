@@ -5,6 +5,7 @@ namespace Asic {
 /// Sets a flag for the time of a scope.
 class FlagScope {
  public:
+  // NOLINTNEXTLINE(cppcoreguidelines-prefer-member-initializer): what is set is the flag itself
   explicit FlagScope(bool& flag) noexcept : flag_(flag) { flag_ = true; }
   ~FlagScope() { flag_ = false; }
   FlagScope(const FlagScope&) = delete;

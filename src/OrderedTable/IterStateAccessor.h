@@ -56,7 +56,7 @@ class IterStateAccessor {
   using Cursor = typename Drift::DriftMap<Record>::Cursor;
 
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& _defaultTraceHandle() {
-    static constinit const Kiv::TraceHandle handle(Kiv::constantHandle, "SwTableIter");
+    static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle, "SwTableIter");
     return handle;
   }
 
@@ -64,7 +64,7 @@ class IterStateAccessor {
   static constexpr const char* kStep = "maybeUpdateCurrentEntry";
 
   static Fenrik::Ptr<State> makeState(const Table& table) {
-    const auto state = Fenrik::ptrIsImpl<State>();
+    auto state = Fenrik::ptrIsImpl<State>();
     state->swTableIs(&table);
     state->stateIs(state->state().withRemoveAllPending(table.transientRemoveAllVersion().valid()));
     return state;
@@ -80,6 +80,7 @@ class IterStateAccessor {
                   : table().transientAddEntryIterator();
     KIV_TRACE_AS(kStep, _defaultTraceHandle(), 9, "", "  in transientAdd collection");
     const auto leave = [this] {
+      // Under the name of this function. NOLINTNEXTLINE(bugprone-lambda-function-name)
       KIV_TRACE(_defaultTraceHandle(), 9, "", "  done with transAdd");
       const auto flags = iterState_->state().withInAddColl(false);
       iterState_->stateIs(flags.removeAllPending() ? flags : flags.withInTblCfg(true));

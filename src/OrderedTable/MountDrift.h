@@ -36,6 +36,7 @@ template <class T>
 Fenrik::Ptr<T> checkAndwriteMountDrift(
     const Fenrik::Ptr<Stavro::EntityManager>& entityManager, const Fenrik::String& typeName,
     const Fenrik::String& path, const Fenrik::String& agentName,
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): callers hand their functions over
     std::function<void(KivDrift::MountInfo&)> mountInfoFn,
     std::function<Fenrik::Ptr<KivDrift::CollectionControl>(Fenrik::Ptr<T>&)> collectionControlFn,
     std::function<void()> wipedFn) {

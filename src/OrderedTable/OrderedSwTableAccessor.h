@@ -126,7 +126,7 @@ class TableReads {
 
   /// One handle for const and one for other tables, both of the table's bare class name.
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& _defaultTraceHandle() {
-    static constinit const Kiv::TraceHandle handle(Kiv::constantHandle,
+    static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle,
                                                    Kiv::kBareTypeName<T>.data());
     return handle;
   }
@@ -169,7 +169,7 @@ class OrderedSwTableAccessor : public TableReads<T> {
   HandlePtr entryWriteGeneric(const Key& key, const Entry& entry, const DependencyPtr& dep,
                               const ResponseHandler& handler) {
     KIV_TRACE(trace(), 8, "", "key: {}", key);
-    const HandlePtr handle = handleForNextVersion(__func__, key, handler);
+    HandlePtr handle = handleForNextVersion(__func__, key, handler);
     const WrapperPtr wrapper = Fenrik::ptrIsImpl<Wrapper>(entry, handle);
     wrapper->keyIs(key);
     table_->transientRemoveEntryDel(key);
@@ -185,7 +185,7 @@ class OrderedSwTableAccessor : public TableReads<T> {
   HandlePtr entryRemoveGeneric(const Key& key, const DependencyPtr& dep,
                                const ResponseHandler& handler) {
     KIV_TRACE(trace(), 8, "", " Key: {} ", key);
-    const HandlePtr handle = handleForNextVersion(__func__, key, handler);
+    HandlePtr handle = handleForNextVersion(__func__, key, handler);
     const WrapperPtr wrapper = Fenrik::ptrIsImpl<Wrapper>(Entry(key), handle);
     const auto item =
         Fenrik::ptrIsImpl<QueueItem>(dep, EntryFlags(EntryFlags::kEntryDelete), table_, wrapper);
@@ -342,7 +342,7 @@ class OrderedSwTableAccessor : public TableReads<T> {
     KIV_TRACE(trace(), 8, "", "key: {}, refreshRsrcPtrs: {}", key, refreshRsrcPtrs);
     const Entry entry = entryFromConfig(key);
     if (handle == nullptr) handle = Fenrik::ptrIsImpl<Handle>(kFirstVersion, key, table_);
-    const WrapperPtr wrapper = Fenrik::ptrIsImpl<Wrapper>(entry, handle);
+    WrapperPtr wrapper = Fenrik::ptrIsImpl<Wrapper>(entry, handle);
     wrapper->keyIs(key);
     table_->setRsrcPtrs(wrapper, refreshRsrcPtrs);
     wrapper->retrieveClientData();
@@ -384,7 +384,7 @@ class OrderedSwTableAccessor : public TableReads<T> {
 
   HandlePtr makeHandle(const EntryVersion& version, const Key& key,
                        const ResponseHandler& handler) {
-    const HandlePtr handle = Fenrik::ptrIsImpl<Handle>(version, key, table_);
+    HandlePtr handle = Fenrik::ptrIsImpl<Handle>(version, key, table_);
     if (handler) handle->responseHandlerIs(handler);
     handle->entryStateIs(EntryState::entryPending);
     return handle;
@@ -459,8 +459,7 @@ class OrderedSwTableAccessor : public TableReads<T> {
     if (!Types::ResourceHooks::kWantsFormerEntry && !trace().levelEnabled(8)) return {};
     return entryFromConfig(key);
   }
-  void tellResources(const WrapperPtr& wrapper, const std::optional<Entry>& former,
-                     bool isDelete) {
+  void tellResources(const WrapperPtr& wrapper, const std::optional<Entry>& former, bool isDelete) {
     if constexpr (Types::ResourceHooks::kWantsFormerEntry) {
       Types::ResourceHooks::committed(*table_, wrapper, *former, isDelete);
     }

@@ -28,7 +28,7 @@ class QUARNBASTIL_EXPORT SwTableId final : public Number<SwTableId, std::uint32_
 
 template <>
 struct fmt::formatter<Asic::SwTableId> {
-  constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
+  static constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
   template <class Context>
   auto format(Asic::SwTableId id, Context& context) const {
     return fmt::format_to(context.out(), "{:02x}:{:02x}:{:04x}", id.agentId(), id.groupId(),

@@ -27,7 +27,7 @@ class QUARNBASTIL_EXPORT TableVersion final {
 
 template <>
 struct fmt::formatter<Asic::TableVersion> {
-  constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
+  static constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
   template <class Context>
   auto format(const Asic::TableVersion& version, Context& context) const {
     return fmt::format_to(context.out(), "{}@{}", version.tableId(), version.logVersion());

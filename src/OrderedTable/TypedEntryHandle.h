@@ -17,11 +17,10 @@ class QUARNBASTIL_EXPORT TypedEntryHandle : public OrderedSwTable::EntryHandle {
 
   TypedEntryHandle(const EntryVersion& version, const Key& key, SwTable* table)
       : OrderedSwTable::EntryHandle(version),
+        swTable_(table),
         key_(key),
         tableId_(table->tableId()),
-        tableName_(table->canonicalName()) {
-    swTable_ = table;
-  }
+        tableName_(table->canonicalName()) {}
 
   FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, key, value);
   FENRIK_VALUE(kFieldBase + 3, swTable, SwTable*);

@@ -80,17 +80,17 @@ template <class Family>
 struct QUARNBASTIL_EXPORT FamilyTraces {
   /// Of the table and of what is in flight.
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& swTable() {
-    static constinit const Kiv::TraceHandle handle(Kiv::constantHandle,
+    static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle,
                                                    className<typename Family::SwTable>());
     return handle;
   }
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& entryLog() {
-    static constinit const Kiv::TraceHandle handle(Kiv::constantHandle,
+    static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle,
                                                    className<typename Family::EntryLog>());
     return handle;
   }
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& interface() {
-    static constinit const Kiv::TraceHandle handle(Kiv::constantHandle,
+    static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle,
                                                    className<typename Family::Interface>());
     return handle;
   }

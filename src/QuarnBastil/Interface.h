@@ -110,8 +110,8 @@ class QUARNBASTIL_EXPORT Interface
     const auto name = Fenrik::ptrIsImpl<Asic::CanonicalTableName>(
         Asic::OrderedTableType::orderedTable, groupName(), tableNamespace(),
         Fenrik::String(Family::kTableName));
-    const auto table = Fenrik::ptrIsImpl<SwTable>(name, tableId(), unitId, swTableSet().get(),
-                                                  entryLog(), groupIntf->groupResolver());
+    auto table = Fenrik::ptrIsImpl<SwTable>(name, tableId(), unitId, swTableSet().get(), entryLog(),
+                                            groupIntf->groupResolver());
     if (swTableHelper != nullptr) table->swTableHelperIs(swTableHelper);
     table->statusIs(swTableStatus());
     Family::ResourceHooks::tableMade(*this, *table);
@@ -275,7 +275,7 @@ class QUARNBASTIL_EXPORT Interface
                                      bool reset) {
     constexpr const char* kFunction = "makeSwTable";
     KIV_TRACE_AS(kFunction, trace(), 3, kName, "swTable with unitId: {} exists", unitId);
-    const auto existingTbl = Fenrik::dynamicPtrCast<SwTable>(swTableSet()->swTable(unitId));
+    auto existingTbl = Fenrik::dynamicPtrCast<SwTable>(swTableSet()->swTable(unitId));
     FENRIK_ASSERT_TEXT(existingTbl != nullptr, "existingTbl");
     if (swTableHelper != nullptr) {
       KIV_TRACE_AS(kFunction, trace(), 2, kName, "Update software table helper");

@@ -164,9 +164,9 @@ class QUARNBASTIL_EXPORT SwTable
   SwTable(const Fenrik::Ptr<const Asic::CanonicalTableName>& name, Asic::SwTableId tableId,
           Asic::UnitId unitId, Asic::OrderedSwTableSet* swTableSet,
           const Fenrik::Ptr<Log>& entryLog, const Fenrik::Ptr<Asic::GroupResolver>& groupResolver)
-      : Base(name, tableId, unitId, swTableSet) {
-    entryLog_ = entryLog;
-    groupResolver_ = groupResolver;
+      : Base(name, tableId, unitId, swTableSet),
+        entryLog_(entryLog),
+        groupResolver_(groupResolver) {
     handleInitialized();
   }
 
@@ -260,7 +260,7 @@ class QUARNBASTIL_EXPORT SwTable
   Fenrik::Ptr<Asic::NeededEntry> getNeededEntrySet(
       const Fenrik::Ptr<const Wrapper>& wrapper) const {
     KIV_TRACE(trace(), 8, kName, "key: {}", wrapper->key());
-    const auto neededEntry = Fenrik::ptrIsImpl<Asic::NeededEntry>();
+    auto neededEntry = Fenrik::ptrIsImpl<Asic::NeededEntry>();
     Family::ResourceHooks::addNeeded(*self(), *wrapper, *neededEntry);
     return neededEntry;
   }

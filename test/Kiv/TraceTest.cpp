@@ -122,7 +122,7 @@ struct WriteCounter {
 };
 
 KIV_TRACE_ACCESSOR const Kiv::TraceHandle& racedHandle() {
-  static constinit const Kiv::TraceHandle handle(Kiv::constantHandle, "TraceTestRaced");
+  static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle, "TraceTestRaced");
   return handle;
 }
 

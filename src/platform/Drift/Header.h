@@ -62,7 +62,7 @@ class CheckedWord {
     const Word firstValue = loadWord(words_);
     if (known_ && firstCheck == knownCheck_ && firstValue == knownValue_) return firstValue;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-      for (int copy = 0; copy < 2; ++copy) {
+      for (std::size_t copy = 0; copy < 2; ++copy) {
         const Word check = loadWord(words_ + 2 * copy + 1);
         const Word value = loadWord(words_ + 2 * copy);
         if (checkOf(value, check >> 32) != check) continue;
@@ -112,7 +112,7 @@ class CheckedWordWriter {
     runningNumber_ = reader_.runningNumber();
     value_ = *value;
     const Word check = reader_.checkOf(value_, runningNumber_);
-    for (int copy = 0; copy < 2; ++copy) {
+    for (std::size_t copy = 0; copy < 2; ++copy) {
       if (loadWord(words_ + 2 * copy) == value_ && loadWord(words_ + 2 * copy + 1) == check)
         continue;
       storeCopy(copy, check);
@@ -133,7 +133,7 @@ class CheckedWordWriter {
   }
 
  private:
-  void storeCopy(int copy, Word check) noexcept {
+  void storeCopy(std::size_t copy, Word check) noexcept {
     storeWord(words_ + 2 * copy, value_);
     storeWord(words_ + 2 * copy + 1, check);
   }

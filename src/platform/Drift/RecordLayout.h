@@ -136,7 +136,8 @@ class FlatLayout {
                            const Parts&... parts) noexcept {
     static_assert(sizeof...(Parts) == kFieldsOf<T>.size());
     static_assert(((sizeof(Parts) == kFieldsOf<T>[i].size * kFieldsOf<T>[i].count) && ...));
-    (std::memcpy(bytes + kFieldsOf<T>[i].offset, &parts, sizeof(Parts)), ...);
+    (std::memcpy(bytes + kFieldsOf<T>[i].offset, static_cast<const void*>(&parts), sizeof(Parts)),
+     ...);
   }
 
   template <std::size_t... i>

@@ -21,6 +21,7 @@ inline void killPoint() noexcept {}
 
 inline Word loadWord(const Word* word) noexcept { return __atomic_load_n(word, __ATOMIC_ACQUIRE); }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): the built-in function stores through it
 inline void storeWord(Word* word, Word value) noexcept {
   __atomic_store_n(word, value, __ATOMIC_RELEASE);
   killPoint();

@@ -18,7 +18,7 @@ class QUARNBASTIL_EXPORT DataModelSwTableBase : public Asic::OrderedSwTable {
 
   /// Where the handles of the table trace.
   KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& entryHandleTrace() {
-    static constinit const Kiv::TraceHandle handle(Kiv::constantHandle,
+    static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle,
                                                    Kiv::kBareTypeName<Self>.data());
     return handle;
   }
