@@ -1,32 +1,28 @@
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
-#include <bit>
-#include <csignal>
 #include <iostream>
 
 #include "DriftKill/Collections.h"
+#include "Support/Process.h"
+#include "Support/Shared.h"
 #include "Support/Soak.h"
 
 namespace DriftTest {
 namespace {
 
-using Format::Layout;
-
-constexpr Shape kShapes[] = {
+const Geometry kGeometries[] = {
     // Full and refused at times; 128 buckets are changed for their tombstones often.
-    {Layout::hashed, 536, 40},
-    {Layout::hashed, 24, 40},
-    {Layout::hashed, 124, 40},
+    hashedOf(536, 40),
+    hashedOf(24, 40),
+    hashedOf(124, 40),
     // Three chunks of memory, which the window wanders through.
-    {Layout::dense, 548, 4000},
-    {Layout::dense, 24, 100},
+    denseOf(548, 4000),
+    denseOf(24, 100),
 };
-constexpr std::size_t kCollections = std::size(kShapes);
+constexpr std::size_t kCollections = std::size(kGeometries);
 /// Hashed: keys 0 to 47. Dense: version modulo 4096, the slots of the longer ring.
 constexpr Word kPlaces = 4096;
 constexpr Word kKeys = 48;
@@ -53,15 +49,17 @@ struct Oracle {
     stage = Stage::inFlight;
   }
 
-  Contents contents(bool dense) const {
-    Contents contents;
-    const Word begin = dense ? first.load() : 0;
-    const Word end = dense ? next.load() : kKeys;
-    for (Word key = begin; key < end; ++key) {
-      const Word place = key % kPlaces;
-      if (generations[place] != 0 && versions[place] == key) contents[key] = generations[place];
+  Model model(const Geometry& geometry) const {
+    Model model;
+    const Word begin = isDense(geometry) ? first.load() : 0;
+    const Word end = isDense(geometry) ? next.load() : kKeys;
+    for (Word number = begin; number < end; ++number) {
+      const Word place = number % kPlaces;
+      if (generations[place] == 0 || versions[place] != number) continue;
+      const Record words = keyOf(geometry, number);
+      model[words] = recordOf(geometry, words, generations[place]);
     }
-    return contents;
+    return model;
   }
 
   /// May be done again after a death in the middle.
@@ -87,7 +85,7 @@ struct Oracle {
   }
 };
 
-struct Shared {
+struct State {
   Oracle oracles[kCollections];
   std::atomic<bool> ready;
   std::atomic<Word> steps, refusals;
@@ -99,10 +97,10 @@ struct Shared {
 /// The life of one writer: verify what its predecessor left, repair the oracle, go on until killed.
 class Life {
  public:
-  Life(Shared& shared, const std::string& directory, unsigned seed)
+  Life(State& shared, const std::string& directory, unsigned seed)
       : shared_(shared), random_(seed) {
     for (std::size_t i = 0; i < kCollections; ++i) {
-      stores_[i].emplace(directory + "/" + std::to_string(i), kShapes[i]);
+      stores_[i].emplace(directory + "/" + std::to_string(i), kGeometries[i]);
       verify(i);
     }
     shared_.ready = true;
@@ -119,27 +117,31 @@ class Life {
  private:
   void verify(std::size_t i) {
     Oracle& oracle = shared_.oracles[i];
-    const Seen seen = stores_[i]->read(kKeys);
-    const Step step = oracle.step();
-    Contents contents = oracle.contents(kShapes[i].dense());
-    if (oracle.stage == Oracle::Stage::inFlight) {
-      const bool isNew = Either{contents, after(contents, step)}.isNew(seen);
-      ++(isNew ? shared_.news : shared_.olds);
-      if (isNew) oracle.stage = Oracle::Stage::done;
-    }
-    if (oracle.stage == Oracle::Stage::done) {
-      contents = after(std::move(contents), step);
-      oracle.enter(step);
+    const Geometry& geometry = kGeometries[i];
+    Model model = oracle.model(geometry);
+    if (oracle.stage != Oracle::Stage::idle) {
+      const Step step = oracle.step();
+      const Either either{model, after(geometry, model, step)};
+      bool isNew = oracle.stage == Oracle::Stage::done;
+      if (!isNew) {
+        isNew = either.isNew(stores_[i]->view());
+        ++(isNew ? shared_.news : shared_.olds);
+      }
+      if (isNew) {
+        oracle.stage = Oracle::Stage::done;
+        oracle.enter(step);
+        model = either.after;
+      }
     }
     oracle.stage = Oracle::Stage::idle;
-    expectExactly(seen, contents);
+    expectExactly(stores_[i]->view(), model);
     // An operation that was lost has taken no version with it.
-    if (kShapes[i].dense()) next_[i] = std::max(oracle.next.load(), stores_[i]->next());
+    if (isDense(kGeometries[i])) next_[i] = std::max(oracle.next.load(), stores_[i]->fresh());
   }
 
   void oneStep(std::size_t i) {
     Oracle& oracle = shared_.oracles[i];
-    const Step step = kShapes[i].dense() ? denseStep(oracle, next_[i]) : hashedStep();
+    const Step step = isDense(kGeometries[i]) ? denseStep(oracle, next_[i]) : hashedStep();
     stores_[i]->prepare(step);
     oracle.announce(step);
     try {
@@ -175,20 +177,11 @@ class Life {
     return set(next, generation);
   }
 
-  Shared& shared_;
+  State& shared_;
   std::mt19937 random_;
   std::optional<Store> stores_[kCollections];
   Word next_[kCollections] = {};
 };
-
-[[noreturn]] void live(Shared& shared, const std::string& directory, unsigned seed) {
-  try {
-    Life(shared, directory, seed).goOn();
-  } catch (const std::exception& wrong) {
-    std::string(wrong.what()).copy(shared.fault, sizeof shared.fault - 1);
-  }
-  ::_exit(1);
-}
 
 TEST(KillRoundsSoakDeathTest, WhatWasCommittedSurvivesAnyNumberOfKills) {
   const int usual = kInstrumented ? 1'000 : 20'000;
@@ -197,10 +190,7 @@ TEST(KillRoundsSoakDeathTest, WhatWasCommittedSurvivesAnyNumberOfKills) {
   SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
   std::mt19937 random(seed);
   const TempDir directory;
-  void* const memory =
-      ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(memory, MAP_FAILED);
-  auto& shared = *new (memory) Shared;
+  const Support::Shared<State> shared;
   // The kernel rounds waits up by 50 us otherwise, which is longer than most lives here.
   ::prctl(PR_SET_TIMERSLACK, 1UL);
 
@@ -210,10 +200,15 @@ TEST(KillRoundsSoakDeathTest, WhatWasCommittedSurvivesAnyNumberOfKills) {
   };
   int inFlights = 0;
   for (int round = 0; round < rounds; ++round) {
-    shared.ready = false;
-    const pid_t child = ::fork();
-    if (child == 0) live(shared, directory.path(), static_cast<unsigned>(random()));
-    (void)random();
+    shared->ready = false;
+    const unsigned lifeSeed = static_cast<unsigned>(random());
+    Support::Process child([&] {
+      try {
+        Life(*shared, directory.path(), lifeSeed).goOn();
+      } catch (const std::exception& wrong) {
+        std::string(wrong.what()).copy(shared->fault, sizeof shared->fault - 1);
+      }
+    });
     const auto pause = [&](long most) {
       const timespec time{0, static_cast<long>(random() % static_cast<unsigned>(most))};
       ::nanosleep(&time, nullptr);
@@ -222,25 +217,23 @@ TEST(KillRoundsSoakDeathTest, WhatWasCommittedSurvivesAnyNumberOfKills) {
     if (round % 8 == 7) {
       pause(1'000'000);
     } else {
-      while (!shared.ready && ::waitpid(child, nullptr, WNOHANG) == 0) pause(50'000);
+      while (!shared->ready && child.running()) pause(50'000);
       pause(200'000);
     }
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-    ASSERT_STREQ(shared.fault, "") << "in round " << round;
-    inMounts += shared.ready ? 0 : 1;
-    inFlights += std::ranges::any_of(shared.oracles, inFlight) ? 1 : 0;
+    child.kill();
+    ASSERT_STREQ(shared->fault, "") << "in round " << round;
+    inMounts += shared->ready ? 0 : 1;
+    inFlights += std::ranges::any_of(shared->oracles, inFlight) ? 1 : 0;
   }
   std::cout << rounds << " kills, " << inFlights << " in an operation, which was found not done "
-            << shared.olds << " times and done " << shared.news << " times, " << inMounts
-            << " in a mount; " << shared.steps << " operations, " << shared.refusals
+            << shared->olds << " times and done " << shared->news << " times, " << inMounts
+            << " in a mount; " << shared->steps << " operations, " << shared->refusals
             << " refused\n";
   EXPECT_GT(inFlights, rounds / 4);
-  EXPECT_GT(shared.olds, static_cast<Word>(rounds / 50));
-  EXPECT_GT(shared.news, static_cast<Word>(rounds / 50));
+  EXPECT_GT(shared->olds, static_cast<Word>(rounds / 50));
+  EXPECT_GT(shared->news, static_cast<Word>(rounds / 50));
   EXPECT_GT(inMounts, rounds / 100);
-  EXPECT_GT(shared.refusals, 0U);
-  ::munmap(memory, sizeof(Shared));
+  EXPECT_GT(shared->refusals, 0U);
 }
 
 }  // namespace
