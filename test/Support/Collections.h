@@ -92,14 +92,6 @@ inline std::string nameOf(const Geometry& geometry) {
                      geometry.capacity);
 }
 
-/// Numbers without a pattern that follow from a seed (SplitMix64).
-inline Word mix(Word value) {
-  value += 0x9e3779b97f4a7c15;
-  value = (value ^ (value >> 30)) * 0xbf58476d1ce4e5b9;
-  value = (value ^ (value >> 27)) * 0x94d049bb133111eb;
-  return value ^ (value >> 31);
-}
-
 inline std::size_t wordsOf(std::size_t bytes) { return Format::paddedSize(bytes) / sizeof(Word); }
 
 /// The key of a number; its upper words are what a long key has in them.
@@ -112,16 +104,21 @@ inline Record keyOf(const Geometry& geometry, Word number) {
 /// A word of a record behind its key: its generation, then what follows from that, from the key's
 /// number and from the place.
 inline Word contentOf(Word number, Word generation, std::size_t behindKey) {
-  return behindKey == 0 ? generation : mix((number << 40) ^ (generation << 10) ^ behindKey);
+  if (behindKey == 0) return generation;
+  const Word mixed = (number * 0x9e3779b97f4a7c15 + generation) * 0xbf58476d1ce4e5b9 + behindKey;
+  return (mixed ^ (mixed >> 29)) * 0x94d049bb133111eb;
 }
 
-/// A record that differs from that of every other key and generation.
-inline Record recordOf(const Geometry& geometry, const Record& key, Word generation) {
-  Record record(wordsOf(geometry.recordSize));
+/// Makes a record differ from that of every other key and generation.
+inline void fill(Record& record, const Record& key, Word generation) {
   std::ranges::copy(key, record.begin());
   for (std::size_t i = key.size(); i < record.size(); ++i) {
     record[i] = contentOf(key.back(), generation, i - key.size());
   }
+}
+inline Record recordOf(const Geometry& geometry, const Record& key, Word generation) {
+  Record record(wordsOf(geometry.recordSize));
+  fill(record, key, generation);
   return record;
 }
 
@@ -184,11 +181,8 @@ struct AnyView {
       return false;
     }
     ++version;
-    after = key();
+    after.assign(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(keyWords()));
     return true;
-  }
-  Record key() const {
-    return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(keyWords())};
   }
   Word size() const { return dense ? dense->size() : hashed->size(); }
   Word keyWords() const { return dense ? 1 : hashed->keyWords(); }
@@ -199,7 +193,7 @@ struct AnyView {
   Record bytes;
   Word version = 0;
   WalkPosition position;
-  Record after{0};
+  Record after{0};  ///< the key of the last record of a walk
 };
 
 /// What a look at every record showed.
