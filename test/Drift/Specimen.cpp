@@ -81,8 +81,10 @@ std::string inspectRebuilt(const DriftFile& file, const std::string& damaged) {
     const auto* bytes = reinterpret_cast<const std::byte*>(damaged.data());
     return CheckedWord(bytes, line).load().value_or(0);
   };
-  if (*value(Format::Line::next) < carried(Format::Line::next)) {
-    return "rebuilt with versions that were used before";
+  const Word next = *value(Format::Line::next);
+  if (next < carried(Format::Line::next)) return "rebuilt with versions that were used before";
+  if (value(Format::Line::first) != next || *value(Format::Line::announced) + 1 != next) {
+    return "rebuilt with versions that are there or announced";
   }
   return value(Format::Line::scratchpad) == carried(Format::Line::scratchpad)
              ? ""

@@ -2,20 +2,15 @@
 
 #include <compare>
 #include <cstdint>
-#include <cstdlib>
-#include <random>
 #include <set>
-#include <string>
 
 #include "Kiv/HashHelper.h"
+#include "Support/Soak.h"
 
-/// The seed of a random test: from the environment if it stands there, so that a failure can be run
-/// again. The process's hash seed follows it.
+/// The seed of all random tests of this process, whose hash seed follows it.
 inline unsigned testSeed() {
   static const unsigned seed = [] {
-    const char* const wanted = std::getenv("BASTIL_TEST_SEED");
-    const unsigned chosen =
-        wanted != nullptr ? static_cast<unsigned>(std::atoi(wanted)) : std::random_device()() >> 1;
+    const unsigned chosen = Support::seed();
     Kiv::HashHelper::hashSeed32Is(chosen | 1u);
     return chosen;
   }();
