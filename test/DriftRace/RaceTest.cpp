@@ -41,16 +41,22 @@ struct Course {
 };
 constexpr Course kCourses[] = {{24, kLasting}, {124, 0}, {536, kLasting}, {552, 0}};
 
-class HashedLoad {
+/// The writer of one collection.
+class Load {
  public:
-  HashedLoad(DriftFile& file, const Course& course)
+  Load(DriftFile& file, const Geometry& geometry, Word lasting)
       : writer_(file),
-        record_(wordsOf(course.recordSize)),
-        key_(keyOf(course.hashed(), 0)),
-        lasting_(course.lasting) {
-    for (Word key = 0; key < lasting_; ++key) put(key);
+        record_(wordsOf(geometry.recordSize)),
+        key_(keyOf(geometry, 0)),
+        lasting_(lasting) {
+    const Word first = isDense(geometry) ? 1 : 0;
+    const Word count = isDense(geometry) ? kWindow / 2 : lasting;
+    for (Word number = first; number < first + count; ++number) put(number);
   }
-  void step(Random& random) {
+  void step(Random& random) { writer_.dense ? denseStep(random) : hashedStep(random); }
+
+ private:
+  void hashedStep(Random& random) {
     const unsigned dice = random() % 1024;
     if (dice == 0 && lasting_ == 0) {
       writer_.removeAll();
@@ -59,8 +65,7 @@ class HashedLoad {
       put(random() % lasting_);
     } else if (dice < 600 && !passing_.empty()) {
       std::swap(passing_[random() % passing_.size()], passing_.back());
-      key_.back() = passing_.back();
-      (void)writer_.remove(key_);
+      remove(passing_.back());
       passing_.pop_back();
     } else if (lasting_ + passing_.size() < kLive) {
       passing_.push_back(lasting_ + random() % (kKeys - lasting_));
@@ -69,81 +74,87 @@ class HashedLoad {
       put(passing_[random() % passing_.size()]);
     }
   }
-
- private:
-  void put(Word key) {
-    key_.back() = key;
-    fill(record_, key_, ++generation_);
-    writer_.set(record_);
-  }
-
-  HashedWriter writer_;
-  Record record_, key_;
-  const Word lasting_;
-  std::vector<Word> passing_;  ///< keys that come and go
-  Word generation_ = 0;
-};
-
-class DenseLoad {
- public:
-  DenseLoad(DriftFile& file, const Course& course)
-      : writer_(file), record_(wordsOf(course.recordSize)) {
-    for (Word version = 1; version <= kWindow / 2; ++version) put(version);
-  }
-  void step(Random& random) {
-    const auto [first, next] = writer_.view().window();
+  void denseStep(Random& random) {
+    const auto [first, next] = writer_.dense->view().window();
     const Word within = first + random() % (next - first + 1);
     const unsigned dice = random() % 64;
     if (next - first > kWindow || (dice < 30 && next - first > kWindow / 2)) {
-      (void)writer_.remove(first);
+      remove(first);
     } else if (dice < 36 && within < next) {
       put(within);
     } else if (dice < 40 && within < next && !lastsInLog(within)) {
-      (void)writer_.remove(within);
+      remove(within);
     } else if (dice == 40 && !lastsInLog(next)) {
       put(next + 1);
     } else {
       put(next);
     }
   }
-
- private:
-  void put(Word version) {
-    fill(record_, {version}, ++generation_);
+  void put(Word number) {
+    key_.back() = number;
+    fill(record_, key_, ++generation_);
     writer_.set(record_);
   }
+  void remove(Word number) {
+    key_.back() = number;
+    (void)writer_.remove(key_);
+  }
 
-  DenseWriter writer_;
-  Record record_;
+  AnyWriter writer_;
+  Record record_, key_;
+  const Word lasting_;
+  std::vector<Word> passing_;  ///< keys that come and go
   Word generation_ = 0;
 };
 
-/// What the readers of either kind count.
-struct Findings {
+/// A reader of one collection.
+class Checker {
+ public:
+  Checker(const DriftFile& file, const Geometry& geometry, Word lasting)
+      : view_(file), key_(keyOf(geometry, 0)), lasting_(lasting) {}
+
+  void step(Random& random) {
+    if (view_.dense) {
+      for (int i = 0; i < 32; ++i) {
+        const auto window = view_.dense->window();
+        find(window.first + random() % (window.next - window.first + 1));
+      }
+      for (int i = 0; i < 64 && follow(); ++i) {
+      }
+    } else {
+      for (int i = 0; i < 32; ++i) find(random() % kKeys);
+      for (int i = 0; i < 64; ++i) find(random() % kLasting);
+      walk();
+    }
+    if (view_.size() > kLive) fault("size {}", view_.size());
+  }
+
   Word reads = 0;
   Word changes = 0;  ///< records that had changed since this reader's last look
-};
 
-class HashedChecker {
- public:
-  HashedChecker(const DriftFile& file, const Course& course)
-      : view_(file), key_(keyOf(course.hashed(), 0)), lasting_(course.lasting) {}
-
-  void find(Word key) {
-    ++findings.reads;
-    key_.back() = key;
-    if (view_.find(key_)) return note(key);
-    if (key < lasting_) fault("key {} was always there and is not found", key);
+ private:
+  void find(Word number) {
+    ++reads;
+    key_.back() = number;
+    if (view_.find(key_)) return note(number);
+    if (mustBeThere(number)) fault("key {} was always there and is not found", number);
     // Who comes after an absence is newer.
-    if (latest_[key] != 0 && !absent_[key]) ++latest_[key];
-    absent_[key] = true;
+    Latest& latest = latest_[number % kKeys];
+    if (latest.number == number && latest.generation != 0 && !latest.absent) ++latest.generation;
+    latest.absent = true;
+  }
+
+  bool mustBeThere(Word number) const {
+    if (!view_.dense) return number < lasting_;
+    const auto window = view_.dense->window();
+    return lastsInLog(number) && number >= window.first && number < seenNext_;
   }
 
   void walk() {
     bool seen[kKeys] = {};
     view_.walkFromTheBeginning();
     while (view_.next()) {
-      ++findings.reads;
+      ++reads;
       const Word key = view_.after.back();
       if (key >= kKeys) fault("the walk gives a key that never was: {}", key);
       if (std::exchange(seen[key], true)) fault("the walk visits key {} twice", key);
@@ -152,111 +163,49 @@ class HashedChecker {
     for (Word key = 0; key < lasting_; ++key) {
       if (!seen[key]) fault("key {} was always there and the walk passes over it", key);
     }
-    if (view_.size() > kLive) fault("size {}", view_.size());
-  }
-
-  void step(Random& random) {
-    for (int i = 0; i < 32; ++i) find(random() % kKeys);
-    for (int i = 0; i < 64; ++i) find(random() % kLasting);
-    walk();
-  }
-
-  Findings findings;
-
- private:
-  void note(Word key) {
-    key_.back() = key;
-    if (!std::ranges::equal(key_, std::span(view_.bytes).first(key_.size()))) {
-      fault("key {} gave another", key);
-    }
-    const Word generation = generationOf(view_.bytes, view_.keyWords());
-    if (generation < latest_[key]) {
-      fault("key {} went back from generation {} to {}", key, latest_[key], generation);
-    }
-    if (generation != latest_[key]) ++findings.changes;
-    latest_[key] = generation;
-    absent_[key] = false;
-  }
-
-  AnyView view_;
-  Record key_;
-  const Word lasting_;
-  Word latest_[kKeys] = {};
-  bool absent_[kKeys] = {};
-};
-
-class DenseChecker {
- public:
-  explicit DenseChecker(const DriftFile& file) : view_(file), record_(view_.recordWords()) {}
-
-  void find(Word version) {
-    ++findings.reads;
-    if (view_.find(version, record_) == DenseRead::found) {
-      note(version);
-    } else if (lastsInLog(version)) {
-      mustBeOutside(version);
-    }
   }
 
   /// Goes on to the next record behind the last one that was followed.
   bool follow() {
-    Word version = followed_;
-    ++findings.reads;
-    if (!view_.findFrom(version, record_)) return false;
-    if (version < followed_) fault("asked from {} on, got {}", followed_, version);
+    const Word from = view_.version;
+    ++reads;
+    if (!view_.next()) return false;
+    const Word version = view_.after[0];
+    if (version < from) fault("asked from {} on, got {}", from, version);
     note(version);
-    for (Word passed = followed_; passed < version; ++passed) {
-      if (lastsInLog(passed) && view_.window().first <= passed) {
-        fault("from {} on to {}: version {} is passed over", followed_, version, passed);
-      }
+    for (Word passed = from; passed < version; ++passed) {
+      if (mustBeThere(passed)) fault("from {} on: version {} is passed over", from, passed);
     }
-    followed_ = version + 1;
     return true;
   }
 
-  void step(Random& random) {
-    for (int i = 0; i < 32; ++i) {
-      const auto window = view_.window();
-      find(window.first + random() % (window.next - window.first + 1));
+  void note(Word number) {
+    key_.back() = number;
+    if (!std::ranges::equal(key_, std::span(view_.bytes).first(key_.size()))) {
+      fault("key {} gave another", number);
     }
-    for (int i = 0; i < 64 && follow(); ++i) {
+    const Word generation = generationOf(view_.bytes, key_.size());
+    Latest& latest = latest_[number % kKeys];
+    const bool known = latest.number == number;
+    if (known && generation < latest.generation) {
+      fault("key {} went back from generation {} to {}", number, latest.generation, generation);
     }
-    if (view_.size() > kWindow + 2) fault("size {}", view_.size());
-  }
-
-  Findings findings;
-
- private:
-  void mustBeOutside(Word version) {
-    const auto window = view_.window();
-    if (version >= window.first && version < window.next && seenNext_ > version) {
-      fault("version {} was always there and is not found", version);
-    }
-  }
-
-  void note(Word version) {
-    if (record_[0] != version) fault("version {} gave {}", version, record_[0]);
-    const Word generation = generationOf(record_, 1);
-    Latest& latest = latest_[version % std::size(latest_)];
-    if (latest.version == version && generation < latest.generation) {
-      fault("version {} went back from generation {} to {}", version, latest.generation,
-            generation);
-    }
-    if (latest.version != version || latest.generation != generation) ++findings.changes;
-    latest = {version, generation};
-    seenNext_ = std::max(seenNext_, version + 1);
+    if (!known || generation != latest.generation) ++changes;
+    latest = {number, generation, false};
+    seenNext_ = std::max(seenNext_, number + 1);
   }
 
   struct Latest {
-    Word version;
+    Word number;
     Word generation;
+    bool absent;
   };
 
-  DenseView view_;
-  std::vector<Word> record_;
-  Word followed_ = 0;
+  AnyView view_;
+  Record key_;
+  const Word lasting_;
   Word seenNext_ = 0;
-  Latest latest_[256] = {};
+  Latest latest_[kKeys] = {};
 };
 
 /// A record of 552 bytes without any protection, written and read beside the others: it shows that
@@ -304,16 +253,20 @@ void guarded(Race& race, Body body) {
   }
 }
 
-void write(Race& race, DriftFile& hashed, DriftFile& dense, const Course& course, unsigned seed) {
+struct Files {
+  std::unique_ptr<DriftFile> hashed, dense;
+};
+
+void write(Race& race, const Files& files, const Course& course, unsigned seed) {
   guarded(race, [&] {
     Random random(seed);
-    HashedLoad hashedLoad(hashed, course);
-    DenseLoad denseLoad(dense, course);
+    Load hashed(*files.hashed, course.hashed(), course.lasting);
+    Load dense(*files.dense, course.dense(), 0);
     Word generation = 0;
     while (!race.stop.load(std::memory_order_relaxed)) {
       for (int i = 0; i < 16; ++i) {
-        hashedLoad.step(random);
-        denseLoad.step(random);
+        hashed.step(random);
+        dense.step(random);
         race.unprotected.write(++generation);
       }
       race.operations += 32;
@@ -321,41 +274,20 @@ void write(Race& race, DriftFile& hashed, DriftFile& dense, const Course& course
   });
 }
 
-void read(Race& race, const DriftFile& hashed, const DriftFile& dense, const Course& course,
-          unsigned seed) {
+void read(Race& race, const Files& files, const Course& course, unsigned seed) {
   guarded(race, [&] {
     Random random(seed);
-    HashedChecker hashedChecker(hashed, course);
-    DenseChecker denseChecker(dense);
+    Checker hashed(*files.hashed, course.hashed(), course.lasting);
+    Checker dense(*files.dense, course.dense(), 0);
     while (!race.stop.load(std::memory_order_relaxed)) {
-      hashedChecker.step(random);
-      denseChecker.step(random);
+      hashed.step(random);
+      dense.step(random);
       for (int i = 0; i < 64; ++i) race.torn += race.unprotected.readsTorn() ? 1 : 0;
-      race.reads += std::exchange(hashedChecker.findings.reads, 0);
-      race.reads += std::exchange(denseChecker.findings.reads, 0);
+      race.reads += std::exchange(hashed.reads, 0) + std::exchange(dense.reads, 0);
     }
-    race.changes += hashedChecker.findings.changes + denseChecker.findings.changes;
+    race.changes += hashed.changes + dense.changes;
   });
 }
-
-/// Two collections with what the writer's loads begin with.
-struct Arena {
-  explicit Arena(const Course& made)
-      : course(made), directory(temporary.path(), Directory::Access::write) {
-    HashedLoad(*writable(course.hashed()), course);
-    DenseLoad(*writable(course.dense()), course);
-  }
-  std::unique_ptr<DriftFile> writable(const Geometry& geometry) const {
-    return DriftFile::openForWriting(directory, isDense(geometry) ? "log" : "table", geometry, {});
-  }
-  std::unique_ptr<DriftFile> readable(const char* name) const {
-    return DriftFile::openForReading(directory, name, nullptr);
-  }
-
-  const Course course;
-  TempDir temporary;
-  Directory directory;
-};
 
 /// Lets a race run for a while, if asked up to a number of reads, and until writer and readers have
 /// met, which on a busy machine may take longer.
@@ -371,56 +303,53 @@ void let(Race& race, milliseconds time, Word reads) {
   race.stop = true;
 }
 
-void judge(const Race& race, const Arena& arena) {
-  EXPECT_STREQ(race.fault, "");
-  // How often the writer has changed to the other index table.
-  const auto file = arena.readable("table");
-  const Word switches = CheckedWord(file->data(), Format::Line::active).load().value() >> 1;
-  std::cout << arena.course.recordSize << " bytes: " << race.reads << " reads, " << race.changes
-            << " of changed records, beside " << race.operations << " operations; " << race.torn
-            << " torn reads of the unprotected record, " << switches << " index tables\n";
-  EXPECT_GT(race.reads, 1000U);
-  EXPECT_GT(race.changes, 100U);
-  EXPECT_GT(race.torn, 0U);
-  EXPECT_GT(switches, 10U);
-}
+/// One writer and four readers, each with mappings of its own or all over the writer's.
+void runRace(const Course& course, bool processes, milliseconds time, Word reads, unsigned seed) {
+  const TempDir temporary;
+  const Directory directory(temporary.path(), Directory::Access::write);
+  const auto writable = [&]() -> Files {
+    return {DriftFile::openForWriting(directory, "table", course.hashed(), {}),
+            DriftFile::openForWriting(directory, "log", course.dense(), {})};
+  };
+  const auto readable = [&]() -> Files {
+    return {DriftFile::openForReading(directory, "table", nullptr),
+            DriftFile::openForReading(directory, "log", nullptr)};
+  };
+  Files shared = writable();
+  // What the writer begins with.
+  Load(*shared.hashed, course.hashed(), course.lasting);
+  Load(*shared.dense, course.dense(), 0);
+  if (processes) shared = {};
 
-void raceProcesses(const Course& course, milliseconds time, Word reads, unsigned seed) {
-  const Arena arena(course);
   const Support::Shared<Race> race;
+  const auto part = [&](unsigned who) {
+    const Files own = !processes ? Files() : who == 0 ? writable() : readable();
+    (who == 0 ? write : read)(*race, processes ? own : shared, course, seed + who);
+  };
   std::vector<Support::Process> children;
-  children.emplace_back([&] {
-    const auto hashed = arena.writable(course.hashed());
-    const auto dense = arena.writable(course.dense());
-    write(*race, *hashed, *dense, course, seed);
-    ::_exit(0);
-  });
-  for (unsigned i = 1; i <= kReaders; ++i) {
-    children.emplace_back([&] {
-      const auto hashed = arena.readable("table");
-      const auto dense = arena.readable("log");
-      read(*race, *hashed, *dense, course, seed + i);
-      ::_exit(0);
-    });
+  std::vector<std::thread> threads;
+  for (unsigned who = 0; who <= kReaders; ++who) {
+    if (processes) {
+      children.emplace_back([&] { part(who), ::_exit(0); });
+    } else {
+      threads.emplace_back(part, who);
+    }
   }
   let(*race, time, reads);
   for (Support::Process& child : children) EXPECT_EQ(child.wait(), 0);
-  judge(*race, arena);
-}
-
-void raceThreads(const Course& course, milliseconds time, unsigned seed) {
-  const Arena arena(course);
-  const auto hashed = arena.writable(course.hashed());
-  const auto dense = arena.writable(course.dense());
-  const auto race = std::make_unique<Race>();
-  std::vector<std::thread> threads;
-  threads.emplace_back([&] { write(*race, *hashed, *dense, course, seed); });
-  for (unsigned i = 1; i <= kReaders; ++i) {
-    threads.emplace_back([&, i] { read(*race, *hashed, *dense, course, seed + i); });
-  }
-  let(*race, time, 0);
   for (std::thread& thread : threads) thread.join();
-  judge(*race, arena);
+
+  EXPECT_STREQ(race->fault, "");
+  // How often the writer has changed to the other index table.
+  const auto file = readable().hashed;
+  const Word switches = CheckedWord(file->data(), Format::Line::active).load().value() >> 1;
+  std::cout << course.recordSize << " bytes: " << race->reads << " reads, " << race->changes
+            << " of changed records, beside " << race->operations << " operations; " << race->torn
+            << " torn reads of the unprotected record, " << switches << " index tables\n";
+  EXPECT_GT(race->reads, 1000U);
+  EXPECT_GT(race->changes, 100U);
+  EXPECT_GT(race->torn, 0U);
+  EXPECT_GT(switches, 10U);
 }
 
 /// How long all courses together take; BASTIL_RACE_SECONDS gives another time.
@@ -438,7 +367,7 @@ TEST(RaceSoak, FourReaderProcessesNeverMeetATornRecord) {
   SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
   const Word reads = Support::soakFactor() == 1 ? 0 : 1'000'000'000 / std::size(kCourses);
   for (const Course& course : kCourses) {
-    raceProcesses(course, timeOf(kMinute), reads, seed);
+    runRace(course, true, timeOf(kMinute), reads, seed);
   }
 }
 
@@ -446,7 +375,7 @@ TEST(RaceThread, FourReadersOverTheWritersMappingNeverMeetATornRecord) {
   const unsigned seed = Support::seed();
   SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
   for (const Course& course : kCourses) {
-    raceThreads(course, timeOf(8), seed);
+    runRace(course, false, timeOf(8), 0, seed);
   }
 }
 
