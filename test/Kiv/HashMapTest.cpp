@@ -1,17 +1,92 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <compare>
 #include <map>
 #include <optional>
 #include <random>
+#include <set>
 #include <utility>
 #include <vector>
 
-#include "Counted.h"
 #include "Fenrik/NodeClass.h"
+#include "Kiv/HashHelper.h"
 #include "Kiv/HashMap2018.h"
+#include "Support/Soak.h"
 
 namespace {
+
+/// The seed of all random tests of this process, whose hash seed follows it.
+unsigned testSeed() {
+  static const unsigned seed = [] {
+    const unsigned chosen = Support::seed();
+    Kiv::HashHelper::hashSeed32Is(chosen | 1u);
+    return chosen;
+  }();
+  return seed;
+}
+
+/// A key of two fields whose hash is as bad as the test wants: `spread` different hashes.
+struct PairKey {
+  std::uint8_t unit = 0;
+  std::uint16_t number = 0;
+
+  static inline unsigned spread = 0;
+
+  std::uint32_t hash(std::uint32_t seed) const {
+    if (spread != 0) return (unit + number) % spread;
+    return Kiv::hashSingleAttr(Kiv::hashSingleAttr(seed, std::uint16_t{unit}), number);
+  }
+  static bool isEq(const void* a, const void* b) noexcept {
+    return *static_cast<const PairKey*>(a) == *static_cast<const PairKey*>(b);
+  }
+  auto operator<=>(const PairKey&) const = default;
+};
+
+/// A value that is neither plain data nor a pointer, and knows every one of its kind: what is
+/// destroyed twice, copied from the dead or left behind shows.
+class Counted {
+ public:
+  static inline std::set<const Counted*> live;
+  static inline unsigned faults = 0;
+
+  explicit Counted(PairKey key = {}, int payload = 0) : key_(key), payload_(payload) { born(); }
+  Counted(const Counted& other) : key_(other.alive().key_), payload_(other.payload_) { born(); }
+  Counted(Counted&& other) noexcept : key_(other.alive().key_), payload_(other.payload_) {
+    other.payload_ = kMovedFrom;
+    born();
+  }
+  Counted& operator=(const Counted& other) {
+    alive();
+    key_ = other.alive().key_;
+    payload_ = other.payload_;
+    return *this;
+  }
+  Counted& operator=(Counted&& other) noexcept {
+    *this = static_cast<const Counted&>(other);
+    other.payload_ = kMovedFrom;
+    return *this;
+  }
+  ~Counted() { faults += live.erase(this) != 1; }
+
+  const PairKey& key() const { return alive().key_; }
+  int payload() const { return alive().payload_; }
+  bool operator==(const Counted& other) const {
+    return key() == other.key() && payload() == other.payload();
+  }
+
+ private:
+  static constexpr int kMovedFrom = -1;
+
+  const Counted& alive() const {
+    faults += live.count(this) != 1;
+    return *this;
+  }
+  void born() { faults += !live.insert(this).second; }
+
+  PairKey key_;
+  int payload_;
+};
 
 /// An object that a map holds by pointer.
 class Item final : public Fenrik::NodeClass<Item> {
@@ -19,17 +94,6 @@ class Item final : public Fenrik::NodeClass<Item> {
   Item(PairKey itemKey, int itemPayload) : key(itemKey), payload(itemPayload) {}
   const PairKey key;
   const int payload;
-};
-
-/// A plain value of a number's kind, as the units of a chip are numbered.
-class Unit {
- public:
-  explicit Unit(std::uint16_t number) : number_(number) {}
-  explicit operator std::uint16_t() const { return number_; }
-  auto operator<=>(const Unit&) const = default;
-
- private:
-  std::uint16_t number_;
 };
 
 struct KeyOfCounted {
@@ -63,12 +127,10 @@ struct ObjectsBeside : ObjectsInside {
   using Node = Kiv::Hm2018NE<0x33333333, PairKey, Counted>;
   static Node node(unsigned n, int payload) { return Node(key(n), Counted(key(n), payload)); }
 };
-struct PointersBeside {
-  using Key = Unit;
-  using Node = Kiv::Hm2018NE<0x44444444, Unit, Fenrik::Ptr<Item>>;
-  static Key key(unsigned n) { return Unit(static_cast<std::uint16_t>(n)); }
+struct PointersBeside : ObjectsInside {
+  using Node = Kiv::Hm2018NE<0x44444444, PairKey, Fenrik::Ptr<Item>>;
   static Node node(unsigned n, int payload) {
-    return Node(key(n), Fenrik::ptrIsImpl<Item>(ObjectsInside::key(n), payload));
+    return Node(key(n), Fenrik::ptrIsImpl<Item>(key(n), payload));
   }
 };
 struct PlainData : ObjectsInside {
