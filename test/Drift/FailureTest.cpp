@@ -1,6 +1,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -318,31 +318,35 @@ class FullFileSystemTest : public FailureTest {
     const Descriptor ballast(::open(ballast_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     struct statvfs facts {};
     ASSERT_EQ(::fstatvfs(ballast.get(), &facts), 0);
-    struct stat size {};
-    ASSERT_EQ(::fstat(ballast.get(), &size), 0);
+    const off_t end = ::lseek(ballast.get(), 0, SEEK_END);
     const auto room = static_cast<off_t>(facts.f_bavail * facts.f_bsize);
-    if (room > 0) {
-      ASSERT_EQ(::fallocate(ballast.get(), 0, size.st_size, room), 0);
-    }
+    ASSERT_TRUE(room == 0 || ::fallocate(ballast.get(), 0, end, room) == 0);
     ASSERT_EQ(::fstatvfs(ballast.get(), &facts), 0);
     ASSERT_EQ(facts.f_bavail, 0U);
   }
   void makeRoom() { std::filesystem::remove(ballast_); }
 
-  template <class Exception>
-  void expectNoSpace(const std::function<void()>& act) {
+  /// Without room it fails and leaves all as it was; with room it does not.
+  void expectNeedsRoom(const std::function<void()>& act) {
     fill();
     const auto before = snapshot(dir_.path());
     try {
       act();
       ADD_FAILURE() << "there was room";
-    } catch (const Exception& error) {
-      const std::string text = error.what();
-      EXPECT_NE(text.find(path_ + ": no space: "), std::string::npos) << text;
-      EXPECT_NE(text.find("bytes are needed"), std::string::npos) << text;
-      EXPECT_NE(text.find(" 0 are free"), std::string::npos) << text;
+    } catch (const Fenrik::Exception& error) {
+      EXPECT_THAT(error.what(), testing::MatchesRegex(".*" + path_ +
+                                                      ": no space: .*bytes are needed.* 0 are "
+                                                      "free.*"));
     }
     EXPECT_EQ(snapshot(dir_.path()), before);
+    if (file_ != nullptr) expectModel();
+    makeRoom();
+    act();
+    expectModel();
+  }
+  void removeAll() {
+    writer_->removeAll();
+    model_.clear();
   }
 
   std::string ballast_ = dir_.path() + "/ballast";
@@ -351,88 +355,59 @@ class FullFileSystemTest : public FailureTest {
 
 INSTANTIATE_TEST_SUITE_P(Layouts, FullFileSystemTest, kLayouts, layoutName);
 
-TEST_P(FullFileSystemTest, MakingAndTheFirstRecordNeedRoom) {
-  expectNoSpace<MountException>([&] { mount(); });
-  makeRoom();
-  mount();
-  expectNoSpace<NoSpaceException>([&] { put(1); });
-  expectModel();
-  makeRoom();
-  put(1);
-  expectModel();
-}
-
-TEST_P(FullFileSystemTest, TheNextChunkNeedsRoomAndTheLastOneIsUsedUp) {
-  mount();
-  put(1);
+TEST_P(FullFileSystemTest, MakingAndEachChunkNeedRoomAndNothingBetweenThem) {
+  expectNeedsRoom([&] { mount(); });
+  expectNeedsRoom([&] { put(1); });
   fill();
   Word number = 2;
-  try {
-    for (;; ++number) put(number);
-  } catch (const NoSpaceException&) {
-  }
+  const auto putMany = [&] {
+    for (; number < 1000; ++number) put(number);
+  };
+  EXPECT_THROW(putMany(), NoSpaceException);
   // A chunk holds 130 records of 8,008 bytes, or the versions below 128.
   EXPECT_GE(number, 128U);
   EXPECT_LE(number, 133U);
-  expectNoSpace<NoSpaceException>([&] { put(number); });
-  expectModel();
-  // What needs no memory goes on: replacing in slots that are there, removing, and room comes back.
+  expectNeedsRoom([&] { put(number); });
+  fill();
+  // Replacing in slots that are there, removing, and the takeover.
   if (GetParam() == Format::Layout::dense) put(5, 1);
   writer_->remove(keyOf(geometry_, 1));
   model_.erase(keyOf(geometry_, 1));
   expectModel();
-  makeRoom();
-  for (; number < 200; ++number) put(number);
-  expectModel();
-}
-
-TEST_P(FullFileSystemTest, ATakeoverGoesOnWithWhatIsThere) {
-  startAnew(140);
-  close();
-  fill();
   mount();
   EXPECT_EQ(file_->stage(), MountStage::ok);
   expectModel();
 }
 
 TEST_P(FullFileSystemTest, EverythingReservedAtTheMountNeedsNoRoomLater) {
-  expectNoSpace<MountException>([&] { mount({.reserveAll = true}); });
-  makeRoom();
-  mount({.reserveAll = true});
+  expectNeedsRoom([&] { mount({.reserveAll = true}); });
   fill();
   for (Word number = 1; number <= 600; ++number) put(number);
   expectModel();
-  writer_->removeAll();
-  model_.clear();
+  removeAll();
   put(601);
   expectModel();
 }
 
-/// Of a hashed collection: removing everything, and inserts after removals that leave tombstones.
+/// Of a hashed collection: inserts after removals that leave tombstones, and removing everything.
 TEST_P(FullFileSystemTest, AnotherIndexTableNeedsRoom) {
-  mount();
-  for (Word number = 1; number <= 500; ++number) put(number);
+  startAnew(500);
   fill();
-  if (GetParam() == Format::Layout::hashed) {
-    expectNoSpace<NoSpaceException>([&] { writer_->removeAll(); });
-    Word number = 501;
-    const auto replaceOldest = [&] {
-      for (; number < 100'000; ++number) {
-        writer_->remove(model_.begin()->first);
-        model_.erase(model_.begin());
-        put(number);
-      }
-    };
-    EXPECT_THROW(replaceOldest(), NoSpaceException) << "no index table was needed";
-    expectNoSpace<NoSpaceException>([&] { put(number); });
-    expectModel();
-    makeRoom();
-    put(number);
-    expectModel();
+  if (GetParam() == Format::Layout::dense) {
+    removeAll();
+    return expectModel();
   }
-  writer_->removeAll();
-  model_.clear();
-  expectModel();
+  Word number = 501;
+  const auto replaceOldest = [&] {
+    for (; number < 100'000; ++number) {
+      writer_->remove(model_.begin()->first);
+      model_.erase(model_.begin());
+      put(number);
+    }
+  };
+  EXPECT_THROW(replaceOldest(), NoSpaceException) << "no index table was needed";
+  expectNeedsRoom([&] { put(number); });
+  expectNeedsRoom([&] { removeAll(); });
 }
 
 }  // namespace
