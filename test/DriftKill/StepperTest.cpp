@@ -1,9 +1,7 @@
 #include "Support/Stepper.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
-#include <cstring>
 #include <iostream>
 #include <random>
 
@@ -15,40 +13,6 @@ namespace {
 
 using Support::Stepper;
 using Body = std::function<void(Stepper::Mark)>;
-
-/// Tells whether a collection's file has changed, its appearance included.
-class Watch {
- public:
-  explicit Watch(const std::string& directory) : path_(pathIn(directory)) { (void)changed(); }
-  ~Watch() {
-    if (bytes_ != nullptr) ::munmap(bytes_, last_.size());
-  }
-  Watch(const Watch&) = delete;
-  Watch& operator=(const Watch&) = delete;
-
-  bool changed() {
-    if (bytes_ == nullptr) return appeared();
-    if (std::memcmp(bytes_, last_.data(), last_.size()) == 0) return false;
-    std::memcpy(last_.data(), bytes_, last_.size());
-    return true;
-  }
-
- private:
-  bool appeared() {
-    const Drift::Descriptor fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
-    struct stat facts {};
-    if (!fd.valid() || ::fstat(fd.get(), &facts) != 0) return false;
-    last_.resize(static_cast<std::size_t>(facts.st_size));
-    bytes_ = ::mmap(nullptr, last_.size(), PROT_READ, MAP_SHARED, fd.get(), 0);
-    if (bytes_ == MAP_FAILED) fault("cannot map {}", path_);
-    std::memcpy(last_.data(), bytes_, last_.size());
-    return true;
-  }
-
-  std::string path_;
-  void* bytes_ = nullptr;
-  std::vector<char> last_;
-};
 
 struct Totals {
   std::size_t instructions = 0;
@@ -114,17 +78,26 @@ class Stepping {
     Totals totals;
     const TempDir copy;
     Stepper stepper(body);
-    Watch watch(directory);
     std::optional<Reader> resident;
+    std::string last;
+    // The file, its appearance included.
+    const auto changed = [&] {
+      if (!resident && !exists(directory)) return false;
+      if (!resident) resident.emplace(directory);
+      const auto* const bytes = reinterpret_cast<const char*>(resident->file->data());
+      const std::string_view now(bytes, resident->file->header().fileSize);
+      if (now == last) return false;
+      last = now;
+      return true;
+    };
     for (bool going = true; going;) {
       going = stepper.step();
       ++totals.instructions;
-      if (!watch.changed() && totals.instructions > 1) continue;
+      if (!changed() && totals.instructions > 1) continue;
       ++totals.states;
       bool isNew = false;
-      if (exists(directory)) {
+      if (resident) {
         isNew = either.isNew(Reader(directory).view);
-        if (!resident) resident.emplace(directory);
         if (either.isNew(resident->view) != isNew) fault("two readers differ");
       }
       if (totals.news != 0 && !isNew) fault("what was committed is gone again");

@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <functional>
 #include <memory>
 #include <random>
 
 #include "Lamp.h"
+#include "Support/Ear.h"
 #include "Support/Soak.h"
 
 namespace {
@@ -14,18 +14,7 @@ using Fenrik::Change;
 using Fenrik::FieldId;
 using Fenrik::ptrIsImpl;
 using Fenrik::Publisher;
-
-/// A subscriber that runs a piece of the test.
-struct Ear : Fenrik::Subscriber {
-  std::function<void(const Change&)> hear;
-
-  void attach(const Publisher& publisher, bool atFront = false) {
-    dispatchIs([](const Publisher&, Subscriber& self, const Change& change) noexcept {
-      static_cast<Ear&>(self).hear(change);
-    });
-    publisher.subscriberAdd(*this, atFront);
-  }
-};
+using Support::Ear;
 
 TEST(Attribute, MutatorsAnnounceWhatChangedUnderItsNumberAndNothingElse) {
   const auto lamp = ptrIsImpl<Lamp>(5);
@@ -66,9 +55,7 @@ TEST(Attribute, ThePointerThatGivesWayLivesUntilItsReplacementWasAnnounced) {
   lamp->nextIs(ptrIsImpl<Lamp>(2));
   lamp->next()->ended = &ended;
   std::string endedWhenHeard = "not heard";
-  Ear ear;
-  ear.hear = [&](const Change&) { endedWhenHeard = ended; };
-  ear.attach(*lamp->publisher());
+  const Ear ear(*lamp->publisher(), [&](const Change&) { endedWhenHeard = ended; });
   lamp->nextIs(ptrIsImpl<Lamp>(3));
   EXPECT_EQ(endedWhenHeard, "");
   EXPECT_EQ(ended, "ended");
@@ -108,7 +95,7 @@ TEST(Publisher, TheFirstWordSaysWhetherAnybodyListens) {
 /// Subscribers come and go while they are told, also in announcements made within announcements.
 TEST(PublisherSoak, EveryListenerIsToldOnceHoweverTheListChangesMeanwhile) {
   const unsigned seed = Support::seed();
-  SCOPED_TRACE(fmt::format("seed {}", seed));
+  SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
   std::mt19937 random(seed);
   for (int round = 0; round < 300 * Support::soakFactor(); ++round) {
     Publisher publisher;

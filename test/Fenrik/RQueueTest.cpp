@@ -9,6 +9,7 @@
 
 #include "Fenrik/NodeClass.h"
 #include "Fenrik/QueueAttribute.h"
+#include "Support/Ear.h"
 #include "Support/Soak.h"
 
 namespace {
@@ -268,30 +269,17 @@ class Desk final : public Fenrik::NodeClass<Desk, Fenrik::Publishing<Fenrik::Nod
 };
 struct DeskModule : Kiv::Module<"DeskTest", Desk> {};
 
-/// Notes the index of every change, and the length of the queue when it was told of it.
-struct Listener : Fenrik::Subscriber {
-  explicit Listener(const Desk& watched) : desk(watched) {
-    dispatchIs([](const Fenrik::Publisher&, Fenrik::Subscriber& self,
-                  const Fenrik::Change& change) noexcept {
-      auto& listener = static_cast<Listener&>(self);
-      EXPECT_EQ(change.fieldId.number(), 662u);
-      EXPECT_EQ(change.kind, Fenrik::Change::Kind::plain);
-      listener.seen.emplace_back(*static_cast<const std::uint32_t*>(change.value),
-                                 listener.desk.orderCount());
-    });
-    desk.publisher()->subscriberAdd(*this, false);
-  }
-  ~Listener() { desk.publisher()->subscriberRemove(*this); }
-
-  const Desk& desk;
-  std::vector<std::pair<std::uint32_t, std::uint32_t>> seen;
-};
-
 TEST(QueueAttributeTest, AnnouncesEveryChangeAfterItWasMadeWithTheIndexAffected) {
   const Desk::Ptr desk = Fenrik::ptrIsImpl<Desk>();
   desk->orderEnq(item(1));
   {
-    Listener listener(*desk);
+    // The index of every change, and the length of the queue when it was told of it.
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> seen;
+    const Support::Ear ear(*desk->publisher(), [&](const Fenrik::Change& change) {
+      EXPECT_EQ(change.fieldId.number(), 662u);
+      EXPECT_EQ(change.kind, Fenrik::Change::Kind::plain);
+      seen.emplace_back(*static_cast<const std::uint32_t*>(change.value), desk->orderCount());
+    });
     desk->orderEnq(item(2));
     EXPECT_EQ(numberOf(desk->orderDeq()), 1u);
     desk->orderEnq(item(3));
@@ -301,7 +289,7 @@ TEST(QueueAttributeTest, AnnouncesEveryChangeAfterItWasMadeWithTheIndexAffected)
     desk->orderDelAll();
     const std::vector<std::pair<std::uint32_t, std::uint32_t>> changes{
         {2, 2}, {1, 1}, {3, 2}, {4, 3}, {2, 2}, {3, 1}, {4, 0}};
-    EXPECT_EQ(listener.seen, changes);
+    EXPECT_EQ(seen, changes);
   }
   desk->orderEnq(item(5));
   desk->orderDelAll();

@@ -5,6 +5,7 @@
 
 #include "Fenrik/NodeClass.h"
 #include "Kiv/KeyedAttribute.h"
+#include "Support/Ear.h"
 
 namespace {
 
@@ -48,30 +49,23 @@ using Fenrik::Change;
 using Fenrik::Ptr;
 using Fenrik::ptrIsImpl;
 
-/// Listens to a rack and writes down what it hears, in the words of the members.
-struct Ear : Fenrik::Subscriber {
-  explicit Ear(Rack& heardRack) : rack(heardRack) {
-    dispatchIs([](const Fenrik::Publisher&, Subscriber& self, const Change& change) noexcept {
-      static_cast<Ear&>(self).hear(change);
-    });
-    rack.publisher()->subscriberAdd(*this, false);
-  }
-
-  void hear(const Change& change) {
-    ASSERT_EQ(change.kind, Change::Kind::recursive);
-    ASSERT_TRUE(change.isEq(change.key, change.key));
-    const Slot key = *static_cast<const Slot*>(change.key);
-    told +=
-        fmt::format("{}{}{};", change.fieldId.number(), change.value != nullptr ? "=" : "-", key);
-    if (change.fieldId.number() == 258 && change.value != nullptr) {
-      EXPECT_EQ(static_cast<const Rack::HN_Card*>(change.value)->value(), rack.card(key));
-    }
-    if (also) also(change);
-  }
+/// Listens to a rack and writes down what it hears.
+struct RackEar : Support::Ear {
+  explicit RackEar(Rack& rack)
+      : Ear(*rack.publisher(), [&](const Change& change) {
+          ASSERT_EQ(change.kind, Change::Kind::recursive);
+          ASSERT_TRUE(change.isEq(change.key, change.key));
+          const Slot key = *static_cast<const Slot*>(change.key);
+          const bool there = change.value != nullptr;
+          told += fmt::format("{}{}{};", change.fieldId.number(), there ? "=" : "-", key);
+          if (change.fieldId.number() == 258 && there) {
+            EXPECT_EQ(static_cast<const Rack::HN_Card*>(change.value)->value(), rack.card(key));
+          }
+          if (also) also(change);
+        }) {}
 
   std::string take() { return std::exchange(told, {}); }
 
-  Rack& rack;
   std::string told;
   std::function<void(const Change&)> also;
 };
@@ -85,7 +79,7 @@ struct KeyedAttribute : testing::Test {
 };
 
 TEST_F(KeyedAttribute, PointersAreAnnouncedWhenTheyChangeAndOnlyThen) {
-  Ear ear(*rack);
+  RackEar ear(*rack);
   const Ptr<Card> card = makeCard(1);
   rack->cardIs(card);
   EXPECT_EQ(card->useCount(), 2u);
@@ -111,7 +105,7 @@ TEST_F(KeyedAttribute, PointersAreAnnouncedWhenTheyChangeAndOnlyThen) {
 }
 
 TEST_F(KeyedAttribute, ANullPointerIsRefusedInsideAndDeletesBeside) {
-  Ear ear(*rack);
+  RackEar ear(*rack);
   try {
     rack->cardIs(nullptr);
     ADD_FAILURE() << "null was taken";
@@ -132,7 +126,7 @@ TEST_F(KeyedAttribute, ANullPointerIsRefusedInsideAndDeletesBeside) {
 }
 
 TEST_F(KeyedAttribute, ValuesReadAsDefaultWhereThereIsNone) {
-  Ear ear(*rack);
+  RackEar ear(*rack);
   EXPECT_EQ(rack->power(1), 0);
   EXPECT_EQ(rack->powerGet(1), std::nullopt);
   EXPECT_EQ(rack->powerDel(1), 0);
@@ -148,7 +142,7 @@ TEST_F(KeyedAttribute, ValuesReadAsDefaultWhereThereIsNone) {
 TEST_F(KeyedAttribute, EmptyingTellsEverySubscriberOfEveryMember) {
   for (unsigned n = 0; n < 300; ++n) rack->cardIs(makeCard(n));
   {
-    Ear ear(*rack);
+    RackEar ear(*rack);
     std::set<unsigned> gone;
     ear.also = [&](const Change& change) {
       const auto number = *static_cast<const Slot*>(change.key);
