@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <compare>
 #include <map>
@@ -259,9 +260,15 @@ struct Pair {
       ASSERT_TRUE(iterator == map.iteratorFromKey(Shape::key(n)));
       ASSERT_FALSE(iterator == map.end());
     }
-    std::size_t members = 0;
-    for ([[maybe_unused]] const Node& node : map) ++members;
-    ASSERT_EQ(members, model.size());
+    std::vector<typename Shape::Key> keys;
+    for (const Node& node : map) keys.push_back(node.key());
+    ASSERT_EQ(keys.size(), model.size());
+    if constexpr (std::is_same_v<typename Shape::Key, PairKey>) {
+      const auto disordered = [](const PairKey& a, const PairKey& b) {
+        return a.hash(0) == b.hash(0) && a >= b;
+      };
+      ASSERT_EQ(std::ranges::adjacent_find(keys, disordered), keys.end());
+    }
   }
 
   std::map<unsigned, int> model;
