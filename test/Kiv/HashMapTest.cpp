@@ -51,39 +51,27 @@ class Counted {
   static inline std::set<const Counted*> live;
   static inline unsigned faults = 0;
 
-  explicit Counted(PairKey key = {}, int payload = 0) : key_(key), payload_(payload) { born(); }
-  Counted(const Counted& other) : key_(other.alive().key_), payload_(other.payload_) { born(); }
-  Counted(Counted&& other) noexcept : key_(other.alive().key_), payload_(other.payload_) {
-    other.payload_ = kMovedFrom;
-    born();
+  explicit Counted(PairKey key = {}, int payload = 0) : key_(key), payload_(payload) {
+    faults += !live.insert(this).second;
   }
-  Counted& operator=(const Counted& other) {
+  Counted(const Counted& other) : Counted(other.key(), other.payload_) {}
+  Counted(Counted&& other) noexcept : Counted(other.key(), std::exchange(other.payload_, -1)) {}
+  Counted& operator=(Counted other) noexcept {
     alive();
-    key_ = other.alive().key_;
+    key_ = other.key_;
     payload_ = other.payload_;
-    return *this;
-  }
-  Counted& operator=(Counted&& other) noexcept {
-    *this = static_cast<const Counted&>(other);
-    other.payload_ = kMovedFrom;
     return *this;
   }
   ~Counted() { faults += live.erase(this) != 1; }
 
   const PairKey& key() const { return alive().key_; }
   int payload() const { return alive().payload_; }
-  bool operator==(const Counted& other) const {
-    return key() == other.key() && payload() == other.payload();
-  }
 
  private:
-  static constexpr int kMovedFrom = -1;
-
   const Counted& alive() const {
     faults += live.count(this) != 1;
     return *this;
   }
-  void born() { faults += !live.insert(this).second; }
 
   PairKey key_;
   int payload_;
