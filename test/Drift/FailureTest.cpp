@@ -207,7 +207,7 @@ class FailureTest : public testing::TestWithParam<Format::Layout> {
   }
   void expectModel() {
     const Sight sight = look(*file_, model_);
-    EXPECT_TRUE(sight.sound()) << sight.complaint;
+    EXPECT_TRUE(sight.sound()) << sight.text();
   }
 };
 

@@ -126,15 +126,13 @@ struct Either {
     if (old.sound()) return false;
     const Sight now = look(view, after, before.size());
     if (now.sound()) return true;
-    fault("neither old nor new: {}, {} errors, {} missing; {}, {} errors, {} missing",
-          old.complaint, old.errors, old.missing, now.complaint, now.errors, now.missing);
+    fault("neither old nor new: {}; {}", old.text(), now.text());
   }
 };
 
 inline void expectExactly(AnyView view, const Model& model) {
   const Sight sight = look(view, model);
-  if (sight.sound()) return;
-  fault("{}, {} errors, {} missing", sight.complaint, sight.errors, sight.missing);
+  if (!sight.sound()) fault("{}", sight.text());
 }
 
 /// The successor of a writer that died goes on: what it adds, replaces and removes is there or not,
@@ -154,6 +152,16 @@ inline void goOn(Store& store, Model model) {
     model = after(store.geometry(), std::move(model), step);
     expectExactly(store.view(), model);
   }
+}
+
+/// A successor takes over what was left, finds one of the two and goes on; true if it is the new.
+inline bool takeOver(const std::string& left, const Geometry& geometry, const Either& either) {
+  Store successor(left, geometry);
+  const bool isNew = either.isNew(successor.view());
+  const Model& model = isNew ? either.after : either.before;
+  expectExactly(successor.view(), model);
+  goOn(successor, model);
+  return isNew;
 }
 
 }  // namespace DriftTest

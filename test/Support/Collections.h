@@ -203,6 +203,9 @@ struct Sight {
   Word missing = 0;       ///< records said not to be there
 
   bool sound() const { return complaint.empty() && errors == 0 && missing == 0; }
+  std::string text() const {
+    return fmt::format("'{}', {} errors, {} missing", complaint, errors, missing);
+  }
 };
 
 /// Runs what may end in the named error; true if it did not.
