@@ -1,83 +1,51 @@
 #include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/ptrace.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
-#include <functional>
 #include <random>
 #include <thread>
 
 #include "RingFixture.h"
+#include "Support/Shared.h"
+#include "Support/Stepper.h"
 
 namespace {
 
 using Blipline::RingFile;
 using Blipline::RingFileState;
+using Support::textOf;
 using RingCrashTest = RingFixture;
-
-std::string bytesOf(const std::string& path) {
-  std::string bytes(std::filesystem::file_size(path), '\0');
-  std::ifstream(path, std::ios::binary).read(bytes.data(), std::streamsize(bytes.size()));
-  return bytes;
-}
-
-/// The last number that the child had ended when it died.
-struct Progress {
-  Progress()
-      : ended(static_cast<std::atomic<std::uint64_t>*>(
-            ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
-  ~Progress() { ::munmap(ended, 4096); }
-  std::atomic<std::uint64_t>* ended;
-};
 
 TEST_F(RingCrashTest, AWriterThatIsKilledLeavesEveryRecordThatItEnded) {
   std::mt19937 random(7);
   for (int round = 0; round < 20; ++round) {
-    const Progress progress;
-    const pid_t child = ::fork();
-    if (child == 0) {
+    const Support::Shared<std::atomic<std::uint64_t>> ended;
+    Support::Process child([&] {
       Blipline::TraceHandle handle(options(false));
       Blipline::defaultBliplineHandle = &handle;
       for (std::uint64_t number = 1;; ++number) {
         provedRecord(number);
-        progress.ended->store(number);
+        ended->store(number);
       }
-    }
-    while (progress.ended->load() == 0) std::this_thread::yield();
+    });
+    while (ended->load() == 0) std::this_thread::yield();
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
+    child.kill();
     const auto numbers = provedNumbers(RingFile(path()));
     ASSERT_FALSE(numbers.empty());
-    EXPECT_GE(numbers.back(), progress.ended->load());
-    EXPECT_LE(numbers.back(), progress.ended->load() + 1);
-  }
-}
-
-/// Takes the child through one instruction after another until it stops itself; false when it is
-/// gone.
-bool stepTo(pid_t child, int signal, const std::function<void()>& look) {
-  for (int status = 0;;) {
-    if (::ptrace(PTRACE_SINGLESTEP, child, 0, 0) != 0) return false;
-    if (::waitpid(child, &status, 0) != child || !WIFSTOPPED(status)) return false;
-    if (WSTOPSIG(status) == signal) return true;
-    look();
+    EXPECT_GE(numbers.back(), ended->load());
+    EXPECT_LE(numbers.back(), ended->load() + 1);
   }
 }
 
 TEST_F(RingCrashTest, AtEveryInstructionOfARecordTheFileHoldsItWholeOrNotAtAll) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if BASTIL_SANITIZED
   GTEST_SKIP() << "nearly all instructions would be the sanitizer's";
 #endif
   // Enough to step over the entry of a block, with the ring lapped.
   constexpr std::uint64_t kBefore = 1000;
   constexpr std::uint64_t kStepped = 8;
-  const pid_t child = ::fork();
-  if (child == 0) {
+  Support::Stepper stepper([&](auto mark) {
     Blipline::TraceHandle handle(options(false));
     Blipline::defaultBliplineHandle = &handle;
     std::uint64_t number = 1;
@@ -92,26 +60,19 @@ TEST_F(RingCrashTest, AtEveryInstructionOfARecordTheFileHoldsItWholeOrNotAtAll) 
     };
     blockFill();
     for (std::uint64_t left = blockFill(); left > kStepped / 2; --left) provedRecord(number++);
-    if (::ptrace(PTRACE_TRACEME, 0, 0, 0) != 0) ::_exit(77);
-    ::raise(SIGUSR1);
+    mark();
     for (std::uint64_t i = 0; i < kStepped; ++i) provedRecord(number++);
-    ::raise(SIGUSR2);
-    ::_exit(0);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  if (WIFEXITED(status)) GTEST_SKIP() << "this system lets nobody step through a process";
+    mark();
+  });
   const std::uint64_t first = provedNumbers(RingFile(path())).back();
   const std::uint64_t firstBlock = RingFile(path()).lastBlock().position;
   std::uint64_t last = first;
-  std::uint64_t steps = 0;
   std::uint64_t states = 0;
   bool laps = false;
   std::string before;
-  ASSERT_TRUE(stepTo(child, SIGUSR2, [&] {
-    ++steps;
-    std::string now = bytesOf(path());
-    if (now == before) return;
+  while (stepper.step()) {
+    std::string now = textOf(path());
+    if (now == before) continue;
     before.swap(now);
     ++states;
     const RingFile file(path());
@@ -120,11 +81,8 @@ TEST_F(RingCrashTest, AtEveryInstructionOfARecordTheFileHoldsItWholeOrNotAtAll) 
     ASSERT_TRUE(numbers.back() == last || numbers.back() == last + 1);
     last = numbers.back();
     laps |= file.lastBlock().position != firstBlock;
-  }));
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
+  }
   EXPECT_EQ(last, first + kStepped);
-  EXPECT_GT(steps, kStepped * 20);
   EXPECT_GT(states, kStepped * 3) << "no record was seen half written";
   EXPECT_TRUE(laps) << "no block was entered under the steps";
 }
@@ -137,7 +95,7 @@ struct RingDamageTest : RingFixture {
       for (std::uint64_t number = 0; number < 1000; ++number) provedRecord(number);
       Blipline::defaultBliplineHandle = nullptr;
     }
-    whole = bytesOf(path());
+    whole = textOf(path());
   }
 
   std::string with(const std::string& bytes) {
@@ -158,6 +116,7 @@ struct RingDamageTest : RingFixture {
   }
 
   std::string whole;
+  const Support::TempDir printed;
 };
 
 TEST_F(RingDamageTest, AFileThatIsNoneOrNotWholeIsNamedSo) {
@@ -165,12 +124,8 @@ TEST_F(RingDamageTest, AFileThatIsNoneOrNotWholeIsNamedSo) {
   EXPECT_EQ(stateOf(std::string(100'000, 'x')), RingFileState::foreign);
   EXPECT_EQ(stateOf(whole.substr(0, 64)), RingFileState::foreign);
   EXPECT_EQ(stateOf(whole.substr(0, 4096 + 5000)), RingFileState::damaged);
-  std::string changed = whole;
-  changed[8] = 2;
-  EXPECT_EQ(stateOf(changed), RingFileState::otherVersion);
-  changed = whole;
-  changed[40] ^= 1;
-  EXPECT_EQ(stateOf(changed), RingFileState::damaged);
+  EXPECT_EQ(stateOf(std::string(whole).replace(8, 1, "\2")), RingFileState::otherVersion);
+  EXPECT_EQ(stateOf(std::string(whole).replace(40, 1, "?")), RingFileState::damaged);
   EXPECT_THROW(RingFile("/dev/null"), Blipline::RingFileException);
   EXPECT_THROW(RingFile file(directory), Blipline::RingFileException);
   EXPECT_THROW(RingFile(path(9)), Blipline::RingFileException);
@@ -221,20 +176,18 @@ TEST_F(RingDamageTest, AnyBytesAreReadOrRefusedAndNeverCrash) {
 }
 
 TEST_F(RingDamageTest, TheProgramPrintsWhatItCanAndTellsTheRestByItsStatus) {
-  const auto run = [](const std::string& arguments) {
-    std::string output;
-    FILE* const pipe = ::popen(("'" BASTIL_BLIPTRACE "' " + arguments + " 2>&1").c_str(), "r");
-    for (int c = 0; (c = std::fgetc(pipe)) != EOF;) output += static_cast<char>(c);
-    return std::pair(WEXITSTATUS(::pclose(pipe)), output);
+  const auto run = [&](std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), BASTIL_BLIPTRACE);
+    return Support::run(arguments, printed.path());
   };
-  const auto [status, output] = run(directory);
-  EXPECT_EQ(status, 0);
-  EXPECT_THAT(output, testing::EndsWith("Proved::provedRecord: 999 18446744073709550616 999\n"));
-  const auto [bad, complaint] = run(path() + " " + with("foreign"));
-  EXPECT_EQ(bad, 1);
-  EXPECT_THAT(complaint, testing::HasSubstr("foreign"));
-  EXPECT_THAT(complaint, testing::HasSubstr(output));
-  EXPECT_EQ(run("").first, 2);
+  const Support::Outcome good = run({directory});
+  EXPECT_EQ(good.status, 0);
+  EXPECT_THAT(good.out, testing::EndsWith("Proved::provedRecord: 999 18446744073709550616 999\n"));
+  const Support::Outcome bad = run({path(), with("foreign")});
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_THAT(bad.err, testing::HasSubstr("foreign"));
+  EXPECT_EQ(bad.out, good.out);
+  EXPECT_EQ(run({}).status, 2);
 }
 
 }  // namespace

@@ -1,30 +1,18 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cstdint>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "Blipline/RingReader.h"
 #include "Blipline/RingTrace.h"
+#include "Support/Process.h"
 
 /// A directory of its own for ring files, and no ring trace in the process afterwards.
 struct RingFixture : testing::Test {
-  RingFixture() {
-    const bool memory = std::filesystem::is_directory("/dev/shm");
-    std::string pattern =
-        ((memory ? std::filesystem::path("/dev/shm") : std::filesystem::temp_directory_path()) /
-         "ring-XXXXXX")
-            .string();
-    directory = ::mkdtemp(pattern.data());
-  }
-  ~RingFixture() override {
-    Blipline::defaultBliplineHandle = nullptr;
-    std::filesystem::remove_all(directory);
-  }
+  ~RingFixture() override { Blipline::defaultBliplineHandle = nullptr; }
 
   Blipline::TraceHandle::Options options(bool multiThreaded,
                                          std::size_t ringBytes = Blipline::kRingBytesMin) const {
@@ -34,7 +22,8 @@ struct RingFixture : testing::Test {
     return directory + "/t-" + std::to_string(index) + ".blip";
   }
 
-  std::string directory;
+  const Support::TempDir dir;
+  const std::string directory = dir.path();
 };
 
 /// Records a number that proves itself, in records whose lengths make every lap lie differently.

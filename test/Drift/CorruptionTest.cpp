@@ -1,5 +1,5 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -17,12 +17,11 @@ namespace {
 
 using namespace Drift;
 using namespace Drift::Specimens;
+using testing::AllOf;
+using testing::HasSubstr;
 
 /// Of the steps that come in tens of thousands; a sanitizer makes each some ten times slower.
 constexpr std::size_t kFewer = BASTIL_SANITIZED ? 11 : 1;
-
-constexpr Geometry kHashed{Format::Layout::hashed, 4, 36, 16, "Type", "attribute"};
-constexpr Geometry kDense{Format::Layout::dense, 8, 36, 16, "Type", "attribute"};
 
 /// Both layouts; whatever hangs is ended by the alarm.
 class CorruptionTest : public testing::TestWithParam<Geometry> {
@@ -74,10 +73,9 @@ class CorruptionTest : public testing::TestWithParam<Geometry> {
   Tally tally_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Layouts, CorruptionTest, testing::Values(kHashed, kDense),
-                         [](const auto& info) {
-                           return info.param.layout == Format::Layout::dense ? "Dense" : "Hashed";
-                         });
+INSTANTIATE_TEST_SUITE_P(Layouts, CorruptionTest,
+                         testing::Values(hashedOf(36, 16), denseOf(36, 16)),
+                         [](const auto& info) { return nameOf(info.param); });
 
 TEST_P(CorruptionTest, EveryBitOfTheHeaderPage) {
   flipBits(0, Format::kHeaderSize);
@@ -143,79 +141,47 @@ TEST_P(CorruptionTest, AMillionRandomFlipsInAFullFile) {
   EXPECT_GT(tally_.errorsWhileReading, 1000U / kFewer);
 }
 
-TEST_P(CorruptionTest, GarbageAndForeignFormatsAreNamed) {
-  struct Case {
+TEST_P(CorruptionTest, GarbageForeignFormatsAndOtherGeometriesAreNamed) {
+  const Geometry& own = GetParam();
+  Geometry larger = own, wider = own, renamed = own, elsewhere = own;
+  larger.capacity = 17;
+  wider.recordSize = 40;
+  renamed.typeName = "Other";
+  elsewhere.attributeName = "x";
+  const struct {
     std::size_t offset;
     std::string bytes;
     MountStage stage;
     const char* found;
+    const Geometry* wanted;
+  } cases[] = {
+      {0, std::string(4096, '\0'), MountStage::wrongFormat, "0000000000000000", nullptr},
+      {0, std::string(4096, 'x'), MountStage::wrongFormat, "7878787878787878", nullptr},
+      {8, {"\x63\0\0\0", 4}, MountStage::wrongFormat, "version 99", nullptr},
+      {16, "\x08\x07\x06\x05\x04\x03\x02\x08", MountStage::wrongFormat, "byte order", nullptr},
+      {110, "?", MountStage::damaged, "checksum", nullptr},
+      {Format::kReadyOffset, "?", MountStage::notReady, "made", nullptr},
+      {0, "", MountStage::wrongFormat, "capacity is 16, 17 is wanted", &larger},
+      {0, "", MountStage::wrongFormat, "record size is 36, 40 is wanted", &wider},
+      {0, "", MountStage::wrongFormat, "type is Type, Other is wanted", &renamed},
+      {0, "", MountStage::wrongFormat, "attribute is attribute, x is wanted", &elsewhere},
   };
-  const Case cases[] = {
-      {0, std::string(specimen_.image.size(), '\0'), MountStage::wrongFormat, "0000000000000000"},
-      {0, std::string(specimen_.image.size(), 'x'), MountStage::wrongFormat, "7878787878787878"},
-      {8, std::string("\x63\0\0\0", 4), MountStage::wrongFormat, "version 99"},
-      {16, "\x08\x07\x06\x05\x04\x03\x02\x08", MountStage::wrongFormat, "byte order"},
-      {110, "?", MountStage::damaged, "checksum"},
-      {Format::kReadyOffset, "?", MountStage::notReady, "made"},
-  };
-  for (const Case& each : cases) {
+  for (const auto& [offset, bytes, stage, found, wanted] : cases) {
     std::string image = specimen_.image;
-    image.replace(each.offset, each.bytes.size(), each.bytes);
+    image.replace(offset, bytes.size(), bytes);
     writeFile(path_, image);
     try {
-      DriftFile::openForReading(directory_, "a/b", nullptr);
-      FAIL() << each.found;
-    } catch (const MountException& error) {
-      EXPECT_EQ(error.stage(), each.stage) << error.what();
-      EXPECT_NE(error.msg().view().find(each.found), std::string_view::npos) << error.what();
-      EXPECT_NE(error.msg().view().find(path_), std::string_view::npos) << error.what();
-    }
-    const auto file = DriftFile::openForWriting(directory_, "a/b", GetParam(), {});
-    EXPECT_EQ(file->stage(), MountStage::rebuilt);
-    EXPECT_NE(file->reason().view().find(each.found), std::string_view::npos)
-        << file->reason().view();
-  }
-}
-
-TEST_P(CorruptionTest, AnotherGeometryIsNamedAndRebuilt) {
-  const auto altered = [](auto change) {
-    Geometry other = GetParam();
-    change(other);
-    return other;
-  };
-  const std::pair<Geometry, const char*> cases[] = {
-      {altered([](Geometry& g) { g.capacity = 17; }), "capacity is 16, 17 is wanted"},
-      {altered([](Geometry& g) { g.recordSize = 40; }), "record size is 36, 40 is wanted"},
-      {altered([](Geometry& g) { g.typeName = "Other"; }), "type is Type, Other is wanted"},
-      {altered([](Geometry& g) { g.attributeName = "x"; }), "attribute is attribute, x is wanted"},
-  };
-  for (const auto& [geometry, found] : cases) {
-    writeFile(path_, specimen_.image);
-    try {
-      DriftFile::openForReading(directory_, "a/b", &geometry);
+      DriftFile::openForReading(directory_, "a/b", wanted);
       FAIL() << found;
     } catch (const MountException& error) {
-      EXPECT_EQ(error.stage(), MountStage::wrongFormat);
-      EXPECT_NE(error.msg().view().find(found), std::string_view::npos) << error.what();
+      EXPECT_EQ(error.stage(), stage) << error.what();
+      EXPECT_THAT(error.what(), AllOf(HasSubstr(found), HasSubstr(path_)));
     }
-    const auto file = DriftFile::openForWriting(directory_, "a/b", geometry, {});
+    const Geometry& made = wanted != nullptr ? *wanted : own;
+    const auto file = DriftFile::openForWriting(directory_, "a/b", made, {});
     EXPECT_EQ(file->stage(), MountStage::rebuilt);
-    EXPECT_NE(file->reason().view().find(found), std::string_view::npos) << file->reason().view();
+    EXPECT_THAT(file->reason().str(), HasSubstr(found));
   }
-}
-
-/// The versions of a log that is given up are not issued again.
-TEST_P(CorruptionTest, ARebuiltCollectionGoesOnCounting) {
-  std::string image = specimen_.image;
-  image[Format::kReadyOffset] = '?';
-  writeFile(path_, image);
-  const auto file = DriftFile::openForWriting(directory_, "a/b", GetParam(), {});
-  ASSERT_EQ(file->stage(), MountStage::rebuilt);
-  const auto value = [&](Format::Line line) { return *CheckedWord(file->data(), line).load(); };
-  EXPECT_EQ(value(Format::Line::scratchpad), specimen_.scratchpad);
-  EXPECT_GE(value(Format::Line::next), specimen_.model.rbegin()->first[0] + 1);
-  EXPECT_EQ(value(Format::Line::first), value(Format::Line::next));
-  EXPECT_EQ(value(Format::Line::announced) + 1, value(Format::Line::next));
 }
 
 /// What stands in a file's place is left as it is, by readers and writers.
@@ -231,8 +197,7 @@ TEST_P(CorruptionTest, WhatIsNoFileOfOursIsRefused) {
         ADD_FAILURE() << found << " was accepted";
       } catch (const MountException& error) {
         EXPECT_EQ(error.stage(), MountStage::refused) << error.what();
-        EXPECT_NE(error.msg().view().find(found), std::string_view::npos) << error.what();
-        EXPECT_NE(error.msg().view().find(path_), std::string_view::npos) << error.what();
+        EXPECT_THAT(error.what(), AllOf(HasSubstr(found), HasSubstr(path_)));
       }
     }
     std::filesystem::remove_all(path_);
@@ -257,6 +222,10 @@ TEST_P(CorruptionTest, WhatIsNoFileOfOursIsRefused) {
   ASSERT_EQ(::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   expectRefused("open");
 
+  writeFile(path_, specimen_.image, 0600);
+  EXPECT_NO_THROW(DriftFile::openForReading(directory_, "a/b", &GetParam()));
+  EXPECT_THROW(DriftFile::openForWriting(directory_, "a/b", GetParam(), {}), MountException);
+
   writeFile(path_, specimen_.image);
   if (::chown(path_.c_str(), 12345, static_cast<gid_t>(-1)) != 0) {
     GTEST_SKIP() << "only root can give a file to another user";
@@ -264,28 +233,17 @@ TEST_P(CorruptionTest, WhatIsNoFileOfOursIsRefused) {
   expectRefused("12345");
 }
 
-TEST_P(CorruptionTest, AWriterInsistsOnTheModeThatWasAskedFor) {
-  writeFile(path_, specimen_.image, 0600);
-  EXPECT_NO_THROW(DriftFile::openForReading(directory_, "a/b", &GetParam()));
-  EXPECT_THROW(DriftFile::openForWriting(directory_, "a/b", GetParam(), {}), MountException);
-}
-
 /// An index word is found damaged after every change of one or two of its bits: its check must
 /// differ. The check is linear, so that one word stands for all.
 TEST(IndexWordTest, EveryOneAndTwoBitErrorShows) {
   const Word intact = IndexWord{5, 77, 9, 3}.word();
-  unsigned errors = 0;
   for (unsigned a = 0; a < 64; ++a) {
-    for (unsigned b = a; b < 64; ++b, ++errors) {
-      const Word changed = intact ^ (Word{1} << a) ^ (a == b ? 0 : Word{1} << b);
-      ASSERT_FALSE(IndexWord::intact(changed)) << a << " and " << b;
-    }
-  }
-  EXPECT_EQ(errors, 64U * 65 / 2);
-  for (unsigned a = 0; a < 64; ++a) {
+    ASSERT_FALSE(IndexWord::intact(intact ^ (Word{1} << a))) << a;
     for (unsigned b = 0; b < a; ++b) {
+      const Word change = (Word{1} << a) | (Word{1} << b);
+      ASSERT_FALSE(IndexWord::intact(intact ^ change)) << a << " and " << b;
       // An empty bucket with two bits set is no word either.
-      ASSERT_FALSE(IndexWord::intact((Word{1} << a) | (Word{1} << b)));
+      ASSERT_FALSE(IndexWord::intact(change)) << a << " and " << b;
     }
   }
 }
@@ -322,10 +280,10 @@ TEST(SealTest, EveryErrorOfOneTwoOrAnOddNumberOfBitsShows) {
 TEST(SealTest, AllFormsAgree) {
   for (std::size_t words = 1; words <= 70; ++words) {
     Record record(words);
-    for (std::size_t i = 0; i < words; ++i) record[i] = mix(i + words);
+    for (std::size_t i = 0; i < words; ++i) record[i] = contentOf(i, words, 1);
     Record fast(words);
     Record slow(words);
-    const auto low = static_cast<std::uint32_t>(mix(words));
+    const auto low = static_cast<std::uint32_t>(contentOf(words, 0, 1));
     const auto crc = Seal::kPortableLoops.copyOut(slow.data(), record.data(), words, low);
     EXPECT_EQ(Seal::kLoops.copyOut(fast.data(), record.data(), words, low), crc);
     EXPECT_EQ(Seal::kLoops.copyIn(fast.data(), record.data(), words, low), crc);

@@ -1,20 +1,18 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/wait.h>
+#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <functional>
 #include <random>
 
 #include "Drift/Specimen.h"
+#include "Support/Process.h"
 
 namespace {
 
 using namespace Drift;
 using namespace Drift::Specimens;
-using namespace std::chrono_literals;
 
 constexpr Geometry kGeometry{Format::Layout::hashed, 4, 36, 16, "Type", "attribute"};
 
@@ -29,13 +27,8 @@ MountStage stageOf(Act act) {
   }
 }
 
-/// Runs `act` in another process; true if it gave true.
 bool inAnotherProcess(const std::function<bool()>& act) {
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(act() ? 0 : 1);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return Support::Process([&] { ::_exit(act() ? 0 : 1); }).wait() == 0;
 }
 
 class DirectoryTest : public testing::Test {
@@ -52,25 +45,12 @@ class DirectoryTest : public testing::Test {
 };
 
 TEST_F(DirectoryTest, NamesThatTryToLeaveTheDirectoryAreRefused) {
-  const std::string bad[] = {"",
-                             ".",
-                             "..",
-                             "../a",
-                             "a/..",
-                             "a/../b",
-                             "./a",
-                             "a/.",
-                             "a/./b",
-                             "/..",
-                             "../",
-                             "a/..//b",
-                             {"a\0b", 3},
-                             "a\nb",
-                             "a\x7f",
-                             "a\x1b[b",
-                             {"\0", 1},
-                             std::string(4000, 'a'),
-                             std::string(100, '/').append("a")};
+  using namespace std::string_literals;
+  std::vector<std::string> bad{"",     ".",     "..",      "../a",  "a/..", "a/../b",
+                               "./a",  "a/.",   "a/./b",   "/..",   "../",  "a/..//b",
+                               "a\nb", "a\x7f", "a\x1b[b", "a\0b"s, "\0"s};
+  bad.push_back(std::string(4000, 'a'));
+  bad.push_back(std::string(100, '/').append("a"));
   for (const std::string& name : bad) {
     EXPECT_EQ(stageOf([&] { Directory::fileNameOf(name); }), MountStage::refused) << name;
     EXPECT_EQ(stageOf([&] { DriftFile::openForWriting(directory_, name, kGeometry, {}); }),
@@ -188,73 +168,30 @@ TEST_F(DirectoryTest, ReadersAreToldThatAFileWasReplaced) {
   EXPECT_TRUE(rebuilt->replaced());
 }
 
-/// A reader, which may only read, sleeps until the writer in another process rings.
-TEST_F(DirectoryTest, ADoorbellWakesAReaderOfAnotherProcess) {
-  const auto bell = writer();
-  const auto listener = reader();
-  const std::uint32_t seen = listener->doorbell();
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_FALSE(listener->waitForRing(seen, 30ms));
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, 30ms);
-  EXPECT_FALSE(listener->waitForRing(seen, -1ms));
-  int pipe[2];
-  ASSERT_EQ(::pipe(pipe), 0);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    const auto mine = reader();
-    const std::uint32_t before = mine->doorbell();
-    [[maybe_unused]] const auto told = ::write(pipe[1], "!", 1);
-    ::_exit(mine->waitForRing(before, std::chrono::nanoseconds::max()) ? 0 : 1);
-  }
-  char byte = 0;
-  ASSERT_EQ(::read(pipe[0], &byte, 1), 1);
-  // It has to be asleep for the wake to be put to the test.
-  ::usleep(50'000);
-  bell->ring();
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  EXPECT_TRUE(listener->waitForRing(seen, 0ms));
-  ::close(pipe[0]);
-  ::close(pipe[1]);
-}
-
 /// The reader that the format's document is followed by, on files of both layouts.
 TEST_F(DirectoryTest, TheExampleReaderPrintsWhatTheLibraryStored) {
-  for (const auto layout : {Format::Layout::hashed, Format::Layout::dense}) {
-    const std::uint32_t keySize = layout == Format::Layout::dense ? 8 : 12;
-    const Specimen specimen = makeSpecimen({layout, keySize, 124, 50, "Type", "attribute"}, 50);
+  for (const Geometry& geometry : {hashedOf(124, 50), denseOf(124, 50)}) {
+    const Specimen specimen = makeSpecimen(geometry, 50);
     const std::string path = dir_.path() + "/file";
-    const auto run = [&](std::string& output) {
-      const std::string command = std::string("python3 '" BASTIL_READER "' '") + path + "' 2>&1";
-      FILE* const pipe = ::popen(command.c_str(), "r");
-      char block[4096];
-      while (const std::size_t size = std::fread(block, 1, sizeof block, pipe)) {
-        output.append(block, size);
-      }
-      return ::pclose(pipe);
+    const auto run = [&](const std::string& image) {
+      writeFile(path, image);
+      return Support::run({"/usr/bin/env", "python3", BASTIL_READER, path}, dir_.path());
     };
-    writeFile(path, specimen.image);
-    std::string output;
-    ASSERT_EQ(run(output), 0) << output;
-    std::size_t found = 0;
-    for (const auto& entry : specimen.model) {
-      std::string line;
-      const auto* bytes = reinterpret_cast<const unsigned char*>(entry.second.data());
-      for (std::size_t i = 0; i < 124; ++i) line += fmt::format("{:02x}", bytes[i]);
-      found += output.find(line) != std::string::npos ? 1 : 0;
+    const auto [status, output, error] = run(specimen.image);
+    ASSERT_EQ(status, 0) << error;
+    for (const auto& [key, record] : specimen.model) {
+      const std::span bytes(reinterpret_cast<const unsigned char*>(record.data()), 124);
+      EXPECT_THAT(output, testing::HasSubstr(fmt::format("{:02x}", fmt::join(bytes, ""))));
     }
-    EXPECT_EQ(found, specimen.model.size()) << output;
-    EXPECT_EQ(static_cast<std::size_t>(std::ranges::count(output, '\n')), found + 1);
+    EXPECT_EQ(static_cast<std::size_t>(std::ranges::count(output, '\n')),
+              specimen.model.size() + 1);
     // And says so when one bit of a record is another.
     std::string damaged = specimen.image;
-    const Format::FixedHeader header = headerOf(specimen.geometry);
+    const Format::FixedHeader header = headerOf(geometry);
     for (Word slot = 0; slot < header.slotCount; ++slot) {
       damaged[header.slotsOffset + slot * header.slotStride + 20] ^= 4;
     }
-    writeFile(path, damaged);
-    output.clear();
-    EXPECT_NE(run(output), 0) << output;
+    EXPECT_NE(run(damaged).status, 0);
   }
 }
 

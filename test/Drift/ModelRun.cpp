@@ -1,17 +1,18 @@
 #include "Drift/ModelRun.h"
 
-#include <algorithm>
-#include <stdexcept>
-
 namespace Drift::Specimens {
+
+namespace {
+
+void expect(bool holds, const char* what) {
+  if (!holds) fault("{}", what);
+}
+
+}  // namespace
 
 ModelRun::ModelRun(const Geometry& geometry, Choose choose)
     : geometry_(geometry), choose_(std::move(choose)) {
   mount();
-}
-
-void ModelRun::expect(bool holds, const char* what) const {
-  if (!holds) throw std::logic_error(what);
 }
 
 void ModelRun::mount() {
@@ -81,18 +82,14 @@ void ModelRun::removeAll() {
 
 void ModelRun::find(Word number) {
   const Record key = keyOf(geometry_, number);
-  Record out(wordsOf(geometry_.recordSize));
   const auto at = model_.find(key);
-  bool found = false;
-  if (dense()) {
-    const DenseRead read = writer_->dense->view().find(number, out);
-    found = read == DenseRead::found;
-    expect(found || (read == DenseRead::notYet) == (number >= next_), "absent for a wrong reason");
-  } else {
-    found = writer_->hashed->view().find(key, out);
-  }
+  AnyView view(*file_);
+  const DenseRead read = view.findOrWhy(key);
+  const bool found = read == DenseRead::found;
   expect(found == (at != model_.end()), "a key is there, or is not");
-  expect(!found || out == at->second, "a key has another record");
+  expect(!found || view.bytes == at->second, "a key has another record");
+  expect(found || (read == DenseRead::notYet) == (dense() && number >= next_),
+         "absent for a wrong reason");
 }
 
 void ModelRun::step() {
@@ -123,48 +120,31 @@ void ModelRun::check() {
   for (const auto& file : {DriftFile::openForReading(directory_, "run", nullptr),
                            DriftFile::openForReading(directory_, "run", &geometry_)}) {
     const Sight sight = look(*file, model_);
-    expect(sight.complaint.empty(), sight.complaint.c_str());
-    expect(sight.errors == 0, "damage was found in a sound collection");
-    expect(sight.missing == 0, "a record is missing");
+    expect(sight.sound(), sight.text().c_str());
     walkFrom(*file, pickNumber());
   }
-  const DenseView* const view = dense() ? &writer_->dense->view() : nullptr;
-  const Word size = view != nullptr ? view->size() : writer_->hashed->view().size();
-  expect(size == model_.size(), "another number of records");
-  expect(view == nullptr || writer_->dense->next() == next_, "the next version is another");
+  expect(writer_->size() == model_.size(), "another number of records");
+  expect(!dense() || writer_->dense->next() == next_, "the next version is another");
 }
 
 /// A walk from behind any key, there or not, gives what lies behind it in the promised order.
 void ModelRun::walkFrom(const DriftFile& file, Word number) {
-  const Record from = keyOf(geometry_, number);
-  const auto home = [&](const Record& key) {
-    return dense() ? 0 : hashKey(key, file.header().hashSeed) & (file.header().indexWords - 1);
+  const auto placeOf = [&](const Record& key) {
+    const Word mask = dense() ? 0 : file.header().indexWords - 1;
+    return std::pair(hashKey(key, file.header().hashSeed) & mask, key);
   };
+  const Record from = keyOf(geometry_, number);
   std::vector<std::pair<Word, Record>> expected;
   for (const auto& [key, record] : model_) {
-    const std::pair<Word, Record> place{home(key), key};
-    if (place > std::pair(home(from), from)) expected.push_back(place);
+    if (placeOf(key) > placeOf(from)) expected.push_back(placeOf(key));
   }
   std::ranges::sort(expected);
-  Record out(wordsOf(geometry_.recordSize));
-  if (dense()) {
-    Word version = number + 1;
-    const DenseView view(file);
-    for (const auto& [bucket, key] : expected) {
-      expect(view.findFrom(version, out) && version++ == key[0], "a walk leaves its order");
-    }
-    expect(!view.findFrom(version, out), "a walk does not end");
-    return;
-  }
-  const HashedView view(file);
-  WalkPosition position = view.positionOf(from);
-  Record after = from;
+  AnyView view(file);
+  view.walkFrom(from);
   for (const auto& [bucket, key] : expected) {
-    expect(view.next(position, after, out), "a walk ends early");
-    after.assign(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(key.size()));
-    expect(after == key, "a walk leaves its order");
+    expect(view.next() && view.after == key, "a walk leaves its order");
   }
-  expect(!view.next(position, after, out), "a walk does not end");
+  expect(!view.next(), "a walk does not end");
 }
 
 }  // namespace Drift::Specimens

@@ -10,7 +10,7 @@ namespace Drift::Specimens {
 using Choose = std::function<Word(Word)>;
 
 /// One collection beside a `std::map` that goes through the same. Whatever differs is thrown as
-/// `std::logic_error`.
+/// `Fault`.
 class ModelRun {
  public:
   ModelRun(const Geometry& geometry, Choose choose);
@@ -26,7 +26,7 @@ class ModelRun {
   Word highest() const noexcept { return next_; }
 
  private:
-  bool dense() const noexcept { return geometry_.layout == Format::Layout::dense; }
+  bool dense() const noexcept { return isDense(geometry_); }
   void mount();
   Word pickNumber();
   bool fits(Word number) const;
@@ -35,7 +35,6 @@ class ModelRun {
   void removeAll();
   void find(Word number);
   void walkFrom(const DriftFile& file, Word number);
-  void expect(bool holds, const char* what) const;
 
   Geometry geometry_;
   Choose choose_;

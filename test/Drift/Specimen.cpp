@@ -1,24 +1,6 @@
 #include "Drift/Specimen.h"
 
-#include <optional>
-
 namespace Drift::Specimens {
-
-AnyWriter::AnyWriter(DriftFile& file) {
-  if (file.header().layout == Format::Layout::dense) {
-    dense = std::make_unique<DenseWriter>(file);
-  } else {
-    hashed = std::make_unique<HashedWriter>(file);
-  }
-}
-
-void AnyWriter::set(const Record& record) { dense ? dense->set(record) : hashed->set(record); }
-
-bool AnyWriter::remove(const Record& key) {
-  return dense ? dense->remove(key[0]) : hashed->remove(key);
-}
-
-void AnyWriter::removeAll() { dense ? dense->removeAll() : hashed->removeAll(); }
 
 Specimen makeSpecimen(const Geometry& geometry, Word count) {
   Specimen made{geometry, {}, {}, 0};
@@ -47,108 +29,6 @@ Specimen makeSpecimen(const Geometry& geometry, Word count) {
   scratchpad.set(made.scratchpad);
   made.image = readFile(file->path());
   return made;
-}
-
-namespace {
-
-/// Runs what may end in the named error; true if it did not.
-template <class Step>
-bool survives(const DriftFile& file, Sight& sight, Step step) {
-  try {
-    step();
-    return true;
-  } catch (const Fenrik::CorruptionDetectedException& error) {
-    ++sight.errors;
-    if (error.msg().view().find(file.path()) == std::string_view::npos) {
-      sight.complaint = "an error does not name the path";
-    }
-    return false;
-  }
-}
-
-/// Both layouts as `look` needs them: find by key, and a walk.
-struct AnyView {
-  explicit AnyView(const DriftFile& file) : bytes(wordsOf(file.header().recordSize)) {
-    if (file.header().layout == Format::Layout::dense) {
-      dense.emplace(file);
-    } else {
-      hashed.emplace(file);
-    }
-  }
-
-  bool find(const Record& key) {
-    return dense ? dense->find(key[0], bytes) == DenseRead::found : hashed->find(key, bytes);
-  }
-  bool next() {
-    if (dense) return dense->findFrom(version, bytes) && ++version != 0;
-    const auto keyWords = static_cast<std::ptrdiff_t>(hashed->keyWords());
-    if (!hashed->next(position, after, bytes)) return false;
-    after.assign(bytes.begin(), bytes.begin() + keyWords);
-    return true;
-  }
-  Word size() const { return dense ? dense->size() : hashed->size(); }
-  Word keyWords() const { return dense ? 1 : hashed->keyWords(); }
-
-  std::optional<DenseView> dense;
-  std::optional<HashedView> hashed;
-  Record bytes;
-  Word version = 0;
-  WalkPosition position;
-  Record after{0};
-};
-
-/// Numbers of keys up to here were used in making a specimen, or lie just behind.
-Word highestNumber(const Model& model) {
-  Word highest = 0;
-  for (const auto& [key, record] : model) highest = std::max(highest, key.back());
-  return highest;
-}
-
-}  // namespace
-
-Sight look(const DriftFile& file, const Model& model) {
-  Sight sight;
-  AnyView view(file);
-  for (const auto& entry : model) {
-    survives(file, sight, [&] {
-      if (!view.find(entry.first)) {
-        ++sight.missing;
-      } else if (view.bytes != entry.second) {
-        sight.complaint = "a key gives another record than was stored";
-      }
-    });
-  }
-  const Word highest = highestNumber(model);
-  for (Word number = highest < 40 ? 0 : highest - 40; number < highest + 3; ++number) {
-    Record key = model.empty() ? Record(view.keyWords(), 1) : model.begin()->first;
-    key.back() = number;
-    if (model.contains(key)) continue;
-    survives(file, sight, [&] {
-      if (view.find(key)) sight.complaint = "a key that was never stored is found";
-    });
-  }
-  Model seen;
-  const bool whole = survives(file, sight, [&] {
-    while (sight.complaint.empty() && view.next()) {
-      const Record key(view.bytes.begin(),
-                       view.bytes.begin() + static_cast<std::ptrdiff_t>(view.keyWords()));
-      const auto at = model.find(key);
-      if (at == model.end() || at->second != view.bytes) {
-        sight.complaint = "a walk gives a record that was not stored";
-      }
-      if (!seen.emplace(key, view.bytes).second) sight.complaint = "a walk gives a key twice";
-    }
-  });
-  if (whole && sight.complaint.empty() && seen.size() + sight.missing < model.size()) {
-    sight.complaint = "a walk leaves a record out";
-  }
-  survives(file, sight, [&] {
-    if (view.size() > model.size()) sight.complaint = "more records are counted than there are";
-    // A key may be gone and its search meet damage on its way.
-    if (view.size() + sight.missing + sight.errors < model.size())
-      sight.complaint = "too few records are counted";
-  });
-  return sight;
 }
 
 void lookAnyway(const DriftFile& file) {
@@ -201,8 +81,10 @@ std::string inspectRebuilt(const DriftFile& file, const std::string& damaged) {
     const auto* bytes = reinterpret_cast<const std::byte*>(damaged.data());
     return CheckedWord(bytes, line).load().value_or(0);
   };
-  if (*value(Format::Line::next) < carried(Format::Line::next)) {
-    return "rebuilt with versions that were used before";
+  const Word next = *value(Format::Line::next);
+  if (next < carried(Format::Line::next)) return "rebuilt with versions that were used before";
+  if (value(Format::Line::first) != next || *value(Format::Line::announced) + 1 != next) {
+    return "rebuilt with versions that are there or announced";
   }
   return value(Format::Line::scratchpad) == carried(Format::Line::scratchpad)
              ? ""

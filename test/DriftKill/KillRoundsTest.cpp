@@ -1,173 +1,155 @@
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
-#include <bit>
-#include <csignal>
 #include <iostream>
+#include <random>
 
 #include "DriftKill/Collections.h"
+#include "Support/Process.h"
+#include "Support/Shared.h"
 #include "Support/Soak.h"
 
 namespace DriftTest {
 namespace {
 
-using Format::Layout;
-
-constexpr Shape kShapes[] = {
+const Geometry kGeometries[] = {
     // Full and refused at times; 128 buckets are changed for their tombstones often.
-    {Layout::hashed, 536, 40},
-    {Layout::hashed, 24, 40},
-    {Layout::hashed, 124, 40},
+    hashedOf(536, 40), hashedOf(24, 40), hashedOf(124, 40),
     // Three chunks of memory, which the window wanders through.
-    {Layout::dense, 548, 4000},
-    {Layout::dense, 24, 100},
-};
-constexpr std::size_t kCollections = std::size(kShapes);
-/// Hashed: keys 0 to 47. Dense: version modulo 4096, the slots of the longer ring.
-constexpr Word kPlaces = 4096;
+    denseOf(548, 4000), denseOf(24, 100)};
+constexpr std::size_t kCollections = std::size(kGeometries);
+/// Of a hashed collection.
 constexpr Word kKeys = 48;
 /// Keeps the verification of a round short.
 constexpr Word kWindow = 60;
 
-/// What a collection must hold. It lies in memory that outlives the writer; the writer notes here
-/// what it is about to do, does it, notes that it is done, and only then enters the result.
-struct Oracle {
-  enum class Stage : Word { idle, inFlight, done };
+/// Generations by number, and the version behind the newest.
+struct Contents {
+  std::map<Word, Word> generations;
+  Word next = 1;
 
-  std::atomic<Stage> stage;
-  std::atomic<Word> kind, key, generation;
-  std::atomic<Word> versions[kPlaces];     ///< key or version
-  std::atomic<Word> generations[kPlaces];  ///< 0: absent
-  std::atomic<Word> first, next;           ///< dense: bounds of what is not absent
-
-  Step step() const { return {static_cast<Step::Kind>(kind.load()), key, generation}; }
-
-  void announce(const Step& step) {
-    kind = static_cast<Word>(step.kind);
-    key = step.key;
-    generation = step.generation;
-    stage = Stage::inFlight;
-  }
-
-  Contents contents(bool dense) const {
-    Contents contents;
-    const Word begin = dense ? first.load() : 0;
-    const Word end = dense ? next.load() : kKeys;
-    for (Word key = begin; key < end; ++key) {
-      const Word place = key % kPlaces;
-      if (generations[place] != 0 && versions[place] == key) contents[key] = generations[place];
-    }
-    return contents;
-  }
-
-  /// May be done again after a death in the middle.
   void enter(const Step& step) {
-    const Word place = step.key % kPlaces;
-    switch (step.kind) {
-      case Step::Kind::set:
-        generations[place] = 0;
-        versions[place] = step.key;
-        generations[place] = step.generation;
-        first = std::min(first.load(), step.key);
-        next = std::max(next.load(), step.key + 1);
-        break;
-      case Step::Kind::remove:
-        generations[place] = 0;
-        break;
-      case Step::Kind::removeAll:
-        for (std::atomic<Word>& one : generations) one = 0;
-        break;
+    if (step.kind == Step::Kind::set) {
+      generations[step.key] = step.generation;
+      next = std::max(next, step.key + 1);
     }
-    while (first < next && generations[first % kPlaces] == 0) ++first;
-    stage = Stage::idle;
+    if (step.kind == Step::Kind::remove) generations.erase(step.key);
+    if (step.kind == Step::Kind::removeAll) generations.clear();
+  }
+  Model model(const Geometry& geometry) const {
+    Model model;
+    for (const auto& [number, generation] : generations) {
+      const Record key = keyOf(geometry, number);
+      model[key] = recordOf(geometry, key, generation);
+    }
+    return model;
   }
 };
 
-struct Shared {
-  Oracle oracles[kCollections];
+struct Entry {
+  std::size_t collection;
+  Step step;
+};
+
+/// What a writer noted of its life. It lies in memory that outlives it: a step is noted before it
+/// is begun, and again when it is done.
+struct Journal {
+  static constexpr Word kRoom = 1 << 18;
+
+  Entry entries[kRoom];
+  std::atomic<Word> begun, done;
   std::atomic<bool> ready;
-  std::atomic<Word> steps, refusals;
-  std::atomic<Word> olds, news;  ///< how operations in flight were found
-  std::atomic<Word> generation;
+  /// Whether the step in flight when the predecessor died was found done, once that is known.
+  enum class Found : Word { unknown, old, done };
+  std::atomic<Found> found;
+  std::atomic<Word> generation, refusals;
   char fault[1000];
 };
 
-/// The life of one writer: verify what its predecessor left, repair the oracle, go on until killed.
+/// What the collections hold, as far as the one who forks the writers can know.
+struct Oracle {
+  Contents contents[kCollections];
+  std::optional<Entry> inFlight;
+
+  /// Reads up on a life that has ended.
+  void enter(const Journal& journal) {
+    if (journal.found != Journal::Found::unknown) {
+      if (journal.found == Journal::Found::done) enter(*inFlight);
+      inFlight.reset();
+    }
+    for (Word i = 0; i < journal.done; ++i) enter(journal.entries[i]);
+    if (journal.begun > journal.done) inFlight = journal.entries[journal.done];
+  }
+  void enter(const Entry& entry) { contents[entry.collection].enter(entry.step); }
+};
+
+/// The life of one writer: verify what its predecessor left, go on until killed.
 class Life {
  public:
-  Life(Shared& shared, const std::string& directory, unsigned seed)
-      : shared_(shared), random_(seed) {
+  Life(Journal& journal, const Oracle& oracle, const std::string& directory, unsigned seed)
+      : journal_(journal), oracle_(oracle), random_(seed) {
     for (std::size_t i = 0; i < kCollections; ++i) {
-      stores_[i].emplace(directory + "/" + std::to_string(i), kShapes[i]);
+      stores_[i].emplace(directory + "/" + std::to_string(i), kGeometries[i]);
       verify(i);
     }
-    shared_.ready = true;
-  }
-
-  [[noreturn]] void goOn() {
-    for (;;) {
-      // Some steps in one collection, then in the next.
+    journal_.ready = true;
+    // Some steps in one collection, then in the next.
+    while (journal_.done + 16 < Journal::kRoom) {
       const std::size_t i = random_() % kCollections;
       for (int left = 16; left > 0; --left) oneStep(i);
     }
+    for (;;) ::pause();
   }
 
  private:
   void verify(std::size_t i) {
-    Oracle& oracle = shared_.oracles[i];
-    const Seen seen = stores_[i]->read(kKeys);
-    const Step step = oracle.step();
-    Contents contents = oracle.contents(kShapes[i].dense());
-    if (oracle.stage == Oracle::Stage::inFlight) {
-      const bool isNew = Either{contents, after(contents, step)}.isNew(seen);
-      ++(isNew ? shared_.news : shared_.olds);
-      if (isNew) oracle.stage = Oracle::Stage::done;
+    const Geometry& geometry = kGeometries[i];
+    Contents& contents = oracle_.contents[i];
+    if (oracle_.inFlight && oracle_.inFlight->collection == i) {
+      const Model before = contents.model(geometry);
+      const Step& step = oracle_.inFlight->step;
+      const bool isNew = Either{before, after(geometry, before, step)}.isNew(stores_[i]->view());
+      if (isNew) contents.enter(step);
+      journal_.found = isNew ? Journal::Found::done : Journal::Found::old;
     }
-    if (oracle.stage == Oracle::Stage::done) {
-      contents = after(std::move(contents), step);
-      oracle.enter(step);
-    }
-    oracle.stage = Oracle::Stage::idle;
-    expectExactly(seen, contents);
-    // An operation that was lost has taken no version with it.
-    if (kShapes[i].dense()) next_[i] = std::max(oracle.next.load(), stores_[i]->next());
+    expectExactly(stores_[i]->view(), contents.model(geometry));
+    // An operation that was lost has taken no version with it, one that was refused may have.
+    if (isDense(geometry)) contents.next = std::max(contents.next, stores_[i]->fresh());
   }
 
   void oneStep(std::size_t i) {
-    Oracle& oracle = shared_.oracles[i];
-    const Step step = kShapes[i].dense() ? denseStep(oracle, next_[i]) : hashedStep();
+    const Step step = isDense(kGeometries[i]) ? denseStep(oracle_.contents[i]) : hashedStep();
     stores_[i]->prepare(step);
-    oracle.announce(step);
+    journal_.entries[journal_.done] = {i, step};
+    ++journal_.begun;
     try {
       stores_[i]->perform(step);
-      oracle.stage = Oracle::Stage::done;
-      oracle.enter(step);
-      if (step.kind == Step::Kind::set) next_[i] = std::max(next_[i], step.key + 1);
+      ++journal_.done;
+      oracle_.contents[i].enter(step);
     } catch (const Drift::CollectionFullException&) {
-      oracle.stage = Oracle::Stage::idle;
-      ++shared_.refusals;
+      --journal_.begun;
+      ++journal_.refusals;
     }
-    ++shared_.steps;
   }
 
   Step hashedStep() {
     const unsigned dice = random_() % 256;
     if (dice == 0) return removeAll();
     if (dice < 100) return remove(random_() % kKeys);
-    return set(random_() % kKeys, ++shared_.generation);
+    return set(random_() % kKeys, ++journal_.generation);
   }
 
-  Step denseStep(const Oracle& oracle, Word next) {
-    const Word first = oracle.first < next ? oracle.first.load() : next;
+  Step denseStep(const Contents& contents) {
+    const Word next = contents.next;
+    const auto& there = contents.generations;
+    const Word first = there.empty() ? next : there.begin()->first;
     const Word within = first + random_() % (next - first + 1);
     const unsigned dice = random_() % 64;
     if (next - first > kWindow || (dice < 24 && first < next)) return remove(first);
     if (dice == 24) return removeAll();
-    const Word generation = ++shared_.generation;
+    const Word generation = ++journal_.generation;
     if (dice == 25) return set(next + random_() % 20, generation);
     if (dice == 26) return set(first - std::min<Word>(first, 1 + random_() % 4), generation);
     if (dice < 32) return remove(within);
@@ -175,20 +157,11 @@ class Life {
     return set(next, generation);
   }
 
-  Shared& shared_;
+  Journal& journal_;
+  Oracle oracle_;
   std::mt19937 random_;
   std::optional<Store> stores_[kCollections];
-  Word next_[kCollections] = {};
 };
-
-[[noreturn]] void live(Shared& shared, const std::string& directory, unsigned seed) {
-  try {
-    Life(shared, directory, seed).goOn();
-  } catch (const std::exception& wrong) {
-    std::string(wrong.what()).copy(shared.fault, sizeof shared.fault - 1);
-  }
-  ::_exit(1);
-}
 
 TEST(KillRoundsSoakDeathTest, WhatWasCommittedSurvivesAnyNumberOfKills) {
   const int usual = kInstrumented ? 1'000 : 20'000;
@@ -197,23 +170,25 @@ TEST(KillRoundsSoakDeathTest, WhatWasCommittedSurvivesAnyNumberOfKills) {
   SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
   std::mt19937 random(seed);
   const TempDir directory;
-  void* const memory =
-      ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(memory, MAP_FAILED);
-  auto& shared = *new (memory) Shared;
+  const Support::Shared<Journal> journal;
+  Oracle oracle;
   // The kernel rounds waits up by 50 us otherwise, which is longer than most lives here.
   ::prctl(PR_SET_TIMERSLACK, 1UL);
 
-  int inMounts = 0;
-  const auto inFlight = [](const Oracle& oracle) {
-    return oracle.stage == Oracle::Stage::inFlight;
-  };
-  int inFlights = 0;
+  int inMounts = 0, inFlights = 0, olds = 0, news = 0;
+  Word steps = 0;
   for (int round = 0; round < rounds; ++round) {
-    shared.ready = false;
-    const pid_t child = ::fork();
-    if (child == 0) live(shared, directory.path(), static_cast<unsigned>(random()));
-    (void)random();
+    journal->begun = journal->done = 0;
+    journal->ready = false;
+    journal->found = Journal::Found::unknown;
+    const auto lifeSeed = static_cast<unsigned>(random());
+    Support::Process child([&] {
+      try {
+        Life(*journal, oracle, directory.path(), lifeSeed);
+      } catch (const std::exception& wrong) {
+        std::string(wrong.what()).copy(journal->fault, sizeof journal->fault - 1);
+      }
+    });
     const auto pause = [&](long most) {
       const timespec time{0, static_cast<long>(random() % static_cast<unsigned>(most))};
       ::nanosleep(&time, nullptr);
@@ -222,25 +197,26 @@ TEST(KillRoundsSoakDeathTest, WhatWasCommittedSurvivesAnyNumberOfKills) {
     if (round % 8 == 7) {
       pause(1'000'000);
     } else {
-      while (!shared.ready && ::waitpid(child, nullptr, WNOHANG) == 0) pause(50'000);
+      while (!journal->ready && child.running()) pause(50'000);
       pause(200'000);
     }
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-    ASSERT_STREQ(shared.fault, "") << "in round " << round;
-    inMounts += shared.ready ? 0 : 1;
-    inFlights += std::ranges::any_of(shared.oracles, inFlight) ? 1 : 0;
+    child.kill();
+    ASSERT_STREQ(journal->fault, "") << "in round " << round;
+    oracle.enter(*journal);
+    inMounts += journal->ready ? 0 : 1;
+    inFlights += journal->begun > journal->done ? 1 : 0;
+    olds += journal->found == Journal::Found::old ? 1 : 0;
+    news += journal->found == Journal::Found::done ? 1 : 0;
+    steps += journal->done;
   }
   std::cout << rounds << " kills, " << inFlights << " in an operation, which was found not done "
-            << shared.olds << " times and done " << shared.news << " times, " << inMounts
-            << " in a mount; " << shared.steps << " operations, " << shared.refusals
-            << " refused\n";
+            << olds << " times and done " << news << " times, " << inMounts << " in a mount; "
+            << steps << " operations, " << journal->refusals << " refused\n";
   EXPECT_GT(inFlights, rounds / 4);
-  EXPECT_GT(shared.olds, static_cast<Word>(rounds / 50));
-  EXPECT_GT(shared.news, static_cast<Word>(rounds / 50));
+  EXPECT_GT(olds, rounds / 50);
+  EXPECT_GT(news, rounds / 50);
   EXPECT_GT(inMounts, rounds / 100);
-  EXPECT_GT(shared.refusals, 0U);
-  ::munmap(memory, sizeof(Shared));
+  EXPECT_GT(journal->refusals, 0U);
 }
 
 }  // namespace

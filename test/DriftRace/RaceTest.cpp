@@ -1,26 +1,212 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
-#include <csignal>
 #include <iostream>
+#include <random>
 #include <thread>
 
-#include "DriftRace/Checkers.h"
+#include "Support/Collections.h"
+#include "Support/Process.h"
+#include "Support/Shared.h"
 #include "Support/Soak.h"
 
-namespace DriftTest {
+/// A writer at full speed and readers that notice whatever they must not see. The writer's rules
+/// are what the readers hold it to: generations only rise; of a hashed collection the lasting keys
+/// are never removed; of a dense one every fourth version is there until the low end passes it.
+namespace Drift::Specimens {
 namespace {
 
-using Drift::Directory;
-using Drift::DriftFile;
-using Format::Layout;
 using std::chrono::milliseconds;
+using Random = std::minstd_rand;
 
 constexpr int kReaders = 4;
+constexpr Word kLasting = 40;
+/// Of so many keys a few are there at a time: each comes to another place in the index.
+constexpr Word kKeys = 1024;
+constexpr std::size_t kLive = 62;
+/// Few slots, so that readers meet the writer often: 64 in the ring of this capacity.
+constexpr Word kCapacity = 62;
+constexpr Word kWindow = 40;
+constexpr bool lastsInLog(Word version) { return version % 4 == 0; }
+
+/// Record size, and keys that stay: none where everything is removed at once now and then.
+struct Course {
+  std::uint32_t recordSize;
+  Word lasting;
+
+  Geometry hashed() const { return hashedOf(recordSize, kCapacity + 2); }
+  Geometry dense() const { return denseOf(recordSize, kCapacity); }
+};
+constexpr Course kCourses[] = {{24, kLasting}, {124, 0}, {536, kLasting}, {552, 0}};
+
+/// The writer of one collection.
+class Load {
+ public:
+  Load(DriftFile& file, const Geometry& geometry, Word lasting)
+      : writer_(file),
+        record_(wordsOf(geometry.recordSize)),
+        key_(keyOf(geometry, 0)),
+        lasting_(lasting) {
+    const Word first = isDense(geometry) ? 1 : 0;
+    const Word count = isDense(geometry) ? kWindow / 2 : lasting;
+    for (Word number = first; number < first + count; ++number) put(number);
+  }
+  void step(Random& random) { writer_.dense ? denseStep(random) : hashedStep(random); }
+
+ private:
+  void hashedStep(Random& random) {
+    const unsigned dice = random() % 1024;
+    if (dice == 0 && lasting_ == 0) {
+      writer_.removeAll();
+      passing_.clear();
+    } else if (dice < 200 && lasting_ != 0) {
+      put(random() % lasting_);
+    } else if (dice < 600 && !passing_.empty()) {
+      std::swap(passing_[random() % passing_.size()], passing_.back());
+      remove(passing_.back());
+      passing_.pop_back();
+    } else if (lasting_ + passing_.size() < kLive) {
+      passing_.push_back(lasting_ + random() % (kKeys - lasting_));
+      put(passing_.back());
+    } else {
+      put(passing_[random() % passing_.size()]);
+    }
+  }
+  void denseStep(Random& random) {
+    const auto [first, next] = writer_.dense->view().window();
+    const Word within = first + random() % (next - first + 1);
+    const unsigned dice = random() % 64;
+    if (next - first > kWindow || (dice < 30 && next - first > kWindow / 2)) {
+      remove(first);
+    } else if (dice < 36 && within < next) {
+      put(within);
+    } else if (dice < 40 && within < next && !lastsInLog(within)) {
+      remove(within);
+    } else if (dice == 40 && !lastsInLog(next)) {
+      put(next + 1);
+    } else {
+      put(next);
+    }
+  }
+  void put(Word number) {
+    key_.back() = number;
+    fill(record_, key_, ++generation_);
+    writer_.set(record_);
+  }
+  void remove(Word number) {
+    key_.back() = number;
+    (void)writer_.remove(key_);
+  }
+
+  AnyWriter writer_;
+  Record record_, key_;
+  const Word lasting_;
+  std::vector<Word> passing_;  ///< keys that come and go
+  Word generation_ = 0;
+};
+
+/// A reader of one collection.
+class Checker {
+ public:
+  Checker(const DriftFile& file, const Geometry& geometry, Word lasting)
+      : view_(file), key_(keyOf(geometry, 0)), lasting_(lasting) {}
+
+  void step(Random& random) {
+    if (view_.dense) {
+      for (int i = 0; i < 32; ++i) {
+        const auto window = view_.dense->window();
+        find(window.first + random() % (window.next - window.first + 1));
+      }
+      for (int i = 0; i < 64 && follow(); ++i) {
+      }
+    } else {
+      for (int i = 0; i < 32; ++i) find(random() % kKeys);
+      for (int i = 0; i < 64; ++i) find(random() % kLasting);
+      walk();
+    }
+    if (view_.size() > kLive) fault("size {}", view_.size());
+  }
+
+  Word reads = 0;
+  Word changes = 0;  ///< records that had changed since this reader's last look
+
+ private:
+  void find(Word number) {
+    ++reads;
+    key_.back() = number;
+    if (view_.find(key_)) return note(number);
+    if (mustBeThere(number)) fault("key {} was always there and is not found", number);
+    // Who comes after an absence is newer.
+    Latest& latest = latest_[number % kKeys];
+    if (latest.number == number && latest.generation != 0 && !latest.absent) ++latest.generation;
+    latest.absent = true;
+  }
+
+  bool mustBeThere(Word number) const {
+    if (!view_.dense) return number < lasting_;
+    const auto window = view_.dense->window();
+    return lastsInLog(number) && number >= window.first && number < seenNext_;
+  }
+
+  void walk() {
+    bool seen[kKeys] = {};
+    view_.walkFromTheBeginning();
+    while (view_.next()) {
+      ++reads;
+      const Word key = view_.after.back();
+      if (key >= kKeys) fault("the walk gives a key that never was: {}", key);
+      if (std::exchange(seen[key], true)) fault("the walk visits key {} twice", key);
+      note(key);
+    }
+    for (Word key = 0; key < lasting_; ++key) {
+      if (!seen[key]) fault("key {} was always there and the walk passes over it", key);
+    }
+  }
+
+  /// Goes on to the next record behind the last one that was followed.
+  bool follow() {
+    const Word from = view_.version;
+    ++reads;
+    if (!view_.next()) return false;
+    const Word version = view_.after[0];
+    if (version < from) fault("asked from {} on, got {}", from, version);
+    note(version);
+    for (Word passed = from; passed < version; ++passed) {
+      if (mustBeThere(passed)) fault("from {} on: version {} is passed over", from, passed);
+    }
+    return true;
+  }
+
+  void note(Word number) {
+    key_.back() = number;
+    if (!std::ranges::equal(key_, std::span(view_.bytes).first(key_.size()))) {
+      fault("key {} gave another", number);
+    }
+    const Word generation = generationOf(view_.bytes, key_.size());
+    Latest& latest = latest_[number % kKeys];
+    const bool known = latest.number == number;
+    if (known && generation < latest.generation) {
+      fault("key {} went back from generation {} to {}", number, latest.generation, generation);
+    }
+    if (!known || generation != latest.generation) ++changes;
+    latest = {number, generation, false};
+    seenNext_ = std::max(seenNext_, number + 1);
+  }
+
+  struct Latest {
+    Word number;
+    Word generation;
+    bool absent;
+  };
+
+  AnyView view_;
+  Record key_;
+  const Word lasting_;
+  Word seenNext_ = 0;
+  Latest latest_[kKeys] = {};
+};
 
 /// A record of 552 bytes without any protection, written and read beside the others: it shows that
 /// writer and readers meet in the middle of records in this run.
@@ -33,13 +219,12 @@ class Unprotected {
     words_[1].store(generation, std::memory_order_relaxed);
   }
   bool readsTorn() const {
-    std::array<Word, kWords> record{1};
-    for (std::size_t i = 1; i < kWords; ++i) record[i] = words_[i].load(std::memory_order_relaxed);
-    try {
-      return record[1] != 0 && generationOf(record, 1, 1) == 0;
-    } catch (const Fault&) {
-      return true;
+    const Word generation = words_[1].load(std::memory_order_relaxed);
+    bool torn = false;
+    for (std::size_t i = 2; i < kWords; ++i) {
+      torn |= words_[i].load(std::memory_order_relaxed) != contentOf(1, generation, i);
     }
+    return generation != 0 && torn;
   }
 
  private:
@@ -68,16 +253,20 @@ void guarded(Race& race, Body body) {
   }
 }
 
-void write(Race& race, DriftFile& hashed, DriftFile& dense, Word lasting, unsigned seed) {
+struct Files {
+  std::unique_ptr<DriftFile> hashed, dense;
+};
+
+void write(Race& race, const Files& files, const Course& course, unsigned seed) {
   guarded(race, [&] {
     Random random(seed);
-    HashedLoad hashedLoad(hashed, lasting);
-    DenseLoad denseLoad(dense);
+    Load hashed(*files.hashed, course.hashed(), course.lasting);
+    Load dense(*files.dense, course.dense(), 0);
     Word generation = 0;
     while (!race.stop.load(std::memory_order_relaxed)) {
       for (int i = 0; i < 16; ++i) {
-        hashedLoad.step(random);
-        denseLoad.step(random);
+        hashed.step(random);
+        dense.step(random);
         race.unprotected.write(++generation);
       }
       race.operations += 32;
@@ -85,47 +274,20 @@ void write(Race& race, DriftFile& hashed, DriftFile& dense, Word lasting, unsign
   });
 }
 
-void read(Race& race, const DriftFile& hashed, const DriftFile& dense, Word lasting,
-          unsigned seed) {
+void read(Race& race, const Files& files, const Course& course, unsigned seed) {
   guarded(race, [&] {
     Random random(seed);
-    HashedChecker hashedChecker(hashed, lasting);
-    DenseChecker denseChecker(dense);
+    Checker hashed(*files.hashed, course.hashed(), course.lasting);
+    Checker dense(*files.dense, course.dense(), 0);
     while (!race.stop.load(std::memory_order_relaxed)) {
-      hashedChecker.step(random);
-      denseChecker.step(random);
+      hashed.step(random);
+      dense.step(random);
       for (int i = 0; i < 64; ++i) race.torn += race.unprotected.readsTorn() ? 1 : 0;
-      race.reads += std::exchange(hashedChecker.findings.reads, 0);
-      race.reads += std::exchange(denseChecker.findings.reads, 0);
+      race.reads += std::exchange(hashed.reads, 0) + std::exchange(dense.reads, 0);
     }
-    race.changes += hashedChecker.findings.changes + denseChecker.findings.changes;
+    race.changes += hashed.changes + dense.changes;
   });
 }
-
-/// Two collections with what the writer's loads begin with.
-struct Arena {
-  Arena(std::uint32_t recordSize, Word lasting)
-      : directory(temporary.path(), Directory::Access::write) {
-    HashedLoad(*writable(Layout::hashed, recordSize), lasting);
-    DenseLoad(*writable(Layout::dense, recordSize));
-  }
-  /// How often the writer has changed to the other index table.
-  Word switches() const {
-    const auto file = readable(Layout::hashed);
-    return Drift::CheckedWord(file->data(), Format::Line::active).load().value() >> 1;
-  }
-  std::unique_ptr<DriftFile> writable(Layout layout, std::uint32_t recordSize) const {
-    const Shape shape{layout, recordSize, kCapacity + (layout == Layout::hashed ? 2 : 0)};
-    return DriftFile::openForWriting(directory, nameOf(layout), shape.geometry(), {});
-  }
-  std::unique_ptr<DriftFile> readable(Layout layout) const {
-    return DriftFile::openForReading(directory, nameOf(layout), nullptr);
-  }
-  static const char* nameOf(Layout layout) { return layout == Layout::dense ? "log" : "table"; }
-
-  TempDir temporary;
-  Directory directory;
-};
 
 /// Lets a race run for a while, if asked up to a number of reads, and until writer and readers have
 /// met, which on a busy machine may take longer.
@@ -141,91 +303,71 @@ void let(Race& race, milliseconds time, Word reads) {
   race.stop = true;
 }
 
-void judge(const Race& race, const Arena& arena, std::uint32_t recordSize) {
-  EXPECT_STREQ(race.fault, "");
-  std::cout << recordSize << " bytes: " << race.reads << " reads, " << race.changes
-            << " of changed records, beside " << race.operations << " operations; " << race.torn
-            << " torn reads of the unprotected record, " << arena.switches() << " index tables\n";
-  EXPECT_GT(race.reads, 1000U);
-  EXPECT_GT(race.changes, 100U);
-  EXPECT_GT(race.torn, 0U);
-  EXPECT_GT(arena.switches(), 10U);
-}
-
-void raceProcesses(std::uint32_t recordSize, Word lasting, milliseconds time, Word reads,
-                   unsigned seed) {
-  const Arena arena(recordSize, lasting);
-  void* const memory =
-      ::mmap(nullptr, sizeof(Race), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(memory, MAP_FAILED);
-  auto& race = *new (memory) Race();
-  const auto start = [](auto body) {
-    const pid_t child = ::fork();
-    if (child != 0) return child;
-    body();
-    ::_exit(0);
+/// One writer and four readers, each with mappings of its own or all over the writer's.
+void runRace(const Course& course, bool processes, milliseconds time, Word reads, unsigned seed) {
+  const TempDir temporary;
+  const Directory directory(temporary.path(), Directory::Access::write);
+  const auto writable = [&]() -> Files {
+    return {DriftFile::openForWriting(directory, "table", course.hashed(), {}),
+            DriftFile::openForWriting(directory, "log", course.dense(), {})};
   };
-  std::vector<pid_t> children;
-  children.push_back(start([&] {
-    const auto hashed = arena.writable(Layout::hashed, recordSize);
-    const auto dense = arena.writable(Layout::dense, recordSize);
-    write(race, *hashed, *dense, lasting, seed);
-  }));
-  for (unsigned i = 1; i <= kReaders; ++i) {
-    children.push_back(start([&] {
-      const auto hashed = arena.readable(Layout::hashed);
-      const auto dense = arena.readable(Layout::dense);
-      read(race, *hashed, *dense, lasting, seed + i);
-    }));
-  }
-  let(race, time, reads);
-  for (const pid_t child : children) {
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
-  }
-  judge(race, arena, recordSize);
-  ::munmap(memory, sizeof(Race));
-}
+  const auto readable = [&]() -> Files {
+    return {DriftFile::openForReading(directory, "table", nullptr),
+            DriftFile::openForReading(directory, "log", nullptr)};
+  };
+  Files shared = writable();
+  // What the writer begins with.
+  Load(*shared.hashed, course.hashed(), course.lasting);
+  Load(*shared.dense, course.dense(), 0);
+  if (processes) shared = {};
 
-void raceThreads(std::uint32_t recordSize, Word lasting, milliseconds time, unsigned seed) {
-  const Arena arena(recordSize, lasting);
-  const auto hashed = arena.writable(Layout::hashed, recordSize);
-  const auto dense = arena.writable(Layout::dense, recordSize);
-  const auto race = std::make_unique<Race>();
+  const Support::Shared<Race> race;
+  const auto part = [&](unsigned who) {
+    const Files own = !processes ? Files() : who == 0 ? writable() : readable();
+    (who == 0 ? write : read)(*race, processes ? own : shared, course, seed + who);
+  };
+  std::vector<Support::Process> children;
   std::vector<std::thread> threads;
-  threads.emplace_back([&] { write(*race, *hashed, *dense, lasting, seed); });
-  for (unsigned i = 1; i <= kReaders; ++i) {
-    threads.emplace_back([&, i] { read(*race, *hashed, *dense, lasting, seed + i); });
+  for (unsigned who = 0; who <= kReaders; ++who) {
+    if (processes) {
+      children.emplace_back([&] { part(who), ::_exit(0); });
+    } else {
+      threads.emplace_back(part, who);
+    }
   }
-  let(*race, time, 0);
+  let(*race, time, reads);
+  for (Support::Process& child : children) EXPECT_EQ(child.wait(), 0);
   for (std::thread& thread : threads) thread.join();
-  judge(*race, arena, recordSize);
-}
 
-/// Record size, and keys that stay: none where everything is removed at once now and then.
-struct Course {
-  std::uint32_t recordSize;
-  Word lasting;
-};
-constexpr Course kCourses[] = {{24, kLasting}, {124, 0}, {536, kLasting}, {552, 0}};
+  EXPECT_STREQ(race->fault, "");
+  // How often the writer has changed to the other index table.
+  const auto file = readable().hashed;
+  const Word switches = CheckedWord(file->data(), Format::Line::active).load().value() >> 1;
+  std::cout << course.recordSize << " bytes: " << race->reads << " reads, " << race->changes
+            << " of changed records, beside " << race->operations << " operations; " << race->torn
+            << " torn reads of the unprotected record, " << switches << " index tables\n";
+  EXPECT_GT(race->reads, 1000U);
+  EXPECT_GT(race->changes, 100U);
+  EXPECT_GT(race->torn, 0U);
+  EXPECT_GT(switches, 10U);
+}
 
 /// How long all courses together take; BASTIL_RACE_SECONDS gives another time.
-milliseconds timeOf(const Course&, int seconds) {
+milliseconds timeOf(int seconds) {
   const char* const given = std::getenv("BASTIL_RACE_SECONDS");
   return milliseconds(1000 * (given != nullptr ? std::atoi(given) : seconds) /
                       static_cast<int>(std::size(kCourses)));
 }
 
 /// A sanitizer sees nothing between processes.
-constexpr int kMinute = kInstrumented ? 8 : 60;
+constexpr int kMinute = BASTIL_SANITIZED ? 8 : 60;
 
 TEST(RaceSoak, FourReaderProcessesNeverMeetATornRecord) {
   const unsigned seed = Support::seed();
   SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
   const Word reads = Support::soakFactor() == 1 ? 0 : 1'000'000'000 / std::size(kCourses);
   for (const Course& course : kCourses) {
-    raceProcesses(course.recordSize, course.lasting, timeOf(course, kMinute), reads, seed);
+    runRace(course, true, timeOf(kMinute), reads, seed);
   }
 }
 
@@ -233,82 +375,9 @@ TEST(RaceThread, FourReadersOverTheWritersMappingNeverMeetATornRecord) {
   const unsigned seed = Support::seed();
   SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
   for (const Course& course : kCourses) {
-    raceThreads(course.recordSize, course.lasting, timeOf(course, 8), seed);
+    runRace(course, false, timeOf(8), 0, seed);
   }
 }
-
-/// The checkers themselves, beside a writer that stands still between its steps.
-class CheckerThread : public testing::TestWithParam<std::uint32_t> {
- protected:
-  CheckerThread()
-      : hashed_(arena_.writable(Layout::hashed, GetParam())),
-        dense_(arena_.writable(Layout::dense, GetParam())) {}
-
-  template <class Checker>
-  static std::string faultOf(Checker& checker) {
-    return faultIn([&, random = Random(1)]() mutable { checker.step(random); });
-  }
-  template <class Look>
-  static std::string faultIn(Look look) {
-    try {
-      for (int i = 0; i < 10; ++i) look();
-    } catch (const Fault& wrong) {
-      return wrong.what();
-    }
-    return "";
-  }
-
-  Arena arena_{GetParam(), kLasting};
-  std::unique_ptr<DriftFile> hashed_;
-  std::unique_ptr<DriftFile> dense_;
-};
-
-TEST_P(CheckerThread, ARuleThatIsBrokenInAHashedCollectionIsNoticed) {
-  HashedLoad load(*hashed_, kLasting);
-  HashedChecker checker(*hashed_, kLasting);
-  Random random(1);
-  for (int i = 0; i < 1000; ++i) load.step(random);
-  EXPECT_EQ(faultOf(checker), "");
-
-  const std::size_t keyWords = load.writer().view().keyWords();
-  std::vector<Word> record(load.writer().view().recordWords());
-  fillRecord(record, keyWords, 5, 1);
-  load.writer().set(record);
-  EXPECT_THAT(faultOf(checker), testing::HasSubstr("went back"));
-  fillRecord(record, keyWords, 5, 1'000'000);
-  record.back() = contentOf(5, 1'000'001, record.size() - 1);
-  load.writer().set(record);
-  EXPECT_THAT(faultOf(checker), testing::HasSubstr("is of another record"));
-  load.remove(5);
-  EXPECT_THAT(faultOf(checker), testing::HasSubstr("always there"));
-}
-
-TEST_P(CheckerThread, ARuleThatIsBrokenInADenseCollectionIsNoticed) {
-  DenseLoad load(*dense_);
-  DenseChecker checker(*dense_);
-  Random random(1);
-  for (int i = 0; i < 1000; ++i) load.step(random);
-  EXPECT_EQ(faultOf(checker), "");
-
-  const Word next = load.writer().next();
-  const Word version = next - next % 4 + 4;
-  for (Word one = next; one <= version; ++one) load.put(one);
-  EXPECT_EQ(faultOf(checker), "");
-  std::vector<Word> record(load.writer().view().recordWords());
-  fillRecord(record, 1, version, 1);
-  load.writer().set(record);
-  EXPECT_THAT(faultOf(checker), testing::HasSubstr("went back"));
-  fillRecord(record, 1, version, 1'000'000);
-  record.back() = contentOf(version, 1'000'001, record.size() - 1);
-  load.writer().set(record);
-  EXPECT_THAT(faultOf(checker), testing::HasSubstr("is of another record"));
-  (void)load.writer().remove(version);
-  EXPECT_THAT(faultOf(checker), testing::HasSubstr("always there"));
-  load.put(version + 8);
-  EXPECT_THAT(faultIn([&] { checker.follow(); }), testing::HasSubstr("passed over"));
-}
-
-INSTANTIATE_TEST_SUITE_P(Size, CheckerThread, testing::Values(24, 124, 536, 552));
 
 }  // namespace
-}  // namespace DriftTest
+}  // namespace Drift::Specimens

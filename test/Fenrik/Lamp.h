@@ -1,6 +1,5 @@
 #pragma once
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -16,9 +15,7 @@ class Lamp final : public Fenrik::NodeClass<Lamp, Fenrik::Publishing<Fenrik::Nod
   static constexpr std::uint16_t kFieldBase = 128;
   using KivModule = LampModule;
 
-  explicit Lamp(int brightness, bool broken = false) : brightness_(brightness) {
-    if (broken) throw std::runtime_error("broken lamp");
-  }
+  explicit Lamp(int brightness) : brightness_(brightness) {}
   ~Lamp() override {
     if (ended != nullptr) *ended = hasNotificationFlag() ? "flag still set" : "ended";
   }

@@ -16,18 +16,6 @@ struct TraceControlTest : testing::Test {
   ~TraceControlTest() override { TraceControl::settingDelAll(); }
 };
 
-TEST_F(TraceControlTest, EachLevelIsABitOfItsOwnInBothBytesOfTheMask) {
-  const Kiv::TraceHandle handle("EachLevel", false);
-  const auto& record = **reinterpret_cast<Kiv::TraceControlRecord* const*>(&handle);
-  for (unsigned level = 0; level < Kiv::kTraceLevels; ++level) {
-    TraceControl::settingIs("EachLevel/" + std::to_string(level));
-    EXPECT_EQ(handle.mask(), 1u << level);
-    EXPECT_EQ(record.bytes[level / 8], 1u << level % 8);
-    for (unsigned other = 0; other < Kiv::kTraceLevels; ++other)
-      EXPECT_EQ(handle.levelEnabled(other), other == level);
-  }
-}
-
 TEST_F(TraceControlTest, SettingsHoldForHandlesThatAreThereAndThoseThatComeTheLastOneWins) {
   const Kiv::TraceHandle before("Lamp.Before", false);
   const Kiv::TraceHandle open("Lamp.Open", true);

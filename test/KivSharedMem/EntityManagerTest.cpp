@@ -1,8 +1,7 @@
 #include "KivSharedMem/EntityManager.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/wait.h>
+#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -14,6 +13,7 @@
 #include "QuarnBastil/TcamEntryTypes.h"
 #include "QuarnLpmLib/BigBbDataModelTypes.h"
 #include "Stavro/ValueEntity.h"
+#include "Support/Process.h"
 
 namespace {
 
@@ -28,6 +28,7 @@ using QuarnBastil::TcamEntryEntryKey;
 using QuarnBastil::TcamEntryEntryLogDrift;
 using QuarnBastil::TcamEntryLogDriftEntry;
 using QuarnBastil::TcamEntryLogEntry;
+using testing::HasSubstr;
 
 constexpr const char* kLogPath = "TcamEntry/entryLog";
 constexpr const char* kConfigPath = "TcamEntry/config/3";
@@ -39,17 +40,12 @@ TcamEntryLogDriftEntry logRecord(std::uint64_t version) {
 
 class EntityManagerTest : public testing::Test {
  protected:
-  EntityManagerTest() {
-    char path[] = "/dev/shm/bastil-test.XXXXXX";
-    directory_ = mkdtemp(path);
-    managerIs(Directory::Access::write);
-  }
-  ~EntityManagerTest() override { std::filesystem::remove_all(directory_.str()); }
+  EntityManagerTest() { restart(); }
 
   /// As a new process would: nothing of the former manager is left.
-  void managerIs(Directory::Access access) {
+  void restart() {
     manager_ = nullptr;
-    manager_ = Fenrik::ptrIsImpl<EntityManager>("agent", directory_, access);
+    manager_ = Fenrik::ptrIsImpl<EntityManager>("agent", directory_, Directory::Access::write);
   }
 
   template <class T>
@@ -75,16 +71,19 @@ class EntityManagerTest : public testing::Test {
     return paths;
   }
 
-  /// Runs a piece of the test in a process of its own; the result is its exit status.
   static int inChild(const std::function<bool()>& piece) {
-    const pid_t child = ::fork();
-    if (child == 0) ::_exit(piece() ? 0 : 1);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+    return Support::Process([&] { ::_exit(piece() ? 0 : 1); }).wait();
   }
 
-  Fenrik::String directory_;
+  /// Changes the bytes of a collection's file from `at` on.
+  void damage(const char* path, std::size_t at, const std::string& with) const {
+    const Drift::Descriptor fd(::open(manager_->directory().pathOf(path).c_str(), O_WRONLY));
+    ASSERT_EQ(::pwrite(fd.get(), with.data(), with.size(), static_cast<off_t>(at)),
+              static_cast<ssize_t>(with.size()));
+  }
+
+  Support::TempDir dir_;
+  const Fenrik::String directory_{dir_.path()};
   Fenrik::Ptr<EntityManager> manager_;
 };
 
@@ -103,7 +102,7 @@ TEST_F(EntityManagerTest, CollectionsOutliveTheirProcessAndCountOn) {
   log->entryLogConfigDel(Asic::LogVersion(1));
   log = nullptr;
   config = nullptr;
-  managerIs(Directory::Access::write);
+  restart();
 
   log = mount<TcamEntryEntryLogDrift>(kLogPath);
   config = mount<TcamEntryConfigDrift>(kConfigPath);
@@ -128,25 +127,6 @@ TEST_F(EntityManagerTest, CollectionsOutliveTheirProcessAndCountOn) {
   EXPECT_TRUE(TcamEntryConfigDriftEntry::isEq(&gone, &none));
 }
 
-TEST_F(EntityManagerTest, WalksMeetEveryRecordAndGoOnBehindOneThatWent) {
-  const auto config = mount<TcamEntryConfigDrift>(kConfigPath);
-  for (std::uint16_t i = 0; i < 100; ++i) {
-    config->swTableEntriesIs({logRecord(i).logEntry, {}, Asic::LogVersion(i), false});
-  }
-  std::set<std::uint64_t> seen;
-  TcamEntryConfigDrift::Map::Cursor cursor;
-  for (bool more = config->map()->driftMapIterBegin(cursor); more;) {
-    EXPECT_TRUE(seen.insert(cursor.record.logVersion.value()).second);
-    const TcamEntryEntryKey key = cursor.record.logEntry.key;
-    config->swTableEntriesDel(key);
-    if (seen.size() % 2 == 0) cursor.hint = 0;
-    more = config->map()->driftMapIterNext(key, cursor);
-  }
-  EXPECT_EQ(seen.size(), 100u);
-  EXPECT_EQ(config->map()->driftMapSize(), 0u);
-  EXPECT_FALSE(config->map()->driftMapIterBegin(cursor));
-}
-
 TEST_F(EntityManagerTest, AMountThatCannotBeSaysWhatWhereAndWhy) {
   const auto refusal = [&](const char* type, const char* attribute, Drift::Word capacity) {
     const auto group = manager_->getMountGroup();
@@ -161,9 +141,9 @@ TEST_F(EntityManagerTest, AMountThatCannotBeSaysWhatWhereAndWhy) {
     return std::string("mounted");
   };
   const char* const type = "QuarnBastil::TcamEntryConfigDrift";
-  EXPECT_NE(refusal("Nobody", "swTableEntries", 1).find("\"Nobody\""), std::string::npos);
-  EXPECT_NE(refusal(type, "entries", 1).find("\"swTableEntries\""), std::string::npos);
-  EXPECT_NE(refusal(type, "swTableEntries", 0).find("capacity of 0"), std::string::npos);
+  EXPECT_THAT(refusal("Nobody", "swTableEntries", 1), HasSubstr("\"Nobody\""));
+  EXPECT_THAT(refusal(type, "entries", 1), HasSubstr("\"swTableEntries\""));
+  EXPECT_THAT(refusal(type, "swTableEntries", 0), HasSubstr("capacity of 0"));
   EXPECT_TRUE(manager_->getEntity("some/path") == nullptr);
   EXPECT_EQ(manager_->findEntities("", KivSharedMemType::stored)->entityCount(), 0u)
       << "a refused mount leaves nothing";
@@ -181,32 +161,24 @@ TEST_F(EntityManagerTest, AMountThatCannotBeSaysWhatWhereAndWhy) {
 
 TEST_F(EntityManagerTest, AWipedCollectionSaysSoOnceAndCountsOn) {
   mount<TcamEntryEntryLogDrift>(kLogPath)->collectionControl()->scratchpadIs(41);
-  managerIs(Directory::Access::write);
-  const std::string file = manager_->directory().pathOf(kLogPath);
-  const int fd = ::open(file.c_str(), O_WRONLY);
-  ASSERT_EQ(::pwrite(fd, "xxxx", 4, 8), 4);
-  ::close(fd);
+  restart();
+  damage(kLogPath, 8, "xxxx");
   auto log = mount<TcamEntryEntryLogDrift>(kLogPath);
   EXPECT_TRUE(log->collectionControl()->wiped());
   EXPECT_EQ(log->collectionControl()->mountStage(), Drift::MountStage::rebuilt);
-  EXPECT_NE(log->collectionControl()->mountReason().view().find(file), std::string_view::npos);
+  EXPECT_THAT(log->collectionControl()->mountReason().str(),
+              HasSubstr(manager_->directory().pathOf(kLogPath)));
   EXPECT_EQ(log->collectionControl()->scratchpad(), 41u);
   log->collectionControl()->clearWiped();
   log = nullptr;
-  managerIs(Directory::Access::write);
+  restart();
   EXPECT_FALSE(mount<TcamEntryEntryLogDrift>(kLogPath)->collectionControl()->wiped());
 }
 
 TEST_F(EntityManagerTest, DamageIsNotedWithItsCollection) {
   const auto config = mount<TcamEntryConfigDrift>(kConfigPath);
   config->swTableEntriesIs({logRecord(1).logEntry, {}, Asic::LogVersion(1), false});
-  const int fd = ::open(manager_->directory().pathOf(kConfigPath).c_str(), O_RDWR);
-  const auto at = static_cast<off_t>(config->file().header().slotsOffset + 100);
-  char byte = 0;
-  ASSERT_EQ(::pread(fd, &byte, 1, at), 1);
-  byte = static_cast<char>(byte ^ 4);
-  ASSERT_EQ(::pwrite(fd, &byte, 1, at), 1);
-  ::close(fd);
+  damage(kConfigPath, config->file().header().slotsOffset + 100, "?");
   bool found = true;
   try {
     config->map()->driftMapFind(logRecord(1).logEntry.key, found);
@@ -216,8 +188,8 @@ TEST_F(EntityManagerTest, DamageIsNotedWithItsCollection) {
   }
   const auto noted = config->map()->corruption();
   EXPECT_EQ(noted.count, 1u);
-  EXPECT_NE(noted.collection.view().find("TcamEntry"), std::string_view::npos);
-  EXPECT_NE(noted.lastMessage.view().find("slot 0"), std::string_view::npos);
+  EXPECT_THAT(noted.collection.str(), HasSubstr("TcamEntry"));
+  EXPECT_THAT(noted.lastMessage.str(), HasSubstr("slot 0"));
   config->swTableEntriesIs({logRecord(1).logEntry, {}, Asic::LogVersion(2), false});
   EXPECT_EQ(config->map()->driftMapFind(logRecord(1).logEntry.key, found).logVersion.value(), 2u);
 }
@@ -229,8 +201,7 @@ TEST_F(EntityManagerTest, AReaderInAnotherProcessFollowsAndSleepsAtTheDoorbell) 
   log->entryLogConfigDel(Asic::LogVersion(1));
   int ready[2];
   ASSERT_EQ(::pipe(ready), 0);
-  const pid_t child = ::fork();
-  if (child == 0) {
+  Support::Process reader([&] {
     const auto manager =
         Fenrik::ptrIsImpl<EntityManager>("reader", directory_, Directory::Access::read);
     const auto entity = mountOn<TcamEntryEntryLogDrift>(*manager, kLogPath, 1000);
@@ -239,18 +210,22 @@ TEST_F(EntityManagerTest, AReaderInAnotherProcessFollowsAndSleepsAtTheDoorbell) 
     bool good = follower.read(record) == DenseRead::gone;
     follower.skip();
     good = good && follower.read(record) == DenseRead::found && record.version.value() == 2;
-    good = good && follower.read(record) == DenseRead::notYet && !follower.wait(1ms);
+    good = good && follower.read(record) == DenseRead::notYet;
+    const auto begin = std::chrono::steady_clock::now();
+    good = good && !follower.wait(20ms) && std::chrono::steady_clock::now() - begin >= 20ms;
+    good = good && !follower.wait(-1ms);
     if (::write(ready[1], "r", 1) != 1) ::_exit(2);
-    good = good && follower.wait(10s) && follower.read(record) == DenseRead::found;
+    good = good && follower.wait(std::chrono::nanoseconds::max());
+    good = good && follower.read(record) == DenseRead::found;
     ::_exit(good && record.version.value() == 3 ? 0 : 1);
-  }
+  });
   char byte = 0;
   ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  // It has to be asleep for the wake to be put to the test.
+  ::usleep(50'000);
   log->entryLogConfigIs(logRecord(3));
   log->ring();
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(reader.wait(), 0);
 }
 
 TEST_F(EntityManagerTest, TheManagerOfANameIsThisProcesssOwnOrTheMachines) {

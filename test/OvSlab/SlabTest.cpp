@@ -14,6 +14,7 @@
 #include "Fenrik/NodeClass.h"
 #include "OvSlab/OvSlab.h"
 #include "OvSlab/SlabStats.h"
+#include "Support/Soak.h"
 
 namespace {
 
@@ -60,34 +61,22 @@ struct Piece {
   SlabAllocationPattern pattern;
 
   bool intact() const {
-    for (unsigned i = 0; i != size; ++i) {
-      if (storage[i] != fill) return false;
-    }
-    return true;
+    return std::all_of(storage, storage + size, [&](unsigned char byte) { return byte == fill; });
   }
 };
 
 Piece makePiece(std::mt19937& random) {
   const unsigned magnitude = 1u << random() % 15;
   const unsigned size = static_cast<unsigned>(random()) % (magnitude + 1);
-  Piece piece{
-      nullptr, size, static_cast<unsigned char>(random()), false,
-      random() % 2 == 0 ? SlabAllocationPattern::longLived : SlabAllocationPattern::perWrite};
-  void* storage = nullptr;
-  switch (random() % 4) {
-    case 0:
-      storage = std::malloc(size + 1);
-      break;
-    case 1:
-      storage = OvSlab::slabAllocOrStdMalloc(size, piece.pattern);
-      break;
-    default:
-      storage = OvSlab::slabAlloc(size, piece.pattern);
-      piece.fromSlabAlloc = true;
-  }
-  piece.storage = static_cast<unsigned char*>(storage);
-  std::memset(storage, piece.fill, size);
-  return piece;
+  const auto pattern =
+      random() % 2 == 0 ? SlabAllocationPattern::longLived : SlabAllocationPattern::perWrite;
+  const auto source = random() % 4;
+  void* const storage = source == 0   ? std::malloc(size + 1)
+                        : source == 1 ? OvSlab::slabAllocOrStdMalloc(size, pattern)
+                                      : OvSlab::slabAlloc(size, pattern);
+  const auto fill = static_cast<unsigned char>(random());
+  std::memset(storage, fill, size);
+  return {static_cast<unsigned char*>(storage), size, fill, source > 1, pattern};
 }
 
 void dropPiece(const Piece& piece, std::mt19937& random) {
@@ -103,28 +92,51 @@ void dropPiece(const Piece& piece, std::mt19937& random) {
   }
 }
 
-class SlabModelTest : public testing::TestWithParam<bool> {};
-INSTANTIATE_TEST_SUITE_P(PlainAndLocked, SlabModelTest, testing::Bool());
+struct Course {
+  bool locked;
+  unsigned threads;
+};
+class SlabModelTest : public testing::TestWithParam<Course> {};
+INSTANTIATE_TEST_SUITE_P(PlainLockedAndShared, SlabModelTest,
+                         testing::Values(Course{false, 1}, Course{true, 1}, Course{true, 4}));
 
-TEST_P(SlabModelTest, StorageOfEverySizeAndSourceKeepsItsBytesUntilItIsFreed) {
-  const ThreadsOn threads(GetParam());
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE(testing::Message() << "seed " << seed);
-  std::mt19937 random(seed);
+TEST_P(SlabModelTest, StorageOfEverySizeAndSourceKeepsItsBytesUntilItIsFreedOnAnyThread) {
+  const ThreadsOn threads(GetParam().locked);
+  const unsigned seed = Support::seed();
+  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
   const std::size_t liveBefore = objectsLive();
+  std::mutex mutex;
   std::vector<Piece> pieces;
-  for (unsigned step = 0; step != 60000; ++step) {
-    const bool growing = step / 6000 % 2 == 0;
-    if (pieces.empty() || random() % 8 < (growing ? 6 : 2)) {
-      pieces.push_back(makePiece(random));
-      ASSERT_EQ(reinterpret_cast<std::uintptr_t>(pieces.back().storage) % 16, 0u);
-    } else {
-      std::swap(pieces[random() % pieces.size()], pieces.back());
-      ASSERT_TRUE(pieces.back().intact()) << "step " << step;
-      dropPiece(pieces.back(), random);
-      pieces.pop_back();
+  const auto work = [&](unsigned thread) {
+    std::mt19937 random(seed + thread);
+    for (unsigned step = 0; step != 60000; ++step) {
+      const bool growing = step / 6000 % 2 == 0;
+      const Piece piece = makePiece(random);
+      ASSERT_EQ(reinterpret_cast<std::uintptr_t>(piece.storage) % 16, 0u);
+      std::vector<Piece> taken;
+      {
+        const std::lock_guard lock(mutex);
+        pieces.push_back(piece);
+        while (!pieces.empty() && random() % 16 < (growing ? 6 : 9)) {
+          std::swap(pieces[random() % pieces.size()], pieces.back());
+          taken.push_back(pieces.back());
+          pieces.pop_back();
+        }
+      }
+      for (const Piece& old : taken) {
+        ASSERT_TRUE(old.intact()) << "step " << step;
+        dropPiece(old, random);
+      }
+      if (step % 5000 == 0) OvSlab::stats();
     }
+  };
+  std::vector<std::thread> workers;
+  for (unsigned thread = 1; thread < GetParam().threads; ++thread) {
+    workers.emplace_back(work, thread);
   }
+  work(0);
+  for (std::thread& worker : workers) worker.join();
+  std::mt19937 random(seed);
   for (const Piece& piece : pieces) {
     ASSERT_TRUE(piece.intact());
     dropPiece(piece, random);
@@ -208,36 +220,6 @@ TEST(SlabTest, NewObjectsFillTheHolesBeforeTheyTakeNewSlabs) {
   EXPECT_LE(classStats(112, pattern).slabs, slabs + slabs / 7 + 2);
   for (void* const object : objects) OvSlab::slabFree(object, typeid(int));
   EXPECT_LE(classStats(112, pattern).slabs, 2u);
-}
-
-TEST(SlabTest, ObjectsMayBeFreedOnAnotherThreadThanMadeThem) {
-  const ThreadsOn threads;
-  const std::size_t liveBefore = objectsLive();
-  std::mutex mutex;
-  std::vector<Piece> shared;
-  const auto work = [&](unsigned seed) {
-    std::mt19937 random(seed);
-    for (int step = 0; step != 20000; ++step) {
-      Piece mine = makePiece(random);
-      {
-        const std::lock_guard lock(mutex);
-        shared.push_back(mine);
-        if (shared.size() < 500) continue;
-        std::swap(shared[random() % shared.size()], shared.back());
-        mine = shared.back();
-        shared.pop_back();
-      }
-      ASSERT_TRUE(mine.intact());
-      dropPiece(mine, random);
-      if (step % 5000 == 0) OvSlab::stats();
-    }
-  };
-  std::vector<std::thread> workers;
-  for (unsigned seed = 0; seed != 4; ++seed) workers.emplace_back(work, seed);
-  for (std::thread& worker : workers) worker.join();
-  std::mt19937 random(99);
-  for (const Piece& piece : shared) dropPiece(piece, random);
-  EXPECT_EQ(objectsLive(), liveBefore);
 }
 
 class Fragile final : public Fenrik::NodeClass<Fragile> {

@@ -2,15 +2,15 @@
 
 #include <sys/ptrace.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
-#include <cstddef>
-#include <cstring>
+#include <cstdio>
 #include <functional>
+#include <stdexcept>
+#include <string>
 
-#include "DriftKill/Collections.h"
-
-namespace DriftTest {
+namespace Support {
 
 /// Runs a function in a child process, one machine instruction at a time between its two calls of
 /// `mark`. While the child stands, its memory and its files are what they would be had it been
@@ -22,7 +22,7 @@ class Stepper {
   /// Starts the child and lets it run up to its first mark.
   explicit Stepper(const std::function<void(Mark)>& body) : child_(::fork()) {
     if (child_ == 0) {
-      ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+      if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) ::_exit(77);
       try {
         body([] { ::raise(SIGSTOP); });
       } catch (const std::exception& wrong) {
@@ -30,7 +30,7 @@ class Stepper {
       }
       ::_exit(1);
     }
-    if (stop() != SIGSTOP) fault("the stepped process did not reach its first mark");
+    expectStop(SIGSTOP);
   }
   ~Stepper() {
     ::kill(child_, SIGKILL);
@@ -42,22 +42,20 @@ class Stepper {
   /// Lets the child do one instruction; false when it has come to its second mark.
   bool step() {
     ::ptrace(PTRACE_SINGLESTEP, child_, nullptr, nullptr);
-    const int signal = stop();
-    if (signal == SIGSTOP) return false;
-    if (signal != SIGTRAP) fault("signal {} met the stepped process", signal);
-    return true;
+    return expectStop(SIGTRAP) != SIGSTOP;
   }
 
  private:
-  int stop() {
+  /// By that signal, or by that of a mark.
+  int expectStop(int signal) {
     int status = 0;
-    if (::waitpid(child_, &status, 0) != child_ || !WIFSTOPPED(status)) {
-      fault("the stepped process ended with status {:#x}", status);
-    }
-    return WSTOPSIG(status);
+    ::waitpid(child_, &status, 0);
+    const int found = WIFSTOPPED(status) ? WSTOPSIG(status) : 0;
+    if (found == signal || found == SIGSTOP) return found;
+    throw std::runtime_error("the stepped process came to status " + std::to_string(status));
   }
 
   pid_t child_;
 };
 
-}  // namespace DriftTest
+}  // namespace Support

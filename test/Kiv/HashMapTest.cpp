@@ -1,17 +1,81 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
+#include <compare>
 #include <map>
 #include <optional>
 #include <random>
+#include <set>
 #include <utility>
 #include <vector>
 
-#include "Counted.h"
 #include "Fenrik/NodeClass.h"
+#include "Kiv/HashHelper.h"
 #include "Kiv/HashMap2018.h"
+#include "Support/Soak.h"
 
 namespace {
+
+/// The seed of all random tests of this process, whose hash seed follows it.
+unsigned testSeed() {
+  static const unsigned seed = [] {
+    const unsigned chosen = Support::seed();
+    Kiv::HashHelper::hashSeed32Is(chosen | 1u);
+    return chosen;
+  }();
+  return seed;
+}
+
+/// A key of two fields whose hash is as bad as the test wants: `spread` different hashes.
+struct PairKey {
+  std::uint8_t unit = 0;
+  std::uint16_t number = 0;
+
+  static inline unsigned spread = 0;
+
+  std::uint32_t hash(std::uint32_t seed) const {
+    if (spread != 0) return (unit + number) % spread;
+    return Kiv::hashSingleAttr(Kiv::hashSingleAttr(seed, std::uint16_t{unit}), number);
+  }
+  static bool isEq(const void* a, const void* b) noexcept {
+    return *static_cast<const PairKey*>(a) == *static_cast<const PairKey*>(b);
+  }
+  auto operator<=>(const PairKey&) const = default;
+};
+
+/// A value that is neither plain data nor a pointer, and knows every one of its kind: what is
+/// destroyed twice, copied from the dead or left behind shows.
+class Counted {
+ public:
+  static inline std::set<const Counted*> live;
+  static inline unsigned faults = 0;
+
+  explicit Counted(PairKey key = {}, int payload = 0) : key_(key), payload_(payload) {
+    faults += !live.insert(this).second;
+  }
+  Counted(const Counted& other) : Counted(other.key(), other.payload_) {}
+  Counted(Counted&& other) noexcept : Counted(other.key(), std::exchange(other.payload_, -1)) {}
+  Counted& operator=(Counted other) noexcept {
+    alive();
+    key_ = other.key_;
+    payload_ = other.payload_;
+    return *this;
+  }
+  ~Counted() { faults += live.erase(this) != 1; }
+
+  const PairKey& key() const { return alive().key_; }
+  int payload() const { return alive().payload_; }
+
+ private:
+  const Counted& alive() const {
+    faults += live.count(this) != 1;
+    return *this;
+  }
+
+  PairKey key_;
+  int payload_;
+};
 
 /// An object that a map holds by pointer.
 class Item final : public Fenrik::NodeClass<Item> {
@@ -19,17 +83,6 @@ class Item final : public Fenrik::NodeClass<Item> {
   Item(PairKey itemKey, int itemPayload) : key(itemKey), payload(itemPayload) {}
   const PairKey key;
   const int payload;
-};
-
-/// A plain value of a number's kind, as the units of a chip are numbered.
-class Unit {
- public:
-  explicit Unit(std::uint16_t number) : number_(number) {}
-  explicit operator std::uint16_t() const { return number_; }
-  auto operator<=>(const Unit&) const = default;
-
- private:
-  std::uint16_t number_;
 };
 
 struct KeyOfCounted {
@@ -63,12 +116,10 @@ struct ObjectsBeside : ObjectsInside {
   using Node = Kiv::Hm2018NE<0x33333333, PairKey, Counted>;
   static Node node(unsigned n, int payload) { return Node(key(n), Counted(key(n), payload)); }
 };
-struct PointersBeside {
-  using Key = Unit;
-  using Node = Kiv::Hm2018NE<0x44444444, Unit, Fenrik::Ptr<Item>>;
-  static Key key(unsigned n) { return Unit(static_cast<std::uint16_t>(n)); }
+struct PointersBeside : ObjectsInside {
+  using Node = Kiv::Hm2018NE<0x44444444, PairKey, Fenrik::Ptr<Item>>;
   static Node node(unsigned n, int payload) {
-    return Node(key(n), Fenrik::ptrIsImpl<Item>(ObjectsInside::key(n), payload));
+    return Node(key(n), Fenrik::ptrIsImpl<Item>(key(n), payload));
   }
 };
 struct PlainData : ObjectsInside {
@@ -121,7 +172,8 @@ struct Pair {
     ASSERT_EQ(deleted.has_value(), model.count(n) == 1);
     if (!deleted) return;
     ASSERT_EQ(payloadOf(deleted->value()), model[n]);
-    ASSERT_TRUE(Kiv::HashMap2018KeyTraits<typename Shape::Key>::isEq(&deleted->key(), &held(n)));
+    const typename Shape::Key key = Shape::key(n);
+    ASSERT_TRUE(Kiv::HashMap2018KeyTraits<typename Shape::Key>::isEq(&deleted->key(), &key));
     model.erase(n);
     for (Walk& walk : walks) walk.throughout.erase(n);
   }
@@ -132,12 +184,9 @@ struct Pair {
     for (Walk& walk : walks) walk.throughout.clear();
   }
 
-  const typename Shape::Key& held(unsigned n) {
-    keyHeld = Shape::key(n);
-    return keyHeld;
-  }
-
-  void begin() {
+  /// A walk from the beginning, or one that goes on from where another one stands.
+  void begin(std::size_t which) {
+    if (which < walks.size()) return walks.push_back(Walk(walks[which]));
     walks.push_back({map.begin(), {}, {}, model});
     meet(walks.back());
   }
@@ -199,15 +248,20 @@ struct Pair {
       ASSERT_TRUE(iterator == map.iteratorFromKey(Shape::key(n)));
       ASSERT_FALSE(iterator == map.end());
     }
-    std::size_t members = 0;
-    for ([[maybe_unused]] const Node& node : map) ++members;
-    ASSERT_EQ(members, model.size());
+    std::vector<typename Shape::Key> keys;
+    for (const Node& node : map) keys.push_back(node.key());
+    ASSERT_EQ(keys.size(), model.size());
+    if constexpr (std::is_same_v<typename Shape::Key, PairKey>) {
+      const auto disordered = [](const PairKey& a, const PairKey& b) {
+        return a.hash(0) == b.hash(0) && a >= b;
+      };
+      ASSERT_EQ(std::ranges::adjacent_find(keys, disordered), keys.end());
+    }
   }
 
   std::map<unsigned, int> model;
   std::vector<Walk> walks;
   Map map;
-  typename Shape::Key keyHeld = Shape::key(0);
 };
 
 template <class Shape>
@@ -218,7 +272,7 @@ class HashMapModel : public testing::Test {
 
   /// Random operations in phases that fill the map, hold its size and drain it.
   static void run(unsigned steps, unsigned range) {
-    SCOPED_TRACE(fmt::format("BASTIL_TEST_SEED={}", testSeed()));
+    SCOPED_TRACE(fmt::format("BASTIL_SEED={}", testSeed()));
     std::mt19937 random(testSeed());
     using Operations = Kiv::Impl::NodeOperations<typename Shape::Node>;
     const auto bucketsBefore = live(Kiv::HashMap2018BucketHdr::bucketHeaderTracker_);
@@ -233,8 +287,8 @@ class HashMapModel : public testing::Test {
           pair.insertOrReplace(n, static_cast<int>((i % 0x7000) << 16 | n));
         } else if (choice < 11) {
           pair.erase(n);
-        } else if (choice < 12 && pair.walks.size() < 12) {
-          pair.begin();
+        } else if (choice < 12 && pair.walks.size() < 20) {
+          pair.begin(random() % 24);
         } else if (!pair.walks.empty()) {
           pair.step(random() % pair.walks.size());
         }
@@ -295,6 +349,74 @@ TYPED_TEST(HashMapModel, AWalkBegunAgainFromItsKeyGoesOnWhereItWas) {
   }
   for (unsigned n = 0; n < 500; ++n) EXPECT_EQ(met[n], 1u);
   for (const auto& [n, times] : met) EXPECT_EQ(times, 1u);
+}
+
+TEST(HashMapGrowth, TheDirectoryFollowsTheMembersUpAndDown) {
+  using Node = Kiv::Hm2018NE<3, std::uint32_t, std::uint32_t>;
+  Kiv::HashMap2018<Node, std::uint32_t, std::uint32_t> map;
+  unsigned buckets = map.generic().bucketCount();
+  EXPECT_EQ(buckets, 1u);
+  for (std::uint32_t n = 0; n < 50000; ++n) {
+    map.newMember(Node(n, n));
+    ASSERT_LE(map.generic().bucketCount(), buckets + 1) << "grew by more than one bucket";
+    buckets = map.generic().bucketCount();
+  }
+  EXPECT_NEAR(buckets, 50000 / 8, 100);
+  for (std::uint32_t n = 0; n < 49990; ++n) {
+    map.memberDel(n);
+    ASSERT_GE(map.generic().bucketCount() + 1, buckets) << "shrank by more than one bucket";
+    buckets = map.generic().bucketCount();
+  }
+  EXPECT_LE(buckets, 6u) << "a walk of a map that was large once reads empty buckets";
+  for (std::uint32_t n = 49990; n < 50000; ++n) EXPECT_EQ(map[n]->value(), n);
+}
+
+TEST(HashMapGeneric, BeginsWithAsManyBucketsAsItIsToldAndMayKeepThem) {
+  using Node = PlainData::Node;
+  const auto& vt = Kiv::HashMap2018<Node, PairKey, int>::vt_;
+  for (const bool keep : {false, true}) {
+    Kiv::HashMap2018Generic map(&vt, Kiv::HashMap2018MapIndex(16), keep);
+    EXPECT_EQ(map.bucketCount(), 16u);
+    for (unsigned n = 0; n < 2000; ++n) {
+      const PairKey key = PlainData::key(n % 1000);
+      const Kiv::HashHelper::KeyAndRhashSeedArg arg{&key, key.hash(1)};
+      Node node = PlainData::node(n % 1000, 1);
+      if (n < 1000) {
+        map.newMemberG(&vt, arg, std::move(node));
+      } else {
+        EXPECT_TRUE(map.deleteMemberG(&vt, arg, &node));
+      }
+    }
+    EXPECT_EQ(map.bucketCount(), keep ? 125u : 16u);
+    map._memberDelAll(&vt);
+    EXPECT_EQ(map.bucketCount(), 16u);
+    map.emptyAllBuckets(&vt, true);
+  }
+}
+
+TEST(HashHelper, SeedsFieldsAndEndsOfTextTellHashesApart) {
+  using Kiv::hashSingleAttr;
+  EXPECT_NE(hashSingleAttr(1, 7u), hashSingleAttr(2, 7u));
+  EXPECT_NE(hashSingleAttr(1, std::uint64_t{7}), hashSingleAttr(1, std::uint64_t{7} << 32));
+  std::set<std::uint32_t> hashes;
+  for (unsigned n = 0; n <= 0xffff; ++n) {
+    hashes.insert(hashSingleAttr(99, static_cast<std::uint16_t>(n)));
+  }
+  EXPECT_EQ(hashes.size(), 0x10000u) << "two units share a hash";
+  const std::string text("0123456789abcdef\0\0", 18);
+  hashes.clear();
+  for (std::size_t size = 0; size <= text.size(); ++size) {
+    hashes.insert(Kiv::HashHelper::hashBytes(3, text.data(), size));
+  }
+  EXPECT_EQ(hashes.size(), text.size() + 1);
+}
+
+TEST(HashMap, TextIsLookedUpWithoutAString) {
+  Kiv::HashMap2018<TextKeys::Node, Fenrik::String, std::vector<int>> map;
+  map.newMember(TextKeys::node(7, 1));
+  const std::string_view text = "/hardware/agent/77";
+  EXPECT_EQ(payloadOf(map[text.substr(0, text.size() - 1)]->value()), 1);
+  EXPECT_EQ(map[text], nullptr);
 }
 
 }  // namespace
