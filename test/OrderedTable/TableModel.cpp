@@ -38,6 +38,7 @@ Model::Model(Shape shape) : shape_(std::move(shape)) {
   for (unsigned f = 0; f < families_.size(); ++f) {
     families_[f].group = shape_.groupOfFamily[f];
     families_[f].config.resize(shape_.units);
+    families_[f].places.resize(shape_.units);
     for (unsigned unit = 0; unit < shape_.units; ++unit) {
       tables_.push_back({});
       tables_.back().family = f;
@@ -48,7 +49,6 @@ Model::Model(Shape shape) : shape_(std::move(shape)) {
     foreigns_.push_back(std::make_shared<Operation>());
     foreigns_.back()->id = kFirstForeign + i;
   }
-  places.resize(tables_.size());
 }
 
 void Model::start(const Start& start) {
@@ -56,15 +56,14 @@ void Model::start(const Start& start) {
                  {});
   operations_.clear();
   iterations_.clear();
-  for (unsigned f = 0; f < families_.size(); ++f) {
-    Family& family = families_[f];
+  for (Family& family : families_) {
     family.mounted.assign(shape_.units, false);
-    family.tableVersion = family.scratchpad;
+    family.takeOver(everythingBut(family));
     family.statusVersion = 0;
     family.pendingHwWrites = false;
-    if (start.reported[f]) {
-      cleanup(family, *start.reported[f]);
-      if (*start.reported[f] < family.tableVersion) family.pendingHwWrites = true;
+    if (family.reported) {
+      cleanup(family, *family.reported);
+      family.pendingHwWrites = *family.reported < family.scratchpad;
     }
   }
   for (unsigned t = 0; t < tables_.size(); ++t) {
@@ -72,19 +71,16 @@ void Model::start(const Start& start) {
     empty.family = tables_[t].family;
     empty.unit = tables_[t].unit;
     tables_[t] = empty;
-    if (!start.absent[t]) mountTable(t, start.reported[empty.family], start.reset[t]);
+    if (!start.absent.contains(t)) mountTable(t, start.reset.contains(t));
   }
 }
 
-void Model::mountTable(unsigned number, std::optional<Version> reported, bool reset) {
+void Model::mountTable(unsigned number, bool reset) {
   Table& table = tables_[number];
-  const Version version = reported.value_or(0);
-  familyFor(table).mounted[table.unit] = true;
-  if (version != 0) {
-    roads.purged += static_cast<unsigned>(std::erase_if(configFor(table), [&](const auto& member) {
-      return member.second.isDeleted && member.second.logVersion <= version;
-    }));
-  }
+  Family& family = familyFor(table);
+  const Version version = family.reported.value_or(0);
+  family.mounted[table.unit] = true;
+  if (version != 0) roads[kPurged] += family.purge(table.unit, version);
   if (reset) delAllEntries(table, {}, nullptr);
   report(table, version);
 }
@@ -107,6 +103,11 @@ void Model::apply(const Act& act) {
       return answer(act, 0, pump(act.table, act.number));
     case Kind::report:
       return report(table, act.number);
+    case Kind::hear:
+      for (Table& hearing : tables_) {
+        if (const auto said = familyFor(hearing).reported) report(hearing, *said);
+      }
+      return;
     case Kind::has:
       return answer(act, act.key, entryHas(act.table, act.key));
     case Kind::read:
@@ -281,12 +282,12 @@ void Model::update(const Act& act) {
   const Value old = op->value;
   const bool commitToLog = hook(table, op, act.key, old, kOnResourceUpdate).second;
   if (op->value != old && commitToLog) {
-    op->logVersion = entryIs(table, act.key, op->value, {});
+    op->logVersion = familyFor(table).write(table.unit, act.key, op->value, {});
     stateIs(op, State::inLog);
     count(table, kUpdates);
-    ++roads.updated;
+    ++roads[kUpdated];
   } else {
-    ++(op->value != old ? roads.updateRefused : roads.updateUnchanged);
+    ++roads[op->value != old ? kUpdateRefused : kUpdateUnchanged];
     op->logVersion = configFor(table).at(act.key).logVersion;
     stateIs(op, State::inLog);
   }
@@ -300,7 +301,7 @@ void Model::direct(const Act& act) {
   const auto present = configFor(table).find(act.key);
   if (present != configFor(table).end() && !present->second.isDeleted) {
     if (present->second.value == act.value) {
-      ++roads.suppressed;
+      ++roads[kIdentical];
       count(table, kSuppressed);
       if (present->second.logVersion != 0) {
         return answer(act, act.key, present->second.logVersion);
@@ -309,7 +310,7 @@ void Model::direct(const Act& act) {
       count(table, kSuppressDiffs);
     }
   }
-  answer(act, act.key, entryIs(table, act.key, act.value, {}));
+  answer(act, act.key, familyFor(table).write(table.unit, act.key, act.value, {}));
 }
 
 void Model::settle(const Act& act) {
@@ -331,7 +332,7 @@ void Model::helper(const Act& act) {
 unsigned Model::pump(unsigned number, Version budget) {
   Group& group = groups_[number];
   if (group.pumping) {
-    ++roads.nestedPump;
+    ++roads[kNestedPump];
     return 0;
   }
   const Raised pumping(group.pumping);
@@ -356,7 +357,7 @@ bool Model::waits(const Operation& op) const {
 bool Model::resolved(const Operation& op) {
   if (!waits(op)) return true;
   const bool full = familyOf(op.act.table).log.size() >= shape_.logLimit;
-  ++(full ? roads.waitedForRoom : roads.waitedForDependency);
+  ++roads[full ? kWaitedForRoom : kWaitedForDependency];
   return false;
 }
 
@@ -366,7 +367,7 @@ void Model::commit(const OpPtr& op) {
   const OpPtr dependency = std::exchange(op->dependency, nullptr);
   bool counts = true;
   if (dependency != nullptr && failed(dependency->state)) {
-    ++roads.failed;
+    ++roads[kFailed];
     stateIs(op, State::dependencyFailed);
     handled(op);
   } else if (op->act.kind == Act::Kind::removeAll) {
@@ -386,7 +387,7 @@ void Model::removeFromTransient(Table& table, const Operation& op, bool isAdd) {
   const auto found = members.find(key);
   if (found == members.end()) return;
   if (found->second->major != op.major) {
-    ++roads.overtaken;
+    ++roads[kOvertaken];
     return;
   }
   isAdd ? addsDel(table, key) : removesDel(table, key);
@@ -395,12 +396,21 @@ void Model::removeFromTransient(Table& table, const Operation& op, bool isAdd) {
 
 Needed Model::neededFor(const Table& table, const OpPtr& dependency) {
   if (dependency == nullptr) return {};
-  ++roads.needed;
-  const bool foreign = dependency->id >= kFirstForeign;
-  const unsigned family =
-      foreign ? static_cast<unsigned>(families_.size()) : tables_[dependency->act.table].family;
-  if (family == table.family) ++roads.neededOwn;
-  return {{family, dependency->logVersion}};
+  ++roads[kNeeded];
+  if (dependency->id >= kFirstForeign) return {{kForeignTable, dependency->logVersion}};
+  const unsigned family = tables_[dependency->act.table].family;
+  if (family == table.family) ++roads[kNeededOwn];
+  return {{shape_.tableIds[family], dependency->logVersion}};
+}
+
+/// What was announced so far of all other tables that anything is known of.
+Needed Model::everythingBut(const Family& family) const {
+  Needed everything;
+  for (unsigned f = 0; f < families_.size(); ++f) {
+    const Version announced = families_[f].announced;
+    if (&families_[f] != &family && announced != 0) everything[shape_.tableIds[f]] = announced;
+  }
+  return everything;
 }
 
 /// Whether the commit counts as one: a write that finds the configuration full leaves no trace but
@@ -408,7 +418,7 @@ Needed Model::neededFor(const Table& table, const OpPtr& dependency) {
 bool Model::commitWrite(Table& table, const OpPtr& op, const OpPtr& dependency) {
   const Key key = op->act.key;
   if (configFor(table).count(key) == 0 && configFor(table).size() >= shape_.configCapacity) {
-    ++roads.configFull;
+    ++roads[kConfigFull];
     removeFromTransient(table, *op, true);
     count(table, kWrites, -1);
     stateIs(op, State::rejected);
@@ -417,11 +427,11 @@ bool Model::commitWrite(Table& table, const OpPtr& op, const OpPtr& dependency) 
   }
   hook(table, op, key, op->value, kOnSuccess);
   removeFromTransient(table, *op, true);
-  op->logVersion = entryIs(table, key, op->value, neededFor(table, dependency));
+  op->logVersion = familyFor(table).write(table.unit, key, op->value, neededFor(table, dependency));
   if (familyFor(table).statusVersion < op->logVersion) {
     waitInLog(table, op);
   } else {
-    ++roads.doneAtCommit;
+    ++roads[kDoneAtCommit];
     stateIs(op, State::done);
     handled(op);
   }
@@ -432,11 +442,11 @@ void Model::commitRemove(Table& table, const OpPtr& op, const OpPtr& dependency)
   const Key key = op->act.key;
   removeFromTransient(table, *op, false);
   hook(table, op, key, op->value, kOnSuccessOfRemove);
-  op->logVersion = entryDel(table, key, neededFor(table, dependency));
+  op->logVersion = familyFor(table).remove(table.unit, key, neededFor(table, dependency));
   if (op->logVersion != 0) {
     waitInLog(table, op);
   } else {
-    ++roads.removedNothing;
+    ++roads[kRemovedNothing];
     stateIs(op, State::done);
     handled(op);
   }
@@ -480,7 +490,7 @@ std::pair<Value, bool> Model::hook(Table& table, const OpPtr& op, Key key, Value
        .value = value});
   op->value ^= plan.mask;
   if (!plan.throws) return {op->value, plan.answer};
-  ++roads.helperThrew;
+  ++roads[kHelperThrew];
   plan.throws = false;
   if (plan.rejects) stateIs(op, State::rejected);
   throw Thrown();
@@ -488,10 +498,10 @@ std::pair<Value, bool> Model::hook(Table& table, const OpPtr& op, Key key, Value
 
 void Model::delAllEntries(Table& table, const Needed& needed, const OpPtr& op) {
   if (configFor(table).empty()) {
-    ++roads.clearedNothing;
+    ++roads[kClearedNothing];
     return;
   }
-  const Version version = tableDel(table, needed);
+  const Version version = familyFor(table).removeAll(table.unit, needed);
   if (op != nullptr) {
     op->logVersion = version;
     stateIs(op, State::inLog);
@@ -499,78 +509,26 @@ void Model::delAllEntries(Table& table, const Needed& needed, const OpPtr& op) {
   count(table, kClears);
 }
 
-// ---- the log
-
-Version Model::append(Family& family, const LogRecord& record, const Needed& needed) {
-  const Version version = ++family.tableVersion;
-  family.log[version] = record;
-  family.scratchpad = version;
-  if (!needed.empty()) family.needed[version] = needed;
-  return version;
-}
-
-Version Model::entryIs(Table& table, Key key, Value value, const Needed& needed) {
-  const Version version =
-      append(familyFor(table), {LogFlags::write, table.unit, key, value}, needed);
-  configFor(table)[key] = {value, version, false};
-  return version;
-}
-
-Version Model::entryDel(Table& table, Key key, const Needed& needed) {
-  const auto found = configFor(table).find(key);
-  if (found == configFor(table).end()) return 0;
-  found->second.isDeleted = true;
-  found->second.logVersion = append(
-      familyFor(table), {LogFlags::entryDelete, table.unit, key, found->second.value}, needed);
-  return found->second.logVersion;
-}
-
-Version Model::tableDel(Table& table, const Needed& needed) {
-  const Version version =
-      append(familyFor(table), {LogFlags::tableDelete, table.unit, 0, 0}, needed);
-  for (auto& [key, record] : configFor(table)) {
-    if (!record.isDeleted) record = {record.value, version, true};
-  }
-  return version;
-}
+// ---- reports
 
 void Model::cleanup(Family& family, Version version) {
   const Version from = family.statusVersion;
-  if (version > family.tableVersion) ++roads.reportedBeyond;
-  if (from == 0) ++roads.reportedAll;
-  if (version >= from) {
-    // The first time all that the report covers, later from the last one on.
-    auto it = family.log.lower_bound(from);
-    while (it != family.log.end() && it->first <= version) {
-      const auto [logged, record] = *it;
-      it = family.log.erase(it);
-      applyRecord(family, logged, record);
+  if (version > family.scratchpad) ++roads[kReportedBeyond];
+  if (from == 0) ++roads[kReportedAll];
+  if (version < from) ++roads[kReportedBack];
+  // The first time all that the report covers, later from the last one on.
+  family.clean(from, version, [&](const Support::LogRecord& record, Version logged) {
+    if (!family.mounted[record.unit]) {
+      ++roads[kUnitMissing];
+      return false;
     }
-  } else {
-    ++roads.reportedBack;
-  }
+    const auto found = family.config[record.unit].find(record.key);
+    const bool overtaken =
+        found != family.config[record.unit].end() && found->second.logVersion != logged;
+    if (overtaken && record.flags == Support::LogFlags::entryDelete) ++roads[kDeleteOvertaken];
+    return true;
+  });
   family.statusVersion = version;
-  // What the hardware has needs nothing any more, though its record may have stayed.
-  family.needed.erase(family.needed.begin(), family.needed.upper_bound(version));
-}
-
-void Model::applyRecord(Family& family, Version version, const LogRecord& record) {
-  if (!family.mounted[record.unit]) {
-    ++roads.unitMissing;
-    return;
-  }
-  auto& config = family.config[record.unit];
-  if (record.flags == LogFlags::entryDelete) {
-    const auto found = config.find(record.key);
-    if (found == config.end()) return;
-    if (found->second.logVersion == version) {
-      config.erase(found);
-    } else {
-      ++roads.deleteOvertaken;
-    }
-  } else if (record.flags == LogFlags::tableDelete) {
-    std::erase_if(config, [&](const auto& member) { return member.second.logVersion == version; });
-  }
 }
 
 void Model::report(Table& table, Version version) {
@@ -591,7 +549,7 @@ void Model::report(Table& table, Version version) {
 bool Model::hasPendingHwWrites(unsigned number) const {
   const Table& table = tables_[number];
   return !table.adds.empty() || !table.removes.empty() || table.removeAll.has_value() ||
-         familyOf(number).tableVersion != familyOf(number).statusVersion;
+         familyOf(number).scratchpad != familyOf(number).statusVersion;
 }
 
 // ---- reads
@@ -650,10 +608,6 @@ std::map<Key, Value> Model::contents(unsigned number) const {
   return all;
 }
 
-void Model::configIs(unsigned number, Key key, const ConfigRecord& record) {
-  configFor(tables_[number])[key] = record;
-}
-
 // ---- iteration
 
 void Model::iterBegin(const Act& act) {
@@ -702,7 +656,7 @@ std::optional<std::pair<Key, Value>> Model::stepAdds(Iteration& it) {
   auto at = order.begin();
   if (it.hasBookmark) at = std::find(order.begin(), order.end(), it.bookmark);
   if (at == order.end()) {
-    if (it.hasBookmark) ++roads.bookmarkLost;
+    if (it.hasBookmark) ++roads[kBookmarkLost];
     leaveAdds(it);
     return std::nullopt;
   }
@@ -727,7 +681,7 @@ std::optional<std::pair<Key, Value>> Model::stepConfig(Iteration& it) {
   const auto& config = configFor(table);
   std::optional<Key> candidate;
   if (!it.hasBookmark) {
-    candidate = configFirst(table);
+    candidate = configAfter(table, std::nullopt);
   } else if (config.count(it.bookmark) != 0) {
     candidate = it.bookmark;
   } else {
@@ -746,20 +700,12 @@ std::optional<std::pair<Key, Value>> Model::stepConfig(Iteration& it) {
   return std::pair<Key, Value>(*candidate, config.at(*candidate).value);
 }
 
-std::optional<Key> Model::configFirst(const Table& table) const {
-  return configNext(table, std::nullopt);
-}
-
-std::optional<Key> Model::configAfter(const Table& table, Key key) const {
-  return configNext(table, places[number(table)].at(key));
-}
-
-std::optional<Key> Model::configNext(const Table& table, std::optional<unsigned> place) const {
-  const auto& placeOf = places[number(table)];
+std::optional<Key> Model::configAfter(const Table& table, std::optional<Key> key) const {
+  const auto& placeOf = familyOf(number(table)).places[table.unit];
   std::optional<Key> next;
   for (const auto& member : configFor(table)) {
     const unsigned candidate = placeOf.at(member.first);
-    if (place && candidate <= *place) continue;
+    if (key && candidate <= placeOf.at(*key)) continue;
     if (!next || candidate < placeOf[*next]) next = member.first;
   }
   return next;

@@ -6,19 +6,23 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "Support/FamilyMemory.h"
+
 /// The tables of an agent in plain containers, to hold the real ones against. It knows no family:
 /// keys, values, tables and groups are small numbers.
 namespace TableModel {
 
-using Key = std::uint32_t;
-using Value = std::uint32_t;
-using Version = std::uint64_t;
+using Support::Key;
+using Support::Needed;
+using Support::Value;
+using Support::Version;
 /// Operations are numbered in the order of the calls that made them.
 using OpId = std::uint32_t;
 
@@ -26,6 +30,7 @@ inline constexpr OpId kNoOp = UINT32_MAX;
 /// Handles that belong to no table of the model: from here on, and the table that they name.
 inline constexpr OpId kFirstForeign = 0x80000000;
 inline constexpr unsigned kForeigns = 4;
+inline constexpr std::uint32_t kForeignTable = 0x0f0f0f0f;
 /// So many operations back a handle can still be depended on.
 inline constexpr OpId kHandlesKept = 256;
 
@@ -49,6 +54,7 @@ struct Act {
     direct,     ///< key, value: a write to the log itself that drops what is identical
     pump,       ///< table is the group, number the budget
     report,     ///< number
+    hear,       ///< of what the hardware says in shared memory, all tables
     has,
     read,
     entry,
@@ -168,35 +174,10 @@ struct Operation {
 };
 using OpPtr = std::shared_ptr<Operation>;
 
-struct ConfigRecord {
-  Value value = 0;
-  Version logVersion = 0;
-  bool isDeleted = false;
-};
-
-enum class LogFlags : std::uint8_t { write = 0, entryDelete = 1, tableDelete = 2 };
-
-struct LogRecord {
-  LogFlags flags = LogFlags::write;
-  unsigned unit = 0;
-  Key key = 0;
-  Value value = 0;
-};
-
-/// Table versions that a log record needs, by family; a foreign one stands behind the last.
-using Needed = std::map<unsigned, Version>;
-
-/// All tables of one table id.
-struct Family {
+/// All tables of one table id: the memory outlives the agent, the rest does not.
+struct Family : Support::Changing {
   unsigned group = 0;
-  // What outlives the agent.
-  std::vector<std::map<Key, ConfigRecord>> config;
-  std::map<Version, LogRecord> log;
-  std::map<Version, Needed> needed;
-  Version scratchpad = 0;
-  // What does not.
   std::vector<bool> mounted;
-  Version tableVersion = 0;
   Version statusVersion = 0;
   bool pendingHwWrites = false;
 };
@@ -233,20 +214,17 @@ struct Iteration {
 class Model final : public Agent {
  public:
   struct Shape {
-    std::vector<unsigned> groupOfFamily{0, 1};
+    std::vector<std::uint32_t> tableIds;
+    std::vector<unsigned> groupOfFamily;
     unsigned units = 2;
     /// Records in the log from which on nothing is resolved.
     Version logLimit = 1'000'000;
     std::size_t configCapacity = 65'536;
   };
-  /// How an agent comes up over the memory of the one before it.
+  /// How an agent comes up over the memory of the one before it: tables for which it has no unit at
+  /// first, and those that are made empty.
   struct Start {
-    /// What the hardware has reported, by family; nothing if no report is known.
-    std::vector<std::optional<Version>> reported;
-    /// Tables for which this agent has no unit at first.
-    std::vector<bool> absent;
-    /// Tables that are made empty.
-    std::vector<bool> reset;
+    std::set<unsigned> absent, reset;
   };
 
   explicit Model(Shape shape);
@@ -256,12 +234,15 @@ class Model final : public Agent {
   /// A new agent: everything in flight is gone.
   void start(const Start& start);
   /// Makes the table of a unit that the agent did not have so far.
-  void mountTable(unsigned table, std::optional<Version> reported, bool reset);
+  void mountTable(unsigned table, bool reset);
 
   const Shape& shape() const { return shape_; }
   unsigned tableCount() const { return static_cast<unsigned>(tables_.size()); }
+  unsigned groupCount() const { return static_cast<unsigned>(groups_.size()); }
   const Table& table(unsigned number) const { return tables_[number]; }
   const Family& family(unsigned number) const { return families_[number]; }
+  /// What stands in shared memory, and what the hardware says there, is set from outside.
+  Family& family(unsigned number) { return families_[number]; }
   const Family& familyOf(unsigned table) const { return families_[tables_[table].family]; }
   bool present(unsigned table) const {
     return families_[tables_[table].family].mounted[tables_[table].unit];
@@ -287,26 +268,42 @@ class Model final : public Agent {
   /// Everything that a walk returns, with the value that stays when a key comes twice.
   std::map<Key, Value> contents(unsigned table) const;
 
-  /// Puts a record into the memory, as if it had always been there.
-  void configIs(unsigned table, Key key, const ConfigRecord& record);
-
   /// The order of a table's writes in flight at each coming step of an iteration through them: that
   /// of a hash map, so nobody's to foretell.
   std::deque<std::vector<Key>> addOrders;
-  /// Place of each key in the walk of a table's configuration.
-  std::vector<std::vector<unsigned>> places;
 
   /// Operations whose handle changed since the list was last emptied.
   std::vector<OpPtr> touched;
 
-  /// Roads that a run is to have taken.
-  struct Roads {
-    unsigned waitedForDependency = 0, waitedForRoom = 0, failed = 0, configFull = 0, overtaken = 0,
-             doneAtCommit = 0, removedNothing = 0, clearedNothing = 0, reportedAll = 0,
-             reportedBack = 0, reportedBeyond = 0, unitMissing = 0, deleteOvertaken = 0, purged = 0,
-             bookmarkLost = 0, updated = 0, updateRefused = 0, updateUnchanged = 0, helperThrew = 0,
-             nestedPump = 0, needed = 0, neededOwn = 0, suppressed = 0;
-  } roads;
+  /// Roads that a run is to have taken, and how often it did.
+  enum Road : std::uint8_t {
+    kWaitedForDependency,
+    kFailed,
+    kOvertaken,
+    kDoneAtCommit,
+    kRemovedNothing,
+    kClearedNothing,
+    kReportedAll,
+    kReportedBack,
+    kReportedBeyond,
+    kUnitMissing,
+    kDeleteOvertaken,
+    kPurged,
+    kBookmarkLost,
+    kUpdated,
+    kUpdateRefused,
+    kUpdateUnchanged,
+    kHelperThrew,
+    kNestedPump,
+    kNeeded,
+    kNeededOwn,
+    kIdentical,
+    kUsualRoads,
+    kWaitedForRoom = kUsualRoads,
+    kConfigFull,
+    kRoads
+  };
+  std::array<std::size_t, kRoads> roads{};
 
  private:
   struct Group {
@@ -318,10 +315,7 @@ class Model final : public Agent {
   };
 
   Family& familyFor(const Table& table) { return families_[table.family]; }
-  std::map<Key, ConfigRecord>& configFor(const Table& table) {
-    return families_[table.family].config[table.unit];
-  }
-  const std::map<Key, ConfigRecord>& configFor(const Table& table) const {
+  const std::map<Key, Support::ConfigRecord>& configFor(const Table& table) const {
     return families_[table.family].config[table.unit];
   }
 
@@ -362,14 +356,10 @@ class Model final : public Agent {
   std::pair<Value, bool> hook(Table& table, const OpPtr& op, Key key, Value value, unsigned which);
   void delAllEntries(Table& table, const Needed& needed, const OpPtr& op);
   Needed neededFor(const Table& table, const OpPtr& dependency);
+  Needed everythingBut(const Family& family) const;
 
-  // The log.
-  Version append(Family& family, const LogRecord& record, const Needed& needed);
-  Version entryIs(Table& table, Key key, Value value, const Needed& needed);
-  Version entryDel(Table& table, Key key, const Needed& needed);
-  Version tableDel(Table& table, const Needed& needed);
+  // Reports of the hardware.
   void cleanup(Family& family, Version version);
-  void applyRecord(Family& family, Version version, const LogRecord& record);
   void report(Table& table, Version version);
 
   // Iteration.
@@ -377,9 +367,8 @@ class Model final : public Agent {
   void iterStep(const Act& act);
   std::optional<std::pair<Key, Value>> stepAdds(Iteration& it);
   std::optional<std::pair<Key, Value>> stepConfig(Iteration& it);
-  std::optional<Key> configAfter(const Table& table, Key key) const;
-  std::optional<Key> configFirst(const Table& table) const;
-  std::optional<Key> configNext(const Table& table, std::optional<unsigned> place) const;
+  /// The key that a walk comes to behind that one, or first.
+  std::optional<Key> configAfter(const Table& table, std::optional<Key> key) const;
   static void leaveAdds(Iteration& it);
   unsigned number(const Table& table) const {
     return static_cast<unsigned>(&table - tables_.data());

@@ -7,15 +7,17 @@
 
 #include "Kiv/Log.h"
 #include "OrderedTable/GenId.h"
-#include "Restart/Running.h"
 #include "Stavro/ValueEntity.h"
+#include "Support/FamilyMemory.h"
+#include "Support/Running.h"
 #include "Support/TempDir.h"
 
 namespace RestartTest {
 namespace {
 
-using Asic::EntryState;
 using Asic::UnitId;
+using Tcam = QuarnBastil::TcamEntryFamily;
+using Blocks = QuarnBastil::BigBbFamily;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Generation = Stavro::ValueEntity<Asic::GenId>;
@@ -61,7 +63,7 @@ class WipedTest : public testing::Test {
   /// An agent comes up, finds `live` entries in unit 0, and writes, commits, and hears of it.
   /// Returns the generation.
   std::uint32_t serve(unsigned live) {
-    Running agent(dir_.path());
+    Support::Running agent(dir_.path());
     const auto table = agent.template table<Family>(0);
     agent.template table<Family>(1);
     agent.template interface<Family>()->reconcile();
@@ -70,7 +72,8 @@ class WipedTest : public testing::Test {
         << "reported ones are not repeated";
     newest_ += 5;
     for (std::uint32_t key = 0; key < 5; ++key) {
-      const auto handle = table->entryWrite(Family::keyOf(key), entryOf<Family>(key, 7), nullptr);
+      const auto handle = table->entryWrite(Support::Numbers<Family>::key(key),
+                                            Support::entryOf<Family>(key, 7), nullptr);
       agent.pumpAll();
       EXPECT_EQ(handle->logVersion(), table->entryLog()->tableVersion());
     }
@@ -129,12 +132,14 @@ TYPED_TEST(WipedTest, ANeededSetThatCannotBeReadGoesWithTheOthers) {
   const auto path =
       Asic::Constants::neededPathOfEntryLogPath(TypeParam::Constants::tableEntryLogDriftPath());
   {
-    Running agent(this->dir_.path());
+    Support::Running agent(this->dir_.path());
     const auto table = agent.template table<TypeParam>(0);
-    const auto other = Fenrik::ptrIsImpl<ForeignHandle>();
-    other->settle(EntryState::entryInLog);
+    const auto other = Fenrik::ptrIsImpl<typename TypeParam::EntryHandle>(
+        Asic::EntryVersion(Asic::MajorVersion(0), 0), Support::Numbers<TypeParam>::key(9), &*table);
+    other->entryStateIs(Asic::EntryState::entryInLog);
     for (std::uint32_t key = 0; key < 3; ++key) {
-      table->entryWrite(TypeParam::keyOf(key), entryOf<TypeParam>(key, 1), other);
+      table->entryWrite(Support::Numbers<TypeParam>::key(key), Support::entryOf<TypeParam>(key, 1),
+                        other);
     }
     agent.pumpAll();
     const auto needed =
@@ -146,7 +151,7 @@ TYPED_TEST(WipedTest, ANeededSetThatCannotBeReadGoesWithTheOthers) {
         .write("damage", 6);
   }
   this->report(2);
-  Running agent(this->dir_.path());
+  Support::Running agent(this->dir_.path());
   const auto table = agent.template table<TypeParam>(0);
   const auto needed =
       Fenrik::dynamicPtrCast<Asic::NeededEntryDrift>(agent.memory()->getEntity(path));
@@ -180,7 +185,7 @@ TYPED_TEST(WipedTest, AGenerationThatCannotBeReadIsNoReasonToStayDown) {
   file.seekp(static_cast<std::streamoff>(place)).put('H').flush();
   truncate(this->pathOf(TypeParam::Constants::configDriftPath(UnitId(0))));
   {
-    Running agent(this->dir_.path());
+    Support::Running agent(this->dir_.path());
     EXPECT_EQ(agent.template table<TypeParam>(0)->entrys(), 0U);
   }
   EXPECT_EQ(this->messages_.size(), 1U);
@@ -194,7 +199,7 @@ TYPED_TEST(WipedTest, ReportsThatCannotBeReadAreNone) {
   for (const auto harm : kHarms) {
     harm(reports);
     {
-      Running agent(this->dir_.path());
+      Support::Running agent(this->dir_.path());
       const auto table = agent.template table<TypeParam>(0);
       EXPECT_EQ(table->entryLog()->tableVersion().value(), version);
       EXPECT_EQ(table->entryLog()->tableStatusVersion().value(), 0U);
@@ -228,7 +233,8 @@ TYPED_TEST(WipedTest, AnEnvironmentThatForbidsItsOwnManagerLeadsToTheMachines) {
         const auto table =
             TypeParam::Interface::getIntf(Fenrik::Ptr<Asic::OrderedTableInterface>(&agent.tables()))
                 ->makeSwTable(UnitId(0), nullptr, false);
-        table->entryWrite(TypeParam::keyOf(1), entryOf<TypeParam>(1, 1), nullptr);
+        table->entryWrite(Support::Numbers<TypeParam>::key(1), Support::entryOf<TypeParam>(1, 1),
+                          nullptr);
         agent.pumpAll();
         ::_exit(table->entryLog()->tableVersion().value() == 1 && stored(machines) &&
                         !stored(this->dir_.path())
