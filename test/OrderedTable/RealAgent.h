@@ -49,7 +49,6 @@ class AnyFamily {
   /// The walk's place of each of the first `keys` keys, in a unit that is empty.
   virtual std::vector<unsigned> learnPlaces(unsigned unit, Key keys) = 0;
   virtual void mountTable(unsigned unit, bool reset) = 0;
-  virtual void reconcile() = 0;
   /// As the hardware; nothing if it is to have said nothing.
   virtual void reportedIs(std::optional<Version> version) = 0;
   virtual void apply(unsigned unit, const Act& act) = 0;
@@ -62,7 +61,7 @@ class AnyFamily {
 };
 
 /// The real agent: one after the other over the same shared memory.
-class RealAgent final : public Agent {
+class RealAgent : public Agent {
  public:
   using Make = std::unique_ptr<AnyFamily> (*)(RealAgent& agent, unsigned number);
   struct Plan {
@@ -186,7 +185,6 @@ class RealFamily final : public AnyFamily {
         interface_(agent.running().interface<F>()),
         tables_(agent.units()),
         watches_(agent.units()) {
-    readAnew();
     statusWatch_.attach(*this, 0, interface_->swTableStatus()->publisher(),
                         &RealFamily::statusChanged);
   }
@@ -209,9 +207,8 @@ class RealFamily final : public AnyFamily {
     tables_[unit] = interface_->makeSwTable(unitId(unit), nullptr, reset);
     watches_[unit].stats.attach(*this, unit, tables_[unit]->stats()->publisher(),
                                 &RealFamily::statsChanged);
-    readAnew();
+    reader_ = nullptr;  // there is more to be seen
   }
-  void reconcile() override { interface_->reconcile(); }
 
   void reportedIs(std::optional<Version> version) override {
     Support::ReporterRig hardware(agent_.directory(), F::Constants::canonicalGroupName());
@@ -499,10 +496,6 @@ class RealFamily final : public AnyFamily {
                 .number = *static_cast<const bool*>(change.value)});
   }
 
-  void readAnew() {
-    reader_ = std::make_unique<Support::MemoryReader<F>>(agent_.directory(), agent_.units());
-  }
-
   /// Calls `compare` with each table that there is, its number and the model's table.
   template <class Compare>
   void eachTable(Differences& differ, const Model& model, Compare compare) const {
@@ -524,7 +517,7 @@ class RealFamily final : public AnyFamily {
   std::vector<TableWatches> watches_;
   Watch statusWatch_;
   std::map<unsigned, Fenrik::Ptr<typename F::IteratorState>> iterations_;
-  std::unique_ptr<Support::MemoryReader<F>> reader_;
+  mutable std::unique_ptr<Support::MemoryReader<F>> reader_;
 };
 
 template <class F>
@@ -560,6 +553,9 @@ template <class F>
 void RealFamily<F>::compareFully(Differences& differ, const Model& model, Key keys) const {
   compareQuickly(differ, model);
   // A unit without a table may have a configuration all the same.
+  if (reader_ == nullptr) {
+    reader_ = std::make_unique<Support::MemoryReader<F>>(agent_.directory(), agent_.units());
+  }
   const Support::Memory& expected = model.family(number_);
   const Support::Memory seen = reader_->read();
   if (seen != expected) differ("memory", textOf(expected), textOf(seen));

@@ -104,10 +104,7 @@ void Model::apply(const Act& act) {
     case Kind::report:
       return report(table, act.number);
     case Kind::hear:
-      for (Table& hearing : tables_) {
-        if (const auto said = familyFor(hearing).reported) report(hearing, *said);
-      }
-      return;
+      return hear();
     case Kind::has:
       return answer(act, act.key, entryHas(act.table, act.key));
     case Kind::read:
@@ -544,6 +541,16 @@ void Model::report(Table& table, Version version) {
     handled(head);
   }
   updateFlag(familyFor(table));
+}
+
+/// The tables hear of it in any order.
+void Model::hear() {
+  const std::size_t begin = events.size();
+  for (Table& table : tables_) {
+    if (const auto said = familyFor(table).reported) report(table, *said);
+  }
+  const unsigned anyOrder = nextAnyOrder_++;
+  for (std::size_t i = begin; i < events.size(); ++i) events[i].anyOrder = anyOrder;
 }
 
 bool Model::hasPendingHwWrites(unsigned number) const {

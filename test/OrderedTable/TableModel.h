@@ -361,6 +361,7 @@ class Model final : public Agent {
   // Reports of the hardware.
   void cleanup(Family& family, Version version);
   void report(Table& table, Version version);
+  void hear();
 
   // Iteration.
   void iterBegin(const Act& act);
