@@ -75,7 +75,9 @@ class Model {
  private:
   using Record = Support::ConfigRecord;
 
-  Support::Memory memory() const { return Support::memoryOf<Family>(directory_, kUnits); }
+  Support::Memory memory() const {
+    return Support::MemoryReader<Family>(directory_, kUnits).read();
+  }
   Version newest() const { return expected_.scratchpad; }
   static bool isLive(const std::pair<const Support::Key, Record>& entry) {
     return !entry.second.isDeleted;

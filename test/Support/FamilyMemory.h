@@ -286,12 +286,16 @@ class MemoryReader {
     }
   }
 
-  Memory read() const {
+  /// With `keys`, the configurations are only searched for the keys below that: much quicker where
+  /// there is little.
+  Memory read(Key keys = 0) const {
     Memory seen;
     seen.config.resize(configs_.size());
     for (unsigned unit = 0; unit < configs_.size(); ++unit) {
-      eachConfigured(unit,
-                     [&](Key key, const ConfigRecord& record) { seen.config[unit][key] = record; });
+      const auto see = [&](Key key, const ConfigRecord& record) {
+        seen.config[unit][key] = record;
+      };
+      keys == 0 ? eachConfigured(unit, see) : eachFound(unit, keys, see);
     }
     if (log_ != nullptr) {
       seen.scratchpad = log_->collectionControl()->scratchpad();
@@ -346,10 +350,20 @@ class MemoryReader {
     if (configs_[unit] == nullptr) return;
     eachRecord(
         *configs_[unit]->map(), [](const auto& record) { return record.logEntry.key; },
-        [&](const auto& record) {
-          const auto [key, value] = numbersOf<Family>(record.logEntry);
-          see(key, ConfigRecord{value, record.logVersion.value(), record.isDeleted});
-        });
+        [&](const auto& record) { seeRecord(record, see); });
+  }
+  template <class See>
+  void eachFound(unsigned unit, Key keys, See see) const {
+    for (Key key = 0; configs_[unit] != nullptr && key < keys; ++key) {
+      bool found = false;
+      const auto& record = configs_[unit]->map()->driftMapFind(Numbers<Family>::key(key), found);
+      if (found) seeRecord(record, see);
+    }
+  }
+  template <class Record, class See>
+  static void seeRecord(const Record& record, See see) {
+    const auto [key, value] = numbersOf<Family>(record.logEntry);
+    see(key, ConfigRecord{value, record.logVersion.value(), record.isDeleted});
   }
 
   Fenrik::Ptr<KivSharedMem::EntityManager> memory_;
@@ -358,10 +372,5 @@ class MemoryReader {
   Fenrik::Ptr<Asic::TableVersionDrift> reports_;
   std::vector<Fenrik::Ptr<typename Family::ConfigDrift>> configs_;
 };
-
-template <class Family>
-Memory memoryOf(const std::string& directory, unsigned units) {
-  return MemoryReader<Family>(directory, units).read();
-}
 
 }  // namespace Support

@@ -28,8 +28,8 @@ inline const RealAgent::Plan& plan() {
 using Picture = std::vector<Support::Memory>;
 
 inline Picture pictureOf(const std::string& directory) {
-  return {Support::memoryOf<First>(directory, kUnits),
-          Support::memoryOf<Second>(directory, kUnits)};
+  return {Support::MemoryReader<First>(directory, kUnits).read(kKeys),
+          Support::MemoryReader<Second>(directory, kUnits).read(kKeys)};
 }
 inline std::string textOf(const Picture& picture) {
   return Support::textOf(picture[0]) + Support::textOf(picture[1]);
