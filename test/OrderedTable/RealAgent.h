@@ -69,7 +69,11 @@ class RealAgent : public Agent {
     std::vector<Make> families;
   };
 
-  RealAgent(std::string directory, const Plan& plan);
+  RealAgent(std::string directory, const Plan& plan)
+      : directory_(std::move(directory)), plan_(plan) {
+    for (unsigned i = 0; i < kForeigns; ++i)
+      foreigns_.push_back(Fenrik::ptrIsImpl<ForeignHandle>());
+  }
 
   void start(const Model::Start& start) {
     end();
@@ -160,13 +164,6 @@ class RealAgent : public Agent {
   std::vector<Fenrik::Ptr<ForeignHandle>> foreigns_;
   OpId nextOp_ = 0;
 };
-
-inline RealAgent::RealAgent(std::string directory, const Plan& plan)
-    : directory_(std::move(directory)), plan_(plan) {
-  for (unsigned i = 0; i < kForeigns; ++i) {
-    foreigns_.push_back(Fenrik::ptrIsImpl<ForeignHandle>());
-  }
-}
 
 template <class F>
 class RealFamily final : public AnyFamily {
@@ -260,9 +257,68 @@ class RealFamily final : public AnyFamily {
     throw std::logic_error("not a table's act");
   }
 
-  void compareQuickly(Differences& differ, const Model& model) const override;
-  void compareFully(Differences& differ, const Model& model, Key keys) const override;
-  void compareWalks(Differences& differ, const Model& model) const override;
+  void compareQuickly(Differences& differ, const Model& model) const override {
+    const Family& family = model.family(number_);
+    const auto& control = *log().tableEntryLog()->collectionControl();
+    const auto& resolver = *group().groupResolver();
+    differ.where = F::kTableName;
+    differ("tableVersion", family.scratchpad, log().tableVersion().value());
+    differ("tableStatusVersion", family.statusVersion, log().tableStatusVersion().value());
+    differ("scratchpad", family.scratchpad, control.scratchpad());
+    differ("announced version", family.announced, control.announced());
+    differ("log size", family.log.size(), log().tableEntryLog()->map()->driftMapSize());
+    differ("pendingHwWrites", family.pendingHwWrites,
+           interface_->swTableStatus()->pendingHwWrites());
+    differ("queue", model.queue(family.group).size(), resolver.length());
+    differ("too many looks at the head", false, resolver.looks() > model.looks(family.group));
+    for (unsigned unit = 0; unit < tables_.size(); ++unit) {
+      if (tables_[unit] == nullptr) continue;
+      const Table& table = *tables_[unit];
+      const TableModel::Table& expected = model.table(numberOf(unit));
+      differ("adds", expected.adds.size(), table.transientAddEntryCount());
+      differ("removes", expected.removes.size(), table.transientRemoveEntryCount());
+      differ("versions", expected.versions.size(), table.transientVersionForKeyCount());
+      differ("transientRemoveAllVersion", expected.removeAll.value_or(UINT64_MAX),
+             table.transientRemoveAllVersion().value());
+      differ("handles in the log", expected.handlesInLog.size(), table.entryHandleInLogCount());
+      differ("configuration size", family.config[unit].size(),
+             log().tableConfigDrift(unitId(unit))->map()->driftMapSize());
+    }
+  }
+  void compareFully(Differences& differ, const Model& model, Key keys) const override {
+    compareQuickly(differ, model);
+    // A unit without a table may have a configuration all the same.
+    if (reader_ == nullptr) {
+      reader_ = std::make_unique<Support::MemoryReader<F>>(agent_.directory(), agent_.units());
+    }
+    const Support::Memory& expected = model.family(number_);
+    const Support::Memory seen = reader_->read();
+    if (seen != expected) differ("memory", textOf(expected), textOf(seen));
+    eachTable(differ, model, [&](const Table& table, unsigned number, const auto& modelTable) {
+      compareFlight(differ, table, modelTable);
+      compareReads(differ, model, number % agent_.units(), keys);
+    });
+    const auto head = group().groupResolver()->head().waiting;
+    const auto& queue = model.queue(model.family(number_).group);
+    if (queue.empty()) return;
+    differ("head's unit", queue.front()->act.table % agent_.units(), head.unit);
+    differ("head's wait", model.waits(*queue.front()), head.reason.size() != 0);
+  }
+  void compareWalks(Differences& differ, const Model& model) const override {
+    eachTable(differ, model, [&](const Table& table, unsigned number, const auto& expected) {
+      const auto unit = unitId(expected.unit);
+      const auto live = model.configEntrys(number);
+      differ("entrys", model.entrys(number), table.entrys());
+      differ("entrys of the log", live, log().entrys(unit));
+      differ("entrysInDeletion", model.family(number_).config[expected.unit].size() - live,
+             log().entrysInDeletion(unit));
+      std::map<Key, Value> walked;
+      for (auto it = table.entryIteratorConst(); it; ++it) {
+        walked.insert(Support::numbersOf<F>(*it));
+      }
+      differ("what a walk shows", model.contents(number), walked);
+    });
+  }
 
  private:
   /// Hears of the changes of one object.
@@ -506,9 +562,68 @@ class RealFamily final : public AnyFamily {
     }
     differ.where = F::kTableName;
   }
-  void compareReads(Differences& differ, const Model& model, unsigned unit, Key keys) const;
+  void compareReads(Differences& differ, const Model& model, unsigned unit, Key keys) const {
+    const Table& table = *tables_[unit];
+    const unsigned number = numberOf(unit);
+    const auto& stats = *table.stats();
+    const std::array<Version, kCounters> counters{
+        stats.entryWriteCnt(),  stats.entryRemoveCnt(),     stats.commitCnt(),
+        stats.tableClearCnt(),  stats.updateCnt(),          stats.updateWithFailedResourceCnt(),
+        stats.resolveFailCnt(), stats.suppressedWriteCnt(), stats.suppressCheckDiffCnt()};
+    differ("stats", model.table(number).counters, counters);
+    differ("hasPendingHwWrites", model.hasPendingHwWrites(number), table.hasPendingHwWrites());
+    const auto numbers = [](const auto& entry) { return Support::numbersOf<F>(entry); };
+    const auto& config = model.family(number_).config[unit];
+    for (Key key = 0; key < keys; ++key) {
+      const FamilyKey familyKey = Numbers::key(key);
+      const auto found = config.find(key);
+      differ("entryHas", model.entryHas(number, key), table.entryHas(familyKey));
+      differ("entryRead", model.entryRead(number, key), numbers(table.entryRead(familyKey)));
+      differ("entryFromConfig", model.entryFromConfig(number, key),
+             numbers(table.entryFromConfig(familyKey)));
+      differ("entry of the log", model.entryFromConfig(number, key),
+             numbers(log().entry(familyKey, unitId(unit))));
+      differ("entryHas of the log", model.configHas(number, key),
+             log().entryHas(familyKey, unitId(unit)));
+      differ("entryLogVersion", found != config.end() ? found->second.logVersion : 0,
+             log().entryLogVersion(familyKey, unitId(unit)).value());
+    }
+  }
   void compareFlight(Differences& differ, const Table& table,
-                     const TableModel::Table& expected) const;
+                     const TableModel::Table& expected) const {
+    using Members = std::map<Key, std::pair<Value, Version>>;
+    const auto expect = [](const std::map<Key, OpPtr>& members) {
+      Members all;
+      for (const auto& [key, op] : members) all[key] = {op->value, op->major};
+      return all;
+    };
+    const auto look = [](auto it) {
+      Members all;
+      for (; it; ++it) {
+        const auto& wrapper = *it->value();
+        const auto [key, value] = Support::numbersOf<F>(wrapper.entry());
+        all[key] = {value, wrapper.entryHandle()->version().majorVersion().value()};
+      }
+      return all;
+    };
+    differ("transientAddEntry", expect(expected.adds), look(table.transientAddEntryIterator()));
+    differ("transientRemoveEntry", expect(expected.removes),
+           look(table.transientRemoveEntryIterator()));
+    std::map<Key, Version> versions;
+    for (auto it = table.transientVersionForKeyIterator(); it; ++it) {
+      versions[Numbers::number(it.key())] = it->value().majorVersion().value();
+      differ("minor version", 0U, it->value().minorVersion());
+    }
+    differ("transientVersionForKey", expected.versions, versions);
+    std::vector<Version> expectedHandles, handles;
+    for (const OpPtr& op : expected.handlesInLog) expectedHandles.push_back(op->logVersion);
+    for (auto it = table.entryHandleInLogIter(); it.valid(); it.increment()) {
+      handles.push_back(it.value()->logVersion().value());
+    }
+    differ("entryHandleInLog", expectedHandles, handles);
+    differ("newest index of entryHandleInLog", !handles.empty(),
+           table.entryHandleInLogHas(expected.nextIndex - 1));
+  }
 
   RealAgent& agent_;
   unsigned number_;
@@ -519,140 +634,6 @@ class RealFamily final : public AnyFamily {
   std::map<unsigned, Fenrik::Ptr<typename F::IteratorState>> iterations_;
   mutable std::unique_ptr<Support::MemoryReader<F>> reader_;
 };
-
-template <class F>
-void RealFamily<F>::compareQuickly(Differences& differ, const Model& model) const {
-  const Family& family = model.family(number_);
-  const auto& control = *log().tableEntryLog()->collectionControl();
-  const auto& resolver = *group().groupResolver();
-  differ.where = F::kTableName;
-  differ("tableVersion", family.scratchpad, log().tableVersion().value());
-  differ("tableStatusVersion", family.statusVersion, log().tableStatusVersion().value());
-  differ("scratchpad", family.scratchpad, control.scratchpad());
-  differ("announced version", family.announced, control.announced());
-  differ("log size", family.log.size(), log().tableEntryLog()->map()->driftMapSize());
-  differ("pendingHwWrites", family.pendingHwWrites, interface_->swTableStatus()->pendingHwWrites());
-  differ("queue", model.queue(family.group).size(), resolver.length());
-  differ("too many looks at the head", false, resolver.looks() > model.looks(family.group));
-  for (unsigned unit = 0; unit < tables_.size(); ++unit) {
-    if (tables_[unit] == nullptr) continue;
-    const Table& table = *tables_[unit];
-    const TableModel::Table& expected = model.table(numberOf(unit));
-    differ("adds", expected.adds.size(), table.transientAddEntryCount());
-    differ("removes", expected.removes.size(), table.transientRemoveEntryCount());
-    differ("versions", expected.versions.size(), table.transientVersionForKeyCount());
-    differ("transientRemoveAllVersion", expected.removeAll.value_or(UINT64_MAX),
-           table.transientRemoveAllVersion().value());
-    differ("handles in the log", expected.handlesInLog.size(), table.entryHandleInLogCount());
-    differ("configuration size", family.config[unit].size(),
-           log().tableConfigDrift(unitId(unit))->map()->driftMapSize());
-  }
-}
-
-template <class F>
-void RealFamily<F>::compareFully(Differences& differ, const Model& model, Key keys) const {
-  compareQuickly(differ, model);
-  // A unit without a table may have a configuration all the same.
-  if (reader_ == nullptr) {
-    reader_ = std::make_unique<Support::MemoryReader<F>>(agent_.directory(), agent_.units());
-  }
-  const Support::Memory& expected = model.family(number_);
-  const Support::Memory seen = reader_->read();
-  if (seen != expected) differ("memory", textOf(expected), textOf(seen));
-  eachTable(differ, model, [&](const Table& table, unsigned number, const auto& modelTable) {
-    compareFlight(differ, table, modelTable);
-    compareReads(differ, model, number % agent_.units(), keys);
-  });
-  const auto head = group().groupResolver()->head().waiting;
-  const auto& queue = model.queue(model.family(number_).group);
-  if (queue.empty()) return;
-  differ("head's unit", queue.front()->act.table % agent_.units(), head.unit);
-  differ("head's wait", model.waits(*queue.front()), head.reason.size() != 0);
-}
-
-template <class F>
-void RealFamily<F>::compareReads(Differences& differ, const Model& model, unsigned unit,
-                                 Key keys) const {
-  const Table& table = *tables_[unit];
-  const unsigned number = numberOf(unit);
-  const auto& stats = *table.stats();
-  const std::array<Version, kCounters> counters{
-      stats.entryWriteCnt(),  stats.entryRemoveCnt(),     stats.commitCnt(),
-      stats.tableClearCnt(),  stats.updateCnt(),          stats.updateWithFailedResourceCnt(),
-      stats.resolveFailCnt(), stats.suppressedWriteCnt(), stats.suppressCheckDiffCnt()};
-  differ("stats", model.table(number).counters, counters);
-  differ("hasPendingHwWrites", model.hasPendingHwWrites(number), table.hasPendingHwWrites());
-  const auto numbers = [](const auto& entry) { return Support::numbersOf<F>(entry); };
-  const auto& config = model.family(number_).config[unit];
-  for (Key key = 0; key < keys; ++key) {
-    const FamilyKey familyKey = Numbers::key(key);
-    const auto found = config.find(key);
-    differ("entryHas", model.entryHas(number, key), table.entryHas(familyKey));
-    differ("entryRead", model.entryRead(number, key), numbers(table.entryRead(familyKey)));
-    differ("entryFromConfig", model.entryFromConfig(number, key),
-           numbers(table.entryFromConfig(familyKey)));
-    differ("entry of the log", model.entryFromConfig(number, key),
-           numbers(log().entry(familyKey, unitId(unit))));
-    differ("entryHas of the log", model.configHas(number, key),
-           log().entryHas(familyKey, unitId(unit)));
-    differ("entryLogVersion", found != config.end() ? found->second.logVersion : 0,
-           log().entryLogVersion(familyKey, unitId(unit)).value());
-  }
-}
-
-template <class F>
-void RealFamily<F>::compareWalks(Differences& differ, const Model& model) const {
-  eachTable(differ, model, [&](const Table& table, unsigned number, const auto& expected) {
-    const auto unit = unitId(expected.unit);
-    const auto live = model.configEntrys(number);
-    differ("entrys", model.entrys(number), table.entrys());
-    differ("entrys of the log", live, log().entrys(unit));
-    differ("entrysInDeletion", model.family(number_).config[expected.unit].size() - live,
-           log().entrysInDeletion(unit));
-    std::map<Key, Value> walked;
-    for (auto it = table.entryIteratorConst(); it; ++it) {
-      walked.insert(Support::numbersOf<F>(*it));
-    }
-    differ("what a walk shows", model.contents(number), walked);
-  });
-}
-
-template <class F>
-void RealFamily<F>::compareFlight(Differences& differ, const Table& table,
-                                  const TableModel::Table& expected) const {
-  using Members = std::map<Key, std::pair<Value, Version>>;
-  const auto expect = [](const std::map<Key, OpPtr>& members) {
-    Members all;
-    for (const auto& [key, op] : members) all[key] = {op->value, op->major};
-    return all;
-  };
-  const auto look = [](auto it) {
-    Members all;
-    for (; it; ++it) {
-      const auto& wrapper = *it->value();
-      const auto [key, value] = Support::numbersOf<F>(wrapper.entry());
-      all[key] = {value, wrapper.entryHandle()->version().majorVersion().value()};
-    }
-    return all;
-  };
-  differ("transientAddEntry", expect(expected.adds), look(table.transientAddEntryIterator()));
-  differ("transientRemoveEntry", expect(expected.removes),
-         look(table.transientRemoveEntryIterator()));
-  std::map<Key, Version> versions;
-  for (auto it = table.transientVersionForKeyIterator(); it; ++it) {
-    versions[Numbers::number(it.key())] = it->value().majorVersion().value();
-    differ("minor version", 0U, it->value().minorVersion());
-  }
-  differ("transientVersionForKey", expected.versions, versions);
-  std::vector<Version> expectedHandles, handles;
-  for (const OpPtr& op : expected.handlesInLog) expectedHandles.push_back(op->logVersion);
-  for (auto it = table.entryHandleInLogIter(); it.valid(); it.increment()) {
-    handles.push_back(it.value()->logVersion().value());
-  }
-  differ("entryHandleInLog", expectedHandles, handles);
-  differ("newest index of entryHandleInLog", !handles.empty(),
-         table.entryHandleInLogHas(expected.nextIndex - 1));
-}
 
 /// Agents that have the tables of these families.
 template <class... F>
