@@ -230,15 +230,15 @@ class RealFamily final : public AnyFamily {
       case Kind::report:
         return table.tableStatusVersion(Asic::LogVersion(act.number));
       case Kind::has:
-        return answer(act, act.key, table.entryHas(key));
+        return agent_.answer(act, act.key, table.entryHas(key));
       case Kind::read:
-        return answer(act, table.entryRead(key));
+        return agent_.answer(act, numbers(table.entryRead(key)));
       case Kind::entry:
-        return answer(act, table.entry(key));
+        return agent_.answer(act, numbers(table.entry(key)));
       case Kind::config:
-        return answer(act, table.entryFromConfig(key));
+        return agent_.answer(act, numbers(table.entryFromConfig(key)));
       case Kind::count:
-        return answer(act, 0, table.entrys());
+        return agent_.answer(act, 0, table.entrys());
       case Kind::iterBegin:
         return iterBegin(table, act);
       case Kind::iterStep:
@@ -314,7 +314,7 @@ class RealFamily final : public AnyFamily {
              log().entrysInDeletion(unit));
       std::map<Key, Value> walked;
       for (auto it = table.entryIteratorConst(); it; ++it) {
-        walked.insert(Support::numbersOf<F>(*it));
+        walked.insert(numbers(*it));
       }
       differ("what a walk shows", model.contents(number), walked);
     });
@@ -368,7 +368,7 @@ class RealFamily final : public AnyFamily {
 
    private:
     void called(Wrapper& wrapper, const Table& table, std::uint8_t which) {
-      const auto [key, value] = Support::numbersOf<F>(wrapper.entry());
+      const auto [key, value] = numbers(wrapper.entry());
       family_->agent_.see({.kind = Event::Kind::hooked,
                            .what = which,
                            .gone = table.entryHas(wrapper.key()),
@@ -387,24 +387,12 @@ class RealFamily final : public AnyFamily {
     Act::Plan plan_;
   };
 
+  static std::pair<Key, Value> numbers(const auto& entry) { return Support::numbersOf<F>(entry); }
   static Asic::UnitId unitId(unsigned unit) {
     return Asic::UnitId(static_cast<std::uint16_t>(unit));
   }
   unsigned numberOf(unsigned unit) const { return number_ * agent_.units() + unit; }
   typename F::EntryLog& log() const { return *interface_->entryLog(); }
-
-  void answer(const Act& act, Key key, Version number, Version value = 0) const {
-    agent_.see({.kind = Event::Kind::answered,
-                .what = static_cast<std::uint8_t>(act.kind),
-                .table = act.table,
-                .key = key,
-                .number = number,
-                .value = value});
-  }
-  void answer(const Act& act, const Entry& entry) const {
-    const auto [key, value] = Support::numbersOf<F>(entry);
-    answer(act, key, 0, value);
-  }
 
   void call(unsigned unit, const Act& act) {
     Table& table = *tables_[unit];
@@ -448,23 +436,23 @@ class RealFamily final : public AnyFamily {
 
   void update(Table& table, const Act& act) {
     const HandlePtr handle = table.updateEntry(Numbers::key(act.key));
-    if (handle == nullptr) return answer(act, act.key, kNoOp);
+    if (handle == nullptr) return agent_.answer(act, act.key, kNoOp);
     const OpId id = agent_.nextOp();
     agent_.handleIs(id, handle);
-    answer(act, act.key, id);
+    agent_.answer(act, act.key, id);
   }
 
   void direct(unsigned unit, const Act& act) {
     const Asic::LogVersion version = log().entryIs(
         Support::entryOf<F, typename F::LogEntry>(act.key, act.value), {},
         Fenrik::ptrIsImpl<Asic::NeededEntry>(), unitId(unit), tables_[unit]->stats(), true);
-    answer(act, act.key, version.value());
+    agent_.answer(act, act.key, version.value());
   }
 
   void iterBegin(const Table& table, const Act& act) {
     auto& state = iterations_[act.slot];
     state = act.flag ? table.initIterStateFromKey(Numbers::key(act.key)) : table.initIterState();
-    answer(act, Numbers::number(state->bookmarkKey()), state->state().value());
+    agent_.answer(act, Numbers::number(state->bookmarkKey()), state->state().value());
   }
 
   void iterStep(const Act& act) {
@@ -473,8 +461,8 @@ class RealFamily final : public AnyFamily {
     auto& state = *found->second;
     if (state.state().inAddColl()) agent_.addOrders.push_back(addOrder(*state.swTable()));
     const Entry entry = state.maybeUpdateCurrentEntry();
-    answer(act, Numbers::number(state.bookmarkKey()), state.state().value());
-    answer(act, entry);
+    agent_.answer(act, Numbers::number(state.bookmarkKey()), state.state().value());
+    agent_.answer(act, numbers(entry));
   }
 
   static std::vector<Key> addOrder(const Table& table) {
@@ -491,7 +479,7 @@ class RealFamily final : public AnyFamily {
     for (auto it = all->tableEntriesIterator(); it; ++it) {
       sorted.emplace(Numbers::number(it.key()), it->value());
     }
-    for (const auto& member : sorted) answer(act, member.second);
+    for (const auto& member : sorted) agent_.answer(act, numbers(member.second));
   }
 
   void helper(Table& table, const Act& act) {
@@ -534,7 +522,7 @@ class RealFamily final : public AnyFamily {
     using Remove = typename Table::HN_TransientRemoveEntry;
     const auto& wrapper = what == kAdds ? static_cast<const Add*>(node)->value()
                                         : static_cast<const Remove*>(node)->value();
-    return Support::numbersOf<F>(wrapper->entry()).second;
+    return numbers(wrapper->entry()).second;
   }
 
   void statsChanged(unsigned unit, const Fenrik::Change& change) {
@@ -572,7 +560,6 @@ class RealFamily final : public AnyFamily {
         stats.resolveFailCnt(), stats.suppressedWriteCnt(), stats.suppressCheckDiffCnt()};
     differ("stats", model.table(number).counters, counters);
     differ("hasPendingHwWrites", model.hasPendingHwWrites(number), table.hasPendingHwWrites());
-    const auto numbers = [](const auto& entry) { return Support::numbersOf<F>(entry); };
     const auto& config = model.family(number_).config[unit];
     for (Key key = 0; key < keys; ++key) {
       const FamilyKey familyKey = Numbers::key(key);
@@ -601,7 +588,7 @@ class RealFamily final : public AnyFamily {
       Members all;
       for (; it; ++it) {
         const auto& wrapper = *it->value();
-        const auto [key, value] = Support::numbersOf<F>(wrapper.entry());
+        const auto [key, value] = numbers(wrapper.entry());
         all[key] = {value, wrapper.entryHandle()->version().majorVersion().value()};
       }
       return all;

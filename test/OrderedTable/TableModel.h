@@ -155,6 +155,18 @@ class Agent {
   }
   virtual void apply(const Act& act) = 0;
   void see(const Event& event) { events.push_back(event); }
+  void answer(const Act& act, Key key, Version number, Version value = 0) {
+    see({.kind = Event::Kind::answered,
+         .what = static_cast<std::uint8_t>(act.kind),
+         .table = act.table,
+         .key = key,
+         .number = number,
+         .value = value});
+  }
+
+  void answer(const Act& act, std::pair<Key, Value> entry, Version number = 0) {
+    answer(act, entry.first, number, entry.second);
+  }
 
   std::vector<Event> events;
 
@@ -638,19 +650,6 @@ class Model final : public Agent {
     Table& table = tables_[act.table];
     table.plan = act.plan;
     changed(table, kHelper, 0, false, 0);
-  }
-
-  void answer(const Act& act, Key key, Version number, Version value = 0) {
-    see({.kind = Event::Kind::answered,
-         .what = static_cast<std::uint8_t>(act.kind),
-         .table = act.table,
-         .key = key,
-         .number = number,
-         .value = value});
-  }
-
-  void answer(const Act& act, std::pair<Key, Value> entry, Version number = 0) {
-    answer(act, entry.first, number, entry.second);
   }
 
   // The queue and the commit.

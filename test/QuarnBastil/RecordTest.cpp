@@ -131,18 +131,8 @@ TYPED_TEST(RecordSuite, EveryFieldTravelsAndPaddingIsZero) {
   this->expectZeroOnlyIn(config, this->configPadding());
   this->expectZeroOnlyIn(log, this->logPadding());
 
-  const auto config2 = fromBytes<typename TypeParam::ConfigDriftEntry>(bytesOf(config));
-  EXPECT_EQ(config2.logEntry, config.logEntry);
-  EXPECT_EQ(config2.rsrcKeys, config.rsrcKeys);
-  EXPECT_EQ(config2.logVersion.value(), kVersion);
-  EXPECT_TRUE(config2.isDeleted);
-
-  const auto log2 = fromBytes<typename TypeParam::LogDriftEntry>(bytesOf(log));
-  EXPECT_EQ(log2.logEntry, log.logEntry);
-  EXPECT_EQ(log2.version.value(), kVersion);
-  EXPECT_TRUE(log2.flags.isEntryDeleted());
-  EXPECT_FALSE(log2.flags.isTableDeleted());
-  EXPECT_EQ(log2.unitId.value(), 0x2233);
+  EXPECT_EQ(fromBytes<typename TypeParam::ConfigDriftEntry>(bytesOf(config)), config);
+  EXPECT_EQ(fromBytes<typename TypeParam::LogDriftEntry>(bytesOf(log)), log);
 }
 
 TYPED_TEST(RecordSuite, PaddingHasNoSayAndEverythingElseHas) {
