@@ -248,8 +248,8 @@ class TwinRun {
 
   void start(bool first = false) {
     const Model::Start start = choice.start(first);
-    real.end();
     for (unsigned f = 0; f < real.families.size() && !first; ++f) reportedIs(f);
+    real.end();
     real.start(start);
     model.start(start);
     model.touched.clear();

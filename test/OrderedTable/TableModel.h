@@ -339,6 +339,7 @@ class Model final : public Agent {
       family.statusVersion = 0;
       family.pendingHwWrites = false;
       if (family.reported) {
+        ++roads[kReportFound];
         cleanup(family, *family.reported);
         family.pendingHwWrites = *family.reported < family.scratchpad;
       }
@@ -480,6 +481,7 @@ class Model final : public Agent {
     kUnitMissing,
     kDeleteOvertaken,
     kPurged,
+    kReportFound,
     kBookmarkLost,
     kUpdated,
     kUpdateRefused,
