@@ -8,7 +8,6 @@
 #include "Kiv/Log.h"
 #include "OrderedTable/GenId.h"
 #include "Stavro/ValueEntity.h"
-#include "Support/FamilyMemory.h"
 #include "Support/Running.h"
 #include "Support/TempDir.h"
 
@@ -72,8 +71,7 @@ class WipedTest : public testing::Test {
         << "reported ones are not repeated";
     newest_ += 5;
     for (std::uint32_t key = 0; key < 5; ++key) {
-      const auto handle = table->entryWrite(Support::Numbers<Family>::key(key),
-                                            Support::entryOf<Family>(key, 7), nullptr);
+      const auto handle = agent.template write<Family>(0, key, 7);
       agent.pumpAll();
       EXPECT_EQ(handle->logVersion(), table->entryLog()->tableVersion());
     }
@@ -137,10 +135,7 @@ TYPED_TEST(WipedTest, ANeededSetThatCannotBeReadGoesWithTheOthers) {
     const auto other = Fenrik::ptrIsImpl<typename TypeParam::EntryHandle>(
         Asic::EntryVersion(Asic::MajorVersion(0), 0), Support::Numbers<TypeParam>::key(9), &*table);
     other->entryStateIs(Asic::EntryState::entryInLog);
-    for (std::uint32_t key = 0; key < 3; ++key) {
-      table->entryWrite(Support::Numbers<TypeParam>::key(key), Support::entryOf<TypeParam>(key, 1),
-                        other);
-    }
+    for (std::uint32_t key = 0; key < 3; ++key) agent.template write<TypeParam>(0, key, 1, other);
     agent.pumpAll();
     const auto needed =
         Fenrik::dynamicPtrCast<Asic::NeededEntryDrift>(agent.memory()->getEntity(path));
@@ -229,15 +224,11 @@ TYPED_TEST(WipedTest, AnEnvironmentThatForbidsItsOwnManagerLeadsToTheMachines) {
   EXPECT_EXIT(
       {
         ::setenv("NOT_LOCAL_EM", "", 1);
-        Support::AgentRig agent(this->dir_.path(), name);
-        const auto table =
-            TypeParam::Interface::getIntf(Fenrik::Ptr<Asic::OrderedTableInterface>(&agent.tables()))
-                ->makeSwTable(UnitId(0), nullptr, false);
-        table->entryWrite(Support::Numbers<TypeParam>::key(1), Support::entryOf<TypeParam>(1, 1),
-                          nullptr);
+        Support::Running agent(this->dir_.path(), name);
+        const auto log = agent.template interface<TypeParam>()->entryLog();
+        agent.template write<TypeParam>(0, 1, 1);
         agent.pumpAll();
-        ::_exit(table->entryLog()->tableVersion().value() == 1 && stored(machines) &&
-                        !stored(this->dir_.path())
+        ::_exit(log->tableVersion().value() == 1 && stored(machines) && !stored(this->dir_.path())
                     ? 0
                     : 1);
       },

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "OrderedTable/SwTableInterfacesSingleton.h"
+#include "Support/FamilyMemory.h"
 #include "Support/TableRig.h"
 
 namespace Support {
@@ -27,6 +28,12 @@ class Running : public AgentRig {
   Fenrik::Ptr<typename Family::SwTable> table(unsigned unit, bool reset = false) {
     return interface<Family>()->makeSwTable(Asic::UnitId(static_cast<std::uint16_t>(unit)), nullptr,
                                             reset);
+  }
+  template <class Family>
+  auto write(unsigned unit, Key key, Value value,
+             const Fenrik::Ptr<const Asic::DependencyEntryHandle>& dependency = nullptr) {
+    const auto entry = entryOf<Family>(key, value);
+    return table<Family>(unit)->entryWrite(entry.key, entry, dependency);
   }
   template <class Family>
   Asic::GroupInterface& group() {
