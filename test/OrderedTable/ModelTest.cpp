@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <span>
 
-#include "Drift/Specimen.h"
-#include "OrderedTable/RealFamily.h"
+#include "OrderedTable/RealAgent.h"
+#include "OrderedTable/ToyFamily.h"
 #include "Support/Soak.h"
+#include "Support/TempDir.h"
 
 namespace {
 
@@ -22,109 +24,6 @@ constexpr unsigned kRoomSteps = 20'000;
 #endif
 
 constexpr Key kKeys = 64;
-
-/// A handle of an operation of nobody's table.
-class ForeignHandle final : public Fenrik::NodeClass<ForeignHandle, Asic::DependencyEntryHandle> {
- public:
-  using KivModule = Kiv::Module<"TableModelForeign", ForeignHandle>;
-
-  void outcomeIs(Asic::EntryState state, Version version) {
-    version_ = Asic::LogVersion(version);
-    entryStateStore(state);
-  }
-  Asic::TableVersion entryTableVersion() const override { return {tableId(), version_}; }
-  Asic::SwTableId tableId() const override { return Asic::SwTableId(0x0f0f0f0f); }
-  Fenrik::String tableName() const override { return Fenrik::String("foreign"); }
-  Fenrik::String keyText() const override { return Fenrik::String("key"); }
-
- private:
-  Asic::LogVersion version_;
-};
-
-/// The real agent: one after the other over the same shared memory.
-class RealAgent final : public RealAgentBase {
- public:
-  explicit RealAgent(unsigned units) : units_(units) {
-    for (unsigned i = 0; i < kForeigns; ++i) {
-      foreigns_.push_back(Fenrik::ptrIsImpl<ForeignHandle>());
-    }
-  }
-
-  void start(const Model::Start& start) {
-    handles_.clear();
-    families.clear();
-    tables = {};
-    state = {};
-    memory = {};
-    const Fenrik::String name("table-model"), directory(dir_.path());
-    memory = Fenrik::ptrIsImpl<KivSharedMem::EntityManager>(name, directory,
-                                                            Drift::Directory::Access::write);
-    state = Fenrik::ptrIsImpl<Stavro::EntityManager>(name, true, directory,
-                                                     Drift::Directory::Access::write);
-    tables = Fenrik::ptrIsImpl<Asic::OrderedTableInterface>(state);
-    families.push_back(std::make_unique<RealFamily<QuarnBastil::TcamEntryFamily>>(
-        *this, 0, units_, start.reported[0]));
-    families.push_back(std::make_unique<RealFamily<QuarnBastil::BigBbFamily>>(*this, 1, units_,
-                                                                              start.reported[1]));
-    for (unsigned t = 0; t < start.absent.size(); ++t) {
-      if (!start.absent[t]) mountTable(t, start.reported[t / units_], start.reset[t]);
-    }
-  }
-
-  void mountTable(unsigned table, std::optional<Version> reported, bool reset) {
-    families[table / units_]->mountTable(table % units_, reported, reset);
-  }
-
-  void apply(const Act& act) override {
-    if (act.kind == Kind::pump) {
-      auto& group = const_cast<Asic::GroupInterface&>(families[act.table]->group());
-      const unsigned done = group.pump(static_cast<unsigned>(act.number));
-      return see({.kind = Event::Kind::answered,
-                  .what = static_cast<std::uint8_t>(act.kind),
-                  .table = act.table,
-                  .number = done});
-    }
-    if (act.kind == Kind::settle) return settle(act);
-    families[act.table / units_]->apply(act.table % units_, act);
-  }
-
-  OpId nextOp() override { return nextOp_++; }
-  void handleIs(OpId id, const HandlePtr& handle) override {
-    handles_[id] = handle;
-    std::erase_if(handles_,
-                  [&](const auto& member) { return nextOp_ - member.first > kHandlesKept; });
-  }
-  HandlePtr handle(OpId id) const {
-    const auto found = handles_.find(id);
-    return found != handles_.end() && nextOp_ - id <= kHandlesKept ? found->second : HandlePtr();
-  }
-  DependencyPtr dependency(OpId id) const override {
-    if (id != kNoOp && id >= kFirstForeign) return foreigns_[id - kFirstForeign];
-    return handle(id);
-  }
-  void reactTo(const Act& act) override { react(act); }
-
-  std::vector<std::unique_ptr<AnyFamily>> families;
-
- private:
-  /// As the party that owns the handle.
-  void settle(const Act& act) {
-    const auto outcome = static_cast<Asic::EntryState>(act.value);
-    if (act.dependency >= kFirstForeign) {
-      return foreigns_[act.dependency - kFirstForeign]->outcomeIs(outcome, act.number);
-    }
-    const HandlePtr found = handle(act.dependency);
-    if (found != nullptr) {
-      const_cast<Asic::SwTableBase::EntryHandle&>(*found).entryStateIs(outcome);
-    }
-  }
-
-  Drift::Specimens::TempDir dir_;
-  unsigned units_;
-  std::map<OpId, HandlePtr> handles_;
-  std::vector<Fenrik::Ptr<ForeignHandle>> foreigns_;
-  OpId nextOp_ = 0;
-};
 
 /// Random acts, chosen with an eye on the model so that roads cross.
 class Choice {
@@ -193,24 +92,23 @@ class Choice {
 
   Model::Start start(bool first) {
     Model::Start start;
-    const unsigned families = static_cast<unsigned>(model_.shape().groupOfFamily.size());
-    for (unsigned f = 0; f < families; ++f) {
-      std::optional<Version> reported;
-      if (!first && percent(70)) reported = version(model_.family(f));
-      start.reported.push_back(reported);
-    }
+    if (first) return start;
     for (unsigned t = 0; t < model_.tableCount(); ++t) {
-      start.absent.push_back(!first && percent(15));
-      start.reset.push_back(!first && percent(10));
+      if (percent(15)) start.absent.insert(t);
+      if (percent(10)) start.reset.insert(t);
     }
     // Someone must be there.
-    start.absent[below(model_.tableCount())] = false;
+    start.absent.erase(below(model_.tableCount()));
     return start;
+  }
+  /// What the hardware has reported of a family while no agent was there, if anything.
+  std::optional<Version> reported(unsigned family) {
+    return percent(70) ? std::optional(version(model_.family(family))) : std::nullopt;
   }
 
   /// A version that the hardware may report: mostly a true one.
   Version version(const TableModel::Family& family) {
-    const Version newest = family.tableVersion, known = std::min(family.statusVersion, newest);
+    const Version newest = family.scratchpad, known = std::min(family.statusVersion, newest);
     if (reportStep_ != 0) return std::min(newest, known + below(reportStep_));
     switch (pick({40, 30, 5, 10, 3, hostile_ ? 4U : 0U})) {
       case 0:
@@ -266,7 +164,7 @@ class Choice {
 
   void pump(Act& act) {
     act.kind = Kind::pump;
-    act.table = below(model_.shape().groupOfFamily.size());
+    act.table = below(model_.groupCount());
     act.key = 0;
     act.number = percent(30) ? 1 : below(20);
   }
@@ -300,7 +198,7 @@ class Choice {
     act.number = below(1000);
     act.dependency = kFirstForeign + below(kForeigns);
     // Whom nobody will ever finish, somebody must.
-    const auto& queue = model_.queue(below(model_.shape().groupOfFamily.size()));
+    const auto& queue = model_.queue(below(model_.groupCount()));
     if (queue.empty() || queue.front()->dependency == nullptr) return;
     const Operation& waitedFor = *queue.front()->dependency;
     if (waitedFor.state != State::pending) return;
@@ -334,33 +232,39 @@ class TwinRun {
  public:
   enum class Depth { quick, full, walked };
 
-  TwinRun(unsigned seed, Model::Shape shape)
-      : model(shape), real(shape.units), choice(seed, model) {
+  explicit TwinRun(unsigned seed)
+      : plan_(planOf<QuarnBastil::TcamEntryFamily, QuarnBastil::BigBbFamily, ToyFamily>()),
+        model(plan_.shape),
+        real(dir_.path(), plan_),
+        choice(seed, model) {
+    real.start({});
+    for (unsigned t = 0; t < model.tableCount(); ++t) {
+      const unsigned units = plan_.shape.units;
+      model.family(t / units).places[t % units] =
+          real.families[t / units]->learnPlaces(t % units, kKeys + 1);
+    }
     start(true);
   }
 
   void start(bool first = false) {
     const Model::Start start = choice.start(first);
-    // Places are asked for before there is anything to be seen in them.
+    for (unsigned f = 0; f < real.families.size() && !first; ++f) reportedIs(f);
+    real.end();
     real.start(start);
-    if (first) learnPlaces();
     model.start(start);
-    real.events.clear();
-    model.events.clear();
     model.touched.clear();
+    forgetEvents();
     compare(Depth::walked);
   }
 
   void mountMissing() {
     for (unsigned t = 0; t < model.tableCount(); ++t) {
       if (model.present(t)) continue;
-      std::optional<Version> reported;
-      if (choice.percent(70)) reported = choice.version(model.familyOf(t));
+      reportedIs(t / plan_.shape.units);
       const bool reset = choice.percent(20);
-      real.mountTable(t, reported, reset);
-      model.mountTable(t, reported, reset);
-      real.events.clear();
-      model.events.clear();
+      real.mountTable(t, reset);
+      model.mountTable(t, reset);
+      forgetEvents();
       return compare(Depth::full);
     }
   }
@@ -371,43 +275,40 @@ class TwinRun {
     real.addOrders.clear();
     model.run(act);
     expectNone(difference(model.events, real.events));
-    real.events.clear();
-    model.events.clear();
+    forgetEvents();
     compareTouched();
     compare(Depth::quick);
   }
 
   void compare(Depth depth) {
+    Differences differ;
     for (const auto& family : real.families) {
-      expectNone(depth == Depth::quick ? family->quickDifference(model)
-                                       : family->fullDifference(model, kKeys));
-      if (depth == Depth::walked) expectNone(family->walkedDifference(model));
+      depth == Depth::quick ? family->compareQuickly(differ, model)
+                            : family->compareFully(differ, model, kKeys);
+      if (depth == Depth::walked) family->compareWalks(differ, model);
     }
+    expectNone(differ.text);
   }
 
-  /// Configures entries beyond the keys of the acts.
-  void fill(unsigned table, std::size_t entries) {
-    for (Key key = 1000; entries != 0; ++key, --entries) {
-      const ConfigRecord record{1, 0, false};
-      real.families[table / model.shape().units]->configIs(table % model.shape().units, key,
-                                                           record);
-      model.configIs(table, key, record);
-    }
-  }
-  /// Logs writes without a look at what they do.
-  void fillLog(unsigned table, Version records) {
+  /// Logs so many writes to so many keys beyond those of the acts, without a look at what they do.
+  void fill(unsigned table, Key records, Key keys) {
     Act act;
     act.kind = Kind::direct;
     act.table = table;
     for (; records != 0; --records) {
-      act.value = 1 + records % 2;
+      act.key = 1000 + records % keys;
+      act.value = 1 + records / keys % 2;
       real.run(act);
       model.run(act);
-      real.events.clear();
-      model.events.clear();
+      forgetEvents();
     }
   }
 
+ private:
+  const Support::TempDir dir_;
+  const RealAgent::Plan plan_;
+
+ public:
   Model model;
   RealAgent real;
   Choice choice;
@@ -417,11 +318,13 @@ class TwinRun {
     if (!differs.empty()) throw std::logic_error(differs);
   }
 
-  void learnPlaces() {
-    for (unsigned t = 0; t < model.tableCount(); ++t) {
-      const unsigned units = model.shape().units;
-      model.places[t] = real.families[t / units]->learnPlaces(t % units, kKeys + 1);
-    }
+  void reportedIs(unsigned family) {
+    model.family(family).reported = choice.reported(family);
+    real.families[family]->reportedIs(model.family(family).reported);
+  }
+  void forgetEvents() {
+    real.events.clear();
+    model.events.clear();
   }
 
   void compareTouched() {
@@ -443,7 +346,7 @@ class TwinRun {
 };
 
 void runSteps(unsigned seed, std::uint64_t steps) {
-  TwinRun run(seed, {});
+  TwinRun run(seed);
   std::uint64_t step = 0;
   std::uint64_t untilStart = 500;
   try {
@@ -464,28 +367,7 @@ void runSteps(unsigned seed, std::uint64_t steps) {
   } catch (const std::exception& error) {
     FAIL() << "step " << step << ": " << error.what();
   }
-  const Model::Roads& roads = run.model.roads;
-  EXPECT_GT(roads.waitedForDependency, 0U);
-  EXPECT_GT(roads.failed, 0U);
-  EXPECT_GT(roads.overtaken, 0U);
-  EXPECT_GT(roads.doneAtCommit, 0U);
-  EXPECT_GT(roads.removedNothing, 0U);
-  EXPECT_GT(roads.clearedNothing, 0U);
-  EXPECT_GT(roads.reportedAll, 0U);
-  EXPECT_GT(roads.reportedBack, 0U);
-  EXPECT_GT(roads.reportedBeyond, 0U);
-  EXPECT_GT(roads.unitMissing, 0U);
-  EXPECT_GT(roads.deleteOvertaken, 0U);
-  EXPECT_GT(roads.purged, 0U);
-  EXPECT_GT(roads.bookmarkLost, 0U);
-  EXPECT_GT(roads.updated, 0U);
-  EXPECT_GT(roads.updateRefused, 0U);
-  EXPECT_GT(roads.updateUnchanged, 0U);
-  EXPECT_GT(roads.helperThrew, 0U);
-  EXPECT_GT(roads.nestedPump, 0U);
-  EXPECT_GT(roads.needed, 0U);
-  EXPECT_GT(roads.neededOwn, 0U);
-  EXPECT_GT(roads.suppressed, 0U);
+  EXPECT_THAT(std::span(run.model.roads).first(Model::kUsualRoads), testing::Each(testing::Gt(0U)));
 }
 
 class TableModelSoak : public testing::TestWithParam<unsigned> {};
@@ -515,22 +397,23 @@ void runAtLimit(TwinRun& run) {
 TEST(TableModel, AFullConfigurationRejectsWhatItHasNoRoomFor) {
   const unsigned seed = Support::seed();
   SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
-  TwinRun run(seed, {});
+  TwinRun run(seed);
   run.choice.sparingIs();
-  for (const unsigned table : {0U, 3U}) run.fill(table, run.model.shape().configCapacity - 8);
+  const auto capacity = static_cast<Key>(run.model.shape().configCapacity);
+  for (const unsigned table : {0U, 3U, 4U}) run.fill(table, capacity - 8, capacity - 8);
   runAtLimit(run);
-  EXPECT_GT(run.model.roads.configFull, 0U);
+  EXPECT_GT(run.model.roads[Model::kConfigFull], 0U);
 }
 
 TEST(TableModel, AFullLogHoldsEverythingBackUntilThereIsRoom) {
   const unsigned seed = Support::seed();
   SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
-  TwinRun run(seed, {});
+  TwinRun run(seed);
   run.choice.sparingIs();
   run.choice.reportStepIs(2);
-  run.fillLog(2, run.model.shape().logLimit - 8);
+  run.fill(2, static_cast<Key>(run.model.shape().logLimit - 8), 1);
   runAtLimit(run);
-  EXPECT_GT(run.model.roads.waitedForRoom, 0U);
+  EXPECT_GT(run.model.roads[Model::kWaitedForRoom], 0U);
 }
 
 }  // namespace

@@ -1,24 +1,31 @@
 #pragma once
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "Support/FamilyMemory.h"
+
 /// The tables of an agent in plain containers, to hold the real ones against. It knows no family:
 /// keys, values, tables and groups are small numbers.
 namespace TableModel {
 
-using Key = std::uint32_t;
-using Value = std::uint32_t;
-using Version = std::uint64_t;
+using Support::Key;
+using Support::Needed;
+using Support::Value;
+using Support::Version;
 /// Operations are numbered in the order of the calls that made them.
 using OpId = std::uint32_t;
 
@@ -26,6 +33,7 @@ inline constexpr OpId kNoOp = UINT32_MAX;
 /// Handles that belong to no table of the model: from here on, and the table that they name.
 inline constexpr OpId kFirstForeign = 0x80000000;
 inline constexpr unsigned kForeigns = 4;
+inline constexpr std::uint32_t kForeignTable = 0x0f0f0f0f;
 /// So many operations back a handle can still be depended on.
 inline constexpr OpId kHandlesKept = 256;
 
@@ -49,6 +57,7 @@ struct Act {
     direct,     ///< key, value: a write to the log itself that drops what is identical
     pump,       ///< table is the group, number the budget
     report,     ///< number
+    hear,       ///< of what the hardware says in shared memory, all tables
     has,
     read,
     entry,
@@ -146,6 +155,18 @@ class Agent {
   }
   virtual void apply(const Act& act) = 0;
   void see(const Event& event) { events.push_back(event); }
+  void answer(const Act& act, Key key, Version number, Version value = 0) {
+    see({.kind = Event::Kind::answered,
+         .what = static_cast<std::uint8_t>(act.kind),
+         .table = act.table,
+         .key = key,
+         .number = number,
+         .value = value});
+  }
+
+  void answer(const Act& act, std::pair<Key, Value> entry, Version number = 0) {
+    answer(act, entry.first, number, entry.second);
+  }
 
   std::vector<Event> events;
 
@@ -168,35 +189,10 @@ struct Operation {
 };
 using OpPtr = std::shared_ptr<Operation>;
 
-struct ConfigRecord {
-  Value value = 0;
-  Version logVersion = 0;
-  bool isDeleted = false;
-};
-
-enum class LogFlags : std::uint8_t { write = 0, entryDelete = 1, tableDelete = 2 };
-
-struct LogRecord {
-  LogFlags flags = LogFlags::write;
-  unsigned unit = 0;
-  Key key = 0;
-  Value value = 0;
-};
-
-/// Table versions that a log record needs, by family; a foreign one stands behind the last.
-using Needed = std::map<unsigned, Version>;
-
-/// All tables of one table id.
-struct Family {
+/// All tables of one table id: the memory outlives the agent, the rest does not.
+struct Family : Support::Changing {
   unsigned group = 0;
-  // What outlives the agent.
-  std::vector<std::map<Key, ConfigRecord>> config;
-  std::map<Version, LogRecord> log;
-  std::map<Version, Needed> needed;
-  Version scratchpad = 0;
-  // What does not.
   std::vector<bool> mounted;
-  Version tableVersion = 0;
   Version statusVersion = 0;
   bool pendingHwWrites = false;
 };
@@ -230,38 +226,151 @@ struct Iteration {
   }
 };
 
+inline bool failed(State state) {
+  return state == State::rejected || state == State::dependencyFailed ||
+         state == State::resourceFailed;
+}
+
+/// Undoes a flag however its scope is left.
+struct Raised {
+  explicit Raised(bool& flag) : flag(flag) { flag = true; }
+  ~Raised() { flag = false; }
+  bool& flag;
+};
+
+/// Counts one more however its scope is left.
+struct Counted {
+  explicit Counted(Version& count) : count(count) {}
+  ~Counted() { ++count; }
+  Version& count;
+};
+
+inline constexpr unsigned kOnSuccess = 0, kOnSuccessOfRemove = 1, kOnResourceUpdate = 2;
+
 class Model final : public Agent {
  public:
   struct Shape {
-    std::vector<unsigned> groupOfFamily{0, 1};
+    std::vector<std::uint32_t> tableIds;
+    std::vector<unsigned> groupOfFamily;
     unsigned units = 2;
     /// Records in the log from which on nothing is resolved.
     Version logLimit = 1'000'000;
     std::size_t configCapacity = 65'536;
   };
-  /// How an agent comes up over the memory of the one before it.
+  /// How an agent comes up over the memory of the one before it: tables for which it has no unit at
+  /// first, and those that are made empty.
   struct Start {
-    /// What the hardware has reported, by family; nothing if no report is known.
-    std::vector<std::optional<Version>> reported;
-    /// Tables for which this agent has no unit at first.
-    std::vector<bool> absent;
-    /// Tables that are made empty.
-    std::vector<bool> reset;
+    std::set<unsigned> absent, reset;
   };
 
-  explicit Model(Shape shape);
+  explicit Model(Shape shape) : shape_(std::move(shape)) {
+    families_.resize(shape_.groupOfFamily.size());
+    for (unsigned f = 0; f < families_.size(); ++f) {
+      families_[f].group = shape_.groupOfFamily[f];
+      families_[f].config.resize(shape_.units);
+      families_[f].places.resize(shape_.units);
+      for (unsigned unit = 0; unit < shape_.units; ++unit) {
+        tables_.push_back({});
+        tables_.back().family = f;
+        tables_.back().unit = unit;
+      }
+    }
+    for (unsigned i = 0; i < kForeigns; ++i) {
+      foreigns_.push_back(std::make_shared<Operation>());
+      foreigns_.back()->id = kFirstForeign + i;
+    }
+  }
 
-  void apply(const Act& act) override;
+  void apply(const Act& act) override {
+    using Kind = Act::Kind;
+    Table& table = tables_[act.table];
+    switch (act.kind) {
+      case Kind::write:
+      case Kind::remove:
+      case Kind::removeAll:
+        return accept(act);
+      case Kind::update:
+        return update(act);
+      case Kind::clear:
+        return delAllEntries(table, {}, nullptr);
+      case Kind::direct:
+        return direct(act);
+      case Kind::pump:
+        return answer(act, 0, pump(act.table, act.number));
+      case Kind::report:
+        return report(table, act.number);
+      case Kind::hear:
+        return hear();
+      case Kind::has:
+        return answer(act, act.key, entryHas(act.table, act.key));
+      case Kind::read:
+      case Kind::entry:
+        return answer(act, entryRead(act.table, act.key));
+      case Kind::config:
+        return answer(act, entryFromConfig(act.table, act.key));
+      case Kind::count:
+        return answer(act, 0, entrys(act.table));
+      case Kind::iterBegin:
+        return iterBegin(act);
+      case Kind::iterStep:
+        return iterStep(act);
+      case Kind::snapshot:
+        for (const auto& entry : contents(act.table)) answer(act, entry);
+        return;
+      case Kind::settle:
+        return settle(act);
+      case Kind::helper:
+        return helper(act);
+      case Kind::watch:
+        table.watched = act.flag;
+        return;
+    }
+  }
 
   /// A new agent: everything in flight is gone.
-  void start(const Start& start);
+  void start(const Start& start) {
+    groups_.assign(1 + *std::max_element(shape_.groupOfFamily.begin(), shape_.groupOfFamily.end()),
+                   {});
+    operations_.clear();
+    iterations_.clear();
+    for (Family& family : families_) {
+      family.mounted.assign(shape_.units, false);
+      family.takeOver(everythingBut(family));
+      family.statusVersion = 0;
+      family.pendingHwWrites = false;
+      if (family.reported) {
+        ++roads[kReportFound];
+        cleanup(family, *family.reported);
+        family.pendingHwWrites = *family.reported < family.scratchpad;
+      }
+    }
+    for (unsigned t = 0; t < tables_.size(); ++t) {
+      Table empty;
+      empty.family = tables_[t].family;
+      empty.unit = tables_[t].unit;
+      tables_[t] = empty;
+      if (!start.absent.contains(t)) mountTable(t, start.reset.contains(t));
+    }
+  }
+
   /// Makes the table of a unit that the agent did not have so far.
-  void mountTable(unsigned table, std::optional<Version> reported, bool reset);
+  void mountTable(unsigned number, bool reset) {
+    Table& table = tables_[number];
+    Family& family = familyFor(table);
+    const Version version = family.reported.value_or(0);
+    family.mounted[table.unit] = true;
+    if (version != 0) roads[kPurged] += family.purge(table.unit, version);
+    if (reset) delAllEntries(table, {}, nullptr);
+    report(table, version);
+  }
 
   const Shape& shape() const { return shape_; }
   unsigned tableCount() const { return static_cast<unsigned>(tables_.size()); }
+  unsigned groupCount() const { return static_cast<unsigned>(groups_.size()); }
   const Table& table(unsigned number) const { return tables_[number]; }
   const Family& family(unsigned number) const { return families_[number]; }
+  /// What stands in shared memory, and what the hardware says there, is set from outside.
+  Family& family(unsigned number) { return families_[number]; }
   const Family& familyOf(unsigned table) const { return families_[tables_[table].family]; }
   bool present(unsigned table) const {
     return families_[tables_[table].family].mounted[tables_[table].unit];
@@ -271,42 +380,123 @@ class Model final : public Agent {
   Version looks(unsigned group) const { return groups_[group].looks; }
   OpId nextOp() const { return nextOp_; }
   /// The operation if it can still be depended on, otherwise null.
-  OpPtr operation(OpId id) const;
+  OpPtr operation(OpId id) const {
+    if (id != kNoOp && id >= kFirstForeign) return foreigns_[id - kFirstForeign];
+    const auto found = operations_.find(id);
+    return found != operations_.end() && nextOp_ - id <= kHandlesKept ? found->second : nullptr;
+  }
+
   /// Pending though it is in no queue: a helper threw in the midst of its commit.
-  bool abandoned(const Operation& op) const;
+  bool abandoned(const Operation& op) const {
+    if (op.state != State::pending || op.id >= kFirstForeign) return false;
+    const auto& queue = groups_[families_[tables_[op.act.table].family].group].queue;
+    return std::none_of(queue.begin(), queue.end(), [&](const OpPtr& o) { return o.get() == &op; });
+  }
+
   /// Whether the operation, were it the head of its queue, could not be committed now.
-  bool waits(const Operation& op) const;
+  bool waits(const Operation& op) const {
+    return familyOf(op.act.table).log.size() >= shape_.logLimit ||
+           (op.dependency != nullptr && op.dependency->state == State::pending);
+  }
 
-  bool entryHas(unsigned table, Key key) const;
-  std::pair<Key, Value> entryRead(unsigned table, Key key) const;
-  std::pair<Key, Value> entryFromConfig(unsigned table, Key key) const;
-  std::uint32_t entrys(unsigned table) const;
-  bool hasPendingHwWrites(unsigned table) const;
-  bool configHas(unsigned table, Key key) const;
-  std::uint32_t configEntrys(unsigned table) const;
+  bool entryHas(unsigned number, Key key) const {
+    const Table& table = tables_[number];
+    if (table.adds.count(key) != 0) return true;
+    if (table.removes.count(key) != 0) return false;
+    return !table.removeAll && configHas(number, key);
+  }
+
+  std::pair<Key, Value> entryRead(unsigned number, Key key) const {
+    const Table& table = tables_[number];
+    if (const auto add = table.adds.find(key); add != table.adds.end()) {
+      return {key, add->second->value};
+    }
+    if (table.removes.count(key) != 0) return {0, 0};
+    return entryFromConfig(number, key);
+  }
+
+  std::pair<Key, Value> entryFromConfig(unsigned number, Key key) const {
+    if (!configHas(number, key)) return {0, 0};
+    return {key, configFor(tables_[number]).at(key).value};
+  }
+
+  std::uint32_t entrys(unsigned number) const {
+    const Table& table = tables_[number];
+    auto all = static_cast<std::uint32_t>(table.adds.size());
+    if (table.removeAll) return all;
+    all += configEntrys(number);
+    for (const auto& add : table.adds) all -= configHas(number, add.first);
+    for (const auto& remove : table.removes) all -= configHas(number, remove.first);
+    return all;
+  }
+
+  bool hasPendingHwWrites(unsigned number) const {
+    const Table& table = tables_[number];
+    return !table.adds.empty() || !table.removes.empty() || table.removeAll.has_value() ||
+           familyOf(number).scratchpad != familyOf(number).statusVersion;
+  }
+
+  bool configHas(unsigned number, Key key) const {
+    const auto& config = configFor(tables_[number]);
+    const auto found = config.find(key);
+    return found != config.end() && !found->second.isDeleted;
+  }
+
+  std::uint32_t configEntrys(unsigned number) const {
+    const auto& config = configFor(tables_[number]);
+    return static_cast<std::uint32_t>(std::count_if(
+        config.begin(), config.end(), [](const auto& member) { return !member.second.isDeleted; }));
+  }
+
   /// Everything that a walk returns, with the value that stays when a key comes twice.
-  std::map<Key, Value> contents(unsigned table) const;
-
-  /// Puts a record into the memory, as if it had always been there.
-  void configIs(unsigned table, Key key, const ConfigRecord& record);
+  std::map<Key, Value> contents(unsigned number) const {
+    const Table& table = tables_[number];
+    std::map<Key, Value> all;
+    for (const auto& [key, op] : table.adds) all[key] = op->value;
+    if (table.removeAll) return all;
+    for (const auto& [key, record] : configFor(table)) {
+      if (!record.isDeleted && table.removes.count(key) == 0) all.emplace(key, record.value);
+    }
+    return all;
+  }
 
   /// The order of a table's writes in flight at each coming step of an iteration through them: that
   /// of a hash map, so nobody's to foretell.
   std::deque<std::vector<Key>> addOrders;
-  /// Place of each key in the walk of a table's configuration.
-  std::vector<std::vector<unsigned>> places;
 
   /// Operations whose handle changed since the list was last emptied.
   std::vector<OpPtr> touched;
 
-  /// Roads that a run is to have taken.
-  struct Roads {
-    unsigned waitedForDependency = 0, waitedForRoom = 0, failed = 0, configFull = 0, overtaken = 0,
-             doneAtCommit = 0, removedNothing = 0, clearedNothing = 0, reportedAll = 0,
-             reportedBack = 0, reportedBeyond = 0, unitMissing = 0, deleteOvertaken = 0, purged = 0,
-             bookmarkLost = 0, updated = 0, updateRefused = 0, updateUnchanged = 0, helperThrew = 0,
-             nestedPump = 0, needed = 0, neededOwn = 0, suppressed = 0;
-  } roads;
+  /// Roads that a run is to have taken, and how often it did.
+  enum Road : std::uint8_t {
+    kWaitedForDependency,
+    kFailed,
+    kOvertaken,
+    kDoneAtCommit,
+    kRemovedNothing,
+    kClearedNothing,
+    kReportedAll,
+    kReportedBack,
+    kReportedBeyond,
+    kUnitMissing,
+    kDeleteOvertaken,
+    kPurged,
+    kReportFound,
+    kBookmarkLost,
+    kUpdated,
+    kUpdateRefused,
+    kUpdateUnchanged,
+    kHelperThrew,
+    kNestedPump,
+    kNeeded,
+    kNeededOwn,
+    kIdentical,
+    kUsualRoads,
+    kWaitedForRoom = kUsualRoads,
+    kConfigFull,
+    kRoads
+  };
+  std::array<std::size_t, kRoads> roads{};
 
  private:
   struct Group {
@@ -318,69 +508,477 @@ class Model final : public Agent {
   };
 
   Family& familyFor(const Table& table) { return families_[table.family]; }
-  std::map<Key, ConfigRecord>& configFor(const Table& table) {
-    return families_[table.family].config[table.unit];
-  }
-  const std::map<Key, ConfigRecord>& configFor(const Table& table) const {
+  const std::map<Key, Support::ConfigRecord>& configFor(const Table& table) const {
     return families_[table.family].config[table.unit];
   }
 
   // What is published.
   void changed(const Table& table, Field field, Key key, bool gone, Version value,
-               unsigned anyOrder = 0);
-  void count(Table& table, Counter counter, int by = 1);
-  void updateFlag(Family& family);
-  void stateIs(const OpPtr& op, State state);
+               unsigned anyOrder = 0) {
+    if (!table.watched) return;
+    see({.kind = Event::Kind::changed,
+         .what = field,
+         .gone = gone,
+         .table = number(table),
+         .key = key,
+         .value = value,
+         .anyOrder = anyOrder});
+  }
+
+  void count(Table& table, Counter counter, int by = 1) {
+    table.counters[counter] += static_cast<Version>(by);
+    see({.kind = Event::Kind::counted,
+         .what = counter,
+         .table = number(table),
+         .number = table.counters[counter]});
+  }
+
+  void updateFlag(Family& family) {
+    bool pending = false;
+    for (unsigned t = 0; t < tables_.size(); ++t) {
+      if (&familyFor(tables_[t]) == &family && present(t)) pending |= hasPendingHwWrites(t);
+    }
+    if (std::exchange(family.pendingHwWrites, pending) == pending) return;
+    see({.kind = Event::Kind::flagged,
+         .table = static_cast<unsigned>(&family - families_.data()),
+         .number = pending});
+  }
+
+  void stateIs(const OpPtr& op, State state) {
+    op->state = state;
+    ++changes_;
+    touched.push_back(op);
+  }
 
   // The calls of clients.
-  void accept(const Act& act);
-  void acceptWrite(Table& table, const OpPtr& op);
-  void acceptRemove(Table& table, const OpPtr& op);
-  void acceptRemoveAll(Table& table, const OpPtr& op);
-  void newVersion(Table& table, const OpPtr& op);
-  void addsDel(Table& table, Key key);
-  void removesDel(Table& table, Key key);
-  void delAll(Table& table, Field field, std::map<Key, OpPtr>& members);
-  void update(const Act& act);
-  void direct(const Act& act);
-  void settle(const Act& act);
-  void helper(const Act& act);
-  void answer(const Act& act, Key key, Version number, Version value = 0);
-  void answer(const Act& act, std::pair<Key, Value> entry, Version number = 0);
+  void accept(const Act& act) {
+    Table& table = tables_[act.table];
+    const auto op = std::make_shared<Operation>();
+    op->id = nextOp_++;
+    op->act = act;
+    op->value = act.kind == Act::Kind::write ? act.value : 0;
+    op->dependency = operation(act.dependency);
+    touched.push_back(op);
+    if (act.kind == Act::Kind::removeAll) {
+      removeAll(table);
+    } else {
+      const bool adds = act.kind == Act::Kind::write;
+      newVersion(table, op);
+      drop(table, adds ? kRemoves : kAdds, act.key);
+      (adds ? table.adds : table.removes)[act.key] = op;
+      changed(table, adds ? kAdds : kRemoves, act.key, false, op->value);
+      count(table, adds ? kWrites : kRemovals);
+    }
+    groups_[familyFor(table).group].queue.push_back(op);
+    updateFlag(familyFor(table));
+    // The handle of a remove-all is not given to the client.
+    if (act.kind != Act::Kind::removeAll) operations_[op->id] = op;
+    std::erase_if(operations_,
+                  [&](const auto& member) { return nextOp_ - member.first > kHandlesKept; });
+  }
+
+  void removeAll(Table& table) {
+    for (const Field field : {kAdds, kRemoves}) {
+      auto& members = field == kAdds ? table.adds : table.removes;
+      const unsigned anyOrder = nextAnyOrder_++;
+      for (const auto& member : members) changed(table, field, member.first, true, 0, anyOrder);
+      members.clear();
+    }
+    table.removeAll = table.removeAll ? *table.removeAll + 1 : 0;
+    changed(table, kRemoveAll, 0, false, *table.removeAll);
+  }
+
+  void newVersion(Table& table, const OpPtr& op) {
+    const auto present = table.versions.find(op->act.key);
+    op->major = present != table.versions.end() ? present->second + 1 : 0;
+    table.versions[op->act.key] = op->major;
+    changed(table, kVersions, op->act.key, false, op->major);
+  }
+
+  void drop(Table& table, Field field, Key key) {
+    auto& members = field == kAdds ? table.adds : table.removes;
+    if (members.erase(key) != 0) changed(table, field, key, true, 0);
+  }
+
+  void update(const Act& act) {
+    Table& table = tables_[act.table];
+    if (!configHas(act.table, act.key)) return answer(act, act.key, kNoOp);
+    const auto op = std::make_shared<Operation>();
+    op->act = act;
+    op->value = entryFromConfig(act.table, act.key).second;
+    const Value old = op->value;
+    const bool commitToLog = hook(table, op, act.key, old, kOnResourceUpdate).second;
+    if (op->value != old && commitToLog) {
+      op->logVersion = familyFor(table).write(table.unit, act.key, op->value, {});
+      stateIs(op, State::inLog);
+      count(table, kUpdates);
+      ++roads[kUpdated];
+    } else {
+      ++roads[op->value != old ? kUpdateRefused : kUpdateUnchanged];
+      op->logVersion = configFor(table).at(act.key).logVersion;
+      stateIs(op, State::inLog);
+    }
+    op->id = nextOp_++;
+    operations_[op->id] = op;
+    answer(act, act.key, op->id);
+  }
+
+  void direct(const Act& act) {
+    Table& table = tables_[act.table];
+    const auto present = configFor(table).find(act.key);
+    if (present != configFor(table).end() && !present->second.isDeleted) {
+      if (present->second.value == act.value) {
+        ++roads[kIdentical];
+        count(table, kSuppressed);
+        if (present->second.logVersion != 0) {
+          return answer(act, act.key, present->second.logVersion);
+        }
+      } else {
+        count(table, kSuppressDiffs);
+      }
+    }
+    answer(act, act.key, familyFor(table).write(table.unit, act.key, act.value, {}));
+  }
+
+  void settle(const Act& act) {
+    const OpPtr op = operation(act.dependency);
+    if (op == nullptr) return;
+    if (op->id >= kFirstForeign) op->logVersion = act.number;
+    stateIs(op, static_cast<State>(act.value));
+  }
+
+  void helper(const Act& act) {
+    if (act.flag) return;
+    Table& table = tables_[act.table];
+    table.plan = act.plan;
+    changed(table, kHelper, 0, false, 0);
+  }
 
   // The queue and the commit.
-  unsigned pump(unsigned group, Version budget);
-  bool resolved(const Operation& op);
-  void commit(const OpPtr& op);
-  bool commitWrite(Table& table, const OpPtr& op, const OpPtr& dependency);
-  void commitRemove(Table& table, const OpPtr& op, const OpPtr& dependency);
-  void commitRemoveAll(Table& table, const OpPtr& op, const OpPtr& dependency);
-  void removeFromTransient(Table& table, const Operation& op, bool isAdd);
-  void waitInLog(Table& table, const OpPtr& op);
-  void handled(const OpPtr& op);
-  /// What the helper makes of the value, and whether it wants it logged.
-  std::pair<Value, bool> hook(Table& table, const OpPtr& op, Key key, Value value, unsigned which);
-  void delAllEntries(Table& table, const Needed& needed, const OpPtr& op);
-  Needed neededFor(const Table& table, const OpPtr& dependency);
+  unsigned pump(unsigned number, Version budget) {
+    Group& group = groups_[number];
+    if (group.pumping) {
+      ++roads[kNestedPump];
+      return 0;
+    }
+    const Raised pumping(group.pumping);
+    unsigned done = 0;
+    for (; done < budget && !group.queue.empty(); ++done) {
+      const OpPtr head = group.queue.front();
+      if (group.asked != head.get() || group.askedAt != changes_) ++group.looks;
+      group.asked = head.get();
+      group.askedAt = changes_;
+      if (!resolved(*head)) break;
+      group.queue.pop_front();
+      commit(head);
+    }
+    return done;
+  }
 
-  // The log.
-  Version append(Family& family, const LogRecord& record, const Needed& needed);
-  Version entryIs(Table& table, Key key, Value value, const Needed& needed);
-  Version entryDel(Table& table, Key key, const Needed& needed);
-  Version tableDel(Table& table, const Needed& needed);
-  void cleanup(Family& family, Version version);
-  void applyRecord(Family& family, Version version, const LogRecord& record);
-  void report(Table& table, Version version);
+  bool resolved(const Operation& op) {
+    if (!waits(op)) return true;
+    const bool full = familyOf(op.act.table).log.size() >= shape_.logLimit;
+    ++roads[full ? kWaitedForRoom : kWaitedForDependency];
+    return false;
+  }
+
+  void commit(const OpPtr& op) {
+    const Counted counted(changes_);
+    Table& table = tables_[op->act.table];
+    const OpPtr dependency = std::exchange(op->dependency, nullptr);
+    bool counts = true;
+    if (dependency != nullptr && failed(dependency->state)) {
+      ++roads[kFailed];
+      end(op, State::dependencyFailed);
+    } else if (op->act.kind == Act::Kind::removeAll) {
+      commitRemoveAll(table, op, dependency);
+    } else if (op->act.kind == Act::Kind::remove) {
+      commitRemove(table, op, dependency);
+    } else {
+      counts = commitWrite(table, op, dependency);
+    }
+    updateFlag(familyFor(table));
+    if (counts) count(table, kCommits);
+  }
+
+  /// Whether the commit counts as one: a write that finds the configuration full leaves no trace
+  /// but in its handle.
+  bool commitWrite(Table& table, const OpPtr& op, const OpPtr& dependency) {
+    const Key key = op->act.key;
+    if (configFor(table).count(key) == 0 && configFor(table).size() >= shape_.configCapacity) {
+      ++roads[kConfigFull];
+      removeFromTransient(table, *op, kAdds);
+      count(table, kWrites, -1);
+      end(op, State::rejected);
+      return false;
+    }
+    hook(table, op, key, op->value, kOnSuccess);
+    removeFromTransient(table, *op, kAdds);
+    op->logVersion =
+        familyFor(table).write(table.unit, key, op->value, neededFor(table, dependency));
+    if (familyFor(table).statusVersion < op->logVersion) {
+      waitInLog(table, op);
+    } else {
+      ++roads[kDoneAtCommit];
+      end(op, State::done);
+    }
+    return true;
+  }
+
+  void commitRemove(Table& table, const OpPtr& op, const OpPtr& dependency) {
+    const Key key = op->act.key;
+    removeFromTransient(table, *op, kRemoves);
+    hook(table, op, key, op->value, kOnSuccessOfRemove);
+    op->logVersion = familyFor(table).remove(table.unit, key, neededFor(table, dependency));
+    if (op->logVersion != 0) {
+      waitInLog(table, op);
+    } else {
+      ++roads[kRemovedNothing];
+      end(op, State::done);
+    }
+  }
+
+  void commitRemoveAll(Table& table, const OpPtr& op, const OpPtr& dependency) {
+    const Version current = table.removeAll.value();
+    delAllEntries(table, neededFor(table, dependency), op);
+    table.removeAll = current == 0 ? std::nullopt : std::optional(current - 1);
+    changed(table, kRemoveAll, 0, false, table.removeAll.value_or(UINT64_MAX));
+  }
+
+  void removeFromTransient(Table& table, const Operation& op, Field field) {
+    const auto& members = field == kAdds ? table.adds : table.removes;
+    const auto found = members.find(op.act.key);
+    if (found == members.end()) return;
+    if (found->second->major != op.major) {
+      ++roads[kOvertaken];
+      return;
+    }
+    drop(table, field, op.act.key);
+    if (table.versions.erase(op.act.key) != 0) changed(table, kVersions, op.act.key, true, 0);
+  }
+
+  void end(const OpPtr& op, State state) {
+    stateIs(op, state);
+    handled(op);
+  }
+
+  void waitInLog(Table& table, const OpPtr& op) {
+    stateIs(op, State::inLog);
+    table.handlesInLog.push_back(op);
+    changed(table, kHandles, table.nextIndex++, false, 0);
+  }
+
+  void handled(const OpPtr& op) {
+    if (!op->act.handler) return;
+    see({.kind = Event::Kind::handled,
+         .what = static_cast<std::uint8_t>(op->state),
+         .gone = hasPendingHwWrites(op->act.table),
+         .table = op->act.table,
+         .key = op->act.key,
+         .number = op->id,
+         .value = op->logVersion});
+    react(op->act);
+  }
+
+  /// What the helper makes of the value, and whether it wants it logged.
+  std::pair<Value, bool> hook(Table& table, const OpPtr& op, Key key, Value value, unsigned which) {
+    Act::Plan& plan = table.plan;
+    if (plan.plain) return {value, true};
+    // What a reader sees from within tells how far the commit has come.
+    see({.kind = Event::Kind::hooked,
+         .what = static_cast<std::uint8_t>(which),
+         .gone = entryHas(number(table), key),
+         .table = number(table),
+         .key = key,
+         .value = value});
+    op->value ^= plan.mask;
+    if (!plan.throws) return {op->value, plan.answer};
+    ++roads[kHelperThrew];
+    plan.throws = false;
+    if (plan.rejects) stateIs(op, State::rejected);
+    throw Thrown();
+  }
+
+  void delAllEntries(Table& table, const Needed& needed, const OpPtr& op) {
+    if (configFor(table).empty()) {
+      ++roads[kClearedNothing];
+      return;
+    }
+    const Version version = familyFor(table).removeAll(table.unit, needed);
+    if (op != nullptr) {
+      op->logVersion = version;
+      stateIs(op, State::inLog);
+    }
+    count(table, kClears);
+  }
+
+  Needed neededFor(const Table& table, const OpPtr& dependency) {
+    if (dependency == nullptr) return {};
+    ++roads[kNeeded];
+    if (dependency->id >= kFirstForeign) return {{kForeignTable, dependency->logVersion}};
+    const unsigned family = tables_[dependency->act.table].family;
+    if (family == table.family) ++roads[kNeededOwn];
+    return {{shape_.tableIds[family], dependency->logVersion}};
+  }
+
+  /// What was announced so far of all other tables that anything is known of.
+  Needed everythingBut(const Family& family) const {
+    Needed everything;
+    for (unsigned f = 0; f < families_.size(); ++f) {
+      const Version announced = families_[f].announced;
+      if (&families_[f] != &family && announced != 0) everything[shape_.tableIds[f]] = announced;
+    }
+    return everything;
+  }
+
+  // Reports of the hardware.
+  void cleanup(Family& family, Version version) {
+    const Version from = family.statusVersion;
+    if (version > family.scratchpad) ++roads[kReportedBeyond];
+    if (from == 0) ++roads[kReportedAll];
+    if (version < from) ++roads[kReportedBack];
+    // The first time all that the report covers, later from the last one on.
+    family.clean(from, version, [&](const Support::LogRecord& record, Version logged) {
+      if (!family.mounted[record.unit]) {
+        ++roads[kUnitMissing];
+        return false;
+      }
+      const auto found = family.config[record.unit].find(record.key);
+      const bool overtaken =
+          found != family.config[record.unit].end() && found->second.logVersion != logged;
+      if (overtaken && record.flags == Support::LogFlags::entryDelete) ++roads[kDeleteOvertaken];
+      return true;
+    });
+    family.statusVersion = version;
+  }
+
+  void report(Table& table, Version version) {
+    ++changes_;
+    cleanup(familyFor(table), version);
+    while (!table.handlesInLog.empty()) {
+      const OpPtr head = table.handlesInLog.front();
+      if (version < head->logVersion) break;
+      table.handlesInLog.pop_front();
+      const auto waiting = static_cast<std::uint32_t>(table.handlesInLog.size());
+      changed(table, kHandles, table.nextIndex - 1 - waiting, false, 0);
+      end(head, State::done);
+    }
+    updateFlag(familyFor(table));
+  }
+
+  /// The tables hear of it in any order.
+  void hear() {
+    const std::size_t begin = events.size();
+    for (Table& table : tables_) {
+      if (const auto said = familyFor(table).reported) report(table, *said);
+    }
+    const unsigned anyOrder = nextAnyOrder_++;
+    for (std::size_t i = begin; i < events.size(); ++i) events[i].anyOrder = anyOrder;
+  }
 
   // Iteration.
-  void iterBegin(const Act& act);
-  void iterStep(const Act& act);
-  std::optional<std::pair<Key, Value>> stepAdds(Iteration& it);
-  std::optional<std::pair<Key, Value>> stepConfig(Iteration& it);
-  std::optional<Key> configAfter(const Table& table, Key key) const;
-  std::optional<Key> configFirst(const Table& table) const;
-  std::optional<Key> configNext(const Table& table, std::optional<unsigned> place) const;
-  static void leaveAdds(Iteration& it);
+  void iterBegin(const Act& act) {
+    const Table& table = tables_[act.table];
+    Iteration it;
+    it.table = act.table;
+    it.removeAllPending = table.removeAll.has_value();
+    if (!act.flag) {
+      it.inAdds = true;
+    } else {
+      it.hasBookmark = true;
+      it.bookmark = act.key;
+      if (table.adds.count(act.key) != 0) {
+        it.inAdds = true;
+      } else {
+        it.inConfig = !it.removeAllPending && configHas(act.table, act.key);
+      }
+    }
+    iterations_[act.slot] = it;
+    answer(act, it.bookmark, it.flags());
+  }
+
+  void iterStep(const Act& act) {
+    const auto found = iterations_.find(act.slot);
+    if (found == iterations_.end()) return;
+    Iteration& it = found->second;
+    std::optional<std::pair<Key, Value>> result;
+    if (it.inAdds) result = stepAdds(it);
+    if (!result && it.inConfig) result = stepConfig(it);
+    if (!result) it.hasCurrent = it.inAdds = it.inConfig = false;
+    answer(act, it.bookmark, it.flags());
+    answer(act, result.value_or(std::pair<Key, Value>{0, 0}));
+  }
+
+  std::optional<std::pair<Key, Value>> stepAdds(Iteration& it) {
+    const Table& table = tables_[it.table];
+    if (addOrders.empty()) throw std::logic_error("no order of the writes in flight was seen");
+    const std::vector<Key> order = addOrders.front();
+    addOrders.pop_front();
+    std::vector<Key> sorted = order;
+    std::sort(sorted.begin(), sorted.end());
+    if (!std::equal(sorted.begin(), sorted.end(), table.adds.begin(), table.adds.end(),
+                    [](Key key, const auto& add) { return key == add.first; })) {
+      throw std::logic_error("the order of the writes in flight is not one of them all");
+    }
+    auto at = order.begin();
+    if (it.hasBookmark) at = std::find(order.begin(), order.end(), it.bookmark);
+    if (at == order.end()) {
+      if (it.hasBookmark) ++roads[kBookmarkLost];
+      leaveAdds(it);
+      return std::nullopt;
+    }
+    it.hasCurrent = true;
+    const std::pair<Key, Value> result(*at, table.adds.at(*at)->value);
+    it.hasBookmark = ++at != order.end();
+    if (it.hasBookmark) {
+      it.bookmark = *at;
+    } else {
+      leaveAdds(it);
+    }
+    return result;
+  }
+
+  std::optional<std::pair<Key, Value>> stepConfig(Iteration& it) {
+    const Table& table = tables_[it.table];
+    const auto& config = configFor(table);
+    std::optional<Key> candidate;
+    if (!it.hasBookmark) {
+      candidate = configAfter(table, std::nullopt);
+    } else if (config.count(it.bookmark) != 0) {
+      candidate = it.bookmark;
+    } else {
+      candidate = configAfter(table, it.bookmark);
+    }
+    while (candidate && (table.removes.count(*candidate) != 0 ||
+                         table.adds.count(*candidate) != 0 || config.at(*candidate).isDeleted)) {
+      candidate = configAfter(table, *candidate);
+    }
+    if (!candidate) return std::nullopt;
+    it.hasCurrent = true;
+    const std::optional<Key> next = configAfter(table, *candidate);
+    it.hasBookmark = next.has_value();
+    it.inConfig = next.has_value();
+    if (next) it.bookmark = *next;
+    return std::pair<Key, Value>(*candidate, config.at(*candidate).value);
+  }
+
+  /// The key that a walk comes to behind that one, or first.
+  std::optional<Key> configAfter(const Table& table, std::optional<Key> key) const {
+    const auto& placeOf = familyOf(number(table)).places[table.unit];
+    std::optional<Key> next;
+    for (const auto& member : configFor(table)) {
+      const unsigned candidate = placeOf.at(member.first);
+      if (key && candidate <= placeOf.at(*key)) continue;
+      if (!next || candidate < placeOf[*next]) next = member.first;
+    }
+    return next;
+  }
+
+  static void leaveAdds(Iteration& it) {
+    it.inAdds = false;
+    if (!it.removeAllPending) it.inConfig = true;
+  }
+
   unsigned number(const Table& table) const {
     return static_cast<unsigned>(&table - tables_.data());
   }
@@ -398,8 +996,37 @@ class Model final : public Agent {
   unsigned nextAnyOrder_ = 1;
 };
 
-std::string toText(const Event& event);
+inline std::string toText(const Event& event) {
+  static constexpr const char* kNames[] = {"changed", "counted",  "flagged", "hooked",
+                                           "handled", "answered", "threw"};
+  return fmt::format(
+      "{} what {}{} table {} key {} number {} value {}", kNames[static_cast<unsigned>(event.kind)],
+      event.what, event.gone ? " gone" : "", event.table, event.key,
+      static_cast<std::int64_t>(event.number), static_cast<std::int64_t>(event.value));
+}
+
 /// What the real agent did otherwise; empty if it did the same.
-std::string difference(std::vector<Event> expected, std::vector<Event> seen);
+inline std::string difference(std::vector<Event> expected, std::vector<Event> seen) {
+  const auto byFacts = [](const Event& a, const Event& b) { return a.facts() < b.facts(); };
+  for (std::size_t i = 0; i < expected.size();) {
+    std::size_t end = i + 1;
+    const unsigned anyOrder = expected[i].anyOrder;
+    while (anyOrder != 0 && end < expected.size() && expected[end].anyOrder == anyOrder) ++end;
+    if (end > i + 1 && end <= seen.size()) {
+      std::sort(expected.begin() + static_cast<std::ptrdiff_t>(i),
+                expected.begin() + static_cast<std::ptrdiff_t>(end), byFacts);
+      std::sort(seen.begin() + static_cast<std::ptrdiff_t>(i),
+                seen.begin() + static_cast<std::ptrdiff_t>(end), byFacts);
+    }
+    i = end;
+  }
+  for (std::size_t i = 0; i < std::max(expected.size(), seen.size()); ++i) {
+    if (i < expected.size() && i < seen.size() && expected[i].facts() == seen[i].facts()) continue;
+    return fmt::format("event {}: expected {}, saw {}", i,
+                       i < expected.size() ? toText(expected[i]) : "nothing",
+                       i < seen.size() ? toText(seen[i]) : "nothing");
+  }
+  return "";
+}
 
 }  // namespace TableModel

@@ -12,6 +12,7 @@
 #include "QuarnBastil/Interface.h"
 #include "QuarnBastil/SwTable.h"
 #include "QuarnBastil/SwTableHelperBase.h"
+#include "Support/FamilyMemory.h"
 
 /// A table family of two fields that lives in the tests: it costs what any further family costs,
 /// and its collections may be as small as a test wants them.
@@ -188,6 +189,14 @@ static_assert(QuarnBastil::FamilyTraits<Family<Usual>> && QuarnBastil::FamilyTra
 
 using ToyFamily = Toy::Family<Toy::Usual>;
 using SmallToyFamily = Toy::Family<Toy::Small>;
+
+template <class Limits>
+struct Support::Numbers<Toy::Family<Limits>> {
+  static Toy::Key key(Key key) { return Toy::Key(key); }
+  static Key number(const Toy::Key& key) { return key.number; }
+  static void valueIs(auto& entry, Value value) { entry.value = value; }
+  static Value value(const auto& entry) { return entry.value; }
+};
 
 namespace QuarnBastil {
 extern template class SwTable<ToyFamily>;

@@ -3,7 +3,8 @@
 #include <vector>
 
 #include "Restart/Oracle.h"
-#include "Support/TableRig.h"
+#include "Support/FamilyMemory.h"
+#include "Support/Running.h"
 
 namespace RestartTest {
 namespace {
@@ -14,24 +15,21 @@ using Kind = Operation::Kind;
 template <class Family>
 class Served {
  public:
-  using Interface = typename Family::Interface;
-  using Entry = typename Family::Entry;
-
-  Served(Support::AgentRig& agent, Page& page, FamilyPage& told)
+  Served(Support::Running& agent, Page& page, FamilyPage& told)
       : agent_(agent), page_(page), told_(told) {}
 
   void bringUp() {
-    interface_ = Interface::getIntf(Fenrik::Ptr<Asic::OrderedTableInterface>(&agent_.tables()));
+    interface_ = agent_.interface<Family>();
     for (const std::uint32_t unit : page_.units) {
-      tables_[unit] = interface_->makeSwTable(unitId(unit), nullptr, page_.reset);
+      tables_[unit] = agent_.table<Family>(unit, page_.reset);
     }
   }
 
   void reconcile() {
     interface_->reconcile();
     for (std::uint32_t unit = 0; unit < kUnits; ++unit) {
-      if (!interface_->swTableSet()->swTableHas(unitId(unit))) continue;
-      told_.entrys[unit] = interface_->makeSwTable(unitId(unit), nullptr, false)->entrys();
+      if (!interface_->swTableSet()->swTableHas(UnitId(static_cast<std::uint16_t>(unit)))) continue;
+      told_.entrys[unit] = agent_.table<Family>(unit)->entrys();
     }
     tell();
   }
@@ -44,7 +42,8 @@ class Served {
   void load(Random& random) {
     for (const std::uint32_t unit : page_.units) {
       for (std::uint32_t key = 0; key < page_.keys; ++key) {
-        if (!tables_[unit]->entryHas(Family::keyOf(key))) write(unit, key, random());
+        if (!tables_[unit]->entryHas(Support::Numbers<Family>::key(key)))
+          write(unit, key, random());
         if (queued_.size() == 64) settle(64);
       }
     }
@@ -56,7 +55,7 @@ class Served {
     for (unsigned n = 1 + random() % 12; n != 0; --n) {
       const std::uint32_t unit = page_.units[random() % 2];
       const std::uint32_t key = random() % page_.keys;
-      const bool there = tables_[unit]->entryHas(Family::keyOf(key));
+      const bool there = tables_[unit]->entryHas(Support::Numbers<Family>::key(key));
       if (random() % (4 * page_.keys) == 0 && tables_[unit]->entrys() != 0) {
         removeAll(unit);
       } else if (there && random() % 2 == 0) {
@@ -69,18 +68,15 @@ class Served {
   }
 
  private:
-  static UnitId unitId(std::uint32_t unit) { return UnitId(static_cast<std::uint16_t>(unit)); }
-
   void write(std::uint32_t unit, std::uint32_t key, std::uint32_t value) {
     told_.ask(Kind::write, unit, key, value);
-    Entry entry{Family::keyOf(key)};
-    Family::valueOf(entry) = value;
-    queued_.push_back(
-        {told_.asked - 1, tables_[unit]->entryWrite(Family::keyOf(key), entry, nullptr)});
+    const auto entry = Support::entryOf<Family>(key, value);
+    queued_.push_back({told_.asked - 1, tables_[unit]->entryWrite(entry.key, entry, nullptr)});
   }
   void remove(std::uint32_t unit, std::uint32_t key) {
     told_.ask(Kind::remove, unit, key);
-    queued_.push_back({told_.asked - 1, tables_[unit]->entryRemove(Family::keyOf(key), nullptr)});
+    queued_.push_back(
+        {told_.asked - 1, tables_[unit]->entryRemove(Support::Numbers<Family>::key(key), nullptr)});
   }
   void removeAll(std::uint32_t unit) {
     told_.ask(Kind::clear, unit);
@@ -103,10 +99,10 @@ class Served {
     queued_.clear();
   }
 
-  Support::AgentRig& agent_;
+  Support::Running& agent_;
   Page& page_;
   FamilyPage& told_;
-  Fenrik::Ptr<Interface> interface_;
+  Fenrik::Ptr<typename Family::Interface> interface_;
   std::array<Fenrik::Ptr<typename Family::SwTable>, kUnits> tables_;
   std::vector<std::pair<std::uint32_t, typename Family::SwTable::HandlePtr>> queued_;
 };
@@ -115,7 +111,7 @@ class Served {
 
 void runAgent(const std::string& directory, Page& page) {
   Random random(page.seed);
-  Support::AgentRig agent(directory);
+  Support::Running agent(directory);
   Served<Tcam> tcam(agent, page, page.tcam);
   Served<Blocks> blocks(agent, page, page.blocks);
   page.phase = Phase::bringUp;

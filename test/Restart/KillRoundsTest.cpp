@@ -1,7 +1,5 @@
 #include <gmock/gmock.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -9,6 +7,7 @@
 #include <span>
 
 #include "Restart/Model.h"
+#include "Support/Process.h"
 #include "Support/Soak.h"
 #include "Support/TableRig.h"
 #include "Support/TempDir.h"
@@ -45,12 +44,10 @@ class History {
     blocks_.plan(page_, page_.blocks);
     Phase goal = goals_[random_() % std::size(goals_)];
     if (goal == Phase::churn && page_.load) goal = Phase::load;
-    start();
+    agent_ = Support::Process([this] { runAgent(dir_.path(), page_); });
     live(goal);
-    EXPECT_EQ(::kill(agent_, SIGKILL), 0);
-    int status = 0;
-    EXPECT_EQ(::waitpid(agent_, &status, 0), agent_);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "it ended by itself";
+    agent_.signal(SIGKILL);
+    EXPECT_EQ(agent_.wait(), -SIGKILL) << "it ended by itself";
     ++deaths[static_cast<unsigned>(page_.phase.load())];
     compare(Moment::dead);
   }
@@ -58,14 +55,6 @@ class History {
   static inline std::array<unsigned, kPhases> deaths{};
 
  private:
-  void start() {
-    agent_ = ::fork();
-    ASSERT_GE(agent_, 0);
-    if (agent_ != 0) return;
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    runAgent(dir_.path(), page_);
-  }
-
   void live(Phase goal) {
     if (goal < Phase::up) {
       await(goal);
@@ -125,7 +114,7 @@ class History {
   void await(Phase phase) {
     const auto end = steady_clock::now() + std::chrono::seconds(60);
     while (page_.phase < phase) {
-      ASSERT_EQ(::waitpid(agent_, nullptr, WNOHANG), 0) << "it ended by itself";
+      ASSERT_TRUE(agent_.running()) << "it ended by itself";
       ASSERT_LT(steady_clock::now(), end)
           << "it hangs in phase " << static_cast<unsigned>(page_.phase.load());
       ::usleep(20);
@@ -145,7 +134,7 @@ class History {
   Random& random_;
   Model<Tcam> tcam_;
   Model<Blocks> blocks_;
-  pid_t agent_ = -1;
+  Support::Process agent_;
   /// The shortest that an agent needed to come up.
   microseconds bringUp_{20'000};
 };

@@ -15,17 +15,8 @@ inline constexpr unsigned kUnits = 3;
 
 using Random = std::independent_bits_engine<std::mt19937, 32, std::uint32_t>;
 
-/// Families with keys that can be counted and a value in each entry.
-struct Tcam : QuarnBastil::TcamEntryFamily {
-  static Key keyOf(std::uint32_t i) { return {0, static_cast<std::uint16_t>(i)}; }
-  static std::uint32_t numberOf(const Key& key) { return key.index; }
-  static auto& valueOf(auto& entry) { return entry.userWords[0]; }
-};
-struct Blocks : QuarnBastil::BigBbFamily {
-  static Key keyOf(std::uint32_t i) { return {i << 8, 24}; }
-  static std::uint32_t numberOf(const Key& key) { return key.prefix >> 8; }
-  static auto& valueOf(auto& entry) { return entry.block.nextHop[7]; }
-};
+using Tcam = QuarnBastil::TcamEntryFamily;
+using Blocks = QuarnBastil::BigBbFamily;
 
 struct Operation {
   enum class Kind : std::uint32_t { write, remove, clear };

@@ -7,15 +7,16 @@
 
 #include "Kiv/Log.h"
 #include "OrderedTable/GenId.h"
-#include "Restart/Running.h"
 #include "Stavro/ValueEntity.h"
+#include "Support/Running.h"
 #include "Support/TempDir.h"
 
 namespace RestartTest {
 namespace {
 
-using Asic::EntryState;
 using Asic::UnitId;
+using Tcam = QuarnBastil::TcamEntryFamily;
+using Blocks = QuarnBastil::BigBbFamily;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Generation = Stavro::ValueEntity<Asic::GenId>;
@@ -61,7 +62,7 @@ class WipedTest : public testing::Test {
   /// An agent comes up, finds `live` entries in unit 0, and writes, commits, and hears of it.
   /// Returns the generation.
   std::uint32_t serve(unsigned live) {
-    Running agent(dir_.path());
+    Support::Running agent(dir_.path());
     const auto table = agent.template table<Family>(0);
     agent.template table<Family>(1);
     agent.template interface<Family>()->reconcile();
@@ -70,7 +71,7 @@ class WipedTest : public testing::Test {
         << "reported ones are not repeated";
     newest_ += 5;
     for (std::uint32_t key = 0; key < 5; ++key) {
-      const auto handle = table->entryWrite(Family::keyOf(key), entryOf<Family>(key, 7), nullptr);
+      const auto handle = agent.template write<Family>(0, key, 7);
       agent.pumpAll();
       EXPECT_EQ(handle->logVersion(), table->entryLog()->tableVersion());
     }
@@ -129,13 +130,12 @@ TYPED_TEST(WipedTest, ANeededSetThatCannotBeReadGoesWithTheOthers) {
   const auto path =
       Asic::Constants::neededPathOfEntryLogPath(TypeParam::Constants::tableEntryLogDriftPath());
   {
-    Running agent(this->dir_.path());
+    Support::Running agent(this->dir_.path());
     const auto table = agent.template table<TypeParam>(0);
-    const auto other = Fenrik::ptrIsImpl<ForeignHandle>();
-    other->settle(EntryState::entryInLog);
-    for (std::uint32_t key = 0; key < 3; ++key) {
-      table->entryWrite(TypeParam::keyOf(key), entryOf<TypeParam>(key, 1), other);
-    }
+    const auto other = Fenrik::ptrIsImpl<typename TypeParam::EntryHandle>(
+        Asic::EntryVersion(Asic::MajorVersion(0), 0), Support::Numbers<TypeParam>::key(9), &*table);
+    other->entryStateIs(Asic::EntryState::entryInLog);
+    for (std::uint32_t key = 0; key < 3; ++key) agent.template write<TypeParam>(0, key, 1, other);
     agent.pumpAll();
     const auto needed =
         Fenrik::dynamicPtrCast<Asic::NeededEntryDrift>(agent.memory()->getEntity(path));
@@ -146,7 +146,7 @@ TYPED_TEST(WipedTest, ANeededSetThatCannotBeReadGoesWithTheOthers) {
         .write("damage", 6);
   }
   this->report(2);
-  Running agent(this->dir_.path());
+  Support::Running agent(this->dir_.path());
   const auto table = agent.template table<TypeParam>(0);
   const auto needed =
       Fenrik::dynamicPtrCast<Asic::NeededEntryDrift>(agent.memory()->getEntity(path));
@@ -180,7 +180,7 @@ TYPED_TEST(WipedTest, AGenerationThatCannotBeReadIsNoReasonToStayDown) {
   file.seekp(static_cast<std::streamoff>(place)).put('H').flush();
   truncate(this->pathOf(TypeParam::Constants::configDriftPath(UnitId(0))));
   {
-    Running agent(this->dir_.path());
+    Support::Running agent(this->dir_.path());
     EXPECT_EQ(agent.template table<TypeParam>(0)->entrys(), 0U);
   }
   EXPECT_EQ(this->messages_.size(), 1U);
@@ -194,7 +194,7 @@ TYPED_TEST(WipedTest, ReportsThatCannotBeReadAreNone) {
   for (const auto harm : kHarms) {
     harm(reports);
     {
-      Running agent(this->dir_.path());
+      Support::Running agent(this->dir_.path());
       const auto table = agent.template table<TypeParam>(0);
       EXPECT_EQ(table->entryLog()->tableVersion().value(), version);
       EXPECT_EQ(table->entryLog()->tableStatusVersion().value(), 0U);
@@ -224,14 +224,11 @@ TYPED_TEST(WipedTest, AnEnvironmentThatForbidsItsOwnManagerLeadsToTheMachines) {
   EXPECT_EXIT(
       {
         ::setenv("NOT_LOCAL_EM", "", 1);
-        Support::AgentRig agent(this->dir_.path(), name);
-        const auto table =
-            TypeParam::Interface::getIntf(Fenrik::Ptr<Asic::OrderedTableInterface>(&agent.tables()))
-                ->makeSwTable(UnitId(0), nullptr, false);
-        table->entryWrite(TypeParam::keyOf(1), entryOf<TypeParam>(1, 1), nullptr);
+        Support::Running agent(this->dir_.path(), name);
+        const auto log = agent.template interface<TypeParam>()->entryLog();
+        agent.template write<TypeParam>(0, 1, 1);
         agent.pumpAll();
-        ::_exit(table->entryLog()->tableVersion().value() == 1 && stored(machines) &&
-                        !stored(this->dir_.path())
+        ::_exit(log->tableVersion().value() == 1 && stored(machines) && !stored(this->dir_.path())
                     ? 0
                     : 1);
       },

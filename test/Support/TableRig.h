@@ -104,6 +104,8 @@ class ReporterRig {
     reports_->tableVersionIs(Asic::TableVersion(tableId, Asic::LogVersion(version)));
     reports_->ring();
   }
+  /// As if it had never reported anything of that table.
+  void forget(Asic::SwTableId tableId) { reports_->tableVersionDel(tableId); }
 
  private:
   Fenrik::Ptr<KivSharedMem::EntityManager> memory_;

@@ -1,11 +1,10 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <csignal>
 #include <iostream>
 
 #include "Support/KillPoint.h"
-#include "TableKillPoints/Client.h"
+#include "Support/Process.h"
+#include "TableKillPoints/Told.h"
 
 namespace TableKill {
 namespace {
@@ -21,18 +20,19 @@ void copyDirectory(const std::string& from, const std::string& to) {
 
 /// What holds of every picture, whoever died when.
 void expectSound(const Picture& picture) {
-  for (const TablePicture& table : picture.tables) {
-    const Word newest = table.log.empty() ? table.scratchpad : table.log.rbegin()->first;
-    if (!table.log.empty()) {
-      EXPECT_EQ(table.log.size(), newest - table.log.begin()->first + 1) << "a gap in the log";
+  for (const Support::Memory& memory : picture) {
+    const auto& log = memory.log;
+    const Word newest = log.empty() ? memory.scratchpad : log.rbegin()->first;
+    if (!log.empty()) {
+      EXPECT_EQ(log.size(), newest - log.begin()->first + 1) << "a gap in the log";
     }
-    EXPECT_LE(table.announced, newest);
-    EXPECT_LE(newest - table.scratchpad, 1U);
-    for (const auto& [version, record] : table.log) {
-      if (record.change == Change::removeAll) continue;
-      const auto& entries = table.units[record.unit].entries;
-      ASSERT_TRUE(entries.contains(record.key)) << "nothing configured for version " << version;
-      EXPECT_GE(entries.at(record.key).version, version);
+    EXPECT_LE(memory.announced, newest);
+    EXPECT_LE(newest - memory.scratchpad, 1U);
+    for (const auto& [version, record] : log) {
+      if (record.flags == Support::LogFlags::tableDelete) continue;
+      const auto& config = memory.config[record.unit];
+      ASSERT_TRUE(config.contains(record.key)) << "nothing configured for version " << version;
+      EXPECT_GE(config.at(record.key).logVersion, version);
     }
   }
 }
@@ -42,16 +42,16 @@ constexpr std::size_t kStride = DriftTest::kInstrumented ? 17 : 1;
 /// A takeover is much the same after each death: so many of them together try all of its stores.
 constexpr std::size_t kTakeOverStride = DriftTest::kInstrumented ? 101 : 7;
 
-using Process = std::function<void(const std::string& directory, const std::function<void()>& arm)>;
+using Body = std::function<void(const std::string& directory, const std::function<void()>& arm)>;
 
 /// One process after the other does the same over a copy of a directory, and dies at its first,
 /// second, third store and so on, until one gets through.
 class Deaths {
  public:
   /// Dies at the store of that number, and then at every so many behind it.
-  Deaths(const std::string& original, const Told& told, Process process, std::size_t first,
+  Deaths(const std::string& original, const Told& told, Body body, std::size_t first,
          std::size_t stride)
-      : stages_(told.stages()), process_(std::move(process)), first_(first), stride_(stride) {
+      : stages_(told.stages()), body_(std::move(body)), first_(first), stride_(stride) {
     copyDirectory(original, original_.path());
   }
 
@@ -88,86 +88,84 @@ class Deaths {
 
  private:
   bool livesThrough(const std::string& directory, std::size_t stores) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-      process_(directory, [=] { storesLeft = stores; });
-      ::_exit(0);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) return false;
-    if (status != 0) DriftTest::fault("a process ended with {:#x}", status);
+    const int status = Support::Process([&] {
+                         body_(directory, [=] { storesLeft = stores; });
+                         ::_exit(0);
+                       }).wait();
+    if (status == -SIGKILL) return false;
+    if (status != 0) DriftTest::fault("a process ended with {}", status);
     return true;
   }
 
   /// Never mounted, so that it has no memory where nothing was written, and is copied quickly.
   TempDir original_;
   std::vector<Picture> stages_;
-  Process process_;
+  Body body_;
   std::size_t first_;
   std::size_t stride_;
   std::size_t deaths_ = 0;
 };
 
-/// An operation, what is there before it, and what it is promised to do.
-struct Scenario {
-  std::function<void(Client&)> operation;
-  std::function<void(Told&)> told;
-  /// By an earlier process.
-  std::function<void(Client&)> before = [](Client&) {};
-  /// By the process that dies, before it can.
-  std::function<void(Client&)> ready = [](Client&) {};
+/// Comes up in a process of its own.
+struct Client : RealAgent {
+  explicit Client(const std::string& directory) : RealAgent(directory, plan()) {
+    start({});
+    events.clear();
+  }
 };
 
-class TableKillPointDeathTest : public testing::TestWithParam<std::size_t> {
+class TableKillPointDeathTest : public testing::TestWithParam<unsigned> {
  protected:
-  const std::size_t t = GetParam();
-  const std::size_t other = 1 - t;
+  const unsigned t = GetParam();
+  const unsigned other = 1 - t;
   /// Words of a log record, each a store.
-  const std::size_t words = t == 0 ? sizeof(Family<0>::LogDriftEntry) / sizeof(Word)
-                                   : sizeof(Family<1>::LogDriftEntry) / sizeof(Word);
+  const std::size_t words =
+      (t == 0 ? sizeof(First::LogDriftEntry) : sizeof(Second::LogDriftEntry)) / sizeof(Word);
 
-  /// Keys 1 to 5 in one unit, of which 4 is in deletion, key 1 in the other, key 1 in the other
-  /// table.
-  void furnish(Client& client) const {
-    client.write(other, 0, 1, 10);
-    for (unsigned key = 1; key <= 5; ++key) client.write(t, 0, key, 10 * key);
-    client.write(t, 1, 1, 15);
-    client.remove(t, 0, 4);
-    client.pump();
-  }
-
-  void dieEverywhere(const Scenario& scenario, std::size_t leastDeaths) {
+  /// The acts of an agent that dies at each of their stores. Before it there were keys 1 to 5 in
+  /// one unit, of which 4 is in deletion, key 1 in the other, key 1 in the other table; another
+  /// agent did `before`; and the hardware reported the versions, of which that agent heard of all
+  /// but the last.
+  void dieEverywhere(const Acts& acts, std::size_t leastDeaths, const Acts& before = {},
+                     const std::vector<Word>& reports = {}) {
     const TempDir original;
-    {
+    Acts furniture = {write(other, 0, 1, 10)};
+    for (unsigned key = 1; key <= 5; ++key) furniture.push_back(write(t, 0, key, 10 * key));
+    furniture.push_back(write(t, 1, 1, 15));
+    furniture.push_back(of(Kind::remove, t, 0, 4));
+    for (const Acts& earlier : {furniture, before}) {
       Client client(original.path());
-      furnish(client);
-      scenario.before(client);
-      client.pump();
+      run(client, earlier);
     }
-    const Picture order = pictureOf(original.path(), true);
-    Told told(pictureWhenReady(original.path(), scenario), order);
-    scenario.told(told);
+    const Places places = placesOf(original.path());
+    Told told(pictureOf(original.path()), places);
+    const auto report = [&](TableModel::Agent& agent, const auto& reportedIs) {
+      for (std::size_t i = 0; i < reports.size(); ++i) {
+        if (i != 0) agent.run(of(Kind::hear, t, 0));
+        reportedIs(reports[i]);
+      }
+    };
+    report(told.model, [&](Word version) { told.reportedIs(t, version); });
+    told.beginAnew();
+    run(told.model, acts);
     Deaths deaths(
         original.path(), told,
         [&](const std::string& directory, const auto& arm) {
           Client client(directory);
-          scenario.ready(client);
+          report(client, [&](Word version) { client.families[t]->reportedIs(version); });
           arm();
-          scenario.operation(client);
-          client.pump();
+          run(client, acts);
         },
         1, kStride);
     std::size_t takeOvers = 0;
     std::size_t takeOverDeaths = 0;
     deaths.run([&](const std::string& directory, const Picture& seen, bool isNew) {
       expectSound(seen);
-      Told next(seen, order);
-      next.takeOver();
+      Told next(seen, places);
       if (isNew) {
         takeOverDeaths += dieInTakeOver(directory, next, takeOvers++ % kTakeOverStride + 1);
       }
-      goOn(directory, scenario, std::move(next));
+      goOn(directory, acts, next);
     });
     std::cout << deaths.deaths() << " deaths and " << takeOverDeaths << " in the takeover, "
               << told.stages().size() << " pictures\n";
@@ -177,14 +175,6 @@ class TableKillPointDeathTest : public testing::TestWithParam<std::size_t> {
   }
 
  private:
-  static Picture pictureWhenReady(const std::string& original, const Scenario& scenario) {
-    const TempDir work;
-    copyDirectory(original, work.path());
-    Client client(work.path());
-    scenario.ready(client);
-    return pictureOf(work.path());
-  }
-
   /// Who takes over what a death left dies, too.
   static std::size_t dieInTakeOver(const std::string& directory, const Told& told,
                                    std::size_t first) {
@@ -204,41 +194,34 @@ class TableKillPointDeathTest : public testing::TestWithParam<std::size_t> {
     return deaths.deaths();
   }
 
-  /// The client of the next agent asks again for what it has no answer to, and goes on.
-  void goOn(const std::string& directory, const Scenario& scenario, Told told) const {
+  /// The client of the next agent asks again for what it has no answer to, and goes on: it sees
+  /// what it would see of an agent that nobody was killed before.
+  void goOn(const std::string& directory, const Acts& again, Told& told) const {
     Client client(directory);
     EXPECT_EQ(textOf(pictureOf(directory)), textOf(told.last())) << "after the takeover";
-    scenario.operation(client);
-    scenario.told(told);
+    Acts acts = again;
     for (const unsigned key : {3U, 4U, 6U}) {
-      client.remove(t, 0, key);
-      told.remove(t, 0, key);
-      client.write(t, 0, key, 77);
-      told.write(t, 0, key, 77);
+      acts.push_back(of(Kind::remove, t, 0, key));
+      acts.push_back(write(t, 0, key, 77));
     }
-    client.pump();
+    run(client, acts);
+    run(told.model, acts);
     EXPECT_EQ(textOf(pictureOf(directory)), textOf(told.last())) << "after going on";
-    acknowledge(client, told);
-    const Picture end = pictureOf(directory);
-    EXPECT_EQ(client.done(), client.asked());
-    for (const TablePicture& table : end.tables) {
-      EXPECT_TRUE(table.log.empty() && table.needed.empty()) << textOf(end);
+    for (unsigned table = 0; table < kTables; ++table) {
+      const Word newest = told.last()[table].scratchpad;
+      told.reportedIs(table, newest);
+      client.families[table]->reportedIs(newest);
     }
-    for (unsigned key = 1; key <= 6; ++key) {
-      const auto& entries = end.tables[t].units[0].entries;
-      const auto found = entries.find(key);
-      EXPECT_EQ(client.read(t, 0, key),
-                found == entries.end() ? std::nullopt : std::optional(found->second.value))
-          << "key " << key << textOf(end);
+    Acts end = {of(Kind::hear, t, 0), of(Kind::read, t, 1, 1)};
+    for (unsigned key = 1; key <= 6; ++key) end.push_back(of(Kind::read, t, 0, key));
+    run(client, end);
+    run(told.model, end);
+    const Picture seen = pictureOf(directory);
+    EXPECT_EQ(textOf(seen), textOf(told.last())) << "with everything acknowledged";
+    EXPECT_EQ(TableModel::difference(told.model.events, client.events), "");
+    for (const Support::Memory& memory : seen) {
+      EXPECT_TRUE(memory.log.empty() && memory.needed.empty()) << textOf(seen);
     }
-    EXPECT_EQ(client.read(t, 1, 1), 15U);
-  }
-
-  static void acknowledge(Client& client, const Told& told) {
-    for (std::size_t table = 0; table < kTables; ++table) {
-      client.report(table, told.last().tables[table].scratchpad);
-    }
-    client.pump();
   }
 };
 
@@ -248,78 +231,41 @@ INSTANTIATE_TEST_SUITE_P(Families, TableKillPointDeathTest, testing::Values(0U, 
 TEST_P(TableKillPointDeathTest, AWriteIsStoredInTheToldOrder) {
   for (const unsigned key : {6U, 2U, 4U}) {
     SCOPED_TRACE(fmt::format("key {}: new, there, in deletion", key));
-    dieEverywhere({.operation = [&](Client& client) { client.write(t, 0, key, 99); },
-                   .told = [&](Told& told) { told.write(t, 0, key, 99); }},
-                  2 * words);
+    dieEverywhere({write(t, 0, key, 99)}, 2 * words);
   }
 }
 
 TEST_P(TableKillPointDeathTest, ARemoveIsStoredInTheToldOrder) {
   for (const unsigned key : {2U, 4U}) {
     SCOPED_TRACE(fmt::format("key {}: there, in deletion", key));
-    dieEverywhere({.operation = [&](Client& client) { client.remove(t, 0, key); },
-                   .told = [&](Told& told) { told.remove(t, 0, key); }},
-                  2 * words);
+    dieEverywhere({of(Kind::remove, t, 0, key)}, 2 * words);
   }
 }
 
 TEST_P(TableKillPointDeathTest, ARemovalOfEverythingMarksOneEntryAfterTheOther) {
-  dieEverywhere({.operation = [&](Client& client) { client.removeAll(t, 0); },
-                 .told = [&](Told& told) { told.removeAll(t, 0); }},
-                5 * words);
+  dieEverywhere({of(Kind::removeAll, t, 0)}, 5 * words);
 }
 
 TEST_P(TableKillPointDeathTest, AWriteIsNotAnnouncedBeforeWhatItNeeds) {
-  dieEverywhere({.operation =
-                     [&](Client& client) {
-                       const auto dependency = client.write(other, 0, 6, 98);
-                       client.write(t, 0, 6, 99, dependency);
-                     },
-                 .told =
-                     [&](Told& told) {
-                       const Word needed = told.nextVersion(other);
-                       told.write(other, 0, 6, 98);
-                       told.write(t, 0, 6, 99, {{kTableIds[other], needed}});
-                     }},
-                2 * words);
+  dieEverywhere({write(other, 0, 6, 98), write(t, 0, 6, 99, 0)}, 2 * words);
 }
 
 TEST_P(TableKillPointDeathTest, AnUpdateIsStoredInTheToldOrder) {
-  dieEverywhere({.operation = [&](Client& client) { client.update(t, 0, 2, 99); },
-                 .told = [&](Told& told) { told.update(t, 0, 2, 99); }},
-                2 * words);
+  dieEverywhere(update(t, 0, 2, 20 ^ 99), 2 * words);
 }
 
 /// The hardware acknowledges writes, removes and a removal of everything, some taken over by later
 /// changes, and the set that one of them needs.
 TEST_P(TableKillPointDeathTest, AReportCleansRecordAfterRecord) {
-  for (const Word earlier : {0U, 2U}) {
-    SCOPED_TRACE(fmt::format("{} acknowledged before", earlier));
-    // The removal of key 2 is the last of it; key 3 has come back behind it.
-    constexpr Word kReported = 13;
-    dieEverywhere({.operation = [](Client&) {},
-                   .told = [&](Told& told) { told.clean(t, kReported); },
-                   .before =
-                       [&](Client& client) {
-                         const auto dependency = client.write(other, 0, 2, 20);
-                         client.remove(t, 0, 3);
-                         client.write(t, 0, 5, 51, dependency);
-                         client.removeAll(t, 0);
-                         client.write(t, 0, 2, 21);
-                         client.remove(t, 1, 2);
-                         client.write(t, 0, 1, 11);
-                         client.remove(t, 0, 2);
-                         client.write(t, 0, 3, 31);
-                       },
-                   .ready =
-                       [&](Client& client) {
-                         if (earlier != 0) {
-                           client.report(t, earlier);
-                           client.pump();
-                         }
-                         client.report(t, kReported);
-                       }},
-                  kReported);
+  const Acts before = {
+      write(other, 0, 2, 20),    of(Kind::remove, t, 0, 3), write(t, 0, 5, 51, 0),
+      of(Kind::removeAll, t, 0), write(t, 0, 2, 21),        of(Kind::remove, t, 1, 2),
+      write(t, 0, 1, 11),        of(Kind::remove, t, 0, 2), write(t, 0, 3, 31)};
+  // The removal of key 2 is the last of it; key 3 has come back behind it.
+  constexpr Word kReported = 13;
+  for (const auto& reports : {std::vector<Word>{kReported}, std::vector<Word>{2, kReported}}) {
+    SCOPED_TRACE(fmt::format("{} reports", reports.size()));
+    dieEverywhere({of(Kind::hear, t, 0)}, kReported, before, reports);
   }
 }
 

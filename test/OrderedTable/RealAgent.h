@@ -1,0 +1,644 @@
+#pragma once
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include "OrderedTable/TableModel.h"
+#include "Support/Running.h"
+
+/// The real tables, asked with the words of the model.
+namespace TableModel {
+
+using HandlePtr = Fenrik::Ptr<const Asic::SwTableBase::EntryHandle>;
+using DependencyPtr = Fenrik::Ptr<const Asic::DependencyEntryHandle>;
+
+/// A handle of an operation of nobody's table.
+class ForeignHandle final : public Fenrik::NodeClass<ForeignHandle, Asic::DependencyEntryHandle> {
+ public:
+  using KivModule = Kiv::Module<"TableModelForeign", ForeignHandle>;
+
+  void outcomeIs(Asic::EntryState state, Version version) {
+    version_ = Asic::LogVersion(version);
+    entryStateStore(state);
+  }
+  Asic::TableVersion entryTableVersion() const override { return {tableId(), version_}; }
+  Asic::SwTableId tableId() const override { return Asic::SwTableId(kForeignTable); }
+  Fenrik::String tableName() const override { return Fenrik::String("foreign"); }
+  Fenrik::String keyText() const override { return Fenrik::String("key"); }
+
+ private:
+  Asic::LogVersion version_;
+};
+
+/// Keeps the first thing that differs from the model.
+struct Differences {
+  template <class T, class U>
+  void operator()(const char* what, const T& expected, const U& seen) {
+    if (expected == seen || !text.empty()) return;
+    text = fmt::format("{}: {} is {}, not {}", where, what, seen, expected);
+  }
+
+  std::string where;
+  std::string text;
+};
+
+/// All tables of one real table id.
+class AnyFamily {
+ public:
+  virtual ~AnyFamily() = default;
+  /// The walk's place of each of the first `keys` keys, in a unit that is empty.
+  virtual std::vector<unsigned> learnPlaces(unsigned unit, Key keys) = 0;
+  virtual void mountTable(unsigned unit, bool reset) = 0;
+  /// As the hardware; nothing if it is to have said nothing.
+  virtual void reportedIs(std::optional<Version> version) = 0;
+  virtual void apply(unsigned unit, const Act& act) = 0;
+  virtual Asic::GroupInterface& group() const = 0;
+  /// Looks at what is cheap to look at, at everything, or at what costs a walk over the whole
+  /// configuration each.
+  virtual void compareQuickly(Differences& differ, const Model& model) const = 0;
+  virtual void compareFully(Differences& differ, const Model& model, Key keys) const = 0;
+  virtual void compareWalks(Differences& differ, const Model& model) const = 0;
+};
+
+/// The real agent: one after the other over the same shared memory.
+class RealAgent : public Agent {
+ public:
+  using Make = std::unique_ptr<AnyFamily> (*)(RealAgent& agent, unsigned number);
+  struct Plan {
+    Model::Shape shape;
+    std::vector<Make> families;
+  };
+
+  RealAgent(std::string directory, const Plan& plan)
+      : directory_(std::move(directory)), plan_(plan) {
+    for (unsigned i = 0; i < kForeigns; ++i)
+      foreigns_.push_back(Fenrik::ptrIsImpl<ForeignHandle>());
+  }
+
+  void start(const Model::Start& start) {
+    end();
+    running_ = std::make_unique<Support::Running>(directory_, "table-model");
+    for (const Make make : plan_.families) {
+      families.push_back(make(*this, static_cast<unsigned>(families.size())));
+    }
+    for (unsigned t = 0; t < units() * families.size(); ++t) {
+      if (!start.absent.contains(t)) mountTable(t, start.reset.contains(t));
+    }
+  }
+  void end() {
+    handles_.clear();
+    families.clear();
+    running_ = nullptr;
+  }
+
+  void mountTable(unsigned table, bool reset) {
+    families[table / units()]->mountTable(table % units(), reset);
+  }
+
+  void apply(const Act& act) override {
+    using Kind = Act::Kind;
+    if (act.kind == Kind::pump) {
+      const unsigned done = groupOf(act.table).pump(static_cast<unsigned>(act.number));
+      return see({.kind = Event::Kind::answered,
+                  .what = static_cast<std::uint8_t>(act.kind),
+                  .table = act.table,
+                  .number = done});
+    }
+    if (act.kind == Kind::hear) {
+      running_->tables().waitForReport(std::chrono::nanoseconds(0));
+      while (running_->tables().pump(0).reports != 0) {
+      }
+      return;
+    }
+    if (act.kind == Kind::settle) return settle(act);
+    families[act.table / units()]->apply(act.table % units(), act);
+  }
+
+  OpId nextOp() { return nextOp_++; }
+  void handleIs(OpId id, const HandlePtr& handle) {
+    handles_[id] = handle;
+    std::erase_if(handles_,
+                  [&](const auto& member) { return nextOp_ - member.first > kHandlesKept; });
+  }
+  HandlePtr handle(OpId id) const {
+    const auto found = handles_.find(id);
+    return found != handles_.end() && nextOp_ - id <= kHandlesKept ? found->second : HandlePtr();
+  }
+  DependencyPtr dependency(OpId id) const {
+    if (id != kNoOp && id >= kFirstForeign) return foreigns_[id - kFirstForeign];
+    return handle(id);
+  }
+  void reactTo(const Act& act) { react(act); }
+
+  Support::Running& running() const { return *running_; }
+  const std::string& directory() const { return directory_; }
+  unsigned units() const { return plan_.shape.units; }
+
+  std::vector<std::unique_ptr<AnyFamily>> families;
+  /// As the real map had it at each step of an iteration.
+  std::deque<std::vector<Key>> addOrders;
+
+ private:
+  Asic::GroupInterface& groupOf(unsigned group) const {
+    const auto& groups = plan_.shape.groupOfFamily;
+    const auto first = std::find(groups.begin(), groups.end(), group) - groups.begin();
+    return families[static_cast<std::size_t>(first)]->group();
+  }
+
+  /// As the party that owns the handle.
+  void settle(const Act& act) {
+    const auto outcome = static_cast<Asic::EntryState>(act.value);
+    if (act.dependency >= kFirstForeign) {
+      return foreigns_[act.dependency - kFirstForeign]->outcomeIs(outcome, act.number);
+    }
+    const HandlePtr found = handle(act.dependency);
+    if (found != nullptr) {
+      const_cast<Asic::SwTableBase::EntryHandle&>(*found).entryStateIs(outcome);
+    }
+  }
+
+  std::string directory_;
+  Plan plan_;
+  std::unique_ptr<Support::Running> running_;
+  std::map<OpId, HandlePtr> handles_;
+  std::vector<Fenrik::Ptr<ForeignHandle>> foreigns_;
+  OpId nextOp_ = 0;
+};
+
+template <class F>
+class RealFamily final : public AnyFamily {
+  using Numbers = Support::Numbers<F>;
+  using Table = typename F::SwTable;
+  using Entry = typename F::Entry;
+  using FamilyKey = typename F::Key;
+
+  /// Of a table's published attributes.
+  static constexpr unsigned kFirstField = std::is_same_v<F, QuarnBastil::BigBbFamily> ? 770 : 642;
+
+ public:
+  RealFamily(RealAgent& agent, unsigned number)
+      : agent_(agent),
+        number_(number),
+        interface_(agent.running().interface<F>()),
+        tables_(agent.units()),
+        watches_(agent.units()) {
+    statusWatch_.attach(*this, 0, interface_->swTableStatus()->publisher(),
+                        &RealFamily::statusChanged);
+  }
+
+  Asic::GroupInterface& group() const override { return agent_.running().template group<F>(); }
+
+  std::vector<unsigned> learnPlaces(unsigned unit, Key keys) override {
+    auto& config = *log().tableConfigDrift(unitId(unit));
+    for (Key key = 0; key < keys; ++key) {
+      config.swTableEntriesIs(typename F::ConfigDriftEntry(
+          Support::entryOf<F, typename F::LogEntry>(key, 0), {}, Asic::LogVersion(), false));
+    }
+    const auto places =
+        Support::MemoryReader<F>(agent_.directory(), agent_.units()).places(unit, keys);
+    for (Key key = 0; key < keys; ++key) config.swTableEntriesDel(Numbers::key(key));
+    return places;
+  }
+
+  void mountTable(unsigned unit, bool reset) override {
+    tables_[unit] = interface_->makeSwTable(unitId(unit), nullptr, reset);
+    watches_[unit].stats.attach(*this, unit, tables_[unit]->stats()->publisher(),
+                                &RealFamily::statsChanged);
+    reader_ = nullptr;  // there is more to be seen
+  }
+
+  void reportedIs(std::optional<Version> version) override {
+    Support::ReporterRig hardware(agent_.directory(), F::Constants::canonicalGroupName());
+    version ? hardware.report(F::kTableId, *version) : hardware.forget(F::kTableId);
+  }
+
+  void apply(unsigned unit, const Act& act) override {
+    using Kind = Act::Kind;
+    Table& table = *tables_[unit];
+    const FamilyKey key = Numbers::key(act.key);
+    switch (act.kind) {
+      case Kind::write:
+      case Kind::remove:
+      case Kind::removeAll:
+        return call(unit, act);
+      case Kind::update:
+        return update(table, act);
+      case Kind::clear:
+        return table.clearTable(act.flag);
+      case Kind::direct:
+        return direct(unit, act);
+      case Kind::report:
+        return table.tableStatusVersion(Asic::LogVersion(act.number));
+      case Kind::has:
+        return agent_.answer(act, act.key, table.entryHas(key));
+      case Kind::read:
+        return agent_.answer(act, numbers(table.entryRead(key)));
+      case Kind::entry:
+        return agent_.answer(act, numbers(table.entry(key)));
+      case Kind::config:
+        return agent_.answer(act, numbers(table.entryFromConfig(key)));
+      case Kind::count:
+        return agent_.answer(act, 0, table.entrys());
+      case Kind::iterBegin:
+        return iterBegin(table, act);
+      case Kind::iterStep:
+        return iterStep(act);
+      case Kind::snapshot:
+        return snapshot(table, act);
+      case Kind::helper:
+        return helper(table, act);
+      case Kind::watch:
+        return watch(unit, act.flag);
+      case Kind::pump:
+      case Kind::hear:
+      case Kind::settle:
+        break;
+    }
+    throw std::logic_error("not a table's act");
+  }
+
+  void compareQuickly(Differences& differ, const Model& model) const override {
+    const Family& family = model.family(number_);
+    const auto& control = *log().tableEntryLog()->collectionControl();
+    const auto& resolver = *group().groupResolver();
+    differ.where = F::kTableName;
+    differ("tableVersion", family.scratchpad, log().tableVersion().value());
+    differ("tableStatusVersion", family.statusVersion, log().tableStatusVersion().value());
+    differ("scratchpad", family.scratchpad, control.scratchpad());
+    differ("announced version", family.announced, control.announced());
+    differ("log size", family.log.size(), log().tableEntryLog()->map()->driftMapSize());
+    differ("pendingHwWrites", family.pendingHwWrites,
+           interface_->swTableStatus()->pendingHwWrites());
+    differ("queue", model.queue(family.group).size(), resolver.length());
+    differ("too many looks at the head", false, resolver.looks() > model.looks(family.group));
+    for (unsigned unit = 0; unit < tables_.size(); ++unit) {
+      if (tables_[unit] == nullptr) continue;
+      const Table& table = *tables_[unit];
+      const TableModel::Table& expected = model.table(numberOf(unit));
+      differ("adds", expected.adds.size(), table.transientAddEntryCount());
+      differ("removes", expected.removes.size(), table.transientRemoveEntryCount());
+      differ("versions", expected.versions.size(), table.transientVersionForKeyCount());
+      differ("transientRemoveAllVersion", expected.removeAll.value_or(UINT64_MAX),
+             table.transientRemoveAllVersion().value());
+      differ("handles in the log", expected.handlesInLog.size(), table.entryHandleInLogCount());
+      differ("configuration size", family.config[unit].size(),
+             log().tableConfigDrift(unitId(unit))->map()->driftMapSize());
+    }
+  }
+  void compareFully(Differences& differ, const Model& model, Key keys) const override {
+    compareQuickly(differ, model);
+    // A unit without a table may have a configuration all the same.
+    if (reader_ == nullptr) {
+      reader_ = std::make_unique<Support::MemoryReader<F>>(agent_.directory(), agent_.units());
+    }
+    const Support::Memory& expected = model.family(number_);
+    const Support::Memory seen = reader_->read();
+    if (seen != expected) differ("memory", textOf(expected), textOf(seen));
+    eachTable(differ, model, [&](const Table& table, unsigned number, const auto& modelTable) {
+      compareFlight(differ, table, modelTable);
+      compareReads(differ, model, number % agent_.units(), keys);
+    });
+    const auto head = group().groupResolver()->head().waiting;
+    const auto& queue = model.queue(model.family(number_).group);
+    if (queue.empty()) return;
+    differ("head's unit", queue.front()->act.table % agent_.units(), head.unit);
+    differ("head's wait", model.waits(*queue.front()), head.reason.size() != 0);
+  }
+  void compareWalks(Differences& differ, const Model& model) const override {
+    eachTable(differ, model, [&](const Table& table, unsigned number, const auto& expected) {
+      const auto unit = unitId(expected.unit);
+      const auto live = model.configEntrys(number);
+      differ("entrys", model.entrys(number), table.entrys());
+      differ("entrys of the log", live, log().entrys(unit));
+      differ("entrysInDeletion", model.family(number_).config[expected.unit].size() - live,
+             log().entrysInDeletion(unit));
+      std::map<Key, Value> walked;
+      for (auto it = table.entryIteratorConst(); it; ++it) {
+        walked.insert(numbers(*it));
+      }
+      differ("what a walk shows", model.contents(number), walked);
+    });
+  }
+
+ private:
+  /// Hears of the changes of one object.
+  struct Watch : Fenrik::Subscriber {
+    using Heard = void (RealFamily::*)(unsigned unit, const Fenrik::Change&);
+
+    void attach(RealFamily& toFamily, unsigned ofUnit, const Fenrik::Publisher* publisher,
+                Heard whatHeard) {
+      family = &toFamily;
+      unit = ofUnit;
+      heard = whatHeard;
+      dispatchIs([](const Fenrik::Publisher&, Fenrik::Subscriber& subscriber,
+                    const Fenrik::Change& change) noexcept {
+        auto& self = static_cast<Watch&>(subscriber);
+        (self.family->*self.heard)(self.unit, change);
+      });
+      publisher->subscriberAdd(*this, false);
+    }
+
+    RealFamily* family = nullptr;
+    unsigned unit = 0;
+    Heard heard = nullptr;
+  };
+  struct TableWatches {
+    Watch table;
+    Watch stats;
+  };
+
+  /// Does what a plan says, and shows what a reader sees from within the commit.
+  class Helper final : public Fenrik::NodeClass<Helper, typename F::SwTableHelperBase> {
+   public:
+    using Wrapper = typename F::EntryWrapper;
+    using KivModule = Kiv::Module<"TableModelHelper", Helper>;
+
+    Helper(RealFamily* family, unsigned table, const Act::Plan& plan)
+        : family_(family), table_(table), plan_(plan) {}
+
+    void finalizeOnSuccess(const Fenrik::Ptr<Wrapper>& wrapper, bool isDelete,
+                           const Fenrik::Ptr<Table>& table) override {
+      called(*wrapper, *table, isDelete ? 1 : 0);
+    }
+    bool finalizeOnResourceUpdate(const Fenrik::Ptr<Wrapper>& wrapper,
+                                  const Fenrik::Ptr<Table>& table, bool failed) override {
+      called(*wrapper, *table, failed ? 3 : 2);
+      return plan_.answer;
+    }
+
+   private:
+    void called(Wrapper& wrapper, const Table& table, std::uint8_t which) {
+      const auto [key, value] = numbers(wrapper.entry());
+      family_->agent_.see({.kind = Event::Kind::hooked,
+                           .what = which,
+                           .gone = table.entryHas(wrapper.key()),
+                           .table = table_,
+                           .key = key,
+                           .value = value});
+      if (plan_.mask != 0) wrapper.mutableEntry() = Support::entryOf<F>(key, value ^ plan_.mask);
+      if (!plan_.throws) return;
+      plan_.throws = false;
+      if (plan_.rejects) wrapper.entryHandle()->entryStateIs(Asic::EntryState::entryRejected);
+      throw Thrown();
+    }
+
+    RealFamily* family_;
+    unsigned table_;
+    Act::Plan plan_;
+  };
+
+  static std::pair<Key, Value> numbers(const auto& entry) { return Support::numbersOf<F>(entry); }
+  static Asic::UnitId unitId(unsigned unit) {
+    return Asic::UnitId(static_cast<std::uint16_t>(unit));
+  }
+  unsigned numberOf(unsigned unit) const { return number_ * agent_.units() + unit; }
+  typename F::EntryLog& log() const { return *interface_->entryLog(); }
+
+  void call(unsigned unit, const Act& act) {
+    Table& table = *tables_[unit];
+    const OpId id = agent_.nextOp();
+    const DependencyPtr dependency = agent_.dependency(act.dependency);
+    Asic::ResponseHandler handler;
+    if (act.handler) {
+      handler = [this, unit, id, act](const auto& handle) { handled(unit, id, act, *handle); };
+    }
+    HandlePtr handle;
+    if (act.kind == Act::Kind::write) {
+      // The key beside the entry wins over the one within.
+      Entry entry = Support::entryOf<F>(act.key, act.value);
+      entry.keyIs(Numbers::key(act.key + 1));
+      handle = act.handler ? table.entryWriteWithResponseHandler(Numbers::key(act.key), entry,
+                                                                 dependency, handler)
+                           : table.entryWrite(Numbers::key(act.key), entry, dependency);
+    } else if (act.kind == Act::Kind::remove) {
+      handle = act.handler ? table.entryRemoveWithResponseHandler(Numbers::key(act.key), dependency,
+                                                                  handler)
+                           : table.entryRemove(Numbers::key(act.key), dependency);
+    } else {
+      return act.handler ? table.entryRemoveAllWithResponseHandler(dependency, handler)
+                         : table.entryRemoveAll(dependency);
+    }
+    agent_.handleIs(id, handle);
+  }
+
+  void handled(unsigned unit, OpId id, const Act& act,
+               const Asic::OrderedSwTable::EntryHandle& handle) {
+    const auto& typed = dynamic_cast<const typename F::EntryHandle&>(handle);
+    agent_.see({.kind = Event::Kind::handled,
+                .what = static_cast<std::uint8_t>(typed.entryState()),
+                .gone = tables_[unit]->hasPendingHwWrites(),
+                .table = numberOf(unit),
+                .key = Numbers::number(typed.key()),
+                .number = id,
+                .value = typed.logVersion().value()});
+    agent_.reactTo(act);
+  }
+
+  void update(Table& table, const Act& act) {
+    const HandlePtr handle = table.updateEntry(Numbers::key(act.key));
+    if (handle == nullptr) return agent_.answer(act, act.key, kNoOp);
+    const OpId id = agent_.nextOp();
+    agent_.handleIs(id, handle);
+    agent_.answer(act, act.key, id);
+  }
+
+  void direct(unsigned unit, const Act& act) {
+    const Asic::LogVersion version = log().entryIs(
+        Support::entryOf<F, typename F::LogEntry>(act.key, act.value), {},
+        Fenrik::ptrIsImpl<Asic::NeededEntry>(), unitId(unit), tables_[unit]->stats(), true);
+    agent_.answer(act, act.key, version.value());
+  }
+
+  void iterBegin(const Table& table, const Act& act) {
+    auto& state = iterations_[act.slot];
+    state = act.flag ? table.initIterStateFromKey(Numbers::key(act.key)) : table.initIterState();
+    agent_.answer(act, Numbers::number(state->bookmarkKey()), state->state().value());
+  }
+
+  void iterStep(const Act& act) {
+    const auto found = iterations_.find(act.slot);
+    if (found == iterations_.end()) return;
+    auto& state = *found->second;
+    if (state.state().inAddColl()) agent_.addOrders.push_back(addOrder(*state.swTable()));
+    const Entry entry = state.maybeUpdateCurrentEntry();
+    agent_.answer(act, Numbers::number(state.bookmarkKey()), state.state().value());
+    agent_.answer(act, numbers(entry));
+  }
+
+  static std::vector<Key> addOrder(const Table& table) {
+    std::vector<Key> order;
+    for (auto it = table.transientAddEntryIterator(); it; ++it) {
+      order.push_back(Numbers::number(it.key()));
+    }
+    return order;
+  }
+
+  void snapshot(const Table& table, const Act& act) const {
+    const auto all = table.getTableEntries_py();
+    std::map<Key, Entry> sorted;
+    for (auto it = all->tableEntriesIterator(); it; ++it) {
+      sorted.emplace(Numbers::number(it.key()), it->value());
+    }
+    for (const auto& member : sorted) agent_.answer(act, numbers(member.second));
+  }
+
+  void helper(Table& table, const Act& act) {
+    if (act.flag) return table.swTableHelperIs(table.swTableHelper());
+    table.swTableHelperIs(act.plan.plain
+                              ? Fenrik::ptrIsImpl<typename F::SwTableHelperBase>()
+                              : Fenrik::Ptr<typename F::SwTableHelperBase>(
+                                    Fenrik::ptrIsImpl<Helper>(this, act.table, act.plan)));
+  }
+
+  void watch(unsigned unit, bool on) {
+    Watch& watch = watches_[unit].table;
+    if (watch.subscribed() == on) return;
+    if (!on) return watch.unsubscribe();
+    watch.attach(*this, unit, tables_[unit]->publisher(), &RealFamily::tableChanged);
+  }
+
+  void tableChanged(unsigned unit, const Fenrik::Change& change) {
+    Event event{.kind = Event::Kind::changed, .table = numberOf(unit)};
+    event.what = static_cast<std::uint8_t>(change.fieldId.number() - kFirstField);
+    const bool keyed = event.what == kAdds || event.what == kRemoves || event.what == kVersions;
+    if (keyed) {
+      event.key = Numbers::number(*static_cast<const FamilyKey*>(change.key));
+      event.gone = change.value == nullptr;
+    }
+    if (event.what == kHandles) event.key = *static_cast<const std::uint32_t*>(change.value);
+    if (event.what == kRemoveAll) {
+      event.value = static_cast<const Asic::MajorVersion*>(change.value)->value();
+    }
+    if (keyed && !event.gone) event.value = valueOf(event.what, change.value);
+    agent_.see(event);
+  }
+
+  static Version valueOf(unsigned what, const void* node) {
+    if (what == kVersions) {
+      using Node = typename Table::HN_TransientVersionForKey;
+      return static_cast<const Node*>(node)->value().majorVersion().value();
+    }
+    using Add = typename Table::HN_TransientAddEntry;
+    using Remove = typename Table::HN_TransientRemoveEntry;
+    const auto& wrapper = what == kAdds ? static_cast<const Add*>(node)->value()
+                                        : static_cast<const Remove*>(node)->value();
+    return numbers(wrapper->entry()).second;
+  }
+
+  void statsChanged(unsigned unit, const Fenrik::Change& change) {
+    const unsigned counter = change.fieldId.number() - 130U;
+    if (counter >= kCounters) return;  // the time of the last commit
+    agent_.see({.kind = Event::Kind::counted,
+                .what = static_cast<std::uint8_t>(counter),
+                .table = numberOf(unit),
+                .number = *static_cast<const unsigned long long*>(change.value)});
+  }
+
+  void statusChanged(unsigned, const Fenrik::Change& change) {
+    agent_.see({.kind = Event::Kind::flagged,
+                .table = number_,
+                .number = *static_cast<const bool*>(change.value)});
+  }
+
+  /// Calls `compare` with each table that there is, its number and the model's table.
+  template <class Compare>
+  void eachTable(Differences& differ, const Model& model, Compare compare) const {
+    for (unsigned unit = 0; unit < tables_.size(); ++unit) {
+      if (tables_[unit] == nullptr) continue;
+      differ.where = fmt::format("{}, unit {}", F::kTableName, unit);
+      compare(*tables_[unit], numberOf(unit), model.table(numberOf(unit)));
+    }
+    differ.where = F::kTableName;
+  }
+  void compareReads(Differences& differ, const Model& model, unsigned unit, Key keys) const {
+    const Table& table = *tables_[unit];
+    const unsigned number = numberOf(unit);
+    const auto& stats = *table.stats();
+    const std::array<Version, kCounters> counters{
+        stats.entryWriteCnt(),  stats.entryRemoveCnt(),     stats.commitCnt(),
+        stats.tableClearCnt(),  stats.updateCnt(),          stats.updateWithFailedResourceCnt(),
+        stats.resolveFailCnt(), stats.suppressedWriteCnt(), stats.suppressCheckDiffCnt()};
+    differ("stats", model.table(number).counters, counters);
+    differ("hasPendingHwWrites", model.hasPendingHwWrites(number), table.hasPendingHwWrites());
+    const auto& config = model.family(number_).config[unit];
+    for (Key key = 0; key < keys; ++key) {
+      const FamilyKey familyKey = Numbers::key(key);
+      const auto found = config.find(key);
+      differ("entryHas", model.entryHas(number, key), table.entryHas(familyKey));
+      differ("entryRead", model.entryRead(number, key), numbers(table.entryRead(familyKey)));
+      differ("entryFromConfig", model.entryFromConfig(number, key),
+             numbers(table.entryFromConfig(familyKey)));
+      differ("entry of the log", model.entryFromConfig(number, key),
+             numbers(log().entry(familyKey, unitId(unit))));
+      differ("entryHas of the log", model.configHas(number, key),
+             log().entryHas(familyKey, unitId(unit)));
+      differ("entryLogVersion", found != config.end() ? found->second.logVersion : 0,
+             log().entryLogVersion(familyKey, unitId(unit)).value());
+    }
+  }
+  void compareFlight(Differences& differ, const Table& table,
+                     const TableModel::Table& expected) const {
+    using Members = std::map<Key, std::pair<Value, Version>>;
+    const auto expect = [](const std::map<Key, OpPtr>& members) {
+      Members all;
+      for (const auto& [key, op] : members) all[key] = {op->value, op->major};
+      return all;
+    };
+    const auto look = [](auto it) {
+      Members all;
+      for (; it; ++it) {
+        const auto& wrapper = *it->value();
+        const auto [key, value] = numbers(wrapper.entry());
+        all[key] = {value, wrapper.entryHandle()->version().majorVersion().value()};
+      }
+      return all;
+    };
+    differ("transientAddEntry", expect(expected.adds), look(table.transientAddEntryIterator()));
+    differ("transientRemoveEntry", expect(expected.removes),
+           look(table.transientRemoveEntryIterator()));
+    std::map<Key, Version> versions;
+    for (auto it = table.transientVersionForKeyIterator(); it; ++it) {
+      versions[Numbers::number(it.key())] = it->value().majorVersion().value();
+      differ("minor version", 0U, it->value().minorVersion());
+    }
+    differ("transientVersionForKey", expected.versions, versions);
+    std::vector<Version> expectedHandles, handles;
+    for (const OpPtr& op : expected.handlesInLog) expectedHandles.push_back(op->logVersion);
+    for (auto it = table.entryHandleInLogIter(); it.valid(); it.increment()) {
+      handles.push_back(it.value()->logVersion().value());
+    }
+    differ("entryHandleInLog", expectedHandles, handles);
+    differ("newest index of entryHandleInLog", !handles.empty(),
+           table.entryHandleInLogHas(expected.nextIndex - 1));
+  }
+
+  RealAgent& agent_;
+  unsigned number_;
+  Fenrik::Ptr<typename F::Interface> interface_;
+  std::vector<Fenrik::Ptr<Table>> tables_;
+  std::vector<TableWatches> watches_;
+  Watch statusWatch_;
+  std::map<unsigned, Fenrik::Ptr<typename F::IteratorState>> iterations_;
+  mutable std::unique_ptr<Support::MemoryReader<F>> reader_;
+};
+
+/// Agents that have the tables of these families.
+template <class... F>
+RealAgent::Plan planOf() {
+  RealAgent::Plan plan;
+  std::vector<Fenrik::String> groups;
+  const auto add = [&]<class One>(const One*) {
+    const Fenrik::String group = One::Constants::canonicalGroupName();
+    const auto found = std::ranges::find(groups, group);
+    plan.shape.groupOfFamily.push_back(static_cast<unsigned>(found - groups.begin()));
+    if (found == groups.end()) groups.push_back(group);
+    plan.shape.tableIds.push_back(One::kTableId.value());
+    plan.families.push_back([](RealAgent& agent, unsigned number) -> std::unique_ptr<AnyFamily> {
+      return std::make_unique<RealFamily<One>>(agent, number);
+    });
+  };
+  (add(static_cast<const F*>(nullptr)), ...);
+  return plan;
+}
+
+}  // namespace TableModel
