@@ -55,8 +55,9 @@ class ServedTable {
     await(0);
   }
 
-  /// One operation, with no more than `window` in flight. A full window is filled anew when a quarter of
-  /// it has come back, as the agent fills its own: a commit each by itself would be a ring each.
+  /// One operation, with no more than `window` in flight. A full window is filled anew when a
+  /// quarter of it has come back, as the agent fills its own: a commit each by itself would be a
+  /// ring each.
   void write(Word window) {
     entry_.hopLimit = static_cast<std::uint8_t>(asked_);
     table_->entryWriteWithResponseHandler(tcamKey(shuffledKeys()[asked_ % kConfigRecords]), entry_,

@@ -1,8 +1,6 @@
 #include <gmock/gmock.h>
-#include <sys/mman.h>
 
 #include <algorithm>
-#include <atomic>
 #include <iostream>
 #include <map>
 #include <set>
@@ -256,57 +254,6 @@ TEST(AsicSoak, AgreesWithALookAtEverything) {
     naive.apply(change);
     naive.compare(*chip, random);
   }
-}
-
-TEST(AsicSoak, HoldsWhatItHeldWhenItsProcessIsKilled) {
-  const unsigned seed = Support::seed();
-  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
-  Random dice(seed);
-  Random changes(seed);
-  Random packets(seed);
-  const Support::TempDir dir;
-  NaiveChip naive;
-  std::uint64_t done = 0;
-  const unsigned rounds = 30 * static_cast<unsigned>(Support::soakFactor());
-  void* const memory = ::mmap(nullptr, sizeof(std::atomic<bool>), PROT_READ | PROT_WRITE,
-                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(memory, MAP_FAILED);
-  auto& atWork = *new (memory) std::atomic<bool>(false);
-  for (unsigned round = 0; round < rounds && !testing::Test::HasFailure(); ++round) {
-    atWork = false;
-    Process process([&] {
-      SimAsic::Chip chip(dir.path());
-      for (std::uint64_t step = done + 1;; ++step) {
-        Change(changes).apply(chip);
-        chip.programmedIs(kRules, step);
-        atWork = true;
-      }
-    });
-    while (!atWork) {
-      ASSERT_TRUE(process.running());
-      ::usleep(100);
-    }
-    ::usleep(dice() % 8000);
-    process.kill();
-    SimAsic::Chip chip(dir.path());
-    const std::uint64_t reached = chip.programmed(kRules);
-    for (; done < reached; ++done) naive.apply(Change(changes));
-    // The step behind may have been made in part, and is made again as by a hardware writer.
-    const Change again(changes);
-    again.apply(chip);
-    naive.apply(again);
-    chip.programmedIs(kRules, ++done);
-    for (NaiveUnit& unit : naive.units) unit.moves = unit.violations = 0;
-    for (std::uint16_t i = 0; i < 2; ++i) {
-      EXPECT_EQ(chip.rowCount(kRules, UnitId(i)), naive.units[i].rules.size()) << round;
-      for (int n = 0; n < 200; ++n) {
-        const Policy::Packet packet{packets(), packets(), 150, 0, 6, 0};
-        ASSERT_EQ(chip.decide(UnitId(i), packet), naive.units[i].decide(packet));
-      }
-    }
-  }
-  EXPECT_GT(done, rounds) << "the process made no more than the step that is made again";
-  ::munmap(memory, sizeof(std::atomic<bool>));
 }
 
 }  // namespace

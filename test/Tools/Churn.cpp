@@ -1,7 +1,5 @@
 #include "Tools/Churn.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <map>
 
@@ -125,7 +123,7 @@ class Agent {
     }
   }
 
-  [[noreturn]] void serve(bool clears) {
+  [[noreturn]] void serve() {
     Page& page = *churn_.page;
     // What is on its way from the last agent has no handles to wait for.
     drain();
@@ -133,7 +131,7 @@ class Agent {
       const bool settle = page.order == Order::settle;
       const auto& list = churn_.lists[settle ? 0 : churn_.random() % 2];
       for (Unit& unit : units_) {
-        if (clears && !settle && churn_.random() % 4 == 0) {
+        if (!settle && churn_.random() % 4 == 0) {
           unit.clear(churn_.random() % churn_.universe.rules.size());
         }
         unit.change(list);
@@ -209,27 +207,10 @@ Churn::Churn(unsigned seed, std::size_t ruleCount)
   }
 }
 
-Process Churn::agent(const std::string& directory, bool clears) {
+Process Churn::agent(const std::string& directory) {
   random.seed(random());
   page->settled = false;
-  return Process([&, this] { Agent(directory, *this).serve(clears); });
-}
-
-void Churn::writeRules(const Chosen& list, const std::string& file) const {
-  const auto text = [](const Prefix& prefix) {
-    return fmt::format("{}.{}.{}.{}/{}", prefix.address >> 24, prefix.address >> 16 & 255,
-                       prefix.address >> 8 & 255, prefix.address & 255, prefix.length);
-  };
-  std::ofstream out(file);
-  for (std::size_t i = 0; i < list.size(); ++i) {
-    const Policy::Rule& rule = universe.rules[i];
-    if (!list[i]) continue;
-    out << fmt::format("@{}\t{}\t{} : {}\t{} : {}\t{:#04x}/{:#04x}\t{:#06x}/{:#06x}\t\n",
-                       text(rule.source), text(rule.destination), rule.sourcePorts.first,
-                       rule.sourcePorts.last, rule.destinationPorts.first,
-                       rule.destinationPorts.last, rule.protocol.value, rule.protocol.mask,
-                       rule.flags.value, rule.flags.mask);
-  }
+  return Process([&, this] { Agent(directory, *this).serve(); });
 }
 
 }  // namespace ToolsTest

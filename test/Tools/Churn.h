@@ -48,10 +48,8 @@ struct Churn {
   Churn(const Churn&) = delete;
   Churn& operator=(const Churn&) = delete;
 
-  /// An agent over the directory. With `clears` it empties tables at once now and then.
-  Process agent(const std::string& directory, bool clears);
-  /// Writes a list as a file of rules.
-  void writeRules(const Chosen& list, const std::string& file) const;
+  /// An agent over the directory. It empties tables at once now and then.
+  Process agent(const std::string& directory);
 
   Random random;
   Universe universe;

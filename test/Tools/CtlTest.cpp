@@ -31,7 +31,7 @@ class CtlTest : public testing::Test {
  protected:
   CtlTest() {
     churn_.page->order = Order::churn;
-    Process agent = churn_.agent(tables_, true);
+    Process agent = churn_.agent(tables_);
     Process writer({BASTIL_HWWRITER, "--dir", tables_, "--batch", "5"}, "/dev/null", "/dev/null");
     while (churn_.page->changes < 5 && agent.running()) ::usleep(1000);
     writer.kill();
@@ -247,7 +247,7 @@ TEST_F(CtlSoak, LivesThroughAnyBytes) {
 }
 
 TEST_F(CtlSoak, FindsNothingWrongWithAnAgentAtWork) {
-  Process agent = churn_.agent(tables_, true);
+  Process agent = churn_.agent(tables_);
   Process writer({BASTIL_HWWRITER, "--dir", tables_}, "/dev/null", "/dev/null");
   for (int round = 0; round < 8 * Support::soakFactor() && !HasFailure(); ++round) {
     for (const auto& command : kCommands) {

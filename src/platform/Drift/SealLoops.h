@@ -7,8 +7,8 @@
 
 namespace Drift::Seal::Impl {
 
-/// The loops over one way to step a CRC register: `Step::step(crc, word)`. The registers are held in
-/// words, as the instruction has them: their upper halves are zero.
+/// The loops over one way to step a CRC register: `Step::step(crc, word)`. The registers are held
+/// in words, as the instruction has them: their upper halves are zero.
 template <class Step>
 struct LoopsOver {
   /// The bits of what is folded change their places first, each part in another way. Unchanged,
