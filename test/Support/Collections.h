@@ -227,11 +227,11 @@ bool survives(const DriftFile& file, Sight& sight, Step step) {
 /// may be that of another moment, if one is given.
 inline Sight look(AnyView& view, const Model& model, std::optional<Word> otherSize = {}) {
   Sight sight;
-  for (const auto& [key, record] : model) {
+  for (const auto& stored : model) {
     survives(*view.file, sight, [&] {
-      if (!view.find(key)) {
+      if (!view.find(stored.first)) {
         ++sight.missing;
-      } else if (view.bytes != record) {
+      } else if (view.bytes != stored.second) {
         sight.complaint = "a key gives another record than was stored";
       }
     });
