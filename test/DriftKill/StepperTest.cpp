@@ -50,14 +50,16 @@ class Stepping {
   /// `origin`, if that is given.
   void run(const Scenario& scenario, const std::string* origin = nullptr) {
     SCOPED_TRACE(nameOf(scenario.geometry) + ": " + scenario.name);
-    const auto& [name, geometry, before, prefix, step] = scenario;
+    const Geometry& geometry = scenario.geometry;
+    const auto& prefix = scenario.prefix;
+    const auto& step = scenario.step;
     const TempDir directory;
     if (origin != nullptr) {
       copyCollection(*origin, directory.path());
     } else {
-      Store(directory.path(), geometry).apply(before);
+      Store(directory.path(), geometry).apply(scenario.before);
     }
-    const Model old = after(geometry, after(geometry, {}, before), prefix);
+    const Model old = after(geometry, after(geometry, {}, scenario.before), prefix);
     const Totals totals =
         through(directory.path(), geometry, {old, after(geometry, old, step)}, [&](auto mark) {
           Store store(directory.path(), geometry);
