@@ -1,13 +1,15 @@
 #pragma once
 
-#include <signal.h>
-#include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <csignal>
+#include <cstdlib>
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>

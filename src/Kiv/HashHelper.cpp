@@ -19,7 +19,7 @@ std::uint32_t HashHelper::hashBytes(std::uint32_t seed, const void* bytes,
   std::uint32_t hash = hashSingleAttr(seed, static_cast<std::uint64_t>(size));
   const auto* next = static_cast<const char*>(bytes);
   for (; size >= sizeof(std::uint64_t); size -= sizeof(std::uint64_t)) {
-    std::uint64_t word;
+    std::uint64_t word = 0;
     std::memcpy(&word, next, sizeof word);
     next += sizeof word;
     hash = hashSingleAttr(hash, word);

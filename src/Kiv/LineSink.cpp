@@ -2,8 +2,8 @@
 
 #include <fmt/format.h>
 #include <poll.h>
-#include <signal.h>
 #include <unistd.h>
+#include <csignal>
 
 #include <cerrno>
 #include <ctime>

@@ -107,7 +107,7 @@ class LogHandle::Gate {
   Fenrik::Duration lengthAfter(unsigned steps) const {
     // Thirty years: longer than any process, and now plus so much still fits the clock.
     constexpr double kLongest = 1e18;
-    double length = static_cast<double>(firstLength_.count());
+    auto length = static_cast<double>(firstLength_.count());
     for (unsigned step = 0; step < steps && length < kLongest; ++step) length *= growth_;
     return Fenrik::Duration(static_cast<Fenrik::Duration::rep>(std::min(length, kLongest)));
   }

@@ -88,7 +88,7 @@ class QUARNBASTIL_EXPORT LogControl {
   static void sinkIsSyslog();
   /// One write(2) for a message; the descriptor stays the caller's.
   static void sinkIs(int fd);
-  static void sinkIs(Sink sink);
+  static void sinkIs(Sink callback);
 };
 
 }  // namespace Kiv

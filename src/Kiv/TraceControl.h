@@ -74,7 +74,7 @@ class QUARNBASTIL_EXPORT TraceControl {
   /// Sends every line to a file descriptor with one write(2). The caller keeps the descriptor open
   /// until another sink is set; when the call returns, nothing goes to the former sink any more.
   static void sinkIs(int fd);
-  static void sinkIs(Sink sink);
+  static void sinkIs(Sink callback);
   /// Back to the default, the standard error output.
   static void sinkDel();
   /// Lines that could not be delivered since the process began: a descriptor that failed or stayed

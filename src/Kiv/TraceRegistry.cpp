@@ -5,7 +5,7 @@
 namespace Kiv {
 
 TraceRegistry& TraceRegistry::instance() {
-  static TraceRegistry* const registry = new TraceRegistry;
+  static auto* const registry = new TraceRegistry;
   return *registry;
 }
 

@@ -35,7 +35,7 @@ class QUARNBASTIL_EXPORT GenId final {
 
 template <>
 struct fmt::formatter<Asic::GenId> {
-  constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
+  static constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
   template <class Context>
   auto format(Asic::GenId id, Context& context) const {
     return fmt::format_to(context.out(), "{}.{}", id.majorId(), id.minorId());

@@ -1,8 +1,7 @@
 #include "OrderedTable/GroupResolver.h"
 
-#include <time.h>
-
 #include <algorithm>
+#include <ctime>
 
 #include "Fenrik/Assert.h"
 #include "OrderedTable/FlagScope.h"

@@ -20,14 +20,14 @@ class IterStateAccessor {
 
   static Fenrik::Ptr<State> initIterState(const Table* table) {
     if (table == nullptr) return nullptr;
-    const auto state = makeState(*table);
+    auto state = makeState(*table);
     state->stateIs(state->state().withInAddColl(true));
     return state;
   }
 
   static Fenrik::Ptr<State> initIterState(const Table* table, const Key& key) {
     if (table == nullptr) return nullptr;
-    const auto state = makeState(*table);
+    auto state = makeState(*table);
     state->bookmarkKeyIs(key);
     auto flags = state->state().withHasBookmark(true);
     if (table->transientAddEntryHas(key)) {

@@ -78,6 +78,7 @@ bool OrderedSwTableSet::anyPending() {
       likely != nullptr && likely->value()->hasPendingHwWrites()) {
     return true;
   }
+  // NOLINTNEXTLINE(readability-use-anyofallof): which one it is matters, too
   for (const auto& node : swTable_) {
     if (node.key() == lastPending_ || !node.value()->hasPendingHwWrites()) continue;
     lastPending_ = node.key();

@@ -74,7 +74,8 @@ class QUARNBASTIL_EXPORT SwTableIteratorState
   const SwTable* swTable() const noexcept { return swTable_; }
   void swTableIs(const SwTable* table) noexcept { swTable_ = table; }
 
-  /// One step: the next entry, or a default one at the end.
+  /// One step: the next entry, or a default one at the end. Some families' bases ask for it.
+  // NOLINTNEXTLINE(modernize-use-override): others do not know it
   Entry maybeUpdateCurrentEntry() {
     using Self = typename Family::IteratorState;
     return Asic::IterStateAccessor<Self, SwTable>(static_cast<Self*>(this))

@@ -59,6 +59,7 @@ bool Agent::carryOut(unsigned unit, const Policy::Plan& plan) {
 /// Units that an earlier agent had and this one has not, and with `--reset` all. Rules go before
 /// the prefixes that they are about, as in every change.
 bool Agent::emptyOthers() {
+  // NOLINTNEXTLINE(readability-use-anyofallof): it does more than ask
   for (const unsigned unit : tables_.unitsFound()) {
     const bool served = std::ranges::find(options_.units, unit) != options_.units.end();
     if (served && !options_.reset) continue;

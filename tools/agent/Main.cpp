@@ -1,8 +1,8 @@
 #include <fmt/format.h>
-#include <signal.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 
 #include "agent/Agent.h"

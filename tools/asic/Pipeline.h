@@ -20,8 +20,8 @@ class Pipeline {
     std::uint64_t violations = 0;
   };
 
-  Cost written(const Tables::TableKind& kind, Tables::Words entry);
-  Cost removed(const Tables::TableKind& kind, Tables::Words key);
+  Cost written(const Tables::TableKind& kind, Tables::Words words);
+  Cost removed(const Tables::TableKind& kind, Tables::Words words);
 
   /// Of rows that are written together those of the lower number come first; of those that are
   /// removed together, last.

@@ -26,9 +26,9 @@ struct Context {
   const volatile std::sig_atomic_t& stop;
 
   /// A line of data.
-  void line(const std::string& text) const;
+  static void line(const std::string& text);
   /// A word for the reader beside the data.
-  void say(const std::string& text) const;
+  static void say(const std::string& text);
 };
 
 /// Wrong use that only the command itself can find.

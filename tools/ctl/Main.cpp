@@ -88,12 +88,12 @@ int main(int argc, char** argv) {
 
 }  // namespace
 
-void Context::line(const std::string& text) const {
+void Context::line(const std::string& text) {
   fmt::print("{}\n", text);
   std::fflush(stdout);
 }
 
-void Context::say(const std::string& text) const { fmt::print(stderr, "bastilctl: {}\n", text); }
+void Context::say(const std::string& text) { fmt::print(stderr, "bastilctl: {}\n", text); }
 
 const TableKind& tableOf(const std::string& name) {
   if (const TableKind* const kind = Tables::kindOf(name)) return *kind;

@@ -85,7 +85,7 @@ std::vector<std::string_view> valuesOf(std::string_view text, const Tables::Fiel
 [[noreturn]] void refuseKey(const TableKind& kind, std::string_view text) {
   std::vector<std::string_view> names;
   for (std::size_t i = 0; i < kind.key.count; ++i) {
-    if (kind.key.fields[i].kind == FieldKind::number) names.push_back(kind.key.fields[i].name);
+    if (kind.key.fields[i].kind == FieldKind::number) names.emplace_back(kind.key.fields[i].name);
   }
   throw UsageError(
       fmt::format("\"{}\" is no key of {}: give it as {}", text, kind.name, fmt::join(names, "/")));

@@ -106,7 +106,7 @@ class QUARNBASTIL_EXPORT DenseWriter {
   bool empty() const noexcept { return first_.value() == next_.value(); }
   void finishRedirect();
   void recountHoles();
-  void fillSlot(Word* slot, std::span<const Word> record) noexcept;
+  static void fillSlot(Word* slot, std::span<const Word> record) noexcept;
   void markAbsent(Word version) noexcept;
   void checkRoom(Word first, Word next) const;
   void append(std::span<const Word> record);

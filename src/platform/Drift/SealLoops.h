@@ -29,7 +29,10 @@ struct LoopsOver {
 
   template <class Move>
   static std::uint32_t run(std::size_t count, std::uint32_t low, Move move) {
-    Word a = ~0U, b = ~0U, c = ~0U, d = ~0U;
+    Word a = ~0U;
+    Word b = ~0U;
+    Word c = ~0U;
+    Word d = ~0U;
     std::size_t i = 0;
     for (; i + 4 <= count; i += 4) {
       a = Step::step(a, move(i));

@@ -84,7 +84,7 @@ Fenrik::Ptr<Entity> EntityManager::getEntity(const Fenrik::String& path) const {
 
 Fenrik::Ptr<EntityColl> EntityManager::findEntities(const Fenrik::String& path,
                                                     KivSharedMemType type) const {
-  const auto found = Fenrik::ptrIsImpl<EntityColl>();
+  auto found = Fenrik::ptrIsImpl<EntityColl>();
   if (type == KivSharedMemType::stored) {
     for (const std::string& stored : directory_.entities(path.view())) {
       found->paths_.newMember(EntityColl::HN_EntityPath(Fenrik::String(stored)));

@@ -12,7 +12,7 @@ namespace OvSlab::Impl {
 class ModeLock {
  public:
   explicit ModeLock(std::mutex& mutex) noexcept
-      : mutex_(Fenrik::ThreadControl::tsp_ != 0 ? &mutex : nullptr) {
+      : mutex_(Fenrik::ThreadControl::tsp_ ? &mutex : nullptr) {
     if (mutex_ != nullptr) mutex_->lock();
   }
   ModeLock(const ModeLock&) = delete;
