@@ -58,9 +58,13 @@ Fenrik::String Constants::canonicalGroupTableVersionPath(const Fenrik::String& c
   return Fenrik::formatString("{}{}/tableVersion", kRoot, canonicalGroup);
 }
 
-UnitId Constants::getUnitIdFromConfigPath(const Fenrik::String& path) {
+std::optional<UnitId> Constants::findUnitIdOfConfigPath(const Fenrik::String& path) {
   const auto unit = numberBehind<std::uint16_t>(path.view(), kConfigFolder, 10);
-  if (unit) return UnitId(*unit);
+  return unit ? std::optional(UnitId(*unit)) : std::nullopt;
+}
+
+UnitId Constants::getUnitIdFromConfigPath(const Fenrik::String& path) {
+  if (const auto unit = findUnitIdOfConfigPath(path)) return *unit;
   throw Fenrik::Exception(Fenrik::formatString(
       "\"{}\" is not the path of a unit's configuration: it does not end in \"{}\" and a number "
       "up to 65535",

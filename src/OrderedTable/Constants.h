@@ -31,6 +31,8 @@ class QUARNBASTIL_EXPORT Constants {
 
   /// The unit of a configuration path. Throws `Fenrik::Exception` for a path of another form.
   static UnitId getUnitIdFromConfigPath(const Fenrik::String& path);
+  /// As above; nothing for a path of another form.
+  static std::optional<UnitId> findUnitIdOfConfigPath(const Fenrik::String& path);
   /// The table of a change log's path; nothing for the path of something else.
   static std::optional<SwTableId> getTableIdFromEntryLogPath(const Fenrik::String& path);
   /// Where the needed sets of a log are.

@@ -29,6 +29,8 @@ class QUARNBASTIL_EXPORT NeededEntry final
   void merge(const Fenrik::Ptr<const NeededEntry>& other);
 
   bool empty() const noexcept { return map_.memberCount() == 0; }
+  /// Number of tables.
+  std::uint32_t count() const noexcept { return map_.memberCount(); }
   const Map& versions() const noexcept { return map_; }
 
  private:

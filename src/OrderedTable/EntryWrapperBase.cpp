@@ -1,0 +1,29 @@
+#include "OrderedTable/EntryWrapperBase.h"
+
+#include "Kiv/Trace.h"
+#include "OrderedTable/TableCore.h"
+
+namespace Asic {
+
+EntryWrapperBase::~EntryWrapperBase() = default;
+
+void EntryWrapperBase::finalizeOnSuccess(const TableDescriptor& descriptor, OrderedSwTable& table,
+                                         bool isDeleted) {
+  KIV_TRACE(descriptor.traces.table, 8, descriptor.names.wrapper, " key: {} isDeleted: {}",
+            KeyText(descriptor, entryBytes_), isDeleted);
+  // The hook may replace its own helper.
+  const Fenrik::Ptr<Fenrik::Node> helper = table.core()->swTableHelper();
+  descriptor.helper.finalizeOnSuccess(*helper, *this, isDeleted, table);
+}
+
+bool EntryWrapperBase::finalizeOnFailure(const TableDescriptor& descriptor, OrderedSwTable& table,
+                                         bool isDeleted) {
+  KIV_TRACE(descriptor.traces.table, 8, descriptor.names.wrapper, " key: {} isDeleted: {}",
+            KeyText(descriptor, entryBytes_), isDeleted);
+  const Fenrik::Ptr<Fenrik::Node> helper = table.core()->swTableHelper();
+  const bool retVal = descriptor.helper.finalizeOnFailure(*helper, *this, isDeleted, table);
+  KIV_TRACE(descriptor.traces.table, 3, descriptor.names.wrapper, " retVal: {}", retVal);
+  return retVal;
+}
+
+}  // namespace Asic

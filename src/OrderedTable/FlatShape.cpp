@@ -1,0 +1,66 @@
+#include "OrderedTable/FlatShape.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "Drift/RecordText.h"
+
+namespace Asic {
+
+void FlatShape::toWords(const void* value, Word* out) const noexcept {
+  if (empty()) return;
+  out[words() - 1] = 0;
+  std::memcpy(out, value, size);
+  makeCanonical(out);
+}
+
+void FlatShape::makeCanonical(Word* words) const noexcept {
+  const Word* const bits = mask.data();
+  for (std::size_t i = 0, count = mask.size(); i < count; ++i) words[i] &= bits[i];
+  auto* const bytes = reinterpret_cast<unsigned char*>(words);
+  for (const auto& group : groups) {
+    if (bytes[group.presence()] == 0) std::memset(bytes + group.offset, 0, group.size);
+  }
+}
+
+void FlatShape::fromWords(const Word* words, void* value) const noexcept {
+  if (empty()) return;
+  auto* const bytes = static_cast<unsigned char*>(value);
+  const std::size_t whole = size / sizeof(Word);
+  for (std::size_t i = 0; i < whole; ++i) {
+    const Word word = words[i] & mask[i];
+    std::memcpy(bytes + i * sizeof(Word), &word, sizeof(Word));
+  }
+  if (whole == mask.size()) return;
+  const Word word = words[whole] & mask[whole];
+  std::memcpy(bytes + whole * sizeof(Word), &word, size - whole * sizeof(Word));
+}
+
+bool FlatShape::same(const void* a, const void* b) const noexcept {
+  const auto* const left = static_cast<const unsigned char*>(a);
+  const auto* const right = static_cast<const unsigned char*>(b);
+  const auto absentInBoth = [&](std::size_t at) {
+    return std::ranges::any_of(groups, [&](const auto& group) {
+      return at >= group.offset && at < group.presence() && left[group.presence()] == 0 &&
+             right[group.presence()] == 0;
+    });
+  };
+  for (std::size_t i = 0; i < mask.size(); ++i) {
+    const std::size_t from = i * sizeof(Word);
+    const std::size_t bytes = std::min(sizeof(Word), size - from);
+    Word difference[2]{};
+    std::memcpy(&difference[0], left + from, bytes);
+    std::memcpy(&difference[1], right + from, bytes);
+    Word differs = (difference[0] ^ difference[1]) & mask[i];
+    for (std::size_t byte = 0; differs != 0; ++byte, differs >>= 8) {
+      if ((differs & 0xff) != 0 && !absentInBoth(from + byte)) return false;
+    }
+  }
+  return true;
+}
+
+void FlatShape::textAppend(std::string& text, const void* value) const {
+  if (!empty()) Drift::textAppend(text, value, fields.data(), fields.size(), isKey);
+}
+
+}  // namespace Asic

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "Drift/RecordLayout.h"
+#include "Fenrik/Export.h"
+
+namespace Asic {
+
+/// What compiled-once code knows of a flat type: which of its bytes mean something, and their names.
+struct FlatShape {
+  using Word = Drift::Format::Word;
+
+  std::size_t size;
+  /// Per word, the bits that are a part of the value.
+  std::span<const Word> mask;
+  /// Fields that mean something only while their presence byte is set.
+  std::span<const Drift::Impl::OptionalGroup> groups;
+  std::span<const Drift::RecordField> fields;
+  /// Its text shows members that are zero too.
+  bool isKey;
+
+  std::size_t words() const noexcept { return mask.size(); }
+  bool empty() const noexcept { return size == 0; }
+
+  /// Copies a value to whole words, with zero in padding, in absent groups and behind the end.
+  void toWords(const void* value, Word* out) const noexcept;
+  /// Clears padding and absent groups of a value that lies in whole words.
+  void makeCanonical(Word* words) const noexcept;
+  /// Copies whole words of any content to an object of the type, which is valid afterwards.
+  void fromWords(const Word* words, void* value) const noexcept;
+  /// Whether two objects of the type are equal; padding and absent groups have no say.
+  bool same(const void* a, const void* b) const noexcept;
+  void textAppend(std::string& text, const void* value) const;
+};
+
+namespace Impl {
+
+/// The constants behind the spans of a shape.
+template <class T>
+struct ShapeOf {
+  using Word = FlatShape::Word;
+
+  static constexpr std::size_t kWords = Drift::FlatLayout<T>::kWords;
+  static constexpr std::array<Word, kWords> kMask = [] {
+    std::array<Word, kWords> mask{};
+    constexpr auto& bytes = Drift::FlatLayout<T>::kByteMask;
+    for (std::size_t i = 0; i < bytes.size(); ++i) mask[i / 8] |= Word{bytes[i]} << (i % 8 * 8);
+    return mask;
+  }();
+  static constexpr auto& kFields = Drift::kFieldsOf<T>;
+  static constexpr std::size_t kGroupCount =
+      Drift::Impl::collectGroups(kFields.data(), kFields.size(), 0, nullptr);
+  static constexpr std::array<Drift::Impl::OptionalGroup, kGroupCount> kGroups = [] {
+    std::array<Drift::Impl::OptionalGroup, kGroupCount> groups{};
+    if constexpr (kGroupCount != 0) {
+      Drift::Impl::collectGroups(kFields.data(), kFields.size(), 0, groups.data());
+    }
+    return groups;
+  }();
+};
+
+}  // namespace Impl
+
+/// A type that states no fields holds no data: its shape is empty.
+template <Drift::Described T>
+constexpr FlatShape flatShapeOf() {
+  if constexpr (Drift::kFieldsOf<T>.size() == 0) {
+    return {0, {}, {}, {}, false};
+  } else {
+    using Shape = Impl::ShapeOf<T>;
+    return {sizeof(T), Shape::kMask, Shape::kGroups, Shape::kFields, Drift::Impl::kIsKey<T>};
+  }
+}
+
+}  // namespace Asic

@@ -1,0 +1,48 @@
+#include "Kiv/Trace.h"
+#include "OrderedTable/OrderedSwTableSet.h"
+#include "OrderedTable/TableCore.h"
+
+namespace Asic {
+
+void TableCore::tableStatusVersion(LogVersion version) {
+  // A handler may drop the last reference to the table.
+  const Fenrik::Ptr<OrderedSwTable> self(&table_);
+  /// The flag tells the truth after a handler has thrown, too.
+  struct FlagUpdate {
+    OrderedSwTable& table;
+    ~FlagUpdate() {
+      if (auto* const set = table.swTableSet()) set->maybeUpdatePendingHwWrites();
+    }
+  };
+  KIV_TRACE(trace(), 8, "", "tableVersion: {}", version);
+  const FlagUpdate flag{table_};
+  entryLog_->cleanupEntryLog(version);
+  groupResolver_->updateGenId();
+  handlesRelease(version);
+}
+
+void TableCore::handlesRelease(LogVersion version) {
+  while (const HandlePtr* const head = entryHandleInLog_.front()) {
+    if (version < (*head)->logVersion()) break;
+    const HandlePtr handle = entryHandleInLogDeq();
+    KIV_TRACE_AS("tableStatusVersion", trace(), 3, "", "Processing version: {}, key: {}",
+                 handle->logVersion(), textOf(handle->keyBytes()));
+    handle->entryStateIs(EntryState::entryDone);
+    if (handle->responseHandler()) handle->responseHandler()(handle);
+  }
+}
+
+bool TableCore::hasPendingHwWrites() const {
+  KIV_TRACE(ownTrace(), 8, name(), "");
+  const bool pending =
+      hasInFlight() || entryLog_->tableVersion() != entryLog_->tableStatusVersion();
+  KIV_TRACE(readTrace(), 3, "", " pendingHwWrites for swTable: tableId: {}, unitId{} is {}",
+            table_.tableId(), table_.unitId(), pending);
+  return pending;
+}
+
+bool TableCore::traced() const noexcept {
+  return ownTrace().levelEnabled(8) || readTrace().levelEnabled(3) || trace().levelEnabled(8);
+}
+
+}  // namespace Asic

@@ -1,0 +1,244 @@
+#pragma once
+
+#include <exception>
+#include <optional>
+#include <vector>
+
+#include "Fenrik/RQueue.h"
+#include "OrderedTable/EntryLogCore.h"
+#include "OrderedTable/GroupResolver.h"
+#include "OrderedTable/InFlight.h"
+#include "OrderedTable/KeyImage.h"
+#include "OrderedTable/OrderedSwTable.h"
+#include "OrderedTable/SwTableIteratorState.h"
+#include "OrderedTable/TableResolverEntry.h"
+
+namespace Asic {
+
+/// What a software table does, compiled once for all families: queueing, resolution, commit,
+/// acknowledgement, clearing, reads and iteration. A part of the table's object; it owns what is in
+/// flight. Keys and entries of the family's types are given by address.
+///
+/// Threads: the table thread. No call of a client blocks, and none fails for a reason of the
+/// table's state.
+///
+/// I1. A handle is `entryPending` when the call that made it returns.
+/// I2. Reads show an operation at once; operations commit strictly in the order of their calls.
+/// I3. Every accepted operation ends: whatever a hook or a handler throws, its handle leaves
+///     `entryPending`, its handler is called once (but for a remove-all that succeeds), and the
+///     exception reaches whoever pumps.
+class QUARNBASTIL_EXPORT TableCore {
+ public:
+  using Word = FlatShape::Word;
+  using Handle = OrderedSwTable::EntryHandle;
+  using HandlePtr = Fenrik::Ptr<Handle>;
+  using WrapperPtr = Fenrik::Ptr<EntryWrapperBase>;
+  using DependencyPtr = Fenrik::Ptr<const DependencyEntryHandle>;
+  using NeededPtr = Fenrik::Ptr<const NeededEntry>;
+  struct QUARNBASTIL_EXPORT QE_EntryHandleInLog {};
+  using HandleQueue = Fenrik::RQueue<HandlePtr, false, QE_EntryHandleInLog>;
+
+  /// Of a table's attributes, behind the first number of its block.
+  struct Field {
+    static constexpr std::uint16_t kSwTableHelper = 2;
+    static constexpr std::uint16_t kTransientAddEntry = 3;
+    static constexpr std::uint16_t kTransientRemoveEntry = 4;
+    static constexpr std::uint16_t kTransientVersionForKey = 5;
+    static constexpr std::uint16_t kTransientRemoveAllVersion = 6;
+    static constexpr std::uint16_t kEntryLog = 19;
+    static constexpr std::uint16_t kGroupResolver = 20;
+    static constexpr std::uint16_t kEntryHandleInLog = 22;
+  };
+
+  TableCore(OrderedSwTable& table, const TableDescriptor& descriptor,
+            Fenrik::Ptr<EntryLogCore> entryLog, Fenrik::Ptr<GroupResolver> groupResolver);
+  /// Operations that are still queued are given up. Handlers of operations that wait for the
+  /// hardware are not called.
+  ~TableCore();
+  TableCore(const TableCore&) = delete;
+  TableCore& operator=(const TableCore&) = delete;
+
+  const TableDescriptor& descriptor() const noexcept { return descriptor_; }
+  OrderedSwTable& table() const noexcept { return table_; }
+  EntryLogCore& log() const noexcept { return *entryLog_; }
+
+  void handleInitialized();
+
+  // What a client asks for. A write waits for `dep`, if that is not null, to leave `entryPending`;
+  // `handler`, if it is not empty, is called once when the outcome is known.
+  HandlePtr entryWrite(const void* key, const void* entry, const DependencyPtr& dep);
+  HandlePtr entryWriteWithResponseHandler(const void* key, const void* entry,
+                                          const DependencyPtr& dep, const ResponseHandler& handler);
+  HandlePtr entryWriteGeneric(const void* key, const void* entry, const DependencyPtr& dep,
+                              const ResponseHandler& handler);
+  HandlePtr entryRemove(const void* key, const DependencyPtr& dep);
+  HandlePtr entryRemoveWithResponseHandler(const void* key, const DependencyPtr& dep,
+                                           const ResponseHandler& handler);
+  HandlePtr entryRemoveGeneric(const void* key, const DependencyPtr& dep,
+                               const ResponseHandler& handler);
+  void entryRemoveAll(const DependencyPtr& dep);
+  void entryRemoveAllWithResponseHandler(const DependencyPtr& dep, const ResponseHandler& handler);
+  void entryRemoveAllGeneric(const DependencyPtr& dep, const ResponseHandler& handler);
+
+  // What the resolver asks for.
+  bool isResolverEntryResolved(const TableResolverEntry& item);
+  void commitEntry(const TableResolverEntry& item);
+  /// Logs a configured entry again whose resolved fields have changed. Null when the key has no
+  /// configured entry. Throws `Drift::CollectionFullException`, `Drift::NoSpaceException`.
+  HandlePtr updateEntry(const void* key);
+  /// Clears the unit through the log; one that has nothing configured is left alone. Throws as
+  /// `updateEntry` does, with nothing changed.
+  void clearTable(bool releaseResources);
+  Fenrik::Ptr<NeededEntry> getNeededEntrySet(const EntryWrapperBase& wrapper) const;
+  void setRsrcPtrs(EntryWrapperBase& wrapper, bool refresh);
+  /// Turns a configured entry back into a wrapper; makes a handle if there is none.
+  WrapperPtr entryWrapperFromConfig(const void* key, bool refreshRsrcPtrs, HandlePtr& handle);
+  void restoreEntries();
+  ResolverEntry::Waiting waitingOf(const TableResolverEntry& item) const;
+  /// The table is going: an operation of its queue ends in `entryRejected`.
+  void giveUp(const TableResolverEntry& item);
+
+  // The hardware's side.
+  void tableStatusVersion(LogVersion version);
+  /// The part of a report that concerns this table alone: releases its handles.
+  void handlesRelease(LogVersion version);
+  bool hasPendingHwWrites() const;
+  /// As above without a trace, and without the log, which all units share.
+  bool hasInFlight() const noexcept {
+    return inFlight_.adds() != 0 || inFlight_.removes() != 0 || transientRemoveAllVersion_.valid();
+  }
+  /// Whether somebody traces what `hasPendingHwWrites` and `tableStatusVersion` say.
+  bool traced() const noexcept;
+
+  // Reads. Each fills a default entry in, or leaves it as it is.
+  bool entryHas(const void* key) const;
+  void entryRead(const void* key, void* entry) const;
+  void entryReadGeneric(const void* key, void* entry) const;
+  void entryFromConfig(const void* key, void* entry) const;
+  std::uint32_t entrys() const;
+
+  // Iteration.
+  void initIterState(SwTableIteratorStateBase& state) const;
+  void initIterStateFromKey(SwTableIteratorStateBase& state, const void* key) const;
+  /// One step: fills the next entry in, or nothing at the end.
+  static void maybeUpdateCurrentEntry(SwTableIteratorStateBase& state, void* entry);
+
+  // The attributes.
+  const Fenrik::Ptr<Fenrik::Node>& swTableHelper() const noexcept { return swTableHelper_; }
+  void swTableHelperIs(Fenrik::Ptr<Fenrik::Node> helper);
+  const Fenrik::Ptr<EntryLogCore>& entryLog() const noexcept { return entryLog_; }
+  void entryLogIs(Fenrik::Ptr<EntryLogCore> log);
+  const Fenrik::Ptr<GroupResolver>& groupResolver() const noexcept { return groupResolver_; }
+  void groupResolverIs(Fenrik::Ptr<GroupResolver> resolver);
+  MajorVersion transientRemoveAllVersion() const noexcept { return transientRemoveAllVersion_; }
+  void transientRemoveAllVersionIs(MajorVersion version);
+
+  const InFlight& inFlight() const noexcept { return inFlight_; }
+  const InFlightKey* inFlight(const void* key) const noexcept {
+    return inFlight_.find(KeyImage(descriptor_.records.key, key).words());
+  }
+  void transientAddEntryIs(WrapperPtr wrapper);
+  WrapperPtr transientAddEntryDel(const void* key);
+  void transientAddEntryDelAll();
+  void transientRemoveEntryIs(WrapperPtr wrapper);
+  WrapperPtr transientRemoveEntryDel(const void* key);
+  void transientRemoveEntryDelAll();
+  void transientVersionForKeyIs(const void* key, const EntryVersion& version);
+  EntryVersion transientVersionForKeyDel(const void* key);
+  void transientVersionForKeyDelAll();
+
+  const HandleQueue& entryHandleInLog() const noexcept { return entryHandleInLog_; }
+  void entryHandleInLogEnq(const HandlePtr& handle);
+  HandlePtr entryHandleInLogDeq();
+  void entryHandleInLogDelAll();
+
+ private:
+  friend class OrderedSwTableSet;
+
+  /// What a commit works on.
+  struct Operation {
+    EntryWrapperBase& wrapper;
+    const DependencyPtr& dependency;
+    const HandlePtr& handle;
+    EntryVersion version;
+    EntryFlags flags;
+    /// The log has it: it cannot be refused any more.
+    bool logged = false;
+    /// What a handler threw; goes on to the pump when the commit has come to its end.
+    std::exception_ptr thrown{};
+  };
+
+  const Kiv::TraceHandle& trace() const noexcept { return descriptor_.traces.writes; }
+  const Kiv::TraceHandle& readTrace() const noexcept { return descriptor_.traces.reads; }
+  const Kiv::TraceHandle& ownTrace() const noexcept { return descriptor_.traces.table; }
+  const char* name() const noexcept { return descriptor_.names.table; }
+  Fenrik::FieldId field(std::uint16_t offset) const noexcept {
+    return Fenrik::FieldId(static_cast<std::uint16_t>(descriptor_.tableFieldBase + offset));
+  }
+  KeyImage imageOf(const void* key) const noexcept { return {descriptor_.records.key, key}; }
+  KeyText textOf(const void* key) const noexcept { return {descriptor_, key}; }
+
+  // Queueing.
+  InFlightKey& nextVersion(const char* function, const void* key, EntryVersion& version);
+  HandlePtr makeHandle(const EntryVersion& version, const void* key,
+                       const ResponseHandler& handler);
+  void enqueue(const Fenrik::Ptr<ResolverEntry>& item);
+  void updateGroup();
+
+  // The transient state. Each change is announced and counted for `hasPendingHwWrites`.
+  enum class Side : std::uint8_t { add, remove };
+  WrapperPtr sideIs(Side side, InFlightKey& key, WrapperPtr wrapper);
+  WrapperPtr sideDel(Side side, InFlightKey* key);
+  void sideDelAll(Side side);
+  void sideIs(Side side, WrapperPtr wrapper);
+  void versionDel(InFlightKey& key);
+  void versionIs(InFlightKey& key, const EntryVersion& version);
+  void publishKeyed(std::uint16_t field, const void* key, const void* value) const;
+  void noteInFlight();
+
+  // Commit.
+  void commit(Operation& operation);
+  void commitWrite(Operation& operation);
+  void commitRemove(Operation& operation);
+  void commitTableDelete(Operation& operation);
+  bool resourceResolved(Operation& operation);
+  void removeFromTransient(Operation& operation, Side side);
+  void failForDependency(Operation& operation);
+  void giveUpForResource(Operation& operation);
+  void reject(Operation& operation, const Fenrik::String& reason);
+  void removeAllDone();
+  void inLog(const HandlePtr& handle);
+  void finish(Operation& operation);
+  static void callHandler(Operation& operation);
+  std::optional<Fenrik::String> refusalOf(const Operation& operation) const;
+  NeededPtr neededOf(const Operation& operation, Fenrik::Ptr<NeededEntry> own) const;
+  Fenrik::Ptr<NeededEntry> ownNeeded(const EntryWrapperBase& wrapper) const;
+  std::vector<std::byte> formerEntry(const void* key) const;
+  void delAllEntries(bool releaseResources, const NeededPtr& neededEntry, HandlePtr& entryHandle,
+                     bool& logged);
+  bool wantsClearedEntries(const HandlePtr& handle) const;
+
+  // Iteration.
+  const InFlightKey* firstAdd(const SwTableIteratorStateBase& state, InFlight::Walk& walk) const;
+  bool stepInAddColl(SwTableIteratorStateBase& state, void* entry) const;
+  bool stepInTblCfg(SwTableIteratorStateBase& state, void* entry) const;
+  bool hidden(const ConfigRecord& record) const;
+
+  Fenrik::String waitingReason(const TableResolverEntry& item) const;
+
+  OrderedSwTable& table_;
+  const TableDescriptor& descriptor_;
+  Fenrik::Ptr<Fenrik::Node> swTableHelper_;
+  InFlight inFlight_;
+  MajorVersion transientRemoveAllVersion_;
+  Fenrik::Ptr<EntryLogCore> entryLog_;
+  Fenrik::Ptr<GroupResolver> groupResolver_;
+  HandleQueue entryHandleInLog_;
+  /// The set of an operation that needs nothing of other tables.
+  NeededPtr nothingNeeded_;
+  /// What the table's set knows of it.
+  bool countedInFlight_ = false;
+  bool waitsForReports_ = false;
+};
+
+}  // namespace Asic

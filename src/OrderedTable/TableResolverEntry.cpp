@@ -1,0 +1,37 @@
+#include "OrderedTable/TableResolverEntry.h"
+
+#include "OrderedTable/TableCore.h"
+
+namespace Asic {
+
+TableResolverEntry::~TableResolverEntry() = default;
+
+bool TableResolverEntry::isResolved() {
+  const Fenrik::Ptr<TableResolverEntry> self(this);
+  return table_ == nullptr || table_->core()->isResolverEntryResolved(*this);
+}
+
+void TableResolverEntry::commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) {
+  // A handler may drop the last reference to the table.
+  const Fenrik::Ptr<OrderedSwTable> table(table_);
+  if (table != nullptr) table->commitEntry(resolverEntry);
+}
+
+void TableResolverEntry::tableGone(const OrderedSwTable& table) {
+  if (table_ != &table) return;
+  table_->core()->giveUp(*this);
+  table_ = nullptr;
+}
+
+void TableResolverEntry::prefetch(bool near, unsigned ahead) const noexcept {
+  if (table_ == nullptr) return;
+  const TableCore& core = *table_->core();
+  const KeyImage key(core.descriptor().records.key, wrapper_->entryBytes());
+  core.log().prefetch(key.words(), table_->unitId(), near, ahead);
+}
+
+ResolverEntry::Waiting TableResolverEntry::waiting() const {
+  return table_ != nullptr ? table_->core()->waitingOf(*this) : Waiting{};
+}
+
+}  // namespace Asic
