@@ -40,17 +40,17 @@ class QUARNBASTIL_EXPORT ConfigDrift : public KivSharedMem::HashedCollection<Sel
   void swTableEntriesPrefetch(const Key& key, bool near) const noexcept {
     this->recordPrefetch(key, near);
   }
-  /// The keys of records that look as if they had been removed at or before a version; each is to
-  /// be looked up before it is believed. Much quicker than a walk.
-  std::vector<Key> swTableEntriesMaybeDeleted(LogVersion version) const {
-    std::vector<Key> keys;
-    this->slotsPeek([&](const std::byte* bytes) {
-      if (bytes[offsetof(Record, isDeleted)] == std::byte{0}) return;
+  /// The keys of records that were removed at or before a version.
+  std::vector<Key> swTableEntriesMaybeDeleted(LogVersion version) {
+    const auto records = this->writer().recordsWhere([&](const std::byte* bytes) {
       std::uint64_t since = 0;
       std::memcpy(&since, bytes + offsetof(Record, logVersion), sizeof since);
-      if (since > version.value()) return;
-      std::memcpy(static_cast<void*>(&keys.emplace_back()), bytes, sizeof(Key));
+      return bytes[offsetof(Record, isDeleted)] != std::byte{0} && since <= version.value();
     });
+    std::vector<Key> keys(records.size());
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      std::memcpy(static_cast<void*>(&keys[i]), records[i].data(), sizeof(Key));
+    }
     return keys;
   }
   /// Removes the record of that key, if there is one.

@@ -42,8 +42,7 @@ void TableVersionMap::open() {
   const auto& directory = manager_->directory();
   const auto openForReading = [&] {
     file_ = DriftFile::openForReading(directory, path_.view(), nullptr);
-    map_ = Fenrik::Ptr<Drift::DriftMap<TableVersionRecord>>(
-        new Drift::HashedMap<TableVersionRecord>(*file_), Fenrik::AdoptReference{});
+    map_ = Fenrik::ptrIsImpl<Drift::HashedMap<TableVersionRecord>>(*file_);
   };
   fresh_ = true;
   map_ = nullptr;

@@ -286,7 +286,12 @@ TEST(SealTest, AllFormsAgree) {
     const auto low = static_cast<std::uint32_t>(contentOf(words, 0, 1));
     const auto crc = Seal::kPortableLoops.copyOut(slow.data(), record.data(), words, low);
     EXPECT_EQ(Seal::kLoops.copyOut(fast.data(), record.data(), words, low), crc);
-    EXPECT_EQ(Seal::kLoops.copyIn(fast.data(), record.data(), words, low), crc);
+    // In two pieces, with a border anywhere.
+    const std::size_t border = contentOf(words, 1, 1) % (words * sizeof(Word) + 1);
+    const auto* const bytes = reinterpret_cast<const std::byte*>(record.data());
+    const Piece pieces[] = {{0, bytes, border},
+                            {border, bytes + border, words * sizeof(Word) - border}};
+    EXPECT_EQ(Seal::kLoops.copyIn(fast.data(), Pieces(pieces), words, low), crc);
     EXPECT_EQ(fast, record);
     EXPECT_EQ(slow, record);
     EXPECT_EQ(Seal::kLoops.words(low, words, 3), Seal::kPortableLoops.words(low, words, 3));

@@ -59,7 +59,7 @@ void ModelRun::set(Word number) {
   const Record record = recordOf(geometry_, key, ++salt_);
   const bool fit = fits(number);
   try {
-    writer_->set(record);
+    store(key, record);
     expect(fit, "a record was taken that there was no room for");
   } catch (const CollectionFullException&) {
     expect(!fit, "a collection with room said that it is full");
@@ -70,9 +70,53 @@ void ModelRun::set(Word number) {
   model_[key] = record;
 }
 
+/// In one of the forms of storing, which all do the same.
+void ModelRun::store(const Record& key, const Record& record) {
+  const std::size_t size = record.size() * sizeof(Word);
+  const std::size_t border = choose_(size + 1);
+  const auto* const bytes = reinterpret_cast<const std::byte*>(record.data());
+  const Piece pieces[] = {{0, bytes, border}, {border, bytes + border, size - border}};
+  const bool there = model_.contains(key);
+  switch (choose_(3)) {
+    case 0:
+      return writer_->set(record);
+    case 1:
+      if (dense()) return writer_->dense->set(key[0], pieces);
+      expect(writer_->hashed->set(key, pieces) == there, "a store found something else");
+      return;
+    default:
+      if (dense()) return writer_->dense->set(key[0], pieces);
+      writer_->hashed->makeRoom(there ? 0 : 1, there ? 1 : 0);
+      const auto place = writer_->hashed->lookUp(key);
+      expect(place.found() == there, "a writer's look-up found something else");
+      expect(!there || std::ranges::equal(model_[key],
+                                          std::span(writer_->hashed->record(place), record.size())),
+             "a writer reads another record than it wrote");
+      writer_->hashed->set(place, pieces);
+  }
+}
+
 void ModelRun::remove(Word number) {
   const Record key = keyOf(geometry_, number);
   expect(writer_->remove(key) == (model_.erase(key) != 0), "a removal found something else");
+}
+
+void ModelRun::removeThrough(Word version) {
+  writer_->dense->removeThrough(version);
+  model_.erase(model_.begin(), model_.upper_bound({version}));
+}
+
+/// What room is promised for is what there is room for.
+void ModelRun::makeRoom(Word count) {
+  const Word first = model_.empty() ? next_ : model_.begin()->first[0];
+  const bool fit = dense() ? next_ + count - first <= file_->header().slotCount
+                           : model_.size() + count <= geometry_.capacity;
+  try {
+    dense() ? writer_->dense->makeRoom(count) : writer_->hashed->makeRoom(count, choose_(200));
+    expect(fit, "room was promised that there is not");
+  } catch (const CollectionFullException&) {
+    expect(!fit, "room was refused that there is");
+  }
 }
 
 void ModelRun::removeAll() {
@@ -107,6 +151,11 @@ void ModelRun::step() {
     find(pickNumber());
   } else if (what < (filling ? 920U : 500U)) {
     set(pickNumber());
+  } else if (choose_(32) == 0) {
+    makeRoom(choose_(geometry_.capacity) + 1);
+  } else if (dense() && choose_(16) == 0) {
+    removeThrough(pickNumber());
+    ++salt_;
   } else if (dense() && !model_.empty() && choose_(4) != 0) {
     remove(model_.begin()->first[0]);
     ++salt_;
@@ -125,6 +174,16 @@ void ModelRun::check() {
   }
   expect(writer_->size() == model_.size(), "another number of records");
   expect(!dense() || writer_->dense->next() == next_, "the next version is another");
+  const std::size_t behindKey = wordsOf(geometry_.keySize);
+  if (dense() || behindKey == wordsOf(geometry_.recordSize)) return;
+  std::map<Word, Record> young;
+  const Word salt = salt_ - std::min<Word>(salt_, 5);
+  for (const auto& [key, record] : model_) {
+    if (record[behindKey] > salt) young[record[behindKey]] = record;
+  }
+  const auto found = writer_->hashed->beyond(behindKey * sizeof(Word), salt);
+  expect(std::ranges::equal(found, young, {}, {}, [](const auto& entry) { return entry.second; }),
+         "the youngest records are others");
 }
 
 /// A walk from behind any key, there or not, gives what lies behind it in the promised order.

@@ -31,7 +31,10 @@ class ModelRun {
   Word pickNumber();
   bool fits(Word number) const;
   void set(Word number);
+  void store(const Record& key, const Record& record);
   void remove(Word number);
+  void removeThrough(Word version);
+  void makeRoom(Word count);
   void removeAll();
   void find(Word number);
   void walkFrom(const DriftFile& file, Word number);

@@ -84,20 +84,28 @@ class QUARNBASTIL_EXPORT DenseWriter {
 
   const DenseView& view() const noexcept { return view_; }
 
-  /// Stores the record under its version, the first word of the record. At the end of the window it
+  /// Stores the record under its version, with which the pieces begin. At the end of the window it
   /// is appended; elsewhere it is inserted or replaces the record that is there. Throws
   /// `CollectionFullException` or `NoSpaceException` with nothing changed.
+  void set(Word version, Pieces pieces);
   void set(std::span<const Word> record);
-  /// Sees to it that the record behind the newest one can be stored: what `set` would throw is
+  /// Sees to it that so many records can be appended to the newest one: what `set` would throw is
   /// thrown here, with nothing changed that a reader could see.
-  void makeRoom();
+  void makeRoom(Word records = 1);
+  /// Fetches the slot of the record that will be appended after `ahead` others.
+  void prefetch(Word ahead) const noexcept;
   /// Removes the version's record; false if there is none.
   bool remove(Word version);
+  /// Removes the records up to and including that version, the oldest first. Each is a removal of
+  /// its own for readers and for a successor; none of them is read.
+  void removeThrough(Word version) noexcept;
   /// Removes everything; the next version stays what it was.
   void removeAll();
 
   /// The version behind the newest record that was ever stored.
   Word next() const noexcept { return next_.value(); }
+  /// The oldest version, or `next()` if there is none.
+  Word first() const noexcept { return first_.value(); }
   /// Number of records.
   Word size() const noexcept { return next_.value() - first_.value() - holes_.value(); }
 
@@ -106,14 +114,16 @@ class QUARNBASTIL_EXPORT DenseWriter {
   bool empty() const noexcept { return first_.value() == next_.value(); }
   void finishRedirect();
   void recountHoles();
-  static void fillSlot(Word* slot, std::span<const Word> record) noexcept;
+  void fillSlot(Word* slot, Word version, Pieces pieces) noexcept;
   void markAbsent(Word version) noexcept;
   void checkRoom(Word first, Word next) const;
-  void append(std::span<const Word> record);
+  void append(Word version, Pieces pieces);
   void moveEnd(CheckedWordWriter& end, Word value, Word absent) noexcept;
-  void prepend(std::span<const Word> record);
-  void replace(std::span<const Word> record);
-  void changeHoles(Word version, Word holes, bool absent, std::span<const Word> record);
+  void prepend(Word version, Pieces pieces);
+  void replace(Word version, Pieces pieces);
+  template <class Change>
+  void changeHoles(Word holes, Change change);
+  void removeFirst() noexcept;
 
   DriftFile& file_;
   DenseView view_;

@@ -43,7 +43,8 @@ void DenseWriter::finishRedirect() {
   if (!empty() && version >= first_.value() && version < next_.value()) {
     std::vector<Word> record(view_.recordWords());
     if (view_.copySlot(view_.chunks_.sideSlot(), version, record) == DenseView::Slot::whole) {
-      fillSlot(slotOf(version), record);
+      const Piece whole{0, record.data(), record.size() * sizeof(Word)};
+      fillSlot(slotOf(version), version, Pieces(&whole, 1));
     }
   }
   redirect_.set(0);
@@ -53,9 +54,9 @@ void DenseWriter::recountHoles() {
   holes_.set(view_.countAbsent({first_.value(), next_.value()}, view_.holes_.stamp()));
 }
 
-void DenseWriter::fillSlot(Word* slot, std::span<const Word> record) noexcept {
-  const auto low = static_cast<std::uint32_t>(record[0]);
-  const std::uint32_t crc = Seal::kLoops.copyIn(slot + 1, record.data(), record.size(), low);
+void DenseWriter::fillSlot(Word* slot, Word version, Pieces pieces) noexcept {
+  const auto low = static_cast<std::uint32_t>(version);
+  const std::uint32_t crc = Seal::kLoops.copyIn(slot + 1, pieces, view_.recordWords(), low);
   storeWord(slot, Seal::sealWord(crc, low));
 }
 
@@ -72,31 +73,43 @@ void DenseWriter::checkRoom(Word first, Word next) const {
       file_.path(), first, next - 1, next - first, mask_ + 1, file_.header().capacity));
 }
 
-void DenseWriter::makeRoom() {
-  checkRoom(empty() ? next_.value() : first_.value(), next_.value() + 1);
-  chunks_.reserveFor(next_.value(), next_.value());
+void DenseWriter::makeRoom(Word records) {
+  if (records == 0) return;
+  checkRoom(empty() ? next_.value() : first_.value(), next_.value() + records);
+  chunks_.reserveFor(next_.value(), next_.value() + records - 1);
+}
+
+void DenseWriter::prefetch(Word ahead) const noexcept {
+  const Word* const slot = view_.chunks_.slotOf(next_.value() + ahead);
+  if (slot == nullptr) return;
+  for (Word word = 0; word < 1 + view_.recordWords(); word += 8) {
+    __builtin_prefetch(slot + word, 1);
+  }
 }
 
 void DenseWriter::set(std::span<const Word> record) {
-  const Word version = record[0];
+  const Piece whole{0, record.data(), record.size_bytes()};
+  set(record[0], Pieces(&whole, 1));
+}
+
+void DenseWriter::set(Word version, Pieces pieces) {
   if (empty() || version >= next_.value()) {
-    append(record);
+    append(version, pieces);
   } else if (version < first_.value()) {
-    prepend(record);
+    prepend(version, pieces);
   } else if (view_.isAbsent(version)) {
-    changeHoles(version, holes_.value() - 1, false, record);
+    changeHoles(holes_.value() - 1, [&] { replace(version, pieces); });
   } else {
-    replace(record);
+    replace(version, pieces);
   }
 }
 
 /// At the end of the window, or as its only record; versions that are left out become absent.
-void DenseWriter::append(std::span<const Word> record) {
-  const Word version = record[0];
+void DenseWriter::append(Word version, Pieces pieces) {
   const Word first = empty() ? version : first_.value();
   checkRoom(first, version + 1);
   const Word from = empty() ? version : next_.value();
-  if (empty()) {
+  if (empty() && version != next_.value()) {
     // Between an empty window and where it opens again nothing is needed.
     chunks_.releaseBefore(version);
     chunks_.releaseBehind(version);
@@ -115,7 +128,7 @@ void DenseWriter::append(std::span<const Word> record) {
     }
   }
   for (Word absent = from; absent < version; ++absent) markAbsent(absent);
-  fillSlot(slotOf(version), record);
+  fillSlot(slotOf(version), version, pieces);
   moveEnd(next_, version + 1, version - from);
 }
 
@@ -127,51 +140,56 @@ void DenseWriter::moveEnd(CheckedWordWriter& end, Word value, Word absent) noexc
   if (absent != 0) holes_.set(holes);
 }
 
-void DenseWriter::prepend(std::span<const Word> record) {
-  const Word version = record[0];
+void DenseWriter::prepend(Word version, Pieces pieces) {
   checkRoom(version, next_.value());
   chunks_.reserveFor(version, first_.value() - 1);
   for (Word absent = version + 1; absent < first_.value(); ++absent) markAbsent(absent);
-  fillSlot(slotOf(version), record);
+  fillSlot(slotOf(version), version, pieces);
   moveEnd(first_, version, first_.value() - version - 1);
 }
 
 /// In its place, by way of the side slot: readers are sent there while the place is rewritten.
-void DenseWriter::replace(std::span<const Word> record) {
+void DenseWriter::replace(Word version, Pieces pieces) {
   Word* const side = const_cast<Word*>(view_.chunks_.sideSlot());
-  fillSlot(side, record);
-  redirect_.set(record[0] + 1);
-  fillSlot(slotOf(record[0]), record);
+  fillSlot(side, version, pieces);
+  redirect_.set(version + 1);
+  fillSlot(slotOf(version), version, pieces);
   redirect_.set(0);
 }
 
 /// A version within the window comes or goes: the count is marked as uncertain meanwhile.
-void DenseWriter::changeHoles(Word version, Word holes, bool absent, std::span<const Word> record) {
+template <class Change>
+void DenseWriter::changeHoles(Word holes, Change change) {
   holes_.set(holes_.value() | kHolesChanging);
-  if (absent) {
-    markAbsent(version);
-  } else {
-    replace(record);
-  }
+  change();
   holes_.set(holes & ~kHolesChanging);
 }
 
 bool DenseWriter::remove(Word version) {
-  if (empty() || version < first_.value() || version >= next_.value() || view_.isAbsent(version)) {
-    return false;
+  if (empty() || version < first_.value() || version >= next_.value()) return false;
+  if (holes_.value() != 0 && view_.isAbsent(version)) return false;
+  if (version == first_.value()) {
+    removeFirst();
+  } else {
+    changeHoles(holes_.value() + 1, [&] { markAbsent(version); });
   }
-  if (version != first_.value()) {
-    changeHoles(version, holes_.value() + 1, true, {});
-    return true;
-  }
+  return true;
+}
+
+/// The low end moves to the next version that is there.
+void DenseWriter::removeFirst() noexcept {
+  const Word version = first_.value();
   Word first = version + 1;
-  while (first < next_.value() && view_.isAbsent(first)) ++first;
+  while (holes_.value() != 0 && first < next_.value() && view_.isAbsent(first)) ++first;
   const Word passed = first - version - 1;
   if (passed != 0) holes_.set(holes_.value() | kHolesChanging);
   first_.set(first);
   if (passed != 0) holes_.set((holes_.value() & ~kHolesChanging) - passed);
   chunks_.releaseBefore(first);
-  return true;
+}
+
+void DenseWriter::removeThrough(Word version) noexcept {
+  while (!empty() && first_.value() <= version) removeFirst();
 }
 
 void DenseWriter::removeAll() {

@@ -434,7 +434,8 @@ void DriftFile::reserve(Word offset, Word size) {
   if (options_.reserveAll) return;
   if (::fallocate(fd_.get(), 0, static_cast<off_t>(offset), static_cast<off_t>(size)) == 0) {
     // Best effort, as where the file is made.
-    ::madvise(data_ + offset, size, MADV_POPULATE_WRITE);
+    const Word within = offset % Format::kPageSize;
+    ::madvise(data_ + offset - within, size + within, MADV_POPULATE_WRITE);
     return;
   }
   const int error = errno;

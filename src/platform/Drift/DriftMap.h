@@ -7,7 +7,7 @@
 #include "Drift/HashedCollection.h"
 #include "Drift/IterHint.h"
 #include "Drift/RecordLayout.h"
-#include "Fenrik/Node.h"
+#include "Fenrik/NodeClass.h"
 #include "Fenrik/String.h"
 
 namespace Drift {
@@ -91,7 +91,9 @@ class QUARNBASTIL_EXPORT DriftMap : public DriftMapBase {
 
 /// A hashed collection, read.
 template <class Record>
-class HashedMap final : public DriftMap<Record> {
+class QUARNBASTIL_EXPORT HashedMap final
+    : public Fenrik::NodeClass<HashedMap<Record>, DriftMap<Record>> {
+  using Node = Fenrik::NodeClass<HashedMap<Record>, DriftMap<Record>>;
   using Base = DriftMap<Record>;
   using typename Base::Layout;
 
@@ -99,7 +101,7 @@ class HashedMap final : public DriftMap<Record> {
   using typename Base::Cursor;
   using typename Base::Key;
 
-  explicit HashedMap(const DriftFile& file) : Base(file.path().c_str()), view_(file) {}
+  explicit HashedMap(const DriftFile& file) : Node(file.path().c_str()), view_(file) {}
 
   Format::Word driftMapSize() const override { return view_.size(); }
 
@@ -134,7 +136,9 @@ class HashedMap final : public DriftMap<Record> {
 
 /// A dense collection, read; its records come in ascending order of version.
 template <class Record>
-class DenseMap final : public DriftMap<Record> {
+class QUARNBASTIL_EXPORT DenseMap final
+    : public Fenrik::NodeClass<DenseMap<Record>, DriftMap<Record>> {
+  using Node = Fenrik::NodeClass<DenseMap<Record>, DriftMap<Record>>;
   using Base = DriftMap<Record>;
   using typename Base::Layout;
 
@@ -142,7 +146,7 @@ class DenseMap final : public DriftMap<Record> {
   using typename Base::Cursor;
   using typename Base::Key;
 
-  explicit DenseMap(const DriftFile& file) : Base(file.path().c_str()), view_(file) {}
+  explicit DenseMap(const DriftFile& file) : Node(file.path().c_str()), view_(file) {}
 
   Format::Word driftMapSize() const override { return view_.size(); }
 

@@ -97,39 +97,88 @@ class QUARNBASTIL_EXPORT HashedWriter {
 
   const HashedView& view() const noexcept { return view_; }
 
-  /// Inserts the record, or replaces the one of its key. Throws `CollectionFullException` or
-  /// `NoSpaceException` with nothing changed.
+  /// The outcome of one search of the index: where a key's record is, or where it would go. Holds
+  /// until the writer's next change or look-up.
+  class Place {
+   public:
+    bool found() const noexcept { return seen_ != 0; }
+
+   private:
+    friend class HashedWriter;
+
+    Word hash_ = 0;
+    Word bucket_ = 0;
+    Word displacement_ = 0;
+    Word seen_ = 0;  ///< the key's index word; 0 if the key is absent
+    Word lookup_ = 0;
+  };
+
+  /// Looks a key up, to read its record and to replace or remove it without another search. What is
+  /// damaged on the way is dropped.
+  Place lookUp(KeyWords key);
+  /// The record at a place, in shared memory; holds until the writer's next change. What this
+  /// process wrote, or has proved once, is not proved again. Throws
+  /// `Fenrik::CorruptionDetectedException`. REQUIRES: found.
+  const Word* record(const Place& place);
+  /// Copies the record of the key; false if there is none. Throws as `record` does.
+  bool findRecord(KeyWords key, RecordWords out);
+
+  /// Inserts the record at its key's place, or replaces the one that is there. Throws
+  /// `CollectionFullException` or `NoSpaceException` with nothing changed. REQUIRES: the pieces
+  /// begin with the key that was looked up, in canonical form, and end within the record.
+  void set(const Place& place, Pieces pieces);
+  /// As above, with a search of its own; true if it replaced a record.
+  bool set(KeyWords key, Pieces pieces);
   void set(std::span<const Word> record);
   /// Sees to it that a record of the key can be stored: what `set` would throw is thrown here, with
   /// nothing changed that a reader could see.
   void makeRoom(KeyWords key);
-  /// The same for a record that replaces one.
-  void makeRoom();
+  /// Sees to it that so many records of new keys can be inserted, and so many replaced, before
+  /// anything else is changed. Throws `CollectionFullException`, which says what was asked for and
+  /// what is left, or `NoSpaceException`, with nothing changed that a reader could see. Only
+  /// whether a bucket is free near a given key's home is not known before; there are twice as many
+  /// buckets as records.
+  void makeRoom(Word inserts, Word replacements);
+
   /// Fetches what `set` of the key will touch into the processor's cache: its index word, and with
-  /// `near`, once that is there, the record to which it leads and a slot for the new one.
+  /// `near`, once that is there, the record to which it leads.
   void prefetch(KeyWords key, bool near) const noexcept;
+  /// Fetches the slot that the change after `ahead` others will write. Exact for a run of
+  /// replacements; a guess otherwise.
+  void prefetchSlot(std::size_t ahead) const noexcept;
+
+  /// Removes the record at a place. REQUIRES: found.
+  void remove(const Place& place);
   /// Removes the key's record; false if there was none.
   bool remove(KeyWords key);
   /// Removes everything in one step. Throws `NoSpaceException` with nothing changed.
   void removeAll();
 
-  /// Number of slots that have had memory behind them.
-  Word slots() const noexcept { return reserved_.value(); }
-  /// The words in a slot as they are, whole or not, of a record that may long have gone: for a
-  /// quick look at which keys a look-up is worth. REQUIRES: slot < slots().
-  const Word* peek(Word slot) const noexcept { return view_.slotWords(slot) + 1; }
+  /// Copies of the live records that `wanted(const std::byte* record)` accepts, damaged ones left
+  /// out. Much quicker than a walk where few are accepted: `wanted` sees the slots as they are,
+  /// records that have gone among them, and what it accepts is proved by a look-up.
+  template <class Wanted>
+  std::vector<std::vector<Word>> recordsWhere(Wanted wanted) {
+    std::vector<std::vector<Word>> records;
+    for (Word slot = 0; slot < reserved_.value(); ++slot) {
+      const Word* const words = view_.slotWords(slot) + 1;
+      if (!wanted(reinterpret_cast<const std::byte*>(words))) continue;
+      std::vector<Word> record = liveRecord(slot);
+      if (!record.empty() && wanted(reinterpret_cast<const std::byte*>(record.data()))) {
+        records.push_back(std::move(record));
+      }
+    }
+    return records;
+  }
+  /// The live records that hold a number above `version` in the eight bytes from `offset` on, in
+  /// ascending order of it.
+  std::vector<std::vector<Word>> beyond(std::size_t offset, Word version);
 
   /// Index words that were dropped because they or their records were found damaged, at the
   /// takeover or later; each may be a record that is lost.
   Word dropped() const noexcept { return dropped_; }
 
  private:
-  struct Place {
-    Word bucket;  ///< of the key's word, or where it would go
-    Word displacement;
-    Word seen;  ///< the key's word; 0 if the key is absent
-  };
-
   Word* table(Word active) noexcept;
   Word activeTable() const noexcept { return active_.value() & 1; }
   Word live() const noexcept { return live_[activeTable()].value(); }
@@ -138,14 +187,15 @@ class QUARNBASTIL_EXPORT HashedWriter {
   void adoptWord(Word* bucket, std::vector<bool>& used);
   void fillFreeList(const std::vector<bool>& used);
   Place locate(KeyWords key, Word hash);
-  Place placeFor(KeyWords key, Word hash);
-  bool slotAtHand() const noexcept;
-  void reserveSlots();
+  Place vacancy(Place place);
+  void checkRoom(Word inserts, Word replacements) const;
+  void reserveSlots(Word count);
   bool proves(Word bucket, const IndexWord& word);
+  std::vector<Word> liveRecord(Word slot);
   void drop(Word bucket);
   Word takeSlot();
   void rest(Word slot);
-  Word fillSlot(Word slot, std::span<const Word> record);
+  Word fillSlot(Word slot, Pieces pieces);
   void sweepTombstones(Word bucket);
   void switchTable(bool keep);
   void giveBackTable(Word which) noexcept;
@@ -160,7 +210,10 @@ class QUARNBASTIL_EXPORT HashedWriter {
   std::uint32_t runningNumber_;
   Word tombstones_ = 0;
   Word dropped_ = 0;
+  Word lookups_ = 0;
   std::vector<Word> scratch_;
+  /// By slot: this process wrote what is in it, or has proved it.
+  std::vector<bool> trusted_;
   /// Slots with memory behind them that nobody uses, last in first out: the warmest one next.
   std::vector<std::uint32_t> free_;
   /// Slots whose record was replaced lately: a ring of `kRestingSlots`.

@@ -1,5 +1,5 @@
-#include <unistd.h>
 #include <algorithm>
+#include <cstring>
 
 #include "Drift/HashedCollection.h"
 #include "Fenrik/Assert.h"
@@ -20,6 +20,7 @@ HashedWriter::HashedWriter(DriftFile& file)
           CheckedWord(file.data(), Format::Line::writerGeneration).load().value_or(0) *
           0x9e3779b1)),
       scratch_(view_.recordWords()),
+      trusted_(file.header().slotCount),
       resting_(Format::kRestingSlots, UINT32_MAX) {
   FENRIK_ASSERT(active_.adopt() && live_[0].adopt() && live_[1].adopt() && reserved_.adopt());
   takeOver();
@@ -87,17 +88,22 @@ void HashedWriter::fillFreeList(const std::vector<bool>& used) {
   if (!file_.options().reserveAll) reserved_.set(last);
 }
 
-/// Where the key's index word stands, or where it would be put.
+/// Where the key's index word is, or the first bucket that could take it.
 HashedWriter::Place HashedWriter::locate(KeyWords key, Word hash) {
   const Word* const words = table(activeTable());
   const Word tag = IndexWord::tagOf(hash);
-  Place place{0, Format::kMaxDisplacement + 1, 0};
+  Place place;
+  place.hash_ = hash;
+  place.displacement_ = Format::kMaxDisplacement + 1;
   for (Word displacement = 0; displacement <= Format::kMaxDisplacement; ++displacement) {
     const Word bucket = (hash + displacement) & mask_;
     const Word seen = loadWord(words + bucket);
     const bool intact = IndexWord::intact(seen);
     const bool open = seen == IndexWord::kEmpty || (intact && IndexWord::isTombstone(seen));
-    if (open && place.displacement > Format::kMaxDisplacement) place = {bucket, displacement, 0};
+    if (open && place.displacement_ > Format::kMaxDisplacement) {
+      place.bucket_ = bucket;
+      place.displacement_ = displacement;
+    }
     if (seen == IndexWord::kEmpty) break;
     if (open) continue;
     const IndexWord word = IndexWord::from(seen);
@@ -106,15 +112,41 @@ HashedWriter::Place HashedWriter::locate(KeyWords key, Word hash) {
       const Word* const stored = view_.slotWords(word.slot) + 1;
       HashedView::KeyRoom room{};
       if (std::ranges::equal(key, view_.keyOf(stored, room))) {
-        return {bucket, displacement, seen};
+        place.bucket_ = bucket;
+        place.displacement_ = displacement;
+        place.seen_ = seen;
+        break;
       }
-      if (proves(bucket, word)) continue;
+      if (trusted_[word.slot] || proves(bucket, word)) continue;
     }
     // It may have been this key's: with it in the way the key could never be read again.
     drop(bucket);
     return locate(key, hash);
   }
+  place.lookup_ = ++lookups_;
   return place;
+}
+
+HashedWriter::Place HashedWriter::lookUp(KeyWords key) {
+  return locate(key, hashKey(key, file_.header().hashSeed));
+}
+
+const Word* HashedWriter::record(const Place& place) {
+  FENRIK_ASSERT(place.found() && place.lookup_ == lookups_);
+  const IndexWord word = IndexWord::from(place.seen_);
+  if (!trusted_[word.slot]) {
+    if (!proves(place.bucket_, word)) {
+      view_.corrupt("a record does not prove itself", "slot", word.slot);
+    }
+    trusted_[word.slot] = true;
+  }
+  return view_.slotWords(word.slot) + 1;
+}
+
+bool HashedWriter::findRecord(KeyWords key, RecordWords out) {
+  const Place place = lookUp(key);
+  if (place.found()) std::copy_n(record(place), view_.recordWords(), out.begin());
+  return place.found();
 }
 
 /// Whether the record of an index word is whole and belongs there.
@@ -126,6 +158,7 @@ bool HashedWriter::proves(Word bucket, const IndexWord& word) {
 /// Gives up an index word that does not prove itself or whose record does not. Its slot is free
 /// again after the next takeover, which is the one to know that no other word leads there.
 void HashedWriter::drop(Word bucket) {
+  ++lookups_;
   Word* const words = table(activeTable());
   storeWord(words + bucket, IndexWord::tombstone());
   ++tombstones_;
@@ -138,42 +171,62 @@ void HashedWriter::drop(Word bucket) {
   live_[activeTable()].set(count);
 }
 
-/// The same, once there is room for it.
-HashedWriter::Place HashedWriter::placeFor(KeyWords key, Word hash) {
-  Place place = locate(key, hash);
-  if (place.seen != 0) return place;
+/// The place of a key that is absent, once there is room for its record.
+HashedWriter::Place HashedWriter::vacancy(Place place) {
   if (live() >= file_.header().capacity) full("its limit");
   // A quarter of the buckets in tombstones makes searches long; live ones fill half at most.
   if (tombstones_ > (mask_ + 1) / 4) {
     switchTable(true);
-    place = locate(key, hash);
+    const Word* const words = table(activeTable());
+    for (place.displacement_ = 0; place.displacement_ <= Format::kMaxDisplacement;
+         ++place.displacement_) {
+      place.bucket_ = (place.hash_ + place.displacement_) & mask_;
+      if (loadWord(words + place.bucket_) == IndexWord::kEmpty) break;
+    }
   }
-  if (place.displacement > Format::kMaxDisplacement) full("and no bucket is left for this key");
+  if (place.displacement_ > Format::kMaxDisplacement) full("and no bucket is left for this key");
   return place;
 }
 
-bool HashedWriter::slotAtHand() const noexcept {
-  // With no fresh slot left the resting ones are taken, which have memory.
-  return !free_.empty() || nextFresh_ < reserved_.value() || nextFresh_ >= file_.header().slotCount;
+void HashedWriter::checkRoom(Word inserts, Word replacements) const {
+  const Word capacity = file_.header().capacity;
+  const auto resting =
+      std::ranges::count_if(resting_, [](auto slot) { return slot != UINT32_MAX; });
+  const Word slots =
+      free_.size() + (file_.header().slotCount - nextFresh_) + static_cast<Word>(resting);
+  if (inserts <= capacity - std::min(live(), capacity) &&
+      inserts + std::min<Word>(replacements, 1) <= slots) {
+    return;
+  }
+  throw CollectionFullException(Fenrik::formatString(
+      "{}: full: room for {} further records is needed, {} of {} are there and {} slots are left; "
+      "remove some before you add others",
+      file_.path(), inserts, live(), capacity, slots));
 }
 
-/// Memory behind the next fresh slots.
-void HashedWriter::reserveSlots() {
+/// Memory for so many slots beyond those that rest, or, if there are not so many, for all.
+void HashedWriter::reserveSlots(Word count) {
+  const Word ready = free_.size() + (reserved_.value() - nextFresh_);
+  if (count <= ready || reserved_.value() >= file_.header().slotCount) return;
   const Word stride = file_.header().slotStride;
-  const Word begin = file_.header().slotsOffset + nextFresh_ * stride;
-  const Word size = std::min(Format::kChunkSize, file_.header().fileSize - begin);
+  const Word begin = file_.header().slotsOffset + reserved_.value() * stride;
+  const Word size = std::min(std::max<Word>((count - ready) * stride, Format::kChunkSize),
+                             file_.header().fileSize - begin);
   file_.reserve(begin, size);
-  reserved_.set(std::min(nextFresh_ + size / stride, file_.header().slotCount));
+  reserved_.set(std::min(reserved_.value() + size / stride, file_.header().slotCount));
 }
 
 void HashedWriter::makeRoom(KeyWords key) {
-  const bool plenty = live() < file_.header().capacity && tombstones_ <= (mask_ + 1) / 4;
-  if (!plenty) placeFor(key, hashKey(key, file_.header().hashSeed));
-  makeRoom();
+  const Place place = lookUp(key);
+  if (!place.found()) vacancy(place);
+  makeRoom(place.found() ? 0 : 1, place.found() ? 1 : 0);
 }
 
-void HashedWriter::makeRoom() {
-  if (!slotAtHand()) reserveSlots();
+void HashedWriter::makeRoom(Word inserts, Word replacements) {
+  checkRoom(inserts, replacements);
+  if (inserts != 0 && tombstones_ > (mask_ + 1) / 4) switchTable(true);
+  // Each replacement after the first that finds the ring of resting slots full gets one from there.
+  reserveSlots(inserts + std::min(replacements, Format::kRestingSlots + 1));
 }
 
 /// A slot to write, with memory behind it; it stays on its list until it has been published.
@@ -184,7 +237,7 @@ Word HashedWriter::takeSlot() {
     return slot;
   }
   if (nextFresh_ < file_.header().slotCount) {
-    if (nextFresh_ >= reserved_.value()) reserveSlots();
+    reserveSlots(1);
     return nextFresh_++;
   }
   // Everything else is in use: the slot that has rested longest.
@@ -202,32 +255,44 @@ void HashedWriter::rest(Word slot) {
   place = static_cast<std::uint32_t>(slot);
 }
 
-Word HashedWriter::fillSlot(Word slot, std::span<const Word> record) {
+Word HashedWriter::fillSlot(Word slot, Pieces pieces) {
   Word* const words = file_.words(file_.header().slotsOffset + slot * file_.header().slotStride);
   ++runningNumber_;
   const std::uint32_t crc =
-      Seal::kLoops.copyIn(words + 1, record.data(), record.size(), runningNumber_);
+      Seal::kLoops.copyIn(words + 1, pieces, view_.recordWords(), runningNumber_);
   storeWord(words, Seal::sealWord(crc, runningNumber_));
+  trusted_[slot] = true;
   return IndexWord::sequenceOf(runningNumber_);
 }
 
-void HashedWriter::set(std::span<const Word> record) {
-  HashedView::KeyRoom room{};
-  const KeyWords key = view_.keyOf(record.data(), room);
-  const Word hash = hashKey(key, file_.header().hashSeed);
-  const Place place = placeFor(key, hash);
+void HashedWriter::set(const Place& looked, Pieces pieces) {
+  FENRIK_ASSERT(looked.lookup_ == lookups_);
+  const Place place = looked.found() ? looked : vacancy(looked);
   const Word slot = takeSlot();
-  const Word sequence = fillSlot(slot, record);
-  const bool fresh = place.seen == 0;
-  Word* const bucket = table(activeTable()) + place.bucket;
-  const bool reused = fresh && loadWord(bucket) != IndexWord::kEmpty;
-  storeWord(bucket, IndexWord{slot, sequence, IndexWord::tagOf(hash), place.displacement}.word());
-  if (!fresh) {
-    rest(IndexWord::from(place.seen).slot);
+  ++lookups_;
+  const Word sequence = fillSlot(slot, pieces);
+  Word* const bucket = table(activeTable()) + place.bucket_;
+  const bool reused = !place.found() && loadWord(bucket) != IndexWord::kEmpty;
+  storeWord(bucket,
+            IndexWord{slot, sequence, IndexWord::tagOf(place.hash_), place.displacement_}.word());
+  if (place.found()) {
+    rest(IndexWord::from(place.seen_).slot);
     return;
   }
   if (reused) --tombstones_;
   live_[activeTable()].set(live() + 1);
+}
+
+bool HashedWriter::set(KeyWords key, Pieces pieces) {
+  const Place place = lookUp(key);
+  set(place, pieces);
+  return place.found();
+}
+
+void HashedWriter::set(std::span<const Word> record) {
+  HashedView::KeyRoom room{};
+  const Piece whole{0, record.data(), record.size_bytes()};
+  set(view_.keyOf(record.data(), room), Pieces(&whole, 1));
 }
 
 void HashedWriter::prefetch(KeyWords key, bool near) const noexcept {
@@ -242,24 +307,60 @@ void HashedWriter::prefetch(KeyWords key, bool near) const noexcept {
   if (seen != IndexWord::kEmpty && slot < file_.header().slotCount) {
     __builtin_prefetch(view_.slotWords(slot));
   }
-  // Of the free slots the ones on top are taken next.
-  if (free_.empty()) return;
-  const Word next = free_[free_.size() - 1 - std::min<std::size_t>(free_.size() - 1, 1)];
-  const auto* const target = reinterpret_cast<const std::byte*>(view_.slotWords(next));
+}
+
+void HashedWriter::prefetchSlot(std::size_t ahead) const noexcept {
+  Word slot = UINT32_MAX;
+  // A replacement lets the slot that has rested longest go, which the next change takes.
+  if (ahead > 0) slot = resting_[(restingHead_ + ahead - 1) % resting_.size()];
+  if (slot == UINT32_MAX) {
+    if (ahead < free_.size()) {
+      slot = free_[free_.size() - 1 - ahead];
+    } else {
+      slot = nextFresh_ + (ahead - free_.size());
+      if (slot >= reserved_.value()) return;
+    }
+  }
+  const auto* const target = reinterpret_cast<const std::byte*>(view_.slotWords(slot));
   for (Word line = 0; line < file_.header().slotStride; line += Format::kLineSize) {
     __builtin_prefetch(target + line, 1);
   }
 }
 
-bool HashedWriter::remove(KeyWords key) {
-  const Place place = locate(key, hashKey(key, file_.header().hashSeed));
-  if (place.seen == 0) return false;
-  storeWord(table(activeTable()) + place.bucket, IndexWord::tombstone());
+std::vector<Word> HashedWriter::liveRecord(Word slot) {
+  HashedView::KeyRoom room{};
+  const Place place = lookUp(view_.keyOf(view_.slotWords(slot) + 1, room));
+  const IndexWord word = IndexWord::from(place.seen_);
+  if (!place.found() || word.slot != slot || !proves(place.bucket_, word)) return {};
+  return scratch_;
+}
+
+std::vector<std::vector<Word>> HashedWriter::beyond(std::size_t offset, Word version) {
+  const auto numberOf = [offset](const void* record) {
+    Word number = 0;
+    std::memcpy(&number, static_cast<const std::byte*>(record) + offset, sizeof number);
+    return number;
+  };
+  FENRIK_ASSERT(offset + sizeof(Word) <= view_.recordWords() * sizeof(Word));
+  auto records = recordsWhere([&](const std::byte* record) { return numberOf(record) > version; });
+  std::ranges::sort(records, {}, [&](const auto& record) { return numberOf(record.data()); });
+  return records;
+}
+
+void HashedWriter::remove(const Place& place) {
+  FENRIK_ASSERT(place.found() && place.lookup_ == lookups_);
+  ++lookups_;
+  storeWord(table(activeTable()) + place.bucket_, IndexWord::tombstone());
   ++tombstones_;
   live_[activeTable()].set(live() - 1);
-  sweepTombstones(place.bucket);
-  rest(IndexWord::from(place.seen).slot);
-  return true;
+  sweepTombstones(place.bucket_);
+  rest(IndexWord::from(place.seen_).slot);
+}
+
+bool HashedWriter::remove(KeyWords key) {
+  const Place place = lookUp(key);
+  if (place.found()) remove(place);
+  return place.found();
 }
 
 /// A tombstone before an empty bucket has nothing behind it to lead to: it may become empty too.
@@ -285,6 +386,7 @@ void HashedWriter::giveBackTable(Word which) noexcept {
 /// Changes to the other index table by one store: with the live words, which rids it of tombstones,
 /// or without them, which removes everything.
 void HashedWriter::switchTable(bool keep) {
+  ++lookups_;
   const Word from = activeTable();
   const Word to = from ^ 1;
   const Word size = (mask_ + 1) * sizeof(Word);

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "Drift/Format.h"
 #include "Fenrik/Export.h"
@@ -11,6 +12,19 @@
 /// A record's words are spread over four CRC32C registers, word i to register i mod 4, and the
 /// registers are folded into one at the end: the processor's CRC instruction takes one word a cycle
 /// that way, against one in three along a single chain.
+namespace Drift {
+
+/// A part of a record: its first byte in the record, and the bytes. Pieces of one record come in
+/// the order of their offsets and do not overlap; bytes that no piece gives are zero.
+struct Piece {
+  std::size_t offset;
+  const void* bytes;
+  std::size_t size;
+};
+using Pieces = std::span<const Piece>;
+
+}  // namespace Drift
+
 namespace Drift::Seal {
 
 using Format::Word;
@@ -19,8 +33,9 @@ using Format::Word;
 struct Loops {
   /// Copies `count` words from shared memory to `out` and returns their CRC with `low`.
   std::uint32_t (*copyOut)(Word* out, const Word* shared, std::size_t count, std::uint32_t low);
-  /// Stores `count` words into shared memory and returns their CRC with `low`.
-  std::uint32_t (*copyIn)(Word* shared, const Word* in, std::size_t count, std::uint32_t low);
+  /// Stores a record of `count` words into shared memory and returns its CRC with `low`.
+  /// REQUIRES: the pieces end within the record.
+  std::uint32_t (*copyIn)(Word* shared, Pieces pieces, std::size_t count, std::uint32_t low);
   /// CRC of one to three words.
   std::uint32_t (*words)(Word a, Word b, Word c);
   const char* name;

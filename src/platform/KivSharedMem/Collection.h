@@ -7,22 +7,86 @@
 
 namespace KivSharedMem {
 
-/// An entity with one hashed collection of `Record`s. `Self` is the final class, which names its
-/// operations after its attribute.
+/// An entity with one hashed collection, its records as words.
+class QUARNBASTIL_EXPORT HashedEntity : public Entity {
+ public:
+  ~HashedEntity() override;
+
+  const Drift::HashedView& view() const noexcept { return view_; }
+  /// REQUIRES: mounted for writing.
+  Drift::HashedWriter& writer();
+  const Drift::HashedWriter& writer() const;
+
+  /// Keeps note of damage that was met: in the typed map, if there is one.
+  Drift::DriftMapBase& damage() noexcept { return *damage_; }
+  /// Notes the index words that the writer has dropped since the last call: a record that it had to
+  /// give up is damage too, though nobody was reading it.
+  void noteDropped();
+
+ protected:
+  HashedEntity(Fenrik::String path, std::unique_ptr<Drift::DriftFile> file);
+
+  void damageIs(Fenrik::Ptr<Drift::DriftMapBase> map);
+
+ private:
+  Fenrik::Ptr<Drift::DriftMapBase> damage_;
+  Drift::HashedView view_;
+  std::unique_ptr<Drift::HashedWriter> writer_;
+  Drift::Word dropped_ = 0;
+};
+
+/// An entity with one dense collection, its records as words and its keys versions.
+class QUARNBASTIL_EXPORT DenseEntity : public Entity {
+ public:
+  ~DenseEntity() override;
+
+  const Drift::DenseView& view() const noexcept { return view_; }
+  /// REQUIRES: mounted for writing.
+  Drift::DenseWriter& writer();
+
+  Drift::DriftMapBase& damage() noexcept { return *damage_; }
+
+  /// Number of records. The writer knows it without a look at the shared memory; a reader may meet
+  /// damage, `Fenrik::CorruptionDetectedException`.
+  Drift::Word records() const { return writer_ != nullptr ? writer_->size() : view_.size(); }
+
+ protected:
+  DenseEntity(Fenrik::String path, std::unique_ptr<Drift::DriftFile> file);
+
+  void damageIs(Fenrik::Ptr<Drift::DriftMapBase> map) { damage_ = std::move(map); }
+
+ private:
+  Fenrik::Ptr<Drift::DriftMapBase> damage_;
+  Drift::DenseView view_;
+  std::unique_ptr<Drift::DenseWriter> writer_;
+};
+
+/// What a mount makes of a type that names no class of its own.
+class QUARNBASTIL_EXPORT UntypedHashed final
+    : public Fenrik::NodeClass<UntypedHashed, HashedEntity> {
+ public:
+  UntypedHashed(const Fenrik::String& path, std::unique_ptr<Drift::DriftFile> file);
+  ~UntypedHashed() override;
+};
+class QUARNBASTIL_EXPORT UntypedDense final : public Fenrik::NodeClass<UntypedDense, DenseEntity> {
+ public:
+  UntypedDense(const Fenrik::String& path, std::unique_ptr<Drift::DriftFile> file);
+  ~UntypedDense() override;
+};
+
+/// A hashed collection of `Record`s. `Self` is the final class, which names its operations after
+/// its attribute.
 template <class Self, class Record>
-class QUARNBASTIL_EXPORT HashedCollection : public Fenrik::NodeClass<Self, Entity> {
+class QUARNBASTIL_EXPORT HashedCollection : public Fenrik::NodeClass<Self, HashedEntity> {
  public:
   using Map = Drift::DriftMap<Record>;
   using Layout = Drift::RecordLayout<Record>;
   static constexpr Drift::Format::Layout kLayout = Drift::Format::Layout::hashed;
 
   HashedCollection(const Fenrik::String& path, std::unique_ptr<Drift::DriftFile> file)
-      : Fenrik::NodeClass<Self, Entity>(path, std::move(file)),
-        map_(new Drift::HashedMap<Record>(this->file()), Fenrik::AdoptReference{}) {
-    if (this->file().writable()) {
-      writer_ = std::make_unique<Drift::HashedWriter>(this->mutableFile());
-      noteDropped();
-    }
+      : Fenrik::NodeClass<Self, HashedEntity>(path, std::move(file)),
+        map_(Fenrik::ptrIsImpl<Drift::HashedMap<Record>>(this->file())) {
+    this->damageIs(map_);
   }
 
   const Fenrik::Ptr<Map>& map() const noexcept { return map_; }
@@ -31,120 +95,82 @@ class QUARNBASTIL_EXPORT HashedCollection : public Fenrik::NodeClass<Self, Entit
   void recordIs(const Record& record) {
     store([&](Drift::Word* words) { Layout::toWords(record, words); });
   }
-  /// The same for a record that is given by the values of its fields.
+  /// As above, for a record that is given by the values of its fields.
   template <class... Parts>
   void recordOfPartsIs(const Parts&... parts) {
     store([&](Drift::Word* words) { Layout::partsToWords(words, parts...); });
   }
   void recordDel(const typename Layout::Key& key) {
-    std::array<Drift::Word, Layout::kKeyWords> words;
-    Layout::keyToWords(key, words.data());
-    writer().remove(words);
-    noteDropped();
+    this->writer().remove(wordsOf(key));
+    this->noteDropped();
   }
-  void recordDelAll() { writer().removeAll(); }
+  void recordDelAll() { this->writer().removeAll(); }
   void recordRoom(const typename Layout::Key& key) {
-    std::array<Drift::Word, Layout::kKeyWords> words;
-    Layout::keyToWords(key, words.data());
-    writer().makeRoom(words);
-    noteDropped();
+    this->writer().makeRoom(wordsOf(key));
+    this->noteDropped();
   }
+  void replacementRoom() { this->writer().makeRoom(0, 1); }
   void recordPrefetch(const typename Layout::Key& key, bool near) const noexcept {
-    std::array<Drift::Word, Layout::kKeyWords> words;
-    Layout::keyToWords(key, words.data());
-    writer_->prefetch(words, near);
+    this->writer().prefetch(wordsOf(key), near);
+    if (near) this->writer().prefetchSlot(1);
   }
-  /// Calls `visit` with the bytes of each slot as they are: of a record, of one that has gone, or
-  /// of none. What they say is a hint, to be proved by a look-up.
-  template <class Visit>
-  void slotsPeek(Visit visit) const {
-    for (Drift::Word slot = 0; slot < writer_->slots(); ++slot) {
-      visit(reinterpret_cast<const std::byte*>(writer_->peek(slot)));
-    }
-  }
-  void replacementRoom() { writer().makeRoom(); }
 
  private:
-  Drift::HashedWriter& writer() {
-    FENRIK_ASSERT(writer_ != nullptr);
-    return *writer_;
+  static std::array<Drift::Word, Layout::kKeyWords> wordsOf(const typename Layout::Key& key) {
+    std::array<Drift::Word, Layout::kKeyWords> words;
+    Layout::keyToWords(key, words.data());
+    return words;
   }
 
   template <class Fill>
   void store(Fill fill) {
     std::array<Drift::Word, Layout::kWords> words;
     fill(words.data());
-    writer().set(words);
-    noteDropped();
-  }
-
-  /// A record that the writer had to give up is damage too, though nobody was reading it.
-  void noteDropped() {
-    if (writer_->dropped() == dropped_) return;
-    dropped_ = writer_->dropped();
-    map_->doCorruptionDetected(Fenrik::formatString(
-        "{}: {} index words did not prove themselves and were dropped", this->path(), dropped_));
+    this->writer().set(words);
+    this->noteDropped();
   }
 
   Fenrik::Ptr<Map> map_;
-  std::unique_ptr<Drift::HashedWriter> writer_;
-  Drift::Word dropped_ = 0;
 };
 
-/// An entity with one dense collection of `Record`s, whose keys are versions.
+/// A dense collection of `Record`s.
 template <class Self, class Record>
-class QUARNBASTIL_EXPORT DenseCollection : public Fenrik::NodeClass<Self, Entity> {
+class QUARNBASTIL_EXPORT DenseCollection : public Fenrik::NodeClass<Self, DenseEntity> {
  public:
   using Map = Drift::DriftMap<Record>;
   using Layout = Drift::RecordLayout<Record>;
   static constexpr Drift::Format::Layout kLayout = Drift::Format::Layout::dense;
 
   DenseCollection(const Fenrik::String& path, std::unique_ptr<Drift::DriftFile> file)
-      : Fenrik::NodeClass<Self, Entity>(path, std::move(file)),
-        map_(new Drift::DenseMap<Record>(this->file()), Fenrik::AdoptReference{}) {
-    if (!this->file().writable()) return;
-    writer_ = std::make_unique<Drift::DenseWriter>(this->mutableFile());
-    // The counter follows each record; a death between the two left it one behind. What was logged
-    // counts, or its version would be issued a second time.
-    const auto& control = this->collectionControl();
-    if (control->scratchpad() + 1 < writer_->next()) control->scratchpadIs(writer_->next() - 1);
+      : Fenrik::NodeClass<Self, DenseEntity>(path, std::move(file)),
+        map_(Fenrik::ptrIsImpl<Drift::DenseMap<Record>>(this->file())) {
+    this->damageIs(map_);
   }
 
   const Fenrik::Ptr<Map>& map() const noexcept { return map_; }
-
-  /// Number of records. The one who writes knows it without a look at the shared memory.
-  Drift::Word records() const {
-    return writer_ != nullptr ? writer_->size() : map_->driftMapSize();
-  }
 
  protected:
   void recordIs(const Record& record) {
     store([&](Drift::Word* words) { Layout::toWords(record, words); });
   }
-  /// The same for a record that is given by the values of its fields.
+  /// As above, for a record that is given by the values of its fields.
   template <class... Parts>
   void recordOfPartsIs(const Parts&... parts) {
     store([&](Drift::Word* words) { Layout::partsToWords(words, parts...); });
   }
-  void recordDel(Drift::Word version) { writer().remove(version); }
-  void recordDelAll() { writer().removeAll(); }
-  void recordRoom() { writer().makeRoom(); }
+  void recordDel(Drift::Word version) { this->writer().remove(version); }
+  void recordDelAll() { this->writer().removeAll(); }
+  void recordRoom() { this->writer().makeRoom(); }
 
  private:
-  Drift::DenseWriter& writer() {
-    FENRIK_ASSERT(writer_ != nullptr);
-    return *writer_;
-  }
-
   template <class Fill>
   void store(Fill fill) {
     std::array<Drift::Word, Layout::kWords> words;
     fill(words.data());
-    writer().set(words);
+    this->writer().set(words);
   }
 
   Fenrik::Ptr<Map> map_;
-  std::unique_ptr<Drift::DenseWriter> writer_;
 };
 
 /// Enters classes over one of the two under their names, `Self::kEntityName`.

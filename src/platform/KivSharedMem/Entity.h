@@ -36,14 +36,16 @@ class QUARNBASTIL_EXPORT Entity : public Fenrik::Node {
   Fenrik::Ptr<KivDrift::CollectionControl> control_;
 };
 
-/// What the mount must know of a class of entities.
+/// What the mount must know of a class of entities; constant data for the life of the program.
 struct EntityType {
   std::string_view typeName;
   std::string_view attributeName;
   Drift::Format::Layout layout;
-  std::uint32_t keySize;
-  std::uint32_t recordSize;
-  Fenrik::Ptr<Entity> (*make)(const Fenrik::String& path, std::unique_ptr<Drift::DriftFile> file);
+  std::uint32_t keySize;     ///< bytes
+  std::uint32_t recordSize;  ///< bytes
+  /// Null: the entity offers its records as words (`UntypedHashed`, `UntypedDense`).
+  Fenrik::Ptr<Entity> (*make)(const Fenrik::String& path,
+                              std::unique_ptr<Drift::DriftFile> file) = nullptr;
 };
 
 /// Enters a class of entities under its type name, for the life of the program. Meant for objects

@@ -1,5 +1,7 @@
 #include "KivSharedMem/EntityManager.h"
 
+#include "KivSharedMem/Collection.h"
+
 namespace KivSharedMem {
 
 namespace {
@@ -25,8 +27,12 @@ std::string directoryOf(const Fenrik::String& name, const Fenrik::String& direct
 EntityColl::EntityColl() = default;
 EntityColl::~EntityColl() = default;
 
-MountGroup::Request::Request(Fenrik::String path, Fenrik::String typeName, KivDrift::MountInfo info)
-    : path(std::move(path)), typeName(std::move(typeName)), info(std::move(info)) {}
+MountGroup::Request::Request(Fenrik::String path, Fenrik::String typeName, KivDrift::MountInfo info,
+                             const EntityType* type)
+    : path(std::move(path)),
+      typeName(std::move(typeName)),
+      info(std::move(info)),
+      type(type != nullptr ? type : EntityRegistration::find(this->typeName.view())) {}
 MountGroup::Request::~Request() = default;
 
 MountGroup::MountGroup(Fenrik::Ptr<EntityManager> manager) : manager_(std::move(manager)) {}
@@ -36,6 +42,13 @@ Fenrik::Ptr<MountGroup::Request> MountGroup::mount(const Fenrik::String& path,
                                                    const Fenrik::String& typeName,
                                                    const KivDrift::MountInfo& info) {
   requests_.push_back(Fenrik::ptrIsImpl<Request>(path, typeName, info));
+  return requests_.back();
+}
+
+Fenrik::Ptr<MountGroup::Request> MountGroup::mount(const Fenrik::String& path,
+                                                   const EntityType& type,
+                                                   const KivDrift::MountInfo& info) {
+  requests_.push_back(Fenrik::ptrIsImpl<Request>(path, Fenrik::String(type.typeName), info, &type));
   return requests_.back();
 }
 
@@ -103,7 +116,7 @@ void EntityManager::entityDel(const Fenrik::String& path) { entities_.erase(path
 
 void EntityManager::mount(const MountGroup::Request& request) {
   if (entities_.contains(request.path)) return;
-  const EntityType* const type = EntityRegistration::find(request.typeName.view());
+  const EntityType* const type = request.type;
   if (type == nullptr) {
     refuse(request.path, Fenrik::formatString("no class of entities is called \"{}\"; link the "
                                               "library that declares it",
@@ -126,7 +139,15 @@ void EntityManager::mount(const MountGroup::Request& request) {
                   ? Drift::DriftFile::openForWriting(directory_, request.path.view(), geometry,
                                                      {.reserveAll = reserveAll})
                   : Drift::DriftFile::openForReading(directory_, request.path.view(), &geometry);
-  entities_.emplace(request.path, type->make(request.path, std::move(file)));
+  Fenrik::Ptr<Entity> entity;
+  if (type->make != nullptr) {
+    entity = type->make(request.path, std::move(file));
+  } else if (type->layout == Drift::Format::Layout::hashed) {
+    entity = Fenrik::ptrIsImpl<UntypedHashed>(request.path, std::move(file));
+  } else {
+    entity = Fenrik::ptrIsImpl<UntypedDense>(request.path, std::move(file));
+  }
+  entities_.emplace(request.path, std::move(entity));
 }
 
 }  // namespace KivSharedMem

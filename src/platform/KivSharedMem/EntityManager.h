@@ -52,17 +52,23 @@ class QUARNBASTIL_EXPORT MountGroup : public Fenrik::NodeClass<MountGroup> {
   /// One mount that was asked for.
   class QUARNBASTIL_EXPORT Request : public Fenrik::NodeClass<Request> {
    public:
-    Request(Fenrik::String path, Fenrik::String typeName, KivDrift::MountInfo info);
+    Request(Fenrik::String path, Fenrik::String typeName, KivDrift::MountInfo info,
+            const EntityType* type = nullptr);
     ~Request() override;
 
     const Fenrik::String path;
     const Fenrik::String typeName;
     const KivDrift::MountInfo info;
+    /// Null: no type is entered under the name.
+    const EntityType* const type;
   };
 
   /// Asks for the mount of one entity; it is carried out by `doClose`.
   virtual Fenrik::Ptr<Request> mount(const Fenrik::String& path, const Fenrik::String& typeName,
                                      const KivDrift::MountInfo& info);
+  /// As above, of a type that need not be entered under its name and outlives the entity.
+  Fenrik::Ptr<Request> mount(const Fenrik::String& path, const EntityType& type,
+                             const KivDrift::MountInfo& info);
 
   /// Carries the mounts out, in the order in which they were asked for; they are complete on
   /// return. An entity that is mounted already stays as it is. Throws `Drift::MountException`, with
