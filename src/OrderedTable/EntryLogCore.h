@@ -118,6 +118,8 @@ class QUARNBASTIL_EXPORT EntryLogCore : public EntryLogBase {
   const TableDescriptor::Records& shapes() const noexcept { return descriptor_.records; }
 
   void logRoom();
+  void clearRoom(ConfigStore& config);
+  void markAllDeleted(ConfigStore& config, LogVersion version);
   void neededRoom(const NeededPtr& neededEntry);
   LogVersion identicalWrite(const ConfigStore& config, const Word* key, const void* logEntry,
                             const void* resourceKeys, SwTableStats& stats) const;

@@ -202,15 +202,8 @@ void EntryLogCore::completeVersion(ConfigStore& config, LogVersion version,
   std::uint8_t flags = first.isDeleted() ? EntryFlags::kEntryDelete : EntryFlags::kWrite;
   shapes().logEntry.toWords(first.words(), entry_.data());
   if (records.size() > 1) {
-    std::size_t live = 0;
-    config.walk([&](const ConfigRecord& record) { live += record.isDeleted() ? 0 : 1; });
-    config.replacementRoom(live);
-    config.walk([&](const ConfigRecord& record) {
-      if (record.isDeleted()) return;
-      const KeyImage key(shapes().key, record.words());
-      shapes().logEntry.toWords(record.words(), entry_.data());
-      config.store(key.words(), entry_.data(), record.resourceKeys(), version, true);
-    });
+    clearRoom(config);
+    markAllDeleted(config, version);
     flags = EntryFlags::kTableDelete;
     shapes().logEntry.toWords(shapes().defaultEntry, entry_.data());
   }

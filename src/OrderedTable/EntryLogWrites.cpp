@@ -17,8 +17,10 @@ void EntryLogCore::operationRoom(const Word* key, EntryFlags flags, UnitId unit)
   try {
     if (isWrite) {
       config->writeRoom(key);
-    } else {
+    } else if (flags.isEntryDeleted()) {
       config->replacementRoom(1);
+    } else {
+      clearRoom(*config);
     }
     logRoom();
     groupInterface()->addLogEntryRoom(tableId(), 1);
@@ -80,23 +82,37 @@ LogVersion EntryLogCore::entryDel(const Word* key, const NeededPtr& neededEntry,
 LogVersion EntryLogCore::tableDel(const NeededPtr& neededEntry, UnitId unit) {
   KIV_TRACE(trace(), 8, descriptor_.names.log, " neededEntry:{}, unitId: {}", neededEntry, unit);
   ConfigStore& config = *this->config(unit);
-  std::size_t live = 0;
-  config.walk([&](const ConfigRecord& record) { live += record.isDeleted() ? 0 : 1; });
-  config.replacementRoom(live);
+  clearRoom(config);
   logRoom();
   neededRoom(neededEntry);
   const LogVersion version = tableVersionInc(LogVersion(1));
+  markAllDeleted(config, version);
+  shapes().logEntry.toWords(shapes().defaultEntry, entry_.data());
+  const KeyImage none(shapes().key, shapes().defaultEntry);
+  noteRemoval(version, EntryFlags::kTableDelete, unit, none.words());
+  logRecordIs(version, EntryFlags::kTableDelete, unit, entry_.data(), neededEntry);
+  return version;
+}
+
+/// Room to mark all live records of a unit. As many as there are records is enough; to know how
+/// many of them are live takes a walk, so that is asked only if memory is short.
+void EntryLogCore::clearRoom(ConfigStore& config) {
+  try {
+    config.replacementRoom(config.size());
+  } catch (const Fenrik::Exception&) {
+    std::size_t live = 0;
+    config.walk([&](const ConfigRecord& record) { live += record.isDeleted() ? 0 : 1; });
+    config.replacementRoom(live);
+  }
+}
+
+void EntryLogCore::markAllDeleted(ConfigStore& config, LogVersion version) {
   config.walk([&](const ConfigRecord& record) {
     if (record.isDeleted()) return;
     const KeyImage key(shapes().key, record.words());
     shapes().logEntry.toWords(record.words(), entry_.data());
     config.store(key.words(), entry_.data(), record.resourceKeys(), version, true);
   });
-  shapes().logEntry.toWords(shapes().defaultEntry, entry_.data());
-  const KeyImage none(shapes().key, shapes().defaultEntry);
-  noteRemoval(version, EntryFlags::kTableDelete, unit, none.words());
-  logRecordIs(version, EntryFlags::kTableDelete, unit, entry_.data(), neededEntry);
-  return version;
 }
 
 /// The version of the identical record that makes a write superfluous; 0 if there is none.

@@ -71,7 +71,9 @@ void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
   if (!ringLater_) told->ring();
 }
 
-void GroupInterface::addLogEntryRoom(SwTableId tableId) { announcer(tableId)->makeRoom(); }
+void GroupInterface::addLogEntryRoom(SwTableId tableId, std::size_t versions) {
+  announcer(tableId)->makeRoom(versions);
+}
 
 void GroupInterface::entryLogCleaned(SwTableId tableId, LogVersion version) {
   announcer(tableId)->cleaned(version);
@@ -100,7 +102,7 @@ bool GroupInterface::takeReport(OrderedSwTableSet& set) {
   const LogVersion version = reported.record.logVersion;
   const auto* const taken = taken_[tableId];
   if (taken != nullptr && taken->value() == version) return false;
-  for (const auto& node : set.swTables()) node.value()->tableStatusVersion(version);
+  set.tableStatusVersion(version);
   taken_.memberDel(tableId);
   taken_.newMember(HN_TakenVersion(tableId, version));
   return true;

@@ -60,8 +60,9 @@ class QUARNBASTIL_EXPORT GroupInterface final
   /// The hardware writer is woken at once, or at the end of the pump that is under way.
   void addLogEntry(SwTableId tableId, LogVersion version,
                    const Fenrik::Ptr<const NeededEntry>& neededEntry);
-  /// Sees to it that the next `addLogEntry` of the table has room: throws what it would throw.
-  void addLogEntryRoom(SwTableId tableId);
+  /// Sees to it that the next `addLogEntry` of the table has room for a set of so many versions:
+  /// throws what it would throw.
+  void addLogEntryRoom(SwTableId tableId, std::size_t versions);
   /// The table's log was cleaned up to a version.
   void entryLogCleaned(SwTableId tableId, LogVersion version);
 

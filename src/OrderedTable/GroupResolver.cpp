@@ -120,8 +120,8 @@ void GroupResolver::prefetchBehind() const noexcept {
   constexpr std::uint32_t kNear = 2;
   constexpr std::uint32_t kFar = 4;
   const std::uint32_t front = queue_.frontIndex();
-  if (const auto* const far = queue_.find(front + kFar)) (*far)->prefetch(false);
-  if (const auto* const near = queue_.find(front + kNear)) (*near)->prefetch(true);
+  if (const auto* const far = queue_.find(front + kFar)) (*far)->prefetch(false, kFar);
+  if (const auto* const near = queue_.find(front + kNear)) (*near)->prefetch(true, kNear + 1);
 }
 
 GroupResolver::Head GroupResolver::head() const {

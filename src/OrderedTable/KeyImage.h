@@ -13,9 +13,12 @@ class KeyImage {
  public:
   using Word = FlatShape::Word;
 
+  KeyImage() noexcept : words_{} {}
   KeyImage(const FlatShape& shape, const void* key) noexcept { shape.toWords(key, words_.data()); }
 
   const Word* words() const noexcept { return words_.data(); }
+
+  friend bool operator==(const KeyImage&, const KeyImage&) noexcept = default;
 
  private:
   std::array<Word, Drift::Format::kMaxKeySize / sizeof(Word)> words_;

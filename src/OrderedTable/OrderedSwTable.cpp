@@ -50,41 +50,42 @@ void NamedSwTable::reconcile() {}
 
 OrderedSwTable::EntryHandle::~EntryHandle() = default;
 
+Fenrik::String OrderedSwTable::EntryHandle::rejection() const {
+  return rejection_ != nullptr ? *rejection_ : Fenrik::String();
+}
+
+void OrderedSwTable::EntryHandle::rejectionIs(const Fenrik::String& reason) {
+  rejection_ = std::make_unique<const Fenrik::String>(reason);
+  entryStateIs(EntryState::entryRejected);
+}
+
 OrderedSwTable::OrderedSwTable(const Fenrik::Ptr<const CanonicalTableName>& name, SwTableId tableId,
                                UnitId unitId, OrderedSwTableSet* swTableSet)
-    : name_(name), tableId_(tableId), unitId_(unitId), swTableSet_(swTableSet) {}
+    : name_(name), tableId_(tableId), unitId_(unitId), swTableSet_(swTableSet) {
+  if (swTableSet_ != nullptr) swTableSet_->madeFor(*this);
+}
 
-OrderedSwTable::~OrderedSwTable() = default;
+OrderedSwTable::~OrderedSwTable() {
+  if (swTableSet_ != nullptr) swTableSet_->gone(*this);
+}
 
-void OrderedSwTable::statsIs() { stats_ = Fenrik::ptrIsImpl<SwTableStats>(); }
+void OrderedSwTable::statsIs() {
+  Fenrik::Impl::attributePointerIs(publisher_, kStatsField, stats_,
+                                   Fenrik::ptrIsImpl<SwTableStats>());
+}
+
+void OrderedSwTable::statusIs(const Fenrik::Ptr<OrderedSwTableStatus>& status) {
+  Fenrik::Impl::attributePointerIs(publisher_, kStatusField, status_, status);
+}
 
 SwTableStats::~SwTableStats() = default;
 OrderedSwTableStatus::~OrderedSwTableStatus() = default;
 ResolverEntry::~ResolverEntry() = default;
-void ResolverEntry::prefetch(bool) const noexcept {}
+void ResolverEntry::prefetch(bool, unsigned) const noexcept {}
 SwTableIteratorStateBase::~SwTableIteratorStateBase() = default;
 
-OrderedSwTableSet::OrderedSwTableSet(SwTableId tableId,
-                                     const Fenrik::Ptr<OrderedSwTableStatus>& status)
-    : tableId_(tableId), status_(status) {}
-
-OrderedSwTableSet::~OrderedSwTableSet() = default;
-
-void OrderedSwTableSet::maybeUpdatePendingHwWrites() { status_->pendingHwWritesIs(anyPending()); }
-
-bool OrderedSwTableSet::anyPending() {
-  // The table that had something pending last is the likeliest to have it now.
-  if (const auto* const likely = swTable_[lastPending_];
-      likely != nullptr && likely->value()->hasPendingHwWrites()) {
-    return true;
-  }
-  // NOLINTNEXTLINE(readability-use-anyofallof): which one it is matters, too
-  for (const auto& node : swTable_) {
-    if (node.key() == lastPending_ || !node.value()->hasPendingHwWrites()) continue;
-    lastPending_ = node.key();
-    return true;
-  }
-  return false;
+void SwTableIteratorStateBase::bookmarkIs(const KeyImage& key) {
+  Fenrik::Impl::attributeValueIs(publisher_, bookmarkField_, bookmark_, key);
 }
 
 }  // namespace Asic

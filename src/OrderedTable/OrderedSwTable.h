@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 
 #include "Fenrik/Attribute.h"
 #include "Kiv/Entity.h"
@@ -14,6 +15,8 @@
 namespace Asic {
 
 class QUARNBASTIL_EXPORT OrderedSwTableSet;
+class QUARNBASTIL_EXPORT ResolverEntry;
+class QUARNBASTIL_EXPORT TableCore;
 
 /// Base of every software table: what the framework asks of one.
 class QUARNBASTIL_EXPORT SwTableBase : public Kiv::Entity {
@@ -63,8 +66,26 @@ class QUARNBASTIL_EXPORT OrderedSwTable : public NamedSwTable {
  public:
   class QUARNBASTIL_EXPORT EntryHandle : public SwTableBase::EntryHandle {
    public:
+    using ResponseHandler = std::function<void(const Fenrik::Ptr<const EntryHandle>&)>;
+
     using SwTableBase::EntryHandle::EntryHandle;
     ~EntryHandle() override;
+
+    /// Called once when the outcome is known; may be empty.
+    const ResponseHandler& responseHandler() const noexcept { return responseHandler_; }
+    void responseHandlerIs(const ResponseHandler& handler) { responseHandler_ = handler; }
+
+    /// Why the operation was rejected; empty unless the table itself rejected it.
+    Fenrik::String rejection() const;
+    /// Ends the operation in `entryRejected`, for a reason.
+    void rejectionIs(const Fenrik::String& reason);
+
+    /// The key operated on, an object of the family's type; null if the handle has none.
+    virtual const void* keyBytes() const noexcept { return nullptr; }
+
+   private:
+    ResponseHandler responseHandler_;
+    std::unique_ptr<const Fenrik::String> rejection_;
   };
 
   OrderedSwTable(const Fenrik::Ptr<const CanonicalTableName>& name, SwTableId tableId,
@@ -76,34 +97,46 @@ class QUARNBASTIL_EXPORT OrderedSwTable : public NamedSwTable {
   const Fenrik::Ptr<const CanonicalTableName>& canonicalName() const noexcept { return name_; }
   SwTableId tableId() const noexcept { return tableId_; }
   UnitId unitId() const noexcept { return unitId_; }
+  /// Null once the set has gone.
   OrderedSwTableSet* swTableSet() const noexcept { return swTableSet_; }
   const Fenrik::Ptr<OrderedSwTableStatus>& status() const noexcept { return status_; }
   const Fenrik::Ptr<SwTableStats>& stats() const noexcept { return stats_; }
 
   /// Makes the table's counters.
   void statsIs();
-  void statusIs(const Fenrik::Ptr<OrderedSwTableStatus>& status) { status_ = status; }
+  void statusIs(const Fenrik::Ptr<OrderedSwTableStatus>& status);
+
+  /// What the table does; null for a table of another make.
+  TableCore* core() const noexcept { return core_; }
 
   /// Report of the hardware side: every log record up to `version` is in hardware.
   virtual void tableStatusVersion(LogVersion version) = 0;
   /// Whether the table still owes the hardware anything.
   virtual bool hasPendingHwWrites() const = 0;
-
- private:
-  Fenrik::Ptr<const CanonicalTableName> name_;
+  /// Commits an operation of the table's queue.
+  virtual void commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) = 0;
 
  protected:
+  static constexpr Fenrik::FieldId kStatusField{7};
+  static constexpr Fenrik::FieldId kStatsField{8};
+
   Fenrik::Publisher publisher_;
 
  private:
+  friend class OrderedSwTableSet;
+  friend class TableCore;
+
+  void coreIs(TableCore* core) noexcept { core_ = core; }
+
+  Fenrik::Ptr<const CanonicalTableName> name_;
   SwTableId tableId_;
   UnitId unitId_;
   OrderedSwTableSet* swTableSet_;
   Fenrik::Ptr<OrderedSwTableStatus> status_;
   Fenrik::Ptr<SwTableStats> stats_;
+  TableCore* core_ = nullptr;
 };
 
-/// Called once when the outcome of an operation is known; may be empty.
-using ResponseHandler = std::function<void(const Fenrik::Ptr<const OrderedSwTable::EntryHandle>&)>;
+using ResponseHandler = OrderedSwTable::EntryHandle::ResponseHandler;
 
 }  // namespace Asic

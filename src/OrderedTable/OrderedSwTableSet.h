@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vector>
+
 #include "Fenrik/NodeClass.h"
 #include "Kiv/KeyedAttribute.h"
 #include "OrderedTable/OrderedSwTable.h"
@@ -7,6 +9,9 @@
 namespace Asic {
 
 /// The software tables of one table id, one for each unit.
+///
+/// Threads: the table thread. Cost: a commit, a report and the flag of pending writes cost the same
+/// with any number of units, unless somebody traces what each table says.
 class QUARNBASTIL_EXPORT OrderedSwTableSet final
     : public Fenrik::NodeClass<OrderedSwTableSet, Fenrik::Publishing<Fenrik::Node>> {
  public:
@@ -31,12 +36,35 @@ class QUARNBASTIL_EXPORT OrderedSwTableSet final
 
   /// Asks the tables whether they owe the hardware anything and notes it in the status.
   void maybeUpdatePendingHwWrites();
+  /// Hands a report of the hardware writer to the tables that it concerns.
+  void tableStatusVersion(LogVersion version);
 
  private:
+  friend class OrderedSwTable;
+  friend class TableCore;
+
+  /// A table that knows of this set was made, or has gone.
+  void madeFor(OrderedSwTable& table) { made_.push_back(&table); }
+  void gone(OrderedSwTable& table) noexcept;
+  void coreGone(TableCore& core) noexcept;
+  /// A table has something in flight now, or has nothing any more.
+  void inFlightCount(const TableCore& core, bool inFlight) noexcept;
+  /// A table has handles that wait for a report.
+  void waitingAdd(TableCore& core) { waiting_.push_back(&core); }
+
   bool anyPending();
+  bool tablesWantToBeAsked() const noexcept;
+  void releaseWaiting(LogVersion version);
 
   SwTableId tableId_;
   Fenrik::Ptr<OrderedSwTableStatus> status_;
+  /// Every table that holds a pointer to the set, a member or not.
+  std::vector<OrderedSwTable*> made_;
+  /// Cores whose `entryHandleInLog` may hold something.
+  std::vector<TableCore*> waiting_;
+  /// The tables of a report under way; their room is used again.
+  std::vector<Fenrik::Ptr<OrderedSwTable>> round_;
+  std::size_t inFlight_ = 0;
   UnitId lastPending_;
 };
 

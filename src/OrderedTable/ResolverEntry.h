@@ -34,9 +34,9 @@ class QUARNBASTIL_EXPORT ResolverEntry : public Fenrik::Node {
   /// the queue passes without a commit.
   virtual void tableGone(const OrderedSwTable& table) = 0;
 
-  /// The operation will soon be committed: fetches what the commit will touch into the processor's
-  /// cache. `near` the second time, when what the first call asked for has come. Changes nothing.
-  virtual void prefetch(bool near) const noexcept;
+  /// The operation will be committed after `ahead` others: fetches what its commit will touch into
+  /// the processor's cache. `near` the second time, when what the first call asked for has come.
+  virtual void prefetch(bool near, unsigned ahead) const noexcept;
 
   /// What the operation is and what it waits for, for people.
   struct Waiting {

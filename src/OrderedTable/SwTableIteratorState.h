@@ -2,7 +2,11 @@
 
 #include <cstdint>
 
+#include <vector>
+
+#include "Fenrik/Attribute.h"
 #include "Fenrik/NodeClass.h"
+#include "OrderedTable/KeyImage.h"
 
 namespace Asic {
 
@@ -35,16 +39,38 @@ class IterFlags {
   std::uint8_t bits_ = 0;
 };
 
-/// Base of the position of an iteration.
-class QUARNBASTIL_EXPORT SwTableIteratorStateBase : public Fenrik::Node {
+class QUARNBASTIL_EXPORT OrderedSwTable;
+
+/// The position of an iteration: flags and the key of the next entry to visit, nothing else, so
+/// that whatever happens to the table between two steps is harmless. It does not keep the table
+/// alive.
+class QUARNBASTIL_EXPORT SwTableIteratorStateBase : public Fenrik::Publishing<Fenrik::Node> {
  public:
+  /// `bookmarkField` is the number under which a change of the bookmark is announced.
+  explicit SwTableIteratorStateBase(Fenrik::FieldId bookmarkField) noexcept
+      : bookmarkField_(bookmarkField) {}
   ~SwTableIteratorStateBase() override;
 
   IterFlags state() const noexcept { return state_; }
   void stateIs(IterFlags state) noexcept { state_ = state; }
 
+  /// The table that is walked; null before the walk begins.
+  const OrderedSwTable* table() const noexcept { return table_; }
+  void tableIs(const OrderedSwTable* table) noexcept { table_ = table; }
+
+  /// Key of the entry to visit next.
+  const KeyImage& bookmark() const noexcept { return bookmark_; }
+  void bookmarkIs(const KeyImage& key);
+
+  /// Room for a record of the configuration, used again by each step.
+  std::vector<FlatShape::Word>& recordRoom() noexcept { return recordRoom_; }
+
  private:
+  Fenrik::FieldId bookmarkField_;
   IterFlags state_;
+  const OrderedSwTable* table_ = nullptr;
+  KeyImage bookmark_;
+  std::vector<FlatShape::Word> recordRoom_;
 };
 
 /// An iterator of a table, on its current entry. It must not outlive the table. It is at the end

@@ -71,7 +71,7 @@ void TableAnnouncer::takeOver(const KivSharedMem::EntityManager& manager) {
     const auto version = announcedOf(manager, node.value());
     if (version && *version != LogVersion(0)) everything.add(TableVersion(*tableId, *version));
   }
-  // The first of them is enough: the others stand behind it.
+  // Later versions follow in order, so one set suffices.
   if (!everything.empty()) neededStore(LogVersion(announced_.value() + 1), everything);
   announce(logged, nullptr);
   ring();
@@ -106,9 +106,14 @@ void TableAnnouncer::neededStore(const NeededEntryRecord& record) {
   sequence_ = LogVersion(sequence_.value() + 1);
 }
 
+void TableAnnouncer::makeRoom(std::size_t versions) {
+  constexpr std::size_t kPerRecord = NeededEntryRecord::kVersions;
+  needed_->writer().makeRoom((versions + kPerRecord - 1) / kPerRecord);
+}
+
 void TableAnnouncer::cleaned(LogVersion version) {
+  if (needed_->writer().size() == 0) return;
   auto& map = *needed_->map();
-  if (map.driftMapSize() == 0) return;
   Cursor cursor;
   while (guardedRead(
       map, [&] { return map.driftMapIterBegin(cursor); }, false)) {
@@ -117,7 +122,7 @@ void TableAnnouncer::cleaned(LogVersion version) {
   }
   // A set that cannot be read stands in front of the others: it goes with them as soon as nothing
   // waits for any.
-  if (map.driftMapSize() != 0 && version >= announced_) needed_->neededEntryDelAll();
+  if (needed_->writer().size() != 0 && version >= announced_) needed_->neededEntryDelAll();
 }
 
 void TableAnnouncer::ring() noexcept {

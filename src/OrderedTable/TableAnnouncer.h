@@ -31,8 +31,8 @@ class QUARNBASTIL_EXPORT TableAnnouncer final : public Fenrik::NodeClass<TableAn
 
   /// The version has been logged and needs `needed`, which may be null.
   void announce(LogVersion version, const NeededEntry* needed);
-  /// Sees to it that one set can be stored: throws what storing it would throw.
-  void makeRoom() { needed_->neededEntryRoom(); }
+  /// Sees to it that a set of so many versions can be stored: throws what storing it would throw.
+  void makeRoom(std::size_t versions);
   /// The hardware has everything up to the version: what it needed is of no interest any more.
   void cleaned(LogVersion version);
   /// Wakes the hardware writer, if anything was announced since the last ring.

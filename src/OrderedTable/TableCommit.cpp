@@ -102,7 +102,7 @@ void TableCore::commit(Operation& operation) {
     operation.thrown = std::current_exception();
     refusal = textOfException("the table's helper");
   }
-  if (refusal && !operation.logged) {
+  if (refusal && !operation.settled) {
     reject(operation, *refusal);
     updateGroup();
     return;
@@ -123,7 +123,7 @@ void TableCore::commitWrite(Operation& operation) {
   const LogVersion logVersion =
       entryLog_->entryIs(entry, entry + descriptor_.records.resourceKeysInEntry, neededEntry,
                          table_.unitId(), *table_.stats(), false);
-  operation.logged = true;
+  operation.settled = true;
   operation.handle->logVersionIs(logVersion);
   if (entryLog_->tableStatusVersion() < logVersion) {
     inLog(operation.handle);
@@ -156,7 +156,7 @@ void TableCore::commitRemove(Operation& operation) {
   wrapper.finalizeOnSuccess(descriptor_, table_, true);
   const LogVersion logVersion =
       entryLog_->entryDel(key.words(), neededEntry, table_.unitId());
-  operation.logged = true;
+  operation.settled = true;
   operation.handle->logVersionIs(logVersion);
   if (logVersion != LogVersion(0)) {
     inLog(operation.handle);
@@ -175,8 +175,8 @@ void TableCore::commitTableDelete(Operation& operation) {
                currRemoveAllVersion);
   const NeededPtr neededEntry = neededOf(operation, getNeededEntrySet(operation.wrapper));
   HandlePtr handle = operation.handle;
-  delAllEntries(true, neededEntry, handle, operation.logged);
-  operation.logged = true;
+  delAllEntries(true, neededEntry, handle);
+  operation.settled = true;
   removeAllDone();
 }
 
@@ -299,7 +299,7 @@ void TableCore::reject(Operation& operation, const Fenrik::String& reason) {
 /// The transient state stays as it is: reads go on showing the operation that failed.
 void TableCore::failForDependency(Operation& operation) {
   const KeyText key = textOf(operation.wrapper.entryBytes());
-  operation.logged = true;
+  operation.settled = true;
   if (operation.flags.isTableDeleted()) {
     KIV_TRACE_AS(kCommit, trace(), 1, "", "Failed dependent entry for remove all");
     KIV_TRACE_AS(kCommit, trace(), 1, "", "Failed to commit entry remove all operation");
@@ -313,7 +313,7 @@ void TableCore::failForDependency(Operation& operation) {
 
 /// A write whose resource failed, and whose helper gives it up.
 void TableCore::giveUpForResource(Operation& operation) {
-  operation.logged = true;
+  operation.settled = true;
   removeFromTransient(operation, Side::add);
   KIV_TRACE_AS(kCommit, trace(), 1, "", "Failed to commit entry key: {}",
                textOf(operation.wrapper.entryBytes()));
@@ -392,12 +392,12 @@ void TableCore::setRsrcPtrs(EntryWrapperBase& wrapper, bool refresh) {
   }
 }
 
-void TableCore::delAllEntries(bool releaseResources, const NeededPtr& neededEntry,
-                              HandlePtr& entryHandle, bool& logged) {
+bool TableCore::delAllEntries(bool releaseResources, const NeededPtr& neededEntry,
+                              HandlePtr& entryHandle) {
   KIV_TRACE(trace(), 8, "", " releaseResources: {}, neededEntry:{} ", releaseResources,
             neededEntry);
   const ConfigStore* const config = entryLog_->config(table_.unitId());
-  if (config == nullptr || config->size() == 0) return;
+  if (config == nullptr || config->size() == 0) return false;
   const KeyImage none = imageOf(descriptor_.records.defaultEntry);
   // Nothing is released for a clear that the log refuses.
   entryLog_->operationRoom(none.words(), EntryFlags(EntryFlags::kTableDelete), table_.unitId());
@@ -411,12 +411,12 @@ void TableCore::delAllEntries(bool releaseResources, const NeededPtr& neededEntr
     });
   }
   const LogVersion logVersion = entryLog_->tableDel(neededEntry, table_.unitId());
-  logged = true;
   if (entryHandle != nullptr) {
     entryHandle->logVersionIs(logVersion);
     entryHandle->entryStateIs(EntryState::entryInLog);
   }
   table_.stats()->tableClearCntInc(1);
+  return true;
 }
 
 /// Whether each entry that is about to be cleared is looked at: for its resources, for the trace,
@@ -428,8 +428,7 @@ bool TableCore::wantsClearedEntries(const HandlePtr& handle) const {
 void TableCore::clearTable(bool releaseResources) {
   KIV_TRACE(trace(), 8, "", "");
   HandlePtr none;
-  bool logged = false;
-  delAllEntries(releaseResources, nullptr, none, logged);
+  delAllEntries(releaseResources, nullptr, none);
 }
 
 void TableCore::restoreEntries() {

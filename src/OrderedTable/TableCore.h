@@ -89,6 +89,9 @@ class QUARNBASTIL_EXPORT TableCore {
   /// Clears the unit through the log; one that has nothing configured is left alone. Throws as
   /// `updateEntry` does, with nothing changed.
   void clearTable(bool releaseResources);
+  /// As above with a needed set. The handle, if there is one or the first cleared entry makes one,
+  /// is told of the version; it is left alone if nothing was configured. True if something was.
+  bool delAllEntries(bool releaseResources, const NeededPtr& neededEntry, HandlePtr& entryHandle);
   Fenrik::Ptr<NeededEntry> getNeededEntrySet(const EntryWrapperBase& wrapper) const;
   void setRsrcPtrs(EntryWrapperBase& wrapper, bool refresh);
   /// Turns a configured entry back into a wrapper; makes a handle if there is none.
@@ -162,8 +165,8 @@ class QUARNBASTIL_EXPORT TableCore {
     const HandlePtr& handle;
     EntryVersion version;
     EntryFlags flags;
-    /// The log has it: it cannot be refused any more.
-    bool logged = false;
+    /// Its outcome is known: it cannot be refused any more.
+    bool settled = false;
     /// What a handler threw; goes on to the pump when the commit has come to its end.
     std::exception_ptr thrown{};
   };
@@ -214,8 +217,6 @@ class QUARNBASTIL_EXPORT TableCore {
   NeededPtr neededOf(const Operation& operation, Fenrik::Ptr<NeededEntry> own) const;
   Fenrik::Ptr<NeededEntry> ownNeeded(const EntryWrapperBase& wrapper) const;
   std::vector<std::byte> formerEntry(const void* key) const;
-  void delAllEntries(bool releaseResources, const NeededPtr& neededEntry, HandlePtr& entryHandle,
-                     bool& logged);
   bool wantsClearedEntries(const HandlePtr& handle) const;
 
   // Iteration.

@@ -97,7 +97,8 @@ struct TableDescriptor {
                                          UnitId unitId, OrderedSwTableSet* set,
                                          const Fenrik::Ptr<EntryLogCore>& log,
                                          const Fenrik::Ptr<GroupResolver>& resolver);
-    Fenrik::Ptr<EntryLogCore> (*log)(const Fenrik::Ptr<Stavro::EntityManager>& entityManager,
+    Fenrik::Ptr<EntryLogCore> (*log)(SwTableId tableId,
+                                     const Fenrik::Ptr<Stavro::EntityManager>& entityManager,
                                      const Fenrik::Ptr<GroupInterface>& groupInterface,
                                      const Fenrik::String& agentName);
   };

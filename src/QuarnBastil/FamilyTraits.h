@@ -1,19 +1,20 @@
 #pragma once
 
-#include <algorithm>
-#include <array>
 #include <concepts>
 #include <cstdint>
 
 #include "Drift/Format.h"
 #include "Fenrik/Module.h"
 #include "Fenrik/NodeClass.h"
-#include "Kiv/TraceHandle.h"
 #include "OrderedTable/Constants.h"
 #include "OrderedTable/OrderedSwTable.h"
-#include "OrderedTable/ResourceHooks.h"
 #include "OrderedTable/SwTableIteratorState.h"
 #include "OrderedTable/TypedEntryHandle.h"
+
+namespace Asic {
+struct ResourceHooks;
+struct TableDescriptor;
+}  // namespace Asic
 
 namespace QuarnBastil {
 
@@ -28,17 +29,19 @@ struct FamilyDefaults {
   static constexpr const char* kAgentName = "QuarnBastil";
   static constexpr const char* kTableNamespace = "QuarnBastil";
   static constexpr const char* kGroupName = "QuarnBastilGroup";
-  static constexpr Fenrik::Storage kWrapperStorage = Fenrik::Storage::slabPerWrite;
-  /// Of the table's attributes; a family whose table has a base class of its own counts from 768.
+  /// Of the table's attributes and of an iterator state's. A block of 128 numbers belongs to each
+  /// class between `Fenrik::Node` and the final one; a data model puts one more between.
   static constexpr std::uint16_t kSwTableFieldBase = 640;
+  static constexpr std::uint16_t kIteratorFieldBase = 256;
   /// Live and deleted entries of one unit: its rows are numbered in 16 bits.
   static constexpr Drift::Format::Word kConfigCapacity = 65'536;
   /// Records that wait for the hardware, over all units: seconds of it at full rate.
   static constexpr Drift::Format::Word kLogCapacity = 1'000'000;
+  /// Null: the table is not linked to resources.
+  static constexpr const Asic::ResourceHooks* kResourceHooks = nullptr;
 
   using SwTableBase = Asic::OrderedSwTable;
   using IteratorStateBase = Asic::SwTableIteratorStateBase;
-  using ResourceHooks = Asic::NoResourceHooks;
 };
 
 /// The classes of a family by their roles, and the modules in which they stand. The first argument
@@ -69,57 +72,17 @@ struct FamilyClasses : FamilyDefaults {
   using InterfaceModule = Kiv::Module<prefix + "Interface", Interface>;
 };
 
-/// The bare name of a class.
-template <class T>
-constexpr const char* className() {
-  return Kiv::kBareTypeName<T>.data();
-}
-
-/// The trace handles of a family, each made at its first use.
+/// The family's facts for the compiled-once logic; defined in its own source.
 template <class Family>
-struct QUARNBASTIL_EXPORT FamilyTraces {
-  /// Of the table and of what is in flight.
-  KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& swTable() {
-    static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle,
-                                                   className<typename Family::SwTable>());
-    return handle;
-  }
-  KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& entryLog() {
-    static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle,
-                                                   className<typename Family::EntryLog>());
-    return handle;
-  }
-  KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& interface() {
-    static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle,
-                                                   className<typename Family::Interface>());
-    return handle;
-  }
-};
-
-/// Constant texts put together while compiling, with a zero byte behind them.
-template <class Parts>
-inline constexpr auto kJoined = [] {
-  constexpr std::size_t size = [] {
-    std::size_t total = 0;
-    for (const std::string_view part : Parts::parts()) total += part.size();
-    return total;
-  }();
-  std::array<char, size + 1> text{};
-  auto place = text.begin();
-  for (const std::string_view part : Parts::parts()) place = std::ranges::copy(part, place).out;
-  return text;
-}();
+QUARNBASTIL_EXPORT const Asic::TableDescriptor& descriptorOf();
 
 /// The shared-memory paths of a family.
 template <class Family>
-class QUARNBASTIL_EXPORT FamilyConstants {
+class FamilyConstants {
  public:
   static Fenrik::String configDriftPath(Asic::UnitId unitId) {
-    return Fenrik::formatString(
-        "{}{}",
-        Asic::Constants::canonicalGroupTableConfigDriftPathBase(
-            canonicalGroupName(), Family::kTableNamespace, Family::kTableName),
-        unitId);
+    return Asic::Constants::configDriftPath(canonicalGroupName(), Family::kTableNamespace,
+                                            Family::kTableName, unitId);
   }
   static Fenrik::String tableEntryLogDriftPath() {
     return Asic::Constants::canonicalGroupTableEntryLogDriftPath(

@@ -1,16 +1,12 @@
 #pragma once
 
-#include <functional>
+#include <optional>
 
-#include "Fenrik/QueueAttribute.h"
 #include "Kiv/KeyedAttribute.h"
-#include "Kiv/Trace.h"
-#include "OrderedTable/GroupResolver.h"
 #include "OrderedTable/IterStateAccessor.h"
-#include "OrderedTable/OrderedSwTable.h"
 #include "OrderedTable/OrderedSwTableAccessor.h"
+#include "OrderedTable/TableCore.h"
 #include "QuarnBastil/FamilyTraits.h"
-#include "QuarnBastil/InfraTypes.h"
 
 namespace QuarnBastil {
 
@@ -20,18 +16,10 @@ class QUARNBASTIL_EXPORT SwTableEntryHandle
     : public Fenrik::NodeClass<typename Family::EntryHandle, typename Family::EntryHandleBase,
                                Fenrik::Storage::slabPerWrite> {
  public:
-  using ResponseHandler = Asic::ResponseHandler;
   using KivModule = typename Family::SwTableModule;
   using Base = Fenrik::NodeClass<typename Family::EntryHandle, typename Family::EntryHandleBase,
                                  Fenrik::Storage::slabPerWrite>;
   using Base::Base;
-
-  /// Called once when the outcome is known; may be empty.
-  const ResponseHandler& responseHandler() const noexcept { return responseHandler_; }
-  void responseHandlerIs(const ResponseHandler& handler) { responseHandler_ = handler; }
-
- private:
-  ResponseHandler responseHandler_;
 };
 
 /// A copy of a whole table, for scripts and inspection.
@@ -54,25 +42,34 @@ class QUARNBASTIL_EXPORT SwTableEntriesPy
   KIV_KEYED(kFieldBase + 2, tableEntries, HN_TableEntries);
 };
 
-/// The position of an iteration: flags and the key of the next entry to visit. It does not keep the
-/// table alive.
+/// The position of an iteration in the family's own types.
 template <class Family>
 class QUARNBASTIL_EXPORT SwTableIteratorState
     : public Fenrik::NodeClass<typename Family::IteratorState,
-                               Fenrik::Publishing<typename Family::IteratorStateBase>> {
+                               typename Family::IteratorStateBase> {
  public:
   using Key = typename Family::Key;
   using Entry = typename Family::Entry;
   using SwTable = typename Family::SwTable;
   using KivModule = typename Family::SwTableModule;
-  static constexpr std::uint16_t kFieldBase = 256;
+  using Base =
+      Fenrik::NodeClass<typename Family::IteratorState, typename Family::IteratorStateBase>;
+  static constexpr std::uint16_t kFieldBase = Family::kIteratorFieldBase;
+
+  SwTableIteratorState() : Base(Fenrik::FieldId(kFieldBase + 3)) {}
 
   FENRIK_FUNCTION(kFieldBase + 2, maybeUpdateCurrentEntry);
-  FENRIK_VALUE(kFieldBase + 3, bookmarkKey, Key);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, bookmarkKey, value);
 
- public:
-  const SwTable* swTable() const noexcept { return swTable_; }
-  void swTableIs(const SwTable* table) noexcept { swTable_ = table; }
+  Key bookmarkKey() const noexcept {
+    Key key;
+    std::memcpy(static_cast<void*>(&key), this->bookmark().words(), sizeof key);
+    return key;
+  }
+  void bookmarkKeyIs(const Key& key) { this->bookmarkIs({Asic::flatShapeOf<Key>(), &key}); }
+
+  const SwTable* swTable() const noexcept { return static_cast<const SwTable*>(this->table()); }
+  void swTableIs(const SwTable* table) noexcept { this->tableIs(table); }
 
   /// One step: the next entry, or a default one at the end. Some families' bases ask for it.
   // NOLINTNEXTLINE(modernize-use-override): others do not know it
@@ -81,13 +78,66 @@ class QUARNBASTIL_EXPORT SwTableIteratorState
     return Asic::IterStateAccessor<Self, SwTable>(static_cast<Self*>(this))
         .maybeUpdateCurrentEntry();
   }
+};
+
+/// A member of one of the three keyed attributes of operations in flight, and a place in a walk
+/// over them. A member that goes while a walk stands on it keeps its key; its value is then null.
+template <class Family, class Value>
+class InFlightIterator {
+ public:
+  InFlightIterator(const Asic::InFlight& index, Asic::InFlight::View view)
+      : view_(view), walk_(index, view) {}
+  InFlightIterator(const Asic::InFlight& index, Asic::InFlight::View view,
+                   const Asic::InFlightKey* from)
+      : view_(view), walk_(index, view, from) {}
+
+  explicit operator bool() const noexcept { return static_cast<bool>(walk_); }
+  InFlightIterator& operator++() noexcept {
+    ++walk_;
+    return *this;
+  }
+  const InFlightIterator* operator->() const noexcept { return this; }
+
+  typename Family::Key key() const noexcept {
+    typename Family::Key key;
+    std::memcpy(static_cast<void*>(&key), walk_->key(), sizeof key);
+    return key;
+  }
+  Value value() const {
+    if constexpr (std::is_same_v<Value, Asic::EntryVersion>) {
+      return walk_->version;
+    } else {
+      const auto& wrapper = view_ == Asic::InFlight::View::adds ? walk_->add : walk_->remove;
+      return Value(static_cast<typename Value::element_type*>(wrapper.get()));
+    }
+  }
 
  private:
-  const SwTable* swTable_ = nullptr;
+  Asic::InFlight::View view_;
+  Asic::InFlight::Walk walk_;
+};
+
+/// What a change of a keyed attribute of operations in flight is announced with.
+template <std::uint32_t salt, class ValueType>
+struct InFlightNode {
+  static constexpr std::uint32_t kSalt = salt;
+  using Value = ValueType;
+
+  Value value() const {
+    if constexpr (std::is_same_v<Value, Asic::EntryVersion>) {
+      return *reinterpret_cast<const Value*>(this);
+    } else {
+      using Wrapper = typename Value::element_type;
+      const auto& wrapper =
+          *reinterpret_cast<const Fenrik::Ptr<Asic::EntryWrapperBase>*>(this);
+      return Value(static_cast<Wrapper*>(wrapper.get()));
+    }
+  }
 };
 
 /// The software table of one hardware table on one ASIC unit: what a client writes to and reads.
-/// It owns what is in flight; what is configured lives in shared memory behind `entryLog`.
+/// What is configured lives in shared memory behind `entryLog`; what is in flight, and everything
+/// that a table does, in its core.
 ///
 /// Threads: the table thread. No call blocks, and none fails for a reason of the table's state.
 ///
@@ -103,6 +153,8 @@ class QUARNBASTIL_EXPORT SwTable
   using EntryHandle = typename Family::EntryHandle;
   using SwTableEntries_py = typename Family::SwTableEntries_py;
   using Wrapper = typename Family::EntryWrapper;
+  using WrapperPtr = Fenrik::Ptr<Wrapper>;
+  using Helper = typename Family::SwTableHelperBase;
   using Log = typename Family::EntryLog;
   using IteratorState = typename Family::IteratorState;
   using EntryIterator =
@@ -113,26 +165,20 @@ class QUARNBASTIL_EXPORT SwTable
   using KivModule = typename Family::SwTableModule;
   using Base = Fenrik::NodeClass<typename Family::SwTable, typename Family::SwTableBase>;
 
-  struct QUARNBASTIL_EXPORT KeyOfWrapper {
-    const Key& operator()(const Fenrik::Ptr<Wrapper>& wrapper) const { return wrapper->key(); }
-  };
-  struct QUARNBASTIL_EXPORT QE_EntryHandleInLog {};
-  using HN_TransientAddEntry =
-      Kiv::Hm2018NI<Family::kTransientAddEntrySalt, Key, Fenrik::Ptr<Wrapper>, KeyOfWrapper,
-                    Kiv::HashMap2018Alloc::slab>;
-  using HN_TransientRemoveEntry =
-      Kiv::Hm2018NI<Family::kTransientRemoveEntrySalt, Key, Fenrik::Ptr<Wrapper>, KeyOfWrapper,
-                    Kiv::HashMap2018Alloc::slab>;
-  using HN_TransientVersionForKey = Kiv::Hm2018NE<Family::kTransientVersionForKeySalt, Key,
-                                                  Asic::EntryVersion, Kiv::HashMap2018Alloc::slab>;
+  using HN_TransientAddEntry = InFlightNode<Family::kTransientAddEntrySalt, WrapperPtr>;
+  using HN_TransientRemoveEntry = InFlightNode<Family::kTransientRemoveEntrySalt, WrapperPtr>;
+  using HN_TransientVersionForKey =
+      InFlightNode<Family::kTransientVersionForKeySalt, Asic::EntryVersion>;
+  using WrapperIterator = InFlightIterator<Family, WrapperPtr>;
+  using VersionIterator = InFlightIterator<Family, Asic::EntryVersion>;
 
   static constexpr std::uint16_t kFieldBase = Family::kSwTableFieldBase;
 
-  FENRIK_POINTER(kFieldBase + 2, swTableHelper, typename Family::SwTableHelperBase);
-  KIV_KEYED(kFieldBase + 3, transientAddEntry, HN_TransientAddEntry);
-  KIV_KEYED(kFieldBase + 4, transientRemoveEntry, HN_TransientRemoveEntry);
-  KIV_KEYED_VALUE(kFieldBase + 5, transientVersionForKey, HN_TransientVersionForKey);
-  FENRIK_VALUE(kFieldBase + 6, transientRemoveAllVersion, Asic::MajorVersion);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, swTableHelper, pointer);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, transientAddEntry, keyed);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 4, transientRemoveEntry, keyed);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 5, transientVersionForKey, keyed);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 6, transientRemoveAllVersion, value);
   FENRIK_FUNCTION(kFieldBase + 7, entryWrite);
   FENRIK_FUNCTION(kFieldBase + 9, entryRemove);
   FENRIK_FUNCTION(kFieldBase + 11, entryRemoveAll);
@@ -141,9 +187,9 @@ class QUARNBASTIL_EXPORT SwTable
   FENRIK_FUNCTION(kFieldBase + 15, entryHas);
   FENRIK_FUNCTION(kFieldBase + 16, entrys);
   FENRIK_FUNCTION(kFieldBase + 18, getTableEntries_py);
-  FENRIK_POINTER(kFieldBase + 19, entryLog, Log);
-  FENRIK_POINTER(kFieldBase + 20, groupResolver, Asic::GroupResolver);
-  FENRIK_QUEUE(kFieldBase + 22, entryHandleInLog, Fenrik::Ptr<EntryHandle>, QE_EntryHandleInLog);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 19, entryLog, pointer);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 20, groupResolver, pointer);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 22, entryHandleInLog, queue);
   FENRIK_FUNCTION(kFieldBase + 23, commitEntry);
   FENRIK_FUNCTION(kFieldBase + 24, updateEntry);
   FENRIK_FUNCTION(kFieldBase + 25, getNeededEntrySet);
@@ -156,83 +202,66 @@ class QUARNBASTIL_EXPORT SwTable
   FENRIK_FUNCTION(kFieldBase + 32, initIterStateFromKey);
   FENRIK_FUNCTION(kFieldBase + 33, handleInitialized);
 
- public:
   FENRIK_FACTORY(entryHandle, EntryHandle);
-
-  /// Where the handles of the table trace.
-  KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& entryHandleTrace() { return trace(); }
 
   SwTable(const Fenrik::Ptr<const Asic::CanonicalTableName>& name, Asic::SwTableId tableId,
           Asic::UnitId unitId, Asic::OrderedSwTableSet* swTableSet,
           const Fenrik::Ptr<Log>& entryLog, const Fenrik::Ptr<Asic::GroupResolver>& groupResolver)
       : Base(name, tableId, unitId, swTableSet),
-        entryLog_(entryLog),
-        groupResolver_(groupResolver) {
+        core_(*this, descriptorOf<Family>(), entryLog, groupResolver) {
     handleInitialized();
-  }
-
-  /// Operations that are still queued are given up. Handlers of operations that wait are not
-  /// called.
-  ~SwTable() override {
-    groupResolver_->tableGone(*this);
-    entryHandleInLog_.doClear(false);
   }
 
   /// Queues a write of `entry` under `key`, which wins over the key that `entry` carries. It waits
   /// for `dep`, if that is not null, to leave `entryPending`.
   HandlePtr entryWrite(const Key& key, const Entry& entry, const DependencyPtr& dep) {
-    KIV_TRACE(trace(), 8, kName, " key: {}", key);
-    return entryWriteWithResponseHandler(key, entry, dep, ResponseHandler());
+    return typed(core_.entryWrite(&key, &entry, dep));
   }
-  /// The same; `handler` is called once when the outcome is known.
+  /// As above; `handler` is called once when the outcome is known.
   HandlePtr entryWriteWithResponseHandler(const Key& key, const Entry& entry,
                                           const DependencyPtr& dep,
                                           const ResponseHandler& handler) {
-    KIV_TRACE(trace(), 8, kName, " key: {}", key);
-    return accessor().entryWriteGeneric(key, entry, dep, handler);
+    return typed(core_.entryWriteWithResponseHandler(&key, &entry, dep, handler));
   }
 
   /// Queues a remove; a key that is nowhere is accepted all the same.
   HandlePtr entryRemove(const Key& key, const DependencyPtr& dep) {
-    KIV_TRACE(trace(), 8, kName, " key: {}", key);
-    return entryRemoveWithResponseHandler(key, dep, ResponseHandler());
+    return typed(core_.entryRemove(&key, dep));
   }
   HandlePtr entryRemoveWithResponseHandler(const Key& key, const DependencyPtr& dep,
                                            const ResponseHandler& handler) {
-    KIV_TRACE(trace(), 8, kName, " key: {}", key);
-    return accessor().entryRemoveGeneric(key, dep, handler);
+    return typed(core_.entryRemoveWithResponseHandler(&key, dep, handler));
   }
 
   /// Queues the removal of everything. Its handler is called only if it fails.
-  void entryRemoveAll(const DependencyPtr& dep) {
-    KIV_TRACE(trace(), 8, kName, "");
-    entryRemoveAllWithResponseHandler(dep, ResponseHandler());
-  }
+  void entryRemoveAll(const DependencyPtr& dep) { core_.entryRemoveAll(dep); }
   void entryRemoveAllWithResponseHandler(const DependencyPtr& dep, const ResponseHandler& handler) {
-    KIV_TRACE(trace(), 8, kName, "");
-    accessor().entryRemoveAllGeneric(dep, handler);
+    core_.entryRemoveAllWithResponseHandler(dep, handler);
   }
 
   /// The entry as the client sees it; a default one if there is none.
   Entry entryRead(const Key& key) const {
-    KIV_TRACE(trace(), 8, kName, " key: {}", key);
-    return reads().entryReadGeneric(key);
+    Entry entry{Key()};
+    core_.entryRead(&key, &entry);
+    return entry;
   }
   Entry entry(const Key& key) const { return entryRead(key); }
   /// Whether the key exists as the client sees the table.
-  bool entryHas(const Key& key) const { return reads().entryHas(key); }
+  bool entryHas(const Key& key) const { return core_.entryHas(&key); }
   /// The configured entry, whatever is in flight; a default one if there is none.
-  Entry entryFromConfig(const Key& key) const { return reads().entryFromConfig(key); }
+  Entry entryFromConfig(const Key& key) const {
+    Entry entry{Key()};
+    core_.entryFromConfig(&key, &entry);
+    return entry;
+  }
   /// Number of entries as the client sees them.
-  std::uint32_t entrys() const { return reads().entrys(); }
+  std::uint32_t entrys() const { return core_.entrys(); }
 
   Fenrik::Ptr<IteratorState> initIterState() const {
-    return Asic::IterStateAccessor<IteratorState, typename Family::SwTable>::initIterState(self());
+    return Asic::IterStateAccessor<IteratorState, Self>::initIterState(self());
   }
   Fenrik::Ptr<IteratorState> initIterStateFromKey(const Key& key) const {
-    KIV_TRACE(trace(), 8, kName, " key: {}", key);
-    return Asic::IterStateAccessor<IteratorState, typename Family::SwTable>::initIterState(self(),
-                                                                                           key);
+    return Asic::IterStateAccessor<IteratorState, Self>::initIterState(self(), key);
   }
   /// An iterator on its first entry; it must not outlive the table.
   EntryIterator entryIteratorConst() const { return EntryIterator(self(), initIterState()); }
@@ -241,84 +270,152 @@ class QUARNBASTIL_EXPORT SwTable
   }
 
   /// A copy of all entries, by key.
-  Fenrik::Ptr<typename Family::SwTableEntries_py> getTableEntries_py() const {
-    auto snapshot = Fenrik::ptrIsImpl<typename Family::SwTableEntries_py>();
+  Fenrik::Ptr<SwTableEntries_py> getTableEntries_py() const {
+    auto snapshot = Fenrik::ptrIsImpl<SwTableEntries_py>();
     for (auto it = entryIteratorConst(); it; ++it) snapshot->tableEntriesIs(*it);
     return snapshot;
   }
 
   bool isResolverEntryResolved(const Fenrik::Ptr<typename Family::ResolverEntry>& item) {
-    return accessor().isResolverEntryResolved(item);
+    return core_.isResolverEntryResolved(*item);
   }
-  void commitEntry(const Fenrik::Ptr<Asic::ResolverEntry>& item) { accessor().commitEntry(item); }
-  Asic::ResolverEntry::Waiting waitingOf(const ResolverEntry<Family>& item) const {
-    return reads().waitingOf(item);
+  void commitEntry(const Fenrik::Ptr<Asic::ResolverEntry>& item) override {
+    core_.commitEntry(item);
   }
-  Fenrik::Ptr<const Asic::OrderedSwTable::EntryHandle> updateEntry(const Key& key) {
-    return accessor().updateEntry(key);
-  }
-  void clearTable(bool releaseResources) { accessor().clearTable(releaseResources); }
+  HandlePtr updateEntry(const Key& key) { return typed(core_.updateEntry(&key)); }
+  /// Clears the unit through the log. Throws `Drift::CollectionFullException` or
+  /// `Drift::NoSpaceException` with nothing changed.
+  void clearTable(bool releaseResources) { core_.clearTable(releaseResources); }
   Fenrik::Ptr<Asic::NeededEntry> getNeededEntrySet(
       const Fenrik::Ptr<const Wrapper>& wrapper) const {
-    KIV_TRACE(trace(), 8, kName, "key: {}", wrapper->key());
-    auto neededEntry = Fenrik::ptrIsImpl<Asic::NeededEntry>();
-    Family::ResourceHooks::addNeeded(*self(), *wrapper, *neededEntry);
-    return neededEntry;
+    return core_.getNeededEntrySet(*wrapper);
   }
-  /// The set of an operation that needs nothing of other tables.
-  const Fenrik::Ptr<const Asic::NeededEntry>& nothingNeeded() const noexcept {
-    return nothingNeeded_;
+  void setRsrcPtrs(const WrapperPtr& wrapper, bool refresh) { core_.setRsrcPtrs(*wrapper, refresh); }
+
+  void tableStatusVersion(Asic::LogVersion version) override { core_.tableStatusVersion(version); }
+  bool hasPendingHwWrites() const override { return core_.hasPendingHwWrites(); }
+
+  void handleInitialized() { core_.handleInitialized(); }
+  void restoreEntries() { core_.restoreEntries(); }
+
+  // The attributes.
+  Fenrik::Ptr<Helper> swTableHelper() const {
+    return Fenrik::Ptr<Helper>(static_cast<Helper*>(core_.swTableHelper().get()));
   }
-  void setRsrcPtrs(const Fenrik::Ptr<Wrapper>& wrapper, bool refresh) {
-    KIV_TRACE(trace(), 8, kName, "key: {}, refresh: {}", wrapper->key(), refresh);
-    Family::ResourceHooks::setRsrcPtrs(*self(), wrapper, refresh);
+  void swTableHelperIs(const Fenrik::Ptr<Helper>& helper) { core_.swTableHelperIs(helper); }
+  Fenrik::Ptr<Log> entryLog() const {
+    return Fenrik::Ptr<Log>(static_cast<Log*>(core_.entryLog().get()));
+  }
+  void entryLogIs(const Fenrik::Ptr<Log>& log) { core_.entryLogIs(log); }
+  const Fenrik::Ptr<Asic::GroupResolver>& groupResolver() const noexcept {
+    return core_.groupResolver();
+  }
+  void groupResolverIs(const Fenrik::Ptr<Asic::GroupResolver>& resolver) {
+    core_.groupResolverIs(resolver);
+  }
+  Asic::MajorVersion transientRemoveAllVersion() const noexcept {
+    return core_.transientRemoveAllVersion();
+  }
+  void transientRemoveAllVersionIs(Asic::MajorVersion version) {
+    core_.transientRemoveAllVersionIs(version);
   }
 
-  void tableStatusVersion(Asic::LogVersion version) override {
-    accessor().tableStatusVersion(version);
+  WrapperPtr transientAddEntry(const Key& key) const {
+    const Asic::InFlightKey* const found = core_.inFlight(&key);
+    return found != nullptr ? wrapperOf(found->add) : nullptr;
   }
-  bool hasPendingHwWrites() const override {
-    KIV_TRACE(trace(), 8, kName, "");
-    return reads().hasPendingHwWrites();
+  void transientAddEntryIs(const WrapperPtr& wrapper) { core_.transientAddEntryIs(wrapper); }
+  WrapperPtr transientAddEntryDel(const Key& key) {
+    return wrapperOf(core_.transientAddEntryDel(&key));
+  }
+  void transientAddEntryDelAll() { core_.transientAddEntryDelAll(); }
+  bool transientAddEntryHas(const Key& key) const { return transientAddEntry(key) != nullptr; }
+  std::uint32_t transientAddEntryCount() const noexcept { return core_.inFlight().adds(); }
+  WrapperIterator transientAddEntryIterator() const { return {core_.inFlight(), View::adds}; }
+  WrapperIterator transientAddEntryIteratorFromKey(const Key& key) const {
+    return {core_.inFlight(), View::adds, core_.inFlight(&key)};
   }
 
-  void handleInitialized() {
-    KIV_TRACE(trace(), 8, kName, "doesMarkSweep: False hwErrorHandling: False");
-    swTableHelperIs(Fenrik::ptrIsImpl<typename Family::SwTableHelperBase>());
-    this->statsIs();
+  WrapperPtr transientRemoveEntry(const Key& key) const {
+    const Asic::InFlightKey* const found = core_.inFlight(&key);
+    return found != nullptr ? wrapperOf(found->remove) : nullptr;
   }
-  void restoreEntries() { Family::ResourceHooks::restoreEntries(*self()); }
+  void transientRemoveEntryIs(const WrapperPtr& wrapper) { core_.transientRemoveEntryIs(wrapper); }
+  WrapperPtr transientRemoveEntryDel(const Key& key) {
+    return wrapperOf(core_.transientRemoveEntryDel(&key));
+  }
+  void transientRemoveEntryDelAll() { core_.transientRemoveEntryDelAll(); }
+  bool transientRemoveEntryHas(const Key& key) const {
+    return transientRemoveEntry(key) != nullptr;
+  }
+  std::uint32_t transientRemoveEntryCount() const noexcept { return core_.inFlight().removes(); }
+  WrapperIterator transientRemoveEntryIterator() const { return {core_.inFlight(), View::removes}; }
+  WrapperIterator transientRemoveEntryIteratorFromKey(const Key& key) const {
+    return {core_.inFlight(), View::removes, core_.inFlight(&key)};
+  }
 
-  /// The wrapper under the key, without taking a reference; null if there is none.
-  const Wrapper* transientAddEntryFind(const Key& key) const {
-    return wrapperFind(transientAddEntry_, key);
+  /// The version of the operations in flight on a key; an invalid one, or nothing, if there are
+  /// none.
+  Asic::EntryVersion transientVersionForKey(const Key& key) const {
+    return transientVersionForKeyGet(key).value_or(Asic::EntryVersion());
   }
-  const Wrapper* transientRemoveEntryFind(const Key& key) const {
-    return wrapperFind(transientRemoveEntry_, key);
+  std::optional<Asic::EntryVersion> transientVersionForKeyGet(const Key& key) const {
+    const Asic::InFlightKey* const found = core_.inFlight(&key);
+    if (found == nullptr || !found->counted) return {};
+    return found->version;
   }
+  void transientVersionForKeyIs(const Key& key, const Asic::EntryVersion& version) {
+    core_.transientVersionForKeyIs(&key, version);
+  }
+  Asic::EntryVersion transientVersionForKeyDel(const Key& key) {
+    return core_.transientVersionForKeyDel(&key);
+  }
+  void transientVersionForKeyDelAll() { core_.transientVersionForKeyDelAll(); }
+  bool transientVersionForKeyHas(const Key& key) const {
+    return transientVersionForKeyGet(key).has_value();
+  }
+  std::uint32_t transientVersionForKeyCount() const noexcept { return core_.inFlight().versions(); }
+  VersionIterator transientVersionForKeyIterator() const {
+    return {core_.inFlight(), View::versions};
+  }
+  VersionIterator transientVersionForKeyIteratorFromKey(const Key& key) const {
+    return {core_.inFlight(), View::versions, core_.inFlight(&key)};
+  }
+
+  void entryHandleInLogEnq(const Fenrik::Ptr<EntryHandle>& handle) {
+    core_.entryHandleInLogEnq(handle);
+  }
+  Fenrik::Ptr<EntryHandle> entryHandleInLogDeq() { return typed(core_.entryHandleInLogDeq()); }
+  Fenrik::Ptr<EntryHandle> entryHandleInLogFront() const { return queued(handles().front()); }
+  Fenrik::Ptr<EntryHandle> entryHandleInLogBack() const { return queued(handles().back()); }
+  Fenrik::Ptr<EntryHandle> entryHandleInLog(std::uint32_t index) const {
+    return queued(handles().find(index));
+  }
+  bool entryHandleInLogHas(std::uint32_t index) const { return handles().has(index); }
+  std::uint32_t entryHandleInLogCount() const { return handles().size(); }
+  Fenrik::RQueueBaseConstIter<Asic::TableCore::HandlePtr> entryHandleInLogIter() const {
+    return Fenrik::RQueueBaseConstIter<Asic::TableCore::HandlePtr>(handles());
+  }
+  void entryHandleInLogDelAll() { core_.entryHandleInLogDelAll(); }
 
  private:
   using Self = typename Family::SwTable;
-  static constexpr const char* kName = className<Self>();
+  using View = Asic::InFlight::View;
 
-  KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& trace() {
-    return FamilyTraces<Family>::swTable();
-  }
-
-  Self* self() noexcept { return static_cast<Self*>(this); }
   const Self* self() const noexcept { return static_cast<const Self*>(this); }
-  Asic::OrderedSwTableAccessor<Self> accessor() {
-    return Asic::OrderedSwTableAccessor<Self>(self());
-  }
-  Asic::TableReads<const Self> reads() const { return Asic::TableReads<const Self>(self()); }
+  const Asic::TableCore::HandleQueue& handles() const noexcept { return core_.entryHandleInLog(); }
 
-  template <class Map>
-  static const Wrapper* wrapperFind(const Map& map, const Key& key) {
-    const auto* const node = map[key];
-    return node == nullptr ? nullptr : node->value().get();
+  static Fenrik::Ptr<EntryHandle> typed(const Asic::TableCore::HandlePtr& handle) {
+    return Fenrik::Ptr<EntryHandle>(static_cast<EntryHandle*>(handle.get()));
+  }
+  static Fenrik::Ptr<EntryHandle> queued(const Asic::TableCore::HandlePtr* handle) {
+    return handle != nullptr ? typed(*handle) : nullptr;
+  }
+  static WrapperPtr wrapperOf(const Asic::TableCore::WrapperPtr& wrapper) {
+    return WrapperPtr(static_cast<Wrapper*>(wrapper.get()));
   }
 
-  Fenrik::Ptr<const Asic::NeededEntry> nothingNeeded_ = Fenrik::ptrIsImpl<Asic::NeededEntry>();
+  Asic::TableCore core_;
 };
 
 }  // namespace QuarnBastil

@@ -12,6 +12,9 @@ class QUARNBASTIL_EXPORT BigBbDataModelSwTableBase
 };
 
 class QUARNBASTIL_EXPORT BigBbDataModelSwTableIteratorState
-    : public DataModelSwTableIteratorState<BigBbDataModelEntry> {};
+    : public DataModelSwTableIteratorState<BigBbDataModelEntry> {
+ public:
+  using DataModelSwTableIteratorState::DataModelSwTableIteratorState;
+};
 
 }  // namespace QuarnLpmLib

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "Kiv/TraceHandle.h"
 #include "OrderedTable/OrderedSwTable.h"
 #include "OrderedTable/SwTableIteratorState.h"
 #include "OrderedTable/TypedEntryHandle.h"
@@ -15,19 +14,14 @@ class QUARNBASTIL_EXPORT DataModelSwTableBase : public Asic::OrderedSwTable {
   using EntryHandle = Asic::TypedEntryHandle<KeyType, Self>;
 
   using Asic::OrderedSwTable::OrderedSwTable;
-
-  /// Where the handles of the table trace.
-  KIV_TRACE_ACCESSOR static const Kiv::TraceHandle& entryHandleTrace() {
-    static constinit const Kiv::TraceHandle handle(Kiv::kConstantHandle,
-                                                   Kiv::kBareTypeName<Self>.data());
-    return handle;
-  }
 };
 
 /// Base of the iterations over the tables of one data model.
 template <class EntryType>
 class QUARNBASTIL_EXPORT DataModelSwTableIteratorState : public Asic::SwTableIteratorStateBase {
  public:
+  using Asic::SwTableIteratorStateBase::SwTableIteratorStateBase;
+
   /// One step: the next entry, or a default one at the end.
   virtual EntryType maybeUpdateCurrentEntry() = 0;
 };

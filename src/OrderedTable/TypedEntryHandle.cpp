@@ -1,0 +1,29 @@
+#include "OrderedTable/TypedEntryHandle.h"
+
+#include "Kiv/Trace.h"
+#include "OrderedTable/TableCore.h"
+
+namespace Asic {
+
+TableEntryHandle::TableEntryHandle(const EntryVersion& version, const OrderedSwTable& table)
+    : OrderedSwTable::EntryHandle(version),
+      descriptor_(table.core()->descriptor()),
+      tableName_(table.canonicalName()) {}
+
+TableEntryHandle::~TableEntryHandle() = default;
+
+Fenrik::String TableEntryHandle::tableName() const {
+  KIV_TRACE(descriptor_.traces.handle, 8, "EntryHandle", "");
+  return tableName_->name();
+}
+
+SwTableId TableEntryHandle::tableId() const {
+  KIV_TRACE(descriptor_.traces.handle, 8, "EntryHandle", "");
+  return descriptor_.tableId;
+}
+
+Fenrik::String TableEntryHandle::keyText() const {
+  return Fenrik::formatString("{}", KeyText(descriptor_, keyBytes()));
+}
+
+}  // namespace Asic
