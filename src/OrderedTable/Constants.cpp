@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Fenrik/Exception.h"
+#include "Fenrik/Format.h"
 
 namespace Asic {
 

@@ -7,6 +7,7 @@
 #include "Drift/DriftError.h"
 #include "Drift/DriftMap.h"
 #include "Fenrik/Assert.h"
+#include "Fenrik/Format.h"
 #include "Kiv/System.h"
 #include "Kiv/Trace.h"
 #include "OrderedTable/CorruptionGuard.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Fenrik/Assert.h"
+#include "Fenrik/Format.h"
 #include "Kiv/KeyedAttribute.h"
 #include "Kiv/Sassert.h"
 #include "Kiv/Trace.h"

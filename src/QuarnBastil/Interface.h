@@ -4,6 +4,7 @@
 
 #include "Blipline/RingTrace.h"
 #include "Fenrik/Assert.h"
+#include "Fenrik/Format.h"
 #include "Kiv/Sassert.h"
 #include "Kiv/Trace.h"
 #include "OrderedTable/Constants.h"

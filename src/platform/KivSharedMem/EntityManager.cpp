@@ -1,5 +1,7 @@
 #include "KivSharedMem/EntityManager.h"
 
+#include "Fenrik/Format.h"
+
 namespace KivSharedMem {
 
 namespace {
