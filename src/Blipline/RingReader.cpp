@@ -13,6 +13,8 @@
 #include <string_view>
 #include <utility>
 
+#include "Fenrik/Format.h"
+
 namespace Blipline {
 
 namespace {

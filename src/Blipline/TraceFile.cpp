@@ -15,6 +15,8 @@
 #include <new>
 #include <set>
 
+#include "Fenrik/Format.h"
+
 namespace Blipline {
 namespace {
 

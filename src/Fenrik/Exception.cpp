@@ -1,5 +1,7 @@
 #include "Fenrik/Exception.h"
 
+#include "Fenrik/Format.h"
+
 namespace Fenrik {
 
 Exception::~Exception() = default;

@@ -2,8 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iosfwd>  // declares std::string
 #include <span>
-#include <string>
 #include <string_view>
 
 #include "Fenrik/Export.h"

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <atomic>
 #include <typeinfo>
 
+#include "Fenrik/Atomic.h"
 #include "OvSlab/AllocTrackTypeInfo.h"
 
 /// Allocation tracking for containers that keep their record behind a plain pointer. The records
@@ -12,11 +12,11 @@ namespace Fenrik::MemTrack::Impl {
 /// Tells an array of `count` elements. `*tracker` is null before the first.
 inline void alloc(void** tracker, const std::type_info& type, unsigned elementSize,
                   unsigned count) {
-  const std::atomic_ref<void*> shared(*tracker);
-  void* const before = shared.load(std::memory_order_acquire);
+  const AtomicRef<void*> shared(*tracker);
+  void* const before = shared.loadAcquire();
   auto* info = static_cast<Kiv::AllocTrackTypeInfo*>(before);
   Kiv::AllocTrackTypeInfo::trackArrayAllocation(&info, type, elementSize, count);
-  if (before == nullptr) shared.store(info, std::memory_order_release);
+  if (before == nullptr) shared.storeRelease(info);
 }
 
 /// Tells that an array of `count` elements has gone.

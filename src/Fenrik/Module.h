@@ -1,10 +1,8 @@
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
@@ -23,15 +21,17 @@ template <std::size_t size>
 struct FixedString {
   char text[size];
 
-  constexpr FixedString(const char (&literal)[size]) { std::copy_n(literal, size, text); }
+  constexpr FixedString(const char (&literal)[size]) {
+    for (std::size_t at = 0; at != size; ++at) text[at] = literal[at];
+  }
   constexpr std::string_view view() const { return {text, size - 1}; }
 
   template <std::size_t other>
   friend consteval FixedString<size + other - 1> operator+(const FixedString& a,
                                                            const char (&b)[other]) {
-    char joined[size + other - 1];
-    std::copy_n(a.text, size - 1, joined);
-    std::copy_n(b, other, joined + size - 1);
+    char joined[size + other - 1]{};
+    for (std::size_t at = 0; at != size - 1; ++at) joined[at] = a.text[at];
+    for (std::size_t at = 0; at != other; ++at) joined[size - 1 + at] = b[at];
     return FixedString<size + other - 1>(joined);
   }
 };
@@ -61,7 +61,7 @@ template <class T>
 inline constexpr auto kBareTypeName = [] {
   constexpr std::string_view name = bareTypeName<T>();
   std::array<char, name.size() + 1> text{};
-  std::ranges::copy(name, text.begin());
+  for (std::size_t at = 0; at != name.size(); ++at) text[at] = name[at];
   return text;
 }();
 

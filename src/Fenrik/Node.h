@@ -1,8 +1,8 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 
+#include "Fenrik/Atomic.h"
 #include "Fenrik/Export.h"
 #include "Fenrik/KivType.h"
 #include "Fenrik/ThreadControl.h"
@@ -74,20 +74,19 @@ class QUARNBASTIL_EXPORT Node {
   }
 
   std::uint32_t useCount() const noexcept {
-    return std::atomic_ref(useCountAndFlags_).load(std::memory_order_relaxed) & kUseCountMask;
+    return AtomicRef(useCountAndFlags_).loadRelaxed() & kUseCountMask;
   }
 
   bool nodeFlag(NodeFlag flag) const noexcept {
-    return (std::atomic_ref(useCountAndFlags_).load(std::memory_order_relaxed) &
-            static_cast<std::uint32_t>(flag)) != 0;
+    return (AtomicRef(useCountAndFlags_).loadRelaxed() & static_cast<std::uint32_t>(flag)) != 0;
   }
 
   /// Sets or clears one flag and leaves the use count as it is.
   void nodeFlagSet(NodeFlag flag, bool value) const noexcept {
     const auto bit = static_cast<std::uint32_t>(flag);
     if (ThreadControl::tsp_) [[unlikely]] {
-      std::atomic_ref word(useCountAndFlags_);
-      value ? word.fetch_or(bit) : word.fetch_and(~bit);
+      const AtomicRef word(useCountAndFlags_);
+      value ? word.fetchOr(bit) : word.fetchAnd(~bit);
       return;
     }
     useCountAndFlags_ = value ? (useCountAndFlags_ | bit) : (useCountAndFlags_ & ~bit);
@@ -99,15 +98,14 @@ class QUARNBASTIL_EXPORT Node {
  private:
   [[gnu::cold]] std::uint32_t incUseCountShared(std::uint32_t users) const noexcept {
     std::uint32_t word = 0;
-    for (; users != 0; --users) word = std::atomic_ref(useCountAndFlags_).fetch_add(1) + 1;
+    for (; users != 0; --users) word = AtomicRef(useCountAndFlags_).fetchAdd(1) + 1;
     return word & kUseCountMask;
   }
   [[gnu::cold]] bool decUseCountShared() const noexcept {
-    return ((std::atomic_ref(useCountAndFlags_).fetch_sub(1) - 1) & kUseCountMask) == 0;
+    return ((AtomicRef(useCountAndFlags_).fetchSub(1) - 1) & kUseCountMask) == 0;
   }
 
-  alignas(std::atomic_ref<std::uint32_t>::required_alignment) mutable std::uint32_t
-      useCountAndFlags_ = 1;
+  mutable std::uint32_t useCountAndFlags_ = 1;
 };
 
 }  // namespace Fenrik

@@ -2,7 +2,6 @@
 
 #include <compare>
 #include <cstddef>
-#include <functional>
 #include <type_traits>
 #include <typeinfo>
 #include <utility>

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
@@ -105,7 +104,9 @@ class QUARNBASTIL_EXPORT RQueueBase {
 
   /// Capacity of the chunk that is added when `size` elements fill those that are there.
   static std::uint32_t capacityFor(std::uint32_t size) noexcept {
-    return std::clamp(std::bit_ceil(size + 1), Array::kCapacityLeast, Array::kCapacityMost);
+    return size < Array::kCapacityLeast   ? Array::kCapacityLeast
+           : size >= Array::kCapacityMost ? Array::kCapacityMost
+                                          : std::bit_ceil(size + 1);
   }
 
   /// Moves the value out of a slot that is not an element any more and is never destroyed.

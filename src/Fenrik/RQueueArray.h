@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -36,7 +35,7 @@ class RQueueArray {
     return (std::uint32_t{1} << (word_ >> kCapacityLogShift)) & ~std::uint32_t{1};
   }
   /// No slot is left to write; always so of a marker.
-  bool full() const noexcept { return word_ >= kFullWords[word_ >> kCapacityLogShift]; }
+  bool full() const noexcept { return word_ >= kFullWords.of[word_ >> kCapacityLogShift]; }
   bool marker() const noexcept { return word_ < std::uint32_t{1} << kCapacityLogShift; }
   bool usedUp() const noexcept { return readOffset() == writeCount(); }
 
@@ -71,10 +70,13 @@ class RQueueArray {
   /// By the capacity's logarithm, the least word of a full chunk: the write count stands above the
   /// read offset, so one comparison of the whole word tells, in place of four steps to the
   /// capacity.
-  static constexpr std::array<std::uint32_t, 16> kFullWords = [] {
-    std::array<std::uint32_t, 16> words{};
+  struct FullWords {
+    std::uint32_t of[16];
+  };
+  static constexpr FullWords kFullWords = [] {
+    FullWords words{};
     for (std::uint32_t log = 1; std::uint32_t{1} << log <= kCapacityMost; ++log) {
-      words[log] = log << kCapacityLogShift | std::uint32_t{1} << (kWriteCountShift + log);
+      words.of[log] = log << kCapacityLogShift | std::uint32_t{1} << (kWriteCountShift + log);
     }
     return words;
   }();

@@ -1,10 +1,8 @@
 #pragma once
 
-#include <fmt/format.h>
-
+#include <compare>
 #include <cstddef>
-#include <functional>
-#include <string>
+#include <iosfwd>  // declares std::string
 #include <string_view>
 #include <utility>
 
@@ -14,30 +12,56 @@ namespace Fenrik {
 
 namespace Impl {
 
-/// What every string of one character type can do; the text lives in the derived value.
+/// What every string of one character type can do. It owns its text; an empty one may own nothing.
+/// Of its own, and no std::basic_string: half of what a user of a table compiled was <string>.
 template <class Char>
-class StringCommon {
+class QUARNBASTIL_EXPORT StringCommon {
  public:
   using View = std::basic_string_view<Char>;
 
-  StringCommon() = default;
-  explicit StringCommon(View text) : text_(text) {}
-  explicit StringCommon(std::basic_string<Char>&& text) noexcept : text_(std::move(text)) {}
+  StringCommon() noexcept = default;
+  explicit StringCommon(View text) { addRight(text); }
+  StringCommon(const StringCommon& other) : StringCommon(other.view()) {}
+  StringCommon(StringCommon&& other) noexcept { swap(other); }
+  StringCommon& operator=(const StringCommon& other) {
+    if (this != &other) StringCommon(other).swap(*this);
+    return *this;
+  }
+  StringCommon& operator=(StringCommon&& other) noexcept {
+    swap(other);
+    return *this;
+  }
+  ~StringCommon() { delete[] text_; }
 
-  View view() const noexcept { return text_; }
+  View view() const noexcept { return View(data(), size_); }
   /// The text, ended by a zero character.
-  const Char* data() const noexcept { return text_.c_str(); }
-  std::size_t size() const noexcept { return text_.size(); }
-  bool empty() const noexcept { return text_.empty(); }
+  const Char* data() const noexcept { return text_ != nullptr ? text_ : &kEnd; }
+  std::size_t size() const noexcept { return size_; }
+  bool empty() const noexcept { return size_ == 0; }
 
   /// Appends `text`, which may be a part of this very string.
-  void addRight(View text) { text_.append(text); }
+  void addRight(View text) { insert(size_, text); }
   /// Puts `text` in front; it may be a part of this very string.
-  void addLeft(View text) { text_.insert(0, std::basic_string<Char>(text)); }
+  void addLeft(View text) { insert(0, text); }
 
- protected:
-  std::basic_string<Char> text_;
+  void swap(StringCommon& other) noexcept {
+    std::swap(text_, other.text_);
+    std::swap(size_, other.size_);
+    std::swap(room_, other.room_);
+  }
+
+ private:
+  void insert(std::size_t at, View text);
+
+  static constexpr Char kEnd{};
+
+  /// `room_` characters, or null. The text's end is followed by a zero.
+  Char* text_ = nullptr;
+  std::size_t size_ = 0;
+  std::size_t room_ = 0;
 };
+
+extern template class StringCommon<char>;
 
 /// The narrow string.
 class QUARNBASTIL_EXPORT StrB : public StringCommon<char> {
@@ -45,7 +69,7 @@ class QUARNBASTIL_EXPORT StrB : public StringCommon<char> {
   StrB() = default;
   StrB(const char* text) : StringCommon(View(text)) {}
   StrB(View text) : StringCommon(text) {}
-  StrB(std::string&& text) noexcept : StringCommon(std::move(text)) {}
+  StrB(const std::string& text);
 
   StrB& operator+=(View text) {
     addRight(text);
@@ -53,7 +77,7 @@ class QUARNBASTIL_EXPORT StrB : public StringCommon<char> {
   }
 
   operator View() const noexcept { return view(); }
-  std::string str() const { return text_; }
+  std::string str() const;
 
   friend bool operator==(const StrB& a, const StrB& b) noexcept { return a.view() == b.view(); }
   friend bool operator==(const StrB& a, View b) noexcept { return a.view() == b; }
@@ -84,24 +108,11 @@ class QUARNBASTIL_EXPORT StrB : public StringCommon<char> {
 
 }  // namespace Impl
 
-/// The system's string of names, paths and messages: a value, copied by content.
+/// The system's string of names, paths and messages: a value, copied by content. What makes one by
+/// a format stands in `Fenrik/Format.h`.
 using String = Impl::StrB;
 
-/// Text in the manner of the fmt library. The format is checked where it is compiled.
-template <class... Args>
-String formatString(fmt::format_string<Args...> format, Args&&... args) {
-  return String(fmt::format(format, std::forward<Args>(args)...));
-}
-
 }  // namespace Fenrik
-
-template <>
-struct fmt::formatter<Fenrik::String> : fmt::formatter<std::string_view> {
-  template <class Context>
-  auto format(const Fenrik::String& text, Context& context) const {
-    return fmt::formatter<std::string_view>::format(text.view(), context);
-  }
-};
 
 template <>
 struct std::hash<Fenrik::String> {

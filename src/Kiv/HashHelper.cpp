@@ -5,12 +5,12 @@
 
 namespace Kiv {
 
-constinit std::atomic<std::uint32_t> HashHelper::seed_ = 0;
+constinit Fenrik::Atomic<std::uint32_t> HashHelper::seed_;
 
 std::uint32_t HashHelper::seedMade(std::uint32_t wanted) noexcept {
   if (wanted == 0) wanted = std::random_device()() | 1u;
   std::uint32_t present = 0;
-  return seed_.compare_exchange_strong(present, wanted) ? wanted : present;
+  return seed_.compareExchange(present, wanted) ? wanted : present;
 }
 
 std::uint32_t HashHelper::hashBytes(std::uint32_t seed, const void* bytes,

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
+#include "Fenrik/Atomic.h"
 #include "Fenrik/Export.h"
 
 namespace Kiv {
@@ -34,7 +34,7 @@ class QUARNBASTIL_EXPORT HashHelper {
  public:
   /// The process's seed: chosen at random when it is first asked for, never 0, then fixed.
   static std::uint32_t hashSeed32() noexcept {
-    const std::uint32_t seed = seed_.load(std::memory_order_relaxed);
+    const std::uint32_t seed = seed_.loadRelaxed();
     return seed != 0 ? seed : seedMade(0);
   }
 
@@ -65,7 +65,7 @@ class QUARNBASTIL_EXPORT HashHelper {
  private:
   static std::uint32_t seedMade(std::uint32_t wanted) noexcept;
 
-  static std::atomic<std::uint32_t> seed_;
+  static Fenrik::Atomic<std::uint32_t> seed_;
 };
 
 }  // namespace Kiv

@@ -1,8 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <iterator>
-#include <memory>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -41,6 +39,9 @@ class QUARNBASTIL_EXPORT HashMap2018 {
   /// The one record of operations of the collection.
   static constexpr HashMap2018VTable vt_ = Impl::NodeOperations<Node>::table();
 
+  /// What a walk is compared with at its end.
+  struct End {};
+
   /// Walks the map; see `HashMap2018IteratorGeneric` for what changes do to it. `*it` is the node
   /// as the iterator met it.
   class Iterator {
@@ -72,7 +73,7 @@ class QUARNBASTIL_EXPORT HashMap2018 {
     friend bool operator==(const Iterator& a, const Iterator& b) noexcept {
       return a.position_ == b.position_;
     }
-    friend bool operator==(const Iterator& a, std::default_sentinel_t) noexcept { return !a; }
+    friend bool operator==(const Iterator& a, End) noexcept { return !a; }
 
    private:
     HashMap2018IteratorGeneric position_;
@@ -136,14 +137,14 @@ class QUARNBASTIL_EXPORT HashMap2018 {
       return std::nullopt;
     }
     std::optional<Node> deleted(std::move(out.node));
-    std::destroy_at(&out.node);
+    out.node.~Node();
     return deleted;
   }
 
   void memberDelAll() { generic_._memberDelAll(&vt_); }
 
   Iterator begin() const { return Iterator({generic_, &vt_}); }
-  std::default_sentinel_t end() const noexcept { return {}; }
+  End end() const noexcept { return {}; }
   /// On the key; at the end if it is absent.
   Iterator iteratorFromKey(const Key& key) const {
     const Lookup& lookupKey = Traits::lookup(key);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstring>
-#include <memory>
 #include <new>
 #include <type_traits>
 #include <typeinfo>
@@ -43,7 +42,7 @@ struct QUARNBASTIL_EXPORT NodeOperations {
     AllocTrackTypeInfo::trackArrayDeallocation(HashMap2018BucketHdr::bucketHeaderTracker_, 1);
     AllocTrackTypeInfo::trackArrayDeallocation(slotTracker_, hdr->capacity());
     if constexpr (!std::is_trivially_destructible_v<Node>) {
-      std::destroy_n(static_cast<Node*>(hdr->nodes()), hdr->size());
+      destroy(static_cast<Node*>(hdr->nodes()), static_cast<Node*>(hdr->nodes()) + hdr->size());
     }
     OvSlab::slabFreeOrStdFree(const_cast<std::uint32_t*>(hdr->words()), typeid(Node));
   }
@@ -147,25 +146,32 @@ struct QUARNBASTIL_EXPORT NodeOperations {
 
   static void* bytes(Node* node) noexcept { return node; }
 
+  static void destroy(Node* first, const Node* end) noexcept {
+    for (; first != end; ++first) first->~Node();
+  }
+
   static void closeGap(Node* gap, Node* rest, Node* end) noexcept {
     if constexpr (Node::kBytewise) {
-      std::destroy(gap, rest);
+      destroy(gap, rest);
       std::memmove(bytes(gap), bytes(rest), sizeof(Node) * static_cast<std::size_t>(end - rest));
     } else {
-      std::destroy(std::move(rest, end, gap), end);
+      for (; rest != end; ++gap, ++rest) *gap = std::move(*rest);
+      destroy(gap, end);
     }
   }
 
   /// Leaves something at `gap` that may be swapped away.
   static void openSlot(Node* gap, Node* end) noexcept {
     ::new (end) Node(std::move(end[-1]));
-    std::move_backward(gap, end - 1, end);
+    for (Node* slot = end - 1; slot != gap; --slot) *slot = std::move(slot[-1]);
   }
 
   static Node* append(Node* next, const HashMap2018NodeSourceColl::Run& run) noexcept {
     Node* const first = static_cast<Node*>(run.first);
-    return run.mode == MoveOrCopy::move ? std::uninitialized_move_n(first, run.count, next).second
-                                        : std::uninitialized_copy_n(first, run.count, next);
+    for (Node* node = first; node != first + run.count; ++node, ++next) {
+      place(nullptr, next, node, run.mode);
+    }
+    return next;
   }
 };
 

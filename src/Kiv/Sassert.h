@@ -1,11 +1,12 @@
 #pragma once
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <ostream>
 #include <sstream>
 
 #include "Fenrik/Export.h"
+#include "Kiv/StrepFormatter.h"
 
 namespace Kiv {
 

@@ -1,14 +1,16 @@
 #include "Kiv/StrepFormatter.h"
 
+#include <string>
+
 namespace KivFenrik::Impl {
 
 Fenrik::String valueToStrep(Kiv::KivType type, const void* value) {
   const Kiv::TypeFacts* facts = type.facts();
   if (facts == nullptr) return "?";
-  if (facts->textAppend == nullptr) return facts->name;
+  if (facts->textAppend == nullptr) return Fenrik::String(facts->name);
   std::string text;
   facts->textAppend(value, text);
-  return Fenrik::String(std::move(text));
+  return text;
 }
 
 }  // namespace KivFenrik::Impl

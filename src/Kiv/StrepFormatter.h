@@ -1,13 +1,11 @@
 #pragma once
 
-#include <fmt/format.h>
-
-#include <string_view>
+#include <type_traits>
 
 #include "Fenrik/Export.h"
+#include "Fenrik/Format.h"
 #include "Fenrik/Module.h"
 #include "Fenrik/Ptr.h"
-#include "Fenrik/String.h"
 
 namespace KivFenrik::Impl {
 
@@ -19,32 +17,36 @@ QUARNBASTIL_EXPORT Fenrik::String valueToStrep(Kiv::KivType type, const void* va
 
 namespace Kiv {
 
-/// Formatter of a value type by its text form. A value type that stands in a module and has a
-/// `void textAppend(std::string& text) const` is made printable with
+/// A value type that stands in a module. Traces print it by its text form, with the format
+/// specifications of text, and nothing else needs to be declared:
 ///
-///     template <>
-///     struct fmt::formatter<Asic::UnitId> : Kiv::StrepFormatter<Asic::UnitId> {};
+///     class UnitId {
+///      public:
+///       using KivModule = ValueModule;
+///       void textAppend(std::string& text) const;     // in the .cpp
+///     };
+///     struct ValueModule : Kiv::Module<"Values", UnitId, ...> {};
 ///
-/// and then takes the format specifications of text. An exception of the text form ends the
-/// process.
+/// An exception of the text form ends the process.
 template <class T>
-struct StrepFormatter : fmt::formatter<std::string_view> {
-  template <class Context>
-  auto format(const T& value, Context& context) const noexcept {
-    static_assert(
-        requires { typename T::KivModule; }, "the value type names no module");
-    const Fenrik::String text = KivFenrik::Impl::valueToStrep(typeOf<T>(), &value);
-    return fmt::formatter<std::string_view>::format(text.view(), context);
-  }
-};
+concept TextValue = requires {
+  typename T::KivModule;
+}
+&&!std::is_base_of_v<Fenrik::Node, T>;
 
 }  // namespace Kiv
+
+template <Kiv::TextValue T>
+struct fmt::formatter<T> : Fenrik::TextFormatter {
+  auto format(const T& value, fmt::format_context& context) const noexcept {
+    return put(KivFenrik::Impl::valueToStrep(Kiv::typeOf<T>(), &value).view(), context);
+  }
+};
 
 /// A counted pointer prints as the raw pointer.
 template <class T>
 struct fmt::formatter<Fenrik::Ptr<T>> : fmt::formatter<const void*> {
-  template <class Context>
-  auto format(const Fenrik::Ptr<T>& ptr, Context& context) const {
-    return fmt::formatter<const void*>::format(ptr.get(), context);
+  auto format(const Fenrik::Ptr<T>& ptr, fmt::format_context& context) const {
+    return fmt::format_to(context.out(), "{}", static_cast<const void*>(ptr.get()));
   }
 };

@@ -1,12 +1,13 @@
 #pragma once
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <string_view>
 #include <utility>
 
 #include "Fenrik/Export.h"
 #include "Fenrik/Module.h"
+#include "Kiv/StrepFormatter.h"
 #include "Kiv/TraceHandle.h"
 
 namespace Fenrik {

@@ -10,7 +10,7 @@ namespace Kiv {
 // A handle has nothing to undo at exit.
 static_assert(std::is_trivially_destructible_v<TraceHandle>);
 
-constinit TraceMask kTraceHandleNotEntered{{{{0xff}, {0xff}}}};
+constinit TraceMask kTraceHandleNotEntered{{0xff, 0xff}};
 
 TraceHandle::TraceHandle(const char* name, bool everyLevel)
     : TraceHandle(Fenrik::String(name), everyLevel) {}
@@ -19,14 +19,14 @@ TraceHandle::TraceHandle(Fenrik::String name, bool everyLevel)
     : control_(TraceRegistry::instance().record(std::move(name), everyLevel)) {}
 
 const TraceControlRecord& TraceHandle::record() const noexcept {
-  const TraceMask* mask = control_.load(std::memory_order_acquire);
+  const TraceMask* mask = control_.loadAcquire();
   if (mask == &kTraceHandleNotEntered) {
     static std::mutex entering;
     const std::lock_guard lock(entering);
-    mask = control_.load(std::memory_order_relaxed);
+    mask = control_.loadRelaxed();
     if (mask == &kTraceHandleNotEntered) {
       mask = TraceRegistry::instance().record(Fenrik::String(name_), false);
-      control_.store(mask, std::memory_order_release);
+      control_.storeRelease(mask);
     }
   }
   return static_cast<const TraceControlRecord&>(*mask);

@@ -1,9 +1,8 @@
 #pragma once
 
-#include <array>
-#include <atomic>
 #include <cstdint>
 
+#include "Fenrik/Atomic.h"
 #include "Fenrik/Export.h"
 #include "Fenrik/String.h"
 
@@ -19,21 +18,20 @@ inline constexpr ConstantHandle kConstantHandle;
 /// The levels of a control record. Read by every trace site, bytewise and without order: a level
 /// that is switched while a site runs may be seen a little later. Written by `TraceControl`.
 struct TraceMask {
-  bool levelEnabled(unsigned level) const noexcept {
-    return (bytes[level / 8].load(std::memory_order_relaxed) >> (level % 8) & 1) != 0;
+  [[gnu::always_inline]] bool levelEnabled(unsigned level) const noexcept {
+    return (bytes[level / 8].loadRelaxed() >> (level % 8) & 1) != 0;
   }
   /// Bit L is level L. The two bytes are stored one after the other.
   void maskIs(std::uint16_t mask) noexcept {
-    bytes[0].store(static_cast<std::uint8_t>(mask), std::memory_order_relaxed);
-    bytes[1].store(static_cast<std::uint8_t>(mask >> 8), std::memory_order_relaxed);
+    bytes[0].storeRelaxed(static_cast<std::uint8_t>(mask));
+    bytes[1].storeRelaxed(static_cast<std::uint8_t>(mask >> 8));
   }
   std::uint16_t mask() const noexcept {
-    return static_cast<std::uint16_t>(bytes[0].load(std::memory_order_relaxed) |
-                                      bytes[1].load(std::memory_order_relaxed) << 8);
+    return static_cast<std::uint16_t>(bytes[0].loadRelaxed() | bytes[1].loadRelaxed() << 8);
   }
 
   /// Levels 0 to 7, then 8 to 15.
-  std::array<std::atomic<std::uint8_t>, 2> bytes{};
+  Fenrik::Atomic<std::uint8_t> bytes[2]{};
 };
 
 /// What the handles of one name share.
@@ -41,7 +39,7 @@ struct TraceControlRecord : TraceMask {
   explicit TraceControlRecord(Fenrik::String handleName) : name(std::move(handleName)) {}
 
   /// Handles made on this record.
-  std::atomic<unsigned> handleCount{0};
+  Fenrik::Atomic<unsigned> handleCount{0};
   const Fenrik::String name;
 };
 
@@ -75,8 +73,8 @@ class QUARNBASTIL_EXPORT TraceHandle {
   TraceHandle& operator=(const TraceHandle&) = delete;
 
   /// REQUIRES: level < kTraceLevels.
-  bool levelEnabled(unsigned level) const noexcept {
-    if (!control_.load(std::memory_order_acquire)->levelEnabled(level)) [[likely]]
+  [[gnu::always_inline]] bool levelEnabled(unsigned level) const noexcept {
+    if (!control_.loadAcquire()->levelEnabled(level)) [[likely]]
       return false;
     return surelyEnabled(level);
   }
@@ -88,7 +86,7 @@ class QUARNBASTIL_EXPORT TraceHandle {
   /// The control record, made now if this is the handle's first use.
   [[gnu::cold]] const TraceControlRecord& record() const noexcept;
 
-  mutable std::atomic<const TraceMask*> control_;
+  mutable Fenrik::Atomic<const TraceMask*> control_;
   const char* name_ = nullptr;
 };
 

@@ -15,7 +15,7 @@ TraceControlRecord* TraceRegistry::record(Fenrik::String name, bool everyLevel) 
   if (member == nullptr) member = std::make_unique<Member>(std::move(name));
   member->everyLevel |= everyLevel;
   maskUpdate(*member);
-  ++member->control.handleCount;
+  member->control.handleCount.fetchAdd(1);
   return &member->control;
 }
 
@@ -48,7 +48,8 @@ std::vector<TraceControl::HandleInfo> TraceRegistry::handles() const {
   const std::lock_guard lock(mutex_);
   std::vector<TraceControl::HandleInfo> infos;
   for (const auto& [name, member] : members_)
-    infos.push_back({member->control.name, member->control.mask(), member->control.handleCount});
+    infos.push_back(
+        {member->control.name, member->control.mask(), member->control.handleCount.loadRelaxed()});
   return infos;
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Fenrik/Exception.h"
+#include "Fenrik/Format.h"
 
 namespace Asic {
 
@@ -44,6 +45,14 @@ Fenrik::String Constants::canonicalGroupTableConfigDriftPathBase(
     const Fenrik::String& tableName) {
   return Fenrik::formatString("{}{}", tablePath(canonicalGroup, tableNamespace, tableName),
                               kConfigFolder);
+}
+
+Fenrik::String Constants::configDriftPath(const Fenrik::String& canonicalGroup,
+                                          const Fenrik::String& tableNamespace,
+                                          const Fenrik::String& tableName, UnitId unitId) {
+  return Fenrik::formatString(
+      "{}{}", canonicalGroupTableConfigDriftPathBase(canonicalGroup, tableNamespace, tableName),
+      unitId);
 }
 
 Fenrik::String Constants::canonicalGroupTableEntryLogDriftPath(const Fenrik::String& canonicalGroup,

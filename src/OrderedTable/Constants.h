@@ -23,6 +23,9 @@ class QUARNBASTIL_EXPORT Constants {
   static Fenrik::String canonicalGroupTableConfigDriftPathBase(const Fenrik::String& canonicalGroup,
                                                                const Fenrik::String& tableNamespace,
                                                                const Fenrik::String& tableName);
+  static Fenrik::String configDriftPath(const Fenrik::String& canonicalGroup,
+                                        const Fenrik::String& tableNamespace,
+                                        const Fenrik::String& tableName, UnitId unitId);
   static Fenrik::String canonicalGroupTableEntryLogDriftPath(const Fenrik::String& canonicalGroup,
                                                              const Fenrik::String& tableNamespace,
                                                              const Fenrik::String& tableName,

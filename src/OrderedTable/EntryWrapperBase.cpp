@@ -1,6 +1,7 @@
 #include "OrderedTable/EntryWrapperBase.h"
 
 #include "Kiv/Trace.h"
+#include "OrderedTable/ResourceHooks.h"
 #include "OrderedTable/TableCore.h"
 
 namespace Asic {
@@ -11,9 +12,14 @@ void EntryWrapperBase::finalizeOnSuccess(const TableDescriptor& descriptor, Orde
                                          bool isDeleted) {
   KIV_TRACE(descriptor.traces.table, 8, descriptor.names.wrapper, " key: {} isDeleted: {}",
             KeyText(descriptor, entryBytes_), isDeleted);
+  if (!isDeleted) resolvedFieldsSet(descriptor);
   // The hook may replace its own helper.
   const Fenrik::Ptr<Fenrik::Node> helper = table.core()->swTableHelper();
   descriptor.helper.finalizeOnSuccess(*helper, *this, isDeleted, table);
+}
+
+void EntryWrapperBase::resolvedFieldsSet(const TableDescriptor& descriptor) {
+  if (descriptor.resources != nullptr) descriptor.resources->setResolvedFields(*this);
 }
 
 bool EntryWrapperBase::finalizeOnFailure(const TableDescriptor& descriptor, OrderedSwTable& table,

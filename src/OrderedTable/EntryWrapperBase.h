@@ -34,6 +34,8 @@ class QUARNBASTIL_EXPORT EntryWrapperBase : public Fenrik::Node {
 
   /// The commit of a write or of a single remove goes ahead: tells the helper.
   void finalizeOnSuccess(const TableDescriptor& descriptor, OrderedSwTable& table, bool isDeleted);
+  /// Takes what comes of resources into the entry.
+  void resolvedFieldsSet(const TableDescriptor& descriptor);
   /// A resource failed: asks the helper whether the operation goes on all the same.
   bool finalizeOnFailure(const TableDescriptor& descriptor, OrderedSwTable& table, bool isDeleted);
 

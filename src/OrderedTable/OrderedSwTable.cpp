@@ -1,5 +1,6 @@
 #include "OrderedTable/OrderedSwTable.h"
 
+#include "Fenrik/Format.h"
 #include "OrderedTable/OrderedSwTableSet.h"
 #include "OrderedTable/ResolverEntry.h"
 #include "OrderedTable/SwTableIteratorState.h"

@@ -60,7 +60,9 @@ bool TableCore::isResolverEntryResolved(const TableResolverEntry& item) {
   return true;
 }
 
-void TableCore::commitEntry(const TableResolverEntry& item) {
+void TableCore::commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) {
+  FENRIK_ASSERT(typeid(*resolverEntry) == descriptor_.resolverEntryType);
+  const auto& item = static_cast<const TableResolverEntry&>(*resolverEntry);
   const WrapperPtr wrapper = item.wrapper();
   const DependencyPtr dependency = item.dependantEntryHandle();
   KIV_TRACE(trace(), 8, "", "Entry: {}, isEntryDeleted: {}, isTableDeleted: {}",

@@ -82,7 +82,7 @@ class QUARNBASTIL_EXPORT TableCore {
 
   // What the resolver asks for.
   bool isResolverEntryResolved(const TableResolverEntry& item);
-  void commitEntry(const TableResolverEntry& item);
+  void commitEntry(const Fenrik::Ptr<ResolverEntry>& item);
   /// Logs a configured entry again whose resolved fields have changed. Null when the key has no
   /// configured entry. Throws `Drift::CollectionFullException`, `Drift::NoSpaceException`.
   HandlePtr updateEntry(const void* key);

@@ -131,6 +131,7 @@ struct TableDescriptor {
   std::uint16_t tableFieldBase;
   Kiv::KivType tableType;
   const std::type_info& handleType;
+  const std::type_info& resolverEntryType;
   /// Compares two keys of the family's type.
   bool (*keyIsEq)(const void* a, const void* b) noexcept;
   Names names;

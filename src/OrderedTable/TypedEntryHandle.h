@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Fenrik/Format.h"
 #include "OrderedTable/OrderedSwTable.h"
 
 namespace Asic {

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "Drift/Format.h"
+#include "Fenrik/Format.h"
 #include "Fenrik/Module.h"
 #include "Fenrik/NodeClass.h"
 #include "OrderedTable/Constants.h"

@@ -4,6 +4,7 @@
 #include <memory>
 #include <random>
 
+#include "Fenrik/Format.h"
 #include "Lamp.h"
 #include "Support/Ear.h"
 #include "Support/Soak.h"

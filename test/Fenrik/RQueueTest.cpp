@@ -9,6 +9,7 @@
 
 #include "Fenrik/NodeClass.h"
 #include "Fenrik/QueueAttribute.h"
+#include "OvSlab/AllocReport.h"
 #include "Support/Ear.h"
 #include "Support/Soak.h"
 
@@ -33,7 +34,7 @@ std::uint64_t numberOf(const Item::Ptr* ptr) { return ptr != nullptr ? numberOf(
 
 /// What the process holds of a class or queue, by the end of its name.
 Kiv::AllocTrackRow tracked(const std::string& part) {
-  for (const Kiv::AllocTrackRow& row : Kiv::AllocTrackTypeInfo::report()) {
+  for (const Kiv::AllocTrackRow& row : Kiv::allocTrackRows()) {
     if (row.typeName.find(part) != std::string::npos) return row;
   }
   return {};

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "Fenrik/Format.h"
 #include "Fenrik/NodeClass.h"
 #include "Kiv/HashHelper.h"
 #include "Kiv/HashMap2018.h"

@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "Fenrik/Format.h"
 #include "Fenrik/NodeClass.h"
-#include "Kiv/FormatText.h"
 #include "Kiv/StrepFormatter.h"
 #include "Kiv/Trace.h"
 #include "Kiv/TraceControl.h"
@@ -33,15 +33,6 @@ struct Plain {
 };
 class Lamp final : public Fenrik::NodeClass<Lamp> {};
 struct TraceTestModule : Kiv::Module<"TraceTest", UnitId, Plain> {};
-
-}  // namespace
-
-template <>
-struct fmt::formatter<UnitId> : Kiv::StrepFormatter<UnitId> {};
-template <>
-struct fmt::formatter<Plain> : Kiv::StrepFormatter<Plain> {};
-
-namespace {
 
 using Kiv::TraceControl;
 

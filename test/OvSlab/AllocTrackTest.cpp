@@ -18,7 +18,7 @@ struct Large {};
 struct Shared {};
 
 AllocTrackRow rowOf(const std::string& name) {
-  const std::vector<AllocTrackRow> rows = AllocTrackTypeInfo::report();
+  const std::vector<AllocTrackRow> rows = Kiv::allocTrackRows();
   const auto found = std::ranges::find_if(
       rows, [&](const AllocTrackRow& row) { return row.typeName.ends_with(name); });
   return found == rows.end() ? AllocTrackRow{} : *found;
@@ -49,7 +49,7 @@ TEST(AllocTrackTest, TheReportHoldsWhatIsLiveWhatWasMostAndWhatWasEverMade) {
     EXPECT_EQ(rowOf("::Small").peak, 38u);
 
     AllocTrackTypeInfo::_trackAllocation(&large, typeid(Large), 4000, 8);
-    const std::vector<AllocTrackRow> rows = AllocTrackTypeInfo::report();
+    const std::vector<AllocTrackRow> rows = Kiv::allocTrackRows();
     EXPECT_TRUE(std::ranges::is_sorted(rows, std::ranges::greater(), &AllocTrackRow::liveBytes));
     EXPECT_THAT(Kiv::allocReport(), testing::ContainsRegex("4000 .*::Large\n"));
     AllocTrackTypeInfo::trackDeallocation(large);

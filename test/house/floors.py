@@ -18,8 +18,9 @@ FLOORS = (
 # What a room may use of its own floor.
 BESIDE = {
     "Fenrik": ("OvSlab/",),
-    # Two leaf headers with no code behind them: the slab is made before the nodes that live in it.
-    "OvSlab": ("Fenrik/Export.h", "Fenrik/ThreadControl.h"),
+    # Leaf headers that include nothing but one another: the slab is made before the nodes in it.
+    "OvSlab": ("Fenrik/Export.h", "Fenrik/ThreadControl.h", "Fenrik/Atomic.h",
+               "Fenrik/ForkGuard.h"),
     "Blipline": ("Kiv/",),
     "KivDrift": ("Drift/",),
     "KivSharedMem": ("Drift/", "KivDrift/"),

@@ -1,6 +1,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "Fenrik/Format.h"
 #include "ctl/Command.h"
 
 namespace Ctl {

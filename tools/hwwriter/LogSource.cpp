@@ -1,5 +1,7 @@
 #include "hwwriter/LogSource.h"
 
+#include "Fenrik/Format.h"
+
 namespace HwWriter {
 
 using Drift::DenseRead;

@@ -4,6 +4,8 @@
 #include <limits>
 #include <map>
 
+#include "Fenrik/Format.h"
+
 namespace HwWriter {
 namespace {
 

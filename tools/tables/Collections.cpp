@@ -1,5 +1,6 @@
 #include "tables/Collections.h"
 
+#include "Fenrik/Format.h"
 #include "OrderedTable/Constants.h"
 
 namespace Tables {

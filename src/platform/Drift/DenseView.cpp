@@ -1,4 +1,5 @@
 #include "Drift/DenseCollection.h"
+#include "Fenrik/Format.h"
 
 namespace Drift {
 

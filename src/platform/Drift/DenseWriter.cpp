@@ -3,6 +3,7 @@
 
 #include "Drift/DenseCollection.h"
 #include "Fenrik/Assert.h"
+#include "Fenrik/Format.h"
 
 namespace Drift {
 

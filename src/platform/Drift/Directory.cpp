@@ -11,6 +11,8 @@
 #include <cstring>
 #include <memory>
 
+#include "Fenrik/Format.h"
+
 namespace Drift {
 
 void Descriptor::reset() noexcept {

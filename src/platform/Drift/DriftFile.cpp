@@ -16,6 +16,8 @@
 #include <optional>
 #include <random>
 
+#include "Fenrik/Format.h"
+
 namespace Drift {
 
 namespace {

@@ -2,6 +2,7 @@
 #include <array>
 
 #include "Drift/HashedCollection.h"
+#include "Fenrik/Format.h"
 
 namespace Drift {
 

@@ -6,6 +6,7 @@
 #include "Drift/Crc32c.h"
 #include "Drift/DriftError.h"
 #include "Fenrik/Assert.h"
+#include "Fenrik/Format.h"
 
 namespace Drift {
 

@@ -1,6 +1,7 @@
 #include "KivDrift/CollectionControl.h"
 
 #include "Fenrik/Assert.h"
+#include "Fenrik/Format.h"
 
 namespace KivDrift {
 

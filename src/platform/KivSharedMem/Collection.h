@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "Drift/DriftMap.h"
+#include "Fenrik/Format.h"
 #include "KivSharedMem/Entity.h"
 
 namespace KivSharedMem {

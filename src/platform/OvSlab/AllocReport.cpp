@@ -4,7 +4,6 @@
 
 #include <iterator>
 
-#include "OvSlab/AllocTrackTypeInfo.h"
 #include "OvSlab/SlabStats.h"
 
 namespace Kiv {
@@ -14,7 +13,7 @@ std::string allocReport() {
   const auto out = std::back_inserter(text);
   fmt::format_to(out, "{:>14} {:>12} {:>12} {:>14} {:>8}  {}\n", "live bytes", "live", "peak",
                  "total", "size", "class");
-  for (const AllocTrackRow& row : AllocTrackTypeInfo::report()) {
+  for (const AllocTrackRow& row : allocTrackRows()) {
     fmt::format_to(out, "{:>14} {:>12} {:>12} {:>14} {:>8}  {}\n", row.liveBytes, row.live,
                    row.peak, row.total, row.size, row.typeName);
   }

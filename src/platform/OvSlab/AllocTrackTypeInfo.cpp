@@ -1,11 +1,14 @@
 #include "OvSlab/AllocTrackTypeInfo.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <typeindex>
 #include <unordered_map>
 
+#include "OvSlab/AllocReport.h"
 #include "OvSlab/TypeName.h"
 
 namespace Kiv {
@@ -34,7 +37,7 @@ AllocTrackTypeInfo& AllocTrackTypeInfo::makeRecord(AllocTrackTypeInfo** tracker,
   const std::lock_guard lock(all.mutex);
   AllocTrackTypeInfo*& info = all.records[type];
   if (info == nullptr) {
-    info = new AllocTrackTypeInfo(OvSlab::Impl::typeName(type), size, alignment);
+    info = new AllocTrackTypeInfo(::strdup(OvSlab::Impl::typeName(type).c_str()), size, alignment);
   }
   std::atomic_ref(*tracker).store(info, std::memory_order_release);
   return *info;
@@ -70,7 +73,9 @@ AllocTrackRow AllocTrackTypeInfo::row() const {
           made,      read(arrays_), live * size_};
 }
 
-std::vector<AllocTrackRow> AllocTrackTypeInfo::report() {
+unsigned long long AllocTrackTypeInfo::liveCount() const { return row().live; }
+
+std::vector<AllocTrackRow> allocTrackRows() {
   std::vector<AllocTrackRow> rows;
   {
     Registry& all = registry();

@@ -1,31 +1,15 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <string>
 #include <typeinfo>
-#include <vector>
 
+#include "Fenrik/Atomic.h"
 #include "Fenrik/Export.h"
 #include "Fenrik/ThreadControl.h"
 
 namespace Kiv {
 
-/// One class in the report of what is allocated.
-struct AllocTrackRow {
-  std::string typeName;
-  /// Bytes of one object or array element, and its alignment (0 where only arrays were told).
-  unsigned size;
-  unsigned alignment;
-  /// Objects and array elements: alive now, alive at most at one time, ever made.
-  std::uint64_t live;
-  std::uint64_t peak;
-  std::uint64_t total;
-  /// Arrays alive; their elements are counted above.
-  std::uint64_t liveArrays;
-  /// `live` times `size`.
-  std::uint64_t liveBytes;
-};
+struct AllocTrackRow;
 
 /// What one tracked class holds: one record per class, made by its first allocation and never gone.
 ///
@@ -61,18 +45,16 @@ class QUARNBASTIL_EXPORT AllocTrackTypeInfo {
   }
 
   /// Objects and array elements that are alive.
-  unsigned long long liveCount() const { return row().live; }
+  unsigned long long liveCount() const;
 
+  /// All figures, as `OvSlab/AllocReport.h` explains them.
   AllocTrackRow row() const;
-
-  /// Every class that was ever tracked, those first that hold the most bytes.
-  static std::vector<AllocTrackRow> report();
 
  private:
   using Count = std::uint64_t;
 
-  AllocTrackTypeInfo(std::string typeName, unsigned size, unsigned alignment)
-      : typeName_(std::move(typeName)), size_(size), alignment_(alignment) {}
+  AllocTrackTypeInfo(const char* typeName, unsigned size, unsigned alignment)
+      : typeName_(typeName), size_(size), alignment_(alignment) {}
 
   void madeInc(Count count) noexcept {
     if (Fenrik::ThreadControl::tsp_) [[unlikely]]
@@ -93,7 +75,7 @@ class QUARNBASTIL_EXPORT AllocTrackTypeInfo {
   /// Arrays are counted alive only; a step of -1 wraps.
   void arraysInc(Count step) noexcept {
     if (Fenrik::ThreadControl::tsp_) [[unlikely]] {
-      std::atomic_ref(arrays_).fetch_add(step, std::memory_order_relaxed);
+      Fenrik::AtomicRef(arrays_).fetchAdd(step);
     } else {
       arrays_ += step;
     }
@@ -105,7 +87,7 @@ class QUARNBASTIL_EXPORT AllocTrackTypeInfo {
   static AllocTrackTypeInfo& record(AllocTrackTypeInfo** tracker, const std::type_info& type,
                                     unsigned size, unsigned alignment) {
     if (Fenrik::ThreadControl::tsp_) [[unlikely]] {
-      AllocTrackTypeInfo* const info = std::atomic_ref(*tracker).load(std::memory_order_acquire);
+      AllocTrackTypeInfo* const info = Fenrik::AtomicRef(*tracker).loadAcquire();
       return info != nullptr ? *info : makeRecord(tracker, type, size, alignment);
     }
     return *tracker != nullptr ? **tracker : makeRecord(tracker, type, size, alignment);
@@ -120,7 +102,8 @@ class QUARNBASTIL_EXPORT AllocTrackTypeInfo {
   Count madeLimit_ = 0;
   Count peak_ = 0;
   Count arrays_ = 0;
-  const std::string typeName_;
+  /// Never freed, as the record is.
+  const char* const typeName_;
   const unsigned size_;
   const unsigned alignment_;
 };

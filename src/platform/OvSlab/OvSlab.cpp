@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <utility>
 
 #include "OvSlab/SlabMemory.h"
@@ -46,10 +47,10 @@ struct HeadLists {
 constinit HeadLists headLists[kHeadCount];
 constinit SlabMemory memory;
 
-template <std::size_t... indices>
-constexpr auto emptyHeads(std::index_sequence<indices...>) {
-  return std::array<Head, sizeof...(indices)>{
-      (static_cast<void>(indices), Head{&noSlab, nullptr})...};
+constexpr Heads emptyHeads() {
+  Heads heads{};
+  for (Head& head : heads.all) head.current = &noSlab;
+  return heads;
 }
 
 std::uint64_t liveIn(const Slab& slab) noexcept { return slab.taken - slab.given; }
@@ -167,8 +168,7 @@ template <class... Args>
 }  // namespace
 
 constinit Range SlabHeap::range_{};
-constinit std::array<Head, kHeadCount> SlabHeap::heads_ =
-    emptyHeads(std::make_index_sequence<kHeadCount>());
+constinit Heads SlabHeap::heads_ = emptyHeads();
 
 void* allocOutOfLine(unsigned size, SlabAllocationPattern pattern) noexcept {
   if (size <= kSlabObjectLimit) {

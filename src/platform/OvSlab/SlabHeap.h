@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <typeinfo>
@@ -80,6 +79,12 @@ struct Head {
   void* spare;
 };
 
+/// The heads of all patterns and size classes, by `headIndexOf`.
+struct Heads {
+  Head all[kHeadCount];
+  Head& operator[](unsigned headIndex) noexcept { return all[headIndex]; }
+};
+
 /// Where slabs are: one range of addresses, reserved once, so that a comparison tells whether
 /// storage came from a slab.
 struct Range {
@@ -92,7 +97,7 @@ struct Range {
 
 struct QUARNBASTIL_EXPORT SlabHeap {
   static Range range_;
-  static std::array<Head, kHeadCount> heads_;
+  static Heads heads_;
 };
 
 constexpr unsigned headIndexOf(unsigned size, SlabAllocationPattern pattern) noexcept {

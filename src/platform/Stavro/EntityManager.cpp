@@ -7,6 +7,7 @@
 
 #include "Fenrik/Assert.h"
 #include "Fenrik/Exception.h"
+#include "Fenrik/Format.h"
 
 namespace Stavro {
 

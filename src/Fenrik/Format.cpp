@@ -1,0 +1,20 @@
+#include "Fenrik/Format.h"
+
+#include <fmt/format.h>
+
+#include <iterator>
+
+namespace OvFmt::Detail {
+
+Fenrik::String formatFenrikString(fmt::string_view format, fmt::format_args args) {
+  fmt::memory_buffer text;
+  fmt::vformat_to(std::back_inserter(text), format, args);
+  return Fenrik::String(std::string_view(text.data(), text.size()));
+}
+
+fmt::format_context::iterator textPut(const fmt::formatter<std::string_view>& specification,
+                                      std::string_view text, fmt::format_context& context) {
+  return specification.format(text, context);
+}
+
+}  // namespace OvFmt::Detail

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <fmt/core.h>
+
+#include <string_view>
+
+#include "Fenrik/Export.h"
+#include "Fenrik/String.h"
+
+// What makes text of values, for sources that do so; no header of the system needs it. The work is
+// done out of line, and of the fmt library only its core is read here.
+
+namespace OvFmt::Detail {
+
+/// Text in the manner of the fmt library from packed arguments. Throws `fmt::format_error`.
+QUARNBASTIL_EXPORT Fenrik::String formatFenrikString(fmt::string_view format,
+                                                     fmt::format_args args);
+
+/// Writes `text` as the specification says, which has been parsed.
+QUARNBASTIL_EXPORT fmt::format_context::iterator textPut(
+    const fmt::formatter<std::string_view>& specification, std::string_view text,
+    fmt::format_context& context);
+
+}  // namespace OvFmt::Detail
+
+namespace Fenrik {
+
+/// Text in the manner of the fmt library. The format is checked where it is compiled.
+template <class... Args>
+String formatString(fmt::format_string<Args...> format, Args&&... args) {
+  return OvFmt::Detail::formatFenrikString(format, fmt::make_format_args(args...));
+}
+
+/// Base of formatters of what is told by a text, with the specifications of text.
+struct TextFormatter : fmt::formatter<std::string_view> {
+ protected:
+  auto put(std::string_view text, fmt::format_context& context) const {
+    return OvFmt::Detail::textPut(*this, text, context);
+  }
+};
+
+}  // namespace Fenrik
+
+template <>
+struct fmt::formatter<Fenrik::String> : Fenrik::TextFormatter {
+  auto format(const Fenrik::String& text, fmt::format_context& context) const {
+    return put(text.view(), context);
+  }
+};
