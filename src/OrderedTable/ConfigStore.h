@@ -63,7 +63,7 @@ class ConfigStore {
   bool first(std::span<Word> record) const;
   bool next(const Word* key, std::span<Word> record) const;
   ConfigRecord recordOf(const Word* words) const noexcept { return {shapes_, words}; }
-  std::vector<Word> recordRoom() const { return std::vector<Word>(recordWords_); }
+  std::size_t recordWords() const noexcept { return recordWords_; }
 
   /// Inserts a record, or replaces the one of its key. `logEntry` is canonical and begins with it.
   void store(const Word* key, const Word* logEntry, const void* resourceKeys, LogVersion version,
@@ -96,7 +96,7 @@ class ConfigStore {
 
 template <class Visit>
 void ConfigStore::walk(Visit visit) const {
-  std::vector<Word> record = recordRoom();
+  std::vector<Word> record(recordWords_);
   std::vector<Word> key(shapes_.key.words());
   for (bool more = first(record); more; more = next(key.data(), record)) {
     shapes_.key.toWords(record.data(), key.data());

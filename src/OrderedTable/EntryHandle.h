@@ -13,7 +13,7 @@
 
 namespace Asic {
 
-class QUARNBASTIL_EXPORT OrderedSwTable;
+class OrderedSwTable;
 
 /// The life of one client operation as its handle shows it.
 enum class QUARNBASTIL_EXPORT EntryState : std::uint8_t {

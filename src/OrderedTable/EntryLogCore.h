@@ -98,7 +98,7 @@ class QUARNBASTIL_EXPORT EntryLogCore : public EntryLogBase {
   static constexpr Fenrik::FieldId kTableEntryLogField{kFieldBase + 2};
   static constexpr Fenrik::FieldId kTableConfigDriftField{kFieldBase + 3};
 
-  EntryLogCore(const TableDescriptor& descriptor,
+  EntryLogCore(const TableDescriptor& descriptor, SwTableId tableId,
                const Fenrik::Ptr<Stavro::EntityManager>& entityManager,
                const Fenrik::Ptr<GroupInterface>& groupInterface, const Fenrik::String& agentName);
 

@@ -12,11 +12,11 @@
 
 namespace Asic {
 
-EntryLogCore::EntryLogCore(const TableDescriptor& descriptor,
+EntryLogCore::EntryLogCore(const TableDescriptor& descriptor, SwTableId tableId,
                            const Fenrik::Ptr<Stavro::EntityManager>& entityManager,
                            const Fenrik::Ptr<GroupInterface>& groupInterface,
                            const Fenrik::String& agentName)
-    : EntryLogBase(descriptor.tableId, entityManager, groupInterface, agentName),
+    : EntryLogBase(tableId, entityManager, groupInterface, agentName),
       descriptor_(descriptor),
       entry_(descriptor.records.logEntry.words()) {}
 

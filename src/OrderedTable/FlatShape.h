@@ -12,7 +12,7 @@
 namespace Asic {
 
 /// What compiled-once code knows of a flat type: which of its bytes mean something, and their names.
-struct FlatShape {
+struct QUARNBASTIL_EXPORT FlatShape {
   using Word = Drift::Format::Word;
 
   std::size_t size;

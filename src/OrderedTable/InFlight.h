@@ -45,7 +45,7 @@ struct InFlightKey {
 /// I1. A key is in the index exactly while it is not `empty()`.
 /// I2. A walk survives every change: keys keep their places in order of arrival, and one that goes
 ///     while a walk stands on it stays until the walk has moved on.
-class InFlight {
+class QUARNBASTIL_EXPORT InFlight {
  public:
   using Word = FlatShape::Word;
 
@@ -72,7 +72,7 @@ class InFlight {
   std::uint32_t versions() const noexcept { return versions_; }
 
   /// Keeps a key in memory while somebody is told of its change, whatever he does.
-  class Hold {
+  class QUARNBASTIL_EXPORT Hold {
    public:
     Hold(InFlight& index, InFlightKey& key) noexcept : index_(index), key_(key) { ++key.walks_; }
     ~Hold() { index_.release(key_); }
@@ -89,7 +89,7 @@ class InFlight {
   static bool shows(View view, const InFlightKey& key) noexcept;
 
   /// A place in a view. It stays on its key when that goes: the key is readable, `gone()` is true.
-  class Walk {
+  class QUARNBASTIL_EXPORT Walk {
    public:
     /// On the first key of the view, or on `from`, or at the end if the view does not show that.
     Walk(const InFlight& index, View view);

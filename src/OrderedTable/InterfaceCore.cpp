@@ -54,7 +54,7 @@ Fenrik::Ptr<TableInterfaceBase> InterfaceCore::registered(const TableDescriptor&
 
 void InterfaceCore::handleInitialized() {
   const auto singleton = SwTableInterfacesSingleton::instance();
-  const Fenrik::String key = registryKey();
+  const Fenrik::String key = registeredAs();
   if (singleton->swTableIntfHas(key)) failSecond();
   const SwTableId tableId = descriptor_.tableId;
   ordTblIntf()->makeGroupIntf(agentName(), Fenrik::String(descriptor_.groupName),
@@ -157,7 +157,7 @@ void InterfaceCore::reconcile() {
 
 void InterfaceCore::onDelete() {
   KIV_TRACE(trace(), 2, name(), " onDelete ");
-  ordTblIntf()->swTableIntfDel(registryKey());
+  ordTblIntf()->swTableIntfDel(registeredAs());
 }
 
 const Fenrik::Ptr<EntryLogCore>& InterfaceCore::entryLogIs(
@@ -224,11 +224,11 @@ void InterfaceCore::releaseTables(const Fenrik::Ptr<OrderedSwTableSet>& set) {
 
 void InterfaceCore::failSecond() const {
   const Fenrik::String condition =
-      Fenrik::formatString("!singleton->swTableIntfHas( \"{}\" )", registryKey());
+      Fenrik::formatString("!singleton->swTableIntfHas( \"{}\" )", registeredAs());
   { Kiv::SassertHelper(condition.data()) << "Interface already created"; }
   // The place that a reader looks for is the family's.
   const Fenrik::String function =
-      Fenrik::formatString("void {}::handleInitialized()", registryKey());
+      Fenrik::formatString("void {}::handleInitialized()", registeredAs());
   Kiv::Impl::sassertFail(condition.data(), name(), __LINE__, function.data());
 }
 

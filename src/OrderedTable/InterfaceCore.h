@@ -65,7 +65,7 @@ class QUARNBASTIL_EXPORT InterfaceCore : public TableInterfaceBase {
  private:
   const Kiv::TraceHandle& trace() const noexcept { return descriptor_.traces.interface; }
   const char* name() const noexcept { return descriptor_.names.interface; }
-  Fenrik::String registryKey() const { return Fenrik::String(descriptor_.names.registryKey); }
+  Fenrik::String registeredAs() const { return Fenrik::String(descriptor_.names.registryKey); }
   Fenrik::String agentName() const { return Fenrik::String(descriptor_.agentName); }
   Fenrik::String canonicalGroupName() const;
   Fenrik::Ptr<GroupInterface> group() const;

@@ -14,9 +14,9 @@
 
 namespace Asic {
 
-class QUARNBASTIL_EXPORT OrderedSwTableSet;
-class QUARNBASTIL_EXPORT ResolverEntry;
-class QUARNBASTIL_EXPORT TableCore;
+class OrderedSwTableSet;
+class ResolverEntry;
+class TableCore;
 
 /// Base of every software table: what the framework asks of one.
 class QUARNBASTIL_EXPORT SwTableBase : public Kiv::Entity {

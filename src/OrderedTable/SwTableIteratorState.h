@@ -39,7 +39,7 @@ class IterFlags {
   std::uint8_t bits_ = 0;
 };
 
-class QUARNBASTIL_EXPORT OrderedSwTable;
+class OrderedSwTable;
 
 /// The position of an iteration: flags and the key of the next entry to visit, nothing else, so
 /// that whatever happens to the table between two steps is harmless. It does not keep the table

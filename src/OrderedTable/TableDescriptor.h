@@ -6,6 +6,7 @@
 #include <typeinfo>
 
 #include "Fenrik/Export.h"
+#include "Fenrik/Format.h"
 #include "Fenrik/KivType.h"
 #include "Fenrik/Ptr.h"
 #include "Kiv/TraceHandle.h"
@@ -18,8 +19,14 @@
 namespace Kiv {
 class LogHandle;
 }
+namespace Stavro {
+class EntityManager;
+}
 
 namespace Asic {
+
+class GroupInterface;
+class GroupResolver;
 
 class EntryLogCore;
 class EntryWrapperBase;
@@ -174,9 +181,8 @@ concept DescribedText = std::is_same_v<T, KeyText> || std::is_same_v<T, EntryTex
 }  // namespace Asic
 
 template <Asic::DescribedText T>
-struct fmt::formatter<T> : fmt::formatter<std::string_view> {
-  template <class Context>
-  auto format(const T& text, Context& context) const noexcept {
-    return fmt::formatter<std::string_view>::format(Asic::textOf(text), context);
+struct fmt::formatter<T> : Fenrik::TextFormatter {
+  auto format(const T& text, fmt::format_context& context) const noexcept {
+    return put(Asic::textOf(text), context);
   }
 };

@@ -1,9 +1,5 @@
 #include "QuarnBastil/BigBb.h"
 
-namespace QuarnBastil {
+#include "QuarnBastil/FamilyDescriptor.h"
 
-template class SwTable<BigBbFamily>;
-template class EntryLog<BigBbFamily>;
-template class Interface<BigBbFamily>;
-
-}  // namespace QuarnBastil
+QUARNBASTIL_DEFINE_FAMILY(QuarnBastil, BigBb);

@@ -20,16 +20,17 @@ struct FamilyNames {
   static constexpr auto kWrapper = Family::kPrefix + "EntryWrapper";
   static constexpr auto kLog = Family::kPrefix + "EntryLog";
   static constexpr auto kInterface = Family::kPrefix + "Interface";
-  static constexpr auto kRegistryKey =
-      Fenrik::FixedString("QuarnBastil::") + (Family::kPrefix + "Interface").text;
+  static constexpr auto kRegistryKey = Fenrik::FixedString("QuarnBastil::") + kInterface.text;
 };
 
-/// The trace handles of a family; each is entered under its name by the first site that tests it.
+/// The log and trace handles of a family: those made when its library is loaded, these entered under
+/// their names by the first site that tests them.
 template <class Family>
-struct FamilyTraces {
+struct FamilyHandles {
   using Handle = Kiv::TraceHandle;
   using Names = FamilyNames<Family>;
 
+  inline static FamilyLogHandles logs;
   inline static constinit Handle table{Kiv::kConstantHandle, Names::kTable.text};
   inline static constinit Handle writes{Kiv::kConstantHandle, Names::kTable.text};
   inline static constinit Handle reads{Kiv::kConstantHandle, Names::kTable.text};
@@ -137,8 +138,7 @@ template <class F>
 const Asic::TableDescriptor& descriptorOf() {
   using Calls = FamilyCalls<F>;
   using Names = FamilyNames<F>;
-  using Traces = FamilyTraces<F>;
-  static FamilyLogHandles logs;
+  using Handles = FamilyHandles<F>;
   static const Asic::TableDescriptor descriptor{
       .tableId = F::kTableId,
       .tableName = F::kTableName,
@@ -152,8 +152,8 @@ const Asic::TableDescriptor& descriptorOf() {
       .keyIsEq = &F::Key::isEq,
       .names = {Names::kTable.text, Names::kWrapper.text, Names::kLog.text,
                 Names::kInterface.text, Names::kRegistryKey.text},
-      .traces = {Traces::table, Traces::writes, Traces::reads, Traces::iteration, Traces::log,
-                 Traces::interface, Traces::table},
+      .traces = {Handles::table, Handles::writes, Handles::reads, Handles::iteration, Handles::log,
+                 Handles::interface, Handles::table},
       .records = familyRecords<F>(),
       .collections = {F::ConfigDrift::kEntityName, F::EntryLogDrift::kEntityName,
                       F::kConfigCapacity, F::kLogCapacity},
@@ -163,7 +163,7 @@ const Asic::TableDescriptor& descriptorOf() {
                  &Calls::finalizeOnResourceUpdate},
       .salts = {F::kTableEntriesSalt, F::kTransientAddEntrySalt, F::kTransientRemoveEntrySalt,
                 F::kTransientVersionForKeySalt, F::kTableConfigDriftSalt},
-      .lostLog = &logs.error,
+      .lostLog = &Handles::logs.error,
       .resources = F::kResourceHooks};
   return descriptor;
 }

@@ -73,6 +73,14 @@ struct FamilyClasses : FamilyDefaults {
   using InterfaceModule = Kiv::Module<prefix + "Interface", Interface>;
 };
 
+/// What the families over the prefix data models have in common.
+template <class Classes>
+struct PrefixFamily : Classes {
+  static constexpr const char* kGroupName = "QuarnBastilPrefixOuter";
+  static constexpr std::uint16_t kSwTableFieldBase = 768;
+  static constexpr std::uint16_t kIteratorFieldBase = 384;
+};
+
 /// The family's facts for the compiled-once logic; defined in its own source.
 template <class Family>
 QUARNBASTIL_EXPORT const Asic::TableDescriptor& descriptorOf();

@@ -42,6 +42,9 @@ class QUARNBASTIL_EXPORT Interface
   static Fenrik::String agentName() { return Family::kAgentName; }
   static Fenrik::String tableNamespace() { return Family::kTableNamespace; }
 
+  /// The name under which the interface is registered.
+  static Fenrik::String registryKey() { return descriptorOf<Family>().names.registryKey; }
+
   /// The one interface of the process. The first call makes it, over `orderedTableIntf`; later ones
   /// do not look at that.
   static Fenrik::Ptr<Self> getIntf(

@@ -1,9 +1,5 @@
 #include "QuarnBastil/TcamEntry.h"
 
-namespace QuarnBastil {
+#include "QuarnBastil/FamilyDescriptor.h"
 
-template class SwTable<TcamEntryFamily>;
-template class EntryLog<TcamEntryFamily>;
-template class Interface<TcamEntryFamily>;
-
-}  // namespace QuarnBastil
+QUARNBASTIL_DEFINE_FAMILY(QuarnBastil, TcamEntry);

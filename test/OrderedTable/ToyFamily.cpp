@@ -1,10 +1,12 @@
 #include "OrderedTable/ToyFamily.h"
 
-namespace QuarnBastil {
-template class SwTable<ToyFamily>;
-template class EntryLog<ToyFamily>;
-template class Interface<ToyFamily>;
-template class SwTable<SmallToyFamily>;
-template class EntryLog<SmallToyFamily>;
-template class Interface<SmallToyFamily>;
-}  // namespace QuarnBastil
+#include "QuarnBastil/FamilyDescriptor.h"
+
+namespace {
+
+const KivSharedMem::EntityRegistrations<Toy::ToyConfigDrift, Toy::ToyEntryLogDrift> kEntities;
+
+}  // namespace
+
+QUARNBASTIL_DEFINE_FAMILY(Toy, Toy);
+QUARNBASTIL_DEFINE_FAMILY(Toy, SmallToy);

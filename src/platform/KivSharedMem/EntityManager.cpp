@@ -1,5 +1,6 @@
 #include "KivSharedMem/EntityManager.h"
 
+#include "Fenrik/Format.h"
 #include "KivSharedMem/Collection.h"
 
 namespace KivSharedMem {
