@@ -202,7 +202,7 @@ class Choice {
     if (queue.empty() || queue.front()->dependency == nullptr) return;
     const Operation& waitedFor = *queue.front()->dependency;
     if (waitedFor.state != State::pending) return;
-    if (waitedFor.id < kFirstForeign && !model_.abandoned(waitedFor)) return;
+    if (waitedFor.id < kFirstForeign) return;
     act.dependency = waitedFor.id;
     act.value = static_cast<Value>(states[1 + below(5)]);
   }

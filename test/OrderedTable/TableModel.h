@@ -386,13 +386,6 @@ class Model final : public Agent {
     return found != operations_.end() && nextOp_ - id <= kHandlesKept ? found->second : nullptr;
   }
 
-  /// Pending though it is in no queue: a helper threw in the midst of its commit.
-  bool abandoned(const Operation& op) const {
-    if (op.state != State::pending || op.id >= kFirstForeign) return false;
-    const auto& queue = groups_[families_[tables_[op.act.table].family].group].queue;
-    return std::none_of(queue.begin(), queue.end(), [&](const OpPtr& o) { return o.get() == &op; });
-  }
-
   /// Whether the operation, were it the head of its queue, could not be committed now.
   bool waits(const Operation& op) const {
     return familyOf(op.act.table).log.size() >= shape_.logLimit ||
@@ -687,18 +680,36 @@ class Model final : public Agent {
     Table& table = tables_[op->act.table];
     const OpPtr dependency = std::exchange(op->dependency, nullptr);
     bool counts = true;
-    if (dependency != nullptr && failed(dependency->state)) {
-      ++roads[kFailed];
-      end(op, State::dependencyFailed);
-    } else if (op->act.kind == Act::Kind::removeAll) {
-      commitRemoveAll(table, op, dependency);
-    } else if (op->act.kind == Act::Kind::remove) {
-      commitRemove(table, op, dependency);
-    } else {
-      counts = commitWrite(table, op, dependency);
+    bool threw = false;
+    bool* const outer = std::exchange(handlerThrew_, &threw);
+    try {
+      if (dependency != nullptr && failed(dependency->state)) {
+        ++roads[kFailed];
+        end(op, State::dependencyFailed);
+      } else if (op->act.kind == Act::Kind::removeAll) {
+        commitRemoveAll(table, op, dependency);
+      } else if (op->act.kind == Act::Kind::remove) {
+        commitRemove(table, op, dependency);
+      } else {
+        counts = commitWrite(table, op, dependency);
+      }
+    } catch (const Thrown&) {
+      threw = true;
+      counts = false;
+      refuse(table, op);
     }
+    handlerThrew_ = outer;
     updateFlag(familyFor(table));
     if (counts) count(table, kCommits);
+    if (threw) throw Thrown();
+  }
+
+  /// Ends the operation as if it had never been asked for.
+  void refuse(Table& table, const OpPtr& op) {
+    const bool adds = op->act.kind == Act::Kind::write;
+    removeFromTransient(table, *op, adds ? kAdds : kRemoves);
+    count(table, adds ? kWrites : kRemovals, -1);
+    end(op, State::rejected);
   }
 
   /// Whether the commit counts as one: a write that finds the configuration full leaves no trace
@@ -707,9 +718,7 @@ class Model final : public Agent {
     const Key key = op->act.key;
     if (configFor(table).count(key) == 0 && configFor(table).size() >= shape_.configCapacity) {
       ++roads[kConfigFull];
-      removeFromTransient(table, *op, kAdds);
-      count(table, kWrites, -1);
-      end(op, State::rejected);
+      refuse(table, op);
       return false;
     }
     hook(table, op, key, op->value, kOnSuccess);
@@ -777,7 +786,13 @@ class Model final : public Agent {
          .key = op->act.key,
          .number = op->id,
          .value = op->logVersion});
-    react(op->act);
+    try {
+      react(op->act);
+    } catch (const Thrown&) {
+      // A commit comes to its end before it tells.
+      if (handlerThrew_ == nullptr) throw;
+      *handlerThrew_ = true;
+    }
   }
 
   /// What the helper makes of the value, and whether it wants it logged.
@@ -855,6 +870,7 @@ class Model final : public Agent {
   void report(Table& table, Version version) {
     ++changes_;
     cleanup(familyFor(table), version);
+    const FlagUpdate flag{*this, familyFor(table)};
     while (!table.handlesInLog.empty()) {
       const OpPtr head = table.handlesInLog.front();
       if (version < head->logVersion) break;
@@ -863,8 +879,14 @@ class Model final : public Agent {
       changed(table, kHandles, table.nextIndex - 1 - waiting, false, 0);
       end(head, State::done);
     }
-    updateFlag(familyFor(table));
   }
+
+  /// The flag of pending writes tells the truth however a report ends.
+  struct FlagUpdate {
+    Model& model;
+    Family& family;
+    ~FlagUpdate() { model.updateFlag(family); }
+  };
 
   /// The tables hear of it in any order.
   void hear() {
@@ -994,6 +1016,8 @@ class Model final : public Agent {
   /// Whatever can alter what the head of a queue answers.
   Version changes_ = 0;
   unsigned nextAnyOrder_ = 1;
+  /// While a commit runs: where it notes that a handler threw.
+  bool* handlerThrew_ = nullptr;
 };
 
 inline std::string toText(const Event& event) {
