@@ -177,7 +177,7 @@ class QUARNBASTIL_EXPORT HashedWriter {
   std::vector<std::vector<Word>> beyond(std::size_t offset, Word version);
 
   /// Puts back header words that were damaged since this process took the collection over. Happens
-  /// by itself at every 256th change; to be called where a reader met damage.
+  /// by itself at every 256th removal or demand for room; to be called where a reader met damage.
   void restoreHeader() noexcept;
 
   /// Index words that were dropped because they or their records were found damaged, at the
@@ -193,6 +193,7 @@ class QUARNBASTIL_EXPORT HashedWriter {
   void adoptWord(Word* bucket, std::vector<bool>& used);
   void fillFreeList(const std::vector<bool>& used);
   void trim() noexcept;
+  void care() noexcept;
   Place locate(KeyWords key, Word hash);
   Place vacancy(Place place);
   void checkRoom(Word inserts, Word replacements) const;
@@ -218,6 +219,7 @@ class QUARNBASTIL_EXPORT HashedWriter {
   Word tombstones_ = 0;
   Word dropped_ = 0;
   Word lookups_ = 0;
+  Word changes_ = 0;
   std::vector<Word> scratch_;
   /// By slot: this process wrote what is in it, or has proved it.
   std::vector<bool> trusted_;

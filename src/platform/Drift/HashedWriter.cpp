@@ -242,6 +242,7 @@ void HashedWriter::makeRoom(KeyWords key) {
 
 void HashedWriter::makeRoom(Word inserts, Word replacements) {
   file_.requireOwner();
+  care();
   checkRoom(inserts, replacements);
   if (inserts != 0 && tombstones_ > (mask_ + 1) / 4) switchTable(true);
   // Each replacement after the first that finds the ring of resting slots full gets one from there.
@@ -269,13 +270,16 @@ Word HashedWriter::takeSlot() {
 
 /// Lets a slot rest whose record has just been replaced or removed.
 void HashedWriter::rest(Word slot) {
-  if (restingHead_ % kCareEach == 0) {
-    trim();
-    restoreHeader();
-  }
   std::uint32_t& place = resting_[restingHead_++ % resting_.size()];
   if (place != UINT32_MAX) free_.push_back(place);
   place = static_cast<std::uint32_t>(slot);
+}
+
+/// Not called by `set`: memory that was promised stays.
+void HashedWriter::care() noexcept {
+  if (++changes_ % kCareEach != 0) return;
+  trim();
+  restoreHeader();
 }
 
 void HashedWriter::restoreHeader() noexcept {
@@ -377,6 +381,7 @@ std::vector<std::vector<Word>> HashedWriter::beyond(std::size_t offset, Word ver
 
 void HashedWriter::remove(const Place& place) {
   file_.requireOwner();
+  care();
   FENRIK_ASSERT(place.found() && place.lookup_ == lookups_);
   ++lookups_;
   storeWord(table(activeTable()) + place.bucket_, IndexWord::tombstone());
