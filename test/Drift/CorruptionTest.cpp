@@ -141,6 +141,39 @@ TEST_P(CorruptionTest, AMillionRandomFlipsInAFullFile) {
   EXPECT_GT(tally_.errorsWhileReading, 1000U / kFewer);
 }
 
+/// Both copies of a word are destroyed under a living writer: readers meet named errors, sizes
+/// among them, until the writer puts back what it knows, of itself or when it is asked to.
+TEST_P(CorruptionTest, ALivingWriterPutsItsHeaderRight) {
+  writeFile(path_, specimen_.image);
+  const auto file = DriftFile::openForWriting(directory_, "a/b", GetParam(), {});
+  AnyWriter writer(*file);
+  const std::vector<std::size_t> lines =
+      specimen_.dense() ? std::vector<std::size_t>{1, 2, 3, 4} : std::vector<std::size_t>{0, 5, 7};
+  const auto destroy = [&](std::size_t line) {
+    const auto at = Format::kLinesOffset + line * Format::kLineSize;
+    for (std::size_t word = 0; word < 4; ++word) file->words(at)[word] ^= 0x40;
+  };
+  for (const std::size_t line : lines) {
+    destroy(line);
+    const Sight hurt = look(*file, specimen_.model);
+    EXPECT_EQ(hurt.complaint, "") << line;
+    EXPECT_GT(hurt.errors, 0U) << line;
+    specimen_.dense() ? writer.dense->restoreHeader() : writer.hashed->restoreHeader();
+    EXPECT_TRUE(look(*file, specimen_.model).sound()) << line;
+  }
+  for (const std::size_t line : lines) destroy(line);
+  // It needs none of them to go on.
+  Model model = specimen_.model;
+  Word number = specimen_.dense() ? writer.dense->next() : 500;
+  for (Word change = 0; change < 600; ++change, ++number) {
+    const Record key = keyOf(GetParam(), number);
+    writer.set(model[key] = recordOf(GetParam(), key, 1));
+    ASSERT_TRUE(writer.remove(model.begin()->first));
+    model.erase(model.begin());
+  }
+  EXPECT_TRUE(look(*file, model).sound());
+}
+
 TEST_P(CorruptionTest, GarbageForeignFormatsAndOtherGeometriesAreNamed) {
   const Geometry& own = GetParam();
   Geometry larger = own, wider = own, renamed = own, elsewhere = own;

@@ -152,6 +152,38 @@ TEST_F(DirectoryTest, OneWriterAtATimeAndReadersWhenThereIsAFile) {
   EXPECT_EQ(stageOf([&] { reader(); }), MountStage::notReady);
 }
 
+/// A child reads what it inherited and writes nothing, and its end does not end its parent's lock.
+TEST_F(DirectoryTest, AForkedChildMayReadAndNotWrite) {
+  for (const Geometry& geometry : {hashedOf(36, 16), denseOf(36, 16)}) {
+    const auto file = DriftFile::openForWriting(directory_, nameOf(geometry), geometry, {});
+    AnyWriter mine(*file);
+    const Record key = keyOf(geometry, 1);
+    mine.set(recordOf(geometry, key, 1));
+    const std::string before = readFile(file->path());
+    const auto refused = [](const auto& write) {
+      try {
+        write();
+      } catch (const ForkedException& error) {
+        return true;
+      }
+      return false;
+    };
+    EXPECT_TRUE(inAnotherProcess([&] {
+      AnyView view(*file);
+      return view.find(key) && refused([&] { mine.set(recordOf(geometry, key, 2)); }) &&
+             refused([&] { mine.remove(key); }) && refused([&] { mine.removeAll(); }) &&
+             stageOf([&] {
+               DriftFile::openForWriting(directory_, nameOf(geometry), geometry, {});
+             }) == MountStage::busy;
+    }));
+    EXPECT_EQ(readFile(file->path()), before);
+    EXPECT_EQ(
+        stageOf([&] { DriftFile::openForWriting(directory_, nameOf(geometry), geometry, {}); }),
+        MountStage::busy);
+    mine.set(recordOf(geometry, key, 3));
+  }
+}
+
 TEST_F(DirectoryTest, ReadersAreToldThatAFileWasReplaced) {
   writer();
   const auto old = reader();

@@ -82,7 +82,10 @@ std::string inspectRebuilt(const DriftFile& file, const std::string& damaged) {
     return CheckedWord(bytes, line).load().value_or(0);
   };
   const Word next = *value(Format::Line::next);
-  if (next < carried(Format::Line::next)) return "rebuilt with versions that were used before";
+  // The one is the owner's, the other the log's: either says what was issued.
+  if (next < carried(Format::Line::next) || next <= carried(Format::Line::scratchpad)) {
+    return "rebuilt with versions that were used before";
+  }
   if (value(Format::Line::first) != next || *value(Format::Line::announced) + 1 != next) {
     return "rebuilt with versions that are there or announced";
   }

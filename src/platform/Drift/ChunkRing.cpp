@@ -38,7 +38,7 @@ ChunkRing::ChunkRing(DriftFile& file)
     : file_(file), table_(file), chunks_(table_.mask_ + 1, kNone) {
   // No later operation needs the heap.
   bare_.reserve(chunks_.size());
-  warm_.reserve(kWarmChunks + 1);
+  warm_.reserve(chunks_.size());
 }
 
 void ChunkRing::wordIs(Word place, Word word) noexcept {
@@ -57,7 +57,12 @@ void ChunkRing::takeOver(Word first, Word next) {
   for (Word place = 0; place < chunks_.size(); ++place) {
     if (chunks_[place] == kNone) wordIs(place, 0);
   }
-  giveBackAllBut(used);
+  bare_.clear();
+  for (Word chunk = used.size(); chunk-- > 0;) {
+    if (!used[chunk]) bare_.push_back(static_cast<std::uint32_t>(chunk));
+  }
+  bareSince_ = DriftFile::moment();
+  giveBackSurplus();
 }
 
 /// Notes the chunk of a word that proves itself and is the only one to lead there.
@@ -90,20 +95,28 @@ void ChunkRing::recover(Word number, Word first, Word next, std::vector<bool>& u
 
 bool ChunkRing::holds(Word chunk, Word version) const noexcept {
   const auto* const slot = reinterpret_cast<const std::byte*>(table_.slotIn(chunk, version));
-  return Seal::lowOf(file_.readWord(static_cast<Word>(slot - file_.data()))) ==
-         static_cast<std::uint32_t>(version);
+  Word seal = 0;
+  return file_.read(static_cast<Word>(slot - file_.data()), &seal, sizeof seal) &&
+         Seal::lowOf(seal) == static_cast<std::uint32_t>(version);
 }
 
-void ChunkRing::giveBackAllBut(const std::vector<bool>& used) noexcept {
-  bare_.clear();
-  for (Word chunk = used.size(); chunk-- > 0;) {
-    if (!used[chunk]) bare_.push_back(static_cast<std::uint32_t>(chunk));
+/// Gives back what has memory and is not needed, as far as no reader can be in it.
+void ChunkRing::giveBackSurplus() noexcept {
+  if (bareSince_ != 0 && file_.leftSince(bareSince_)) {
+    bareSince_ = 0;
+    // The numbers fall; chunks side by side go in one call.
+    for (std::size_t i = 0; i < bare_.size();) {
+      std::size_t end = i + 1;
+      while (end < bare_.size() && bare_[end] + 1 == bare_[end - 1]) ++end;
+      file_.giveBack(offsetOf(bare_[end - 1]), (end - i) * table_.chunkBytes_);
+      i = end;
+    }
   }
-  for (Word chunk = 0; chunk < used.size(); ++chunk) {
-    Word end = chunk;
-    while (end < used.size() && !used[end]) ++end;
-    file_.giveBack(offsetOf(chunk), (end - chunk) * table_.chunkBytes_);
-    chunk = end;
+  while (warm_.size() > kWarmChunks && file_.leftSince(warm_.front().since)) {
+    const std::uint32_t chunk = warm_.front().chunk;
+    warm_.erase(warm_.begin());
+    file_.giveBack(offsetOf(chunk), table_.chunkBytes_);
+    bare_.push_back(chunk);
   }
 }
 
@@ -118,12 +131,18 @@ void ChunkRing::reserveFor(Word firstVersion, Word lastVersion) {
 void ChunkRing::assign(Word number) {
   const Word place = number & table_.mask_;
   if (chunks_[place] != kNone) return;
-  std::vector<std::uint32_t>& source = warm_.empty() ? bare_ : warm_;
-  const std::uint32_t chunk = source.back();
-  if (warm_.empty()) file_.reserve(offsetOf(chunk), table_.chunkBytes_);
-  source.pop_back();
+  std::uint32_t chunk = 0;
+  if (!warm_.empty()) {
+    chunk = warm_.back().chunk;
+    warm_.pop_back();
+  } else {
+    chunk = bare_.back();
+    file_.reserve(offsetOf(chunk), table_.chunkBytes_);
+    bare_.pop_back();
+  }
   chunks_[place] = chunk;
   wordIs(place, chunkWord(place, chunk));
+  giveBackSurplus();
 }
 
 void ChunkRing::releaseBefore(Word version) noexcept {
@@ -139,12 +158,8 @@ void ChunkRing::release(Word number) noexcept {
   if (to_ - from_ > chunks_.size()) return;
   const Word place = number & table_.mask_;
   wordIs(place, 0);
-  warm_.push_back(std::exchange(chunks_[place], kNone));
-  if (warm_.size() <= kWarmChunks) return;
-  const std::uint32_t coldest = warm_.front();
-  warm_.erase(warm_.begin());
-  file_.giveBack(offsetOf(coldest), table_.chunkBytes_);
-  bare_.push_back(coldest);
+  warm_.push_back({std::exchange(chunks_[place], kNone), DriftFile::moment()});
+  giveBackSurplus();
 }
 
 }  // namespace Drift

@@ -86,16 +86,24 @@ class ChunkRing {
   void adopt(Word place, std::vector<bool>& used);
   void recover(Word number, Word first, Word next, std::vector<bool>& used);
   bool holds(Word chunk, Word version) const noexcept;
-  void giveBackAllBut(const std::vector<bool>& used) noexcept;
+  void giveBackSurplus() noexcept;
 
   DriftFile& file_;
   ChunkTable table_;
   /// By place in the table: which chunk of the file, or `kNone`.
   std::vector<std::uint32_t> chunks_;
+  /// A chunk that was taken back and still has memory.
+  struct Warm {
+    std::uint32_t chunk;
+    Word since;  ///< moment from which on nothing led there
+  };
+
   /// Chunks without memory, the lowest last.
   std::vector<std::uint32_t> bare_;
-  /// Chunks that were taken back and still have memory, the one that was used last behind.
-  std::vector<std::uint32_t> warm_;
+  /// In the order in which they were taken back.
+  std::vector<Warm> warm_;
+  /// The moment of the takeover, while the last writer left memory in bare chunks; 0 otherwise.
+  Word bareSince_ = 0;
   /// The run of chunks in use, numbered on over the laps of the ring as versions are; the latter
   /// end excluded.
   Word from_ = 0;

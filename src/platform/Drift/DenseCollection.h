@@ -4,6 +4,7 @@
 
 #include "Drift/ChunkRing.h"
 #include "Drift/DriftFile.h"
+#include "Drift/ReaderPass.h"
 #include "Fenrik/Export.h"
 
 namespace Drift {
@@ -45,6 +46,9 @@ class QUARNBASTIL_EXPORT DenseView {
   /// when it has come to the one that it knew.
   DenseRead find(Word version, std::span<Word> out) const;
 
+  /// Says that no look-up may follow for long, so that the writer can give memory back.
+  void rest() const noexcept { pass_.drop(); }
+
   /// Copies the first record whose version is not below `version`, and stores its version there;
   /// false if there is none.
   bool findFrom(Word& version, std::span<Word> out) const;
@@ -62,6 +66,7 @@ class QUARNBASTIL_EXPORT DenseView {
   [[noreturn]] void corrupt(const char* what, Word version) const;
 
   const DriftFile* file_;
+  mutable ReaderPass pass_;
   ChunkTable chunks_;
   Word recordWords_;
   Word mask_;
@@ -98,9 +103,13 @@ class QUARNBASTIL_EXPORT DenseWriter {
   bool remove(Word version);
   /// Removes the records up to and including that version, the oldest first. Each is a removal of
   /// its own for readers and for a successor; none of them is read.
-  void removeThrough(Word version) noexcept;
+  void removeThrough(Word version);
   /// Removes everything; the next version stays what it was.
   void removeAll();
+
+  /// Puts back header words that were damaged since this process took the collection over. Happens
+  /// by itself at every 256th version; to be called where a reader met damage.
+  void restoreHeader() noexcept;
 
   /// The version behind the newest record that was ever stored.
   Word next() const noexcept { return next_.value(); }

@@ -13,6 +13,7 @@ constexpr Word kHolesChanging = Word{1} << 63;
 
 DenseView::DenseView(const DriftFile& file)
     : file_(&file),
+      pass_(file),
       chunks_(file),
       recordWords_(Format::paddedSize(file.header().recordSize) / sizeof(Word)),
       mask_(file.header().slotCount - 1),
@@ -56,6 +57,7 @@ DenseView::Window DenseView::windowAround(Word version) const {
 }
 
 Word DenseView::size() const {
+  pass_.show();
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     const Word firstStamp = first_.stamp();
     const Word nextStamp = next_.stamp();
@@ -102,6 +104,7 @@ DenseView::Slot DenseView::copySlot(const Word* slot, Word version,
 }
 
 DenseRead DenseView::find(Word version, std::span<Word> out) const {
+  pass_.show();
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     const Window at = windowAround(version);
     if (version < at.first) return DenseRead::gone;

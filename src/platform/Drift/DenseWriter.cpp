@@ -10,6 +10,8 @@ namespace Drift {
 namespace {
 
 constexpr Word kHolesChanging = Word{1} << 63;
+/// As in the hashed collection.
+constexpr Word kCareEach = 256;
 
 }  // namespace
 
@@ -65,6 +67,10 @@ void DenseWriter::markAbsent(Word version) noexcept {
   storeWord(slotOf(version), Seal::absentSeal(static_cast<std::uint32_t>(version)));
 }
 
+void DenseWriter::restoreHeader() noexcept {
+  for (CheckedWordWriter* word : {&first_, &next_, &holes_, &redirect_}) word->restore();
+}
+
 void DenseWriter::checkRoom(Word first, Word next) const {
   // The highest number cannot be followed by another one.
   if (next > first && next - first <= mask_ + 1) return;
@@ -75,6 +81,7 @@ void DenseWriter::checkRoom(Word first, Word next) const {
 }
 
 void DenseWriter::makeRoom(Word records) {
+  file_.requireOwner();
   if (records == 0) return;
   checkRoom(empty() ? next_.value() : first_.value(), next_.value() + records);
   chunks_.reserveFor(next_.value(), next_.value() + records - 1);
@@ -94,6 +101,7 @@ void DenseWriter::set(std::span<const Word> record) {
 }
 
 void DenseWriter::set(Word version, Pieces pieces) {
+  file_.requireOwner();
   if (empty() || version >= next_.value()) {
     append(version, pieces);
   } else if (version < first_.value()) {
@@ -130,6 +138,7 @@ void DenseWriter::append(Word version, Pieces pieces) {
   }
   for (Word absent = from; absent < version; ++absent) markAbsent(absent);
   fillSlot(slotOf(version), version, pieces);
+  if (version % kCareEach == 0) restoreHeader();
   moveEnd(next_, version + 1, version - from);
 }
 
@@ -167,6 +176,7 @@ void DenseWriter::changeHoles(Word holes, Change change) {
 }
 
 bool DenseWriter::remove(Word version) {
+  file_.requireOwner();
   if (empty() || version < first_.value() || version >= next_.value()) return false;
   if (holes_.value() != 0 && view_.isAbsent(version)) return false;
   if (version == first_.value()) {
@@ -189,11 +199,13 @@ void DenseWriter::removeFirst() noexcept {
   chunks_.releaseBefore(first);
 }
 
-void DenseWriter::removeThrough(Word version) noexcept {
+void DenseWriter::removeThrough(Word version) {
+  file_.requireOwner();
   while (!empty() && first_.value() <= version) removeFirst();
 }
 
 void DenseWriter::removeAll() {
+  file_.requireOwner();
   if (holes_.value() != 0) holes_.set(holes_.value() | kHolesChanging);
   first_.set(next_.value());
   holes_.set(0);

@@ -58,9 +58,10 @@ Directory::Directory(std::string path, Access access, mode_t fileMode)
     throw MountException(MountStage::refused, "the directory of the collections has no name");
   }
   if (access == Access::write) makeDirectories(path_, kDirectoryMode);
-  fd_ = Descriptor(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  fd_ =
+      std::make_shared<const Descriptor>(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   struct stat found {};
-  if (!fd_.valid() || ::fstat(fd_.get(), &found) != 0) {
+  if (!fd_->valid() || ::fstat(fd(), &found) != 0) {
     throw MountException(
         errno == ENOENT ? MountStage::absent : MountStage::systemError,
         Fenrik::formatString("cannot open the directory {}: {}", path_, std::strerror(errno)));
@@ -135,7 +136,7 @@ std::string Directory::pathOf(std::string_view entityPath) const {
 
 std::vector<std::string> Directory::fileNames() const {
   // A stream of its own: the position of a shared descriptor would be shared too.
-  const int copy = ::openat(fd_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int copy = ::openat(fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   DIR* const opened = copy >= 0 ? ::fdopendir(copy) : nullptr;
   if (opened == nullptr) {
     const int error = errno;

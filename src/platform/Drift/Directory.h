@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,7 +46,9 @@ class QUARNBASTIL_EXPORT Directory {
   /// Throws `MountException` if it is not to be had, is none, or (for writing) is another user's.
   Directory(std::string path, Access access, mode_t fileMode = kFileMode);
 
-  int fd() const noexcept { return fd_.get(); }
+  int fd() const noexcept { return fd_->get(); }
+  /// The same, for objects that outlive this one.
+  const std::shared_ptr<const Descriptor>& descriptor() const noexcept { return fd_; }
   const std::string& path() const noexcept { return path_; }
   Access access() const noexcept { return access_; }
   mode_t fileMode() const noexcept { return fileMode_; }
@@ -75,7 +78,7 @@ class QUARNBASTIL_EXPORT Directory {
   Access access_;
   mode_t fileMode_;
   uid_t owner_ = 0;
-  Descriptor fd_;
+  std::shared_ptr<const Descriptor> fd_;
 };
 
 }  // namespace Drift

@@ -34,6 +34,13 @@ class QUARNBASTIL_EXPORT MountException final : public Fenrik::Exception {
   MountStage stage_;
 };
 
+/// A process that was forked from a collection's writer tried to write. Nothing was changed.
+class QUARNBASTIL_EXPORT ForkedException final : public Fenrik::Exception {
+ public:
+  using Exception::Exception;
+  ~ForkedException() override;
+};
+
 /// A collection holds as many records as it may. Nothing was changed.
 class QUARNBASTIL_EXPORT CollectionFullException final : public Fenrik::Exception {
  public:

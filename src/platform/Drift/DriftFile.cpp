@@ -1,432 +1,19 @@
 #include "Drift/DriftFile.h"
 
 #include <fcntl.h>
-#include <linux/futex.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cstring>
-#include <optional>
-#include <random>
+#include <ctime>
+
+#include "Drift/FileFacts.h"
 
 #include "Fenrik/Format.h"
 
 namespace Drift {
-
-namespace {
-
-using Stage = MountStage;
-
-Stage stageOf(int error) {
-  switch (error) {
-    case ENOENT:
-      return Stage::absent;
-    case ENOSPC:
-    case EDQUOT:
-      return Stage::noSpace;
-    case ELOOP:
-    case EISDIR:
-    case EACCES:
-    case ENXIO:
-      return Stage::refused;
-    default:
-      return Stage::systemError;
-  }
-}
-
-const char* explain(int error) {
-  switch (error) {
-    case ELOOP:
-      return "it is a symbolic link; remove it";
-    case EISDIR:
-      return "it is a directory; remove it";
-    case EACCES:
-      return "this user may not open it; check owner and mode";
-    default:
-      return std::strerror(error);
-  }
-}
-
-/// The room that the file system has, for messages.
-Word roomOf(int fd) {
-  struct statvfs facts {};
-  return ::fstatvfs(fd, &facts) == 0 ? Word{facts.f_bavail} * facts.f_frsize : 0;
-}
-
-/// False, with errno set, if it cannot be read now: to go on with another id would throw a
-/// collection away at this mount or the next.
-bool readBootId(std::uint8_t (&id)[16]) {
-  Descriptor fd(::open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
-  char text[36] = {};
-  // Where there is none all boots look alike, and files are taken over across them.
-  if (!fd.valid()) return errno == ENOENT;
-  const ssize_t size = ::read(fd.get(), text, sizeof text);
-  if (size != sizeof text) {
-    if (size >= 0) errno = EIO;
-    return false;
-  }
-  std::size_t nibble = 0;
-  for (const char c : text) {
-    if (c == '-') continue;
-    const int value = c <= '9' ? c - '0' : c - 'a' + 10;
-    id[nibble / 2] = static_cast<std::uint8_t>(id[nibble / 2] << 4 | (value & 15));
-    ++nibble;
-  }
-  return true;
-}
-
-Word randomWord() {
-  std::random_device device;
-  return (Word{device()} << 32) | device();
-}
-
-std::string temporaryName(const std::string& fileName) {
-  static std::atomic<unsigned> count{0};
-  return fmt::format(".{}.{}.{}", fileName, ::getpid(), count++);
-}
-
-/// Removes the temporary file unless it has got its name.
-struct TemporaryFile {
-  int directory;
-  std::string name;
-  ~TemporaryFile() {
-    if (!name.empty()) ::unlinkat(directory, name.c_str(), 0);
-  }
-};
-
-/// What can be carried from a collection that is given up into the one that takes its place: the
-/// counters, so that versions go on and are not issued again.
-struct Carried {
-  Word next = 1;
-  Word scratchpad = 0;
-};
-
-}  // namespace
-
-/// The steps of opening; apart from `DriftFile`, which holds only what is open.
-class DriftFileOpener {
- public:
-  DriftFileOpener(const Directory& directory, std::string_view entityPath)
-      : directory_(directory), file_(new DriftFile) {
-    file_->directory_ = Descriptor(::fcntl(directory.fd(), F_DUPFD_CLOEXEC, 0));
-    file_->fileName_ = Directory::fileNameOf(entityPath);
-    file_->path_ = directory.path() + "/" + file_->fileName_;
-    if (!file_->directory_.valid()) fail(errno, "keep the directory of");
-  }
-
-  std::unique_ptr<DriftFile> openForWriting(const Geometry& geometry, DriftFile::Options options) {
-    expected_ = headerOf(geometry);
-    file_->options_ = options;
-    for (;;) {
-      Descriptor fd(
-          ::openat(directory_.fd(), name(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-      if (!fd.valid() && errno == ENOENT) {
-        make(Stage::made, {});
-        return std::move(file_);
-      }
-      if (!fd.valid()) fail(errno, "open");
-      const struct stat found = checkFile(fd.get(), ::geteuid(), directory_.fileMode());
-      lock(fd.get());
-      if (!stillNamed(found)) continue;
-      file_->fd_ = std::move(fd);
-      const Fenrik::String fault = takeOver(found);
-      if (fault.empty()) return std::move(file_);
-      rebuild(fault, found);
-      return std::move(file_);
-    }
-  }
-
-  std::unique_ptr<DriftFile> openForReading(const Geometry* geometry) {
-    file_->fd_ = Descriptor(
-        ::openat(directory_.fd(), name(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-    if (!file_->fd_.valid()) fail(errno, "open");
-    const struct stat found = checkFile(file_->fd_.get(), directory_.owner(), 0);
-    const Fenrik::String fault = readHeader(found, geometry);
-    if (!fault.empty()) refuse(faultStage_, fault, "let the agent mount it, which makes it anew");
-    map(PROT_READ);
-    if (loadWord(file_->words(Format::kReadyOffset)) != Format::kReady) {
-      refuse(Stage::notReady, "it is still being made", "try again");
-    }
-    return std::move(file_);
-  }
-
- private:
-  const char* name() const { return file_->fileName_.c_str(); }
-
-  [[noreturn]] void refuse(Stage stage, const Fenrik::String& found, const char* advice) {
-    throw MountException(stage,
-                         Fenrik::formatString("{}: {}; {}", file_->path_, found.view(), advice));
-  }
-
-  [[noreturn]] void fail(int error, const char* call) {
-    if (stageOf(error) == Stage::noSpace) {
-      throw MountException(
-          Stage::noSpace,
-          Fenrik::formatString("{}: no space: {} bytes are needed to begin, {} are free; make room",
-                               file_->path_, beginSize(), roomOf(directory_.fd())));
-    }
-    throw MountException(stageOf(error), Fenrik::formatString("{}: cannot {}: {}", file_->path_,
-                                                              call, explain(error)));
-  }
-
-  /// Type, links, owner and mode. A mode of 0 asks only that no stranger may write.
-  struct stat checkFile(int fd, uid_t owner, mode_t mode) {
-    struct stat found {};
-    if (::fstat(fd, &found) != 0) fail(errno, "fstat");
-    if (!S_ISREG(found.st_mode)) {
-      refuse(Stage::refused, "it is not a regular file", "remove it");
-    }
-    if (found.st_uid != owner) {
-      refuse(Stage::refused,
-             Fenrik::formatString("it belongs to user {}, not to user {}", found.st_uid, owner),
-             "remove it or give it to that user");
-    }
-    if (mode != 0 ? (found.st_mode & 07777) != mode : (found.st_mode & S_IWOTH) != 0) {
-      refuse(Stage::refused,
-             Fenrik::formatString("its mode is {:04o}, not {:04o}", found.st_mode & 07777,
-                                  mode != 0 ? mode : Directory::kFileMode),
-             "set it right or remove the file");
-    }
-    if (found.st_nlink > 1) {
-      refuse(Stage::refused, Fenrik::formatString("it has {} names", found.st_nlink),
-             "leave it one");
-    }
-    return found;
-  }
-
-  static bool tryLock(int fd) {
-    struct flock range {};
-    range.l_type = F_WRLCK;
-    range.l_whence = SEEK_SET;
-    return ::fcntl(fd, F_OFD_SETLK, &range) == 0;
-  }
-
-  void lock(int fd) {
-    if (tryLock(fd)) return;
-    if (errno != EAGAIN && errno != EACCES) fail(errno, "lock");
-    refuse(Stage::busy, "another process writes it", "stop that one first");
-  }
-
-  /// Whether the name still leads to the file that is locked now; a writer that rebuilt it between
-  /// our open and our lock has put another one there.
-  bool stillNamed(const struct stat& opened) {
-    struct stat found {};
-    if (::fstatat(directory_.fd(), name(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
-      if (errno == ENOENT) return false;
-      fail(errno, "stat");
-    }
-    return found.st_ino == opened.st_ino && found.st_dev == opened.st_dev;
-  }
-
-  Fenrik::String fault(Stage stage, Fenrik::String text) {
-    faultStage_ = stage;
-    return text;
-  }
-
-  /// Reads and checks the fixed header; empty if it fits.
-  Fenrik::String readHeader(const struct stat& found, const Geometry* geometry) {
-    Format::FixedHeader& header = file_->header_;
-    const ssize_t size = ::pread(file_->fd_.get(), &header, sizeof header, 0);
-    if (size < 0) fail(errno, "read");
-    if (static_cast<std::size_t>(size) < sizeof header) {
-      return fault(
-          Stage::wrongFormat,
-          Fenrik::formatString("it is {} bytes long, shorter than any header", found.st_size));
-    }
-    Fenrik::String text = headerFault(header, static_cast<Word>(found.st_size));
-    if (!text.empty()) {
-      const bool ours = header.magic == Format::kMagic &&
-                        header.formatVersion == Format::kVersion && header.abi == Format::kAbi;
-      return fault(ours ? Stage::damaged : Stage::wrongFormat, std::move(text));
-    }
-    if (geometry == nullptr) {
-      const std::optional<Geometry> own = geometryOf(header);
-      if (!own) return fault(Stage::damaged, "its header contradicts itself");
-      expected_ = headerOf(*own);
-    } else {
-      expected_ = headerOf(*geometry);
-    }
-    return fault(Stage::wrongFormat, headerDifference(header, expected_));
-  }
-
-  /// Checks what is there and maps it; empty if the collection can go on with it.
-  Fenrik::String takeOver(const struct stat& found) {
-    const Format::FixedHeader wanted = expected_;
-    Geometry geometry = *geometryOf(wanted);
-    Fenrik::String text = readHeader(found, &geometry);
-    if (!text.empty()) return text;
-    Format::FixedHeader boot{};
-    if (!readBootId(boot.bootId)) fail(errno, "read the boot id for");
-    if (std::memcmp(boot.bootId, file_->header_.bootId, sizeof boot.bootId) != 0) {
-      return "it was made before the machine was started anew";
-    }
-    map(PROT_READ | PROT_WRITE);
-    if (loadWord(file_->words(Format::kReadyOffset)) != Format::kReady) {
-      return "its making was not finished";
-    }
-    // The last writer may have mounted it without.
-    if (file_->options_.reserveAll &&
-        ::fallocate(file_->fd_.get(), 0, 0, static_cast<off_t>(file_->header_.fileSize)) != 0) {
-      fail(errno, "reserve");
-    }
-    for (std::size_t i = 0; i < Format::kLineCount; ++i) {
-      CheckedWordWriter word(file_->data(), static_cast<Format::Line>(i));
-      if (!word.adopt()) return Fenrik::formatString("its word {} does not prove itself", i);
-    }
-    CheckedWordWriter generation(file_->data(), Format::Line::writerGeneration);
-    generation.adopt();
-    generation.set(generation.value() + 1);
-    noteWriter();
-    return "";
-  }
-
-  void map(int protection) {
-    void* const data =
-        ::mmap(nullptr, file_->header_.fileSize, protection, MAP_SHARED, file_->fd_.get(), 0);
-    if (data == MAP_FAILED) fail(errno, "map");
-    file_->data_ = static_cast<std::byte*>(data);
-    file_->writable_ = (protection & PROT_WRITE) != 0;
-  }
-
-  void noteWriter() {
-    CheckedWordWriter writer(file_->data(), Format::Line::writer);
-    writer.adopt();
-    writer.set(static_cast<Word>(::getpid()));
-  }
-
-  /// Bytes that a new file needs behind it before it can be used.
-  Word beginSize() const { return Format::kHeaderSize + expected_.indexWords * sizeof(Word); }
-
-  /// Reads the counters of a file that is given up, as far as they prove themselves.
-  Carried salvage(const struct stat& found) {
-    Carried carried;
-    alignas(Format::kLineSize) std::byte page[Format::kHeaderSize] = {};
-    if (static_cast<std::size_t>(found.st_size) < sizeof page) return carried;
-    const ssize_t size = ::pread(file_->fd_.get(), page, sizeof page, 0);
-    // Not the file's damage: to go on would issue versions again.
-    if (size < 0) fail(errno, "read");
-    if (size != sizeof page) return carried;
-    carried.scratchpad = CheckedWord(page, Format::Line::scratchpad).load().value_or(0);
-    carried.next = CheckedWord(page, Format::Line::next).load().value_or(0);
-    carried.next = std::max({carried.next, carried.scratchpad + 1, Word{1}});
-    return carried;
-  }
-
-  void rebuild(const Fenrik::String& found, const struct stat& status) {
-    const Carried carried = salvage(status);
-    // The old file stays open, and with it locked, until the new one bears its name.
-    const Descriptor old = std::move(file_->fd_);
-    if (file_->data_ != nullptr)
-      ::munmap(std::exchange(file_->data_, nullptr), file_->header_.fileSize);
-    make(Stage::rebuilt, carried);
-    file_->reason_ =
-        Fenrik::formatString("{}: {}; made anew and empty", file_->path_, found.view());
-  }
-
-  /// Removes what processes left behind that died while they made this file.
-  void removeLeftovers() {
-    for (const std::string& left : directory_.temporaries(file_->fileName_)) {
-      const Descriptor fd(
-          ::openat(directory_.fd(), left.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-      if (fd.valid() && tryLock(fd.get())) ::unlinkat(directory_.fd(), left.c_str(), 0);
-    }
-  }
-
-  /// Makes the file under a temporary name, fills it and gives it its name.
-  void make(Stage stage, const Carried& carried) {
-    Format::FixedHeader& header = file_->header_;
-    header = expected_;
-    header.hashSeed = randomWord();
-    if (!readBootId(header.bootId)) fail(errno, "read the boot id for");
-    header.checksum = headerChecksum(header);
-
-    removeLeftovers();
-    TemporaryFile temporary{directory_.fd(), temporaryName(file_->fileName_)};
-    Descriptor fd(::openat(directory_.fd(), temporary.name.c_str(),
-                           O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!fd.valid()) {
-      const int error = errno;
-      temporary.name.clear();
-      fail(error, "make");
-    }
-    if (::fchmod(fd.get(), directory_.fileMode()) != 0) fail(errno, "set the mode of");
-    lock(fd.get());
-    if (::ftruncate(fd.get(), static_cast<off_t>(header.fileSize)) != 0) fail(errno, "size");
-    const Word begin = file_->options_.reserveAll ? header.fileSize : beginSize();
-    if (::fallocate(fd.get(), 0, 0, static_cast<off_t>(begin)) != 0) fail(errno, "reserve");
-    file_->fd_ = std::move(fd);
-    map(PROT_READ | PROT_WRITE);
-    fill(stage, carried);
-    const int renamed =
-        stage == Stage::made
-            ? ::renameat2(directory_.fd(), temporary.name.c_str(), directory_.fd(), name(),
-                          RENAME_NOREPLACE)
-            : ::renameat(directory_.fd(), temporary.name.c_str(), directory_.fd(), name());
-    if (renamed != 0 && errno == EEXIST) {
-      refuse(Stage::busy, "another process made it at the same time", "stop that one first");
-    }
-    if (renamed != 0) fail(errno, "name");
-    temporary.name.clear();
-    file_->stage_ = stage;
-  }
-
-  void fill(Stage stage, const Carried& carried) {
-    std::memcpy(file_->data(), &file_->header_, sizeof file_->header_);
-    for (std::size_t i = 0; i < Format::kLineCount; ++i) {
-      CheckedWordWriter(file_->data(), static_cast<Format::Line>(i))
-          .set(initial(i, stage, carried));
-    }
-    if (file_->options_.reserveAll) {
-      // Best effort: where the kernel cannot, the pages come one by one.
-      ::madvise(file_->data(), file_->header_.fileSize, MADV_POPULATE_WRITE);
-    }
-    storeWord(file_->words(Format::kReadyOffset), Format::kReady);
-  }
-
-  static Word initial(std::size_t line, Stage stage, const Carried& carried) {
-    switch (static_cast<Format::Line>(line)) {
-      case Format::Line::first:
-      case Format::Line::next:
-        return carried.next;
-      case Format::Line::announced:
-        return carried.next - 1;
-      case Format::Line::scratchpad:
-        return carried.scratchpad;
-      case Format::Line::wiped:
-        return stage == Stage::rebuilt ? 1 : 0;
-      case Format::Line::writerGeneration:
-        return 1;
-      case Format::Line::writer:
-        return static_cast<Word>(::getpid());
-      default:
-        return 0;
-    }
-  }
-
-  const Directory& directory_;
-  std::unique_ptr<DriftFile> file_;
-  Format::FixedHeader expected_{};
-  Stage faultStage_ = Stage::wrongFormat;
-};
-
-std::unique_ptr<DriftFile> DriftFile::openForWriting(const Directory& directory,
-                                                     std::string_view entityPath,
-                                                     const Geometry& geometry, Options options) {
-  return DriftFileOpener(directory, entityPath).openForWriting(geometry, options);
-}
-
-std::unique_ptr<DriftFile> DriftFile::openForReading(const Directory& directory,
-                                                     std::string_view entityPath,
-                                                     const Geometry* geometry) {
-  return DriftFileOpener(directory, entityPath).openForReading(geometry);
-}
 
 DriftFile::~DriftFile() {
   if (data_ != nullptr) ::munmap(data_, header_.fileSize);
@@ -441,19 +28,18 @@ void DriftFile::reserve(Word offset, Word size) {
     return;
   }
   const int error = errno;
-  if (stageOf(error) != Stage::noSpace) {
-    throw MountException(Stage::systemError, Fenrik::formatString("{}: cannot reserve memory: {}",
-                                                                  path_, std::strerror(error)));
+  if (stageOf(error) != MountStage::noSpace) {
+    throw MountException(
+        MountStage::systemError,
+        Fenrik::formatString("{}: cannot reserve memory: {}", path_, std::strerror(error)));
   }
   throw NoSpaceException(Fenrik::formatString(
       "{}: no space: {} bytes are needed for further records, {} are free; make room", path_, size,
       roomOf(fd_.get())));
 }
 
-Word DriftFile::readWord(Word offset) const noexcept {
-  Word word = 0;
-  return ::pread(fd_.get(), &word, sizeof word, static_cast<off_t>(offset)) == sizeof word ? word
-                                                                                           : 0;
+bool DriftFile::read(Word offset, void* out, Word size) const noexcept {
+  return ::pread(fd_.get(), out, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
 }
 
 bool DriftFile::giveBack(Word offset, Word size) noexcept {
@@ -462,90 +48,52 @@ bool DriftFile::giveBack(Word offset, Word size) noexcept {
                      static_cast<off_t>(offset), static_cast<off_t>(size)) == 0;
 }
 
+Word DriftFile::moment() noexcept {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<Word>(now.tv_sec) * 1'000'000'000 + static_cast<Word>(now.tv_nsec);
+}
+
+bool DriftFile::leftSince(Word moment) const noexcept {
+  // Clocks of two processors may differ by less than this.
+  constexpr Word kMargin = 1'000'000;
+  struct flock passes = lockOf(F_WRLCK, kWriterBytes, static_cast<off_t>(moment + kMargin));
+  return ::fcntl(fd_.get(), F_OFD_GETLK, &passes) == 0 && passes.l_type == F_UNLCK;
+}
+
+/// A writer looks things up between its own changes.
+bool DriftFile::passTake(Word moment) const noexcept {
+  if (writable_ && mark_ == processMark()) return false;
+  if (lockMark_ != processMark()) {
+    // The parent has the same description of the file: what the child locked would outlive it.
+    fd_ = Descriptor(
+        ::open(fmt::format("/proc/self/fd/{}", fd_.get()).c_str(), O_RDONLY | O_CLOEXEC));
+    lockMark_ = processMark();
+  }
+  struct flock pass = lockOf(F_RDLCK, kWriterBytes + static_cast<off_t>(moment), 1);
+  return ::fcntl(fd_.get(), F_OFD_SETLK, &pass) == 0;
+}
+
+void DriftFile::passDrop(Word moment) const noexcept {
+  struct flock pass = lockOf(F_UNLCK, kWriterBytes + static_cast<off_t>(moment), 1);
+  ::fcntl(fd_.get(), F_OFD_SETLK, &pass);
+}
+
+void DriftFile::refuseChild() const {
+  throw ForkedException(
+      Fenrik::formatString("{}: process {} was forked from the one that writes it; write there, or "
+                           "mount it in the child "
+                           "once that one has let go of it",
+                           path_, ::getpid()));
+}
+
 bool DriftFile::replaced() const {
   struct stat mine {};
   struct stat named {};
   if (::fstat(fd_.get(), &mine) != 0) return true;
-  if (::fstatat(directory_.get(), fileName_.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) return true;
+  if (::fstatat(directory_->get(), fileName_.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0)
+    return true;
   return mine.st_ino != named.st_ino || mine.st_dev != named.st_dev;
-}
-
-namespace {
-
-std::uint32_t* bellOf(const std::byte* data) {
-  return reinterpret_cast<std::uint32_t*>(const_cast<std::byte*>(data) + Format::kDoorbellOffset);
-}
-
-}  // namespace
-
-void DriftFile::ring() noexcept {
-  std::uint32_t* const bell = bellOf(data_);
-  __atomic_store_n(bell, __atomic_load_n(bell, __ATOMIC_RELAXED) + 1, __ATOMIC_RELEASE);
-  ::syscall(SYS_futex, bell, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
-}
-
-std::uint32_t DriftFile::doorbell() const noexcept {
-  return __atomic_load_n(bellOf(data_), __ATOMIC_ACQUIRE);
-}
-
-bool DriftFile::waitForRing(std::uint32_t seen, std::chrono::nanoseconds timeout) const {
-  const BellSeen bell{this, seen};
-  return waitForAnyRing({&bell, 1}, timeout);
-}
-
-namespace {
-
-timespec timespecOf(std::chrono::nanoseconds duration) {
-  timespec result{};
-  result.tv_sec = duration.count() / 1'000'000'000;
-  result.tv_nsec = duration.count() % 1'000'000'000;
-  return result;
-}
-
-/// Sleeps on all bells at once; false if this kernel cannot (it came with Linux 5.16).
-bool sleepOnAll(std::span<const BellSeen> bells, std::chrono::steady_clock::time_point end) {
-  std::vector<futex_waitv> waiters;
-  for (const BellSeen& bell : bells) {
-    waiters.push_back({.val = bell.seen,
-                       .uaddr = reinterpret_cast<std::uintptr_t>(bellOf(bell.file->data())),
-                       // Not the private form: the ringer is another process.
-                       .flags = FUTEX_32,
-                       .__reserved = 0});
-  }
-  // The steady clock is CLOCK_MONOTONIC.
-  const timespec until = timespecOf(end.time_since_epoch());
-  const long result =
-      ::syscall(SYS_futex_waitv, waiters.data(), waiters.size(), 0, &until, CLOCK_MONOTONIC);
-  return result >= 0 || (errno != ENOSYS && errno != EINVAL && errno != EPERM);
-}
-
-}  // namespace
-
-bool waitForAnyRing(std::span<const BellSeen> bells, std::chrono::nanoseconds timeout) {
-  // Where a thread can sleep on one bell only, it looks at the others this often.
-  constexpr std::chrono::nanoseconds kSlice = std::chrono::milliseconds(5);
-  // A year stands for ever, and does not overflow.
-  const auto end = std::chrono::steady_clock::now() +
-                   std::min<std::chrono::nanoseconds>(timeout, std::chrono::hours(24 * 365));
-  const auto moved = [](const BellSeen& bell) { return bell.file->doorbell() != bell.seen; };
-  bool slices = false;
-  while (std::ranges::none_of(bells, moved)) {
-    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
-        end - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return false;
-    if (bells.size() > 1 && !slices) {
-      slices = !sleepOnAll(bells, end);
-      continue;
-    }
-    const timespec wait = timespecOf(slices ? std::min(left, kSlice) : left);
-    if (bells.empty()) {
-      ::nanosleep(&wait, nullptr);
-    } else {
-      ::syscall(SYS_futex, bellOf(bells[0].file->data()), FUTEX_WAIT, bells[0].seen, &wait, nullptr,
-                0);
-    }
-  }
-  return true;
 }
 
 }  // namespace Drift

@@ -8,6 +8,7 @@
 
 #include "Drift/Directory.h"
 #include "Drift/Header.h"
+#include "Drift/ProcessMark.h"
 #include "Fenrik/Export.h"
 
 namespace Drift {
@@ -16,6 +17,10 @@ namespace Drift {
 ///
 /// A writer holds an exclusive lock on it for as long as the object lives; the lock goes with the
 /// process, however that ends. A reader maps it `PROT_READ` and needs no right beyond reading.
+///
+/// After a fork the child may read through what it inherited; the parent's lock stays the parent's.
+/// A write is refused with `ForkedException`: the child opens the collection itself, once the
+/// parent has let go of it.
 ///
 /// I1. Type, owner, mode, link count, exact size and header are verified on the descriptor before
 ///     the first access through the mapping.
@@ -63,11 +68,24 @@ class QUARNBASTIL_EXPORT DriftFile {
   /// Reserves memory behind a part of the file; throws `NoSpaceException`, with nothing changed,
   /// when the file system has none.
   void reserve(Word offset, Word size);
-  /// The word at an offset, read by a system call: a hole stays one. 0 if that fails.
-  Word readWord(Word offset) const noexcept;
+  /// Copies a part of the file by a system call, for which a hole stays one; false if that fails.
+  bool read(Word offset, void* out, Word size) const noexcept;
   /// Gives the memory behind a part of the file back; its bytes then read as zero. False where all
-  /// is reserved for good or the file system cannot do it: nothing has changed then.
+  /// is reserved for good or the file system cannot do it: nothing has changed then. REQUIRES:
+  /// `leftSince` a moment at which nothing led there any more.
   bool giveBack(Word offset, Word size) noexcept;
+
+  /// The present moment, in nanoseconds, the same for all processes.
+  static Word moment() noexcept;
+  /// Whether every look-up has ended that a reader, in any process, had begun by that moment. A
+  /// reader that touched memory that was given back would allocate it anew, and die of a bus error
+  /// where the file system is full. Costs a system call.
+  bool leftSince(Word moment) const noexcept;
+
+  /// Throws `ForkedException` in a process that inherited the file from its writer.
+  void requireOwner() const {
+    if (mark_ != processMark()) refuseChild();
+  }
 
   /// True when the name leads to another file by now: this one was rebuilt or removed.
   bool replaced() const;
@@ -80,12 +98,19 @@ class QUARNBASTIL_EXPORT DriftFile {
 
  private:
   friend class DriftFileOpener;
+  friend class ReaderPass;
   DriftFile() = default;
 
-  Descriptor directory_;
+  bool passTake(Word moment) const noexcept;
+  void passDrop(Word moment) const noexcept;
+  [[noreturn]] void refuseChild() const;
+
+  std::shared_ptr<const Descriptor> directory_;
   std::string fileName_;
   std::string path_;
-  Descriptor fd_;
+  mutable Descriptor fd_;
+  Word mark_ = processMark();              ///< of the process that opened the file
+  mutable Word lockMark_ = processMark();  ///< of the process to which the locks of `fd_` belong
   Options options_;
   bool writable_ = false;
   MountStage stage_ = MountStage::ok;

@@ -7,6 +7,7 @@
 
 #include "Drift/DriftFile.h"
 #include "Drift/IndexWord.h"
+#include "Drift/ReaderPass.h"
 #include "Fenrik/Export.h"
 
 namespace Drift {
@@ -77,6 +78,7 @@ class QUARNBASTIL_EXPORT HashedView {
   [[noreturn]] void restless() const;
 
   const DriftFile* file_;
+  mutable ReaderPass pass_;
   Word keyWords_;
   Word lastKeyMask_;  ///< of the key's last word, the bytes that are the key's
   Word recordWords_;
@@ -174,6 +176,10 @@ class QUARNBASTIL_EXPORT HashedWriter {
   /// ascending order of it.
   std::vector<std::vector<Word>> beyond(std::size_t offset, Word version);
 
+  /// Puts back header words that were damaged since this process took the collection over. Happens
+  /// by itself at every 256th removal or demand for room; to be called where a reader met damage.
+  void restoreHeader() noexcept;
+
   /// Index words that were dropped because they or their records were found damaged, at the
   /// takeover or later; each may be a record that is lost.
   Word dropped() const noexcept { return dropped_; }
@@ -186,6 +192,8 @@ class QUARNBASTIL_EXPORT HashedWriter {
   void takeOver();
   void adoptWord(Word* bucket, std::vector<bool>& used);
   void fillFreeList(const std::vector<bool>& used);
+  void trim() noexcept;
+  void care() noexcept;
   Place locate(KeyWords key, Word hash);
   Place vacancy(Place place);
   void checkRoom(Word inserts, Word replacements) const;
@@ -198,7 +206,7 @@ class QUARNBASTIL_EXPORT HashedWriter {
   Word fillSlot(Word slot, Pieces pieces);
   void sweepTombstones(Word bucket);
   void switchTable(bool keep);
-  void giveBackTable(Word which) noexcept;
+  void emptyTable(Word which) noexcept;
   [[noreturn]] void full(const char* what) const;
 
   DriftFile& file_;
@@ -211,6 +219,7 @@ class QUARNBASTIL_EXPORT HashedWriter {
   Word tombstones_ = 0;
   Word dropped_ = 0;
   Word lookups_ = 0;
+  Word changes_ = 0;
   std::vector<Word> scratch_;
   /// By slot: this process wrote what is in it, or has proved it.
   std::vector<bool> trusted_;
@@ -220,6 +229,9 @@ class QUARNBASTIL_EXPORT HashedWriter {
   std::vector<std::uint32_t> resting_;
   std::size_t restingHead_ = 0;
   Word nextFresh_ = 0;
+  /// The moment from which on nothing led behind `nextFresh_`; 0: nothing there has memory to
+  /// spare.
+  Word surplusSince_ = 0;
 };
 
 }  // namespace Drift

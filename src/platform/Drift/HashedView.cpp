@@ -38,6 +38,7 @@ Word hashKey(KeyWords key, Word seed) noexcept {
 
 HashedView::HashedView(const DriftFile& file)
     : file_(&file),
+      pass_(file),
       keyWords_(Format::paddedSize(file.header().keySize) / sizeof(Word)),
       lastKeyMask_(~Word{0} >> (keyWords_ * sizeof(Word) - file.header().keySize) * 8),
       recordWords_(Format::paddedSize(file.header().recordSize) / sizeof(Word)),
@@ -162,6 +163,7 @@ int HashedView::findOnce(KeyWords key, Word hash, RecordWords out) const {
 }
 
 bool HashedView::find(KeyWords key, RecordWords out) const {
+  pass_.show();
   const Word hash = hashKey(key, file_->header().hashSeed);
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     const int outcome = findOnce(key, hash, out);
@@ -205,6 +207,7 @@ int HashedView::nextInBucket(Word active, Word home, const KeyWords* after, Reco
 }
 
 bool HashedView::next(WalkPosition& position, KeyWords after, RecordWords out) const {
+  pass_.show();
   // The caller may give the key within `out`, which is overwritten.
   KeyRoom copy;
   std::ranges::copy(after, copy.begin());
@@ -222,7 +225,12 @@ bool HashedView::next(WalkPosition& position, KeyWords after, RecordWords out) c
     }
     // Buckets that were passed count only if they belonged to the index in use until now.
     if (outcome == kAgain || active() != before) continue;
-    if (outcome == kFound) position = {bucket - 1, true};
+    if (outcome == kFound) {
+      position = {bucket - 1, true};
+    } else {
+      // After a walk a reader often needs the collection no more.
+      pass_.drop();
+    }
     return outcome == kFound;
   }
   restless();

@@ -7,6 +7,14 @@
 
 namespace Drift {
 
+namespace {
+
+/// Changes after which surplus memory and the header are looked at again: a system call and a few
+/// cache lines vanish among them.
+constexpr std::size_t kCareEach = 256;
+
+}  // namespace
+
 HashedWriter::HashedWriter(DriftFile& file)
     : file_(file),
       view_(file),
@@ -38,7 +46,7 @@ void HashedWriter::full(const char* what) const {
 }
 
 void HashedWriter::takeOver() {
-  giveBackTable(activeTable() ^ 1);
+  emptyTable(activeTable() ^ 1);
   std::vector<bool> used(file_.header().slotCount);
   Word* const words = table(activeTable());
   for (Word position = 0; position <= mask_; ++position) {
@@ -83,10 +91,19 @@ void HashedWriter::fillFreeList(const std::vector<bool>& used) {
   for (Word slot = last; slot-- > 0;) {
     if (!used[slot]) free_.push_back(static_cast<std::uint32_t>(slot));
   }
-  const Word from = file_.header().slotsOffset + last * file_.header().slotStride;
+  surplusSince_ = DriftFile::moment();
+  trim();
+}
+
+/// Gives back what lies behind the slots that were handed out, once no reader can be in it.
+void HashedWriter::trim() noexcept {
+  if (surplusSince_ == 0 || !file_.leftSince(surplusSince_)) return;
+  surplusSince_ = 0;
+  const Word from = file_.header().slotsOffset + nextFresh_ * file_.header().slotStride;
   const Word begin = (from + Format::kPageSize - 1) / Format::kPageSize * Format::kPageSize;
+  // The bound first: what lies below it has memory, whenever this process ends.
+  if (!file_.options().reserveAll) reserved_.set(nextFresh_);
   file_.giveBack(begin, file_.header().fileSize - begin);
-  if (!file_.options().reserveAll) reserved_.set(last);
 }
 
 /// Where the key's index word is, or the first bucket that could take it.
@@ -129,6 +146,7 @@ HashedWriter::Place HashedWriter::locate(KeyWords key, Word hash) {
 }
 
 HashedWriter::Place HashedWriter::lookUp(KeyWords key) {
+  file_.requireOwner();
   return locate(key, hashKey(key, file_.header().hashSeed));
 }
 
@@ -224,6 +242,8 @@ void HashedWriter::makeRoom(KeyWords key) {
 }
 
 void HashedWriter::makeRoom(Word inserts, Word replacements) {
+  file_.requireOwner();
+  care();
   checkRoom(inserts, replacements);
   if (inserts != 0 && tombstones_ > (mask_ + 1) / 4) switchTable(true);
   // Each replacement after the first that finds the ring of resting slots full gets one from there.
@@ -256,6 +276,17 @@ void HashedWriter::rest(Word slot) {
   place = static_cast<std::uint32_t>(slot);
 }
 
+/// Not called by `set`: memory that was promised stays.
+void HashedWriter::care() noexcept {
+  if (++changes_ % kCareEach != 0) return;
+  trim();
+  restoreHeader();
+}
+
+void HashedWriter::restoreHeader() noexcept {
+  for (CheckedWordWriter* word : {&active_, &live_[0], &live_[1], &reserved_}) word->restore();
+}
+
 Word HashedWriter::fillSlot(Word slot, Pieces pieces) {
   Word* const words = file_.words(file_.header().slotsOffset + slot * file_.header().slotStride);
   ++runningNumber_;
@@ -267,6 +298,7 @@ Word HashedWriter::fillSlot(Word slot, Pieces pieces) {
 }
 
 void HashedWriter::set(const Place& looked, Pieces pieces) {
+  file_.requireOwner();
   FENRIK_ASSERT(looked.lookup_ == lookups_);
   const Place place = looked.found() ? looked : vacancy(looked);
   const Word slot = takeSlot();
@@ -349,6 +381,8 @@ std::vector<std::vector<Word>> HashedWriter::beyond(std::size_t offset, Word ver
 }
 
 void HashedWriter::remove(const Place& place) {
+  file_.requireOwner();
+  care();
   FENRIK_ASSERT(place.found() && place.lookup_ == lookups_);
   ++lookups_;
   storeWord(table(activeTable()) + place.bucket_, IndexWord::tombstone());
@@ -375,12 +409,23 @@ void HashedWriter::sweepTombstones(Word bucket) {
   }
 }
 
-void HashedWriter::giveBackTable(Word which) noexcept {
+/// Empties an index table that is not in use any more, and gives its memory back if no reader can
+/// be in it.
+void HashedWriter::emptyTable(Word which) noexcept {
   const Word size = (mask_ + 1) * sizeof(Word);
-  if (size >= Format::kPageSize && file_.giveBack(Format::kHeaderSize + which * size, size)) return;
-  Word* const words = table(which);
-  for (Word i = 0; i <= mask_; ++i) {
-    if (words[i] != 0) storeWord(words + i, 0);
+  const Word offset = Format::kHeaderSize + which * size;
+  if (size >= Format::kPageSize && file_.leftSince(DriftFile::moment()) &&
+      file_.giveBack(offset, size)) {
+    return;
+  }
+  std::array<Word, Format::kPageSize / sizeof(Word)> page;
+  const Word step = std::min<Word>(page.size(), mask_ + 1);
+  for (Word begin = 0; begin <= mask_; begin += step) {
+    // A hole must stay one: the file system may have no page for it.
+    if (!file_.read(offset + begin * sizeof(Word), page.data(), step * sizeof(Word))) page.fill(1);
+    for (Word i = 0; i < step; ++i) {
+      if (page[i] != 0) storeWord(table(which) + begin + i, 0);
+    }
   }
 }
 
@@ -417,14 +462,15 @@ void HashedWriter::switchTable(bool keep) {
   live_[to].set(count);
   active_.set((((active_.value() >> 1) + 1) << 1) | to);
   tombstones_ = 0;
-  giveBackTable(from);
+  emptyTable(from);
 }
 
 void HashedWriter::removeAll() {
+  file_.requireOwner();
   switchTable(false);
   free_.clear();
   std::ranges::fill(resting_, UINT32_MAX);
-  // Readers may still be copying: the memory goes back, the slots begin again from the lowest.
+  // The slots begin again from the lowest.
   fillFreeList(std::vector<bool>(file_.header().slotCount));
 }
 

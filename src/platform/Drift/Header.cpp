@@ -39,6 +39,7 @@ const char* mountStageName(MountStage stage) noexcept {
 }
 
 MountException::~MountException() = default;
+ForkedException::~ForkedException() = default;
 CollectionFullException::~CollectionFullException() = default;
 NoSpaceException::~NoSpaceException() = default;
 

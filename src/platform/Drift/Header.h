@@ -111,16 +111,21 @@ class CheckedWordWriter {
     if (!value) return false;
     runningNumber_ = reader_.runningNumber();
     value_ = *value;
+    restore();
+    return true;
+  }
+
+  Word value() const noexcept { return value_; }
+
+  /// Makes both copies what this process stored last, whatever has become of them since.
+  void restore() noexcept {
     const Word check = reader_.checkOf(value_, runningNumber_);
     for (std::size_t copy = 0; copy < 2; ++copy) {
       if (loadWord(words_ + 2 * copy) == value_ && loadWord(words_ + 2 * copy + 1) == check)
         continue;
       storeCopy(copy, check);
     }
-    return true;
   }
-
-  Word value() const noexcept { return value_; }
 
   /// Changes the value: readers and a successor see the old one until a single store of this call,
   /// and the new one from it on.

@@ -51,7 +51,14 @@ class LogFollower {
   }
 
   /// Sleeps until the writer rings after the last read, or the time is over; true if it rang.
-  bool wait(std::chrono::nanoseconds timeout) const { return file_.waitForRing(seen_, timeout); }
+  bool wait(std::chrono::nanoseconds timeout) const {
+    // A reader that sleeps for long does not keep the writer from giving memory back.
+    constexpr std::chrono::nanoseconds kLong = std::chrono::milliseconds(10);
+    if (timeout <= kLong) return file_.waitForRing(seen_, timeout);
+    if (file_.waitForRing(seen_, kLong)) return true;
+    view_.rest();
+    return file_.waitForRing(seen_, timeout - kLong);
+  }
 
  private:
   const DriftFile& file_;

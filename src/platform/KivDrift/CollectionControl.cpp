@@ -24,19 +24,26 @@ unsigned long long CollectionControl::scratchpad() const {
   return load(Drift::Format::Line::scratchpad, "the scratchpad");
 }
 
-void CollectionControl::scratchpadIs(unsigned long long value) { scratchpad_.set(value); }
+void CollectionControl::scratchpadIs(unsigned long long value) {
+  file_.requireOwner();
+  scratchpad_.set(value);
+}
 
 unsigned long long CollectionControl::announced() const {
   return load(Drift::Format::Line::announced, "the announced version");
 }
 
-void CollectionControl::announcedIs(unsigned long long version) { announced_.set(version); }
+void CollectionControl::announcedIs(unsigned long long version) {
+  file_.requireOwner();
+  announced_.set(version);
+}
 
 bool CollectionControl::wiped() const {
   return load(Drift::Format::Line::wiped, "the wiped flag") != 0;
 }
 
 void CollectionControl::clearWiped() {
+  file_.requireOwner();
   Drift::CheckedWordWriter wiped(file_.data(), Drift::Format::Line::wiped);
   FENRIK_ASSERT(wiped.adopt());
   wiped.set(0);
