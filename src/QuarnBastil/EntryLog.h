@@ -92,6 +92,11 @@ class QUARNBASTIL_EXPORT EntryLog
     return Base::entryDel(image(key).words(), neededEntry, unitId);
   }
 
+  /// Throws what storing an operation would throw.
+  void operationRoom(const Key& key, Asic::EntryFlags flags, Asic::UnitId unitId) {
+    Base::operationRoom(image(key).words(), flags, unitId);
+  }
+
   /// The committed value; a default one for a key that is absent or in deletion.
   LogEntry entry(const Key& key, Asic::UnitId unitId) const {
     LogEntry entry;

@@ -881,11 +881,16 @@ class Model final : public Agent {
     }
   }
 
-  /// The flag of pending writes tells the truth however a report ends.
+  /// The flag of pending writes tells the truth however a report ends, and what a handler throws in
+  /// a report goes to whoever reported, even within a commit.
   struct FlagUpdate {
     Model& model;
     Family& family;
-    ~FlagUpdate() { model.updateFlag(family); }
+    bool* outer = std::exchange(model.handlerThrew_, nullptr);
+    ~FlagUpdate() {
+      model.handlerThrew_ = outer;
+      model.updateFlag(family);
+    }
   };
 
   /// The tables hear of it in any order.

@@ -14,6 +14,7 @@
 #include <random>
 
 #include "Drift/FileFacts.h"
+#include "Fenrik/Format.h"
 
 namespace Drift {
 

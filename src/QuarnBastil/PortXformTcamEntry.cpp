@@ -1,0 +1,5 @@
+#include "QuarnBastil/PortXformTcamEntry.h"
+
+#include "QuarnBastil/FamilyDescriptor.h"
+
+QUARNBASTIL_DEFINE_FAMILY(QuarnBastil, PortXformTcamEntry);

@@ -1,0 +1,5 @@
+#include "QuarnBastil/SmallAds.h"
+
+#include "QuarnBastil/FamilyDescriptor.h"
+
+QUARNBASTIL_DEFINE_FAMILY(QuarnBastil, SmallAds);

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "QuarnLpmLib/SmallBbDataModelTypes.h"
+#include "QuarnLpmLib/DataModelSwTable.h"
+
+namespace QuarnLpmLib {
+
+class QUARNBASTIL_EXPORT SmallBbDataModelSwTableBase
+    : public DataModelSwTableBase<SmallBbDataModelSwTableBase, SmallBbDataModelEntryKey> {
+ public:
+  using DataModelSwTableBase::DataModelSwTableBase;
+};
+
+class QUARNBASTIL_EXPORT SmallBbDataModelSwTableIteratorState
+    : public DataModelSwTableIteratorState<SmallBbDataModelEntry> {
+ public:
+  using DataModelSwTableIteratorState::DataModelSwTableIteratorState;
+};
+
+}  // namespace QuarnLpmLib
