@@ -40,10 +40,10 @@ InterfaceCore::InterfaceCore(const TableDescriptor& descriptor, RingMessages& ri
 
 InterfaceCore::~InterfaceCore() {
   onDelete();
-  entryLogPut(nullptr);
-  swTableStatusPut(nullptr);
+  entryLogIs(nullptr);
+  swTableStatusIs(nullptr);
   const Fenrik::Ptr<OrderedSwTableSet> set = set_;
-  swTableSetPut(nullptr);
+  swTableSetIs(nullptr);
   releaseTables(set);
 }
 
@@ -82,9 +82,9 @@ bool InterfaceCore::adoptLiving(const Fenrik::Ptr<GroupInterface>& groupIntf) {
   if (set == nullptr || set->swTableCount() == 0) return false;
   const auto table = set->swTableIterator()->value();
   if (table->core() == nullptr) return false;
-  entryLogPut(table->core()->entryLog());
-  swTableStatusPut(set->status());
-  swTableSetPut(set);
+  entryLogIs(table->core()->entryLog());
+  swTableStatusIs(set->status());
+  swTableSetIs(set);
   return true;
 }
 
@@ -167,13 +167,13 @@ const Fenrik::Ptr<EntryLogCore>& InterfaceCore::entryLogIs(
                     entryLog_->entityManager() == entityManager &&
                     entryLog_->groupInterface() == groupInterface &&
                     entryLog_->agentName() == agentName;
-  if (!same) entryLogPut(descriptor_.make.log(tableId, entityManager, groupInterface, agentName));
+  if (!same) entryLogIs(descriptor_.make.log(tableId, entityManager, groupInterface, agentName));
   return entryLog_;
 }
 
 const Fenrik::Ptr<OrderedSwTableStatus>& InterfaceCore::swTableStatusIs(SwTableId tableId) {
   if (status_ == nullptr || status_->tableId() != tableId) {
-    swTableStatusPut(Fenrik::ptrIsImpl<OrderedSwTableStatus>(tableId));
+    swTableStatusIs(Fenrik::ptrIsImpl<OrderedSwTableStatus>(tableId));
   }
   return status_;
 }
@@ -181,22 +181,22 @@ const Fenrik::Ptr<OrderedSwTableStatus>& InterfaceCore::swTableStatusIs(SwTableI
 const Fenrik::Ptr<OrderedSwTableSet>& InterfaceCore::swTableSetIs(
     SwTableId tableId, const Fenrik::Ptr<OrderedSwTableStatus>& status) {
   if (set_ == nullptr || set_->tableId() != tableId || set_->status() != status) {
-    swTableSetPut(Fenrik::ptrIsImpl<OrderedSwTableSet>(tableId, status));
+    swTableSetIs(Fenrik::ptrIsImpl<OrderedSwTableSet>(tableId, status));
   }
   return set_;
 }
 
-void InterfaceCore::entryLogPut(Fenrik::Ptr<EntryLogCore> log) {
+void InterfaceCore::entryLogIs(Fenrik::Ptr<EntryLogCore> log) {
   Fenrik::Impl::attributePointerIs(publisher_, Fenrik::FieldId(kFieldBase + 7), entryLog_,
                                    std::move(log));
 }
 
-void InterfaceCore::swTableStatusPut(Fenrik::Ptr<OrderedSwTableStatus> status) {
+void InterfaceCore::swTableStatusIs(Fenrik::Ptr<OrderedSwTableStatus> status) {
   Fenrik::Impl::attributePointerIs(publisher_, Fenrik::FieldId(kFieldBase + 8), status_,
                                    std::move(status));
 }
 
-void InterfaceCore::swTableSetPut(Fenrik::Ptr<OrderedSwTableSet> set) {
+void InterfaceCore::swTableSetIs(Fenrik::Ptr<OrderedSwTableSet> set) {
   Fenrik::Impl::attributePointerIs(publisher_, Fenrik::FieldId(kFieldBase + 9), set_,
                                    std::move(set));
 }

@@ -46,9 +46,9 @@ class QUARNBASTIL_EXPORT InterfaceCore : public TableInterfaceBase {
   const Fenrik::Ptr<EntryLogCore>& entryLog() const noexcept { return entryLog_; }
   const Fenrik::Ptr<OrderedSwTableStatus>& swTableStatus() const noexcept { return status_; }
   const Fenrik::Ptr<OrderedSwTableSet>& swTableSet() const noexcept { return set_; }
-  void entryLogPut(Fenrik::Ptr<EntryLogCore> log);
-  void swTableStatusPut(Fenrik::Ptr<OrderedSwTableStatus> status);
-  void swTableSetPut(Fenrik::Ptr<OrderedSwTableSet> set);
+  void entryLogIs(Fenrik::Ptr<EntryLogCore> log);
+  void swTableStatusIs(Fenrik::Ptr<OrderedSwTableStatus> status);
+  void swTableSetIs(Fenrik::Ptr<OrderedSwTableSet> set);
 
  protected:
   static constexpr std::uint16_t kFieldBase = 128;

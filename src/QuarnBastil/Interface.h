@@ -63,6 +63,7 @@ class QUARNBASTIL_EXPORT Interface
   }
 
   Fenrik::Ptr<Log> entryLog() const { return typed(Base::entryLog()); }
+  void entryLogIs(const Fenrik::Ptr<Log>& log) { Base::entryLogIs(log); }
   Fenrik::Ptr<Log> entryLogIs(Asic::SwTableId tableId,
                               const Fenrik::Ptr<Stavro::EntityManager>& entityManager,
                               const Fenrik::Ptr<Asic::GroupInterface>& groupInterface,
@@ -73,17 +74,17 @@ class QUARNBASTIL_EXPORT Interface
   /// Empties the attribute and returns what it held.
   Fenrik::Ptr<Log> entryLogDel() {
     auto former = entryLog();
-    this->entryLogPut(nullptr);
+    Base::entryLogIs(nullptr);
     return former;
   }
   Fenrik::Ptr<Asic::OrderedSwTableStatus> swTableStatusDel() {
     auto former = this->swTableStatus();
-    this->swTableStatusPut(nullptr);
+    Base::swTableStatusIs(nullptr);
     return former;
   }
   Fenrik::Ptr<Asic::OrderedSwTableSet> swTableSetDel() {
     auto former = this->swTableSet();
-    this->swTableSetPut(nullptr);
+    Base::swTableSetIs(nullptr);
     return former;
   }
 

@@ -58,8 +58,8 @@ std::uint64_t allocationsOf() {
   return allocations - before;
 }
 
-TEST(Heap, GivesAWriteItsWrapperAndNothingElse) {
-  EXPECT_EQ(allocationsOf<QuarnBastil::TcamEntryFamily>(), 10'000u);
+TEST(Heap, GivesAWriteNothing) {
+  EXPECT_EQ(allocationsOf<QuarnBastil::TcamEntryFamily>(), 0u);
   EXPECT_EQ(allocationsOf<QuarnBastil::BigBbFamily>(), 0u);
 }
 

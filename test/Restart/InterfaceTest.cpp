@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "Blipline/RingReader.h"
+#include "Blipline/TraceHandle.h"
 #include "Support/Running.h"
 #include "Support/TempDir.h"
 

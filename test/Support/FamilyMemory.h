@@ -201,15 +201,40 @@ struct Changing : Memory {
     }
     return gone.size();
   }
-  /// What a dead agent logged counts as issued; what it did not announce needs everything.
+  /// What a dead agent logged counts as issued, what it configured beyond its log is logged, and
+  /// what it did not announce needs everything.
   void takeOver(const Needed& everything) {
     scratchpad = newest();
     tell();
+    complete();
     if (announced == scratchpad) return;
     announce(announced + 1, everything);
   }
 
  private:
+  /// One record beyond the log is a write or a removal; several are a clear, which is finished.
+  void complete() {
+    for (unsigned unit = 0; unit < config.size(); ++unit) {
+      std::vector<Key> beyond;
+      for (const auto& [key, record] : config[unit]) {
+        if (record.logVersion > scratchpad) beyond.push_back(key);
+      }
+      if (beyond.empty()) continue;
+      const ConfigRecord first = config[unit].at(beyond.front());
+      LogRecord record{first.isDeleted ? LogFlags::entryDelete : LogFlags::write, unit,
+                       beyond.front(), first.value};
+      if (beyond.size() > 1) {
+        for (const Key key : walk(unit)) {
+          if (!config[unit].at(key).isDeleted) mark(config[unit].at(key));
+        }
+        record = {LogFlags::tableDelete, unit, 0, 0};
+      }
+      log[scratchpad + 1] = record;
+      tell();
+      ++scratchpad;
+      tell();
+    }
+  }
   void tell() const {
     if (stored) stored();
   }
