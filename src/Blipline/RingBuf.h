@@ -60,9 +60,6 @@ class QUARNBASTIL_EXPORT RingBuf {
     available_.store(true, std::memory_order_relaxed);
   }
 
-  /// Offers no space from here on.
-  void close() noexcept { available_.store(false, std::memory_order_relaxed); }
-
  private:
   friend class TraceFile;
 
@@ -78,7 +75,7 @@ class QUARNBASTIL_EXPORT RingBuf {
   /// The next record, and the last place in the block that is sure to hold one.
   std::byte* cursor_ = nullptr;
   std::byte* blockLimit_ = nullptr;
-  /// False while a record is open, and for a ring that is closed.
+  /// False while a record is open, and for a ring without a place.
   std::atomic<bool> available_{false};
   std::byte* writePtr_ = nullptr;
   std::uint32_t msgId_ = 0;

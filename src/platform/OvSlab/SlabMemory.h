@@ -68,6 +68,10 @@ class SlabMemory {
 
   static void* startOf(const Slab& slab) noexcept;
 
+  /// Around a fork.
+  void lock() { mutex_.lock(); }
+  void unlock() { mutex_.unlock(); }
+
  private:
   bool reserve() noexcept;
   bool grow() noexcept;
