@@ -40,7 +40,9 @@ class QUARNBASTIL_EXPORT RingBuf {
       blockEnter(file);
     const std::uint64_t tick = RingClock::tick();
     std::memcpy(cursor_ + sizeof(RecordHead), &tick, sizeof tick);
+    /// Message of the open record.
     msgId_ = static_cast<std::uint32_t>(msgId);
+    /// Where the next number of the open record goes.
     writePtr_ = cursor_ + kRecordHeadBytes;
     return true;
   }
@@ -79,11 +81,14 @@ class QUARNBASTIL_EXPORT RingBuf {
   std::atomic<bool> available_{false};
   std::byte* writePtr_ = nullptr;
   std::uint32_t msgId_ = 0;
+  /// The header's word; read by other processes.
   std::atomic<std::uint64_t>* committed_ = nullptr;
   /// Position of a place in the block minus its address.
   std::uint64_t blockOffset_ = 0;
 
+  /// First byte of the ring in the mapping.
   std::byte* ring_ = nullptr;
+  /// A power of two.
   std::size_t ringBytes_ = 0;
 };
 

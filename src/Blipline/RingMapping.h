@@ -32,6 +32,7 @@ class RingMapping {
   struct Place;
   struct Places;
 
+  /// What the signal handler knows of this mapping; null before `map`.
   Place* place_ = nullptr;
 };
 

@@ -68,12 +68,16 @@ class QUARNBASTIL_EXPORT TraceFile {
  private:
   void mapNew(const std::string& path, std::size_t ringBytes, unsigned fileIndex);
 
+  /// Header and ring in memory.
   RingMapping mapping_;
   RingBuf ring_;
   /// One byte for each message id, not zero for those that the file knows.
   std::vector<std::uint8_t> known_;
+  /// First page of the mapping.
   RingHeader* header_ = nullptr;
+  /// A power of two.
   std::size_t ringBytes_ = 0;
+  /// Open for writing; descriptions are appended through it.
   int fd_ = -1;
 };
 

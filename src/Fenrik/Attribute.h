@@ -21,6 +21,7 @@ class QUARNBASTIL_EXPORT Publishing : public Base {
   const Publisher* publisher() const override { return &publisher_; }
 
  protected:
+  /// Announces the changes of this object's attributes.
   Publisher publisher_;
 };
 

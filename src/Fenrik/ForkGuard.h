@@ -63,6 +63,7 @@ class QUARNBASTIL_EXPORT ForkGuard {
   ForkGuard* next_ = nullptr;
   ForkGuard* prev_ = nullptr;
 
+  /// All guards, those that are locked first at the front.
   static ForkGuard* first_;
   static ForkGuard* last_;
 };

@@ -99,10 +99,12 @@ class QUARNBASTIL_EXPORT Node {
       return decUseCountShared();
     const std::uint32_t word = useCountAndFlags_ - 1;
     if ((word & kUseCountMask) != 0) [[likely]] {
+      /// Users under `kUseCountMask`, and the flags.
       useCountAndFlags_ = word;
       return false;
     }
-    useCountAndFlags_ = word;  // Left out where the node's end is inlined.
+    useCountAndFlags_ =
+        word;  // A dead store where the destructor is inlined; the compiler drops it.
     return true;
   }
 

@@ -87,6 +87,7 @@ class QUARNBASTIL_EXPORT Ptr {
     }
   }
 
+  /// Null, or a node of whose users this pointer is one.
   T* node_ = nullptr;
 };
 

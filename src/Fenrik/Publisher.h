@@ -59,8 +59,11 @@ class QUARNBASTIL_EXPORT Subscriber {
  private:
   friend class Publisher;
 
+  /// Null while not subscribed.
   Dispatch dispatch_ = nullptr;
+  /// The publisher that has it in its list, or null.
   const Publisher* attachedTo_ = nullptr;
+  /// Neighbours in the order of telling.
   Subscriber* next_ = nullptr;
   Subscriber* prev_ = nullptr;
 };
@@ -116,7 +119,9 @@ class QUARNBASTIL_EXPORT Publisher {
   void publish(const Change& change) const;
   void unlink(Subscriber& subscriber) const noexcept;
 
+  /// The first subscriber's address, or `kNoSubscriber`.
   mutable std::uintptr_t head_ = kNoSubscriber;
+  /// The last subscriber; meaningless while there is none.
   mutable Subscriber* last_ = nullptr;
   /// The announcements under way, oldest first.
   mutable Walk* walks_ = nullptr;

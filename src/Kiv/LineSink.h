@@ -56,6 +56,7 @@ class LineOutput {
   bool put(std::string_view line) noexcept;
   bool putBehindLoss(std::string_view line) noexcept;
 
+  /// Where lines go; the caller's.
   int fd_ = 2;
   /// The last line was cut.
   bool torn_ = false;
@@ -64,6 +65,7 @@ class LineOutput {
   /// What is left of it, and when there is all of it again.
   std::chrono::nanoseconds patience_ = kPatience;
   Clock::time_point patienceAgain_{};
+  /// No write is tried before, once one has failed.
   Clock::time_point tryAgain_{};
 };
 
@@ -119,10 +121,13 @@ class LineSink {
     // The former callback goes here, outside the lock: its destructor may trace.
   }
 
+  /// This thread is within a delivery of this channel.
   inline static thread_local bool delivering_ = false;
 
   LineOutput output_;
+  /// Used instead of `output_` when it is set.
   Callback callback_;
+  /// Lines that were not delivered.
   std::atomic<std::uint64_t> lost_{0};
 };
 

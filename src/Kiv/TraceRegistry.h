@@ -53,7 +53,9 @@ class TraceRegistry {
   void maskUpdate(Member& member) const;
 
   mutable std::mutex mutex_;
+  /// Records by handle name.
   std::map<std::string, std::unique_ptr<Member>, std::less<>> members_;
+  /// Rules in force, oldest first.
   std::vector<TraceRule> rules_;
 };
 

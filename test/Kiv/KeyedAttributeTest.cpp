@@ -130,9 +130,7 @@ TEST_F(KeyedAttribute, ValuesReadAsDefaultWhereThereIsNone) {
   EXPECT_EQ(rack->power(1), 0);
   EXPECT_EQ(rack->powerGet(1), std::nullopt);
   EXPECT_EQ(rack->powerDel(1), 0);
-  rack->powerIs(1, 30);
-  rack->powerIs(1, 30);
-  rack->powerIs(1, 40);
+  for (const int power : {30, 30, 40}) rack->powerIs(1, power);
   EXPECT_EQ(rack->powerGet(1), 40);
   EXPECT_EQ(rack->powerCount(), 1u);
   EXPECT_EQ(rack->powerDel(1), 40);
