@@ -65,8 +65,8 @@ TEST(AllocTrackThreadsTest, EveryTrackerOfAClassReachesOneRecordAndNothingIsLost
     for (unsigned i = 0; i != 20000; ++i) {
       AllocTrackTypeInfo::_trackAllocation(&tracker, typeid(Shared), 64, 8);
       AllocTrackTypeInfo::trackArrayAllocation(&tracker, typeid(Shared), 64, 3);
-      if (const AllocTrackRow row = i % 1000 == 0 ? rowOf("::Shared") : AllocTrackRow{}; true)
-        EXPECT_TRUE(row.live <= row.peak && row.peak <= row.total);
+      const AllocTrackRow row = i % 1000 == 0 ? rowOf("::Shared") : AllocTrackRow{};
+      EXPECT_TRUE(row.live <= row.peak && row.peak <= row.total);
       AllocTrackTypeInfo::trackDeallocation(tracker);
       if (i % 4 != 0) AllocTrackTypeInfo::trackArrayDeallocation(tracker, 3);
     }
