@@ -37,11 +37,15 @@ class QUARNBASTIL_EXPORT MsgDesc {
  private:
   friend void msgDesc(MsgDesc& desc, const char* className, const char* function, const char* text);
 
+  /// The file that gets the description.
   TraceFile* const traceFile_;
+  /// The site's message id, 0 before its first use.
   int* const msgId_;
+  /// Source file and line of the site.
   const char* const file_;
   const int line_;
   MsgFormatString formatString_;
+  /// What `msgDesc` reported.
   std::string className_;
   std::string function_;
   std::string text_;

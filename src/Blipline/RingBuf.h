@@ -40,7 +40,9 @@ class QUARNBASTIL_EXPORT RingBuf {
       blockEnter(file);
     const std::uint64_t tick = RingClock::tick();
     std::memcpy(cursor_ + sizeof(RecordHead), &tick, sizeof tick);
+    /// Message of the open record.
     msgId_ = static_cast<std::uint32_t>(msgId);
+    /// Where the next number of the open record goes.
     writePtr_ = cursor_ + kRecordHeadBytes;
     return true;
   }
@@ -60,9 +62,6 @@ class QUARNBASTIL_EXPORT RingBuf {
     available_.store(true, std::memory_order_relaxed);
   }
 
-  /// Offers no space from here on.
-  void close() noexcept { available_.store(false, std::memory_order_relaxed); }
-
  private:
   friend class TraceFile;
 
@@ -78,15 +77,18 @@ class QUARNBASTIL_EXPORT RingBuf {
   /// The next record, and the last place in the block that is sure to hold one.
   std::byte* cursor_ = nullptr;
   std::byte* blockLimit_ = nullptr;
-  /// False while a record is open, and for a ring that is closed.
+  /// False while a record is open, and for a ring without a place.
   std::atomic<bool> available_{false};
   std::byte* writePtr_ = nullptr;
   std::uint32_t msgId_ = 0;
+  /// The header's word; read by other processes.
   std::atomic<std::uint64_t>* committed_ = nullptr;
   /// Position of a place in the block minus its address.
   std::uint64_t blockOffset_ = 0;
 
+  /// First byte of the ring in the mapping.
   std::byte* ring_ = nullptr;
+  /// A power of two.
   std::size_t ringBytes_ = 0;
 };
 

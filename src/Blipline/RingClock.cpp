@@ -2,12 +2,15 @@
 
 #include <chrono>
 #include <cmath>
-#include <limits>
+#include <mutex>
+#include <optional>
 #include <thread>
 
 #if defined(__x86_64__)
 #include <cpuid.h>
 #endif
+
+#include "Fenrik/ForkGuard.h"
 
 namespace Blipline {
 namespace {
@@ -32,13 +35,21 @@ bool counterIsEven() noexcept {
 #endif
 }
 
+constinit std::mutex measuring;
+
+const Fenrik::ForkGuard forkGuard(
+    Fenrik::ForkOrder::rings, [] { measuring.lock(); }, [] { measuring.unlock(); },
+    [] { measuring.unlock(); });
+
 }  // namespace
 
 bool RingClock::hasCounter_ = false;
 
 const RingClock::Base& RingClock::base() {
-  static const Base base = measure();
-  return base;
+  static constinit std::optional<Base> base;
+  const std::lock_guard lock(measuring);
+  if (!base) base = measure();
+  return *base;
 }
 
 std::uint64_t RingClock::nanoseconds(clockid_t clock) noexcept {

@@ -43,6 +43,7 @@ class QUARNBASTIL_EXPORT RingClock {
   static std::uint64_t nanoseconds(clockid_t clock) noexcept;
   static Base measure();
 
+  /// The time stamp counter runs evenly. Set by `measure`.
   static bool hasCounter_;
 };
 

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "Fenrik/Format.h"
+#include "Kiv/LineSink.h"
 
 namespace Blipline {
 
@@ -379,7 +380,8 @@ std::string ringLine(const RingMessage& message) {
   return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:09}Z {}/{} {}: {}", utc.tm_year + 1900,
                      utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, nanos,
                      message.processId, message.fileIndex,
-                     message.place.empty() ? "?" : message.place, message.text);
+                     message.place.empty() ? "?" : Kiv::withoutControls(message.place),
+                     Kiv::withoutControls(message.text));
 }
 
 }  // namespace Blipline

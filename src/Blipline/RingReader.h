@@ -62,6 +62,7 @@ class QUARNBASTIL_EXPORT RingFile {
   const RingFacts& facts() const noexcept { return facts_; }
   const std::vector<Record>& records() const noexcept { return records_; }
   const std::map<std::uint32_t, Description>& descriptions() const noexcept {
+    /// Messages of the file by id.
     return descriptions_;
   }
   /// Damage that was found and passed over, one sentence for each.
@@ -84,10 +85,14 @@ class QUARNBASTIL_EXPORT RingFile {
 
   std::string path_;
   RingFacts facts_{};
+  /// The ring's bytes, copied; records point into them.
   std::vector<std::byte> ring_;
+  /// Whole records, oldest first.
   std::vector<Record> records_;
   std::map<std::uint32_t, Description> descriptions_;
+  /// Damage that was skipped, a sentence each.
   std::vector<std::string> problems_;
+  /// Head of the newest block.
   BlockHead lastBlock_{};
 };
 

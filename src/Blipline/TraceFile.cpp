@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <pthread.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,45 +9,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <new>
-#include <set>
 
 #include "Fenrik/Format.h"
 
 namespace Blipline {
 namespace {
-
-/// The files that are open, for the sake of fork: the child must not write beside its parent.
-class OpenFiles {
- public:
-  static OpenFiles& instance() {
-    static OpenFiles* const files = [] {
-      ::pthread_atfork([] { instance().mutex_.lock(); }, [] { instance().mutex_.unlock(); },
-                       [] { instance().closeInChild(); });
-      return new OpenFiles;
-    }();
-    return *files;
-  }
-
-  void add(TraceFile* file) {
-    const std::lock_guard lock(mutex_);
-    files_.insert(file);
-  }
-  void remove(TraceFile* file) {
-    const std::lock_guard lock(mutex_);
-    files_.erase(file);
-  }
-
- private:
-  void closeInChild() {
-    for (TraceFile* file : files_) file->ring().close();
-    mutex_.unlock();
-  }
-
-  std::mutex mutex_;
-  std::set<TraceFile*> files_;
-};
 
 [[noreturn]] void fail(std::string_view doing, const std::string& path, int error) {
   throw TraceFileException(Fenrik::formatString("ring trace file {}: could not {} it: {}", path,
@@ -128,27 +93,21 @@ TraceFile::TraceFile(const std::string& path, std::size_t ringBytes, unsigned fi
     const std::string old = path + ".old";
     if (::rename(path.c_str(), old.c_str()) != 0 && errno != ENOENT) fail("keep", path, errno);
     if (::rename(fresh.c_str(), path.c_str()) != 0) fail("name", path, errno);
-    OpenFiles::instance().add(this);
   } catch (...) {
-    if (header_ != nullptr) ::munmap(header_, kHeaderBytes + ringBytes_);
     ::close(fd_);
     ::unlink(fresh.c_str());
     throw;
   }
 }
 
-TraceFile::~TraceFile() {
-  OpenFiles::instance().remove(this);
-  ::munmap(header_, kHeaderBytes + ringBytes_);
-  ::close(fd_);
-}
+TraceFile::~TraceFile() { ::close(fd_); }
 
 void TraceFile::mapNew(const std::string& path, std::size_t ringBytes, unsigned fileIndex) {
   const std::size_t bytes = kHeaderBytes + ringBytes;
   if (const int error = ::posix_fallocate(fd_, 0, static_cast<off_t>(bytes)); error != 0)
     fail(fmt::format("reserve {} bytes for", bytes), path, error);
-  void* const place = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
-  if (place == MAP_FAILED) fail("map", path, errno);
+  void* const place = mapping_.map(fd_, bytes);
+  if (place == nullptr) fail("map", path, errno);
   header_ = ::new (place) RingHeader{factsOf(ringBytes, fileIndex), 0, 0};
   ring_.placeIs(header_, static_cast<std::byte*>(place) + kHeaderBytes, ringBytes);
 }
@@ -156,8 +115,9 @@ void TraceFile::mapNew(const std::string& path, std::size_t ringBytes, unsigned 
 void TraceFile::descriptionAdd(MsgId msgId, const MsgFacts& facts) {
   const std::string bytes = descriptionBytes(msgId, facts);
   const std::uint64_t before = header_->descriptionBytes.load(std::memory_order_relaxed);
-  if (before + bytes.size() <= kDescriptionBytesMax &&
-      writeAt(fd_, bytes, kHeaderBytes + ringBytes_ + before))
+  // After the load, which is what meets a file that was truncated.
+  const bool room = !mapping_.lost() && before + bytes.size() <= kDescriptionBytesMax;
+  if (room && writeAt(fd_, bytes, kHeaderBytes + ringBytes_ + before))
     header_->descriptionBytes.store(before + bytes.size(), std::memory_order_release);
   const auto index = static_cast<std::size_t>(msgId);
   if (index >= known_.size()) known_.resize(std::bit_ceil(index + 1));

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Blipline/RingBuf.h"
+#include "Blipline/RingMapping.h"
 #include "Fenrik/Assert.h"
 #include "Fenrik/Exception.h"
 #include "Fenrik/Export.h"
@@ -35,7 +36,8 @@ struct MsgFacts {
 
 /// One ring file of this process: the ring, and the messages that the file knows.
 ///
-/// One thread at a time. A child process made by fork does not record into its parent's files.
+/// One thread at a time. What a child process made by fork records into its parent's file, and what
+/// is recorded after somebody truncated the file, is lost.
 /// I1. The file appears under its name whole, with an empty ring, and its room is reserved: no
 ///     store into it can fail.
 /// I2. A message's description is in the file before its first record.
@@ -66,11 +68,16 @@ class QUARNBASTIL_EXPORT TraceFile {
  private:
   void mapNew(const std::string& path, std::size_t ringBytes, unsigned fileIndex);
 
+  /// Header and ring in memory.
+  RingMapping mapping_;
   RingBuf ring_;
   /// One byte for each message id, not zero for those that the file knows.
   std::vector<std::uint8_t> known_;
+  /// First page of the mapping.
   RingHeader* header_ = nullptr;
+  /// A power of two.
   std::size_t ringBytes_ = 0;
+  /// Open for writing; descriptions are appended through it.
   int fd_ = -1;
 };
 

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "Fenrik/ForkGuard.h"
+
 namespace Blipline {
 
 std::atomic<TraceHandle*> defaultBliplineHandle{nullptr};
@@ -14,6 +16,17 @@ std::atomic<TraceHandle*> defaultBliplineHandle{nullptr};
 namespace Impl {
 
 thread_local constinit ThreadSlot threadSlot{0, nullptr};
+
+namespace {
+
+/// Held over the files of every multi-threaded handle: threads come and go seldom.
+constinit std::mutex poolMutex;
+
+const Fenrik::ForkGuard forkGuard(
+    Fenrik::ForkOrder::ringFiles, [] { poolMutex.lock(); }, [] { poolMutex.unlock(); },
+    [] { poolMutex.unlock(); });
+
+}  // namespace
 
 /// The files of a multi-threaded handle.
 class FilePool {
@@ -29,7 +42,7 @@ class FilePool {
   /// Null in a child process: the names are the parent's.
   TraceFile* fileTake() {
     if (::getpid() != owner_) return nullptr;
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(poolMutex);
     if (idle_.empty()) {
       files_.push_back(fileMake(static_cast<unsigned>(files_.size())));
       return files_.back().get();
@@ -40,14 +53,13 @@ class FilePool {
   }
 
   void fileReturn(TraceFile* file) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(poolMutex);
     idle_.push_back(file);
   }
 
  private:
   const TraceHandle::Options options_;
   const pid_t owner_ = ::getpid();
-  std::mutex mutex_;
   std::vector<std::unique_ptr<TraceFile>> files_;
   std::vector<TraceFile*> idle_;
 };

@@ -68,10 +68,13 @@ class QUARNBASTIL_EXPORT TraceHandle {
  private:
   TraceFile* threadFile() noexcept;
 
+  /// 0 or 1; a word because sites read it directly.
   std::uintptr_t multiThreaded_;
   /// Never used twice in a process.
   const std::uint64_t id_;
+  /// The file of a single-threaded handle.
   std::optional<TraceFile> file_;
+  /// The files of a multi-threaded handle.
   std::shared_ptr<Impl::FilePool> pool_;
 };
 

@@ -21,6 +21,7 @@ class QUARNBASTIL_EXPORT Publishing : public Base {
   const Publisher* publisher() const override { return &publisher_; }
 
  protected:
+  /// Announces the changes of this object's attributes.
   Publisher publisher_;
 };
 
@@ -37,15 +38,23 @@ template <class T, class U>
 void attributeValueIs(const Publisher& publisher, FieldId fieldId, T& slot, const U& value) {
   if (slot == value) return;
   slot = value;
-  publisher.publishChange(fieldId, &slot);
+  if (!publisher.hasSubscriber()) return;
+  // A subscriber may change the slot again before the next one is told of this value.
+  const T told = slot;
+  publisher.publishChange(fieldId, &told);
 }
 
-/// The old object goes after the announcement, so that a subscriber may still look at it.
-template <class T>
-void attributePointerIs(const Publisher& publisher, FieldId fieldId, Ptr<T>& slot, Ptr<T> value) {
+/// The old object goes after the announcement, so that a subscriber may still look at it. An owner
+/// that watches what its pointers lead to goes on to watch the new object before.
+template <class Owner, class T>
+void attributePointerIs(Owner& owner, const Publisher& publisher, FieldId fieldId, Ptr<T>& slot,
+                        Ptr<T> value) {
   if (slot == value) return;
   slot.swap(value);
-  publisher.publishChangeRecursive(fieldId, nullptr, &slot, nullptr);
+  if constexpr (requires { owner.watchedMoved(); }) owner.watchedMoved();
+  if (!publisher.hasSubscriber()) return;
+  const Ptr<T> told = slot;
+  publisher.publishChangeRecursive(fieldId, nullptr, &told, nullptr);
 }
 
 }  // namespace Impl
@@ -80,15 +89,15 @@ void attributePointerIs(const Publisher& publisher, FieldId fieldId, Ptr<T>& slo
  private:                                                                                          \
   __VA_ARGS__ name##_ {}
 
-#define FENRIK_POINTER(number, name, ...)                                                    \
-  FENRIK_ATTRIBUTE_FACT(number, name, pointer)                                               \
-  const ::Fenrik::Ptr<__VA_ARGS__>& name() const noexcept { return name##_; }                \
-  void name##Is(::Fenrik::Ptr<__VA_ARGS__> value) {                                          \
-    ::Fenrik::Impl::attributePointerIs(this->publisher_, ::Fenrik::FieldId(number), name##_, \
-                                       std::move(value));                                    \
-  }                                                                                          \
-                                                                                             \
- private:                                                                                    \
+#define FENRIK_POINTER(number, name, ...)                                                  \
+  FENRIK_ATTRIBUTE_FACT(number, name, pointer)                                             \
+  const ::Fenrik::Ptr<__VA_ARGS__>& name() const noexcept { return name##_; }              \
+  void name##Is(::Fenrik::Ptr<__VA_ARGS__> value) {                                        \
+    ::Fenrik::Impl::attributePointerIs(*this, this->publisher_, ::Fenrik::FieldId(number), \
+                                       name##_, std::move(value));                         \
+  }                                                                                        \
+                                                                                           \
+ private:                                                                                  \
   ::Fenrik::Ptr<__VA_ARGS__> name##_
 
 #define FENRIK_COUNTER(number, name)                                                       \

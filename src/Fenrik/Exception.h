@@ -19,6 +19,7 @@ class QUARNBASTIL_EXPORT Exception : public std::exception {
   const char* what() const noexcept override { return message_.data(); }
 
  private:
+  /// The whole message, for a person.
   String message_;
 };
 
@@ -34,7 +35,9 @@ class QUARNBASTIL_EXPORT MutatorException : public Exception {
   FieldId fieldId() const noexcept { return fieldId_; }
 
  private:
+  /// The class whose attribute was to be changed.
   Kiv::KivType type_;
+  /// The attribute's number in that class.
   FieldId fieldId_;
 };
 

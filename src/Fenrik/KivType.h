@@ -56,7 +56,9 @@ class QUARNBASTIL_EXPORT KivType {
   friend constexpr bool operator==(const KivType&, const KivType&) noexcept = default;
 
  private:
+  /// Null for a type that names no class.
   const ModuleFacts* module_ = nullptr;
+  /// Position among the module's types.
   std::uint8_t index_ = 0;
 };
 

@@ -10,6 +10,38 @@
 namespace Fenrik {
 
 class QUARNBASTIL_EXPORT Publisher;
+class QUARNBASTIL_EXPORT Node;
+
+namespace Impl {
+
+/// The ends of nodes under way on one thread. A node that ends drops what it holds, so ends nest,
+/// as deep as a chain of pointers is long: what lies deeper than `kEndsMost` waits in a list until
+/// the outermost end is done. That keeps a chain of any length within a few KiB of stack.
+struct NodeEnds {
+  static constexpr unsigned kEndsMost = 64;
+
+  unsigned depth;
+  struct Waiting* waiting;
+};
+QUARNBASTIL_EXPORT extern thread_local constinit NodeEnds nodeEnds
+    __attribute__((tls_model("initial-exec")));
+
+QUARNBASTIL_EXPORT void nodeEndLater(Node* node);
+QUARNBASTIL_EXPORT void nodeEndsWaiting();
+
+/// Ends a node whose last reference has gone; a final class's without a virtual call.
+template <class T>
+[[gnu::always_inline]] inline void nodeEnd(T* node) {
+  NodeEnds& ends = nodeEnds;
+  if (ends.depth == NodeEnds::kEndsMost) [[unlikely]]
+    return nodeEndLater(node);
+  ++ends.depth;
+  node->lastUserGone();
+  if (--ends.depth == 0 && ends.waiting != nullptr) [[unlikely]]
+    nodeEndsWaiting();
+}
+
+}  // namespace Impl
 
 /// Flags of a node that share the word of its use count.
 enum class NodeFlag : std::uint32_t {
@@ -37,7 +69,8 @@ class QUARNBASTIL_EXPORT Node {
 
   virtual ~Node() { nodeFlagSet(NodeFlag::hasNotificationActive, false); }
 
-  /// Called when the last reference has gone. The default deletes the node.
+  /// Called when the last reference has gone, or, in a long chain of such ends, when those that led
+  /// to it are done. The default deletes the node.
   virtual void lastUserGone();
 
   /// The publisher that announces this object's changes, or null if it has none.
@@ -56,8 +89,8 @@ class QUARNBASTIL_EXPORT Node {
   }
 
   /// Drops one reference and ends the node with the last one.
-  void decUseImpl() const {
-    if (decUseCount()) const_cast<Node*>(this)->lastUserGone();
+  [[gnu::always_inline]] void decUseImpl() const {
+    if (decUseCount()) lastReferenceGone();
   }
 
   /// Drops one reference; true if it was the last. The caller then ends the node.
@@ -66,10 +99,12 @@ class QUARNBASTIL_EXPORT Node {
       return decUseCountShared();
     const std::uint32_t word = useCountAndFlags_ - 1;
     if ((word & kUseCountMask) != 0) [[likely]] {
+      /// Users under `kUseCountMask`, and the flags.
       useCountAndFlags_ = word;
       return false;
     }
-    useCountAndFlags_ = word;  // Left out where the node's end is inlined.
+    useCountAndFlags_ =
+        word;  // A dead store where the destructor is inlined; the compiler drops it.
     return true;
   }
 
@@ -96,14 +131,10 @@ class QUARNBASTIL_EXPORT Node {
   Node() noexcept = default;
 
  private:
-  [[gnu::cold]] std::uint32_t incUseCountShared(std::uint32_t users) const noexcept {
-    std::uint32_t word = 0;
-    for (; users != 0; --users) word = AtomicRef(useCountAndFlags_).fetchAdd(1) + 1;
-    return word & kUseCountMask;
-  }
-  [[gnu::cold]] bool decUseCountShared() const noexcept {
-    return ((AtomicRef(useCountAndFlags_).fetchSub(1) - 1) & kUseCountMask) == 0;
-  }
+  void lastReferenceGone() const;
+
+  [[gnu::cold]] std::uint32_t incUseCountShared(std::uint32_t users) const noexcept;
+  [[gnu::cold]] bool decUseCountShared() const noexcept;
 
   mutable std::uint32_t useCountAndFlags_ = 1;
 };

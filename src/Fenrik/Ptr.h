@@ -9,6 +9,9 @@
 #include "Fenrik/Assert.h"
 #include "Fenrik/Node.h"
 
+/// Inlined wherever it stands, also where the compiler has set itself a limit of growth.
+#define FENRIK_INLINE [[gnu::always_inline]]
+
 namespace Fenrik {
 
 /// Says that a pointer takes over a reference that somebody has counted already.
@@ -26,28 +29,28 @@ class QUARNBASTIL_EXPORT Ptr {
 
   constexpr Ptr() noexcept = default;
   constexpr Ptr(std::nullptr_t) noexcept {}
-  explicit Ptr(T* node) noexcept : node_(node) { takeReference(); }
-  constexpr Ptr(T* node, AdoptReference) noexcept : node_(node) {}
+  FENRIK_INLINE explicit Ptr(T* node) noexcept : node_(node) { takeReference(); }
+  FENRIK_INLINE constexpr Ptr(T* node, AdoptReference) noexcept : node_(node) {}
 
-  Ptr(const Ptr& other) noexcept : node_(other.node_) { takeReference(); }
-  constexpr Ptr(Ptr&& other) noexcept : node_(std::exchange(other.node_, nullptr)) {}
+  FENRIK_INLINE Ptr(const Ptr& other) noexcept : node_(other.node_) { takeReference(); }
+  FENRIK_INLINE constexpr Ptr(Ptr&& other) noexcept : node_(std::exchange(other.node_, nullptr)) {}
   template <class U>
-  requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& other)
+  requires std::is_convertible_v<U*, T*> FENRIK_INLINE Ptr(const Ptr<U>& other)
   noexcept : node_(other.get()) { takeReference(); }
   template <class U>
-  requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& other)
+  requires std::is_convertible_v<U*, T*> FENRIK_INLINE Ptr(Ptr<U>&& other)
   noexcept : node_(other.release()) {}
 
-  ~Ptr() { dropReference(node_); }
+  FENRIK_INLINE ~Ptr() { dropReference(node_); }
 
   /// Takes the new reference before the old one goes, so that a node may be assigned to the pointer
   /// that alone keeps it alive.
-  Ptr& operator=(const Ptr& other) noexcept {
+  FENRIK_INLINE Ptr& operator=(const Ptr& other) noexcept {
     other.takeReference();
     dropReference(std::exchange(node_, other.node_));
     return *this;
   }
-  Ptr& operator=(Ptr&& other) noexcept {
+  FENRIK_INLINE Ptr& operator=(Ptr&& other) noexcept {
     dropReference(std::exchange(node_, other.release()));
     return *this;
   }
@@ -70,20 +73,21 @@ class QUARNBASTIL_EXPORT Ptr {
   friend bool operator==(const Ptr& a, std::nullptr_t) noexcept { return a.node_ == nullptr; }
 
  private:
-  void takeReference() const noexcept {
+  FENRIK_INLINE void takeReference() const noexcept {
     if (node_ != nullptr) node_->incUseCount();
   }
 
-  static void dropReference(T* node) {
+  FENRIK_INLINE static void dropReference(T* node) {
     if (node == nullptr) return;
     if constexpr (std::is_final_v<T>) {
       // The class is known to the last bit: its end needs no virtual call.
-      if (node->decUseCount()) const_cast<std::remove_const_t<T>*>(node)->lastUserGone();
+      if (node->decUseCount()) Impl::nodeEnd(const_cast<std::remove_const_t<T>*>(node));
     } else {
       node->decUseImpl();
     }
   }
 
+  /// Null, or a node of whose users this pointer is one.
   T* node_ = nullptr;
 };
 
@@ -105,8 +109,14 @@ class QUARNBASTIL_EXPORT NonNullPtr {
     FENRIK_ASSERT(ptr_ != nullptr);
   }
   template <class U>
-  requires std::is_convertible_v<U*, T*> NonNullPtr(const NonNullPtr<U>& other)
+  requires std::is_convertible_v<U*, T*> FENRIK_INLINE NonNullPtr(const NonNullPtr<U>& other)
       : ptr_(other.ptr()) {}
+  FENRIK_INLINE NonNullPtr(const NonNullPtr& other) noexcept : ptr_(other.ptr_) {}
+  FENRIK_INLINE NonNullPtr& operator=(const NonNullPtr& other) noexcept {
+    ptr_ = other.ptr_;
+    return *this;
+  }
+  FENRIK_INLINE ~NonNullPtr() {}
 
   const Ptr<T>& ptr() const noexcept { return ptr_; }
   operator const Ptr<T>&() const noexcept { return ptr_; }

@@ -4,36 +4,39 @@
 
 namespace Fenrik {
 
-/// One announcement under way: where it goes on, and whether the publisher still lives. A
-/// subscriber that goes while it is next is stepped over.
+/// One announcement under way, on the stack of its `publish`. A subscriber that goes while it is
+/// next is stepped over.
 struct Publisher::Walk {
-  Walk* outer;
+  const Change& change;
+  /// The subscriber to be told next; null when all have been.
   Subscriber* next;
+  /// Those behind it came later and are not told.
   Subscriber* lastAtStart;
+  Walk* newer = nullptr;
   bool publisherGone = false;
 };
 
 Subscriber::~Subscriber() { unsubscribe(); }
 
 void Subscriber::unsubscribe() {
-  if (publisher_ != nullptr) publisher_->subscriberRemove(*this);
+  if (attachedTo_ != nullptr) attachedTo_->subscriberRemove(*this);
 }
 
 void Subscriber::dispatchIs(Dispatch dispatch) noexcept {
-  FENRIK_ASSERT(publisher_ == nullptr);
+  FENRIK_ASSERT(attachedTo_ == nullptr);
   dispatch_ = dispatch;
 }
 
 Publisher::~Publisher() {
-  for (Walk* walk = walks_; walk != nullptr; walk = walk->outer) walk->publisherGone = true;
+  for (Walk* walk = walks_; walk != nullptr; walk = walk->newer) walk->publisherGone = true;
   while (Subscriber* subscriber = first()) subscriberRemove(*subscriber);
 }
 
 void Publisher::subscriberAdd(Subscriber& subscriber, bool atFront) const {
-  if (subscriber.publisher_ == this) return;
-  FENRIK_ASSERT(subscriber.publisher_ == nullptr);
+  if (subscriber.attachedTo_ == this) return;
+  FENRIK_ASSERT(subscriber.attachedTo_ == nullptr);
   FENRIK_ASSERT(subscriber.dispatch_ != nullptr);
-  subscriber.publisher_ = this;
+  subscriber.attachedTo_ = this;
   Subscriber* const head = first();
   subscriber.next_ = atFront ? head : nullptr;
   subscriber.prev_ = atFront ? nullptr : last_;
@@ -44,8 +47,8 @@ void Publisher::subscriberAdd(Subscriber& subscriber, bool atFront) const {
 }
 
 void Publisher::subscriberRemove(Subscriber& subscriber) const {
-  if (subscriber.publisher_ != this) return;
-  for (Walk* walk = walks_; walk != nullptr; walk = walk->outer) {
+  if (subscriber.attachedTo_ != this) return;
+  for (Walk* walk = walks_; walk != nullptr; walk = walk->newer) {
     if (walk->next == &subscriber) {
       walk->next = walk->lastAtStart == &subscriber ? nullptr : subscriber.next_;
     } else if (walk->lastAtStart == &subscriber) {
@@ -53,7 +56,7 @@ void Publisher::subscriberRemove(Subscriber& subscriber) const {
     }
   }
   unlink(subscriber);
-  subscriber.publisher_ = nullptr;
+  subscriber.attachedTo_ = nullptr;
   subscriber.dispatch_ = nullptr;
 }
 
@@ -72,16 +75,29 @@ void Publisher::unlink(Subscriber& subscriber) const noexcept {
   subscriber.next_ = subscriber.prev_ = nullptr;
 }
 
+/// Announcements are told oldest first, whoever's `publish` runs: one that was made in a dispatch
+/// first brings those before it to the subscribers that have not heard of them yet.
 void Publisher::publish(const Change& change) const {
-  Walk walk{walks_, first(), last_};
-  walks_ = &walk;
+  Walk walk{change, first(), last_};
+  Walk** end = &walks_;
+  while (*end != nullptr) end = &(*end)->newer;
+  *end = &walk;
   while (walk.next != nullptr) {
-    Subscriber* const subscriber = walk.next;
-    walk.next = subscriber == walk.lastAtStart ? nullptr : subscriber->next_;
-    subscriber->dispatch_(*this, *subscriber, change);
+    Walk& oldest = *walks_;
+    Subscriber* const subscriber = oldest.next;
+    if (subscriber == nullptr) {
+      walks_ = oldest.newer;
+      continue;
+    }
+    oldest.next = subscriber == oldest.lastAtStart ? nullptr : subscriber->next_;
+    subscriber->dispatch_(*this, *subscriber, oldest.change);
     if (walk.publisherGone) return;
   }
-  walks_ = walk.outer;
+  for (Walk** at = &walks_; *at != nullptr; at = &(*at)->newer) {
+    if (*at != &walk) continue;
+    *at = walk.newer;
+    break;
+  }
 }
 
 }  // namespace Fenrik

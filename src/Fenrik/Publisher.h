@@ -33,8 +33,9 @@ struct Change {
 /// Threads: those of the publisher. A subscriber that is destroyed while subscribed unsubscribes.
 class QUARNBASTIL_EXPORT Subscriber {
  public:
-  /// The reactor's entry point. It may subscribe and unsubscribe anything, itself included, and
-  /// change the watched object again. An exception that leaves it ends the process.
+  /// The reactor's entry point. It may subscribe and unsubscribe anything, itself included, change
+  /// the watched object again, or end it. `change` and what it points at hold until it returns. An
+  /// exception that leaves it ends the process.
   using Dispatch = void (*)(const Publisher& publisher, Subscriber& subscriber,
                             const Change& change) noexcept;
 
@@ -46,6 +47,8 @@ class QUARNBASTIL_EXPORT Subscriber {
   /// Zero: not subscribed.
   Dispatch dispatch() const noexcept { return dispatch_; }
   bool subscribed() const noexcept { return dispatch_ != nullptr; }
+  /// The publisher to which it is attached, or null.
+  const Publisher* attachedTo() const noexcept { return attachedTo_; }
 
   /// Sets what `Publisher::subscriberAdd` is to call. REQUIRES: not subscribed.
   void dispatchIs(Dispatch dispatch) noexcept;
@@ -56,8 +59,11 @@ class QUARNBASTIL_EXPORT Subscriber {
  private:
   friend class Publisher;
 
+  /// Null while not subscribed.
   Dispatch dispatch_ = nullptr;
-  const Publisher* publisher_ = nullptr;
+  /// The publisher that has it in its list, or null.
+  const Publisher* attachedTo_ = nullptr;
+  /// Neighbours in the order of telling.
   Subscriber* next_ = nullptr;
   Subscriber* prev_ = nullptr;
 };
@@ -67,6 +73,9 @@ class QUARNBASTIL_EXPORT Subscriber {
 /// I1. The first word is 1 exactly while no subscriber is attached, and may be read directly.
 /// I2. A change reaches the subscribers in the order in which they were added, once each: those
 ///     attached when it was announced and not detached before their turn.
+/// I3. Every subscriber hears the changes in the order in which they were made. One that is made
+///     in a dispatch is told when all have heard of those before it, and before its mutator
+///     returns.
 ///
 /// Publishing changes no attribute, so a const object publishes too.
 class QUARNBASTIL_EXPORT Publisher {
@@ -110,9 +119,11 @@ class QUARNBASTIL_EXPORT Publisher {
   void publish(const Change& change) const;
   void unlink(Subscriber& subscriber) const noexcept;
 
+  /// The first subscriber's address, or `kNoSubscriber`.
   mutable std::uintptr_t head_ = kNoSubscriber;
+  /// The last subscriber; meaningless while there is none.
   mutable Subscriber* last_ = nullptr;
-  /// The announcements under way, innermost first.
+  /// The announcements under way, oldest first.
   mutable Walk* walks_ = nullptr;
 };
 

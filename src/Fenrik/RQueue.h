@@ -235,6 +235,7 @@ class QUARNBASTIL_EXPORT RQueue<T, false, Tag> : public RQueueBase<T> {
     OvSlab::slabFreeOrStdFree(&chunk, typeid(Array));
   }
 
+  /// Counts the slots of the queues of this tag; null until the first chunk.
   inline static void* arrayElemTracker_ = nullptr;
 };
 

@@ -61,6 +61,7 @@ class RQueueArray {
     return kSlotsOffset + capacity * sizeof(T);
   }
 
+  /// The next chunk of the ring.
   IntrusiveLinkedTailQueueLink<RQueueArray> link_;
 
  private:
@@ -86,6 +87,7 @@ class RQueueArray {
 
   /// Read offset in the low 14 bits, write count in the next 14, capacity's logarithm in the top 4.
   std::uint32_t word_;
+  /// Sequence index of slot 0.
   std::uint32_t baseIndex_;
 };
 

@@ -39,7 +39,9 @@ class RQueueBaseConstIter {
     if (stale()) return moveToFront(*queue_);
     ++index_;
     if (++slot_ != chunk_->writeCount()) return;
+    /// The chunk of the element; null at the end.
     chunk_ = chunk_ == queueOfTail_->chunks_.tail() ? nullptr : Chunks::next(*chunk_);
+    /// Position within the chunk.
     slot_ = 0;
   }
 
@@ -73,6 +75,7 @@ class RQueueBaseConstIter {
   /// The queue once more: its tail ends the iteration.
   const RQueueBase<T>* queueOfTail_ = nullptr;
   std::uint32_t slot_ = 0;
+  /// Sequence index of the element.
   std::uint32_t index_ = 0;
 };
 

@@ -14,6 +14,8 @@ namespace Fenrik {
 ///
 /// and its destructor begins with `reactorStop()`, while what it watches is still there.
 ///
+/// `FENRIK_POINTER` attributes of the class call `watchedMoved` by themselves.
+///
 /// I1. A change is handed on only while the subscription is active and the zombie flag is clear.
 /// I2. An exception that leaves `handleChange` ends the process.
 template <class Self, class Base = Node>
@@ -30,15 +32,13 @@ class QUARNBASTIL_EXPORT Reacting : public Base, private Subscriber {
   void hasNotificationActiveIs(bool active) {
     if (hasNotificationActive() == active) return;
     this->nodeFlagSet(NodeFlag::hasNotificationActive, active);
-    const bool former = kivDoZombieReactors(true);
-    if (const Publisher* watched = static_cast<const Self*>(this)->watchedPublisher()) {
-      if (active) {
-        subscribe(*watched);
-      } else {
-        watched->subscriberRemove(*this);
-      }
-    }
-    kivDoZombieReactors(former);
+    watchAsItIsNow();
+  }
+
+  /// Moves an active subscription to what `watchedPublisher` returns now. To be called when that
+  /// may be another one than before.
+  void watchedMoved() {
+    if (hasNotificationActive()) watchAsItIsNow();
   }
 
   /// Sets the zombie flag, if it differs, and returns its former value.
@@ -59,8 +59,17 @@ class QUARNBASTIL_EXPORT Reacting : public Base, private Subscriber {
   }
 
  private:
+  void watchAsItIsNow() {
+    const Publisher* const watched =
+        hasNotificationActive() ? static_cast<const Self*>(this)->watchedPublisher() : nullptr;
+    if (attachedTo() == watched) return;
+    const bool former = kivDoZombieReactors(true);
+    unsubscribe();
+    if (watched != nullptr) subscribe(*watched);
+    kivDoZombieReactors(former);
+  }
+
   void subscribe(const Publisher& watched) {
-    if (Subscriber::subscribed()) return;
     dispatchIs([](const Publisher&, Subscriber& subscriber, const Change& change) noexcept {
       auto& self = static_cast<Self&>(static_cast<Reacting&>(subscriber));
       if (self.nodeFlag(NodeFlag::kivDoZombieReactors)) return;

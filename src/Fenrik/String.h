@@ -55,9 +55,11 @@ class QUARNBASTIL_EXPORT StringCommon {
 
   static constexpr Char kEnd{};
 
-  /// `room_` characters, or null. The text's end is followed by a zero.
+  /// Null while nothing was stored. A zero follows the text.
   Char* text_ = nullptr;
+  /// Characters without the zero.
   std::size_t size_ = 0;
+  /// Characters allocated, with the zero.
   std::size_t room_ = 0;
 };
 

@@ -100,9 +100,9 @@ inline HashMap2018LinkNodeBase* nodeAt(HashMap2018LinkNodeBase* nodes, std::size
 /// without a look at the header, so that a lookup fetches all of them at once.
 ///
 /// Buckets begin at multiples of 16 bytes and have capacities of the form 4 n - 1, so that the
-/// nodes begin at one too. The lower four bits are free for n, with two exceptions: 0 stands for
-/// the usual n, and the tag of the usual n for one that four bits do not hold, and then the pointer
-/// leads to the nodes.
+/// nodes begin at one too. The lower four bits are free for n, with two exceptions. Tag 0:
+/// the default capacity. The default's own tag: the capacity does not fit four bits, and the
+/// pointer leads to the nodes.
 class HashMap2018BucketLink {
  public:
   /// Words and header of such a bucket fill one cache line.

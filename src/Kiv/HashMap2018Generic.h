@@ -49,7 +49,7 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
   /// The node of a key, or null.
   const HashMap2018LinkNodeBase* lookupNodeG(const HashMap2018VTable* vt,
                                              const KeyAndRhashSeedArg& key) const;
-  /// The same for a collection whose untyped keys are `std::string_view`.
+  /// Look-up in a collection whose untyped keys are `std::string_view`.
   const HashMap2018LinkNodeBase* lookupNodeG(const HashMap2018VTable* vt,
                                              const KeyString& key) const;
 
@@ -142,7 +142,7 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
     return {nullptr, true};
   }
 
-  /// The same for `deleteMemberG`, but for a member that is absent.
+  /// Fast path of `deleteMemberG`. False, with nothing done, when the generic form must decide.
   template <class Operations, class KeyIs>
   [[gnu::always_inline]] bool deleteMemberUsual(std::uint32_t rhash, const KeyIs& keyIs,
                                                 void* out) noexcept {
@@ -221,19 +221,26 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
   void splitNext(const HashMap2018VTable* vt);
   void joinLast(const HashMap2018VTable* vt);
 
+  /// Buckets of `level_` hash bits; those below `splitCount_` have moved to `fine_`.
   Link* coarse_;
+  /// Buckets of `level_` + 1 bits, split so far; null while none is.
   Link* fine_ = nullptr;
   /// The directory of a map with one bucket.
   Link single_;
+  /// Coarse buckets that are split.
   std::uint32_t splitCount_ = 0;
+  /// Hash bits that select a coarse bucket.
   std::uint8_t level_ = 0;
   /// Gives the fine number of a hash: 31 - `level_`.
   std::uint8_t fineShift_ = 31;
+  /// The level below which the directory does not shrink.
   std::uint8_t levelMin_;
+  /// Never join buckets.
   bool keepBuckets_;
   /// Above this many members a bucket is split, below that many two are joined.
   std::uint32_t splitAbove_;
   std::uint32_t joinBelow_;
+  /// Members of the map.
   std::uint32_t memberCount_ = 0;
 };
 

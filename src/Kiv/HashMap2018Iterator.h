@@ -102,9 +102,13 @@ class QUARNBASTIL_EXPORT HashMap2018IteratorGeneric {
     }
   }
 
+  /// The map that is walked.
   const HashMap2018Generic* map_;
+  /// Operations on its nodes.
   const HashMap2018VTable* vt_;
+  /// The bucket walked, with a reference of this iterator's; null at the end.
   const HashMap2018BucketHdr* bucket_ = nullptr;
+  /// Slot within the bucket.
   unsigned index_ = 0;
 };
 

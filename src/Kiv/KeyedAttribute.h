@@ -95,8 +95,13 @@ class KeyedMutator {
     }
   }
 
+  /// Of the member as it is now: a subscriber may change it again, or delete it, before the next
+  /// one is told.
   void publishNode(const Key& key) const {
-    if (publisher_.hasSubscriber()) publish(key, map_[key]);
+    if (!publisher_.hasSubscriber()) return;
+    const Key toldKey = key;
+    const Node toldNode = *map_[key];
+    publish(toldKey, &toldNode);
   }
 
   void publish(const Key& key, const Node* node) const {

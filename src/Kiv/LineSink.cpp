@@ -2,17 +2,19 @@
 
 #include <fmt/format.h>
 #include <poll.h>
+#include <pthread.h>
+#include <sys/uio.h>
 #include <unistd.h>
-#include <csignal>
 
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <ctime>
+
+#include "Fenrik/ForkGuard.h"
 
 namespace Kiv {
 namespace {
-
-/// How long a line waits for a descriptor that is full before it is given up.
-constexpr int kPatienceMs = 1000;
 
 /// Keeps a write to a pipe without a reader from ending the process.
 class PipeSignalHeld {
@@ -42,15 +44,44 @@ class PipeSignalHeld {
   bool raised_ = false;
 };
 
-bool writeAll(int fd, std::string_view line) noexcept {
+/// What a pipe takes at once when it has room at all.
+constexpr std::size_t kPieceBytes = PIPE_BUF;
+
+/// Writes without waiting, also where the descriptor would: its flags are shared with others and
+/// are not ours to change. What cannot be asked for that is asked for room first.
+ssize_t writeAtOnce(int fd, std::string_view piece) noexcept {
+  iovec part{const_cast<char*>(piece.data()), piece.size()};
+  const ssize_t written = ::pwritev2(fd, &part, 1, -1, RWF_NOWAIT);
+  if (written >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS && errno != EINVAL)) return written;
+  pollfd room{fd, POLLOUT, 0};
+  if (::poll(&room, 1, 0) == 0) {
+    errno = EAGAIN;
+    return -1;
+  }
+  return ::write(fd, piece.data(), piece.size());
+}
+
+/// False when there is none and the patience is at its end.
+bool waitForRoom(int fd, std::chrono::nanoseconds& patience) noexcept {
+  using Clock = std::chrono::steady_clock;
+  if (patience <= patience.zero()) return false;
+  const Clock::time_point before = Clock::now();
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(patience);
+  const timespec most{seconds.count(), (patience - seconds).count()};
+  pollfd room{fd, POLLOUT, 0};
+  const int ready = ::ppoll(&room, 1, &most, nullptr);
+  patience -= Clock::now() - before;
+  return ready != 0;
+}
+
+bool writeAll(int fd, std::string_view& line, std::chrono::nanoseconds& patience) noexcept {
   PipeSignalHeld pipeSignal;
   while (!line.empty()) {
-    const ssize_t written = ::write(fd, line.data(), line.size());
+    const ssize_t written = writeAtOnce(fd, line.substr(0, kPieceBytes));
     if (written >= 0) {
       line.remove_prefix(static_cast<std::size_t>(written));
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      pollfd room{fd, POLLOUT, 0};
-      if (::poll(&room, 1, kPatienceMs) == 0) return false;
+      if (!waitForRoom(fd, patience)) return false;
     } else if (errno != EINTR) {
       if (errno == EPIPE) pipeSignal.raised();
       return false;
@@ -59,12 +90,98 @@ bool writeAll(int fd, std::string_view line) noexcept {
   return true;
 }
 
+/// The length of the control character that `text` begins with, 0 if it begins with another one.
+std::size_t controlAt(std::string_view text) noexcept {
+  const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+  if (byte(0) < ' ' || byte(0) == 0x7f) return 1;
+  // U+0080 to U+009F, which some terminals obey.
+  return byte(0) == 0xc2 && text.size() > 1 && byte(1) >= 0x80 && byte(1) <= 0x9f ? 2 : 0;
+}
+
+/// Recursive, for a callback of one channel that uses another.
+constinit pthread_mutex_t deliveryMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+
+void deliveryForgotten() {
+  // Its owner is known by a thread's number, and the child's is another one: it cannot unlock.
+  deliveryMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+}
+
+const Fenrik::ForkGuard deliveryGuard(
+    Fenrik::ForkOrder::lines, [] { ::pthread_mutex_lock(&deliveryMutex); },
+    [] { ::pthread_mutex_unlock(&deliveryMutex); }, deliveryForgotten);
+
 }  // namespace
 
-bool lineWrite(int fd, std::string_view line) noexcept {
+DeliveryLock::DeliveryLock() noexcept { ::pthread_mutex_lock(&deliveryMutex); }
+DeliveryLock::~DeliveryLock() { ::pthread_mutex_unlock(&deliveryMutex); }
+
+bool lineWrite(int fd, std::string_view& line, std::chrono::nanoseconds& patience) noexcept {
   const int before = errno;
-  const bool whole = writeAll(fd, line);
+  const bool whole = writeAll(fd, line, patience);
   errno = before;
+  return whole;
+}
+
+void lastLineWrite(int fd, std::string_view line) noexcept {
+  std::chrono::nanoseconds patience = std::chrono::seconds(1);
+  lineWrite(fd, line, patience);
+}
+
+bool hasControls(std::string_view text) noexcept {
+  for (std::size_t at = 0; at != text.size(); ++at)
+    if (controlAt(text.substr(at)) != 0) return true;
+  return false;
+}
+
+std::string withoutControls(std::string_view text) {
+  std::string clean;
+  while (!text.empty()) {
+    const std::size_t control = controlAt(text);
+    if (control == 0)
+      clean += text[0];
+    else if (text[0] == '\n')
+      clean += "\\n";
+    else
+      for (const char c : text.substr(0, control))
+        clean += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
+    text.remove_prefix(control == 0 ? 1 : control);
+  }
+  return clean;
+}
+
+void LineOutput::fdIs(int fd) noexcept {
+  fd_ = fd;
+  torn_ = false;
+  untold_ = 0;
+  patience_ = kPatience;
+}
+
+bool LineOutput::write(std::string_view line) noexcept {
+  if (untold_ == 0 ? put(line) : Clock::now() >= tryAgain_ && putBehindLoss(line)) {
+    untold_ = 0;
+    return true;
+  }
+  ++untold_;
+  return false;
+}
+
+/// In one piece: a pipe may have room for the short line again and again, and none for the other.
+bool LineOutput::putBehindLoss(std::string_view line) noexcept {
+  fmt::memory_buffer both;
+  fmt::format_to(fmt::appender(both), "{}{} {} lines were lost here: nobody took them\n{}",
+                 torn_ ? "\n" : "", TimeText(std::chrono::system_clock::now()).view(), untold_,
+                 line);
+  return put({both.data(), both.size()});
+}
+
+bool LineOutput::put(std::string_view line) noexcept {
+  if (patience_ != kPatience && Clock::now() >= patienceAgain_) patience_ = kPatience;
+  const bool unspent = patience_ == kPatience;
+  const std::size_t size = line.size();
+  const bool whole = lineWrite(fd_, line, patience_);
+  if (unspent && patience_ != kPatience) patienceAgain_ = Clock::now() + std::chrono::seconds(1);
+  if (whole || line.size() != size) torn_ = !whole;
+  if (!whole) tryAgain_ = Clock::now() + kTryAfter;
   return whole;
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <utility>
 
+#include "Fenrik/ForkGuard.h"
 #include "Kiv/LineSink.h"
 
 namespace Kiv {
@@ -40,25 +41,22 @@ std::string messageOf(std::string_view format, std::string_view text) {
   return message;
 }
 
-std::string withoutControls(std::string_view text) {
-  std::string clean;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '\n')
-      clean += "\\n";
-    else if (byte < ' ' || byte == 0x7f)
-      clean += fmt::format("\\x{:02x}", byte);
-    else
-      clean += c;
-  }
-  return clean;
-}
+/// Held over the counting of a message. One for all handles: messages are few, and a fork takes it.
+constinit std::mutex gateMutex;
 
 /// Never destroyed, for messages at exit.
 LineSink<LogMessage>& sink() {
   static auto* const sink = new LineSink<LogMessage>;
   return *sink;
 }
+
+const Fenrik::ForkGuard forkGuard(
+    Fenrik::ForkOrder::settings,
+    [] {
+      sink();
+      gateMutex.lock();
+    },
+    [] { gateMutex.unlock(); }, [] { gateMutex.unlock(); });
 
 void toSyslog(const LogMessage& message) {
   ::syslog(static_cast<int>(message.descriptor.severity & LOG_PRIMASK), "%s: %.*s",
@@ -84,7 +82,7 @@ class LogHandle::Gate {
   };
 
   Verdict messageInc(Clock::time_point now) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(gateMutex);
     if (now >= end_) intervalIs(now);
     if (passed_ == burst_) {
       ++held_;
@@ -118,7 +116,6 @@ class LogHandle::Gate {
   const unsigned burst_;
   const unsigned growthLimit_;
 
-  std::mutex mutex_;
   Clock::time_point end_;
   unsigned passed_ = 0;
   unsigned grown_ = 0;

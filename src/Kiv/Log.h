@@ -55,6 +55,7 @@ class QUARNBASTIL_EXPORT LogHandle {
   friend void log(LogHandle& handle, const Fenrik::String& text) noexcept;
   class Gate;
 
+  /// The message and its severity.
   const LogDescriptor* descriptor_;
   /// Null when nothing is ever held back.
   Gate* gate_;

@@ -1,5 +1,6 @@
 #include "Kiv/Sassert.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <string>
@@ -12,8 +13,8 @@ namespace Kiv {
 SassertHelper::SassertHelper(const char* expression) : expression_(expression) {}
 
 SassertHelper::~SassertHelper() {
-  lineWrite(STDERR_FILENO,
-            fmt::format("{} (because {} does not hold)\n", stream_.str(), expression_));
+  lastLineWrite(STDERR_FILENO, fmt::format("{} (because {} does not hold)\n",
+                                           withoutControls(stream_.str()), expression_));
 }
 
 void Impl::sassertFail(const char* expression, const char* file, unsigned line,

@@ -34,7 +34,9 @@ class QUARNBASTIL_EXPORT SassertHelper {
   }
 
  private:
+  /// Text of the condition that failed.
   const char* expression_;
+  /// Collects the message.
   std::ostringstream stream_;
 };
 

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "Fenrik/ForkGuard.h"
 #include "Kiv/LineSink.h"
 #include "Kiv/Trace.h"
 #include "Kiv/TraceRegistry.h"
@@ -17,6 +18,9 @@ LineSink<TraceLine>& sink() {
   static auto* const sink = new LineSink<TraceLine>;
   return *sink;
 }
+
+const Fenrik::ForkGuard forkGuard(
+    Fenrik::ForkOrder::lines, [] { sink(); }, [] {}, [] {});
 
 }  // namespace
 
@@ -57,7 +61,13 @@ void Fenrik::Impl::vfmtrace<Kiv::TraceHandle>(const Kiv::TraceHandle& handle, un
   buffer.append(std::string_view(prefix));
   fmt::vformat_to(out, format, args);
   buffer.push_back('\n');
-  const std::string_view rendered(buffer.data(), buffer.size());
+  std::string_view rendered(buffer.data(), buffer.size());
+  std::string escaped;
+  if (const std::string_view text = rendered.substr(textAt, rendered.size() - textAt - 1);
+      Kiv::hasControls(text)) [[unlikely]] {
+    escaped = std::string(rendered.substr(0, textAt)) + Kiv::withoutControls(text) + '\n';
+    rendered = escaped;
+  }
   Kiv::sink().deliver({now, handle.name().view(), level, file, line, function,
                        rendered.substr(textAt, rendered.size() - textAt - 1), rendered});
   errno = errnoBefore;

@@ -40,7 +40,12 @@ struct TraceLine {
   std::string_view rendered;
 };
 
-/// What is traced, and where it goes.
+/// What is traced, and where it goes. A process begins with the setting of the environment variable
+/// BASTIL_TRACE, and `settingIs` takes what a user gave to a program's option, as it is.
+///
+/// Control characters in a message stand escaped in its line. A sink that takes nothing, such as a
+/// pipe whose reader sleeps, costs the threads that trace a few milliseconds a second; lines are
+/// lost meanwhile, and told by their number when it takes lines again.
 ///
 /// Any thread, at any time, but not from within a sink (asserted).
 class QUARNBASTIL_EXPORT TraceControl {
@@ -57,15 +62,15 @@ class QUARNBASTIL_EXPORT TraceControl {
 
   /// Sets levels: "TcamEntry*/1-3,8 SwTableIter/none; Ip?Route/" followed by '*' for all.
   ///
-  /// A rule is PATTERN/LEVELS; rules are separated by blanks or ';'. In a pattern '*' stands for
-  /// any text and '?' for any one character. LEVELS is a list of levels and ranges, '*', or "none".
-  /// A handle that fits has exactly these levels on afterwards, now and when it is made later; of
-  /// several rules that fit, the last one given holds. Throws `TraceSettingException` with nothing
-  /// changed.
+  /// A rule is PATTERN/LEVELS; rules are separated by blanks, ';' or ':'. In a pattern '*' stands
+  /// for any text and '?' for any one character. LEVELS is a list of levels and ranges, '*', or
+  /// "none". A handle that fits has exactly these levels on afterwards, now and when it is made
+  /// later; of several rules that fit, the last one given holds. Throws `TraceSettingException`
+  /// with nothing changed.
   static void settingIs(std::string_view setting);
   /// The rules in force, in the form that `settingIs` reads.
   static Fenrik::String setting();
-  /// Forgets all rules: every handle is as it was made.
+  /// Forgets all rules, those of the environment too: every handle is as it was made.
   static void settingDelAll();
 
   /// All names of handles made so far, in alphabetical order.

@@ -1,6 +1,5 @@
 #include "Kiv/TraceHandle.h"
 
-#include <mutex>
 #include <type_traits>
 
 #include "Kiv/TraceRegistry.h"
@@ -20,15 +19,7 @@ TraceHandle::TraceHandle(Fenrik::String name, bool everyLevel)
 
 const TraceControlRecord& TraceHandle::record() const noexcept {
   const TraceMask* mask = control_.loadAcquire();
-  if (mask == &kTraceHandleNotEntered) {
-    static std::mutex entering;
-    const std::lock_guard lock(entering);
-    mask = control_.loadRelaxed();
-    if (mask == &kTraceHandleNotEntered) {
-      mask = TraceRegistry::instance().record(Fenrik::String(name_), false);
-      control_.storeRelease(mask);
-    }
-  }
+  if (mask == &kTraceHandleNotEntered) mask = TraceRegistry::instance().enter(control_, name_);
   return static_cast<const TraceControlRecord&>(*mask);
 }
 

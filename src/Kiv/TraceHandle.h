@@ -86,7 +86,9 @@ class QUARNBASTIL_EXPORT TraceHandle {
   /// The control record, made now if this is the handle's first use.
   [[gnu::cold]] const TraceControlRecord& record() const noexcept;
 
+  /// The record of the handle's name, or `kTraceHandleNotEntered`.
   mutable Fenrik::Atomic<const TraceMask*> control_;
+  /// Name of a constant handle; null for others.
   const char* name_ = nullptr;
 };
 

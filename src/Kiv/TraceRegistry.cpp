@@ -1,8 +1,32 @@
 #include "Kiv/TraceRegistry.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdlib>
+
+#include "Fenrik/ForkGuard.h"
+#include "Kiv/LineSink.h"
 
 namespace Kiv {
+
+namespace {
+
+const Fenrik::ForkGuard forkGuard(
+    Fenrik::ForkOrder::settings, [] { TraceRegistry::instance().lock(); },
+    [] { TraceRegistry::instance().unlock(); }, [] { TraceRegistry::instance().unlock(); });
+
+}  // namespace
+
+TraceRegistry::TraceRegistry() {
+  const char* const setting = ::secure_getenv("BASTIL_TRACE");
+  if (setting == nullptr) return;
+  try {
+    rules_ = traceRulesOf(setting);
+  } catch (const TraceSettingException& refused) {
+    lastLineWrite(STDERR_FILENO, withoutControls("BASTIL_TRACE: " + refused.msg().str()) + "\n");
+  }
+}
 
 TraceRegistry& TraceRegistry::instance() {
   static auto* const registry = new TraceRegistry;
@@ -11,6 +35,18 @@ TraceRegistry& TraceRegistry::instance() {
 
 TraceControlRecord* TraceRegistry::record(Fenrik::String name, bool everyLevel) {
   const std::lock_guard lock(mutex_);
+  return recordLocked(std::move(name), everyLevel);
+}
+
+const TraceMask* TraceRegistry::enter(Fenrik::Atomic<const TraceMask*>& control, const char* name) {
+  const std::lock_guard lock(mutex_);
+  // Of threads that race here the first enters the handle.
+  if (control.loadRelaxed() == &kTraceHandleNotEntered)
+    control.storeRelease(recordLocked(Fenrik::String(name), false));
+  return control.loadRelaxed();
+}
+
+TraceControlRecord* TraceRegistry::recordLocked(Fenrik::String name, bool everyLevel) {
   std::unique_ptr<Member>& member = members_[std::string(name.view())];
   if (member == nullptr) member = std::make_unique<Member>(std::move(name));
   member->everyLevel |= everyLevel;

@@ -20,11 +20,18 @@ namespace Kiv {
 /// I2. A record's mask is that of the last rule that fits its name.
 class TraceRegistry {
  public:
-  /// Never destroyed.
+  /// Never destroyed. Begins with the rules of the environment's BASTIL_TRACE, if they can be read;
+  /// if not, says so on the standard error output.
   static TraceRegistry& instance();
+  /// Around a fork.
+  void lock() { mutex_.lock(); }
+  void unlock() { mutex_.unlock(); }
 
   /// The record of that name, made if there is none, for one more handle.
   TraceControlRecord* record(Fenrik::String name, bool everyLevel);
+
+  /// Makes `control`, the first word of a constant handle of that name, point at the record.
+  const TraceMask* enter(Fenrik::Atomic<const TraceMask*>& control, const char* name);
 
   void rulesAdd(std::vector<TraceRule> rules);
   void rulesDelAll();
@@ -40,10 +47,15 @@ class TraceRegistry {
     bool everyLevel = false;
   };
 
+  TraceRegistry();
+
+  TraceControlRecord* recordLocked(Fenrik::String name, bool everyLevel);
   void maskUpdate(Member& member) const;
 
   mutable std::mutex mutex_;
+  /// Records by handle name.
   std::map<std::string, std::unique_ptr<Member>, std::less<>> members_;
+  /// Rules in force, oldest first.
   std::vector<TraceRule> rules_;
 };
 

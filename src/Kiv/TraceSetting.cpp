@@ -11,7 +11,7 @@
 namespace Kiv {
 namespace {
 
-constexpr std::string_view kBetweenRules = " \t\n;";
+constexpr std::string_view kBetweenRules = " \t\n;:";
 constexpr std::string_view kNone = "none";
 constexpr std::uint16_t kEveryLevel = 0xffff;
 
@@ -32,7 +32,7 @@ class SettingReader {
 
  private:
   TraceRule rule() {
-    const std::size_t end = text_.find_first_of("/ \t\n;", position_);
+    const std::size_t end = text_.find_first_of("/ \t\n;:", position_);
     TraceRule rule{std::string(text_.substr(position_, end - position_)), 0};
     position_ = std::min(end, text_.size());
     if (rule.pattern.empty()) fail("a pattern of handle names before '/'");

@@ -37,6 +37,7 @@ std::optional<T> numberBehind(std::string_view path, std::string_view folder, in
 
 Fenrik::String Constants::canonicalizeGroupName(const Fenrik::String& agentName,
                                                 const Fenrik::String& groupName) {
+  if (groupName.view().starts_with(agentName.view())) return groupName;
   return Fenrik::formatString("{}-{}", agentName, groupName);
 }
 

@@ -16,7 +16,7 @@ namespace Asic {
 ///     hardware/<group>/tableVersion                             reports of the hardware writer
 class QUARNBASTIL_EXPORT Constants {
  public:
-  /// "<agent>-<group>".
+  /// "<agent>-<group>"; a group name that begins with the agent's name is canonical already.
   static Fenrik::String canonicalizeGroupName(const Fenrik::String& agentName,
                                               const Fenrik::String& groupName);
   /// What the configuration paths of all units of a table begin with.

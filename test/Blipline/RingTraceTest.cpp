@@ -79,24 +79,6 @@ TEST_F(RingTraceTest, EveryKindOfNumberComesBack) {
                                     "[0-9]+ T::TestBody: nothing"));
 }
 
-TEST_F(RingTraceTest, ALapKeepsTheNewestRecordsWithoutAGap) {
-  TraceHandle handle(options(false));
-  Blipline::defaultBliplineHandle = &handle;
-  std::uint64_t next = 0;
-  // All but the block in which the writer stands, at 40 bytes or less on average.
-  constexpr std::size_t kKept =
-      3 * (Blipline::kBlockBytes - sizeof(Blipline::BlockHead) - Blipline::kRecordBytesMax) / 40;
-  for (const std::uint64_t until : {0u, 1u, 100u, 500u, 501u, 20'000u}) {
-    while (next < until) provedRecord(next++);
-    const auto numbers = provedNumbers(RingFile(path()));
-    ASSERT_EQ(numbers.empty(), until == 0);
-    if (until != 0) {
-      EXPECT_EQ(numbers.back(), until - 1);
-    }
-    EXPECT_GE(numbers.size(), std::min<std::size_t>(until, kKept));
-  }
-}
-
 TEST_F(RingTraceTest, ARecordIsOpenAloneAndUnseenUntilItEnds) {
   TraceHandle handle(options(false));
   Blipline::defaultBliplineHandle = &handle;
@@ -171,31 +153,41 @@ TEST_F(RingTraceTest, ALiveFileIsReadWhileItsWriterLapsTheReader) {
   EXPECT_GT(read, 0u);
 }
 
-TEST_F(RingTraceTest, AForkedChildLeavesItsParentsFilesAlone) {
-  TraceHandle single(options(false));
-  TraceHandle multi({directory, "m", Blipline::kRingBytesMin, true});
-  Blipline::defaultBliplineHandle = &single;
+TEST_F(RingTraceTest, AFileThatIsTruncatedDoesNotEndItsWriter) {
+  TraceHandle handle(options(false));
+  Blipline::defaultBliplineHandle = &handle;
+  for (std::uint64_t number = 0; number < 100; ++number) provedRecord(number);
+  ASSERT_EQ(::truncate(path().c_str(), 0), 0);
+  for (std::uint64_t number = 100; number < 5000; ++number) provedRecord(number);
+  Site::makeSwTable(1, 2);
+  EXPECT_EQ(std::filesystem::file_size(path()), 0u);
+  TraceHandle next({directory, "n", Blipline::kRingBytesMin, false});
+  Blipline::defaultBliplineHandle = &next;
   provedRecord(1);
-  Support::Process child([&] {
-    provedRecord(2);
-    Blipline::defaultBliplineHandle = &multi;
-    provedRecord(3);
-    ::_exit(0);
-  });
-  EXPECT_EQ(child.wait(), 0);
-  provedRecord(2);
-  EXPECT_THAT(provedNumbers(RingFile(path())), ElementsAre(1, 2));
-  EXPECT_TRUE(RingFile(directory + "/m-0.blip").records().empty());
+  EXPECT_THAT(provedNumbers(RingFile(directory + "/n-0.blip")), ElementsAre(1));
 }
 
-TEST_F(RingTraceTest, AFileThatCannotBeMadeIsAnErrorWithItsPath) {
-  try {
-    TraceHandle handle({directory + "/none", "t", 0, true});
-    ADD_FAILURE() << "was made";
-  } catch (const Blipline::TraceFileException& exception) {
-    EXPECT_THAT(exception.what(), testing::AllOf(testing::HasSubstr(directory + "/none/t-0.blip"),
-                                                 testing::HasSubstr("No such file")));
-  }
+/// Run by the next one in a process of its own.
+TEST(RingEnvironment, DISABLED_Child) { provedRecord(0); }
+
+TEST_F(RingTraceTest, TheEnvironmentSwitchesTheRingOn) {
+  const auto childWith = [&](const std::string& option) {
+    ::setenv("BASTIL_RING", option.c_str(), 1);
+    const Support::Outcome outcome =
+        Support::run({"/proc/self/exe", "--gtest_also_run_disabled_tests",
+                      "--gtest_filter=RingEnvironment.DISABLED_Child"},
+                     directory);
+    ::unsetenv("BASTIL_RING");
+    EXPECT_EQ(outcome.status, 0);
+    return outcome.err;
+  };
+  EXPECT_EQ(childWith(directory + ":64"), "");
+  const RingFile file(directory + "/exe-0.blip");
+  EXPECT_EQ(file.facts().ringBytes, 64u << 10);
+  EXPECT_THAT(provedNumbers(file), ElementsAre(0));
+  EXPECT_THAT(childWith(directory + ":x"), testing::StartsWith("BASTIL_RING: ring trace \""));
+  EXPECT_THAT(childWith(directory + "/none"),
+              testing::MatchesRegex(".*/none/exe-0.blip.*No such file.*\n"));
 }
 
 }  // namespace

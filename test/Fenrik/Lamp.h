@@ -31,8 +31,11 @@ class Lamp final : public Fenrik::NodeClass<Lamp, Fenrik::Publishing<Fenrik::Nod
 };
 
 /// Notes what a lamp announces.
-class Watcher final : public Fenrik::NodeClass<Watcher, Fenrik::Reacting<Watcher>> {
+class Watcher final
+    : public Fenrik::NodeClass<Watcher,
+                               Fenrik::Reacting<Watcher, Fenrik::Publishing<Fenrik::Node>>> {
  public:
+  static constexpr std::uint16_t kFieldBase = 256;
   using KivModule = LampModule;
 
   explicit Watcher(Fenrik::Ptr<Lamp> lamp) : lamp_(std::move(lamp)) {}
@@ -46,8 +49,7 @@ class Watcher final : public Fenrik::NodeClass<Watcher, Fenrik::Reacting<Watcher
 
   std::vector<int> seen;
 
- private:
-  Fenrik::Ptr<Lamp> lamp_;
+  FENRIK_POINTER(kFieldBase + 2, lamp, Lamp);
 };
 
 struct LampModule : Kiv::Module<"LampTest", Lamp, Watcher> {};

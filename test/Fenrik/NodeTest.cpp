@@ -79,6 +79,16 @@ TEST_P(NodeTest, FlagsAndCountLiveInOneWordWithoutTouchingEachOther) {
   EXPECT_EQ(lamp->useCount(), 1u);
 }
 
+TEST_P(NodeTest, AChainOfAMillionNodesGoesWithoutAMillionFrames) {
+  Ptr<Lamp> first;
+  for (int count = 0; count != 1'000'000; ++count) {
+    const Ptr<Lamp> next = std::exchange(first, ptrIsImpl<Lamp>(1));
+    first->nextIs(next);
+  }
+  first = nullptr;
+  EXPECT_EQ(lampsLive(), 0u);
+}
+
 TEST(Node, CountsOfManyThreadsEndTheNodeExactlyOnce) {
   Fenrik::ThreadControl::tsp_ = 1;
   for (int round = 0; round < 50; ++round) {

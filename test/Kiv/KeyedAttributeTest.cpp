@@ -130,9 +130,7 @@ TEST_F(KeyedAttribute, ValuesReadAsDefaultWhereThereIsNone) {
   EXPECT_EQ(rack->power(1), 0);
   EXPECT_EQ(rack->powerGet(1), std::nullopt);
   EXPECT_EQ(rack->powerDel(1), 0);
-  rack->powerIs(1, 30);
-  rack->powerIs(1, 30);
-  rack->powerIs(1, 40);
+  for (const int power : {30, 30, 40}) rack->powerIs(1, power);
   EXPECT_EQ(rack->powerGet(1), 40);
   EXPECT_EQ(rack->powerCount(), 1u);
   EXPECT_EQ(rack->powerDel(1), 40);
@@ -162,6 +160,28 @@ TEST_F(KeyedAttribute, EmptyingTellsEverySubscriberOfEveryMember) {
   EXPECT_EQ(held.key(), 1) << "the iterator keeps its member";
   EXPECT_EQ(held.nodeNow(), nullptr);
   EXPECT_FALSE(rack->cardIterator());
+}
+
+TEST_F(KeyedAttribute, EachHearsOfTheMemberAsItWasWhateverAnotherChangedMeanwhile) {
+  const Support::Ear first(*rack->publisher(), [&](const Change& change) {
+    if (change.value == nullptr) return;
+    if (change.fieldId.number() == 258) return static_cast<void>(rack->cardDel(5));
+    const int power = static_cast<const Rack::HN_Power*>(change.value)->value();
+    power < 3 ? rack->powerIs(5, power + 1) : static_cast<void>(rack->powerDel(5));
+  });
+  std::string told;
+  const Support::Ear second(*rack->publisher(), [&](const Change& change) {
+    if (change.value == nullptr)
+      told += "gone;";
+    else if (change.fieldId.number() == 258)
+      told +=
+          fmt::format("card {};", static_cast<const Rack::HN_Card*>(change.value)->value()->slot());
+    else
+      told += fmt::format("{};", static_cast<const Rack::HN_Power*>(change.value)->value());
+  });
+  rack->powerIs(5, 1);
+  rack->cardIs(makeCard(5));
+  EXPECT_EQ(told, "1;2;3;gone;card 5;gone;");
 }
 
 /// What goes may look at, fill and empty the very map that it leaves.

@@ -64,6 +64,12 @@ class Library(unittest.TestCase):
         self.assertIn("nothing of its own", self.complaints(""))
         self.assertIn("it needs libresolv",
                       self.complaints(own, "-Wl,--no-as-needed", "-lresolv", "-Wl,-rpath,/x"))
+        for called, where in (("levelEnabled(int)", "struct H { bool levelEnabled(int); };"
+                               "bool H::levelEnabled(int) { return true; }"),
+                              ("Fenrik::Ptr<int>::Ptr(", "}namespace Fenrik { template <class T>"
+                               "struct Ptr { Ptr(const Ptr&) {} }; template struct Ptr<int>;")):
+            self.assertIn(f"{called}", self.complaints(own + "namespace Kiv {" + where + "}"))
+        self.assertIn("no symbol table", self.complaints(own, "-s"))
         self.assertIn("soname", self.complaints(own, "-Wl,-soname,other.so"))
 
 

@@ -2,7 +2,8 @@
 
 library.py LIBRARY NAMESPACE... prints what is wrong and exits with 1 if anything is: a symbol that
 stands in none of the namespaces, a library needed beyond the C and C++ runtime and fmt, code that
-would have to be changed where it is loaded, a search path.
+would have to be changed where it is loaded, a search path, a call where the cost of a trace that is
+off or of a counted pointer's copy is to be a few instructions.
 """
 import re
 import subprocess
@@ -10,6 +11,9 @@ import sys
 
 # The compiler adds the mathematics and its own support library to every C++ program.
 NEEDED = re.compile(r"(libc|libstdc\+\+|libm|libgcc_s|libfmt|ld-linux-x86-64)\.so\.\d+$")
+
+# What must be inlined wherever it stands. `.cold` and the like are pieces of other functions.
+INLINED = re.compile(r" (\S+::levelEnabled\(.*|Fenrik::(?:NonNull)?Ptr<.*>::~?(?:NonNull)?Ptr\(.*)$")
 
 
 def output(*command):
@@ -37,6 +41,12 @@ def complaints(library, namespaces):
     sonames = [text for tag, text in entries if tag == "SONAME"]
     if not sonames or not re.search(r"\[libquarnbastil\.so\.\d+\.\d+\]", sonames[0]):
         yield f"its soname is {sonames}, not libquarnbastil.so.MAJOR.MINOR"
+
+    code = [line for line in output("nm", "-C", library).splitlines() if re.search(r" [tTwW] ", line)]
+    if not code:
+        yield "it has no symbol table, so that nobody can tell what was inlined"
+    for called in sorted({match[1] for match in map(INLINED.search, code) if match}):
+        yield f"it calls {called}, which is to be inlined"
 
 
 if __name__ == "__main__":

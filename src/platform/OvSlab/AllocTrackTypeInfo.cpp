@@ -8,6 +8,7 @@
 #include <typeindex>
 #include <unordered_map>
 
+#include "Fenrik/ForkGuard.h"
 #include "OvSlab/AllocReport.h"
 #include "OvSlab/TypeName.h"
 
@@ -27,6 +28,21 @@ Registry& registry() {
 
 /// Held where a peak and the limit above it move together. A new peak is rare, a report rarer.
 constinit std::mutex peakMutex;
+
+const Fenrik::ForkGuard forkGuard(
+    Fenrik::ForkOrder::trackers,
+    [] {
+      registry().mutex.lock();
+      peakMutex.lock();
+    },
+    [] {
+      peakMutex.unlock();
+      registry().mutex.unlock();
+    },
+    [] {
+      peakMutex.unlock();
+      registry().mutex.unlock();
+    });
 
 }  // namespace
 

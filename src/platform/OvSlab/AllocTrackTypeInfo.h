@@ -96,15 +96,20 @@ class QUARNBASTIL_EXPORT AllocTrackTypeInfo {
   static AllocTrackTypeInfo& makeRecord(AllocTrackTypeInfo** tracker, const std::type_info& type,
                                         unsigned size, unsigned alignment);
 
+  /// Objects and elements ever made.
   Count made_ = 0;
-  /// What has gone, and the peak above it: more made than this is a new peak. So an object that
-  /// is made costs one comparison, and one that goes one addition.
+  /// gone + peak: a count of made objects above it is a new peak. So making costs one comparison
+  /// and dropping one addition.
   Count madeLimit_ = 0;
+  /// Most objects alive at one time.
   Count peak_ = 0;
+  /// Arrays alive.
   Count arrays_ = 0;
   /// Never freed, as the record is.
   const char* const typeName_;
+  /// Bytes of an object or element.
   const unsigned size_;
+  /// 0 where only arrays were reported.
   const unsigned alignment_;
 };
 

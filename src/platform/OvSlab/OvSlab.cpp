@@ -11,6 +11,7 @@
 #include <mutex>
 #include <utility>
 
+#include "Fenrik/ForkGuard.h"
 #include "OvSlab/SlabMemory.h"
 #include "OvSlab/SlabStats.h"
 #include "OvSlab/TypeName.h"
@@ -46,6 +47,18 @@ struct HeadLists {
 
 constinit HeadLists headLists[kHeadCount];
 constinit SlabMemory memory;
+
+void locksTake() {
+  for (HeadLists& lists : headLists) lists.mutex.lock();
+  memory.lock();
+}
+
+void locksGive() {
+  memory.unlock();
+  for (HeadLists& lists : headLists) lists.mutex.unlock();
+}
+
+const Fenrik::ForkGuard forkGuard(Fenrik::ForkOrder::slab, locksTake, locksGive, locksGive);
 
 constexpr Heads emptyHeads() {
   Heads heads{};

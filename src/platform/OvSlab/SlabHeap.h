@@ -32,12 +32,12 @@ inline constexpr std::size_t kSlabBytes = std::size_t{1} << kSlabShift;
 /// What stands in an object of a free list.
 struct FreeObject {
   FreeObject* next;
-  /// `kFreeMark`, by which a second free is suspected. It lies over the use count of a node and is
-  /// as wide: a wider read would have to wait for that store.
+  /// `kFreeMark`: detects double frees. Overlays the use count of a live node, and is as wide: a
+  /// wider load would wait for the store of the count.
   std::uint32_t mark;
 };
 
-/// No use count, and hardly anything else that lies there.
+/// A value that no live object is expected to hold at this offset.
 inline constexpr std::uint32_t kFreeMark = 0x9e3779b9;
 
 /// Where a slab stands. Each of the first four is a list of the slab's head.
@@ -61,7 +61,7 @@ struct alignas(64) Slab {
   /// this, modulo 2^32, is below it.
   std::uint32_t inverse;
   std::uint16_t objectSize;
-  /// Objects at the start of the slab that have been taken or free ever since it came to its class.
+  /// Objects handed out at least once; they are the first of the slab.
   std::uint16_t carved;
   std::uint16_t capacity;
   std::uint8_t headIndex;
@@ -217,8 +217,7 @@ inline void free(void* storage, const std::type_info& type) noexcept {
     giveOutOfLine(slab, storage, result, type);
 }
 
-/// The same where the caller knows the size that it asked for, and with it where a spare object
-/// would stand.
+/// Frees where the caller knows the size: no look-up of the slab to find the head.
 inline void free(void* storage, const std::type_info& type, unsigned size,
                  SlabAllocationPattern pattern) noexcept {
   if (size <= kSlabObjectLimit && !Fenrik::ThreadControl::tsp_ &&

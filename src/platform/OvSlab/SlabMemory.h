@@ -22,6 +22,7 @@ class ModeLock {
   }
 
  private:
+  /// Held by every operation while threads are on.
   std::mutex* mutex_;
 };
 
@@ -68,6 +69,10 @@ class SlabMemory {
 
   static void* startOf(const Slab& slab) noexcept;
 
+  /// Around a fork.
+  void lock() { mutex_.lock(); }
+  void unlock() { mutex_.unlock(); }
+
  private:
   bool reserve() noexcept;
   bool grow() noexcept;
@@ -75,13 +80,17 @@ class SlabMemory {
   std::size_t keepLimit() const noexcept;
 
   std::mutex mutex_;
+  /// Empty slabs with memory, newest first.
   SlabList kept_;
+  /// Empty slabs whose memory was given back.
   SlabList released_;
+  /// Slabs that belong to a class.
   std::size_t inUse_ = 0;
   /// Slabs ever handed out, slabs whose addresses may be used, slabs reserved.
   std::size_t begun_ = 0;
   std::size_t usable_ = 0;
   std::size_t reserved_ = 0;
+  /// The one reservation was made, or refused.
   bool reserveTried_ = false;
 };
 
