@@ -129,6 +129,7 @@ TEST(FormatPageTest, StatesTheNumbersOfTheHeader) {
                     Format::kLineCount, Format::kLineSize),
         fmt::format("| {} | doorbell, 4 bytes", Format::kDoorbellOffset),
         fmt::format("A 32-bit number at {} that", Format::kDoorbellOffset),
+        fmt::format("| {} | sleeping, 4 bytes", Format::kSleepingOffset),
         fmt::format("| {} | hashed: index table 0", Format::kHeaderSize),
         fmt::format("| {}; refuse every other |", Format::kVersion),
         fmt::format("{:#018x}; anything else", Format::kAbi),
