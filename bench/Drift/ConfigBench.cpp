@@ -28,7 +28,7 @@ std::function<void()> randomReplaces(const Directory& directory) {
     std::unique_ptr<DriftFile> file;
     Drift::HashedWriter writer;
     std::vector<Word> record = std::vector<Word>(kConfigWords, 9);
-    std::size_t at = 0;
+    RandomKeys keys;
     explicit Writer(const Directory& directory)
         : file(DriftFile::openForWriting(directory, "config", configGeometry(), {})),
           writer(*file) {}
@@ -36,36 +36,41 @@ std::function<void()> randomReplaces(const Directory& directory) {
   auto writer = std::make_shared<Writer>(directory);
   if (writer->writer.view().size() == 0) fillConfig(writer->writer);
   return [writer] {
-    writer->record[0] = shuffledKeys()[writer->at++ * 7 % kConfigRecords];
+    writer->record[0] = writer->keys.next();
     writer->writer.set(writer->record);
   };
 }
 
-/// find + copy in this process, with the writer in another one, idle or at full speed.
+/// find + copy of random keys in this process, with the writer in another one, idle or at full
+/// speed.
 void configFind(benchmark::State& state) {
   const bool busy = state.range(0) != 0;
+  RandomKeys keys(static_cast<Word>(state.range(1)));
   const ScratchDirectory scratch;
   const Directory directory(scratch.path(), Directory::Access::write);
   Companion writer([&] { return randomReplaces(directory); });
   const auto file = DriftFile::openForReading(directory, "config", nullptr);
   const Drift::HashedView view(*file);
   std::vector<Word> out(kConfigWords);
-  const auto& keys = shuffledKeys();
-  for (const Word key : keys) view.find(std::span(&key, 1), out);
+  for (const Word key : shuffledKeys()) view.find(std::span(&key, 1), out);
   writer.on(busy);
   const std::uint64_t before = writer.rounds();
-  std::size_t at = 0;
   for (auto _ : state) {
-    const Word key = keys[at++ % kConfigRecords];
+    const Word key = keys.next();
     if (!view.find(std::span(&key, 1), out)) state.SkipWithError("a record was lost");
     benchmark::DoNotOptimize(out.data());
   }
   writer.on(false);
   state.counters["writes"] = static_cast<double>(writer.rounds() - before);
 }
-BENCHMARK(configFind)->ArgName("busy")->Arg(0)->Arg(1);
-const Goal kBusy("find + copy, writer at full speed / writer idle", "configFind/busy:1",
-                 "configFind/busy:0", 1.1);
+constexpr int kHotKeys = 1000;
+BENCHMARK(configFind)
+    ->ArgNames({"busy", "keys"})
+    ->Args({0, kConfigRecords})
+    ->Args({1, kConfigRecords})
+    ->Args({0, kHotKeys});
+const Goal kBusy("find + copy, writer at full speed / writer idle", "configFind/busy:1/keys:65536",
+                 "configFind/busy:0/keys:65536", 1.15);
 
 #ifdef BASTIL_BENCH_LMDB
 void configFindLmdb(benchmark::State& state) {
@@ -74,17 +79,18 @@ void configFindLmdb(benchmark::State& state) {
   lmdb.fill(kConfigRecords, kConfigRecord);
   Lmdb::Reader reader(lmdb);
   std::vector<char> out(kConfigRecord);
-  const auto& keys = shuffledKeys();
-  for (const Word key : keys) reader.find(key, out);
-  std::size_t at = 0;
+  RandomKeys keys(static_cast<Word>(state.range(0)));
+  for (const Word key : shuffledKeys()) reader.find(key, out);
   for (auto _ : state) {
-    if (!reader.find(keys[at++ % kConfigRecords], out)) state.SkipWithError("a record was lost");
+    if (!reader.find(keys.next(), out)) state.SkipWithError("a record was lost");
     benchmark::DoNotOptimize(out.data());
   }
 }
-BENCHMARK(configFindLmdb);
-const Goal kFind("find + copy of 552 bytes / LMDB renew, get, copy", "configFind/busy:0",
-                 "configFindLmdb", 1.0 / 15);
+BENCHMARK(configFindLmdb)->ArgName("keys")->Arg(kConfigRecords)->Arg(kHotKeys);
+const Goal kFind("find + copy of 552 bytes, random keys / LMDB renew, get, copy",
+                 "configFind/busy:0/keys:65536", "configFindLmdb/keys:65536", 1.0 / 3.5);
+const Goal kFindHot("find + copy of 552 bytes, 1,000 hot keys / LMDB renew, get, copy",
+                    "configFind/busy:0/keys:1000", "configFindLmdb/keys:1000", 1.0 / 8);
 #endif
 
 #ifdef BASTIL_BENCH_BOOST
@@ -105,10 +111,10 @@ void configFindBoost(benchmark::State& state) {
     auto* const map = segment.construct<Map>("map")(segment.get_segment_manager());
     for (const Word key : shuffledKeys()) map->emplace(static_cast<std::uint32_t>(key), Record{});
     Record out;
-    std::size_t at = 0;
+    RandomKeys keys;
     for (auto _ : state) {
       const ipc::sharable_lock<ipc::interprocess_sharable_mutex> guard(*lock);
-      out = map->find(static_cast<std::uint32_t>(shuffledKeys()[at++ % kConfigRecords]))->second;
+      out = map->find(static_cast<std::uint32_t>(keys.next()))->second;
       benchmark::DoNotOptimize(&out);
     }
   }
@@ -126,10 +132,9 @@ void configRandomCopy(benchmark::State& state) {
       DriftFile::openForWriting(directory, "config", configGeometry(), {.reserveAll = true});
   std::byte* const memory = file->data() + file->header().slotsOffset;
   std::vector<char> record(kConfigRecord, 2);
-  const auto& keys = shuffledKeys();
-  std::size_t at = 0;
+  RandomKeys keys;
   for (auto _ : state) {
-    std::memcpy(memory + keys[at++ % kConfigRecords] * kConfigRecord, record.data(), kConfigRecord);
+    std::memcpy(memory + keys.next() * kConfigRecord, record.data(), kConfigRecord);
     benchmark::ClobberMemory();
   }
 }
@@ -144,17 +149,16 @@ void configReplace(benchmark::State& state) {
   Companion reader([&] {
     std::shared_ptr<DriftFile> mine = DriftFile::openForReading(directory, "config", nullptr);
     auto view = std::make_shared<Drift::HashedView>(*mine);
-    return [mine, view, at = std::size_t{0}, out = std::vector<Word>(kConfigWords)]() mutable {
-      const Word key = shuffledKeys()[at++ * 5 % kConfigRecords];
+    return [mine, view, keys = RandomKeys(), out = std::vector<Word>(kConfigWords)]() mutable {
+      const Word key = keys.next();
       view->find(std::span(&key, 1), out);
     };
   });
   reader.on(true);
   std::vector<Word> record(kConfigWords, 9);
-  const auto& keys = shuffledKeys();
-  std::size_t at = 0;
+  RandomKeys keys;
   for (auto _ : state) {
-    record[0] = keys[at++ % kConfigRecords];
+    record[0] = keys.next();
     writer.set(record);
   }
   state.counters["reads"] = static_cast<double>(reader.rounds());

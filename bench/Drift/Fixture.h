@@ -61,6 +61,25 @@ inline const std::vector<Word>& shuffledKeys() {
   return keys;
 }
 
+/// A new random key for each operation, of the first so many: whoever visits keys in the order in
+/// which they were stored walks along the slots.
+class RandomKeys {
+ public:
+  explicit RandomKeys(Word count = kConfigRecords) : count_(count) {}
+
+  Word next() noexcept {
+    // Marsaglia's xorshift64, a few instructions.
+    state_ ^= state_ << 13;
+    state_ ^= state_ >> 7;
+    state_ ^= state_ << 17;
+    return (state_ >> 20) % count_;
+  }
+
+ private:
+  Word count_;
+  Word state_ = 0x9e3779b97f4a7c15;
+};
+
 inline Drift::Geometry configGeometry() {
   return {Drift::Format::Layout::hashed, 4, kConfigRecord, kConfigRecords, "Bench", "config"};
 }

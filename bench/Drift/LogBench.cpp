@@ -65,6 +65,9 @@ const Goal kAppend("log append, warm / sequential copy of 548 bytes", "logAppend
                    "logSequentialCopy", 1.5);
 const Goal kFirstLap("log append, first lap reserved ahead / warm lap", "logAppend/firstLap",
                      "logAppend/warm", 1.3);
+const Goal kOnDemand("log append, memory on demand / first lap reserved ahead",
+                     "logAppend/onDemand",
+                     "logAppend/firstLap", 1.5);
 
 /// A successor mounts a configuration of 65,536 records beside a log of so many.
 void takeover(benchmark::State& state) {

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Prints the collection in FILE, as docs/shared-memory.md describes it, records in hexadecimal."""
-import mmap, struct, sys
+import fcntl, mmap, struct, sys, time
 def step(crc, data):
     for byte in data:
         crc ^= byte
@@ -50,7 +50,10 @@ def collection():
     need(word(72) == len(data), "it is cut off or longer than it was")
     need(data[300:304] == struct.pack("<I", crc32c("300s", data[:300])), "the header is damaged")
     return struct.unpack_from("<I8xIIIIQQQQQQ16s128s64s", data, 12)
-with open(sys.argv[1], "rb") as file: data = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
+file = open(sys.argv[1], "rb")  # the lock keeps the writer from giving memory back (37: OFD_SETLK)
+lock = struct.pack("hhqqi4x", fcntl.F_RDLCK, 0, 2**62 + time.monotonic_ns(), 1, 0)
+fcntl.fcntl(file, 37, lock)
+data = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
 fault = "it changes while it is read"
 for attempt in range(5):  # what changed while it was read is read again
     try:

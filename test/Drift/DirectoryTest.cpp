@@ -184,6 +184,40 @@ TEST_F(DirectoryTest, AForkedChildMayReadAndNotWrite) {
   }
 }
 
+/// Two processes wake each other, each without a system call while the other says that it is awake.
+TEST_F(DirectoryTest, NoRingIsLostBetweenTwoThatSayWhenTheySleep) {
+  constexpr std::uint32_t kRounds = 40'000;
+  const auto mine = writer("mine");
+  const std::uint32_t begin = mine->doorbell();
+  const auto play = [&](DriftFile& own, const DriftFile& other, bool first) {
+    unsigned late = 0;
+    const std::uint32_t from = begin;
+    for (std::uint32_t round = 0; round < kRounds; ++round) {
+      if (first) own.ring(other);
+      const auto asked = std::chrono::steady_clock::now();
+      const BellSeen bell{&other, from + round};
+      if (!waitForAnyRing({&bell, 1}, std::chrono::seconds(10), &own)) return kRounds;
+      // One that is lost shows when the sleeper looks of itself.
+      if (std::chrono::steady_clock::now() - asked > std::chrono::milliseconds(90)) ++late;
+      if (late > 20) return kRounds;
+      if (!first) own.ring(other);
+    }
+    return late;
+  };
+  Support::Process child([&] {
+    const auto own = writer("theirs");
+    const auto other = reader("mine");
+    ::_exit(play(*own, *other, false) < 20 ? 0 : 1);
+  });
+  std::unique_ptr<DriftFile> theirs;
+  while (theirs == nullptr && child.running()) {
+    if (stageOf([&] { theirs = reader("theirs"); }) != MountStage::ok) ::usleep(1000);
+  }
+  ASSERT_NE(theirs, nullptr);
+  EXPECT_LT(play(*mine, *theirs, true), 20U) << "a busy machine is late a few times";
+  EXPECT_EQ(child.wait(), 0);
+}
+
 TEST_F(DirectoryTest, ReadersAreToldThatAFileWasReplaced) {
   writer();
   const auto old = reader();

@@ -33,7 +33,7 @@ inline void copyCollection(const std::string& from, const std::string& to) {
 }
 
 struct Step {
-  enum class Kind : Word { set, remove, removeAll };
+  enum class Kind : Word { set, remove, removeThrough, removeAll };
   Kind kind;
   Word key = 0;
   Word generation = 0;
@@ -42,6 +42,7 @@ using Steps = std::vector<Step>;
 
 inline Step set(Word key, Word generation = 1) { return {Step::Kind::set, key, generation}; }
 inline Step remove(Word key) { return {Step::Kind::remove, key}; }
+inline Step removeThrough(Word version) { return {Step::Kind::removeThrough, version}; }
 inline Step removeAll() { return {Step::Kind::removeAll}; }
 inline Steps setAll(Word from, Word to) {
   Steps steps;
@@ -54,6 +55,9 @@ inline Model after(const Geometry& geometry, Model model, std::span<const Step> 
     const Record key = keyOf(geometry, step.key);
     if (step.kind == Step::Kind::set) model[key] = recordOf(geometry, key, step.generation);
     if (step.kind == Step::Kind::remove) model.erase(key);
+    if (step.kind == Step::Kind::removeThrough) {
+      model.erase(model.begin(), model.upper_bound(key));
+    }
     if (step.kind == Step::Kind::removeAll) model.clear();
   }
   return model;
@@ -82,6 +86,7 @@ class Store {
   void perform(const Step& step) {
     if (step.kind == Step::Kind::set) writer_.set(record_);
     if (step.kind == Step::Kind::remove) (void)writer_.remove(key_);
+    if (step.kind == Step::Kind::removeThrough) writer_.dense->removeThrough(step.key);
     if (step.kind == Step::Kind::removeAll) writer_.removeAll();
   }
   void apply(std::span<const Step> steps) {

@@ -164,7 +164,7 @@ class Life {
 };
 
 TEST(KillRoundsSoakDeathTest, WhatWasCommittedSurvivesAnyNumberOfKills) {
-  const int usual = kInstrumented ? 1'000 : 20'000;
+  const int usual = kInstrumented ? 500 : 3'000;
   const int rounds = Support::soakFactor() == 1 ? usual : 1'000'000;
   const unsigned seed = Support::seed();
   SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));

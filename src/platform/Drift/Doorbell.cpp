@@ -16,13 +16,32 @@ namespace {
 std::uint32_t* bellOf(const std::byte* data) {
   return reinterpret_cast<std::uint32_t*>(const_cast<std::byte*>(data) + Format::kDoorbellOffset);
 }
+std::uint32_t* sleepingOf(const std::byte* data) {
+  return reinterpret_cast<std::uint32_t*>(const_cast<std::byte*>(data) + Format::kSleepingOffset);
+}
+
+void moveBell(std::byte* data) noexcept {
+  std::uint32_t* const bell = bellOf(data);
+  __atomic_store_n(bell, __atomic_load_n(bell, __ATOMIC_RELAXED) + 1, __ATOMIC_SEQ_CST);
+}
+
+void wake(const std::byte* data) noexcept {
+  ::syscall(SYS_futex, bellOf(data), FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
 
 }  // namespace
 
 void DriftFile::ring() noexcept {
-  std::uint32_t* const bell = bellOf(data_);
-  __atomic_store_n(bell, __atomic_load_n(bell, __ATOMIC_RELAXED) + 1, __ATOMIC_RELEASE);
-  ::syscall(SYS_futex, bell, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+  moveBell(data_);
+  wake(data_);
+}
+
+void DriftFile::ring(const DriftFile& listener) noexcept {
+  moveBell(data_);
+  // The bell moves before the look, and the sleeper says so before its last look at the bell: one
+  // of the two sees the other.
+  __atomic_thread_fence(__ATOMIC_SEQ_CST);
+  if (__atomic_load_n(sleepingOf(listener.data_), __ATOMIC_SEQ_CST) != 0) wake(data_);
 }
 
 std::uint32_t DriftFile::doorbell() const noexcept {
@@ -60,25 +79,50 @@ bool sleepOnAll(std::span<const BellSeen> bells, std::chrono::steady_clock::time
   return result >= 0 || (errno != ENOSYS && errno != EINVAL && errno != EPERM);
 }
 
+/// Says in a file of this process that it sleeps, as long as the object lives.
+class Sleeping {
+ public:
+  explicit Sleeping(DriftFile* own) : own_(own) { say(1); }
+  ~Sleeping() { say(0); }
+  Sleeping(const Sleeping&) = delete;
+  Sleeping& operator=(const Sleeping&) = delete;
+
+ private:
+  void say(std::uint32_t value) const noexcept {
+    if (own_ == nullptr) return;
+    __atomic_store_n(sleepingOf(own_->data()), value, __ATOMIC_SEQ_CST);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+  }
+
+  DriftFile* own_;
+};
+
 }  // namespace
 
-bool waitForAnyRing(std::span<const BellSeen> bells, std::chrono::nanoseconds timeout) {
-  // Where a thread can sleep on one bell only, it looks at the others this often.
-  constexpr std::chrono::nanoseconds kSlice = std::chrono::milliseconds(5);
-  // A year stands for ever, and does not overflow.
+bool waitForAnyRing(std::span<const BellSeen> bells, std::chrono::nanoseconds timeout,
+                    DriftFile* own) {
+  using std::chrono::milliseconds;
+  const auto moved = [](const BellSeen& bell) { return bell.file->doorbell() != bell.seen; };
+  if (std::ranges::any_of(bells, moved)) return true;
+  // A year is as good as for ever, and does not overflow.
   const auto end = std::chrono::steady_clock::now() +
                    std::min<std::chrono::nanoseconds>(timeout, std::chrono::hours(24 * 365));
-  const auto moved = [](const BellSeen& bell) { return bell.file->doorbell() != bell.seen; };
-  bool slices = false;
+  const Sleeping sleeping(own);
+  // A ringer that looks at another listener's word, or at that of a file that somebody deleted,
+  // makes no call; where a thread can sleep on one bell only, it must look at the others.
+  std::chrono::nanoseconds slice = own != nullptr ? milliseconds(100) : milliseconds(20);
+  bool together = bells.size() > 1;
   while (std::ranges::none_of(bells, moved)) {
     const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
         end - std::chrono::steady_clock::now());
     if (left.count() <= 0) return false;
-    if (bells.size() > 1 && !slices) {
-      slices = !sleepOnAll(bells, end);
+    const auto time = std::min(left, slice);
+    if (together) {
+      together = sleepOnAll(bells, std::chrono::steady_clock::now() + time);
+      if (!together) slice = milliseconds(5);
       continue;
     }
-    const timespec wait = timespecOf(slices ? std::min(left, kSlice) : left);
+    const timespec wait = timespecOf(time);
     if (bells.empty()) {
       ::nanosleep(&wait, nullptr);
     } else {

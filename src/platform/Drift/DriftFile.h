@@ -92,6 +92,9 @@ class QUARNBASTIL_EXPORT DriftFile {
 
   /// Moves the doorbell and wakes who sleeps on it.
   void ring() noexcept;
+  /// As above for one listener, the writer of `listener`: the system call that wakes is left out
+  /// while it says that it is awake. Who sleeps here and says nothing notices within 20 ms.
+  void ring(const DriftFile& listener) noexcept;
   std::uint32_t doorbell() const noexcept;
   /// Sleeps until the doorbell differs from `seen` or the time is over; true if it differs.
   bool waitForRing(std::uint32_t seen, std::chrono::nanoseconds timeout) const;
@@ -125,8 +128,10 @@ struct BellSeen {
   std::uint32_t seen;
 };
 
-/// Sleeps until one of the doorbells has moved or the time is over; true if one has moved.
+/// Sleeps until one of the doorbells has moved or the time is over; true if one has moved. A
+/// process that writes a file of its own says there that it sleeps, so that others ring without a
+/// system call while it is awake.
 QUARNBASTIL_EXPORT bool waitForAnyRing(std::span<const BellSeen> bells,
-                                       std::chrono::nanoseconds timeout);
+                                       std::chrono::nanoseconds timeout, DriftFile* own = nullptr);
 
 }  // namespace Drift

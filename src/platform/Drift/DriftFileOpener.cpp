@@ -312,6 +312,11 @@ class DriftFileOpener {
     if (file_->data_ != nullptr)
       ::munmap(std::exchange(file_->data_, nullptr), file_->header_.fileSize);
     make(Stage::rebuilt, carried);
+    // Whoever still rings for the old one must not take its writer for awake.
+    const std::uint32_t sleeping = 1;
+    if (static_cast<Word>(status.st_size) >= Format::kHeaderSize) {
+      (void)!::pwrite(old.get(), &sleeping, sizeof sleeping, Format::kSleepingOffset);
+    }
     file_->reason_ =
         Fenrik::formatString("{}: {}; made anew and empty", file_->path_, found.view());
   }

@@ -92,7 +92,10 @@ constexpr std::size_t lineOffset(Line line) {
 
 /// A 32-bit number that moves with every ring of the bell; processes sleep on it (futex).
 inline constexpr std::size_t kDoorbellOffset = kLinesOffset + kLineCount * kLineSize;
-static_assert(kDoorbellOffset + kLineSize <= kHeaderSize);
+/// A 32-bit number that is not 0 while the file's writer sleeps at other files' bells, and whoever
+/// rings one of those for it must wake it. Of a file that was made anew the old one keeps a 1.
+inline constexpr std::size_t kSleepingOffset = kDoorbellOffset + kLineSize;
+static_assert(kSleepingOffset + kLineSize <= kHeaderSize);
 
 /// Index word of a hashed collection:
 ///
