@@ -184,7 +184,7 @@ class Demo:
             self.problems.append(problem)
 
     def rows_written(self, agent):
-        """Rows written by the agent in all units together."""
+        """The number of rows that the agent wrote, all units together."""
         rows = 0
         for unit in UNITS:
             pattern = re.compile(rf"programmed: .* unit {unit}; (\d+) rows written")
@@ -209,10 +209,10 @@ class Demo:
                 return facts
         raise Failed("the hardware writer left no summary")
 
-    def reprogrammed(self, writer):
-        """Rows in which the chip differed from the configuration when the writer came."""
-        facts, at = writer.wait_for(lambda line: event_of(line, "compared"), "its comparison")
-        return facts["programmed"], at
+    def started(self, writer):
+        """The version up to which the chip was programmed in all when the writer came."""
+        facts, at = writer.wait_for(lambda line: event_of(line, "started"), "its start")
+        return sum(facts["programmed"].values()), at
 
     # The acts, one after the other.
 
@@ -269,12 +269,12 @@ class Demo:
         self.await_issued(issued + self.page["rows"] // 8, "the change")
         writer.end(signal.SIGKILL)
         writer = self.writer()
-        differed, took = self.reprogrammed(writer)
+        version, took = self.started(writer)
         self.page["changedRows"] = self.rows_written(agent)
         self.acknowledged(agent)
         self.page["writerBack"] = took
-        self.say(f"  the next one found {differed} rows to make up for, {took:.2f} s after its "
-                 f"start; {self.page['changedRows']} rows were changed in all")
+        self.say(f"  the next one went on at version {version}, {took:.2f} s after its start; "
+                 f"{self.page['changedRows']} rows were changed in all")
         return writer, agent
 
     def restart_without_change(self, writer, agent):
@@ -287,11 +287,12 @@ class Demo:
         self.page["versionsIssuedByRestart"] = self.issued() - before
         first = self.end_writer(writer)
         writer = self.writer()
-        self.page["rowsReprogrammedByRestart"], self.page["writerTakeover"] = \
-            self.reprogrammed(writer)
+        _, self.page["writerTakeover"] = self.started(writer)
         time.sleep(0.3)  # some packets more
         self.expect(agent.end(signal.SIGTERM) == 0, "the agent did not end cleanly")
         last = self.end_writer(writer)
+        self.page["rowsReprogrammedByRestart"] = sum(
+            last[what] - first[what] for what in ("written", "removed"))
         return first, last
 
     def sum_up(self, first, last):

@@ -5,7 +5,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-/// What the chip holds, beside what is configured.
+/// The chip's contents beside the configuration's.
 std::string describe(SimAsic::Chip& chip, const std::vector<Table>& tables, Json& facts) {
   Json programmed = Json::object();
   std::uint64_t ofChip = 0;
@@ -45,6 +45,14 @@ int Writer::summary() {
     chip_->metersStore();
     text = describe(*chip_, tables_, facts);
     faults += chip_->meters().violations;
+  }
+  if (options_.once && !complete_) {
+    ++faults;
+    const bool behind = chip_ == nullptr || !drained();
+    news_.warn(behind ? "not everything that was announced is programmed"
+                      : fmt::format("{} rows of the chip are not as configured; bastilctl verify "
+                                    "tells more",
+                                    differences()));
   }
   if (classifier_) {
     faults += classifier_->mismatches();

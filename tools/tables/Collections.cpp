@@ -70,8 +70,8 @@ std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory,
 
 namespace {
 
-/// Where a walk that met damage when it was to begin at bucket `from` can go on: the first bucket
-/// from which it does not meet the same damage. Between the two there is nothing that can be read.
+/// The first bucket from `from` on at which a walk does not meet the same damage. No record before
+/// it can be read.
 Word behindDamage(const Drift::HashedView& view, Word from, Word end, const std::string& damage) {
   std::vector<Word> record(view.recordWords());
   std::vector<Word> noKey(view.keyWords());
