@@ -52,10 +52,10 @@ void addOptions(CLI::App& app, Agent::Options& options) {
   app.add_flag("--reset", options.reset, "Empty the tables before anything is written");
   auto* const once = app.add_flag("--once", options.once, "End when all rows are committed");
   app.add_option("--timeout", options.timeout, "Seconds after which --once gives up")
-      ->check(CLI::PositiveNumber)
+      ->check(Program::positiveNumber)
       ->needs(once);
   app.add_option("--rate", options.rate, "Rows a second at most; as many as can be without it")
-      ->check(CLI::PositiveNumber);
+      ->check(Program::positiveNumber);
   app.add_option_function<std::string>("--trace", traceIs,
                                        "Trace levels, like \"TcamEntry*/1-3 SwTable*/*\"");
   app.set_version_flag("--version", Program::versionOf("bastil-agent"));

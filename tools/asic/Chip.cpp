@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <charconv>
 #include <chrono>
 
 namespace SimAsic {
@@ -12,8 +11,6 @@ using Tables::TableKind;
 
 /// A configuration's capacity, twice: rows of one that was lost stay until they are removed.
 constexpr Drift::Word kCapacity = 2 * 65'536;
-
-std::string folderOf(const TableKind& kind) { return fmt::format("rows/{}/", kind.name); }
 
 Drift::Geometry rowGeometry(const TableKind& kind) {
   return {Drift::Format::Layout::hashed,
@@ -70,13 +67,10 @@ Chip::~Chip() = default;
 
 /// The chip as its last process left it. A table whose rows were lost counts as never programmed.
 void Chip::storedTables(const TableKind& kind) {
-  const std::string folder = folderOf(kind);
-  for (const std::string& path : directory_.entities(folder)) {
-    std::uint16_t unit = 0;
-    const char* const end = path.data() + path.size();
-    const auto [stop, error] = std::from_chars(path.data() + folder.size(), end, unit);
-    if (error != std::errc() || stop != end) continue;
-    const bool lost = table(kind, UnitId(unit)).rows.fresh();
+  for (const std::string& path : directory_.entities(Tables::chipRowsPath(kind))) {
+    const auto unit = Tables::unitOf(kind, path);
+    if (!unit) continue;
+    const bool lost = table(kind, *unit).rows.fresh();
     RowFile& note = progress(kind).file;
     if (lost) note.noteIs(0);
   }
@@ -86,7 +80,7 @@ Chip::Table& Chip::table(const TableKind& kind, UnitId unit) {
   const auto at = std::pair(kind.id, unit);
   const auto known = tables_.find(at);
   if (known != tables_.end()) return known->second;
-  const std::string path = fmt::format("{}{}", folderOf(kind), unit);
+  const std::string path = fmt::format("{}{}", Tables::chipRowsPath(kind), unit);
   Table& made =
       tables_.try_emplace(at, Table{RowFile(directory_, path, rowGeometry(kind))}).first->second;
   Pipeline& pipeline = units_[unit];

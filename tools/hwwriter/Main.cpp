@@ -39,7 +39,7 @@ int main(int argc, char** argv) {
       app.add_flag("--once", options.once, "end when everything announced is programmed");
   app.add_option("--timeout", options.timeout,
                  "seconds after which --once gives up; without it, when nothing moves for 3")
-      ->check(CLI::PositiveNumber)
+      ->check(Program::positiveNumber)
       ->needs(once);
   try {
     app.parse(argc, argv);

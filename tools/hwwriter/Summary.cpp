@@ -37,6 +37,20 @@ std::string describe(SimAsic::Chip& chip, const std::vector<Table>& tables, Json
 
 }  // namespace
 
+/// What `--once` has left, and why.
+std::string Writer::undone() {
+  if (chip_ == nullptr) {
+    return fmt::format("{}: no agent has made any table there", options_.directory);
+  }
+  if (drained()) {
+    return fmt::format("{} rows of the chip are not as configured; bastilctl verify tells more",
+                       differences());
+  }
+  std::string text = "not everything that was announced is programmed";
+  for (const auto& [id, wait] : waits_) text += "; " + wait;
+  return text;
+}
+
 int Writer::summary() {
   Json facts = Json::object();
   std::string text = "nothing was programmed: no agent came";
@@ -48,11 +62,7 @@ int Writer::summary() {
   }
   if (options_.once && !complete_) {
     ++faults;
-    const bool behind = chip_ == nullptr || !drained();
-    news_.warn(behind ? "not everything that was announced is programmed"
-                      : fmt::format("{} rows of the chip are not as configured; bastilctl verify "
-                                    "tells more",
-                                    differences()));
+    news_.warn(undone());
   }
   if (classifier_) {
     faults += classifier_->mismatches();

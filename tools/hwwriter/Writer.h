@@ -52,6 +52,7 @@ class Writer {
   bool givesUp() const;
   std::chrono::milliseconds lookInterval() const;
   void sleep() const;
+  std::string undone();
   int summary();
 
   Options options_;

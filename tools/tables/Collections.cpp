@@ -1,6 +1,11 @@
 #include "tables/Collections.h"
 
+#include <fcntl.h>
+
+#include <charconv>
+
 #include "OrderedTable/Constants.h"
+#include "tables/Progress.h"
 
 namespace Tables {
 
@@ -55,6 +60,41 @@ std::uint64_t Config::digest() const {
   return digest;
 }
 
+std::vector<Asic::UnitId> programmedUnits(const Drift::Directory& directory,
+                                          const TableKind& kind) {
+  std::vector<Asic::UnitId> units;
+  try {
+    const Drift::Directory chip(fmt::format("{}/{}", directory.path(), kChipFolder),
+                                Drift::Directory::Access::read);
+    for (const std::string& path : chip.entities(chipRowsPath(kind))) {
+      const auto rows = Drift::DriftFile::openForReading(chip, path, nullptr);
+      const auto unit = unitOf(kind, path);
+      if (unit && Drift::HashedView(*rows).size() != 0) units.push_back(*unit);
+    }
+  } catch (const Fenrik::Exception&) {
+    // No chip, or one that its hardware writer makes anew.
+  }
+  return units;
+}
+
+std::optional<Asic::UnitId> unitOf(const TableKind& kind, std::string_view rowsPath) {
+  std::uint16_t unit = 0;
+  rowsPath.remove_prefix(chipRowsPath(kind).size());
+  const char* const end = rowsPath.data() + rowsPath.size();
+  const auto [stop, error] = std::from_chars(rowsPath.data(), end, unit);
+  if (error != std::errc() || stop != end) return {};
+  return Asic::UnitId(unit);
+}
+
+bool isWritten(const Drift::Directory& directory, const std::string& path) {
+  const Drift::Descriptor file(::openat(directory.fd(), Drift::Directory::fileNameOf(path).c_str(),
+                                        O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+  struct flock range {};
+  range.l_type = F_WRLCK;
+  range.l_whence = SEEK_SET;
+  return file.valid() && ::fcntl(file.get(), F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
+}
+
 std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory,
                                           const TableKind& kind) {
   std::vector<Asic::UnitId> units;
@@ -62,7 +102,7 @@ std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory,
     try {
       units.push_back(Asic::Constants::getUnitIdFromConfigPath(Fenrik::String(path)));
     } catch (const Fenrik::Exception&) {
-      // Somebody's file beside the configurations.
+      // A foreign file among the configurations.
     }
   }
   return units;

@@ -70,6 +70,13 @@ class Config : public Collection {
 /// The units for which the directory has a configuration of that family.
 std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory, const TableKind& kind);
 
+/// The units of whose rows the chip below the directory holds some.
+std::vector<Asic::UnitId> programmedUnits(const Drift::Directory& directory, const TableKind& kind);
+
+/// Whether a process has the collection open for writing. Takes no lock. False also if there is no
+/// such collection.
+bool isWritten(const Drift::Directory& directory, const std::string& path);
+
 /// Walks any hashed collection; continues after damage.
 void walkHashed(const Drift::DriftFile& file, const std::function<void(Words)>& visit,
                 const std::function<void(const std::string&)>& damaged);

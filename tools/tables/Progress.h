@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "Drift/Header.h"
 #include "tables/TableKind.h"
 
@@ -29,6 +31,12 @@ inline constexpr std::size_t kProgressWords = sizeof(Progress) / sizeof(Word);
 inline constexpr Shape kProgressShape{Drift::Format::Layout::hashed, "SimAsic::Progress",
                                       sizeof(Word), sizeof(Progress)};
 
+/// Entity paths of the chip's rows, to be completed by the number of the unit.
+inline std::string chipRowsPath(const TableKind& kind) {
+  return "rows/" + std::string(kind.name) + '/';
+}
+/// The unit of such a path; nothing for a foreign file. REQUIRES: the path begins as above.
+std::optional<Asic::UnitId> unitOf(const TableKind& kind, std::string_view rowsPath);
 inline std::string progressPath(const TableKind& kind) {
   return "progress/" + std::string(kind.name);
 }

@@ -3,11 +3,11 @@
 #include <algorithm>
 
 #include "Drift/RecordLayout.h"
-#include "Drift/RecordText.h"
 #include "OrderedTable/Constants.h"
 #include "OrderedTable/EntryFlags.h"
 #include "QuarnBastil/BigBb.h"
 #include "QuarnBastil/TcamEntry.h"
+#include "tables/Text.h"
 
 namespace Tables {
 namespace {
@@ -106,11 +106,7 @@ void entryIs(std::vector<Word>& entry, const TableKind& kind, Words record, std:
 
 }  // namespace
 
-std::string Fields::text(const void* value) const {
-  std::string result;
-  Drift::textAppend(result, value, fields, count, isKey);
-  return result;
-}
+std::string Fields::text(const void* value) const { return textOf(fields, count, value, isKey); }
 
 const std::vector<TableKind>& tableKinds() {
   static const std::vector<TableKind> kinds = {
