@@ -3,17 +3,22 @@
 
 The rules change between two lists all the time, packets are decided all the time: each must meet the
 decision of one of the lists. In between everything comes to rest, and hardware and configuration
-must be the same. Usage: kill_rounds.py DEMO BIN RULES
+must be the same. Usage: kill_rounds.py DEMO BIN RULES [AGENT]
+
+With AGENT, one that counts its stores into shared memory, it is the agent that dies: in mid-change,
+at one store after the other of some rows on end, now and then together with the hardware writer.
+After each round everything that was announced is reported within a second, with no agent there.
 """
 import importlib.util
 import os
 import random
+import re
 import shutil
 import signal
 import sys
 import time
 
-demo_path, programs, rules = sys.argv[1:]
+demo_path, programs, rules, *counting_agent = sys.argv[1:]
 rounds = 2000 if "BASTIL_SOAK" in os.environ else 200
 spec = importlib.util.spec_from_file_location("demo", demo_path)
 demo = importlib.util.module_from_spec(spec)
@@ -74,16 +79,19 @@ class Rounds(demo.Demo):
             writer = self.writer()
         return agent, writer
 
+    def kill_all(self):
+        agent, writer = self.agent("--watch"), self.writer()
+        for number in range(1, rounds + 1):
+            agent, writer = self.round(agent, writer)
+            if number % 10 == 0:
+                agent, writer = self.rest(agent, writer)
+            if self.problems:
+                break
+
     def run(self):
         self.prepare()
-        agent, writer = self.agent("--watch"), self.writer()
         try:
-            for number in range(1, rounds + 1):
-                agent, writer = self.round(agent, writer)
-                if number % 10 == 0:
-                    agent, writer = self.rest(agent, writer)
-                if self.problems:
-                    break
+            self.kill_all()
         except demo.Failed as failed:
             self.problems.append(str(failed))
         finally:
@@ -96,4 +104,71 @@ class Rounds(demo.Demo):
         return 0 if enough and not self.problems else 1
 
 
-sys.exit(Rounds(Options).run())
+class EveryStore(Rounds):
+    # Stores on end that are tried: those of about three rows.
+    ON_END = 120
+
+    def once(self, die_at=None):
+        """Runs an agent to its end, or to a store; the number of its stores, if it did not die."""
+        if die_at is not None:
+            os.environ["BASTIL_DIE_AT_STORE"] = str(die_at)
+        command = [*counting_agent, "--dir", self.directory, "--once", self.path("live.rules")]
+        agent = demo.Process(command, self.echo)
+        os.environ.pop("BASTIL_DIE_AT_STORE", None)
+        self.processes.append(agent)
+        try:
+            return int(agent.wait_for(re.compile(r"stores: (\d+)").match, "its end")[0].group(1))
+        except demo.Failed:
+            self.expect(agent.popen.returncode == -signal.SIGKILL, f"it failed: {agent.lines}")
+            self.killed_agents += 1
+            return None
+
+    def await_reports(self):
+        end = time.monotonic() + 1
+        while True:
+            tables = self.status()
+            if all(table["reported"] == table["announced"] for table in tables):
+                return
+            if time.monotonic() > end:
+                self.problems.append(f"announced and not reported within a second: {tables}")
+                return
+            time.sleep(0.01)
+
+    def ended_and_next(self, writer):
+        """Ends the writer, which sums up what it has seen, and starts the next one."""
+        summary = self.end_writer(writer)
+        for what in ("violations", "mismatches"):
+            self.expect(summary[what] == 0, f"{what}: {summary}")
+        self.expect(summary["digest"] == summary["configuration"], f"they differ: {summary}")
+        self.packets += summary["packets"]
+        self.rests += 1
+        return self.writer()
+
+    def kill_all(self):
+        writer = self.writer()
+        self.once()
+        quiet = self.once()
+        self.change()
+        change = self.once() - quiet
+        first = 0
+        for number in range(rounds):
+            if number % self.ON_END == 0:
+                first = quiet + chance.randrange(max(1, change - self.ON_END))
+            self.change()
+            self.once(first + number % self.ON_END)
+            if chance.random() < 0.3:
+                writer.end(signal.SIGKILL)
+                self.killed_writers += 1
+                self.expect(not any("meets decision" in line for _, line in writer.lines),
+                            f"mismatches: {writer.lines}")
+                writer = self.writer()
+            self.await_reports()
+            self.once()
+            self.await_reports()
+            if number % 10 == 9:
+                writer = self.ended_and_next(writer)
+            if self.problems:
+                break
+
+
+sys.exit((EveryStore if counting_agent else Rounds)(Options).run())

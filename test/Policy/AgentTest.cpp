@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -115,12 +116,28 @@ TEST_F(AgentTest, AChangedFileIsAppliedAndABadOneIsNot) {
   EXPECT_THAT(agent.await("programmed"), StartsWith("programmed: 200 rules, "));
   EXPECT_NE(agent.await("acknowledged"), "");
   const auto versions = versionsIn(tables());
+  const auto isRefused = [&](const std::string& why) {
+    EXPECT_THAT(agent.await(path), HasSubstr(why));
+    EXPECT_NE(agent.await("the rules before stay in force"), "");
+    EXPECT_EQ(versionsIn(tables()), versions);
+  };
   file("rules", Policy::lineOf(wanted[0]) + "@10.0.0.0/8 10.0.0.0/40\n");
-  EXPECT_THAT(agent.await(path), HasSubstr(path + ":2:22: expected a prefix length from 0 to 32"));
-  EXPECT_NE(agent.await("the rules before stay in force"), "");
-  EXPECT_EQ(versionsIn(tables()), versions);
+  isRefused(path + ":2:22: expected a prefix length from 0 to 32");
+  file("rules", "# all gone\n");
+  isRefused("--allow-empty");
+  ASSERT_EQ(::mkfifo((path + ".new").c_str(), 0600), 0);
+  std::filesystem::rename(path + ".new", path);
+  isRefused("it is not a regular file");
   std::filesystem::remove(path);
-  EXPECT_THAT(agent.await(path), HasSubstr("cannot be read: No such file"));
+  {
+    std::ofstream half(path);
+    half << Policy::lineOf(wanted[0]) << std::flush;
+    agent.signal(SIGHUP);
+    ::usleep(300'000);
+    EXPECT_EQ(versionsIn(tables()), versions) << "its writer has not closed it";
+    half << "@10.0";
+  }
+  isRefused(path + ":2:2: expected an IPv4 address");
   // One rule leaves, and one comes; prefixes as they need them.
   const Rule other{{0xcb007100, 24}, wanted[5].destination, {}, {}, {}, {}};
   wanted.erase(wanted.begin() + 100);
@@ -133,6 +150,11 @@ TEST_F(AgentTest, AChangedFileIsAppliedAndABadOneIsNot) {
   EXPECT_EQ(after[1], versions[1] + 2) << "a row for each rule that changed";
   agent.signal(SIGTERM);
   EXPECT_EQ(agent.wait(), 0);
+  const auto none = file("none", "");
+  EXPECT_EQ(AgentRun(tables(), {"--once", none}).wait(), 1);
+  EXPECT_EQ(versionsIn(tables()), after);
+  EXPECT_EQ(AgentRun(tables(), {"--once", "--allow-empty", none}).wait(), 0);
+  expectCarriedOut(0, {});
 }
 
 TEST_F(AgentTest, UnitsComeGoAndAreReset) {
@@ -188,11 +210,28 @@ TEST_F(AgentTest, WhatCannotBeIsToldAndChangesNothing) {
   EXPECT_EQ(pictureIn(tables(), 1).rules.size(), 0U);
 }
 
-TEST_F(AgentTest, TheCampusPolicyFitsAndRepeatsNothing) {
-  AgentRun agent(tables(), {"--once", BASTIL_CAMPUS_RULES});
-  EXPECT_THAT(agent.rest(), StartsWith("programmed: 472 rules, "));
-  EXPECT_EQ(agent.wait(), 0);
-  expectCarriedOut(0, Policy::readRules(BASTIL_CAMPUS_RULES));
+TEST_F(AgentTest, ASignalReadsAgainAndALostConfigurationIsWrittenAgain) {
+  const auto hardware = hardwareWriter();
+  const auto campus = Policy::readRules(BASTIL_CAMPUS_RULES);
+  const auto path = rules("rules", campus);
+  AgentRun agent(tables(), {path});
+  EXPECT_THAT(agent.await("programmed"), StartsWith("programmed: 472 rules, "));
+  auto fewer = campus;
+  fewer.resize(400);
+  rules("rules", fewer);
+  agent.signal(SIGHUP);
+  EXPECT_THAT(agent.await("programmed"), StartsWith("programmed: 400 rules, "));
+  agent.kill();
+  expectCarriedOut(0, fewer);
+  for (const auto& entry : std::filesystem::directory_iterator(tables())) {
+    if (entry.path().string().find("TcamEntry%2Fconfig") == std::string::npos) continue;
+    std::fstream(entry.path()).seekp(40).write("damage", 6);
+  }
+  AgentRun next(tables(), {path});
+  EXPECT_NE(next.await("relaunch generation 1.0"), "");
+  EXPECT_THAT(next.await("programmed"), HasSubstr("; 400 rows written,"));
+  EXPECT_NE(next.await("acknowledged"), "");
+  expectCarriedOut(0, fewer);
 }
 
 TEST_F(AgentTest, TheExampleGoesOnFromWhereItWasKilled) {

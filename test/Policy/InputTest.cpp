@@ -30,7 +30,11 @@ class Files {
   Support::TempDir dir_;
 };
 
-Policy::Wanted read(const std::vector<std::string>& paths) { return Policy::wantedOf(paths); }
+Policy::Wanted read(const std::vector<std::string>& paths) {
+  std::vector<Policy::Content> contents;
+  for (const auto& path : paths) contents.push_back(Policy::contentOf(path));
+  return Policy::wantedOf(contents);
+}
 
 /// What reading them ends with; empty if it goes well.
 std::string failureOf(const std::vector<std::string>& paths) {
@@ -143,7 +147,11 @@ TEST(Input, PrefixListsInEitherForm) {
   const auto bad = [&](const std::string& line) {
     return failureOf({files.file("bad", "10.0.0.0/8\n" + line)}).substr(files.path().size());
   };
-  EXPECT_THAT(bad("10.0.0.0/8/8"), StartsWith("/bad:2:11: expected a blank behind the prefix"));
+  EXPECT_THAT(bad("10.0.0.0/8/8"), StartsWith("/bad:2:11: expected a blank after the prefix"));
+  EXPECT_THAT(bad("10.0.0.0/8 1.1.1.1xyz"),
+              StartsWith("/bad:2:19: expected a blank after the next hop, found \"xyz\""));
+  EXPECT_THAT(bad("10.0.0.0/8 1.1.1.1/32"), StartsWith("/bad:2:19: expected a blank after the"));
+  EXPECT_THAT(bad("10.0.0.0/8 -1.1.1.1"), StartsWith("/bad:2:13: expected a blank after the"));
   EXPECT_THAT(bad("10.1.0.0/16 gateway"), StartsWith("/bad:2:13: expected an IPv4 address"));
   EXPECT_THAT(bad("2400:0:500::/40"), HasSubstr("IPv6 is not supported yet"));
   EXPECT_THAT(bad("10.0.0.0/8 192.0.2.1"), HasSubstr("expected one next hop for each prefix"));
@@ -160,6 +168,8 @@ TEST(Input, FilesAreTakenInTheirOrderOrNotAtAll) {
   EXPECT_THAT(failureOf({first, files.path() + "/none"}),
               testing::EndsWith("/none: cannot be read: No such file or directory"));
   EXPECT_THAT(failureOf({files.path()}), HasSubstr("cannot be read: Is a directory"));
+  ASSERT_EQ(::mkfifo((files.path() + "/pipe").c_str(), 0600), 0);
+  EXPECT_THAT(failureOf({files.path() + "/pipe"}), HasSubstr("it is not a regular file"));
 }
 
 }  // namespace

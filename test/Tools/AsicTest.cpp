@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <iostream>
 #include <map>
-#include <set>
 
 #include "Support/Soak.h"
 #include "Support/TempDir.h"
@@ -44,9 +43,14 @@ struct Change {
       const std::uint32_t first = random() % 8;
       return Policy::Labels{first, first + random() % 4};
     };
-    const auto length = static_cast<std::uint8_t>(random() % 5);
-    prefix.prefix = {length == 0 ? 0 : static_cast<std::uint32_t>(random()) << (32 - length),
-                     length};
+    const auto somePrefix = [&] {
+      const auto length = static_cast<std::uint8_t>(random() % 5);
+      return Policy::Prefix{length == 0 ? 0 : static_cast<std::uint32_t>(random()) << (32 - length),
+                            length};
+    };
+    prefix.prefix = somePrefix();
+    named.source = somePrefix();
+    named.destination = somePrefix();
     prefix.labels = {labels(), labels()};
     rule.priority = random() % 12;
     rule.numbering = random() % 2;
@@ -57,7 +61,7 @@ struct Change {
     rule.decision = 1 + random() % 1000;
   }
 
-  Rows ruleWords() const { return wordsOf(Policy::entryOf(rule, {}, {0, index}).logEntry()); }
+  Rows ruleWords() const { return wordsOf(Policy::entryOf(rule, named, {0, index}).logEntry()); }
   Rows prefixWords() const { return wordsOf(Policy::entryOf(prefix).logEntry()); }
 
   void apply(SimAsic::Chip& chip) const {
@@ -84,6 +88,8 @@ struct Change {
   UnitId unit;
   std::uint16_t index;
   RuleRow rule;
+  /// The prefixes at which the rule points.
+  Policy::Rule named;
   PrefixRow prefix;
 };
 
@@ -97,41 +103,20 @@ struct NaiveUnit {
   using Rank = std::pair<std::uint32_t, std::uint16_t>;
   static Rank rankOf(const Change& change) { return {change.rule.priority, change.index}; }
 
-  bool labelled(unsigned numbering, std::uint32_t label) const {
-    return std::ranges::any_of(prefixes, [&](const auto& row) {
-      return row.second.prefix.labels[numbering].first == label;
-    });
-  }
-  void countDangling(const PrefixRow& former) {
-    for (const unsigned numbering : {0U, 1U}) {
-      const auto label = former.labels[numbering].first;
-      if (labelled(numbering, label)) continue;
-      violations += std::ranges::any_of(rules, [&](const auto& row) {
-        const RuleRow& rule = row.second.rule;
-        return rule.numbering == numbering &&
-               (rule.source.first == label || rule.destination.first == label);
-      });
-    }
-  }
   void erasePrefix(const Policy::Prefix& prefix) {
-    const auto found = prefixes.find(prefix);
-    if (found == prefixes.end()) return;
-    const PrefixRow former = found->second.prefix;
-    prefixes.erase(found);
-    countDangling(former);
+    if (prefixes.erase(prefix) == 0) return;
+    violations += std::ranges::any_of(rules, [&](const auto& row) {
+      return row.second.named.source == prefix || row.second.named.destination == prefix;
+    });
   }
 
   void apply(const Change& change) {
     switch (change.kind) {
       case Change::writeRule:
         return writeRule(change);
-      case Change::writePrefix: {
-        const auto found = prefixes.find(change.prefix.prefix);
-        const bool known = found != prefixes.end();
-        const PrefixRow former = known ? found->second.prefix : change.prefix;
+      case Change::writePrefix:
         prefixes.insert_or_assign(change.prefix.prefix, change);
-        return countDangling(former);
-      }
+        return;
       case Change::removeRule:
         rules.erase(change.index);
         return;
@@ -140,22 +125,7 @@ struct NaiveUnit {
       case Change::clearRules:
         return rules.clear();
       case Change::clearPrefixes:
-        // The longest first; among those of one length the order makes no difference to what
-        // dangles in the end.
-        clearPrefixes();
-    }
-  }
-  void clearPrefixes() {
-    std::set<std::pair<unsigned, std::uint32_t>> labels;
-    for (const auto& [prefix, change] : prefixes) {
-      for (const unsigned n : {0U, 1U}) labels.emplace(n, change.prefix.labels[n].first);
-    }
-    prefixes.clear();
-    for (const auto& [numbering, label] : labels) {
-      PrefixRow row;
-      row.labels[numbering].first = label;
-      row.labels[1 - numbering].first = 1'000'000;
-      countDangling(row);
+        while (!prefixes.empty()) erasePrefix(prefixes.begin()->first);
     }
   }
   void writeRule(const Change& change) {
@@ -169,8 +139,8 @@ struct NaiveUnit {
         known != rules.end() ? below(rankOf(known->second)) : static_cast<long>(rules.size());
     moves += static_cast<std::uint64_t>(std::abs(from - below(rankOf(change))));
     rules.insert_or_assign(change.index, change);
-    for (const auto& side : {change.rule.source, change.rule.destination}) {
-      violations += labelled(change.rule.numbering, side.first) ? 0 : 1;
+    for (const auto& prefix : {change.named.source, change.named.destination}) {
+      violations += prefixes.contains(prefix) ? 0 : 1;
     }
   }
 

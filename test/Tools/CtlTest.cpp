@@ -20,7 +20,6 @@ namespace fs = std::filesystem;
 const std::vector<std::vector<std::string>> kCommands = {{"status"},
                                                          {"top", "--once"},
                                                          {"log", "TcamEntry"},
-                                                         {"log", "BigBb", "--since", "7"},
                                                          {"config", "BigBb", "0"},
                                                          {"config", "BigBb", "1", "0.0.0.0/0"},
                                                          {"config", "TcamEntry", "1"},
@@ -51,20 +50,17 @@ class CtlTest : public testing::Test {
     EXPECT_THAT(outcome.status, mayBeGone ? AnyOf(0, 1) : AnyOf(0, 0))
         << command[0] << ' ' << outcome.out << outcome.err;
   }
-  std::string copyOf(const std::string& directory) {
+  std::string snapshotOf(const std::string& directory) {
     const std::string copy = directory + ".copy";
-    // Files with holes: nothing else copies them without filling them.
-    EXPECT_EQ(
-        Process({"/bin/cp", "-r", "--sparse=always", directory, copy}, "/dev/null", "/dev/null")
-            .wait(),
-        0);
+    fs::remove_all(copy);
+    expectFine(directory, {"snapshot", copy});
     return copy;
   }
   std::vector<fs::path> collections(const std::string& directory, const std::string& part) {
     std::vector<fs::path> found;
     for (const auto& entry : fs::directory_iterator(directory)) {
       const std::string name = entry.path().filename();
-      if (name.starts_with("hardware") && name.find(part) != std::string::npos) {
+      if (name.find('%') != std::string::npos && name.find(part) != std::string::npos) {
         found.push_back(entry.path());
       }
     }
@@ -116,7 +112,7 @@ class Flip {
 };
 
 TEST_F(CtlTest, ShowsWhatADeadAgentLeftAndACopyOfItAsWell) {
-  for (const std::string& directory : {tables_, copyOf(tables_)}) {
+  for (const std::string& directory : {tables_, snapshotOf(tables_)}) {
     for (const auto& command : kCommands) {
       SCOPED_TRACE(command[0] + " in " + directory);
       expectFine(directory, command);
@@ -137,7 +133,9 @@ TEST_F(CtlTest, ShowsWhatADeadAgentLeftAndACopyOfItAsWell) {
       if (config.out.empty()) continue;
       const json first = json::parse(config.out.substr(0, config.out.find('\n')));
       std::vector<std::string> values;
-      for (const auto& [name, value] : first["key"].items()) values.push_back(value.dump());
+      for (const auto& [name, value] : first["key"].items()) {
+        values.push_back(value.is_string() ? value.get<std::string>() : value.dump());
+      }
       const auto one =
           ctl(tables_, {"config", table["table"], number, values[0] + "/" + values[1]}, true);
       EXPECT_EQ(one.out, config.out.substr(0, config.out.find('\n') + 1)) << one.err;
@@ -145,15 +143,62 @@ TEST_F(CtlTest, ShowsWhatADeadAgentLeftAndACopyOfItAsWell) {
   }
 }
 
-TEST_F(CtlTest, SaysWhatIsWrongWithTheUseOrTheDirectory) {
-  EXPECT_EQ(ctl(tables_, {}).status, 2);
-  EXPECT_EQ(ctl(tables_, {"log"}).status, 2);
-  EXPECT_EQ(ctl(tables_, {"config", "BigBb", "0", "10.0.0.256/8"}).status, 2);
-  const Outcome unknown = ctl(tables_, {"log", "Tcam"});
-  EXPECT_EQ(unknown.status, 2);
-  EXPECT_THAT(unknown.err, HasSubstr("BigBb, TcamEntry"));
-  EXPECT_EQ(ctl(tables_, {"config", "BigBb", "9"}).status, 3);
+/// What users meet: how each program answers a use, on both of its outputs.
+TEST_F(CtlTest, AnswersEachUseAsItShould) {
+  const std::string ctl = std::string(BASTIL_CTL) + " --dir " + tables_ + ' ';
+  const std::string writer = std::string(BASTIL_HWWRITER) + " --dir ";
+  const std::string agent = std::string(BASTIL_AGENT) + " --dir " + dir_.path() + "/agent ";
+  const std::string none = dir_.path() + "/none ";
+  const struct {
+    std::string words;
+    int status;
+    const char* text;
+  } uses[] = {
+      {ctl, 2, "A subcommand is required"},
+      {ctl + "frobnicate", 2,
+       "there is no command \"frobnicate\"; there are status, top, log, config, verify, snapshot"},
+      {ctl + "log", 2, "TABLE is required"},
+      {ctl + "log Tcam", 2, "there is no table \"Tcam\"; there are BigBb, TcamEntry"},
+      {ctl + "log BigBb --since 0", 2, "\"0\" is no number above 0"},
+      {ctl + "log BigBb --since 7x", 2, "\"7x\" is no number above 0"},
+      {ctl + "log BigBb --since 99999999", 1, "version 99999999 is not logged yet; the log ends"},
+      {ctl + "log TcamEntry", 0, "bastilctl: TcamEntry: no agent is at work"},
+      {ctl + "config BigBb 0 10.0.0.256/8", 2, "is no key of BigBb: give it as prefix/length"},
+      {ctl + "config BigBb 0 10.0.0.1/8", 2, "is no key of BigBb"},
+      {ctl + "config BigBb 0 10.0.0.0/33", 2, "is no key of BigBb"},
+      {ctl + "config BigBb 0 length:8,length:8", 2, "is no key of BigBb"},
+      {ctl + "config BigBb 0 length:33,prefix:10.0.0.0", 2, "is no key of BigBb"},
+      {ctl + "config TcamEntry 0 index:999,bank:5", 1, "has no entry {bank: 5, index: 999}"},
+      {ctl + "config BigBb 9", 3, "config%2F9: cannot open"},
+      {ctl + "config BigBb 70000", 2, "70000"},
+      {ctl + "status", 0, "  agent: dead, it was process "},
+      {ctl + "top --once", 0, "\n  hardware writer: dead"},
+      {ctl + "status >/dev/full", 3, "cannot write to standard output: No space left on device"},
+      {ctl + "--help >/dev/full", 3, ""},
+      {ctl + "snapshot " + tables_, 2, "is not empty; give a new directory"},
+      {ctl + "--version", 0, "bastilctl 0."},
+      {writer + none + "--version", 0, "bastil-hwwriter 0."},
+      {writer + none + "--once", 3, "no agent has made any table there"},
+      {writer + none + "--once --timeout 0.2", 1, "none: no agent has made any table there"},
+      {writer + none + "--timeout 1", 2, "--once"},
+      {agent + "--version", 0, "bastil-agent 0."},
+      {agent + "--trace Tcam*/99 /dev/null", 2, "--trace: "},
+      {agent + "--once --timeout x /dev/null", 2, "\"x\" is no number above 0"},
+      {agent + "/dev/null", 1, "/dev/null: cannot be read: it is not a regular file"},
+  };
+  for (const auto& use : uses) {
+    const Outcome outcome = Support::run({"/bin/sh", "-c", use.words}, dir_.path());
+    EXPECT_EQ(outcome.status, use.status) << use.words << outcome.out << outcome.err;
+    EXPECT_THAT(outcome.out + outcome.err, HasSubstr(use.text)) << use.words;
+    std::istringstream lines(outcome.out);
+    for (std::string line;
+         use.words.find(" status") != std::string::npos && std::getline(lines, line);) {
+      EXPECT_LE(line.size(), 80U) << line;
+    }
+  }
+}
 
+TEST_F(CtlTest, KnowsADirectoryThatIsNoAgents) {
   const std::string empty = dir_.path() + "/empty";
   fs::create_directory(empty);
   const std::string foreign = dir_.path() + "/foreign";
@@ -182,7 +227,13 @@ TEST_F(CtlTest, FindsEachDamageThatMatters) {
       EXPECT_EQ(ctl(tables_, {"verify"}).status, 1) << file;
     }
   }
-  // All flips were taken back.
+  for (const char* const part : {"config", "stavro"}) {
+    const fs::path lost = collections(tables_, part).at(0);
+    fs::rename(lost, dir_.path() + "/lost");
+    EXPECT_THAT(ctl(tables_, {"verify"}).out, HasSubstr(" is lost: ")) << lost;
+    fs::rename(dir_.path() + "/lost", lost);
+  }
+  // Everything was put back.
   expectFine(tables_, {"verify"});
   for (const fs::path& file : collections(tables_, "entryLog")) {
     constexpr off_t kAnnounced = 384 + 11 * 64;
@@ -253,6 +304,7 @@ TEST_F(CtlSoak, FindsNothingWrongWithAnAgentAtWork) {
     for (const auto& command : kCommands) {
       expectFine(tables_, command);
     }
+    expectFine(snapshotOf(tables_), {"verify"});
   }
   EXPECT_TRUE(agent.running());
   EXPECT_TRUE(writer.running());

@@ -71,8 +71,6 @@ class Scene {
     EXPECT_EQ(before.contains("lost"), emptied) << before;
     const json after = once();
     EXPECT_EQ(after["summary"]["written"], before["summary"]["written"]);
-    EXPECT_EQ(after["compared"]["programmed"], 0) << "rows reprogrammed without a change";
-    EXPECT_GT(after["compared"]["rows"], 0);
     const Outcome verified = Support::run({BASTIL_CTL, "--dir", tables_, "verify"}, dir_.path());
     EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
     churn_.page->settled = false;

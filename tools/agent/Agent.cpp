@@ -4,11 +4,13 @@
 
 #include <algorithm>
 
+#include "program/Program.h"
+
 namespace Agent {
 namespace {
 
 constexpr unsigned kPumpBudget = 1024;
-/// How long a signal or a changed file may go unnoticed.
+/// Longest time until a signal or a finished file is noticed.
 constexpr std::chrono::milliseconds kLook{100};
 
 double millisecondsSince(std::chrono::steady_clock::time_point begin) {
@@ -16,33 +18,60 @@ double millisecondsSince(std::chrono::steady_clock::time_point begin) {
       .count();
 }
 
-void say(const std::string& text) {
-  fmt::print("{}\n", text);
-  std::fflush(stdout);
+void say(const std::string& text) { Program::print(text + '\n'); }
+
+void complain(const std::string& text) { fmt::print(stderr, "bastil-agent: {}\n", text); }
+
+bool contentsEmpty(const std::vector<Policy::Content>& contents) {
+  return std::ranges::all_of(contents, &Policy::Content::empty);
+}
+
+std::vector<Policy::Content> contentsOf(const std::vector<std::string>& paths) {
+  std::vector<Policy::Content> contents;
+  for (const std::string& path : paths) contents.push_back(Policy::contentOf(path));
+  return contents;
 }
 
 }  // namespace
 
-Agent::Agent(Options options, std::function<bool()> ends)
+Agent::Agent(Options options, Requests requests)
     : options_(std::move(options)),
-      ends_(std::move(ends)),
+      requests_(std::move(requests)),
       watch_(options_.files),
-      wanted_(Policy::wantedOf(options_.files)),
+      contents_(contentsOf(options_.files)),
+      wanted_(Policy::wantedOf(contents_)),
       tables_(options_.directory) {}
+
+bool Agent::ends() const {
+  const std::chrono::duration<double> taken = Clock::now() - started_;
+  return requests_.end() || (options_.timeout != 0 && taken.count() >= options_.timeout);
+}
+
+/// Throws if it was the time that ended the work.
+void Agent::checkTime() const {
+  if (requests_.end() || !ends()) return;
+  throw TimeOut(fmt::format("not done in {} s: {}", options_.timeout, tables_.waitsFor()));
+}
 
 /// What does not fit is refused before anything is removed.
 void Agent::run() {
   auto plans = plansOf(options_.reset);
-  if (!emptyOthers()) return;
+  relaunched();
+  if (!emptyOthers()) return checkTime();
+  tables_.reconcile();
   if (options_.reset) plans = plansOf(false);
-  if (!program(plans) || options_.once) return;
-  serve();
+  if (!program(plans)) return checkTime();
+  if (!options_.once) serve();
 }
 
 std::vector<Policy::Plan> Agent::plansOf(bool fromNothing) {
   std::vector<Policy::Plan> plans;
   for (const unsigned unit : options_.units) {
-    const auto picture = fromNothing ? Policy::Picture() : tables_.unit(unit).picture();
+    const auto standing = tables_.unit(unit).picture();
+    refuseEmpty(contentsEmpty(contents_) && !(standing.rules.empty() && standing.prefixes.empty()),
+                fmt::format("the files hold no rule, and unit {} has some", unit));
+    static const Policy::Picture kNothing;
+    const Policy::Picture& picture = fromNothing ? kNothing : standing;
     try {
       plans.push_back(Policy::planOf(picture, wanted_));
     } catch (const Policy::CapacityError& error) {
@@ -53,11 +82,13 @@ std::vector<Policy::Plan> Agent::plansOf(bool fromNothing) {
 }
 
 bool Agent::carryOut(unsigned unit, const Policy::Plan& plan) {
-  return Programmer(tables_, ends_, options_.rate).carryOut(tables_.unit(unit), plan);
+  return Programmer(
+             tables_, [this] { return ends(); }, options_.rate)
+      .carryOut(tables_.unit(unit), plan);
 }
 
-/// Units that an earlier agent had and this one has not, and with `--reset` all. Rules go before
-/// the prefixes that they are about, as in every change.
+/// Empties the units that an earlier agent had and this one has not; with `--reset` all. Rules are
+/// removed before the prefixes at which they point, as in every change.
 bool Agent::emptyOthers() {
   // NOLINTNEXTLINE(readability-use-anyofallof): it does more than ask
   for (const unsigned unit : tables_.unitsFound()) {
@@ -87,26 +118,71 @@ bool Agent::program(const std::vector<Policy::Plan>& plans) {
 }
 
 void Agent::serve() {
-  while (!ends_()) {
-    while (tables_.interface().pump(kPumpBudget).more && !ends_()) continue;
+  while (!ends()) {
+    while (tables_.interface().pump(kPumpBudget).more && !ends()) continue;
     tellAcknowledged();
-    if (options_.watch && watch_.changed() && !reload()) return;
+    auto files = options_.watch ? watch_.finished() : std::set<std::size_t>();
+    if (requests_.reload()) {
+      for (std::size_t i = 0; i < options_.files.size(); ++i) files.insert(i);
+    }
+    if (!files.empty() && !reload(files)) return;
+    if (!followRelaunch()) return;
     tables_.interface().waitForReport(kLook);
   }
 }
 
 /// False if the agent is to end. A file that cannot be used leaves everything as it is.
-bool Agent::reload() {
+bool Agent::reload(const std::set<std::size_t>& files) {
   began_ = Clock::now();
   try {
-    wanted_ = Policy::wantedOf(options_.files);
+    take(files);
     return program(plansOf(false));
   } catch (const Policy::InputError& error) {
-    fmt::print(stderr, "bastil-agent: {}\n", error.what());
+    complain(error.what());
   } catch (const Policy::CapacityError& error) {
-    fmt::print(stderr, "bastil-agent: {}\n", error.what());
+    complain(error.what());
   }
-  fmt::print(stderr, "bastil-agent: the rules before stay in force\n");
+  complain("the rules before stay in force");
+  return true;
+}
+
+/// Reads the files and takes them for the policy. The others stay as they were last finished, in
+/// whatever state they are by now.
+void Agent::take(const std::set<std::size_t>& files) {
+  auto contents = contents_;
+  for (const std::size_t file : files) {
+    const std::string& path = options_.files[file];
+    auto content = Policy::contentOf(path);
+    // Another writer has begun meanwhile; its end will be noticed.
+    if (options_.watch && watch_.isBeingWritten(file)) continue;
+    refuseEmpty(content.empty() && !contents[file].empty(), path + ": it holds no rule any more");
+    contents[file] = std::move(content);
+  }
+  wanted_ = Policy::wantedOf(contents);
+  contents_ = std::move(contents);
+}
+
+void Agent::refuseEmpty(bool becomesEmpty, const std::string& what) const {
+  if (!becomesEmpty || options_.allowEmpty) return;
+  throw Policy::InputError(what + "; --allow-empty lets everything be removed");
+}
+
+/// False if the agent is to end.
+bool Agent::followRelaunch() {
+  if (!relaunched()) return true;
+  began_ = Clock::now();
+  return program(plansOf(false));
+}
+
+/// Whether a collection was found unusable and made anew since the last call. Plans that are made
+/// after that write again what it held.
+bool Agent::relaunched() {
+  const auto generation = tables_.relaunchSeen();
+  if (!generation) return false;
+  complain(fmt::format(
+      "a collection was lost and made anew (relaunch generation {}); missing rows are written "
+      "again",
+      *generation));
   return true;
 }
 

@@ -1,40 +1,48 @@
 #pragma once
 
-#include <sys/stat.h>
-
-#include <chrono>
-#include <cstdint>
+#include <map>
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "Drift/Directory.h"
+
 namespace Agent {
 
-/// Notices that files have changed. It looks at them when it is asked, ten times a second at most:
-/// that finds whatever was done to them, a rename, a link or a remount included.
+/// Notices files that were finished: closed by a writer, or renamed into place. A file that is
+/// being written is none.
+///
+/// It watches the directories, so that a file may be absent for a while, and follows symbolic links
+/// one level down: the link and the file that it leads to.
 class FileWatch {
  public:
+  /// Throws `std::runtime_error` if the system gives no watch.
   explicit FileWatch(std::span<const std::string> paths);
 
-  /// True once for each change, when two looks have found the files the same since: what is half
-  /// written is not read.
-  bool changed();
+  /// The files, by their places among the paths, that were finished since the last call and are not
+  /// being written again.
+  std::set<std::size_t> finished();
+  /// Whether somebody has begun to write the file since the last `finished`: what was read of it
+  /// may be half of it.
+  bool isBeingWritten(std::size_t file);
 
  private:
-  struct Stamp {
-    ino_t inode = 0;
-    off_t size = -1;
-    std::int64_t changed = 0;
-    friend bool operator==(const Stamp&, const Stamp&) = default;
+  struct Name {
+    int directory;
+    std::string name;
+    friend auto operator<=>(const Name&, const Name&) = default;
   };
-  std::vector<Stamp> stamps() const;
 
-  static constexpr std::chrono::milliseconds kPeriod{100};
+  void watch();
+  void watch(std::size_t file, const std::string& path);
+  void takeEvents();
 
   std::vector<std::string> paths_;
-  std::chrono::steady_clock::time_point next_;
-  std::vector<Stamp> taken_;
-  std::vector<Stamp> last_;
+  Drift::Descriptor inotify_;
+  std::multimap<Name, std::size_t> names_;
+  std::set<std::size_t> finished_;
+  std::set<std::size_t> written_;
 };
 
 }  // namespace Agent

@@ -35,7 +35,7 @@ QuarnBastil::TcamEntryEntry entryOf(const PlacedRule& placed) {
   return Policy::entryOf(placed.row, placed.rule, keyOf(placed));
 }
 
-/// Why a row was not stored: what speaks against storing it now.
+/// Why a row was not stored.
 template <class SwTable, class Key>
 std::string refusalOf(SwTable& table, const Key& key) {
   try {
@@ -68,7 +68,7 @@ class Programmer::Run {
         plan_(plan),
         progress_(fmt::format("unit {}", unit.id.value()), plan.steps.size()),
         handles_(plan.steps.size()),
-        // What an earlier change has left to the hardware goes first.
+        // What the hardware has not taken of an earlier change goes first.
         beforePrefixes_(isBehind(*unit.rules) ? Tables::loggedSoFar(*unit.rules) : nullptr),
         beforeRules_(isBehind(*unit.prefixes) ? Tables::loggedSoFar(*unit.prefixes) : nullptr),
         prefixesBehind_(isBehind(*unit.prefixes)),

@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include "program/Program.h"
 
 namespace Agent {
 namespace {
@@ -31,27 +31,23 @@ void Progress::at(std::size_t done) {
 
 void Progress::show(std::size_t done) {
   if (!terminal_) {
-    fmt::print("{}: {} of {} rows\n", title_, done, total_);
-    std::fflush(stdout);
+    Program::print(fmt::format("{}: {} of {} rows\n", title_, done, total_));
     return;
   }
   const std::size_t filled = total_ == 0 ? kBarWidth : done * kBarWidth / total_;
-  fmt::print("\r\x1b[K{} [{:#<{}}{:.<{}}] {} of {} rows", title_, "", filled, "",
-             kBarWidth - filled, done, total_);
-  std::fflush(stdout);
+  Program::print(fmt::format("\r\x1b[K{} [{:#<{}}{:.<{}}] {} of {} rows", title_, "", filled, "",
+                             kBarWidth - filled, done, total_));
   shown_ = true;
 }
 
 void Progress::say(const std::string& text) {
   clear();
-  fmt::print("{}\n", text);
-  std::fflush(stdout);
+  Program::print(text + '\n');
 }
 
 void Progress::clear() {
   if (!shown_) return;
-  fmt::print("\r\x1b[K");
-  std::fflush(stdout);
+  Program::print("\r\x1b[K");
   shown_ = false;
 }
 

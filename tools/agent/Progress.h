@@ -6,8 +6,8 @@
 
 namespace Agent {
 
-/// Tells how far a long piece of work is: a bar on a terminal, a line a second elsewhere, nothing
-/// of what is done at once.
+/// Shows how far a long piece of work is: a bar on a terminal, a line a second elsewhere. Short
+/// work shows nothing.
 class Progress {
  public:
   /// `title` is what is being done, `total` how many rows it is about.
@@ -16,9 +16,9 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  /// So many rows are done. Costs next to nothing when it is not yet time to tell.
+  /// So many rows are done. Cheap while it is not time to show it.
   void at(std::size_t done);
-  /// A line that is not swallowed by the bar.
+  /// Prints a line above the bar.
   void say(const std::string& text);
 
  private:
@@ -31,7 +31,7 @@ class Progress {
   std::size_t total_;
   bool terminal_;
   bool shown_ = false;
-  /// How far it was when it was last told.
+  /// The count that was shown last.
   std::size_t told_ = 0;
   Clock::time_point next_;
 };

@@ -25,7 +25,7 @@ void addUnits(const KivSharedMem::EntityManager& memory, std::vector<unsigned>& 
     try {
       units.push_back(Asic::Constants::getUnitIdFromConfigPath(node.value()).value());
     } catch (const Fenrik::Exception&) {
-      // A file that somebody put beside the configurations.
+      // A foreign file among the configurations.
     }
   }
 }
@@ -60,9 +60,13 @@ Policy::Picture Unit::picture() const {
 Tables::Tables(const std::string& directory)
     : memory_(Fenrik::ptrIsImpl<KivSharedMem::EntityManager>(kName, Fenrik::String(directory),
                                                              Drift::Directory::Access::write)),
-      tables_(
-          Fenrik::ptrIsImpl<Asic::OrderedTableInterface>(Fenrik::ptrIsImpl<Stavro::EntityManager>(
-              kName, true, Fenrik::String(directory), Drift::Directory::Access::write))),
+      state_(Fenrik::ptrIsImpl<Stavro::EntityManager>(kName, true, Fenrik::String(directory),
+                                                      Drift::Directory::Access::write)),
+      relaunch_(state_->entityIs<Stavro::ValueEntity<Asic::GenId>>(
+          Fenrik::String("hardware/lodestar/agent/relaunch/config/") +
+          TcamEntryFamily::kAgentName)),
+      relaunchSeen_(relaunch_->get()),
+      tables_(Fenrik::ptrIsImpl<Asic::OrderedTableInterface>(state_)),
       rules_(QuarnBastil::TcamEntryInterface::getIntf(tables_)),
       prefixes_(QuarnBastil::BigBbInterface::getIntf(tables_)) {}
 
@@ -73,13 +77,24 @@ Unit& Tables::unit(unsigned number) {
   unit.id = Asic::UnitId(static_cast<std::uint16_t>(number));
   unit.prefixes = prefixes_->makeSwTable(unit.id, nullptr, false);
   unit.rules = rules_->makeSwTable(unit.id, nullptr, false);
-  // Behind the rows that stand: those before them may have been removed a moment ago.
+  // After the rows that are there: rows before them may have been removed a moment ago.
   for (auto it = unit.rules->entryIteratorConst(); it; ++it) {
     unit.nextIndex =
         std::max(unit.nextIndex,
                  static_cast<std::uint16_t>(it->key.index == UINT16_MAX ? 0 : it->key.index + 1));
   }
   return unit;
+}
+
+void Tables::reconcile() {
+  rules_->reconcile();
+  prefixes_->reconcile();
+}
+
+std::optional<Asic::GenId> Tables::relaunchSeen() {
+  if (relaunch_->get() == relaunchSeen_) return {};
+  relaunchSeen_ = relaunch_->get();
+  return relaunchSeen_;
 }
 
 std::vector<unsigned> Tables::unitsFound() const {

@@ -2,12 +2,15 @@
 
 #include <chrono>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "KivSharedMem/EntityManager.h"
+#include "OrderedTable/GenId.h"
 #include "QuarnBastil/BigBb.h"
 #include "QuarnBastil/TcamEntry.h"
+#include "Stavro/ValueEntity.h"
 #include "policy/Plan.h"
 
 namespace Agent {
@@ -22,11 +25,11 @@ struct Unit {
   /// Where the next change begins to look for free rows of rules.
   std::uint16_t nextIndex = 0;
 
-  /// What stands in the tables, read back from them.
+  /// The rows of the tables, read back from them.
   Policy::Picture picture() const;
 };
 
-/// Whether the hardware has still to take over something of a table.
+/// Whether the hardware has not reported everything of a table.
 template <class SwTable>
 bool isBehind(const SwTable& table) {
   return table.entryLog()->tableStatusVersion() < table.entryLog()->tableVersion();
@@ -45,29 +48,40 @@ class Tables {
   Unit& unit(unsigned number);
   /// The units for which an earlier agent has left tables.
   std::vector<unsigned> unitsFound() const;
+  /// Empties units without tables. Rules first: they point at prefixes.
+  void reconcile();
+
+  /// The agent's relaunch generation, if it has moved since the last call: then a collection was
+  /// found unusable and was made anew, empty.
+  std::optional<Asic::GenId> relaunchSeen();
 
   Asic::OrderedTableInterface& interface() const { return *tables_; }
   /// Operations that are queued and not committed.
   std::size_t queued() const;
   /// Log records that the hardware has still to report, of both tables.
   std::uint64_t behind() const;
-  /// What the queues wait for, for people.
+  /// What the queues or the hardware wait for, for people.
   std::string waitsFor() const;
 
-  /// To be depended on: all that is logged in a table so far.
+  /// A handle of everything that is logged in a table so far.
   template <class SwTable>
   static Dependency loggedSoFar(const SwTable& table);
 
  private:
   Fenrik::Ptr<KivSharedMem::EntityManager> memory_;
+  Fenrik::Ptr<Stavro::EntityManager> state_;
+  /// Advanced by whoever loses a collection. Made before the tables are: a request without it would
+  /// be lost.
+  Fenrik::Ptr<Stavro::ValueEntity<Asic::GenId>> relaunch_;
+  Asic::GenId relaunchSeen_;
   Fenrik::Ptr<Asic::OrderedTableInterface> tables_;
   Fenrik::Ptr<QuarnBastil::TcamEntryInterface> rules_;
   Fenrik::Ptr<QuarnBastil::BigBbInterface> prefixes_;
   std::map<unsigned, Unit> units_;
 };
 
-/// Stands for all operations of a table up to a version, whoever did them. An operation that
-/// depends on one of an earlier agent has no other handle to name.
+/// A handle of all operations of a table up to a version, for operations that depend on those of an
+/// earlier agent.
 class LoggedSoFar final : public Fenrik::NodeClass<LoggedSoFar, Asic::DependencyEntryHandle> {
  public:
   LoggedSoFar(const Fenrik::String& tableName, Asic::TableVersion version);

@@ -1,18 +1,16 @@
 #include "asic/Chip.h"
 
 #include <algorithm>
-#include <charconv>
+#include <bit>
+#include <chrono>
 
 namespace SimAsic {
 namespace {
 
 using Tables::TableKind;
 
-/// A configuration may hold as many rows; the same again, while rows of one that was lost are still
-/// to be removed.
+/// A configuration's capacity, twice: rows of one that was lost stay until they are removed.
 constexpr Drift::Word kCapacity = 2 * 65'536;
-
-std::string folderOf(const TableKind& kind) { return fmt::format("rows/{}/", kind.name); }
 
 Drift::Geometry rowGeometry(const TableKind& kind) {
   return {Drift::Format::Layout::hashed,
@@ -23,10 +21,11 @@ Drift::Geometry rowGeometry(const TableKind& kind) {
           kind.name};
 }
 
-// The meters of a table as a row: a key of 0, and the numbers.
-constexpr std::uint32_t kMeterWords = 5;
-constexpr Drift::Geometry kMeterGeometry{
-    Drift::Format::Layout::hashed, 8, kMeterWords * 8, 1, "SimAsic::Meters", "meters"};
+constexpr Drift::Geometry kProgressGeometry{
+    Drift::Format::Layout::hashed,     Tables::kProgressShape.keySize,
+    Tables::kProgressShape.recordSize, 1,
+    Tables::kProgressShape.typeName,   "progress"};
+using ProgressWords = std::array<Drift::Word, Tables::kProgressWords>;
 
 }  // namespace
 
@@ -37,15 +36,27 @@ struct Chip::Table {
 
 struct Chip::Progress {
   explicit Progress(const Drift::Directory& directory, const TableKind& kind)
-      : file(directory, fmt::format("progress/{}", kind.name), kMeterGeometry) {
-    const Word key = 0;
-    const auto stored = file.find({&key, 1});
+      : file(directory, Tables::progressPath(kind), kProgressGeometry) {
+    const auto stored = file.find({&row.key, 1});
     if (!stored) return;
-    meters = {(*stored)[1], (*stored)[2], (*stored)[3], (*stored)[4]};
+    ProgressWords words;
+    std::ranges::copy(*stored, words.begin());
+    row = std::bit_cast<Tables::Progress>(words);
+    waitsIs(0, 0);
+  }
+  void store() { file.write(std::bit_cast<ProgressWords>(row)); }
+  void waitsIs(Word ofTable, Word version) {
+    if (row.waitsForTable == ofTable && row.waitsForVersion == version) return;
+    using std::chrono::milliseconds;
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    row.waitsForTable = ofTable;
+    row.waitsForVersion = version;
+    row.waitsSince =
+        version == 0 ? 0 : static_cast<Word>(std::chrono::duration_cast<milliseconds>(now).count());
   }
 
   RowFile file;
-  Meters meters;
+  Tables::Progress row;
 };
 
 Chip::Chip(const std::string& directory) : directory_(directory, Drift::Directory::Access::write) {
@@ -54,16 +65,12 @@ Chip::Chip(const std::string& directory) : directory_(directory, Drift::Director
 
 Chip::~Chip() = default;
 
-/// What the chip held when its last process ended. A table whose rows were lost counts as never
-/// programmed.
+/// The chip as its last process left it. A table whose rows were lost counts as never programmed.
 void Chip::storedTables(const TableKind& kind) {
-  const std::string folder = folderOf(kind);
-  for (const std::string& path : directory_.entities(folder)) {
-    std::uint16_t unit = 0;
-    const char* const end = path.data() + path.size();
-    const auto [stop, error] = std::from_chars(path.data() + folder.size(), end, unit);
-    if (error != std::errc() || stop != end) continue;
-    const bool lost = table(kind, UnitId(unit)).rows.fresh();
+  for (const std::string& path : directory_.entities(Tables::chipRowsPath(kind))) {
+    const auto unit = Tables::unitOf(kind, path);
+    if (!unit) continue;
+    const bool lost = table(kind, *unit).rows.fresh();
     RowFile& note = progress(kind).file;
     if (lost) note.noteIs(0);
   }
@@ -73,13 +80,14 @@ Chip::Table& Chip::table(const TableKind& kind, UnitId unit) {
   const auto at = std::pair(kind.id, unit);
   const auto known = tables_.find(at);
   if (known != tables_.end()) return known->second;
-  const std::string path = fmt::format("{}{}", folderOf(kind), unit);
+  const std::string path = fmt::format("{}{}", Tables::chipRowsPath(kind), unit);
   Table& made =
       tables_.try_emplace(at, Table{RowFile(directory_, path, rowGeometry(kind))}).first->second;
   Pipeline& pipeline = units_[unit];
   made.rows.walk([&](Words row) {
     made.digest += Tables::rowDigest(kind.id, unit, row);
     pipeline.written(kind, row);
+    pointersAdd(kind, unit, row, 1);
   });
   return made;
 }
@@ -90,24 +98,46 @@ Chip::Progress& Chip::progress(const TableKind& kind) {
   return progress_.try_emplace(kind.id, directory_, kind).first->second;
 }
 
-void Chip::pay(const TableKind& kind, UnitId unit, Words key, Pipeline::Cost cost) {
-  Meters& meters = progress(kind).meters;
-  meters.moves += cost.moves;
-  if (cost.violations == 0) return;
-  meters.violations += cost.violations;
-  lastViolation_ = fmt::format("{} unit {} {}", kind.name, unit, kind.key.text(key.data()));
-  metersStore();
+void Chip::pointersAdd(const TableKind& kind, UnitId unit, Words entry, int count) {
+  if (kind.references == nullptr) return;
+  for (const auto& [name, key] : kind.references(entry)) {
+    const auto at =
+        pointers_.try_emplace(Tables::rowDigest(Tables::kindOf(name)->id, unit, key)).first;
+    if ((at->second += count) == 0) pointers_.erase(at);
+  }
+}
+
+void Chip::checkReferences(const TableKind& kind, UnitId unit, Words entry) {
+  if (kind.references == nullptr) return;
+  for (const auto& [name, key] : kind.references(entry)) {
+    const TableKind& other = *Tables::kindOf(name);
+    if (table(other, unit).rows.find(key)) continue;
+    violated(kind, unit, entry,
+             fmt::format("was written before {} of {}, at which it points",
+                         other.key.text(key.data()), name));
+  }
+}
+
+void Chip::violated(const TableKind& kind, UnitId unit, Words key, const std::string& what) {
+  ++progress(kind).row.violations;
+  lastViolation_ =
+      fmt::format("{} unit {}: {} {}", kind.name, unit, kind.key.text(key.data()), what);
+  progress(kind).store();
 }
 
 void Chip::write(const TableKind& kind, UnitId unit, Words entry) {
   Table& to = table(kind, unit);
   if (const auto former = to.rows.find(Tables::keyOf(kind, entry))) {
     to.digest -= Tables::rowDigest(kind.id, unit, *former);
+    pointersAdd(kind, unit, *former, -1);
   }
   to.rows.write(entry);
   to.digest += Tables::rowDigest(kind.id, unit, entry);
-  ++progress(kind).meters.written;
-  pay(kind, unit, entry, units_[unit].written(kind, entry));
+  pointersAdd(kind, unit, entry, 1);
+  checkReferences(kind, unit, entry);
+  auto& meters = progress(kind).row;
+  ++meters.written;
+  meters.moves += units_[unit].written(kind, entry);
 }
 
 bool Chip::remove(const TableKind& kind, UnitId unit, Words key) {
@@ -115,9 +145,13 @@ bool Chip::remove(const TableKind& kind, UnitId unit, Words key) {
   const auto former = from.rows.find(key);
   if (!former) return false;
   from.digest -= Tables::rowDigest(kind.id, unit, *former);
+  pointersAdd(kind, unit, *former, -1);
   from.rows.remove(key);
-  ++progress(kind).meters.removed;
-  pay(kind, unit, key, units_[unit].removed(kind, key));
+  ++progress(kind).row.removed;
+  units_[unit].removed(kind, key);
+  if (pointers_.contains(Tables::rowDigest(kind.id, unit, key))) {
+    violated(kind, unit, key, "has gone, and rows point at it");
+  }
   return true;
 }
 
@@ -134,6 +168,25 @@ Chip::Word Chip::programmed(const TableKind& kind) { return progress(kind).file.
 
 void Chip::programmedIs(const TableKind& kind, Word version) {
   progress(kind).file.noteIs(version);
+}
+
+Chip::Word Chip::logOf(const TableKind& kind) { return progress(kind).row.log; }
+
+void Chip::logOfIs(const TableKind& kind, Word seed) {
+  progress(kind).row.log = seed;
+  progress(kind).store();
+}
+
+Chip::Word Chip::configOf(const TableKind& kind, UnitId unit) {
+  return table(kind, unit).rows.note();
+}
+
+void Chip::configOfIs(const TableKind& kind, UnitId unit, Word seed) {
+  table(kind, unit).rows.noteIs(seed);
+}
+
+void Chip::waitsIs(const TableKind& kind, const TableKind* other, Word version) {
+  progress(kind).waitsIs(other == nullptr ? 0 : other->id.value(), version);
 }
 
 std::vector<Asic::UnitId> Chip::units(const TableKind& kind) const {
@@ -174,21 +227,16 @@ const RuleTable& Chip::rules(UnitId unit) const {
 Meters Chip::meters() const {
   Meters all;
   for (const auto& [id, progress] : progress_) {
-    all.written += progress.meters.written;
-    all.removed += progress.meters.removed;
-    all.moves += progress.meters.moves;
-    all.violations += progress.meters.violations;
+    all.written += progress.row.written;
+    all.removed += progress.row.removed;
+    all.moves += progress.row.moves;
+    all.violations += progress.row.violations;
   }
   return all;
 }
 
 void Chip::metersStore() {
-  for (auto& [id, progress] : progress_) {
-    const Meters& meters = progress.meters;
-    const std::array<Word, kMeterWords> row{0, meters.written, meters.removed, meters.moves,
-                                            meters.violations};
-    progress.file.write(row);
-  }
+  for (auto& [id, progress] : progress_) progress.store();
 }
 
 }  // namespace SimAsic

@@ -2,14 +2,15 @@
 
 #include <map>
 #include <memory>
+#include <unordered_map>
 
 #include "asic/Pipeline.h"
 #include "asic/RowFile.h"
-#include "tables/TableKind.h"
+#include "tables/Progress.h"
 
 namespace SimAsic {
 
-/// What has been done to the tables of a chip since it was made.
+/// Operations on the tables of a chip since it was made.
 struct Meters {
   std::uint64_t written = 0;
   std::uint64_t removed = 0;
@@ -17,14 +18,16 @@ struct Meters {
   std::uint64_t violations = 0;
 };
 
-/// A packet processor of several units, simulated: tables that are programmed row by row, and
-/// packets that are decided by them. Its rows stand in files of a directory of its own, so that it
+/// A simulated packet processor with several units: tables that are programmed row by row, and
+/// packets that are decided by them. Its rows are in files of a directory of its own, so that it
 /// outlives the process that programs it, as a chip does.
 ///
 /// Threads: one. One process at a time.
 ///
-/// I1. The rows, and how far each table has been programmed, are there after a death at any
-///     instruction. The meters may miss what was done since they were last stored.
+/// I1. The rows, and how far each table has been programmed, survive a death at any instruction.
+///     The meters may miss operations since they were last stored.
+/// I2. A row is written after the rows to which it points (`TableKind::references`), and a row goes
+///     after those that point to it. Whatever breaks that is a violation, and counted.
 class Chip {
  public:
   using TableKind = Tables::TableKind;
@@ -41,13 +44,23 @@ class Chip {
   void write(const TableKind& kind, UnitId unit, Words entry);
   /// False if there is no such row.
   bool remove(const TableKind& kind, UnitId unit, Words key);
-  /// Removes all rows of a table, one by one, those that others could miss last. Returns how many.
+  /// Removes all rows of a table, one by one. Returns how many.
   std::size_t clear(const TableKind& kind, UnitId unit);
 
-  /// Up to which version of a table's log the chip was programmed. It is 0 again when any rows of
-  /// the table had to be given up.
+  /// Up to which version of a table's log the chip is programmed. 0 again after rows of the table
+  /// were lost.
   Word programmed(const TableKind& kind);
   void programmedIs(const TableKind& kind, Word version);
+
+  /// Which collections the rows were programmed from, by the seeds in their headers; 0 if none.
+  Word logOf(const TableKind& kind);
+  void logOfIs(const TableKind& kind, Word seed);
+  Word configOf(const TableKind& kind, UnitId unit);
+  void configOfIs(const TableKind& kind, UnitId unit, Word seed);
+
+  /// The table's next version waits for a version of another table, or (null) for none; stored with
+  /// the meters.
+  void waitsIs(const TableKind& kind, const TableKind* other, Word version);
 
   /// Units of which the chip has a table of the family.
   std::vector<UnitId> units(const TableKind& kind) const;
@@ -63,8 +76,7 @@ class Chip {
   const RuleTable& rules(UnitId unit) const;
 
   Meters meters() const;
-  /// The row at which the last violation of this process was counted, and the table and unit; empty
-  /// if there was none.
+  /// The last violation that this process has counted, for people; empty if there was none.
   const std::string& lastViolation() const noexcept { return lastViolation_; }
   void metersStore();
 
@@ -74,13 +86,17 @@ class Chip {
 
   Table& table(const TableKind& kind, UnitId unit);
   Progress& progress(const TableKind& kind);
-  void pay(const TableKind& kind, UnitId unit, Words key, Pipeline::Cost cost);
+  void pointersAdd(const TableKind& kind, UnitId unit, Words entry, int count);
+  void checkReferences(const TableKind& kind, UnitId unit, Words entry);
+  void violated(const TableKind& kind, UnitId unit, Words key, const std::string& what);
   void storedTables(const TableKind& kind);
 
   Drift::Directory directory_;
   std::map<std::pair<Asic::SwTableId, UnitId>, Table> tables_;
   std::map<Asic::SwTableId, Progress> progress_;
   std::map<UnitId, Pipeline> units_;
+  /// How many rows point at a row, by `Tables::rowDigest` of that one's key.
+  std::unordered_map<std::uint64_t, int> pointers_;
   std::string lastViolation_;
 };
 

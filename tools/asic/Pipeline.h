@@ -7,32 +7,22 @@
 namespace SimAsic {
 
 /// What one unit does with packets: it looks their addresses up in the prefix table, then the rules
-/// over the labels that this gives. Rows of other tables take no part in it.
-///
-/// I1. At every row that is written, the prefix rows are there to which it points; at every prefix
-///     row that goes, or changes its label, nothing points to it any more. What breaks that is
-///     counted.
+/// over the labels that this gives. It reads the words of a row as `Policy` writes them; rows of
+/// another agent match what they happen to match. Rows of other tables take no part in it.
 class Pipeline {
  public:
-  /// What writing rows has cost and broken.
-  struct Cost {
-    std::uint64_t moves = 0;
-    std::uint64_t violations = 0;
-  };
+  /// Returns how many rows had to be moved.
+  std::uint64_t written(const Tables::TableKind& kind, Tables::Words words);
+  void removed(const Tables::TableKind& kind, Tables::Words key);
 
-  Cost written(const Tables::TableKind& kind, Tables::Words words);
-  Cost removed(const Tables::TableKind& kind, Tables::Words words);
-
-  /// Of rows that are written together those of the lower number come first; of those that are
-  /// removed together, last.
+  /// The order in which rows of one table are written together; they are removed in the opposite
+  /// one.
   static std::uint64_t orderOf(const Tables::TableKind& kind, Tables::Words entry);
 
   Policy::Decision decide(const Policy::Packet& packet) const;
   const RuleTable& rules() const noexcept { return rules_; }
 
  private:
-  unsigned left(const Policy::PrefixRow& gone) const;
-
   PrefixTable prefixes_;
   RuleTable rules_;
 };

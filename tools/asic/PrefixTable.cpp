@@ -5,39 +5,12 @@ namespace SimAsic {
 using Policy::Prefix;
 using Policy::PrefixRow;
 
-void PrefixTable::count(const PrefixRow& row, bool there) {
-  for (unsigned numbering = 0; numbering < Policy::kNumberings; ++numbering) {
-    auto& labels = labels_[numbering];
-    const std::uint32_t label = row.labels[numbering].first;
-    if (there) {
-      ++labels[label];
-    } else if (--labels[label] == 0) {
-      labels.erase(label);
-    }
-  }
-}
-
 void PrefixTable::write(const PrefixRow& row) {
-  if (row.prefix.length >= kLengths) return;
-  const auto [place, fresh] = rows_[row.prefix.length].try_emplace(row.prefix.address, row);
-  if (!fresh) count(place->second, false);
-  place->second = row;
-  count(row, true);
+  if (row.prefix.length < kLengths) rows_[row.prefix.length][row.prefix.address] = row;
 }
 
 void PrefixTable::remove(const Prefix& prefix) {
-  if (prefix.length >= kLengths) return;
-  auto& rows = rows_[prefix.length];
-  const auto found = rows.find(prefix.address);
-  if (found == rows.end()) return;
-  count(found->second, false);
-  rows.erase(found);
-}
-
-const PrefixRow* PrefixTable::find(const Prefix& prefix) const {
-  if (prefix.length >= kLengths) return nullptr;
-  const auto found = rows_[prefix.length].find(prefix.address);
-  return found == rows_[prefix.length].end() ? nullptr : &found->second;
+  if (prefix.length < kLengths) rows_[prefix.length].erase(prefix.address);
 }
 
 const PrefixRow* PrefixTable::lookup(std::uint32_t address) const {

@@ -10,8 +10,8 @@
 
 namespace SimAsic {
 
-/// Rows of equal size by the key with which they begin, in a file: what a chip goes on holding when
-/// the process that programs it dies. A row is there whole or not at all, whatever the moment.
+/// Rows of equal size by the key with which they begin, in a file: the chip's memory, which
+/// survives the process that programs it. At every instruction a row is whole or absent.
 ///
 /// Threads: one. One process at a time.
 class RowFile {
@@ -23,7 +23,7 @@ class RowFile {
   RowFile(const Drift::Directory& directory, const std::string& path,
           const Drift::Geometry& geometry);
 
-  /// There was nothing, or nothing that could be used: the chip has come up anew.
+  /// The file was absent or unusable: the chip has come up anew.
   bool fresh() const noexcept { return file_->stage() != Drift::MountStage::ok; }
 
   void write(Words row) { writer_.set(row); }
@@ -35,7 +35,7 @@ class RowFile {
   Word size() const { return writer_.view().size(); }
   void walk(const std::function<void(Words)>& visit) const;
 
-  /// A number of the owner's that is kept with the rows.
+  /// A number for the owner, stored with the rows.
   Word note() const noexcept { return note_.value(); }
   void noteIs(Word value) noexcept { note_.set(value); }
 

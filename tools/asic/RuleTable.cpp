@@ -11,11 +11,11 @@ std::uint64_t rankOf(const RuleRow& row, RuleTable::Key key) {
   return std::uint64_t{row.priority} << 32 | key;
 }
 
-/// Counts a thing in or out; true if it came or went altogether.
-template <class Thing>
-bool counted(std::unordered_map<Thing, unsigned>& counts, const Thing& thing, bool there) {
-  if (there) return ++counts[thing] == 1;
-  const auto found = counts.find(thing);
+/// Counts a decision in or out; true if it is the first of its kind to come or the last to go.
+bool counted(std::unordered_map<Policy::Decision, unsigned>& counts, Policy::Decision decision,
+             bool there) {
+  if (there) return ++counts[decision] == 1;
+  const auto found = counts.find(decision);
   if (--found->second != 0) return false;
   counts.erase(found);
   return true;
@@ -29,8 +29,6 @@ std::size_t RuleTable::placeOf(std::uint64_t rank) const {
 }
 
 void RuleTable::count(const RuleRow& row, bool there) {
-  counted(labels_[row.numbering], row.source.first, there);
-  counted(labels_[row.numbering], row.destination.first, there);
   if (!counted(decisions_, row.decision, there)) return;
   setId_.count += there ? 1 : ~std::uint64_t{0};
   setId_.sum += there ? row.decision : ~row.decision + 1;
@@ -54,8 +52,7 @@ std::uint64_t RuleTable::write(Key key, const RuleRow& row) {
   slots_[key] = slot;
   rows_[slot] = row;
   count(row, true);
-  // The row comes in at its old place, if it had one, or behind all others; then it is passed by
-  // those between there and its new place.
+  // The row starts at its old place, or after all others, and rotates to its new one.
   const std::uint64_t rank = rankOf(row, key);
   std::size_t to = placeOf(rank);
   if (from == order_.size()) order_.push_back({rank, slot});

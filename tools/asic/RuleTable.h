@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <unordered_map>
 #include <vector>
 
@@ -8,7 +7,7 @@
 
 namespace SimAsic {
 
-/// What a set of rules is known by, whatever their order and however often each stands in it.
+/// Identifies a set of rules, independent of their order and multiplicity.
 struct RuleSetId {
   std::uint64_t count = 0;
   std::uint64_t sum = 0;
@@ -20,8 +19,8 @@ struct RuleSetId {
   friend bool operator==(const RuleSetId&, const RuleSetId&) = default;
 };
 
-/// The rule rows of one unit as a TCAM holds them: in the order of their priorities, one behind the
-/// other, so that a row that comes between others moves those behind it.
+/// The rule rows of one unit as a TCAM holds them: packed, in the order of their priorities, so
+/// that a row that comes between others moves those after it.
 class RuleTable {
  public:
   /// The number of a row's place in the software table.
@@ -29,15 +28,11 @@ class RuleTable {
 
   /// Returns how many rows had to be moved.
   std::uint64_t write(Key key, const Policy::RuleRow& row);
-  /// Costs no moves: the row is marked as free.
+  /// Moves no rows: the place is marked as free.
   void remove(Key key);
 
   const Policy::RuleRow* find(Key key) const;
   std::size_t size() const noexcept { return order_.size(); }
-  /// Whether a row's source or destination begins at the label.
-  bool pointsAt(unsigned numbering, std::uint32_t label) const {
-    return labels_[numbering].contains(label);
-  }
   RuleSetId setId() const noexcept { return setId_; }
 
   /// The decision for a packet whose addresses have these rows of the prefix table.
@@ -58,7 +53,6 @@ class RuleTable {
   std::vector<Policy::RuleRow> rows_;
   std::vector<std::uint32_t> free_;
   std::unordered_map<Key, std::uint32_t> slots_;
-  std::array<std::unordered_map<std::uint32_t, unsigned>, Policy::kNumberings> labels_;
   std::unordered_map<Policy::Decision, unsigned> decisions_;
   RuleSetId setId_;
 };

@@ -8,11 +8,13 @@
 #include <vector>
 
 #include "Blipline/RingReader.h"
+#include "program/Program.h"
 
 namespace {
 
 constexpr std::string_view kUsage =
     "usage: bastil-bliptrace FILE|DIRECTORY...\n"
+    "       bastil-bliptrace --version\n"
     "Prints the records of ring trace files in the order of time. Of a directory it takes the "
     "files\n"
     "that end in \".blip\". The files may belong to a process that runs.\n"
@@ -29,7 +31,7 @@ std::vector<std::string> filesOf(const std::string& argument) {
   return files;
 }
 
-/// Adds the file to those that were read; false when it, or a part of it, could not be.
+/// Reads the file; false when it or a part of it is unreadable.
 bool fileRead(const std::string& path, std::vector<Blipline::RingFile>& files) {
   try {
     files.emplace_back(path);
@@ -60,6 +62,9 @@ int main(int argc, char** argv) {
   if (arguments.empty() || arguments[0] == "--help" || arguments[0] == "-h") {
     std::fwrite(kUsage.data(), 1, kUsage.size(), arguments.empty() ? stderr : stdout);
     return arguments.empty() ? 2 : 0;
+  }
+  if (arguments[0] == "--version") {
+    return Program::print(Program::versionOf("bastil-bliptrace") + '\n') ? 0 : 1;
   }
   std::vector<std::string> paths;
   for (const std::string& argument : arguments) {

@@ -1,3 +1,6 @@
+#include <algorithm>
+
+#include "ctl/Picture.h"
 #include "ctl/Values.h"
 
 namespace Ctl {
@@ -16,10 +19,13 @@ class LogPrinter {
         kind_(tableOf(request.table)),
         log_(context.directory, kind_.logPath, kind_.log),
         view_(log_.file()),
-        version_(request.since),
-        record_(view_.recordWords()) {}
+        version_(request.since.value_or(0)),
+        record_(view_.recordWords()) {
+    if (request.since) checkSince(*request.since, request.follow);
+    if (!Tables::isWritten(context.directory, kind_.logPath)) tellDead();
+  }
 
-  /// All that are there.
+  /// Prints the records that are there.
   void print() {
     while (context_.stop == 0) {
       seen_ = log_.file().doorbell();
@@ -30,14 +36,14 @@ class LogPrinter {
       } catch (const Fenrik::CorruptionDetectedException& e) {
         context_.say(e.what());
         result_ = kFinding;
-        // A log whose ends cannot be told leads nowhere.
+        // Without the ends of the window there is no next version.
         if (!passable()) return;
       }
       ++version_;
     }
   }
 
-  /// What comes, until the user has had enough.
+  /// Prints what comes, until the command is to end.
   void follow() {
     while (context_.stop == 0) {
       print();
@@ -52,6 +58,39 @@ class LogPrinter {
   int result() const noexcept { return result_; }
 
  private:
+  void checkSince(Word since, bool follow) {
+    const auto window = view_.window();
+    if (since >= window.next) {
+      if (follow) return;
+      context_.say(fmt::format("{}: version {} is not logged yet; the log ends with {}", kind_.name,
+                               since, window.next - 1));
+    } else if (since < window.first) {
+      context_.say(fmt::format("{}: the versions {} to {} are gone: the hardware has them",
+                               kind_.name, since, window.first - 1));
+    } else {
+      return;
+    }
+    result_ = kFinding;
+  }
+
+  /// Nobody cleans the log of a dead agent, and nobody announces its last versions.
+  void tellDead() const {
+    const auto window = view_.window();
+    const Word last = window.next - 1;
+    const Word reported = std::min(reportedOf(context_.directory, kind_), last);
+    const Word announced =
+        std::min(Tables::lineOf(log_.file(), Drift::Format::Line::announced).value_or(last), last);
+    const auto part = [&](Word from, Word to, const char* what) {
+      if (from > to) return std::string();
+      return fmt::format("; {} to {} {}", from, to, what);
+    };
+    context_.say(fmt::format(
+        "{}: no agent is at work{}{}{}", kind_.name,
+        part(window.first, reported, "are in hardware, and the next agent removes them"),
+        part(std::max(window.first, reported + 1), announced, "wait for the hardware"),
+        part(std::max(window.first, announced + 1), last, "wait for the next agent")));
+  }
+
   bool passable() const {
     try {
       const auto window = view_.window();

@@ -1,8 +1,11 @@
 #include <CLI/CLI.hpp>
-#include <cstdio>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
 
 #include "Fenrik/Format.h"
 #include "ctl/Command.h"
+#include "program/Program.h"
 
 namespace Ctl {
 namespace {
@@ -12,10 +15,9 @@ volatile std::sig_atomic_t stopAsked = 0;
 void askToStop(int /*signal*/) { stopAsked = 1; }
 
 constexpr const char* kStatus =
-    "Exit status: 0 fine, 1 a finding, 2 wrong use, 3 something cannot be opened.";
+    "Exit status: 0 fine, 1 a finding, 2 wrong use, 3 something cannot be opened or written.";
 
-/// Fails unless the directory holds a collection of some table: whatever else is in it, an agent
-/// has not been here.
+/// Throws unless the directory holds a collection of some table: otherwise no agent was there.
 void requireTables(const Drift::Directory& directory) {
   if (!directory.entities("hardware/").empty()) return;
   throw Drift::MountException(
@@ -36,62 +38,100 @@ int run(const std::string& path, bool json, Command command) {
   } catch (const Drift::MountException& e) {
     fmt::print(stderr, "bastilctl: {}\n", e.what());
     return kCannotOpen;
+  } catch (const OutputError& e) {
+    fmt::print(stderr, "bastilctl: {}\n", e.what());
+    return kCannotOpen;
   } catch (const std::exception& e) {
     fmt::print(stderr, "bastilctl: {}\n", e.what());
     return kFinding;
   }
 }
 
-int main(int argc, char** argv) {
+/// The command that the arguments ask for.
+struct Request {
   std::string directory;
   bool json = false;
   std::function<int(const Context&)> command;
+  TopRequest top;
+  LogRequest log;
+  ConfigRequest config;
+  std::string to;
+};
+
+void addCommands(CLI::App& app, Request& request) {
+  const auto add = [&](const char* name, const char* what, auto command) {
+    auto* const sub = app.add_subcommand(name, what);
+    sub->callback([&request, command] { request.command = command; });
+    return sub;
+  };
+  add("status", "how many entries, and how far agent and hardware are", status);
+  add("top", "the same once a second, with rates; q ends", [&](const Context& context) {
+    return top(context, request.top);
+  })->add_flag("--once", request.top.once, "one picture");
+  auto* const log = add("log", "the records that wait for the hardware",
+                        [&](const Context& c) { return Ctl::log(c, request.log); });
+  log->add_option("TABLE", request.log.table)->required();
+  log->add_option("--since", request.log.since, "the first version to show")
+      ->check(Program::positiveNumber);
+  log->add_flag("--follow", request.log.follow, "go on with what comes");
+  auto* const config = add("config", "what is configured", [&](const Context& context) {
+    return Ctl::config(context, request.config);
+  });
+  config->add_option("TABLE", request.config.table)->required();
+  config->add_option("UNIT", request.config.unit)->required();
+  config->add_option("KEY", request.config.key, "as printed, or its values: 10.0.0.0/8");
+  add("verify", "checks every header, record and number against the others", verify);
+  add("snapshot", "copies the collections, as they were at one moment, to another directory",
+      [&](const Context& context) { return snapshot(context, request.to); })
+      ->add_option("DIR", request.to, "absent or empty")
+      ->required();
+  for (auto* const sub : app.get_subcommands({})) sub->fallthrough();
+}
+
+/// Throws `CLI::ValidationError` if the first word is no command.
+void checkCommand(const CLI::App& app, int argc, char** argv) {
+  std::vector<std::string> names;
+  for (const auto* const sub : app.get_subcommands({})) names.push_back(sub->get_name());
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (word == "--dir") ++i;
+    if (word.starts_with('-')) continue;
+    if (std::ranges::find(names, word) != names.end()) return;
+    throw CLI::ValidationError(
+        fmt::format("there is no command \"{}\"; there are {}", word, fmt::join(names, ", ")));
+  }
+}
+
+int main(int argc, char** argv) {
+  Request request;
   CLI::App app("Shows the tables below an agent's directory, live, dead or copied.", "bastilctl");
   app.footer(kStatus);
-  app.add_option("--dir", directory, "the directory")->required();
-  app.add_flag("--json", json, "print JSON");
+  app.add_option("--dir", request.directory, "the directory")->required();
+  app.add_flag("--json", request.json, "print JSON");
+  app.set_version_flag("--version", Program::versionOf("bastilctl"));
   app.require_subcommand(1)->fallthrough();
-
-  StatusRequest statusRequest;
-  StatusRequest topRequest{.live = true};
-  LogRequest logRequest;
-  ConfigRequest configRequest;
-  app.add_subcommand("status", "how many entries, and how far agent and hardware are")
-      ->callback([&] { command = [&](const Context& c) { return status(c, statusRequest); }; });
-  auto* const top = app.add_subcommand("top", "the same, again and again");
-  top->add_flag("--once", topRequest.once, "one picture");
-  top->callback([&] { command = [&](const Context& c) { return status(c, topRequest); }; });
-  auto* const log = app.add_subcommand("log", "the records that wait for the hardware");
-  log->add_option("TABLE", logRequest.table)->required();
-  log->add_option("--since", logRequest.since, "the first version to show");
-  log->add_flag("--follow", logRequest.follow, "go on with what comes");
-  log->callback([&] { command = [&](const Context& c) { return Ctl::log(c, logRequest); }; });
-  auto* const config = app.add_subcommand("config", "what is configured");
-  config->add_option("TABLE", configRequest.table)->required();
-  config->add_option("UNIT", configRequest.unit)->required();
-  config->add_option("KEY", configRequest.key, "as printed, or its values: 10.0.0.0/8");
-  config->callback(
-      [&] { command = [&](const Context& c) { return Ctl::config(c, configRequest); }; });
-  app.add_subcommand("verify", "checks every header, record and number against the others")
-      ->callback([&] { command = verify; });
-  for (auto* const sub : app.get_subcommands({})) sub->fallthrough();
+  addCommands(app, request);
   try {
+    checkCommand(app, argc, argv);
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kFine : kUsage;
+    const int status = app.exit(error);
+    if (!std::cout.flush()) return kCannotOpen;
+    return status == 0 ? kFine : kUsage;
   }
+  Program::raiseFileLimit();
   struct sigaction action {};
   action.sa_handler = askToStop;
   ::sigaction(SIGINT, &action, nullptr);
   ::sigaction(SIGTERM, &action, nullptr);
-  return run(directory, json, command);
+  return run(request.directory, request.json, request.command);
 }
 
 }  // namespace
 
-void Context::line(const std::string& text) {
-  fmt::print("{}\n", text);
-  std::fflush(stdout);
+void Context::text(const std::string& text) {
+  if (Program::print(text)) return;
+  throw OutputError(fmt::format("cannot write to standard output: {}", std::strerror(errno)));
 }
 
 void Context::say(const std::string& text) { fmt::print(stderr, "bastilctl: {}\n", text); }

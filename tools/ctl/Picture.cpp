@@ -3,6 +3,10 @@
 #include "OrderedTable/Constants.h"
 #include "OrderedTable/TableVersionDrift.h"
 
+#include <algorithm>
+#include <bit>
+#include <chrono>
+
 namespace Ctl {
 namespace {
 
@@ -10,8 +14,8 @@ using Drift::Format::Line;
 
 class Painter {
  public:
-  Painter(const Drift::Directory& directory, Picture& picture)
-      : directory_(directory), picture_(picture) {}
+  Painter(const Drift::Directory& directory, Picture& picture, bool deletions)
+      : directory_(directory), picture_(picture), deletions_(deletions) {}
 
   void paint(const TableKind& kind) {
     const auto units = Tables::configuredUnits(directory_, kind);
@@ -20,6 +24,9 @@ class Painter {
     table.kind = &kind;
     noted([&] { paintLog(table); });
     noted([&] { table.reported = reportedOf(directory_, kind); });
+    noted([&] { table.progress = progressOf(directory_, kind); });
+    table.agentAlive = Tables::isWritten(directory_, kind.logPath);
+    table.writerAlive = Tables::isWritten(directory_, reportPath(kind));
     for (const Asic::UnitId unit : units) {
       noted([&] { paintUnit(table, unit); });
     }
@@ -49,7 +56,7 @@ class Painter {
     table.logCapacity = file.header().capacity;
     table.issued = line(file, Line::scratchpad, "the version issued last");
     table.announced = line(file, Line::announced, "the announced version");
-    table.writer = line(file, Line::writer, "the writer's process");
+    table.agent = line(file, Line::writer, "the writer's process");
     table.generation = line(file, Line::writerGeneration, "the writer generation");
     table.logged = Drift::DenseView(file).size();
   }
@@ -57,26 +64,33 @@ class Painter {
   void paintUnit(TablePicture& table, Asic::UnitId unit) {
     const Tables::Config config(directory_, *table.kind, unit);
     UnitPicture picture{unit, 0, 0, config.file().header().capacity};
-    config.walk(
-        [&](const Tables::ConfigRow& row) {
-          ++(row.isDeleted ? picture.inDeletion : picture.live);
-        },
-        [&](const std::string& damage) { picture_.problems.push_back(damage); });
+    if (deletions_) {
+      config.walk(
+          [&](const Tables::ConfigRow& row) {
+            ++(row.isDeleted ? picture.inDeletion : picture.live);
+          },
+          [&](const std::string& damage) { picture_.problems.push_back(damage); });
+    } else {
+      picture.live = config.size();
+    }
     table.units.push_back(picture);
   }
 
   const Drift::Directory& directory_;
   Picture& picture_;
+  const bool deletions_;
 };
 
 }  // namespace
 
+std::string reportPath(const TableKind& kind) {
+  return Asic::Constants::canonicalGroupTableVersionPath(Fenrik::String(kind.group)).str();
+}
+
 Word reportedOf(const Drift::Directory& directory, const TableKind& kind) {
   using Layout = Asic::TableVersionDrift::Layout;
-  const Fenrik::String path =
-      Asic::Constants::canonicalGroupTableVersionPath(Fenrik::String(kind.group));
   const Tables::Collection reports(
-      directory, path.str(),
+      directory, reportPath(kind),
       {Drift::Format::Layout::hashed, Asic::TableVersionDrift::kEntityName, Layout::kKeySize,
        Layout::kRecordSize});
   std::array<Word, Layout::kWords> words{};
@@ -87,11 +101,76 @@ Word reportedOf(const Drift::Directory& directory, const TableKind& kind) {
   return record.logVersion.value();
 }
 
-Picture pictureOf(const Drift::Directory& directory) {
+std::vector<Word> reportRecord(const TableKind& kind, Word version) {
+  using Layout = Asic::TableVersionDrift::Layout;
+  std::vector<Word> words(Layout::kWords);
+  Layout::toWords(Asic::TableVersionRecord(Asic::TableVersion(kind.id, Asic::LogVersion(version))),
+                  words.data());
+  return words;
+}
+
+std::optional<Tables::Progress> progressOf(const Drift::Directory& directory,
+                                           const TableKind& kind) {
+  try {
+    const Drift::Directory chip(fmt::format("{}/{}", directory.path(), Tables::kChipFolder),
+                                Drift::Directory::Access::read);
+    const Tables::Collection notes(chip, Tables::progressPath(kind), Tables::kProgressShape);
+    std::array<Word, Tables::kProgressWords> words{};
+    const Word key = 0;
+    if (!Drift::HashedView(notes.file()).find({&key, 1}, words)) return {};
+    return std::bit_cast<Tables::Progress>(words);
+  } catch (const Drift::MountException&) {
+    return {};  // another hardware writer may keep no notes, or keep them elsewhere
+  }
+}
+
+Picture pictureOf(const Drift::Directory& directory, bool deletions) {
   Picture picture;
-  Painter painter(directory, picture);
+  Painter painter(directory, picture, deletions);
   for (const TableKind& kind : Tables::tableKinds()) painter.paint(kind);
   return picture;
+}
+
+std::string waitOf(const TablePicture& table) {
+  if (!table.progress || table.progress->waitsForVersion == 0 || !table.writerAlive) return {};
+  const auto& progress = *table.progress;
+  using std::chrono::milliseconds;
+  const auto now =
+      std::chrono::duration_cast<milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+          .count();
+  const auto* const other =
+      Tables::kindOf(Asic::SwTableId(static_cast<Asic::SwTableId::Rep>(progress.waitsForTable)));
+  return fmt::format(
+      "the hardware writer waits for version {} of {}, for {:.1f} s", progress.waitsForVersion,
+      other == nullptr ? "an unknown table" : other->name,
+      static_cast<double>(now - static_cast<std::int64_t>(progress.waitsSince)) / 1000);
+}
+
+Json jsonOf(const Picture& picture) {
+  Json tables = Json::array();
+  for (const TablePicture& table : picture.tables) {
+    Json units = Json::array();
+    for (const UnitPicture& unit : table.units) {
+      units.push_back({{"unit", unit.unit.value()},
+                       {"live", unit.live},
+                       {"inDeletion", unit.inDeletion},
+                       {"capacity", unit.capacity}});
+    }
+    tables.push_back({{"table", table.kind->name},
+                      {"issued", table.issued},
+                      {"announced", table.announced},
+                      {"reported", table.reported},
+                      {"lag", table.lag()},
+                      {"logged", table.logged},
+                      {"logCapacity", table.logCapacity},
+                      {"agent", table.agent},
+                      {"agentAlive", table.agentAlive},
+                      {"writerAlive", table.writerAlive},
+                      {"waits", waitOf(table)},
+                      {"generation", table.generation},
+                      {"units", units}});
+  }
+  return {{"tables", tables}, {"problems", picture.problems}};
 }
 
 }  // namespace Ctl

@@ -1,5 +1,8 @@
 #include "ctl/TableCheck.h"
 
+#include <algorithm>
+#include <set>
+
 #include "ctl/Picture.h"
 
 namespace Ctl {
@@ -25,6 +28,7 @@ void TableCheck::check() {
   reported_ = reportedOf(directory_, kind_);
   checkNumbers(log);
   readLog(log);
+  checkLost();
   for (const Asic::UnitId unit : Tables::configuredUnits(directory_, kind_)) {
     try {
       const Tables::Config config(directory_, kind_, unit);
@@ -35,12 +39,28 @@ void TableCheck::check() {
     }
   }
   for (const auto& [at, count] : cuts_) {
-    note(
-        fmt::format("unit {}: {} entries were configured at version {} by an agent that could not "
-                    "log it; the hardware writer sees to them",
-                    at.first, count, at.second));
+    note(fmt::format(
+        "unit {}: {} entries were configured at version {} by an agent that died before "
+        "it logged them; the next agent does",
+        at.first, count, at.second));
   }
   checkNeeded();
+}
+
+/// Units that the log or the chip knows and that have no configuration.
+void TableCheck::checkLost() {
+  const auto units = Tables::configuredUnits(directory_, kind_);
+  const auto programmed = Tables::programmedUnits(directory_, kind_);
+  std::set<Asic::UnitId> known(programmed.begin(), programmed.end());
+  for (const auto& [version, key] : concerned_) known.insert(key.first);
+  for (const Asic::UnitId unit : known) {
+    if (std::ranges::find(units, unit) != units.end()) continue;
+    wrong(fmt::format("the configuration of unit {} is lost: {}{} is not there", unit,
+                      kind_.configPath, unit));
+  }
+  if (units.empty() && known.empty() && window_.next > 1) {
+    wrong(fmt::format("{} versions were logged, and there is no configuration", window_.next - 1));
+  }
 }
 
 void TableCheck::checkNumbers(const Tables::Collection& log) {

@@ -30,6 +30,7 @@ class TableCheck {
   };
   using Key = std::pair<Asic::UnitId, std::vector<Word>>;
 
+  void checkLost();
   void checkNumbers(const Tables::Collection& log);
   void readLog(const Tables::Collection& log);
   void takeIn(const Tables::LogRow& row);

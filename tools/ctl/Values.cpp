@@ -4,42 +4,15 @@
 #include <charconv>
 #include <cstring>
 #include <optional>
+#include <set>
+
+#include "tables/Text.h"
 
 namespace Ctl {
 namespace {
 
 using Drift::FieldKind;
 using Drift::RecordField;
-
-Json jsonOf(const RecordField* fields, std::size_t count, const unsigned char* value);
-
-Json elementOf(const RecordField& field, const unsigned char* element) {
-  if (field.kind == FieldKind::group) return jsonOf(field.fields, field.fieldCount, element);
-  if (field.kind == FieldKind::number) {
-    std::uint64_t number = 0;
-    std::memcpy(&number, element, std::min(field.size, sizeof number));
-    return number;
-  }
-  if (field.kind == FieldKind::flag) return *element != 0;
-  return fmt::format("{:02x}", fmt::join(element, element + field.size, ""));
-}
-
-Json jsonOf(const RecordField* fields, std::size_t count, const unsigned char* value) {
-  Json result = Json::object();
-  for (const RecordField* field = fields; field != fields + count; ++field) {
-    if (field->kind == FieldKind::padding) continue;
-    if (field->kind == FieldKind::presence) {
-      if (value[field->offset] == 0) return nullptr;
-      continue;
-    }
-    Json elements = Json::array();
-    for (std::size_t at = field->offset; at != field->end(); at += field->size) {
-      elements.push_back(elementOf(*field, value + at));
-    }
-    result[field->name] = field->count == 1 ? elements[0] : elements;
-  }
-  return result;
-}
 
 std::optional<std::uint64_t> numberOf(std::string_view text) {
   const bool hex = text.starts_with("0x");
@@ -67,18 +40,16 @@ std::optional<std::uint64_t> valueOf(std::string_view text) {
   return parts == 4 ? std::optional(address) : std::nullopt;
 }
 
-/// The words of the text that are not names of fields.
-std::vector<std::string_view> valuesOf(std::string_view text, const Tables::Fields& fields) {
+/// The words of the text, without the marks between them.
+std::vector<std::string_view> wordsOf(std::string_view text) {
   constexpr std::string_view kSeparators = "{}/:, ";
-  std::vector<std::string_view> values;
+  std::vector<std::string_view> words;
   for (;;) {
     const std::size_t begin = text.find_first_not_of(kSeparators);
-    if (begin == std::string_view::npos) return values;
+    if (begin == std::string_view::npos) return words;
     text.remove_prefix(begin);
-    const std::string_view word = text.substr(0, text.find_first_of(kSeparators));
-    text.remove_prefix(word.size());
-    const auto isName = [&](const RecordField& field) { return word == field.name; };
-    if (std::none_of(fields.fields, fields.fields + fields.count, isName)) values.push_back(word);
+    words.push_back(text.substr(0, text.find_first_of(kSeparators)));
+    text.remove_prefix(words.back().size());
   }
 }
 
@@ -91,25 +62,51 @@ std::vector<std::string_view> valuesOf(std::string_view text, const Tables::Fiel
       fmt::format("\"{}\" is no key of {}: give it as {}", text, kind.name, fmt::join(names, "/")));
 }
 
+/// A prefix with bits beyond its length, or a length beyond its address, is nobody's key.
+bool isKey(const TableKind& kind, const std::vector<Word>& key) {
+  const Json value = jsonOf(kind.key, key.data());
+  if (!value.contains("prefix") || !value.contains("length")) return true;
+  const unsigned length = value["length"];
+  std::uint32_t address = 0;
+  std::memcpy(&address, key.data(), sizeof address);
+  return length == 32 || (length < 32 && (address & (~0U >> length)) == 0);
+}
+
 }  // namespace
 
 Json jsonOf(const Tables::Fields& fields, const void* value) {
-  return jsonOf(fields.fields, fields.count, static_cast<const unsigned char*>(value));
+  return Tables::jsonOf(fields.fields, fields.count, value);
 }
 
 std::vector<Word> keyOf(const TableKind& kind, std::string_view text) {
   std::vector<Word> key(kind.keyWords());
-  const auto values = valuesOf(text, kind.key);
-  auto next = values.begin();
-  for (const RecordField* field = kind.key.fields; field != kind.key.fields + kind.key.count;
-       ++field) {
-    if (field->kind != FieldKind::number) continue;
-    const auto value = next != values.end() ? valueOf(*next++) : std::nullopt;
-    const bool fits = value && (field->size >= 8 || *value >> 8 * field->size == 0);
-    if (!fits) refuseKey(kind, text);
+  const RecordField* const begin = kind.key.fields;
+  const RecordField* const end = begin + kind.key.count;
+  std::set<const RecordField*> given;
+  const RecordField* named = nullptr;
+  for (const std::string_view word : wordsOf(text)) {
+    const auto* const name =
+        std::find_if(begin, end, [&](const RecordField& field) { return word == field.name; });
+    if (name != end) {
+      named = name;
+      continue;
+    }
+    const auto* const field =
+        named != nullptr ? named : std::find_if(begin, end, [&](const RecordField& candidate) {
+          return candidate.kind == FieldKind::number && !given.contains(&candidate);
+        });
+    named = nullptr;
+    const auto value = valueOf(word);
+    const bool fits = field != end && field->kind == FieldKind::number && value &&
+                      (field->size >= 8 || *value >> 8 * field->size == 0);
+    if (!fits || !given.insert(field).second) refuseKey(kind, text);
     std::memcpy(reinterpret_cast<std::byte*>(key.data()) + field->offset, &*value, field->size);
   }
-  if (next != values.end()) refuseKey(kind, text);
+  const auto wanted = std::count_if(
+      begin, end, [](const RecordField& field) { return field.kind == FieldKind::number; });
+  if (static_cast<std::ptrdiff_t>(given.size()) != wanted || !isKey(kind, key)) {
+    refuseKey(kind, text);
+  }
   return key;
 }
 

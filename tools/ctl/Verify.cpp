@@ -9,8 +9,10 @@ namespace {
 using Drift::Format::Layout;
 using Drift::Format::Line;
 
-/// What an operation under way needs to be done with: far more than its few stores.
+/// Far longer than the few stores of an operation take.
 constexpr std::chrono::milliseconds kUnderWay(100);
+
+constexpr const char* kStateDatabase = "stavro/entities";
 
 bool isOurs(const std::string& path) {
   return path.starts_with("hardware/") || path.starts_with("stavro/");
@@ -82,6 +84,10 @@ Findings look(const Drift::Directory& directory) {
     if (isOurs(path)) checkFile(directory, path, findings);
   }
   for (const TableKind& kind : Tables::tableKinds()) checkTable(directory, kind, findings);
+  if (directory.entities(kStateDatabase).empty()) {
+    findings.wrong.insert(fmt::format("the state database is lost: {} is not there",
+                                      directory.pathOf(kStateDatabase)));
+  }
   return findings;
 }
 

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Shows the agent and the hardware writer at work on files of rules, kills both, and sums up.
 
-Both are killed with SIGKILL in the middle of what they do and started again; half the rules are
+Both are killed with SIGKILL in the middle of their work and started again; half the rules are
 replaced; packets are decided all the time by the simulated hardware and by a plain scan of the
-rules. Exit status: 0 everything is as it should be, 1 something is not, 2 wrong use.
+rules. Exit status: 0 all as it should be, 1 something is wrong, 2 the files cannot be shown.
 """
 import argparse
 import json
@@ -25,7 +25,11 @@ PATIENCE = 60.0
 
 
 class Failed(Exception):
-    """What was waited for did not come about."""
+    """What was waited for did not happen."""
+
+
+class Unfit(Exception):
+    """The files cannot be shown."""
 
 
 class Process:
@@ -91,10 +95,21 @@ def event_of(line, name):
 
 
 def rules_of(path):
-    """The lines that mean something; whether they are rules is for the agent to say."""
-    with open(path, encoding="utf-8", errors="replace", newline="") as file:
-        lines = [line.strip() for line in file]
-    return [line for line in lines if line and not line.startswith("#")]
+    """The rules of a file. Whether each is well formed is for the agent to say."""
+    if os.path.isdir(path):
+        raise Unfit(f"{path}: it is a directory; name the files in it")
+    if not os.path.isfile(path):
+        raise Unfit(f"{path}: there is no such file, or it is not a regular one")
+    try:
+        with open(path, encoding="utf-8", errors="replace", newline="") as file:
+            lines = [line.strip() for line in file]
+    except OSError as error:
+        raise Unfit(f"{path}: cannot be read: {error.strerror}") from error
+    lines = [line for line in lines if line and not line.startswith("#")]
+    if lines and not any(line.startswith("@") for line in lines):
+        raise Unfit(f"{path}: none of its lines begins with '@', so it is no file of rules but a "
+                    "list of prefixes; the demonstration needs rules in the ClassBench format")
+    return lines
 
 
 def mirrored(rule):
@@ -184,7 +199,7 @@ class Demo:
             self.problems.append(problem)
 
     def rows_written(self, agent):
-        """Rows written by the agent in all units together."""
+        """The number of rows that the agent wrote, all units together."""
         rows = 0
         for unit in UNITS:
             pattern = re.compile(rf"programmed: .* unit {unit}; (\d+) rows written")
@@ -209,24 +224,40 @@ class Demo:
                 return facts
         raise Failed("the hardware writer left no summary")
 
-    def reprogrammed(self, writer):
-        """Rows in which the chip differed from the configuration when the writer came."""
-        facts, at = writer.wait_for(lambda line: event_of(line, "compared"), "its comparison")
-        return facts["programmed"], at
+    def started(self, writer):
+        """The version up to which the chip was programmed in all when the writer came."""
+        facts, at = writer.wait_for(lambda line: event_of(line, "started"), "its start")
+        return sum(facts["programmed"].values()), at
 
     # The acts, one after the other.
 
     def prepare(self):
         rules = [rule for path in self.options.files for rule in rules_of(path)]
         if len(rules) < 4:
-            raise Failed("these files hold fewer than four rules: nothing to show")
+            raise Unfit("these files hold fewer than four rules: nothing to show")
+        # A row that changes twice waits for the hardware in between.
+        writer = self.start("bastil-hwwriter", "--json", directory=self.path("trial"))
+        self.try_out(self.options.files, "")
         changed = [mirrored(rule) if i % 2 else rule for i, rule in enumerate(rules)]
         for name, lines in (("before", rules), ("after", changed)):
             with open(self.path(name + ".rules"), "w", encoding="utf-8") as file:
                 file.write("\n".join(lines) + "\n")
+        self.try_out([self.path("after.rules")], "the rules fit, but half of them are to be replaced "
+                                                 "while the others stay, and that does not: ")
+        writer.end(signal.SIGTERM)
+        shutil.rmtree(self.path("trial"))
         shutil.copy(self.path("before.rules"), self.path("live.rules"))
         self.page["rules"] = len(rules)
         self.say(f"{len(rules)} rules for {len(UNITS)} units; tables below {self.directory}")
+
+    def try_out(self, files, what):
+        """Has an agent take the files, one change after the other, and tells what it refuses."""
+        tried = subprocess.run(
+            [os.path.join(self.options.bin, "bastil-agent"), "--dir", self.path("trial"), "--once",
+             "--timeout", str(PATIENCE), "--", *files],
+            capture_output=True, text=True, errors="replace")
+        if tried.returncode != 0:
+            raise Unfit(what + tried.stderr.strip().removeprefix("bastil-agent: "))
 
     def measure(self):
         """A load at full speed, in a directory of its own, and with it the number of rows."""
@@ -269,12 +300,12 @@ class Demo:
         self.await_issued(issued + self.page["rows"] // 8, "the change")
         writer.end(signal.SIGKILL)
         writer = self.writer()
-        differed, took = self.reprogrammed(writer)
+        version, took = self.started(writer)
         self.page["changedRows"] = self.rows_written(agent)
         self.acknowledged(agent)
         self.page["writerBack"] = took
-        self.say(f"  the next one found {differed} rows to make up for, {took:.2f} s after its "
-                 f"start; {self.page['changedRows']} rows were changed in all")
+        self.say(f"  the next one went on at version {version}, {took:.2f} s after its start; "
+                 f"{self.page['changedRows']} rows were changed in all")
         return writer, agent
 
     def restart_without_change(self, writer, agent):
@@ -287,11 +318,12 @@ class Demo:
         self.page["versionsIssuedByRestart"] = self.issued() - before
         first = self.end_writer(writer)
         writer = self.writer()
-        self.page["rowsReprogrammedByRestart"], self.page["writerTakeover"] = \
-            self.reprogrammed(writer)
+        _, self.page["writerTakeover"] = self.started(writer)
         time.sleep(0.3)  # some packets more
         self.expect(agent.end(signal.SIGTERM) == 0, "the agent did not end cleanly")
         last = self.end_writer(writer)
+        self.page["rowsReprogrammedByRestart"] = sum(
+            last[what] - first[what] for what in ("written", "removed"))
         return first, last
 
     def sum_up(self, first, last):
@@ -317,6 +349,11 @@ class Demo:
     def run(self):
         try:
             self.prepare()
+        except Unfit as unfit:
+            print(f"demo: {unfit}", file=sys.stderr)
+            self.clean_up()
+            return 2
+        try:
             self.measure()
             first, last = self.restart_without_change(
                 *self.change_and_kill_the_writer(*self.load_and_kill_the_agent()))
@@ -376,10 +413,6 @@ def main():
     parser.add_argument("--seed", type=int, default=1, help="of the packets")
     parser.add_argument("files", nargs="+", metavar="FILE", help="rules in the ClassBench format")
     options = parser.parse_args()
-    for path in options.files:
-        if not os.access(path, os.R_OK):
-            print(f"demo: {path} cannot be read", file=sys.stderr)
-            return 2
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     return Demo(options).run()
 

@@ -7,51 +7,38 @@ namespace HwWriter {
 
 using Tables::Config;
 using Tables::ConfigRow;
+using Tables::Word;
 using Tables::Words;
 
 void Comparison::compare(const Config& config, Words key, const std::optional<ConfigRow>& row,
-                         const Bounds& bounds) {
+                         Word announced) {
   const Tables::TableKind& kind = config.kind();
   ++compared_;
+  const bool early = row && row->version > announced;
+  if (early && kind.tier != 0) return;
   const auto present = chip_.find(kind, config.unit(), key);
-  const bool early = row && row->version > bounds.upTo;
-  const bool ground = early && bounds.withGround && kind.tier == 0;
-  // On ground that is laid early a row in deletion stays until the log takes it away.
-  const bool wanted = row && (!row->isDeleted || ground);
-  if (early && !ground) {
-    later_.push_back({row->version, config.unit(), {key.begin(), key.end()}, row->isDeleted});
-    return;
-  }
+  // A row in deletion that is early stays until the log removes it.
+  const bool wanted = row && (!row->isDeleted || early);
   if (wanted ? present && std::ranges::equal(*present, row->entry) : !present) return;
-  if (wanted) {
-    const auto order = SimAsic::Pipeline::orderOf(kind, row->entry);
-    differences_.push_back({&kind, config.unit(), order, row->entry, true});
-  } else {
-    const auto order = SimAsic::Pipeline::orderOf(kind, *present);
-    differences_.push_back({&kind, config.unit(), order, {key.begin(), key.end()}, false});
-  }
+  const Words words = wanted ? Words(row->entry) : *present;
+  const auto order = SimAsic::Pipeline::orderOf(kind, words);
+  const Words stored = wanted ? words : key;
+  differences_.push_back({&kind, config.unit(), order, {stored.begin(), stored.end()}, wanted});
 }
 
-void Comparison::add(const Config& config, const Bounds& bounds) {
+void Comparison::add(const Config& config, Word announced) {
   const Tables::TableKind& kind = config.kind();
-  config.walk([&](const ConfigRow& row) { compare(config, keyOf(kind, row.entry), row, bounds); },
-              [&](const std::string& damage) { news_.warn(damage); });
+  config.walk(
+      [&](const ConfigRow& row) { compare(config, keyOf(kind, row.entry), row, announced); },
+      [&](const std::string& damage) { news_.warn(damage); });
   for (const auto& held : chip_.rows(kind, config.unit())) {
     const auto key = Tables::keyOf(kind, held);
     try {
-      if (!config.find(key)) compare(config, key, {}, bounds);
+      if (!config.find(key)) compare(config, key, {}, announced);
     } catch (const Fenrik::CorruptionDetectedException& e) {
-      // What is meant to be there cannot be told: the row stays as it is.
+      // What is configured there cannot be read: the row stays as it is.
       news_.warn(e.what());
     }
-  }
-}
-
-void Comparison::add(const Config& config, Words key, const Bounds& bounds) {
-  try {
-    compare(config, key, config.find(key), bounds);
-  } catch (const Fenrik::CorruptionDetectedException& e) {
-    news_.warn(e.what());
   }
 }
 

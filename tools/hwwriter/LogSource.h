@@ -15,31 +15,31 @@ using Tables::Words;
 /// Threads: one.
 class LogSource {
  public:
-  /// Throws `Drift::MountException`, as long as the agent has not made both.
+  /// Throws `Drift::MountException` while the agent has not made both.
   LogSource(const Drift::Directory& directory, const TableKind& kind);
 
   const TableKind& kind() const noexcept { return kind_; }
-  /// The agent has made one of the files anew: this object follows what nobody writes any more.
+  /// The agent has made one of the files anew: nobody writes these any more.
   bool replaced() const { return log_.file().replaced() || needed_.file().replaced(); }
 
-  /// Moves when another agent takes the log over, before that one announces anything.
-  Word generation() const { return log_.generation(); }
+  /// Tells this log from one that is made anew in its place.
+  Word seed() const { return log_.seed(); }
 
   /// How far one may go. Throws `Fenrik::CorruptionDetectedException`.
   Word announced() const;
-  /// What to sleep at; the bell as it was before the last look at `announced`.
+  /// The doorbell to sleep at, as it was before the last call of `announced`.
   Drift::BellSeen bell() const noexcept { return {&log_.file(), seen_}; }
 
   enum class Read {
     found,
     absent,  ///< a version that was never logged
-    lost,    ///< records from here on have gone, or cannot be read
+    lost,    ///< removed from the log, or damaged
   };
   /// The record of a version that was announced.
   Read read(Word version, Tables::LogRow& row) const;
 
-  /// What the version needs of other tables; nothing if that cannot be read any more. To be asked
-  /// for ascending versions, for each as often as is liked.
+  /// The versions of other tables that this one needs; null if that cannot be read any more.
+  /// REQUIRES: versions ascend from call to call; each may be asked for any number of times.
   const std::vector<Asic::TableVersion>* needs(Word version);
 
  private:
@@ -52,7 +52,7 @@ class LogSource {
   Drift::DenseView neededView_;
   mutable std::uint32_t seen_ = 0;
   mutable std::vector<Word> record_;
-  /// The needed record ahead, and the number of the one behind it.
+  /// The next needed record that was not consumed, and the sequence number after it.
   std::optional<Asic::NeededEntryRecord> ahead_;
   Word sequence_ = 0;
   Word needsOf_ = 0;

@@ -2,6 +2,7 @@
 #include <csignal>
 
 #include "hwwriter/Writer.h"
+#include "program/Program.h"
 
 namespace {
 
@@ -10,8 +11,8 @@ volatile std::sig_atomic_t stopAsked = 0;
 void askToStop(int /*signal*/) { stopAsked = 1; }
 
 constexpr const char* kStatus =
-    "Exit status: 0 a clean end, 1 a violation or a mismatch was counted, 2 wrong use, 3 a file or "
-    "the directory cannot be used.";
+    "Exit status: 0 a clean end, 1 a violation or a mismatch was counted, or --once left something "
+    "undone, 2 wrong use, 3 a file or the directory cannot be used.";
 
 }  // namespace
 
@@ -21,6 +22,7 @@ int main(int argc, char** argv) {
   CLI::App app("Takes what an agent commits below a directory to a simulated chip.",
                "bastil-hwwriter");
   app.footer(kStatus);
+  app.set_version_flag("--version", Program::versionOf("bastil-hwwriter"));
   app.add_option("--dir", options.directory, "the agent's directory")->required();
   app.add_option("--rate", options.rate, "rows a second at most");
   app.add_option("--delay", delay, "microseconds that each batch takes");
@@ -33,13 +35,20 @@ int main(int argc, char** argv) {
       ->needs(rules);
   app.add_option("--seed", options.seed, "of the packets");
   app.add_flag("--json", options.json, "tell in lines of JSON");
-  app.add_flag("--once", options.once, "end when everything announced is programmed");
+  auto* const once =
+      app.add_flag("--once", options.once, "end when everything announced is programmed");
+  app.add_option("--timeout", options.timeout,
+                 "seconds after which --once gives up; without it, when nothing moves for 3")
+      ->check(Program::positiveNumber)
+      ->needs(once);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : 2;
   }
   options.delay = std::chrono::microseconds(delay);
+  Program::raiseFileLimit();
+  ::signal(SIGPIPE, SIG_IGN);
   struct sigaction action {};
   action.sa_handler = askToStop;
   ::sigaction(SIGTERM, &action, nullptr);

@@ -2,22 +2,27 @@
 
 #include <cstdio>
 
+#include "program/Program.h"
+
 namespace HwWriter {
 
 void News::tell(const char* event, const std::string& text, nlohmann::ordered_json facts) const {
   if (json_) {
     nlohmann::ordered_json line{{"event", event}};
     line.update(facts);
-    fmt::print("{}\n", line.dump());
+    Program::print(line.dump() + '\n');
   } else {
-    fmt::print("{}\n", text);
+    Program::print(text + '\n');
   }
-  std::fflush(stdout);
 }
 
 void News::warn(const std::string& text) const {
-  if (text == lastWarning_) return;
-  lastWarning_ = text;
+  constexpr std::chrono::seconds kInterval(10);
+  // Texts that are remembered; a flood of different ones is cut off here.
+  constexpr std::size_t kRemembered = 64;
+  const auto now = Clock::now();
+  std::erase_if(warned_, [&](const auto& warned) { return now - warned.second >= kInterval; });
+  if (warned_.size() >= kRemembered || !warned_.emplace(text, now).second) return;
   fmt::print(stderr, "bastil-hwwriter: {}\n", text);
 }
 

@@ -7,12 +7,12 @@
 
 namespace HwWriter {
 
-/// What the command line asks for.
+/// The command line.
 struct Options {
   std::string directory;
   /// Rows a second; 0: as fast as it goes.
   std::uint64_t rate = 0;
-  /// What a batch takes on its way to the chip, before it is reported.
+  /// Time that a batch takes on its way to the chip, before it is reported.
   std::chrono::microseconds delay{0};
   /// Rows of a table that are programmed before they are reported.
   unsigned batch = 256;
@@ -22,6 +22,8 @@ struct Options {
   std::vector<std::string> rules;
   bool json = false;
   bool once = false;
+  /// Seconds after which `once` gives up; 0: as long as something moves.
+  double timeout = 0;
 };
 
 }  // namespace HwWriter

@@ -8,7 +8,7 @@
 
 namespace HwWriter {
 
-/// Keeps programming as slow as a chip would be.
+/// Slows programming down to the speed of a real chip.
 class Pace {
  public:
   explicit Pace(const Options& options) : rate_(options.rate), delay_(options.delay) {}
@@ -17,9 +17,9 @@ class Pace {
   void row() {
     if (rate_ == 0) return;
     const auto now = Clock::now();
-    // What was not used while there was nothing to do is not made up for.
+    // Idle time gives no credit.
     due_ = std::max(due_, now) + std::chrono::nanoseconds(std::chrono::seconds(1)) / rate_;
-    // A sleep shorter than this is longer than asked for.
+    // Shorter sleeps overshoot.
     constexpr auto kWorthSleeping = std::chrono::milliseconds(1);
     if (due_ - now > kWorthSleeping) std::this_thread::sleep_until(due_);
   }

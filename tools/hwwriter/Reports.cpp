@@ -31,9 +31,20 @@ void Reports::report(const Tables::TableKind& kind, Tables::Word version) {
   reported_[kind.id] = version;
 }
 
+void Reports::refresh() {
+  for (auto& [name, group] : groups_) {
+    if (group.map == nullptr || !group.map->file().replaced()) continue;
+    memory_->entityDel(group.map->path());
+    group.map = nullptr;
+    std::erase_if(reported_, [&name = name](const auto& reported) {
+      return Tables::kindOf(reported.first)->group == name;
+    });
+  }
+}
+
 void Reports::ring() {
   for (auto& [name, group] : groups_) {
-    if (std::exchange(group.ringDue, false)) group.map->ring();
+    if (std::exchange(group.ringDue, false) && group.map != nullptr) group.map->ring();
   }
 }
 

@@ -8,20 +8,19 @@
 
 namespace HwWriter {
 
-/// The table-version maps through which the agent hears how far the chip has come, one for each
-/// group of tables.
+/// The table-version maps, one for each group of tables: they tell the agent how far the chip is.
 class Reports {
  public:
   /// Throws `Drift::MountException`.
   explicit Reports(const std::string& directory);
 
-  /// The last version that was reported for the table.
-  Tables::Word reported(const Tables::TableKind& kind);
-  /// Every record of the table's log up to the version is in hardware. A version below the last one
-  /// is no news.
+  /// Every record of the table's log up to the version is in hardware. A version that is not above
+  /// the last report changes nothing.
   void report(const Tables::TableKind& kind, Tables::Word version);
   /// Wakes the agent, if anything was reported since.
   void ring();
+  /// Opens maps again that were removed or made anew; they hold no report then.
+  void refresh();
 
  private:
   struct Group {
@@ -29,6 +28,7 @@ class Reports {
     bool ringDue = false;
   };
   Group& group(const Tables::TableKind& kind);
+  Tables::Word reported(const Tables::TableKind& kind);
 
   Fenrik::Ptr<KivSharedMem::EntityManager> memory_;
   std::map<std::string, Group> groups_;

@@ -5,7 +5,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-/// What the chip holds, beside what is configured.
+/// The chip's contents beside the configuration's.
 std::string describe(SimAsic::Chip& chip, const std::vector<Table>& tables, Json& facts) {
   Json programmed = Json::object();
   std::uint64_t ofChip = 0;
@@ -37,6 +37,20 @@ std::string describe(SimAsic::Chip& chip, const std::vector<Table>& tables, Json
 
 }  // namespace
 
+/// What `--once` has left, and why.
+std::string Writer::undone() {
+  if (chip_ == nullptr) {
+    return fmt::format("{}: no agent has made any table there", options_.directory);
+  }
+  if (drained()) {
+    return fmt::format("{} rows of the chip are not as configured; bastilctl verify tells more",
+                       differences());
+  }
+  std::string text = "not everything that was announced is programmed";
+  for (const auto& [id, wait] : waits_) text += "; " + wait;
+  return text;
+}
+
 int Writer::summary() {
   Json facts = Json::object();
   std::string text = "nothing was programmed: no agent came";
@@ -45,6 +59,10 @@ int Writer::summary() {
     chip_->metersStore();
     text = describe(*chip_, tables_, facts);
     faults += chip_->meters().violations;
+  }
+  if (options_.once && !complete_) {
+    ++faults;
+    news_.warn(undone());
   }
   if (classifier_) {
     faults += classifier_->mismatches();

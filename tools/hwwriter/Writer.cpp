@@ -1,8 +1,6 @@
 #include "hwwriter/Writer.h"
 
 #include <algorithm>
-#include <limits>
-#include <map>
 
 #include "Fenrik/Format.h"
 
@@ -12,14 +10,16 @@ namespace {
 using Drift::MountException;
 using Drift::MountStage;
 
-/// How often the writer looks for files that came, went or changed hands: no bell tells of that.
+/// How often the writer looks for files that came or were replaced: no bell tells of that.
 constexpr std::chrono::milliseconds kLookInterval(100);
-/// The same while a table is not there yet.
+/// The same while a table is missing.
 constexpr std::chrono::milliseconds kEagerLookInterval(5);
-/// So many of them what another process holds may stay held.
+/// Looks for which a foreign lock is tolerated.
 constexpr unsigned kBusyLooks = 20;
-/// So many looks without anything to do are the end of `--once`, whatever is left.
-constexpr unsigned kIdleLooks = 30;
+/// How long `--once` waits, without `--timeout`, when nothing moves.
+constexpr std::chrono::seconds kPatience(3);
+/// Standstill after which the user is told what is waited for.
+constexpr std::chrono::seconds kSilence(1);
 
 }  // namespace
 
@@ -28,7 +28,7 @@ Writer::Writer(const Options& options) : options_(options), news_(options.json),
   for (const TableKind& kind : Tables::tableKinds()) tables_.emplace_back(kind);
 }
 
-/// The agent's files that are there; false as long as there are none.
+/// Opens what the agent has made; false as long as that is nothing.
 bool Writer::open() {
   if (!directory_) {
     try {
@@ -42,45 +42,67 @@ bool Writer::open() {
   for (Table& table : tables_) any = table.open(*directory_, news_) || any;
   if (!any || chip_ != nullptr) return any;
   reports_.emplace(options_.directory);
-  chip_ = std::make_unique<SimAsic::Chip>(options_.directory + "/asic");
+  chip_ = std::make_unique<SimAsic::Chip>(
+      fmt::format("{}/{}", options_.directory, Tables::kChipFolder));
   return true;
 }
 
-/// Takes up what has appeared or passed to another agent since the last look.
+/// Takes up what has appeared, or was replaced, since the last look.
 void Writer::look() {
   if (!open()) return;
-  Comparison comparison(*chip_, news_);
-  bool taken = false;
-  for (Table& table : tables_) {
-    if (table.source() != nullptr) taken = table.takeoverSeen() || taken;
+  reports_->refresh();
+  std::string lost;
+  for (const Table& table : tables_) {
+    if (table.source() != nullptr && lost.empty()) lost = table.lost(*chip_);
   }
-  for (Table& table : tables_) {
-    if (table.source() == nullptr) continue;
-    table.compare(*directory_, comparison, chip_->programmed(table.kind()), taken, news_);
+  if (lost.empty()) {
+    for (const Table& table : tables_) {
+      if (table.source() != nullptr) table.followedBy(*chip_);
+    }
+    reportAll();
+  } else {
+    startOver(lost);
   }
-  if (comparison.compared() == 0) return;
-  const std::size_t programmed = comparison.program();
-  news_.tell("compared",
-             fmt::format("compared {} rows with the configuration: {} differed and were programmed",
-                         comparison.compared(), programmed),
-             {{"rows", comparison.compared()}, {"programmed", programmed}});
+  if (!std::exchange(started_, true)) tellStarted();
 }
 
-/// The place in a log is lost: brings the chip to the configuration as it is and goes on from what
-/// was announced until now.
+void Writer::tellStarted() {
+  std::string text = "started; the chip is programmed";
+  nlohmann::ordered_json programmed = nlohmann::ordered_json::object();
+  for (const Table& table : tables_) {
+    const TableKind& kind = table.kind();
+    programmed[std::string(kind.name)] = chip_->programmed(kind);
+    text += fmt::format("{} to version {} of {}", programmed.size() == 1 ? "" : ",",
+                        chip_->programmed(kind), kind.name);
+  }
+  news_.tell("started", text, {{"programmed", programmed}});
+}
+
+/// Reports what the chip has; nothing but the first time, and in a map that was made anew.
+void Writer::reportAll() {
+  for (const Table& table : tables_) {
+    if (table.source() == nullptr) continue;
+    const Word announced = table.source()->announced();
+    const Word programmed = chip_->programmed(table.kind());
+    if (programmed <= announced) reports_->report(table.kind(), programmed);
+  }
+  reports_->ring();
+}
+
+/// The place in a log is lost: brings the chip to the configuration, and goes on from the versions
+/// that are announced now.
 void Writer::startOver(const std::string& why) {
   Comparison comparison(*chip_, news_);
   std::map<const Table*, Word> announced;
   for (Table& table : tables_) {
     if (table.source() != nullptr) announced[&table] = table.source()->announced();
   }
-  for (Table& table : tables_) {
-    if (!announced.contains(&table)) continue;
-    table.compareAnew(comparison, {.upTo = announced[&table], .withGround = true});
-  }
+  // The configurations are read after the versions: they hold what was announced.
+  for (const auto& [table, version] : announced) table->compare(comparison, version);
   const std::size_t programmed = comparison.program();
   for (const auto& [table, version] : announced) {
     chip_->programmedIs(table->kind(), version);
+    table->followedBy(*chip_);
     reports_->report(table->kind(), version);
   }
   reports_->ring();
@@ -91,25 +113,50 @@ void Writer::startOver(const std::string& why) {
              {{"why", why}, {"rows", comparison.compared()}, {"programmed", programmed}});
 }
 
-bool Writer::satisfied(const std::vector<Asic::TableVersion>& needs) {
+bool Writer::satisfied(const TableKind& kind, Word version,
+                       const std::vector<Asic::TableVersion>& needs) {
   for (const Asic::TableVersion& need : needs) {
     const auto other = std::ranges::find(tables_, need.tableId(),
                                          [](const Table& table) { return table.kind().id; });
     if (other == tables_.end()) {
-      news_.warn(fmt::format("table {} is needed and not known here; going on without", need));
+      news_.warn(fmt::format("{}: table {} is needed and not known here; going on without",
+                             kind.name, need.tableId()));
       continue;
     }
-    if (other->source() == nullptr) return false;
-    // What was never announced cannot have been built upon: it was in a log that is lost.
-    const Word version = std::min(need.logVersion().value(), other->source()->announced());
-    if (chip_->programmed(other->kind()) < version) {
-      raised_ = raised_ || other->demanded < version;
-      other->demanded = std::max(other->demanded, version);
+    const Word announced = other->source() == nullptr ? 0 : other->source()->announced();
+    // A version that was never announced was in a log that is lost: nothing was built on it.
+    const bool there = other->source() != nullptr;
+    const Word needed =
+        there ? std::min(need.logVersion().value(), announced) : need.logVersion().value();
+    if (!there || chip_->programmed(other->kind()) < needed) {
+      waits(kind, version, *other, needed);
       return false;
     }
-    reports_->report(other->kind(), version);
+    reports_->report(other->kind(), needed);
   }
   return true;
+}
+
+void Writer::waits(const TableKind& kind, Word version, const Table& other, Word needed) {
+  chip_->waitsIs(kind, &other.kind(), needed);
+  waits_[kind.id] =
+      fmt::format("{}: version {} waits for version {} of {}, {}", kind.name, version, needed,
+                  other.kind().name,
+                  other.source() == nullptr
+                      ? "whose log is not there"
+                      : fmt::format("which is programmed to {}", chip_->programmed(other.kind())));
+}
+
+/// Rate limited by `News::warn`.
+void Writer::tellWaits() {
+  if (Clock::now() - moved_ < kSilence) return;
+  if (chip_ == nullptr) {
+    news_.warn(
+        fmt::format("{}: no agent has made any table there; waiting for one", options_.directory));
+    return;
+  }
+  if (!waits_.empty()) chip_->metersStore();
+  for (const auto& [id, text] : waits_) news_.warn(text);
 }
 
 void Writer::apply(const TableKind& kind, const Tables::LogRow& row) {
@@ -122,33 +169,24 @@ void Writer::apply(const TableKind& kind, const Tables::LogRow& row) {
   }
 }
 
-/// While something that the next agent builds on is missing, its table goes up to where that
-/// belongs, and the others as far as it needs them: no further than the agent that died.
-Word Writer::limitOf(const Table& table, Word announced) const {
-  const Word cut = table.cut();
-  if (cut != 0) return std::min(announced, cut - 1);
-  const bool held =
-      std::ranges::any_of(tables_, [](const Table& other) { return other.cut() != 0; });
-  return held ? std::min(announced, table.demanded) : announced;
-}
-
 Writer::Step Writer::advance(Table& table) {
   const TableKind& kind = table.kind();
   LogSource& source = *table.source();
   const Word announced = source.announced();
-  if (table.takenOver()) return Step::taken;
   Word version = chip_->programmed(kind);
   const auto lost = [&](const char* what) {
-    lost_ = fmt::format("{}: {} behind version {}", kind.name, what, version);
+    lost_ = fmt::format("{}: {} after version {}", kind.name, what, version);
     return Step::lost;
   };
   if (announced < version) return lost("the log was made anew and ends");
   const Word begin = version;
-  const Word end = std::min(limitOf(table, announced), version + options_.batch);
+  const Word end = std::min(announced, version + options_.batch);
+  chip_->waitsIs(kind, nullptr, 0);
+  waits_.erase(kind.id);
   for (; version < end; ++version) {
     const auto* const needs = source.needs(version + 1);
     if (needs == nullptr) return lost("needed versions cannot be read");
-    if (!satisfied(*needs)) break;
+    if (!satisfied(kind, version + 1, *needs)) break;
     const auto read = source.read(version + 1, row_);
     if (read == LogSource::Read::lost) return lost("the log has gone on, or cannot be read");
     if (read == LogSource::Read::found) apply(kind, row_);
@@ -157,6 +195,7 @@ Writer::Step Writer::advance(Table& table) {
     if (classifier_) classifier_->changed(*chip_);
   }
   if (version <= begin) return Step::nothing;
+  moved_ = Clock::now();
   pace_.batch();
   reports_->report(kind, version);
   return Step::some;
@@ -169,22 +208,19 @@ bool Writer::advance() {
     if (table.source() == nullptr) continue;
     try {
       const Step step = advance(table);
-      if (step == Step::taken || step == Step::lost) look();
+      // Look first: what was lost may have been made anew.
+      if (step == Step::lost) look();
       if (step == Step::lost) startOver(lost_);
       some = some || step != Step::nothing;
     } catch (const Fenrik::CorruptionDetectedException& e) {
       news_.warn(e.what());
     }
   }
-  some = std::exchange(raised_, false) || some;
-  if (chip_ == nullptr || !some) return some;
+  if (!some) return false;
   chip_->metersStore();
   reports_->ring();
-  if (!chip_->lastViolation().empty()) {
-    news_.warn(fmt::format("violation: {}: a rule points at a prefix that is not there",
-                           chip_->lastViolation()));
-  }
-  return some;
+  if (!chip_->lastViolation().empty()) news_.warn("violation: " + chip_->lastViolation());
+  return true;
 }
 
 /// Whether everything that was announced is programmed.
@@ -195,51 +231,13 @@ bool Writer::drained() const {
   });
 }
 
-/// Programs what was configured and not logged, when the chip has come to its version, or to the
-/// end of everything that was announced: what it builds on was announced before.
-bool Writer::settle(Table& table, bool everything) {
-  const Word upTo = everything ? std::numeric_limits<Word>::max() : chip_->programmed(table.kind());
+/// Rows in which chip and configuration differ, those left out that are still to be announced.
+std::size_t Writer::differences() {
   Comparison comparison(*chip_, news_);
-  table.compareLater(comparison, upTo, {.upTo = upTo});
-  if (comparison.compared() == 0 || (everything && !drained())) return false;
-  table.laterDone(comparison, upTo, false);
-  tellSettled(table, comparison.program());
-  return true;
-}
-
-/// Makes up for what the next agent builds on, once nothing that was logged before it is missing.
-bool Writer::settleCut() {
-  bool some = false;
-  for (Table& table : tables_) {
-    const Word version = table.cut();
-    if (version == 0 || table.source() == nullptr) continue;
-    Comparison comparison(*chip_, news_);
-    table.compareCut(comparison, version);
-    table.laterDone(comparison, version, true);
-    tellSettled(table, comparison.program());
-    some = true;
+  for (const Table& table : tables_) {
+    if (table.source() != nullptr) table.compare(comparison, chip_->programmed(table.kind()));
   }
-  return some;
-}
-
-void Writer::tellSettled(const Table& table, std::size_t count) const {
-  if (count == 0) return;
-  news_.tell("settled",
-             fmt::format("{}: {} rows had been configured by an agent that died before it logged "
-                         "them, and were programmed",
-                         table.kind().name, count),
-             {{"table", table.kind().name}, {"programmed", count}});
-}
-
-bool Writer::settle() {
-  bool some = settleCut();
-  for (const bool everything : {false, true}) {
-    for (Table& table : tables_) {
-      if (table.source() == nullptr || !table.hasLater() || (everything && !drained())) continue;
-      some = settle(table, everything) || some;
-    }
-  }
-  return some;
+  return comparison.differences();
 }
 
 std::chrono::milliseconds Writer::lookInterval() const {
@@ -259,7 +257,7 @@ void Writer::sleep() const {
 /// True if there may be more to do at once.
 bool Writer::work() {
   constexpr unsigned kPacketsBetweenLooks = 64;
-  if (options_.once && chip_ == nullptr) {
+  if (options_.once && chip_ == nullptr && options_.timeout == 0) {
     throw MountException(
         MountStage::absent,
         Fenrik::formatString("{}: no agent has made any table there; start one with the same "
@@ -267,17 +265,27 @@ bool Writer::work() {
                              options_.directory));
   }
   if (chip_ == nullptr) return false;
-  if (advance() || settle()) return true;
+  if (advance()) return true;
   return classifier_ && drained() && classifier_->rest(*chip_, kPacketsBetweenLooks);
 }
 
-/// Whether what was asked for has been done.
-bool Writer::done() { return options_.once && chip_ != nullptr && drained(); }
+/// Whether `--once` has come to its end: the chip has what was announced and is what is configured.
+bool Writer::done() {
+  if (!options_.once || chip_ == nullptr || !drained()) return false;
+  complete_ = differences() == 0;
+  return complete_;
+}
+
+bool Writer::givesUp() const {
+  if (!options_.once) return false;
+  const auto now = Clock::now();
+  if (options_.timeout != 0) return now - began_ >= std::chrono::duration<double>(options_.timeout);
+  return now - moved_ >= kPatience;
+}
 
 int Writer::run(const volatile std::sig_atomic_t& stop) {
-  using Clock = std::chrono::steady_clock;
   Clock::time_point nextLook{};
-  while (stop == 0) {
+  while (stop == 0 && !givesUp()) {
     try {
       if (Clock::now() >= nextLook) {
         look();
@@ -285,7 +293,6 @@ int Writer::run(const volatile std::sig_atomic_t& stop) {
       }
       const bool more = work();
       busy_ = 0;
-      if (more) idle_ = 0;
       if (more) continue;
       if (done()) break;
     } catch (const Fenrik::CorruptionDetectedException& e) {
@@ -296,11 +303,7 @@ int Writer::run(const volatile std::sig_atomic_t& stop) {
       // An agent that comes up holds the reports for a moment, to make them.
       if (e.stage() != MountStage::busy || ++busy_ > kBusyLooks) throw;
     }
-    if (options_.once && ++idle_ > kIdleLooks) {
-      throw Fenrik::Exception(Fenrik::formatString(
-          "{}: not everything that was announced can be programmed; bastilctl verify tells more",
-          options_.directory));
-    }
+    tellWaits();
     sleep();
   }
   return summary();

@@ -15,40 +15,44 @@ namespace HwWriter {
 ///
 /// I1. A version is programmed after those before it in the log of its table, and after everything
 ///     that it needs of other tables; it is reported after it is programmed.
-/// I2. A death at any instruction leaves a chip that a successor brings to the configuration by
-///     programming what differs, and nothing else.
+/// I2. Whatever the chip is programmed to is reported, also after a death between the two, and in a
+///     report map that was made anew.
+/// I3. The log alone moves the chip. Configuration and chip are compared only after the chip or one
+///     of the collections that it followed was lost, and only differences are programmed then.
 class Writer {
  public:
   /// Throws what reading the rule files throws.
   explicit Writer(const Options& options);
 
-  /// Works until `stop` is set, or, if so asked, until everything that was announced is programmed.
-  /// Returns the exit status. Throws `Drift::MountException` when the directory cannot be used.
+  /// Works until `stop` is set or, with `--once`, until everything announced is programmed. Returns
+  /// the exit status. Throws `Drift::MountException` when the directory cannot be used.
   int run(const volatile std::sig_atomic_t& stop);
 
  private:
-  enum class Step { nothing, some, lost, taken };
+  enum class Step { nothing, some, lost };
+  using Clock = std::chrono::steady_clock;
 
   bool open();
   void look();
+  void tellStarted();
+  void reportAll();
   void startOver(const std::string& why);
 
   bool advance();
   Step advance(Table& table);
-  Word limitOf(const Table& table, Word announced) const;
-  bool satisfied(const std::vector<Asic::TableVersion>& needs);
+  bool satisfied(const TableKind& kind, Word version, const std::vector<Asic::TableVersion>& needs);
   void apply(const TableKind& kind, const Tables::LogRow& row);
-
-  bool drained() const;
-  bool settle();
-  bool settleCut();
-  bool settle(Table& table, bool everything);
-  void tellSettled(const Table& table, std::size_t count) const;
+  void waits(const TableKind& kind, Word version, const Table& other, Word needed);
+  void tellWaits();
 
   bool work();
+  bool drained() const;
+  std::size_t differences();
   bool done();
+  bool givesUp() const;
   std::chrono::milliseconds lookInterval() const;
   void sleep() const;
+  std::string undone();
   int summary();
 
   Options options_;
@@ -60,13 +64,17 @@ class Writer {
   std::optional<Reports> reports_;
   /// The lowest tier first.
   std::vector<Table> tables_;
+  /// Why the place in a log is lost.
   std::string lost_;
-  /// Some table is demanded further than before.
-  bool raised_ = false;
-  /// How often in a row something was held by another process.
+  /// For which version of another table a table waits, in words, by the waiting table.
+  std::map<Asic::SwTableId, std::string> waits_;
+  Clock::time_point began_ = Clock::now();
+  /// When something was last programmed.
+  Clock::time_point moved_ = began_;
+  /// Looks in a row at which another process held a collection.
   unsigned busy_ = 0;
-  /// Looks in a row at which there was nothing that could be done.
-  unsigned idle_ = 0;
+  bool started_ = false;
+  bool complete_ = false;
   Tables::LogRow row_;
 };
 

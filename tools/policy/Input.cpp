@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <new>
 #include <unordered_map>
 
+#include "Drift/Directory.h"
 #include "policy/RuleFile.h"
 
 namespace Policy {
@@ -19,16 +21,12 @@ namespace {
   throw InputError(fmt::format("{}: cannot be read: {}", path, std::strerror(error)));
 }
 
-/// A descriptor that is closed with its object.
-struct OpenFile {
-  explicit OpenFile(const std::string& path) : fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (fd < 0) failToRead(path, errno);
-  }
-  ~OpenFile() { ::close(fd); }
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
-  int fd;
-};
+/// Opens without waiting for a writer, as a FIFO would have it.
+Drift::Descriptor openToRead(const std::string& path) {
+  Drift::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!file.valid()) failToRead(path, errno);
+  return file;
+}
 
 bool holdsRules(std::string_view text) {
   while (!text.empty()) {
@@ -41,7 +39,7 @@ bool holdsRules(std::string_view text) {
   return false;
 }
 
-/// The files that ask for a prefix, so that two that contradict each other are told.
+/// Which file asked for a prefix first, for the message about two that contradict each other.
 class RouteBook {
  public:
   void add(const std::string& file, const std::vector<Route>& routes, std::vector<Route>& out) {
@@ -73,14 +71,18 @@ class RouteBook {
 }  // namespace
 
 std::string textOfFile(const std::string& path) {
-  const OpenFile file(path);
+  const Drift::Descriptor file = openToRead(path);
   struct stat status {};
-  if (::fstat(file.fd, &status) != 0) failToRead(path, errno);
+  if (::fstat(file.get(), &status) != 0) failToRead(path, errno);
+  if (S_ISDIR(status.st_mode)) failToRead(path, EISDIR);
+  if (!S_ISREG(status.st_mode)) {
+    throw InputError(fmt::format("{}: cannot be read: it is not a regular file", path));
+  }
   std::string text(static_cast<std::size_t>(status.st_size), '\0');
   std::size_t size = 0;
   for (;;) {
     if (size == text.size()) text.resize(size + 65536);
-    const ssize_t got = ::read(file.fd, text.data() + size, text.size() - size);
+    const ssize_t got = ::read(file.get(), text.data() + size, text.size() - size);
     if (got < 0 && errno != EINTR) failToRead(path, errno);
     if (got == 0) break;
     if (got > 0) size += static_cast<std::size_t>(got);
@@ -106,16 +108,25 @@ void addRules(Wanted& wanted, std::span<const Rule> rules) {
   }
 }
 
-Wanted wantedOf(std::span<const std::string> paths) {
+Content contentOf(const std::string& path) try {
+  const std::string text = textOfFile(path);
+  Content content{.path = path, .rules = {}, .routes = {}};
+  if (holdsRules(text)) {
+    content.rules = rulesOf(path, text);
+  } else {
+    content.routes = routesOf(path, text);
+  }
+  return content;
+} catch (const std::bad_alloc&) {
+  throw InputError(fmt::format("{}: cannot be read: there is not enough memory for it", path));
+}
+
+Wanted wantedOf(std::span<const Content> contents) {
   Wanted wanted;
   RouteBook book;
-  for (const std::string& path : paths) {
-    const std::string text = textOfFile(path);
-    if (holdsRules(text)) {
-      addRules(wanted, rulesOf(path, text));
-    } else {
-      book.add(path, routesOf(path, text), wanted.routes);
-    }
+  for (const Content& content : contents) {
+    addRules(wanted, content.rules);
+    book.add(content.path, content.routes, wanted.routes);
   }
   return wanted;
 }

@@ -6,11 +6,10 @@
 #include <vector>
 
 #include "policy/PrefixFile.h"
-#include "policy/Rule.h"
 
 namespace Policy {
 
-/// What the tables of a unit are to carry out.
+/// The policy that the tables of a unit are to carry out.
 struct Wanted {
   /// In the order of their priority, no rule twice.
   std::vector<Rule> rules;
@@ -20,15 +19,26 @@ struct Wanted {
   std::size_t repeated = 0;
 };
 
-/// The text of a file. Throws `InputError` if it cannot be read.
+/// The text of a regular file. Throws `InputError` if it cannot be read.
 std::string textOfFile(const std::string& path);
 
-/// Files of rules and files of prefixes, in the order given: rules of an earlier file go first. A
-/// file in which a line begins with '@' is one of rules. Throws `InputError`: then nothing of any
-/// of them is to be used.
-Wanted wantedOf(std::span<const std::string> paths);
+/// The rules or the prefixes of one file.
+struct Content {
+  std::string path;
+  std::vector<Rule> rules;
+  std::vector<Route> routes;
 
-/// Adds rules behind those that are there.
+  bool empty() const noexcept { return rules.empty() && routes.empty(); }
+};
+
+/// Reads one file. It is one of rules if a line of it begins with '@'. Throws `InputError`.
+Content contentOf(const std::string& path);
+
+/// The contents of files together, in their order: rules of an earlier file go first. Throws
+/// `InputError` if they contradict each other.
+Wanted wantedOf(std::span<const Content> contents);
+
+/// Appends rules.
 void addRules(Wanted& wanted, std::span<const Rule> rules);
 
 }  // namespace Policy

@@ -26,24 +26,24 @@ class LineReader {
 
   /// Passes blanks and tabs.
   void skipBlanks() noexcept;
-  /// Whether the line, or what is left of it, says nothing: blanks and a comment from '#' on.
+  /// Whether the rest of the line is blanks and a comment ('#').
   bool atEnd() noexcept;
   /// Passes the character if it is the next one.
   bool accept(char character) noexcept;
-  /// The same, and it must be.
+  /// As above; fails if it is not.
   void pass(char character, std::string_view expected);
-  /// A number up to `most`, decimal, or hexadecimal behind "0x".
+  /// A number up to `most`, decimal, or hexadecimal after "0x".
   std::uint32_t number(std::uint32_t most, std::string_view expected);
   /// Four octets with points between them.
   std::uint32_t address();
-  /// Address and length. Bits behind the length are dropped.
+  /// Address and length. Bits beyond the length are dropped.
   Prefix prefix();
 
   [[noreturn]] void fail(std::string_view expected) const;
 
  private:
   [[noreturn]] void failAt(std::size_t at, std::string_view expected) const;
-  /// What stands at a position, up to the next blank.
+  /// The characters from a position to the next blank.
   std::string_view wordAt(std::size_t at) const noexcept;
   std::uint32_t octet(std::size_t start);
 
@@ -53,7 +53,7 @@ class LineReader {
   std::size_t at_ = 0;
 };
 
-/// Calls `read` with each line of the text that says something. Lines end with LF or CR LF.
+/// Calls `read` with each line that is not blank. Lines end with LF or CR LF.
 template <class Read>
 void readLines(const std::string& file, std::string_view text, Read read) {
   for (unsigned number = 1; !text.empty(); ++number) {

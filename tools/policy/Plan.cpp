@@ -13,7 +13,7 @@ namespace {
 
 using Node = PrefixTree::Node;
 
-/// A row that no plan has written may have any key.
+/// Rows that no plan wrote may have any key.
 bool isPrefix(const Prefix& prefix) {
   return prefix.length == 32 ||
          (prefix.length < 32 && (prefix.address & (~0U >> prefix.length)) == 0);
@@ -35,7 +35,7 @@ PrefixTree treeOf(const Picture& picture, const Wanted& wanted) {
     want(rule.destination, 0);
   }
   for (const Route& route : wanted.routes) want(route.prefix, route.nextHop);
-  // Whatever no other prefix holds has a label too.
+  // Addresses that no other prefix holds need a label too.
   if (!wanted.rules.empty() || !wanted.routes.empty()) want({}, 0);
   return PrefixTree(nodes);
 }
@@ -92,12 +92,23 @@ class Planner {
     plan.steps = steps_.take();
     plan.rules = wanted_.rules.size();
     plan.prefixes =
-        static_cast<std::size_t>(std::ranges::count(tree_.nodes(), true, &Node::wanted));
+        static_cast<std::size_t>(std::ranges::count(tree_.nodes(), true, &Node::wanted)) -
+        (defaultIsExtra() ? 1 : 0);
     plan.nextIndex = free_.next();
     return plan;
   }
 
  private:
+  /// Whether the row of 0.0.0.0/0 is there for the labels alone.
+  bool defaultIsExtra() const {
+    const auto named = [](const Rule& rule) {
+      return rule.source.length == 0 || rule.destination.length == 0;
+    };
+    return !(wanted_.rules.empty() && wanted_.routes.empty()) &&
+           std::ranges::none_of(wanted_.rules, named) &&
+           std::ranges::find(wanted_.routes, Prefix{}, &Route::prefix) == wanted_.routes.end();
+  }
+
   struct Ends {
     std::uint32_t source = 0;
     std::uint32_t destination = 0;

@@ -15,8 +15,7 @@ namespace Policy {
 struct Picture {
   std::vector<PrefixRow> prefixes;
   std::vector<PlacedRule> rules;
-  /// Where the search for a free row begins: rows that were removed a moment ago are the last ones
-  /// to be taken again.
+  /// Where the search for a free row begins: freshly removed rows are reused last.
   std::uint16_t nextIndex = 0;
 };
 
@@ -42,26 +41,27 @@ struct Step {
   bool removes = false;
   /// An earlier step of the plan is on the same key.
   bool again = false;
-  /// The step of the other table which the hardware must have carried out before this one; kNone
-  /// where an earlier step of the same table has seen to it.
+  /// The step of the other table that the hardware must have carried out before this one; kNone
+  /// if an earlier step of the same table waits for it already.
   std::size_t after = kNone;
 
   bool onPrefixes() const noexcept { return row.index() == 0; }
 };
 
-/// The way from what the tables hold to what is wanted. At every moment of it, whatever the
-/// hardware has carried out of it in the order that `after` and the order within each table leave
-/// open, a packet meets the decision of the rules before or of those behind.
+/// The steps from what the tables hold to what is wanted. At every moment, in every order that
+/// `after` and the order within each table allow, a packet meets the decision of the old rules or
+/// of the new ones.
 struct Plan {
   std::vector<Step> steps;
-  /// Rows when it is done.
+  /// Rules and prefixes that were wanted. The prefix table has one row more if 0.0.0.0/0 is not
+  /// among them: it gives a label to addresses that no other prefix holds.
   std::size_t rules = 0;
   std::size_t prefixes = 0;
   std::uint16_t nextIndex = 0;
 };
 
-/// Throws `CapacityError`. A picture of any origin will do: one that a change left half done, as
-/// well as rows that contradict each other.
+/// Throws `CapacityError`. Takes any picture: that of a change that was cut short, and rows that
+/// contradict each other.
 Plan planOf(const Picture& picture, const Wanted& wanted, const Room& room = {});
 
 }  // namespace Policy

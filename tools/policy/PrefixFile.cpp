@@ -7,11 +7,14 @@ Route routeOf(LineReader& line, unsigned number) {
   Route route;
   route.line = number;
   route.prefix = line.prefix();
-  LineReader behind = line;
+  LineReader after = line;
   if (line.atEnd()) return route;
-  if (!behind.accept(' ') && !behind.accept('\t')) behind.fail("a blank behind the prefix");
-  if (line.accept('-')) return route;
-  route.nextHop = line.address();
+  if (!after.accept(' ') && !after.accept('\t')) after.fail("a blank after the prefix");
+  if (!line.accept('-')) route.nextHop = line.address();
+  LineReader rest = line;
+  if (!line.atEnd() && !rest.accept(' ') && !rest.accept('\t')) {
+    rest.fail("a blank after the next hop");
+  }
   return route;
 }
 

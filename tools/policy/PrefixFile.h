@@ -9,7 +9,7 @@
 
 namespace Policy {
 
-/// A prefix that is to stand in the prefix table for its own sake, and where it leads.
+/// A prefix that is wanted in the prefix table for its own sake, and where it leads.
 struct Route {
   Prefix prefix;
   /// An IPv4 address; 0 if there is none.
@@ -18,9 +18,9 @@ struct Route {
   unsigned line = 0;
 };
 
-/// A file of prefixes, one a line, with a next hop behind it if it has one ("-" says that it has
-/// none). What stands behind the next hop means nothing here; '#' begins a comment. Throws
-/// `InputError` at the first line that is something else.
+/// A file of prefixes, one a line, each followed by a next hop if it has one ("-" for none). Words
+/// after the next hop are ignored; '#' begins a comment. Throws `InputError` at the first line that
+/// is something else.
 std::vector<Route> routesOf(const std::string& file, std::string_view text);
 
 }  // namespace Policy

@@ -52,7 +52,7 @@ class Numbering {
     bool opens;
   };
 
-  /// What can have nothing below it needs one number and no more.
+  /// A leaf takes one label.
   bool isLeaf(std::size_t node) const { return nodes_[node].prefix.length == 32; }
   bool isFixed(std::size_t node) const { return keep_ && nodes_[node].stands; }
   Labels& labels(std::size_t node) { return nodes_[node].labels[numbering_]; }

@@ -18,7 +18,7 @@ namespace Policy {
 /// end; '#' begins a comment. Throws `InputError` at the first line that is something else.
 std::vector<Rule> rulesOf(const std::string& file, std::string_view text);
 
-/// The same of the file at a path, which may also not be readable.
+/// Reads the file at a path. Throws `InputError`, also if it cannot be read.
 std::vector<Rule> readRules(const std::string& path);
 
 /// The line of a rule, with its end.

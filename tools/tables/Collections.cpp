@@ -1,7 +1,12 @@
 #include "tables/Collections.h"
 
+#include <fcntl.h>
+
+#include <charconv>
+
 #include "Fenrik/Format.h"
 #include "OrderedTable/Constants.h"
+#include "tables/Progress.h"
 
 namespace Tables {
 
@@ -56,6 +61,41 @@ std::uint64_t Config::digest() const {
   return digest;
 }
 
+std::vector<Asic::UnitId> programmedUnits(const Drift::Directory& directory,
+                                          const TableKind& kind) {
+  std::vector<Asic::UnitId> units;
+  try {
+    const Drift::Directory chip(fmt::format("{}/{}", directory.path(), kChipFolder),
+                                Drift::Directory::Access::read);
+    for (const std::string& path : chip.entities(chipRowsPath(kind))) {
+      const auto rows = Drift::DriftFile::openForReading(chip, path, nullptr);
+      const auto unit = unitOf(kind, path);
+      if (unit && Drift::HashedView(*rows).size() != 0) units.push_back(*unit);
+    }
+  } catch (const Fenrik::Exception&) {
+    // No chip, or one that its hardware writer makes anew.
+  }
+  return units;
+}
+
+std::optional<Asic::UnitId> unitOf(const TableKind& kind, std::string_view rowsPath) {
+  std::uint16_t unit = 0;
+  rowsPath.remove_prefix(chipRowsPath(kind).size());
+  const char* const end = rowsPath.data() + rowsPath.size();
+  const auto [stop, error] = std::from_chars(rowsPath.data(), end, unit);
+  if (error != std::errc() || stop != end) return {};
+  return Asic::UnitId(unit);
+}
+
+bool isWritten(const Drift::Directory& directory, const std::string& path) {
+  const Drift::Descriptor file(::openat(directory.fd(), Drift::Directory::fileNameOf(path).c_str(),
+                                        O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+  struct flock range {};
+  range.l_type = F_WRLCK;
+  range.l_whence = SEEK_SET;
+  return file.valid() && ::fcntl(file.get(), F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
+}
+
 std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory,
                                           const TableKind& kind) {
   std::vector<Asic::UnitId> units;
@@ -63,7 +103,7 @@ std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory,
     try {
       units.push_back(Asic::Constants::getUnitIdFromConfigPath(Fenrik::String(path)));
     } catch (const Fenrik::Exception&) {
-      // Somebody's file beside the configurations.
+      // A foreign file among the configurations.
     }
   }
   return units;
@@ -71,8 +111,8 @@ std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory,
 
 namespace {
 
-/// Where a walk that met damage when it was to begin at bucket `from` can go on: the first bucket
-/// from which it does not meet the same damage. Between the two there is nothing that can be read.
+/// The first bucket from `from` on at which a walk does not meet the same damage. No record before
+/// it can be read.
 Word behindDamage(const Drift::HashedView& view, Word from, Word end, const std::string& damage) {
   std::vector<Word> record(view.recordWords());
   std::vector<Word> noKey(view.keyWords());

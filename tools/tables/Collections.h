@@ -12,12 +12,12 @@
 
 namespace Tables {
 
-/// Opens a collection of another process for reading, of whatever capacity. Throws
+/// Opens a collection of another process for reading, whatever its capacity. Throws
 /// `Drift::MountException`; `wrongFormat` also for a collection of other records.
 std::unique_ptr<Drift::DriftFile> openShaped(const Drift::Directory& directory,
                                              const std::string& path, const Shape& shape);
 
-/// The value of a word of the header; nothing if it does not prove itself.
+/// A mutable word of the header; nothing if both of its copies are damaged.
 std::optional<Word> lineOf(const Drift::DriftFile& file, Drift::Format::Line line);
 
 /// A collection with its entity path, open for reading.
@@ -30,9 +30,8 @@ class Collection {
 
   const std::string& path() const noexcept { return path_; }
   const Drift::DriftFile& file() const noexcept { return *file_; }
-  Word generation() const {
-    return lineOf(*file_, Drift::Format::Line::writerGeneration).value_or(0);
-  }
+  /// Random, chosen when the file was made: tells it from one that takes its place.
+  Word seed() const noexcept { return file_->header().hashSeed; }
   std::size_t recordWords() const {
     return Drift::Format::paddedSize(file_->header().recordSize) / sizeof(Word);
   }
@@ -54,12 +53,12 @@ class Config : public Collection {
   /// The record of the key; nothing if there is none. Throws
   /// `Fenrik::CorruptionDetectedException`, as all reads do.
   std::optional<ConfigRow> find(Words key) const;
-  /// Calls `visit` with each record, and `damaged` with the message of each damage that was met;
-  /// the walk goes on behind it.
+  /// Calls `visit` with each record, and `damaged` with the message of each damage, after which the
+  /// walk continues.
   void walk(const std::function<void(const ConfigRow&)>& visit,
             const std::function<void(const std::string&)>& damaged) const;
 
-  /// What the live records' digests add up to.
+  /// The sum of the live records' digests.
   std::uint64_t digest() const;
 
  private:
@@ -71,11 +70,18 @@ class Config : public Collection {
 /// The units for which the directory has a configuration of that family.
 std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory, const TableKind& kind);
 
-/// Walks any hashed collection past its damage.
+/// The units of whose rows the chip below the directory holds some.
+std::vector<Asic::UnitId> programmedUnits(const Drift::Directory& directory, const TableKind& kind);
+
+/// Whether a process has the collection open for writing. Takes no lock. False also if there is no
+/// such collection.
+bool isWritten(const Drift::Directory& directory, const std::string& path);
+
+/// Walks any hashed collection; continues after damage.
 void walkHashed(const Drift::DriftFile& file, const std::function<void(Words)>& visit,
                 const std::function<void(const std::string&)>& damaged);
 
-/// What the collections of needed sets are.
+/// The shape of the collections of needed sets.
 Shape neededShape();
 
 }  // namespace Tables

@@ -2,11 +2,12 @@
 
 #include <algorithm>
 
-#include "Drift/RecordText.h"
+#include "Drift/RecordLayout.h"
 #include "OrderedTable/Constants.h"
 #include "OrderedTable/EntryFlags.h"
 #include "QuarnBastil/BigBb.h"
 #include "QuarnBastil/TcamEntry.h"
+#include "tables/Text.h"
 
 namespace Tables {
 namespace {
@@ -24,13 +25,37 @@ constexpr Shape shapeOf(Layout layout) {
   return {layout, Collection::kEntityName, RecordLayout::kKeySize, RecordLayout::kRecordSize};
 }
 
-// Where a log record of any family has its parts.
+// Offsets in a log record of any family.
 constexpr std::size_t kFlagsOffset = 8;
 constexpr std::size_t kUnitOffset = 10;
 constexpr std::size_t kEntryOffset = 12;
 
+constexpr std::uint16_t kEtherTypeIpv6 = 0x86dd;
+
+void addReference(std::vector<Reference>& to, const QuarnBastil::OptionalPrefix& prefix) {
+  using Key = QuarnBastil::BigBbFamily::Key;
+  if (!prefix.present || prefix.length > 32) return;
+  std::uint32_t address = 0;
+  for (unsigned i = 0; i < 4; ++i) address = address << 8 | prefix.address[i];
+  std::vector<Word> key(Drift::FlatLayout<Key>::kWords);
+  Drift::FlatLayout<Key>::toWords(Key(address, prefix.length), key.data());
+  to.push_back({QuarnBastil::BigBbFamily::kTableName, std::move(key)});
+}
+
+/// A classification entry matches on the outcome of the prefix search: the IPv4 prefixes that it
+/// names are rows of the prefix table.
+std::vector<Reference> classified(Words words) {
+  QuarnBastil::TcamEntryLogEntry entry;
+  Drift::FlatLayout<QuarnBastil::TcamEntryLogEntry>::fromWords(words.data(), entry);
+  std::vector<Reference> references;
+  if (entry.etherType == kEtherTypeIpv6) return references;
+  addReference(references, entry.sourcePrefix);
+  addReference(references, entry.destinationPrefix);
+  return references;
+}
+
 template <class Family>
-TableKind describe(unsigned tier) {
+TableKind describe(unsigned tier, std::vector<Reference> (*references)(Words)) {
   using Entry = typename Family::LogEntry;
   using Config = typename Family::ConfigDriftEntry;
   using Log = typename Family::LogDriftEntry;
@@ -55,10 +80,11 @@ TableKind describe(unsigned tier) {
           .deletedOffset = offsetof(Config, isDeleted),
           .key = fieldsOf<typename Family::Key>(true),
           .entry = fieldsOf<Entry>(false),
-          .tier = tier};
+          .tier = tier,
+          .references = references};
 }
 
-/// A round of splitmix64: every bit of the word reaches every bit of the result.
+/// A round of splitmix64: every bit of the word affects every bit of the result.
 std::uint64_t mixed(std::uint64_t word) noexcept {
   word = (word ^ (word >> 30)) * 0xbf58476d1ce4e5b9;
   word = (word ^ (word >> 27)) * 0x94d049bb133111eb;
@@ -80,16 +106,12 @@ void entryIs(std::vector<Word>& entry, const TableKind& kind, Words record, std:
 
 }  // namespace
 
-std::string Fields::text(const void* value) const {
-  std::string result;
-  Drift::textAppend(result, value, fields, count, isKey);
-  return result;
-}
+std::string Fields::text(const void* value) const { return textOf(fields, count, value, isKey); }
 
 const std::vector<TableKind>& tableKinds() {
   static const std::vector<TableKind> kinds = {
-      describe<QuarnBastil::BigBbFamily>(0),
-      describe<QuarnBastil::TcamEntryFamily>(1),
+      describe<QuarnBastil::BigBbFamily>(0, nullptr),
+      describe<QuarnBastil::TcamEntryFamily>(1, classified),
   };
   return kinds;
 }

@@ -16,7 +16,7 @@
 namespace Tables {
 
 using Drift::Format::Word;
-/// The bytes of an entry or of a key as they stand in a collection, padded with zeros.
+/// The bytes of an entry or a key in a collection, padded with zeros to whole words.
 using Words = std::span<const Word>;
 
 /// What a collection must be for its records to be read.
@@ -36,6 +36,12 @@ struct Fields {
   std::string text(const void* value) const;
 };
 
+/// A row of another table to which an entry points: the table's name and the words of the key.
+struct Reference {
+  std::string_view table;
+  std::vector<Word> key;
+};
+
 /// One table family. Sizes and offsets are in bytes.
 struct TableKind {
   Asic::SwTableId id;
@@ -49,30 +55,31 @@ struct TableKind {
   Shape config;
   std::uint32_t keySize;
   std::uint32_t entrySize;
-  /// Of the configuration record, behind the entry.
+  /// In the configuration record, after the entry.
   std::size_t versionOffset;
   std::size_t deletedOffset;
   Fields key;
   Fields entry;
-  /// What a row points at stands in a table of a lower tier.
+  /// The rows to which an entry points are in tables of a lower tier.
   unsigned tier;
+  /// The rows to which an entry points, of the same unit; null for a table of the lowest tier.
+  std::vector<Reference> (*references)(Words entry);
 
   std::size_t entryWords() const { return Drift::Format::paddedSize(entrySize) / sizeof(Word); }
   std::size_t keyWords() const { return Drift::Format::paddedSize(keySize) / sizeof(Word); }
 };
 
-/// All families that there are, the lowest tier first. A further family is a further row.
+/// All families, the lowest tier first. A further family is a further row.
 const std::vector<TableKind>& tableKinds();
 /// The family of that name or id; null if there is none.
 const TableKind* kindOf(std::string_view name);
 const TableKind* kindOf(Asic::SwTableId id);
 
-/// The words of a key as the entry begins with it: what the entry has in the key's last word is
-/// left out.
+/// The words of the key with which an entry begins. Bytes of the entry that share the key's last
+/// word are 0.
 std::vector<Word> keyOf(const TableKind& kind, Words entry);
 
-/// A number for a row of a table of a unit. Those of a table's rows add up, modulo 2^64, to the
-/// table's digest, in whatever order.
+/// A number for a row. The sum over a table's rows, modulo 2^64, is the table's digest.
 std::uint64_t rowDigest(Asic::SwTableId table, Asic::UnitId unit, Words entry) noexcept;
 
 /// A configuration record, read.
@@ -89,10 +96,10 @@ struct LogRow {
   bool entryDelete = false;
   bool tableDelete = false;
   Asic::UnitId unit;
-  /// Of a table delete it means nothing.
+  /// Undefined in a table delete.
   std::vector<Word> entry;
 };
-/// Uses the room that `row` has already.
+/// Reuses the memory of `row`.
 void logRowIs(LogRow& row, const TableKind& kind, Words record);
 
 }  // namespace Tables
