@@ -3,6 +3,7 @@
 #include <functional>
 #include <set>
 
+#include "Fenrik/Format.h"
 #include "Fenrik/NodeClass.h"
 #include "Kiv/KeyedAttribute.h"
 #include "Support/Ear.h"
