@@ -187,17 +187,17 @@ const Fenrik::Ptr<OrderedSwTableSet>& InterfaceCore::swTableSetIs(
 }
 
 void InterfaceCore::entryLogIs(Fenrik::Ptr<EntryLogCore> log) {
-  Fenrik::Impl::attributePointerIs(publisher_, Fenrik::FieldId(kFieldBase + 7), entryLog_,
+  Fenrik::Impl::attributePointerIs(*this, publisher_, Fenrik::FieldId(kFieldBase + 7), entryLog_,
                                    std::move(log));
 }
 
 void InterfaceCore::swTableStatusIs(Fenrik::Ptr<OrderedSwTableStatus> status) {
-  Fenrik::Impl::attributePointerIs(publisher_, Fenrik::FieldId(kFieldBase + 8), status_,
+  Fenrik::Impl::attributePointerIs(*this, publisher_, Fenrik::FieldId(kFieldBase + 8), status_,
                                    std::move(status));
 }
 
 void InterfaceCore::swTableSetIs(Fenrik::Ptr<OrderedSwTableSet> set) {
-  Fenrik::Impl::attributePointerIs(publisher_, Fenrik::FieldId(kFieldBase + 9), set_,
+  Fenrik::Impl::attributePointerIs(*this, publisher_, Fenrik::FieldId(kFieldBase + 9), set_,
                                    std::move(set));
 }
 

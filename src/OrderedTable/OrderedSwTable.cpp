@@ -71,12 +71,12 @@ OrderedSwTable::~OrderedSwTable() {
 }
 
 void OrderedSwTable::statsIs() {
-  Fenrik::Impl::attributePointerIs(publisher_, kStatsField, stats_,
+  Fenrik::Impl::attributePointerIs(*this, publisher_, kStatsField, stats_,
                                    Fenrik::ptrIsImpl<SwTableStats>());
 }
 
 void OrderedSwTable::statusIs(const Fenrik::Ptr<OrderedSwTableStatus>& status) {
-  Fenrik::Impl::attributePointerIs(publisher_, kStatusField, status_, status);
+  Fenrik::Impl::attributePointerIs(*this, publisher_, kStatusField, status_, status);
 }
 
 SwTableStats::~SwTableStats() = default;

@@ -196,7 +196,8 @@ class QUARNBASTIL_EXPORT TableCore {
   void sideIs(Side side, WrapperPtr wrapper);
   void versionDel(InFlightKey& key);
   void versionIs(InFlightKey& key, const EntryVersion& version);
-  void publishKeyed(std::uint16_t field, const void* key, const void* value) const;
+  template <class Value>
+  void publishKeyed(std::uint16_t number, InFlightKey& key, const Value& value, bool present);
   void noteInFlight();
 
   // Commit.

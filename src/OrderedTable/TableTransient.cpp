@@ -30,17 +30,17 @@ void TableCore::handleInitialized() {
 }
 
 void TableCore::swTableHelperIs(Fenrik::Ptr<Fenrik::Node> helper) {
-  Fenrik::Impl::attributePointerIs(*table_.publisher(), field(Field::kSwTableHelper),
+  Fenrik::Impl::attributePointerIs(table_, *table_.publisher(), field(Field::kSwTableHelper),
                                    swTableHelper_, std::move(helper));
 }
 
 void TableCore::entryLogIs(Fenrik::Ptr<EntryLogCore> log) {
-  Fenrik::Impl::attributePointerIs(*table_.publisher(), field(Field::kEntryLog), entryLog_,
+  Fenrik::Impl::attributePointerIs(table_, *table_.publisher(), field(Field::kEntryLog), entryLog_,
                                    std::move(log));
 }
 
 void TableCore::groupResolverIs(Fenrik::Ptr<GroupResolver> resolver) {
-  Fenrik::Impl::attributePointerIs(*table_.publisher(), field(Field::kGroupResolver),
+  Fenrik::Impl::attributePointerIs(table_, *table_.publisher(), field(Field::kGroupResolver),
                                    groupResolver_, std::move(resolver));
 }
 
@@ -57,10 +57,16 @@ void TableCore::noteInFlight() {
   if (auto* const set = table_.swTableSet()) set->inFlightCount(*this, countedInFlight_);
 }
 
-void TableCore::publishKeyed(std::uint16_t number, const void* key, const void* value) const {
+/// What is told stays valid for all subscribers, whatever one of them does to the table.
+template <class Value>
+void TableCore::publishKeyed(std::uint16_t number, InFlightKey& key, const Value& value,
+                             bool present) {
   const Fenrik::Publisher& publisher = *table_.publisher();
   if (!publisher.hasSubscriber()) return;
-  publisher.publishChangeRecursive(field(number), key, value, descriptor_.keyIsEq);
+  const InFlight::Hold hold(inFlight_, key);
+  const Value told = value;
+  publisher.publishChangeRecursive(field(number), key.key(), present ? &told : nullptr,
+                                   descriptor_.keyIsEq);
 }
 
 namespace {
@@ -78,7 +84,7 @@ TableCore::WrapperPtr TableCore::sideIs(Side side, InFlightKey& key, WrapperPtr 
   WrapperPtr former = isAdd ? inFlight_.addIs(key, std::move(wrapper))
                             : inFlight_.removeIs(key, std::move(wrapper));
   noteInFlight();
-  publishKeyed(isAdd ? kAddField : kRemoveField, key.key(), goes ? nullptr : &place);
+  publishKeyed(isAdd ? kAddField : kRemoveField, key, place, !goes);
   return former;
 }
 
@@ -129,13 +135,13 @@ void TableCore::transientRemoveEntryDelAll() { sideDelAll(Side::remove); }
 void TableCore::versionIs(InFlightKey& key, const EntryVersion& version) {
   if (key.counted && key.version == version) return;
   inFlight_.versionIs(key, version);
-  publishKeyed(Field::kTransientVersionForKey, key.key(), &key.version);
+  publishKeyed(Field::kTransientVersionForKey, key, key.version, true);
 }
 
 void TableCore::versionDel(InFlightKey& key) {
   if (!key.counted) return;
   inFlight_.versionDel(key);
-  publishKeyed(Field::kTransientVersionForKey, key.key(), nullptr);
+  publishKeyed(Field::kTransientVersionForKey, key, key.version, false);
 }
 
 void TableCore::transientVersionForKeyIs(const void* key, const EntryVersion& version) {
