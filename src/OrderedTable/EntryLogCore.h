@@ -136,8 +136,8 @@ class QUARNBASTIL_EXPORT EntryLogCore : public EntryLogBase {
   void apply(LogVersion version, EntryFlags flags, UnitId unit, const Word* key);
 
   /// Records that no log record tells of, by version: the unit's configuration, and copies.
-  using Unlogged = std::map<LogVersion, std::pair<std::shared_ptr<ConfigStore>,
-                                                  std::vector<std::vector<Word>>>>;
+  using Unlogged =
+      std::map<LogVersion, std::pair<std::shared_ptr<ConfigStore>, std::vector<std::vector<Word>>>>;
 
   Fenrik::Ptr<KivSharedMem::Entity> mount(const Fenrik::String& path,
                                           const Fenrik::String& typeName,

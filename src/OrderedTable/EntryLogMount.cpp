@@ -100,8 +100,7 @@ void EntryLogCore::configEntityIs(UnitId unit, ConfigEntity entity) {
   auto& place = configs_[unit.value()];
   configCount_ += place == nullptr ? 1 : 0;
   place = std::make_unique<ConfigStore>(descriptor_, unit, std::move(entity));
-  publisher_.publishChangeRecursive(kTableConfigDriftField, &unit, &place->entity(),
-                                    &UnitId::isEq);
+  publisher_.publishChangeRecursive(kTableConfigDriftField, &unit, &place->entity(), &UnitId::isEq);
 }
 
 EntryLogCore::ConfigEntity EntryLogCore::configEntityDel(UnitId unit) {
@@ -175,8 +174,8 @@ EntryLogCore::Unlogged EntryLogCore::recordsBeyond(LogVersion version) const {
     const auto unit = Constants::findUnitIdOfConfigPath(node.value());
     if (!unit) continue;
     try {
-      auto entity = Impl::mountForWriting(*entityManager(), configType(), node.value(),
-                                          configMountInfo());
+      auto entity =
+          Impl::mountForWriting(*entityManager(), configType(), node.value(), configMountInfo());
       const auto config = std::make_shared<ConfigStore>(
           descriptor_, *unit, Fenrik::dynamicPtrCast<ConfigStore::Entity>(entity));
       const auto beyond = config->recordsWhere(

@@ -121,10 +121,9 @@ LogVersion EntryLogCore::identicalWrite(const ConfigStore& config, const Word* k
                                         SwTableStats& stats) const {
   const ConfigRecord* const record = config.look(key);
   if (record == nullptr || record->isDefault() || record->isDeleted()) return LogVersion(0);
-  const bool same =
-      shapes().logEntry.same(record->words(), logEntry) &&
-      (shapes().resourceKeys.empty() ||
-       shapes().resourceKeys.same(record->resourceKeys(), resourceKeys));
+  const bool same = shapes().logEntry.same(record->words(), logEntry) &&
+                    (shapes().resourceKeys.empty() ||
+                     shapes().resourceKeys.same(record->resourceKeys(), resourceKeys));
   if (!same) {
     KIV_TRACE_AS("entryIs", trace(), 3, descriptor_.names.log,
                  "Not Suppressing write because entry or resource key is different  for key: {}",

@@ -11,7 +11,8 @@
 
 namespace Asic {
 
-/// What compiled-once code knows of a flat type: which of its bytes mean something, and their names.
+/// What compiled-once code knows of a flat type: which of its bytes mean something, and their
+/// names.
 struct QUARNBASTIL_EXPORT FlatShape {
   using Word = Drift::Format::Word;
 

@@ -28,8 +28,8 @@ void ringTrace(const char* className, Blipline::MsgId& msgId, const Fenrik::Stri
                const Numbers&... numbers) {
   Blipline::TraceFile* const file = Blipline::Impl::siteFile();
   if (file == nullptr) return;
-  Blipline::Impl::siteRecord(file, &msgId, __FILE__, __LINE__, className, kMakeSwTable,
-                             text.data(), numbers...);
+  Blipline::Impl::siteRecord(file, &msgId, __FILE__, __LINE__, className, kMakeSwTable, text.data(),
+                             numbers...);
 }
 
 }  // namespace
@@ -102,8 +102,8 @@ Fenrik::Ptr<OrderedSwTable> InterfaceCore::makeSwTable(UnitId unitId,
   const auto canonical = Fenrik::ptrIsImpl<CanonicalTableName>(
       OrderedTableType::orderedTable, Fenrik::String(descriptor_.groupName),
       Fenrik::String(descriptor_.tableNamespace), Fenrik::String(descriptor_.tableName));
-  auto table = descriptor_.make.table(canonical, unitId, set_.get(), entryLog_,
-                                      groupIntf->groupResolver());
+  auto table =
+      descriptor_.make.table(canonical, unitId, set_.get(), entryLog_, groupIntf->groupResolver());
   if (swTableHelper != nullptr) table->core()->swTableHelperIs(std::move(swTableHelper));
   table->statusIs(status_);
   if (descriptor_.resources != nullptr) descriptor_.resources->tableMade(*ordTblIntf(), *table);

@@ -156,8 +156,7 @@ void TableCore::commitRemove(Operation& operation) {
   const NeededPtr neededEntry = neededOf(operation, nullptr);
   removeFromTransient(operation, Side::remove);
   wrapper.finalizeOnSuccess(descriptor_, table_, true);
-  const LogVersion logVersion =
-      entryLog_->entryDel(key.words(), neededEntry, table_.unitId());
+  const LogVersion logVersion = entryLog_->entryDel(key.words(), neededEntry, table_.unitId());
   operation.settled = true;
   operation.handle->logVersionIs(logVersion);
   if (logVersion != LogVersion(0)) {
@@ -324,9 +323,8 @@ void TableCore::giveUpForResource(Operation& operation) {
 }
 
 void TableCore::giveUp(const TableResolverEntry& item) {
-  item.wrapper()->entryHandle()->rejectionIs(
-      Fenrik::formatString("table {} of unit {} has gone", table_.canonicalName()->name(),
-                           table_.unitId()));
+  item.wrapper()->entryHandle()->rejectionIs(Fenrik::formatString(
+      "table {} of unit {} has gone", table_.canonicalName()->name(), table_.unitId()));
 }
 
 Fenrik::Ptr<OrderedSwTable::EntryHandle> TableCore::updateEntry(const void* key) {

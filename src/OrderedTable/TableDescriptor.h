@@ -91,8 +91,8 @@ struct TableDescriptor {
     Fenrik::Ptr<OrderedSwTable::EntryHandle> (*handle)(const EntryVersion& version, const void* key,
                                                        OrderedSwTable& table);
     /// A wrapper of a copy of `entry`, under `key`.
-    Fenrik::Ptr<EntryWrapperBase> (*wrapper)(const void* entry, const void* key,
-                                             const Fenrik::Ptr<OrderedSwTable::EntryHandle>& handle);
+    Fenrik::Ptr<EntryWrapperBase> (*wrapper)(
+        const void* entry, const void* key, const Fenrik::Ptr<OrderedSwTable::EntryHandle>& handle);
     /// A wrapper of an entry that holds the key alone.
     Fenrik::Ptr<EntryWrapperBase> (*keyWrapper)(
         const void* key, const Fenrik::Ptr<OrderedSwTable::EntryHandle>& handle);
@@ -175,8 +175,8 @@ std::string textOf(const EntryText& entry);
 std::string textOf(const LogEntryText& entry);
 
 template <class T>
-concept DescribedText = std::is_same_v<T, KeyText> || std::is_same_v<T, EntryText> ||
-    std::is_same_v<T, LogEntryText>;
+concept DescribedText =
+    std::is_same_v<T, KeyText> || std::is_same_v<T, EntryText> || std::is_same_v<T, LogEntryText>;
 
 }  // namespace Asic
 

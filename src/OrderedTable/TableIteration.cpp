@@ -15,9 +15,8 @@ constexpr const char* kStep = "maybeUpdateCurrentEntry";
 
 void TableCore::initIterState(SwTableIteratorStateBase& state) const {
   state.tableIs(&table_);
-  state.stateIs(state.state()
-                    .withRemoveAllPending(transientRemoveAllVersion_.valid())
-                    .withInAddColl(true));
+  state.stateIs(
+      state.state().withRemoveAllPending(transientRemoveAllVersion_.valid()).withInAddColl(true));
 }
 
 void TableCore::initIterStateFromKey(SwTableIteratorStateBase& state, const void* key) const {
@@ -25,9 +24,8 @@ void TableCore::initIterStateFromKey(SwTableIteratorStateBase& state, const void
   const KeyImage image = imageOf(key);
   state.tableIs(&table_);
   state.bookmarkIs(image);
-  auto flags = state.state()
-                   .withRemoveAllPending(transientRemoveAllVersion_.valid())
-                   .withHasBookmark(true);
+  auto flags =
+      state.state().withRemoveAllPending(transientRemoveAllVersion_.valid()).withHasBookmark(true);
   const InFlightKey* const inFlight = inFlight_.find(image.words());
   if (inFlight != nullptr && inFlight->add != nullptr) {
     flags = flags.withInAddColl(true);

@@ -37,8 +37,7 @@ TableCore::HandlePtr TableCore::entryWriteGeneric(const void* key, const void* e
   if (inFlight.remove != nullptr) sideIs(Side::remove, inFlight, nullptr);
   sideIs(Side::add, inFlight, wrapper);
   if (descriptor_.resources != nullptr) descriptor_.resources->writeQueued(table_, *wrapper);
-  enqueue(
-      descriptor_.make.resolverEntry(dep, EntryFlags(EntryFlags::kWrite), table_, wrapper));
+  enqueue(descriptor_.make.resolverEntry(dep, EntryFlags(EntryFlags::kWrite), table_, wrapper));
   KIV_TRACE(trace(), 2, "", "Done processing write for key: {} ", textOf(key));
   table_.stats()->entryWriteCntInc(1);
   updateGroup();

@@ -38,8 +38,7 @@ void TableCore::entryReadGeneric(const void* key, void* entry) const {
     if (inFlight->remove != nullptr) return;
   }
   // One look-up answers both questions that are asked of the log and of the configuration.
-  if (const ConfigRecord* const record =
-          entryLog_->liveRecord(image.words(), table_.unitId())) {
+  if (const ConfigRecord* const record = entryLog_->liveRecord(image.words(), table_.unitId())) {
     KIV_TRACE_AS("entryFromConfig", readTrace(), 8, "", "key: {}", textOf(key));
     record->entryTo(entry);
     return;
@@ -49,8 +48,7 @@ void TableCore::entryReadGeneric(const void* key, void* entry) const {
 
 void TableCore::entryFromConfig(const void* key, void* entry) const {
   KIV_TRACE(readTrace(), 8, "", "key: {}", textOf(key));
-  const ConfigRecord* const record =
-      entryLog_->config(table_.unitId())->look(imageOf(key).words());
+  const ConfigRecord* const record = entryLog_->config(table_.unitId())->look(imageOf(key).words());
   if (record != nullptr && !record->isDeleted()) record->entryTo(entry);
 }
 

@@ -91,8 +91,8 @@ TableCore::WrapperPtr TableCore::sideIs(Side side, InFlightKey& key, WrapperPtr 
 void TableCore::sideIs(Side side, WrapperPtr wrapper) {
   if (wrapper == nullptr) {
     const Kiv::KivType owner = descriptor_.tableType;
-    Kiv::throwMutatorArgNullPointerException(
-        owner.module(), owner.index(), field(side == Side::add ? kAddField : kRemoveField));
+    Kiv::throwMutatorArgNullPointerException(owner.module(), owner.index(),
+                                             field(side == Side::add ? kAddField : kRemoveField));
   }
   InFlightKey& key = inFlight_.obtain(imageOf(wrapper->entryBytes()).words());
   const InFlight::Hold hold(inFlight_, key);

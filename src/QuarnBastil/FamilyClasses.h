@@ -8,73 +8,71 @@
 
 /// Declares the final classes of a family, so that its traits can derive from
 /// `PrefixFamilyClasses`, which names them.
-#define QUARNBASTIL_DECLARE_FAMILY(Prefix)                                                    \
-  class QUARNBASTIL_EXPORT Prefix##SwTable;                                                   \
-  class QUARNBASTIL_EXPORT Prefix##EntryHandle;                                               \
-  class QUARNBASTIL_EXPORT Prefix##SwTableEntries_py;                                         \
-  class QUARNBASTIL_EXPORT Prefix##SwTableIteratorState;                                      \
-  class QUARNBASTIL_EXPORT Prefix##EntryWrapper;                                              \
-  class QUARNBASTIL_EXPORT Prefix##ResolverEntry;                                             \
-  class QUARNBASTIL_EXPORT Prefix##SwTableHelperBase;                                         \
-  class QUARNBASTIL_EXPORT Prefix##EntryLog;                                                  \
-  class QUARNBASTIL_EXPORT Prefix##Interface;                                                 \
-  using Prefix##FamilyClasses =                                                               \
-      ::QuarnBastil::FamilyClasses<#Prefix, Prefix##SwTable, Prefix##EntryHandle,             \
-                                   Prefix##SwTableEntries_py, Prefix##SwTableIteratorState,   \
-                                   Prefix##EntryWrapper, Prefix##ResolverEntry,               \
-                                   Prefix##SwTableHelperBase, Prefix##EntryLog,               \
-                                   Prefix##Interface>
+#define QUARNBASTIL_DECLARE_FAMILY(Prefix)                                                  \
+  class QUARNBASTIL_EXPORT Prefix##SwTable;                                                 \
+  class QUARNBASTIL_EXPORT Prefix##EntryHandle;                                             \
+  class QUARNBASTIL_EXPORT Prefix##SwTableEntries_py;                                       \
+  class QUARNBASTIL_EXPORT Prefix##SwTableIteratorState;                                    \
+  class QUARNBASTIL_EXPORT Prefix##EntryWrapper;                                            \
+  class QUARNBASTIL_EXPORT Prefix##ResolverEntry;                                           \
+  class QUARNBASTIL_EXPORT Prefix##SwTableHelperBase;                                       \
+  class QUARNBASTIL_EXPORT Prefix##EntryLog;                                                \
+  class QUARNBASTIL_EXPORT Prefix##Interface;                                               \
+  using Prefix##FamilyClasses =                                                             \
+      ::QuarnBastil::FamilyClasses<#Prefix, Prefix##SwTable, Prefix##EntryHandle,           \
+                                   Prefix##SwTableEntries_py, Prefix##SwTableIteratorState, \
+                                   Prefix##EntryWrapper, Prefix##ResolverEntry,             \
+                                   Prefix##SwTableHelperBase, Prefix##EntryLog, Prefix##Interface>
 
 /// One final class: the role's template over the family, and the names of its factory.
-#define QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, Role, Template)                         \
-  class QUARNBASTIL_EXPORT Prefix##Role final                                                 \
-      : public ::QuarnBastil::Template<Prefix##Family> {                                      \
-   public:                                                                                    \
-    using Template::Template;                                                                 \
-    ~Prefix##Role() override;                                                                 \
-    FENRIK_FACTORY(lowerPrefix##Role, Prefix##Role);                                          \
+#define QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, Role, Template)                            \
+  class QUARNBASTIL_EXPORT Prefix##Role final : public ::QuarnBastil::Template<Prefix##Family> { \
+   public:                                                                                       \
+    using Template::Template;                                                                    \
+    ~Prefix##Role() override;                                                                    \
+    FENRIK_FACTORY(lowerPrefix##Role, Prefix##Role);                                             \
   }
 
 /// The final classes of a family, behind its traits `PrefixFamily`. All is in their bases; what
 /// makes them classes of their own is their names in symbols, backtraces and declarations.
-#define QUARNBASTIL_FAMILY(Prefix, lowerPrefix)                                               \
-  class QUARNBASTIL_EXPORT Prefix##EntryHandle final                                          \
-      : public ::QuarnBastil::SwTableEntryHandle<Prefix##Family> {                            \
-   public:                                                                                    \
-    static constexpr std::string_view kTypeName = "EntryHandle";                              \
-    using SwTableEntryHandle::SwTableEntryHandle;                                             \
-    ~Prefix##EntryHandle() override;                                                          \
-  };                                                                                          \
-  class QUARNBASTIL_EXPORT Prefix##SwTableEntries_py final                                    \
-      : public ::QuarnBastil::SwTableEntriesPy<Prefix##Family> {                              \
-   public:                                                                                    \
-    static constexpr std::string_view kTypeName = "SwTableEntries_py";                        \
-    ~Prefix##SwTableEntries_py() override;                                                    \
-  };                                                                                          \
-  class QUARNBASTIL_EXPORT Prefix##SwTableHelperBase                                          \
-      : public ::QuarnBastil::SwTableHelperBase<Prefix##Family> {                             \
-   public:                                                                                    \
-    ~Prefix##SwTableHelperBase() override;                                                    \
-    FENRIK_FACTORY(lowerPrefix##SwTableHelperBase, Prefix##SwTableHelperBase);                \
-  };                                                                                          \
-  QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, SwTableIteratorState, SwTableIteratorState);  \
-  QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, EntryWrapper, EntryWrapper);                  \
-  QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, ResolverEntry, ResolverEntry);                \
-  QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, EntryLog, EntryLog);                          \
-  QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, SwTable, SwTable);                            \
-  QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, Interface, Interface);                        \
+#define QUARNBASTIL_FAMILY(Prefix, lowerPrefix)                                              \
+  class QUARNBASTIL_EXPORT Prefix##EntryHandle final                                         \
+      : public ::QuarnBastil::SwTableEntryHandle<Prefix##Family> {                           \
+   public:                                                                                   \
+    static constexpr std::string_view kTypeName = "EntryHandle";                             \
+    using SwTableEntryHandle::SwTableEntryHandle;                                            \
+    ~Prefix##EntryHandle() override;                                                         \
+  };                                                                                         \
+  class QUARNBASTIL_EXPORT Prefix##SwTableEntries_py final                                   \
+      : public ::QuarnBastil::SwTableEntriesPy<Prefix##Family> {                             \
+   public:                                                                                   \
+    static constexpr std::string_view kTypeName = "SwTableEntries_py";                       \
+    ~Prefix##SwTableEntries_py() override;                                                   \
+  };                                                                                         \
+  class QUARNBASTIL_EXPORT Prefix##SwTableHelperBase                                         \
+      : public ::QuarnBastil::SwTableHelperBase<Prefix##Family> {                            \
+   public:                                                                                   \
+    ~Prefix##SwTableHelperBase() override;                                                   \
+    FENRIK_FACTORY(lowerPrefix##SwTableHelperBase, Prefix##SwTableHelperBase);               \
+  };                                                                                         \
+  QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, SwTableIteratorState, SwTableIteratorState); \
+  QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, EntryWrapper, EntryWrapper);                 \
+  QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, ResolverEntry, ResolverEntry);               \
+  QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, EntryLog, EntryLog);                         \
+  QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, SwTable, SwTable);                           \
+  QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, Interface, Interface);                       \
   static_assert(::QuarnBastil::FamilyTraits<Prefix##Family>)
 
 /// What stands in a family's own source, outside of all namespaces: the ends of its classes, which
 /// anchor their tables, and its descriptor.
-#define QUARNBASTIL_DEFINE_FAMILY(Space, Prefix)                                              \
-  Space::Prefix##EntryHandle::~Prefix##EntryHandle() = default;                               \
-  Space::Prefix##SwTableEntries_py::~Prefix##SwTableEntries_py() = default;                   \
-  Space::Prefix##SwTableIteratorState::~Prefix##SwTableIteratorState() = default;             \
-  Space::Prefix##EntryWrapper::~Prefix##EntryWrapper() = default;                             \
-  Space::Prefix##ResolverEntry::~Prefix##ResolverEntry() = default;                           \
-  Space::Prefix##SwTableHelperBase::~Prefix##SwTableHelperBase() = default;                   \
-  Space::Prefix##EntryLog::~Prefix##EntryLog() = default;                                     \
-  Space::Prefix##SwTable::~Prefix##SwTable() = default;                                       \
-  Space::Prefix##Interface::~Prefix##Interface() = default;                                   \
+#define QUARNBASTIL_DEFINE_FAMILY(Space, Prefix)                                  \
+  Space::Prefix##EntryHandle::~Prefix##EntryHandle() = default;                   \
+  Space::Prefix##SwTableEntries_py::~Prefix##SwTableEntries_py() = default;       \
+  Space::Prefix##SwTableIteratorState::~Prefix##SwTableIteratorState() = default; \
+  Space::Prefix##EntryWrapper::~Prefix##EntryWrapper() = default;                 \
+  Space::Prefix##ResolverEntry::~Prefix##ResolverEntry() = default;               \
+  Space::Prefix##SwTableHelperBase::~Prefix##SwTableHelperBase() = default;       \
+  Space::Prefix##EntryLog::~Prefix##EntryLog() = default;                         \
+  Space::Prefix##SwTable::~Prefix##SwTable() = default;                           \
+  Space::Prefix##Interface::~Prefix##Interface() = default;                       \
   template const ::Asic::TableDescriptor& ::QuarnBastil::descriptorOf<Space::Prefix##Family>()

@@ -23,8 +23,8 @@ struct FamilyNames {
   static constexpr auto kRegistryKey = Fenrik::FixedString("QuarnBastil::") + kInterface.text;
 };
 
-/// The log and trace handles of a family: those made when its library is loaded, these entered under
-/// their names by the first site that tests them.
+/// The log and trace handles of a family: those made when its library is loaded, these entered
+/// under their names by the first site that tests them.
 template <class Family>
 struct FamilyHandles {
   using Handle = Kiv::TraceHandle;
@@ -36,7 +36,7 @@ struct FamilyHandles {
   inline static constinit Handle reads{Kiv::kConstantHandle, Names::kTable.text};
   inline static constinit Handle iteration{Kiv::kConstantHandle, "SwTableIter"};
   inline static constinit Handle log{Kiv::kConstantHandle, Names::kLog.text};
-  inline static constinit Handle interface{Kiv::kConstantHandle, Names::kInterface.text};
+  inline static constinit Handle interface { Kiv::kConstantHandle, Names::kInterface.text };
 };
 
 /// Typed calls for code that knows no types: each casts and calls.
@@ -150,8 +150,8 @@ const Asic::TableDescriptor& descriptorOf() {
       .handleType = typeid(typename F::EntryHandle),
       .resolverEntryType = typeid(typename F::ResolverEntry),
       .keyIsEq = &F::Key::isEq,
-      .names = {Names::kTable.text, Names::kWrapper.text, Names::kLog.text,
-                Names::kInterface.text, Names::kRegistryKey.text},
+      .names = {Names::kTable.text, Names::kWrapper.text, Names::kLog.text, Names::kInterface.text,
+                Names::kRegistryKey.text},
       .traces = {Handles::table, Handles::writes, Handles::reads, Handles::iteration, Handles::log,
                  Handles::interface, Handles::table},
       .records = familyRecords<F>(),

@@ -45,8 +45,7 @@ class QUARNBASTIL_EXPORT SwTableEntriesPy
 /// The position of an iteration in the family's own types.
 template <class Family>
 class QUARNBASTIL_EXPORT SwTableIteratorState
-    : public Fenrik::NodeClass<typename Family::IteratorState,
-                               typename Family::IteratorStateBase> {
+    : public Fenrik::NodeClass<typename Family::IteratorState, typename Family::IteratorStateBase> {
  public:
   using Key = typename Family::Key;
   using Entry = typename Family::Entry;
@@ -128,8 +127,7 @@ struct InFlightNode {
       return *reinterpret_cast<const Value*>(this);
     } else {
       using Wrapper = typename Value::element_type;
-      const auto& wrapper =
-          *reinterpret_cast<const Fenrik::Ptr<Asic::EntryWrapperBase>*>(this);
+      const auto& wrapper = *reinterpret_cast<const Fenrik::Ptr<Asic::EntryWrapperBase>*>(this);
       return Value(static_cast<Wrapper*>(wrapper.get()));
     }
   }
@@ -290,7 +288,9 @@ class QUARNBASTIL_EXPORT SwTable
       const Fenrik::Ptr<const Wrapper>& wrapper) const {
     return core_.getNeededEntrySet(*wrapper);
   }
-  void setRsrcPtrs(const WrapperPtr& wrapper, bool refresh) { core_.setRsrcPtrs(*wrapper, refresh); }
+  void setRsrcPtrs(const WrapperPtr& wrapper, bool refresh) {
+    core_.setRsrcPtrs(*wrapper, refresh);
+  }
 
   void tableStatusVersion(Asic::LogVersion version) override { core_.tableStatusVersion(version); }
   bool hasPendingHwWrites() const override { return core_.hasPendingHwWrites(); }

@@ -285,7 +285,7 @@ TEST_F(TraceScript, ATableIsMade) {
 /// What the interface traces while it brings its family up.
 TEST(InterfaceTrace, OfAFirstStartARestartAndAUnitThatIsNotThereAnyMore) {
   using Lines = std::vector<std::string>;
-  const std::string path = "hardware/QuarnBastil-QuarnBastilGroup/QuarnBastil::TcamEntry/";
+  const std::string path = "hardware/QuarnBastilGroup/QuarnBastil::TcamEntry/";
   const auto mounted = [&](const std::string& unit, const std::string& version) {
     return Lines{"I 8 makeSwTable|@ unitId: " + unit,
                  "L 8 mountDriftConfig|@ unitId:" + unit + ", logVersion: " + version,
@@ -336,8 +336,7 @@ TEST(InterfaceTrace, OfAFirstStartARestartAndAUnitThatIsNotThereAnyMore) {
       if (n != 3) table->entryRemove(entry.key, nullptr);
     }
     agent.pumpAll();
-    Support::ReporterRig(dir.path(), "QuarnBastil-QuarnBastilGroup")
-        .report(TcamEntryFamily::kTableId, 2);
+    Support::ReporterRig(dir.path(), "QuarnBastilGroup").report(TcamEntryFamily::kTableId, 2);
   }
   Support::Running agent(dir.path());
   Script script;

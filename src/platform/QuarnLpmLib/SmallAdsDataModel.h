@@ -1,7 +1,7 @@
 #pragma once
 
-#include "QuarnLpmLib/SmallAdsDataModelTypes.h"
 #include "QuarnLpmLib/DataModelSwTable.h"
+#include "QuarnLpmLib/SmallAdsDataModelTypes.h"
 
 namespace QuarnLpmLib {
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "QuarnLpmLib/SmallBbDataModelTypes.h"
 #include "QuarnLpmLib/DataModelSwTable.h"
+#include "QuarnLpmLib/SmallBbDataModelTypes.h"
 
 namespace QuarnLpmLib {
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "QuarnLpmLib/TcamDataModelTypes.h"
 #include "QuarnLpmLib/DataModelSwTable.h"
+#include "QuarnLpmLib/TcamDataModelTypes.h"
 
 namespace QuarnLpmLib {
 
