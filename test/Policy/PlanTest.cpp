@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <iostream>
 #include <set>
 
 #include "Policy/TableModel.h"
@@ -26,6 +25,7 @@ class History {
     unsigned stopped = 0;
     unsigned renumbered = 0;
     unsigned moved = 0;
+    unsigned mended = 0;
   };
   Seen seen;
 
@@ -33,6 +33,7 @@ class History {
     const std::vector<Rule> before = wanted_.rules;
     wanted_ = nextWanted();
     drawPackets(before);
+    if (random_() % 8 == 0) return mend();
     const Plan plan = Policy::planOf(model_.picture(), wanted_, kRoom);
     count(plan);
     const bool stops = random_() % 4 == 0;
@@ -174,6 +175,36 @@ class History {
     EXPECT_EQ(again.prefixes, wantedPrefixes.size()) << "0.0.0.0/0 counts where it was asked for";
   }
 
+  /// From rows as no plan leaves them: some are missing, some have anything in some fields.
+  void mend() {
+    const auto number = [&] { return static_cast<std::uint32_t>(random_() >> random_() % 64); };
+    const auto one = [&](unsigned in) { return random_() % in == 0; };
+    const auto prefix = [&] {
+      return Policy::Prefix{number(), static_cast<std::uint8_t>(number())};
+    };
+    const auto picture = model_.picture();
+    model_ = {};
+    for (auto row : picture.prefixes) {
+      if (one(4)) row.labels[random_() % 2] = {number(), number()};
+      if (one(16)) row.prefix = prefix();
+      if (!one(8)) model_.apply({.row = row});
+    }
+    for (auto placed : picture.rules) {
+      if (one(4)) placed.row.priority = number() % 4;
+      if (one(8)) placed.row.numbering = random_() % 2;
+      if (one(16)) placed.row.source = {number(), number()};
+      if (one(16)) placed.rule.source = prefix();
+      if (one(16)) placed.row.decision = number();
+      if (one(16)) placed.bank = 1;
+      if (!one(8)) model_.apply({.row = placed});
+    }
+    for (const Step& step : Policy::planOf(model_.picture(), wanted_, kRoom).steps) {
+      model_.apply(step);
+    }
+    checkEnd();
+    ++seen.mended;
+  }
+
   struct Watched {
     Packet packet;
     Decision before;
@@ -198,62 +229,13 @@ TEST(PlanSoak, APacketMeetsTheDecisionBeforeOrBehindAtEveryStep) {
     all.stopped += history.seen.stopped;
     all.renumbered += history.seen.renumbered;
     all.moved += history.seen.moved;
+    all.mended += history.seen.mended;
   }
-  std::cout << "stopped " << all.stopped << ", renumbered " << all.renumbered << ", moved "
-            << all.moved << std::endl;
   if (HasFailure()) return;
   EXPECT_GT(all.stopped, 0U);
   EXPECT_GT(all.renumbered, 0U);
   EXPECT_GT(all.moved, 0U);
-}
-
-/// Rows as no plan leaves them: those of a plan, with anything in some of their fields.
-TableModel damagedTables(const std::vector<Rule>& rules, Random& random) {
-  Wanted wanted;
-  Policy::addRules(wanted, rules);
-  TableModel model;
-  const auto number = [&] { return static_cast<std::uint32_t>(random() >> random() % 64); };
-  for (Step step : Policy::planOf({}, wanted).steps) {
-    if (random() % 8 == 0) continue;
-    const bool harmed = random() % 4 == 0;
-    if (step.onPrefixes() && harmed) {
-      auto& row = std::get<0>(step.row);
-      row.labels[random() % 2] = {number(), number()};
-      row.nextHop = number();
-      if (random() % 4 == 0) row.prefix = {number(), static_cast<std::uint8_t>(number())};
-    } else if (harmed) {
-      auto& placed = std::get<1>(step.row);
-      placed.row.numbering = static_cast<unsigned>(random() % 2);
-      placed.row.priority = number() % 4;
-      if (random() % 4 == 0) placed.row.source = {number(), number()};
-      if (random() % 4 == 0) placed.rule.source = {number(), static_cast<std::uint8_t>(number())};
-      if (random() % 4 == 0) placed.row.decision = number();
-      if (random() % 4 == 0) placed.bank = 1;
-    }
-    model.apply(step);
-  }
-  return model;
-}
-
-TEST(PlanSoak, AnyRowsBecomeThoseThatAreWanted) {
-  const unsigned seed = Support::seed();
-  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
-  Random random(seed);
-  for (int round = 0; round < 200 * Support::soakFactor() && !HasFailure(); ++round) {
-    const std::vector<std::vector<Rule>> lists{
-        Policy::generate({.rules = 1 + random() % 30, .seed = random(), .networks = 1})};
-    auto model = damagedTables(lists[0], random);
-    Wanted wanted;
-    Policy::addRules(wanted, lists[0]);
-    const Plan plan = Policy::planOf(model.picture(), wanted);
-    for (const Step& step : plan.steps) model.apply(step);
-    EXPECT_EQ(Policy::planOf(model.picture(), wanted).steps.size(), 0U) << "round " << round;
-    Policy::PacketDraw draw(lists, static_cast<unsigned>(random()));
-    for (int i = 0; i < 20; ++i) {
-      const Packet packet = draw.next();
-      EXPECT_EQ(model.decide(packet), Policy::firstMatch(lists[0], packet)) << "round " << round;
-    }
-  }
+  EXPECT_GT(all.mended, 0U);
 }
 
 }  // namespace

@@ -58,6 +58,8 @@ class TableModel {
     return true;
   }
 
+  const auto& prefixes() const { return prefixes_; }
+  const auto& rules() const { return rules_; }
   Policy::Picture picture() const {
     Policy::Picture picture;
     for (const auto& [prefix, row] : prefixes_) picture.prefixes.push_back(row);

@@ -1,9 +1,8 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <iostream>
-#include <map>
 
+#include "Policy/TableModel.h"
 #include "Support/Soak.h"
 #include "Support/TempDir.h"
 #include "Tools/Churn.h"
@@ -13,195 +12,140 @@ namespace ToolsTest {
 namespace {
 
 using Asic::UnitId;
-using Policy::PrefixRow;
-using Policy::RuleRow;
-using Rows = std::vector<Tables::Word>;
+using Words = std::vector<Tables::Word>;
 
 const Tables::TableKind& kRules = *Tables::kindOf("TcamEntry");
 const Tables::TableKind& kPrefixes = *Tables::kindOf("BigBb");
 
 template <class LogEntry>
-Rows wordsOf(const LogEntry& entry) {
-  Rows words(Drift::FlatLayout<LogEntry>::kWords);
+Words wordsOf(const LogEntry& entry) {
+  Words words(Drift::FlatLayout<LogEntry>::kWords);
   Drift::FlatLayout<LogEntry>::toWords(entry, words.data());
   return words;
 }
+Words wordsOf(const Policy::PrefixRow& row) { return wordsOf(Policy::entryOf(row).logEntry()); }
+Words wordsOf(const Policy::PlacedRule& placed) {
+  return wordsOf(Policy::entryOf(placed.row, placed.rule, {placed.bank, placed.index}).logEntry());
+}
 
-/// One change of a chip, small enough that rows meet.
+/// One change of a unit, small enough that rows meet: a step, or everything of a table goes.
 struct Change {
-  enum Kind { writeRule, removeRule, writePrefix, removePrefix, clearRules, clearPrefixes };
-
   explicit Change(Random& random) {
-    constexpr Kind kKinds[] = {writeRule,   writeRule,   writeRule,    removeRule,   writePrefix,
-                               writePrefix, writePrefix, removePrefix, removePrefix, clearPrefixes};
-    kind = kKinds[random() % 10];
-    if (kind == clearPrefixes && random() % 8 != 0) kind = writePrefix;
-    if (kind == clearPrefixes && random() % 2 != 0) kind = clearRules;
-    unit = UnitId(static_cast<std::uint16_t>(random() % 2));
-    index = static_cast<std::uint16_t>(random() % 24);
+    unit = random() % 2;
+    clears = random() % 64 == 0;
+    step.removes = clears || random() % 3 == 0;
     const auto labels = [&] {
       const std::uint32_t first = random() % 8;
       return Policy::Labels{first, first + random() % 4};
     };
-    const auto somePrefix = [&] {
+    const auto prefix = [&] {
       const auto length = static_cast<std::uint8_t>(random() % 5);
       return Policy::Prefix{length == 0 ? 0 : static_cast<std::uint32_t>(random()) << (32 - length),
                             length};
     };
-    prefix.prefix = somePrefix();
-    named.source = somePrefix();
-    named.destination = somePrefix();
-    prefix.labels = {labels(), labels()};
-    rule.priority = random() % 12;
-    rule.numbering = random() % 2;
-    rule.source = labels();
-    rule.destination = labels();
-    if (random() % 2 == 0) rule.sourcePorts = {100, 200};
-    if (random() % 2 == 0) rule.protocol = {6, 0xff};
-    rule.decision = 1 + random() % 1000;
+    if (random() % 2 == 0) {
+      step.row = Policy::PrefixRow{prefix(), {labels(), labels()}, 0};
+      return;
+    }
+    Policy::PlacedRule placed;
+    placed.index = static_cast<std::uint16_t>(random() % 24);
+    placed.rule.source = prefix();
+    placed.rule.destination = prefix();
+    placed.row.priority = random() % 12;
+    placed.row.numbering = random() % 2;
+    placed.row.source = labels();
+    placed.row.destination = labels();
+    if (random() % 2 == 0) placed.row.sourcePorts = {100, 200};
+    if (random() % 2 == 0) placed.row.protocol = {6, 0xff};
+    placed.row.decision = 1 + random() % 1000;
+    step.row = placed;
   }
 
-  Rows ruleWords() const { return wordsOf(Policy::entryOf(rule, named, {0, index}).logEntry()); }
-  Rows prefixWords() const { return wordsOf(Policy::entryOf(prefix).logEntry()); }
-
   void apply(SimAsic::Chip& chip) const {
-    switch (kind) {
-      case writeRule:
-        return chip.write(kRules, unit, ruleWords());
-      case writePrefix:
-        return chip.write(kPrefixes, unit, prefixWords());
-      case removeRule:
-        chip.remove(kRules, unit, Tables::keyOf(kRules, ruleWords()));
-        return;
-      case removePrefix:
-        chip.remove(kPrefixes, unit, Tables::keyOf(kPrefixes, prefixWords()));
-        return;
-      case clearRules:
-        chip.clear(kRules, unit);
-        return;
-      case clearPrefixes:
-        chip.clear(kPrefixes, unit);
+    const Tables::TableKind& kind = step.onPrefixes() ? kPrefixes : kRules;
+    const UnitId at(static_cast<std::uint16_t>(unit));
+    const Words words = std::visit([](const auto& row) { return wordsOf(row); }, step.row);
+    if (clears) {
+      chip.clear(kind, at);
+    } else if (step.removes) {
+      chip.remove(kind, at, Tables::keyOf(kind, words));
+    } else {
+      chip.write(kind, at, words);
     }
   }
 
-  Kind kind;
-  UnitId unit;
-  std::uint16_t index;
-  RuleRow rule;
-  /// The prefixes at which the rule points.
-  Policy::Rule named;
-  PrefixRow prefix;
+  unsigned unit;
+  bool clears;
+  Policy::Step step;
 };
 
-/// The same by looking at everything every time.
+/// One unit by looking at everything every time.
 struct NaiveUnit {
-  std::map<std::uint16_t, Change> rules;
-  std::map<Policy::Prefix, Change> prefixes;
+  PolicyTest::TableModel model;
   std::uint64_t moves = 0;
   std::uint64_t violations = 0;
 
-  using Rank = std::pair<std::uint32_t, std::uint16_t>;
-  static Rank rankOf(const Change& change) { return {change.rule.priority, change.index}; }
-
-  void erasePrefix(const Policy::Prefix& prefix) {
-    if (prefixes.erase(prefix) == 0) return;
-    violations += std::ranges::any_of(rules, [&](const auto& row) {
-      return row.second.named.source == prefix || row.second.named.destination == prefix;
-    });
-  }
-
   void apply(const Change& change) {
-    switch (change.kind) {
-      case Change::writeRule:
-        return writeRule(change);
-      case Change::writePrefix:
-        prefixes.insert_or_assign(change.prefix.prefix, change);
-        return;
-      case Change::removeRule:
-        rules.erase(change.index);
-        return;
-      case Change::removePrefix:
-        return erasePrefix(change.prefix.prefix);
-      case Change::clearRules:
-        return rules.clear();
-      case Change::clearPrefixes:
-        while (!prefixes.empty()) erasePrefix(prefixes.begin()->first);
+    if (!change.clears) return apply(change.step);
+    const auto picture = model.picture();
+    if (change.step.onPrefixes()) {
+      for (const auto& row : picture.prefixes) apply({.row = row, .removes = true});
+    } else {
+      for (const auto& placed : picture.rules) apply({.row = placed, .removes = true});
     }
   }
-  void writeRule(const Change& change) {
-    const auto below = [&](const Rank& rank) {
-      return std::ranges::count_if(rules, [&](const auto& row) {
-        return row.first != change.index && rankOf(row.second) < rank;
+
+  void apply(const Policy::Step& step) {
+    const auto& prefixes = model.prefixes();
+    if (step.onPrefixes()) {
+      const Policy::Prefix prefix = std::get<0>(step.row).prefix;
+      const auto names = [&](const auto& row) {
+        return row.second.rule.source == prefix || row.second.rule.destination == prefix;
+      };
+      const bool goes = step.removes && prefixes.contains(prefix);
+      violations += goes && std::ranges::any_of(model.rules(), names) ? 1 : 0;
+    } else if (!step.removes) {
+      const auto& placed = std::get<1>(step.row);
+      for (const auto& prefix : {placed.rule.source, placed.rule.destination}) {
+        violations += prefixes.contains(prefix) ? 0 : 1;
+      }
+      countMoves(placed);
+    }
+    model.apply(step);
+  }
+
+  /// A row starts at its old place, or after all others.
+  void countMoves(const Policy::PlacedRule& placed) {
+    const auto rank = [](const auto& row) { return std::pair(row.row.priority, row.index); };
+    const auto below = [&](const auto& limit) {
+      return std::ranges::count_if(model.rules(), [&](const auto& row) {
+        return row.second.index != placed.index && rank(row.second) < limit;
       });
     };
-    const auto known = rules.find(change.index);
-    const auto from =
-        known != rules.end() ? below(rankOf(known->second)) : static_cast<long>(rules.size());
-    moves += static_cast<std::uint64_t>(std::abs(from - below(rankOf(change))));
-    rules.insert_or_assign(change.index, change);
-    for (const auto& prefix : {change.named.source, change.named.destination}) {
-      violations += prefixes.contains(prefix) ? 0 : 1;
-    }
+    const auto known = model.rules().find({placed.bank, placed.index});
+    const auto from = known != model.rules().end() ? below(rank(known->second))
+                                                   : static_cast<long>(model.rules().size());
+    moves += static_cast<std::uint64_t>(std::abs(from - below(rank(placed))));
   }
 
-  const PrefixRow* lookup(std::uint32_t address) const {
-    const PrefixRow* longest = nullptr;
-    for (const auto& [prefix, change] : prefixes) {
-      if (!prefix.contains(address)) continue;
-      if (longest == nullptr || prefix.length > longest->prefix.length) longest = &change.prefix;
+  void compare(SimAsic::Chip& chip, UnitId unit, Random& random) const {
+    const auto same = [&](const Tables::TableKind& kind, const auto& rows) {
+      std::uint64_t digest = 0;
+      for (const auto& [key, row] : rows) digest += Tables::rowDigest(kind.id, unit, wordsOf(row));
+      ASSERT_EQ(chip.rowCount(kind, unit), rows.size());
+      ASSERT_EQ(chip.digest(kind, unit), digest);
+    };
+    same(kRules, model.rules());
+    same(kPrefixes, model.prefixes());
+    for (int n = 0; n < 4; ++n) {
+      const Policy::Packet packet{random(),
+                                  random(),
+                                  static_cast<std::uint16_t>(random() % 300),
+                                  0,
+                                  static_cast<std::uint8_t>(random() % 2 == 0 ? 6 : 17),
+                                  0};
+      ASSERT_EQ(chip.decide(unit, packet), model.decide(packet));
     }
-    return longest;
-  }
-  Policy::Decision decide(const Policy::Packet& packet) const {
-    const PrefixRow* const source = lookup(packet.source);
-    const PrefixRow* const destination = lookup(packet.destination);
-    const Change* best = nullptr;
-    if (source == nullptr || destination == nullptr) return 0;
-    for (const auto& [index, change] : rules) {
-      const RuleRow& rule = change.rule;
-      const bool matches = rule.source.contains(source->labels[rule.numbering].first) &&
-                           rule.destination.contains(destination->labels[rule.numbering].first) &&
-                           rule.sourcePorts.contains(packet.sourcePort) &&
-                           rule.protocol.matches(packet.protocol);
-      if (matches && (best == nullptr || rankOf(change) < rankOf(*best))) best = &change;
-    }
-    return best == nullptr ? 0 : best->rule.decision;
-  }
-};
-
-struct NaiveChip {
-  std::array<NaiveUnit, 2> units;
-
-  void apply(const Change& change) { units[change.unit.value()].apply(change); }
-
-  void compare(SimAsic::Chip& chip, Random& random) const {
-    for (std::uint16_t i = 0; i < 2; ++i) {
-      const NaiveUnit& unit = units[i];
-      ASSERT_EQ(chip.rowCount(kRules, UnitId(i)), unit.rules.size());
-      ASSERT_EQ(chip.rowCount(kPrefixes, UnitId(i)), unit.prefixes.size());
-      std::uint64_t rules = 0;
-      std::uint64_t prefixes = 0;
-      for (const auto& [key, change] : unit.rules) {
-        rules += Tables::rowDigest(kRules.id, UnitId(i), change.ruleWords());
-      }
-      for (const auto& [key, change] : unit.prefixes) {
-        prefixes += Tables::rowDigest(kPrefixes.id, UnitId(i), change.prefixWords());
-      }
-      ASSERT_EQ(chip.digest(kRules, UnitId(i)), rules);
-      ASSERT_EQ(chip.digest(kPrefixes, UnitId(i)), prefixes);
-      for (int n = 0; n < 4; ++n) {
-        const Policy::Packet packet{random(),
-                                    random(),
-                                    static_cast<std::uint16_t>(random() % 300),
-                                    0,
-                                    static_cast<std::uint8_t>(random() % 2 == 0 ? 6 : 17),
-                                    0};
-        ASSERT_EQ(chip.decide(UnitId(i), packet), unit.decide(packet));
-      }
-    }
-    const auto meters = chip.meters();
-    ASSERT_EQ(meters.moves, units[0].moves + units[1].moves);
-    ASSERT_EQ(meters.violations, units[0].violations + units[1].violations);
   }
 };
 
@@ -210,7 +154,7 @@ TEST(AsicSoak, AgreesWithALookAtEverything) {
   SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
   Random random(seed);
   const Support::TempDir dir;
-  NaiveChip naive;
+  std::array<NaiveUnit, 2> naive;
   auto chip = std::make_unique<SimAsic::Chip>(dir.path());
   for (int step = 0; step < 4000 * Support::soakFactor() && !testing::Test::HasFailure(); ++step) {
     SCOPED_TRACE(testing::Message() << "step " << step);
@@ -221,8 +165,10 @@ TEST(AsicSoak, AgreesWithALookAtEverything) {
     }
     const Change change(random);
     change.apply(*chip);
-    naive.apply(change);
-    naive.compare(*chip, random);
+    naive[change.unit].apply(change);
+    for (std::uint16_t unit = 0; unit < 2; ++unit) naive[unit].compare(*chip, UnitId(unit), random);
+    ASSERT_EQ(chip->meters().moves, naive[0].moves + naive[1].moves);
+    ASSERT_EQ(chip->meters().violations, naive[0].violations + naive[1].violations);
   }
 }
 

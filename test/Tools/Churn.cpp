@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include "Support/TableRig.h"
+#include "policy/Generate.h"
 
 namespace ToolsTest {
 namespace {
@@ -12,21 +14,6 @@ using Policy::Prefix;
 using QuarnBastil::BigBbFamily;
 using QuarnBastil::TcamEntryFamily;
 using Dependency = Fenrik::Ptr<const Asic::DependencyEntryHandle>;
-
-/// Prefixes that lie within one another more often than chance would have it.
-std::vector<Prefix> somePrefixes(Random& random, std::size_t count) {
-  std::vector<Prefix> all = {{0, 0}};
-  while (all.size() < count) {
-    const Prefix above = all[random() % all.size()];
-    const auto length = static_cast<std::uint8_t>(std::min(32U, above.length + 1 + random() % 9));
-    const std::uint32_t mask = ~std::uint32_t{0} << (32 - length);
-    const std::uint32_t inside = above.length == 0 ? ~0U : ~(~0U << (32 - above.length));
-    const Prefix prefix{(above.address | (random() & inside)) & mask, length};
-    if (above.length < 32 && std::ranges::find(all, prefix) == all.end()) all.push_back(prefix);
-  }
-  std::ranges::sort(all);
-  return all;
-}
 
 /// One unit's tables, brought from where they are to a list.
 class Unit {
@@ -165,8 +152,11 @@ class Agent {
 
 }  // namespace
 
-Universe::Universe(Random& random, std::size_t ruleCount) {
-  const auto all = somePrefixes(random, 8 + ruleCount / 2);
+Universe::Universe(Random& random, std::size_t ruleCount)
+    : rules(Policy::generate({.rules = ruleCount, .seed = random(), .networks = 4})) {
+  std::set<Prefix> sorted{Prefix{}};
+  for (const Policy::Rule& rule : rules) sorted.insert({rule.source, rule.destination});
+  const std::vector<Prefix> all(sorted.begin(), sorted.end());
   for (std::size_t i = 0; i < all.size(); ++i) {
     std::size_t last = i;
     while (last + 1 < all.size() && all[i].length <= all[last + 1].length &&
@@ -178,18 +168,6 @@ Universe::Universe(Random& random, std::size_t ruleCount) {
     const auto end = static_cast<std::uint32_t>(last);
     row.labels = {Policy::Labels{first, end}, Policy::Labels{1000 + first, 1000 + end}};
     prefixes.push_back(row);
-  }
-  const std::vector<Policy::PortRange> ports = {{0, 65535}, {0, 65535}, {443, 443}, {1024, 2047}};
-  while (rules.size() < ruleCount) {
-    const Policy::Rule rule{
-        all[random() % all.size()],
-        all[random() % all.size()],
-        ports[random() % ports.size()],
-        ports[random() % ports.size()],
-        random() % 3 == 0 ? Policy::Masked<std::uint8_t>{6, 255} : Policy::Masked<std::uint8_t>{},
-        random() % 5 == 0 ? Policy::Masked<std::uint16_t>{0x0200, 0x0200}
-                          : Policy::Masked<std::uint16_t>{}};
-    if (std::ranges::find(rules, rule) == rules.end()) rules.push_back(rule);
   }
 }
 

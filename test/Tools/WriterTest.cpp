@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "Support/Soak.h"
@@ -64,7 +63,8 @@ class Scene {
       ASSERT_TRUE(writer_.running()) << "the writer ended by itself" << Support::textOf(errors());
       ::usleep(1000);
     }
-    EXPECT_EQ(writer_.end(), 0);
+    // A slow start is ended by the signal itself.
+    EXPECT_THAT(writer_.end(), testing::AnyOf(0, -SIGTERM));
     const bool emptied = ++checks_ % 2 == 0;
     if (emptied) loseChip();
     const json before = once();
@@ -123,7 +123,6 @@ class Scene {
 TEST(HwWriterSoak, TablesThatAreEmptiedAtOnceComeOutRightThroughDeathsOfEither) {
   const unsigned seed = Support::seed();
   SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
-  std::cout << "BASTIL_SEED=" << seed << std::endl;
   Scene scene(seed);
   const int rounds = 40 * Support::soakFactor();
   for (int round = 0; round < rounds && !testing::Test::HasFailure(); ++round) {
