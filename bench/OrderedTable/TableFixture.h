@@ -17,6 +17,15 @@ inline constexpr unsigned kBatch = 100;
 
 inline TcamKey tcamKey(Word number) { return TcamKey(0, static_cast<std::uint16_t>(number)); }
 
+/// An entry with its prefixes present, as rules have them.
+inline TcamEntry wholeEntry() {
+  TcamEntry entry;
+  const QuarnBastil::OptionalPrefix prefix({0x20, 0x01, 0x0d, 0xb8}, 7, 64);
+  entry.sourcePrefix = entry.destinationPrefix = prefix;
+  entry.innerSourcePrefix = entry.innerDestinationPrefix = prefix;
+  return entry;
+}
+
 /// The largest table with its entries resident, over real shared memory, and the hardware's side.
 class LoadedTable {
  public:
@@ -26,6 +35,7 @@ class LoadedTable {
         rig_(agent_),
         reporter_(scratch_.path(), TcamFamily::Constants::canonicalGroupName()),
         table_(rig_.table(0)),
+        random_(keys),
         keys_(keys),
         lag_(lag) {
     for (Word i = 0; i < std::max(keys, lag) + kBatch; ++i) {
@@ -40,7 +50,9 @@ class LoadedTable {
   Support::TableRig<TcamFamily>& rig() { return rig_; }
   TcamEntry& entry() { return entry_; }
 
-  /// All keys in turn, in a random order.
+  /// A new random key.
+  TcamKey randomKey() { return tcamKey(random_.next()); }
+  /// All keys in turn, in one random order: whoever writes them so walks along the slots.
   TcamKey key(Word number) const {
     return tcamKey(keys_ == kConfigRecords ? shuffledKeys()[number % kConfigRecords]
                                            : number * 7 % keys_);
@@ -64,7 +76,8 @@ class LoadedTable {
   Support::TableRig<TcamFamily> rig_;
   Support::ReporterRig reporter_;
   Fenrik::Ptr<TcamFamily::SwTable> table_;
-  TcamEntry entry_;
+  TcamEntry entry_ = wholeEntry();
+  RandomKeys random_;
   Word keys_;
   Word lag_;
 };
