@@ -1,12 +1,14 @@
 #include "Kiv/System.h"
 
-#include <chrono>
+#include <ctime>
 
 namespace Kiv {
 
+/// The coarse clock: every commit asks, and nobody needs more than milliseconds.
 double System::currentTimeUtc() noexcept {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration<double>(now).count();
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
 }  // namespace Kiv

@@ -72,19 +72,26 @@ bool ConfigStore::next(const Word* key, std::span<Word> record) const {
   return guarded(read, false);
 }
 
-void ConfigStore::store(const Word* key, const Word* logEntry, const void* resourceKeys,
-                        LogVersion version, bool isDeleted) {
+ConfigStore::Place ConfigStore::placeFor(const Word* key) {
+  const Place place = entity_->writer().placeFor({key, shapes_.key.words()});
+  entity_->noteDropped();
+  return place;
+}
+
+void ConfigStore::store(const Word* key, Place place, const Word* logEntry,
+                        const void* resourceKeys, LogVersion version, bool isDeleted) {
   const std::size_t entrySize = shapes_.logEntry.size;
-  const auto place = [&](std::size_t offset) { return tail_.data() + (offset - entrySize); };
+  const auto inTail = [&](std::size_t offset) { return tail_.data() + (offset - entrySize); };
   if (!shapes_.resourceKeys.empty()) {
-    std::memcpy(place(shapes_.resourceKeysOffset), resourceKeys, shapes_.resourceKeys.size);
+    std::memcpy(inTail(shapes_.resourceKeysOffset), resourceKeys, shapes_.resourceKeys.size);
   }
   const std::uint64_t number = version.value();
-  std::memcpy(place(shapes_.logVersionOffset), &number, sizeof number);
-  *place(shapes_.isDeletedOffset) = std::byte{isDeleted};
+  std::memcpy(inTail(shapes_.logVersionOffset), &number, sizeof number);
+  *inTail(shapes_.isDeletedOffset) = std::byte{isDeleted};
   const Drift::Piece pieces[] = {{0, logEntry, entrySize}, {entrySize, tail_.data(), tail_.size()}};
-  entity_->writer().set({key, shapes_.key.words()}, pieces);
-  entity_->noteDropped();
+  Drift::HashedWriter& writer = entity_->writer();
+  if (!writer.holds(place)) place = placeFor(key);
+  writer.set(place, pieces);
 }
 
 void ConfigStore::remove(const Word* key) {
@@ -92,9 +99,11 @@ void ConfigStore::remove(const Word* key) {
   entity_->noteDropped();
 }
 
+/// Room for a new key as a rule; only a full collection has to know whether the key is there.
 void ConfigStore::writeRoom(const Word* key) {
-  entity_->writer().makeRoom({key, shapes_.key.words()});
-  entity_->noteDropped();
+  Drift::HashedWriter& writer = entity_->writer();
+  const bool isNew = !writer.full() || !writer.lookUp({key, shapes_.key.words()}).found();
+  writer.makeRoom(isNew ? 1 : 0, isNew ? 0 : 1);
 }
 
 void ConfigStore::replacementRoom(std::size_t records) { entity_->writer().makeRoom(0, records); }

@@ -65,11 +65,16 @@ class ConfigStore {
   ConfigRecord recordOf(const Word* words) const noexcept { return {shapes_, words}; }
   std::size_t recordWords() const noexcept { return recordWords_; }
 
+  /// Where a record of a key is or will be. It holds until the next change.
+  using Place = Drift::HashedWriter::Place;
+  /// Sees to it that a record of the key can be stored: throws what storing it would throw, with
+  /// nothing changed.
+  Place placeFor(const Word* key);
   /// Inserts a record, or replaces the one of its key. `logEntry` is canonical and begins with it.
-  void store(const Word* key, const Word* logEntry, const void* resourceKeys, LogVersion version,
-             bool isDeleted);
+  void store(const Word* key, Place place, const Word* logEntry, const void* resourceKeys,
+             LogVersion version, bool isDeleted);
   void remove(const Word* key);
-  /// Asks for room: throws what storing would throw, with nothing changed.
+  /// Ask for room before a place is sought.
   void writeRoom(const Word* key);
   void replacementRoom(std::size_t records);
   /// Fetches what a change of the key after `ahead` others will touch.

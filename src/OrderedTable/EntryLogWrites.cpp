@@ -43,7 +43,7 @@ LogVersion EntryLogCore::entryIs(const void* logEntry, const void* resourceKeys,
     const LogVersion standing = identicalWrite(*config, key.words(), logEntry, resourceKeys, stats);
     if (standing != LogVersion(0)) return standing;
   }
-  config->writeRoom(key.words());
+  const ConfigStore::Place place = config->placeFor(key.words());
   logRoom();
   neededRoom(neededEntry);
   const LogVersion version = tableVersionInc(LogVersion(1));
@@ -52,7 +52,7 @@ LogVersion EntryLogCore::entryIs(const void* logEntry, const void* resourceKeys,
             LogEntryText(descriptor_, logEntry), neededEntry, version, unit,
             suppressIdenticalWrites);
   shapes().logEntry.toWords(logEntry, entry_.data());
-  config->store(key.words(), entry_.data(), resourceKeys, version, false);
+  config->store(key.words(), place, entry_.data(), resourceKeys, version, false);
   logRecordIs(version, EntryFlags::kWrite, unit, entry_.data(), neededEntry);
   return version;
 }
@@ -67,13 +67,13 @@ LogVersion EntryLogCore::entryDel(const Word* key, const NeededPtr& neededEntry,
               " key: {} entry does not exist. So ignoring delete", KeyText(descriptor_, key));
     return LogVersion(0);
   }
-  config->replacementRoom(1);
+  const ConfigStore::Place place = config->placeFor(key);
   logRoom();
   neededRoom(neededEntry);
   const LogVersion version = tableVersionInc(LogVersion(1));
   // The value stays readable for the hardware writer.
   shapes().logEntry.toWords(record->words(), entry_.data());
-  config->store(key, entry_.data(), record->resourceKeys(), version, true);
+  config->store(key, place, entry_.data(), record->resourceKeys(), version, true);
   noteRemoval(version, EntryFlags::kEntryDelete, unit, key);
   logRecordIs(version, EntryFlags::kEntryDelete, unit, entry_.data(), neededEntry);
   return version;
@@ -111,7 +111,8 @@ void EntryLogCore::markAllDeleted(ConfigStore& config, LogVersion version) {
     if (record.isDeleted()) return;
     const KeyImage key(shapes().key, record.words());
     shapes().logEntry.toWords(record.words(), entry_.data());
-    config.store(key.words(), entry_.data(), record.resourceKeys(), version, true);
+    config.store(key.words(), config.placeFor(key.words()), entry_.data(), record.resourceKeys(),
+                 version, true);
   });
 }
 

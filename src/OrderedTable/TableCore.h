@@ -196,6 +196,7 @@ class QUARNBASTIL_EXPORT TableCore {
   void sideIs(Side side, WrapperPtr wrapper);
   void versionDel(InFlightKey& key);
   void versionIs(InFlightKey& key, const EntryVersion& version);
+  bool watched() const noexcept { return table_.publisher_.hasSubscriber(); }
   template <class Value>
   void publishKeyed(std::uint16_t number, InFlightKey& key, const Value& value, bool present);
   void noteInFlight();

@@ -30,22 +30,22 @@ void TableCore::handleInitialized() {
 }
 
 void TableCore::swTableHelperIs(Fenrik::Ptr<Fenrik::Node> helper) {
-  Fenrik::Impl::attributePointerIs(table_, *table_.publisher(), field(Field::kSwTableHelper),
+  Fenrik::Impl::attributePointerIs(table_, table_.publisher_, field(Field::kSwTableHelper),
                                    swTableHelper_, std::move(helper));
 }
 
 void TableCore::entryLogIs(Fenrik::Ptr<EntryLogCore> log) {
-  Fenrik::Impl::attributePointerIs(table_, *table_.publisher(), field(Field::kEntryLog), entryLog_,
+  Fenrik::Impl::attributePointerIs(table_, table_.publisher_, field(Field::kEntryLog), entryLog_,
                                    std::move(log));
 }
 
 void TableCore::groupResolverIs(Fenrik::Ptr<GroupResolver> resolver) {
-  Fenrik::Impl::attributePointerIs(table_, *table_.publisher(), field(Field::kGroupResolver),
+  Fenrik::Impl::attributePointerIs(table_, table_.publisher_, field(Field::kGroupResolver),
                                    groupResolver_, std::move(resolver));
 }
 
 void TableCore::transientRemoveAllVersionIs(MajorVersion version) {
-  Fenrik::Impl::attributeValueIs(*table_.publisher(), field(Field::kTransientRemoveAllVersion),
+  Fenrik::Impl::attributeValueIs(table_.publisher_, field(Field::kTransientRemoveAllVersion),
                                  transientRemoveAllVersion_, version);
   noteInFlight();
 }
@@ -59,10 +59,9 @@ void TableCore::noteInFlight() {
 
 /// What is told stays valid for all subscribers, whatever one of them does to the table.
 template <class Value>
-void TableCore::publishKeyed(std::uint16_t number, InFlightKey& key, const Value& value,
-                             bool present) {
-  const Fenrik::Publisher& publisher = *table_.publisher();
-  if (!publisher.hasSubscriber()) return;
+[[gnu::cold, gnu::noinline]] void TableCore::publishKeyed(std::uint16_t number, InFlightKey& key,
+                                                          const Value& value, bool present) {
+  const Fenrik::Publisher& publisher = table_.publisher_;
   const InFlight::Hold hold(inFlight_, key);
   const Value told = value;
   publisher.publishChangeRecursive(field(number), key.key(), present ? &told : nullptr,
@@ -84,7 +83,7 @@ TableCore::WrapperPtr TableCore::sideIs(Side side, InFlightKey& key, WrapperPtr 
   WrapperPtr former = isAdd ? inFlight_.addIs(key, std::move(wrapper))
                             : inFlight_.removeIs(key, std::move(wrapper));
   noteInFlight();
-  publishKeyed(isAdd ? kAddField : kRemoveField, key, place, !goes);
+  if (watched()) publishKeyed(isAdd ? kAddField : kRemoveField, key, place, !goes);
   return former;
 }
 
@@ -135,13 +134,13 @@ void TableCore::transientRemoveEntryDelAll() { sideDelAll(Side::remove); }
 void TableCore::versionIs(InFlightKey& key, const EntryVersion& version) {
   if (key.counted && key.version == version) return;
   inFlight_.versionIs(key, version);
-  publishKeyed(Field::kTransientVersionForKey, key, key.version, true);
+  if (watched()) publishKeyed(Field::kTransientVersionForKey, key, key.version, true);
 }
 
 void TableCore::versionDel(InFlightKey& key) {
   if (!key.counted) return;
   inFlight_.versionDel(key);
-  publishKeyed(Field::kTransientVersionForKey, key, key.version, false);
+  if (watched()) publishKeyed(Field::kTransientVersionForKey, key, key.version, false);
 }
 
 void TableCore::transientVersionForKeyIs(const void* key, const EntryVersion& version) {
@@ -172,19 +171,19 @@ void TableCore::entryHandleInLogEnq(const HandlePtr& handle) {
     table_.swTableSet()->waitingAdd(*this);
   }
   const std::uint32_t index = entryHandleInLog_.enq(handle);
-  table_.publisher()->publishChange(field(Field::kEntryHandleInLog), &index);
+  table_.publisher_.publishChange(field(Field::kEntryHandleInLog), &index);
 }
 
 TableCore::HandlePtr TableCore::entryHandleInLogDeq() {
   if (entryHandleInLog_.empty()) return nullptr;
   const std::uint32_t index = entryHandleInLog_.frontIndex();
   HandlePtr handle = entryHandleInLog_.deq();
-  table_.publisher()->publishChange(field(Field::kEntryHandleInLog), &index);
+  table_.publisher_.publishChange(field(Field::kEntryHandleInLog), &index);
   return handle;
 }
 
 void TableCore::entryHandleInLogDelAll() {
-  if (!table_.publisher()->hasSubscriber()) return entryHandleInLog_.doClear(true);
+  if (!table_.publisher_.hasSubscriber()) return entryHandleInLog_.doClear(true);
   while (!entryHandleInLog_.empty()) entryHandleInLogDeq();
 }
 

@@ -135,12 +135,19 @@ class QUARNBASTIL_EXPORT HashedWriter {
   /// Sees to it that a record of the key can be stored: what `set` would throw is thrown here, with
   /// nothing changed that a reader could see.
   void makeRoom(KeyWords key);
+  /// As above; returns the place at which it can be stored.
+  Place placeFor(KeyWords key);
+  /// Whether a place still holds: nothing was changed or looked up since.
+  bool holds(const Place& place) const noexcept { return place.lookup_ == lookups_; }
   /// Sees to it that so many records of new keys can be inserted, and so many replaced, before
   /// anything else is changed. Throws `CollectionFullException`, which says what was asked for and
   /// what is left, or `NoSpaceException`, with nothing changed that a reader could see. Only
   /// whether a bucket is free near a given key's home is not known before; there are twice as many
   /// buckets as records.
   void makeRoom(Word inserts, Word replacements);
+
+  /// Whether a further key has no room.
+  bool full() const noexcept { return live() >= file_.header().capacity; }
 
   /// Fetches what `set` of the key will touch into the processor's cache: its index word, and with
   /// `near`, once that is there, the record to which it leads.
@@ -228,6 +235,7 @@ class QUARNBASTIL_EXPORT HashedWriter {
   /// Slots whose record was replaced lately: a ring of `kRestingSlots`.
   std::vector<std::uint32_t> resting_;
   std::size_t restingHead_ = 0;
+  std::size_t restingCount_ = 0;
   Word nextFresh_ = 0;
   /// The moment from which on nothing led behind `nextFresh_`; 0: nothing there has memory to
   /// spare.

@@ -211,14 +211,9 @@ HashedWriter::Place HashedWriter::vacancy(Place place) {
 
 void HashedWriter::checkRoom(Word inserts, Word replacements) const {
   const Word capacity = file_.header().capacity;
-  const auto resting =
-      std::ranges::count_if(resting_, [](auto slot) { return slot != UINT32_MAX; });
-  const Word slots =
-      free_.size() + (file_.header().slotCount - nextFresh_) + static_cast<Word>(resting);
-  if (inserts <= capacity - std::min(live(), capacity) &&
-      inserts + std::min<Word>(replacements, 1) <= slots) {
-    return;
-  }
+  const Word wanted = inserts + std::min<Word>(replacements, 1);
+  const Word slots = free_.size() + (file_.header().slotCount - nextFresh_) + restingCount_;
+  if (inserts <= capacity - std::min(live(), capacity) && wanted <= slots) return;
   throw CollectionFullException(Fenrik::formatString(
       "{}: full: room for {} further records is needed, {} of {} are there and {} slots are left; "
       "remove some before you add others",
@@ -237,10 +232,15 @@ void HashedWriter::reserveSlots(Word count) {
   reserved_.set(std::min(reserved_.value() + size / stride, file_.header().slotCount));
 }
 
-void HashedWriter::makeRoom(KeyWords key) {
-  const Place place = lookUp(key);
-  if (!place.found()) vacancy(place);
+void HashedWriter::makeRoom(KeyWords key) { placeFor(key); }
+
+HashedWriter::Place HashedWriter::placeFor(KeyWords key) {
+  Place place = lookUp(key);
   makeRoom(place.found() ? 0 : 1, place.found() ? 1 : 0);
+  if (place.lookup_ != lookups_) place = lookUp(key);
+  if (!place.found()) place = vacancy(place);
+  place.lookup_ = lookups_;
+  return place;
 }
 
 void HashedWriter::makeRoom(Word inserts, Word replacements) {
@@ -266,7 +266,9 @@ Word HashedWriter::takeSlot() {
   // Everything else is in use: the slot that has rested longest.
   for (std::size_t i = 0; i < resting_.size(); ++i) {
     std::uint32_t& slot = resting_[(restingHead_ + i) % resting_.size()];
-    if (slot != UINT32_MAX) return std::exchange(slot, UINT32_MAX);
+    if (slot == UINT32_MAX) continue;
+    --restingCount_;
+    return std::exchange(slot, UINT32_MAX);
   }
   full("and no slot is left");
 }
@@ -274,7 +276,11 @@ Word HashedWriter::takeSlot() {
 /// Lets a slot rest whose record has just been replaced or removed.
 void HashedWriter::rest(Word slot) {
   std::uint32_t& place = resting_[restingHead_++ % resting_.size()];
-  if (place != UINT32_MAX) free_.push_back(place);
+  if (place != UINT32_MAX) {
+    free_.push_back(place);
+  } else {
+    ++restingCount_;
+  }
   place = static_cast<std::uint32_t>(slot);
 }
 
@@ -472,6 +478,7 @@ void HashedWriter::removeAll() {
   switchTable(false);
   free_.clear();
   std::ranges::fill(resting_, UINT32_MAX);
+  restingCount_ = 0;
   // The slots begin again from the lowest.
   fillFreeList(std::vector<bool>(file_.header().slotCount));
 }
