@@ -1,5 +1,7 @@
 #include "OrderedTable/GroupInterface.h"
 
+#include <exception>
+
 #include "Fenrik/Assert.h"
 #include "OrderedTable/Constants.h"
 #include "OrderedTable/FlagScope.h"
@@ -86,11 +88,17 @@ unsigned GroupInterface::takeReports() {
   const FlagScope taking(taking_);
   versionMap_->seenIs();
   unsigned reports = 0;
-  try {
-    for (const auto& node : swTableSet_) reports += takeReport(*node.value()) ? 1 : 0;
-  } catch (...) {
+  std::exception_ptr thrown;
+  for (const auto& node : swTableSet_) {
+    try {
+      reports += takeReport(*node.value()) ? 1 : 0;
+    } catch (...) {
+      if (thrown == nullptr) thrown = std::current_exception();
+    }
+  }
+  if (thrown != nullptr) {
     versionMap_->seenDel();
-    throw;
+    std::rethrow_exception(thrown);
   }
   return reports;
 }

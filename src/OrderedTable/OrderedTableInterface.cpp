@@ -36,32 +36,30 @@ void OrderedTableInterface::makeGroupIntf(const Fenrik::String& agentName,
                                           unsigned short agentAndGroupId) {
   const Fenrik::String name = Constants::canonicalizeGroupName(agentName, groupName);
   if (groups_->groupIntfHas(name)) return;
-  groups_->groupIntfIs(
+  turns_.push_back(
       Fenrik::ptrIsImpl<GroupInterface>(name, agentAndGroupId, entityManager_, commitCount_));
+  groups_->groupIntfIs(turns_.back());
 }
 
-bool OrderedTableInterface::ready() const {
-  for (auto it = groups_->groupIntfIterator(); it; ++it) {
-    if (it->value()->ready()) return true;
-  }
-  return false;
+bool OrderedTableInterface::ready() const noexcept {
+  return std::ranges::any_of(turns_, [](const auto& group) { return group->ready(); });
 }
 
 OrderedTableInterface::Pumped OrderedTableInterface::pump(unsigned budget) {
   Pumped pumped;
   if (pumping_) return pumped;
   const FlagScope pumping(pumping_);
-  for (auto it = groups_->groupIntfIterator(); it; ++it) {
-    pumped.reports += it->value()->takeReports();
-  }
-  for (bool progress = true; progress && pumped.commits < budget;) {
-    progress = false;
-    for (auto it = groups_->groupIntfIterator(); it; ++it) {
-      const unsigned turn = std::min(kTurn, budget - pumped.commits);
-      const unsigned commits = it->value()->pump(turn);
-      pumped.commits += commits;
-      progress = progress || commits != 0;
-    }
+  // Handlers may bring further groups up.
+  for (std::size_t i = 0; i < turns_.size(); ++i) pumped.reports += turns_[i]->takeReports();
+  std::size_t idle = 0;
+  for (std::size_t at = firstTurn_; idle < turns_.size() && pumped.commits < budget; ++at) {
+    const Fenrik::Ptr<GroupInterface> group = turns_[at % turns_.size()];
+    const unsigned turn = std::min(kTurn, budget - pumped.commits);
+    // An exception leaves the next turn to the group behind the one that threw.
+    firstTurn_ = (at + 1) % turns_.size();
+    const unsigned commits = group->groupResolver()->ready() ? group->pump(turn) : 0;
+    pumped.commits += commits;
+    idle = commits != 0 ? 0 : idle + 1;
   }
   pumped.more = ready();
   return pumped;
@@ -80,8 +78,8 @@ bool OrderedTableInterface::waitForReport(std::chrono::nanoseconds timeout) {
 
 bool OrderedTableInterface::sleepForReport(std::chrono::nanoseconds timeout) {
   std::vector<Drift::BellSeen> bells;
-  for (auto it = groups_->groupIntfIterator(); it; ++it) {
-    const auto& map = it->value()->tableVersionMap();
+  for (const auto& group : turns_) {
+    const auto& map = group->tableVersionMap();
     map->refresh();
     if (map->moved()) return true;
     if (map->bell().file != nullptr) bells.push_back(map->bell());

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <memory>
+#include <vector>
 
 #include "Fenrik/Attribute.h"
 #include "Fenrik/NodeClass.h"
@@ -91,12 +92,16 @@ class QUARNBASTIL_EXPORT OrderedTableInterface final
   bool waitForReport(std::chrono::nanoseconds timeout);
 
  private:
-  bool ready() const;
+  bool ready() const noexcept;
   bool sleepForReport(std::chrono::nanoseconds timeout);
 
   Fenrik::Ptr<Stavro::EntityManager> entityManager_;
   Fenrik::Ptr<GroupInterfaceColl> groups_;
   std::shared_ptr<CommitCount> commitCount_;
+  /// The groups in the order in which they were made, and the one that commits first next time: a
+  /// budget that does not reach around is for each of them in turn.
+  std::vector<Fenrik::Ptr<GroupInterface>> turns_;
+  std::size_t firstTurn_ = 0;
   bool pumping_ = false;
 };
 

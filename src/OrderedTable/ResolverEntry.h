@@ -24,7 +24,7 @@ class QUARNBASTIL_EXPORT ResolverEntry : public Fenrik::Node {
   bool isEntryDeleted() const noexcept { return flags_.value() == EntryFlags::kEntryDelete; }
   bool isTableDeleted() const noexcept { return flags_.value() == EntryFlags::kTableDelete; }
 
-  /// Whether the operation may be committed now. Changes nothing.
+  /// Whether the operation may be committed now. May be asked any number of times.
   virtual bool isResolved() = 0;
   /// Commits the operation, or fails it; either way it is finished for the queue.
   virtual void commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) = 0;

@@ -1,10 +1,23 @@
 #include "OrderedTable/TableVersionMap.h"
 
+#include "Fenrik/Format.h"
+#include "Kiv/Log.h"
+#include "Kiv/StrepFormatter.h"
 #include "OrderedTable/Constants.h"
 
 namespace Asic {
 
+KIV_LOG_DESCRIPTOR(
+    kNoReports, "HW_ABSTRACTION_NO_REPORTS",
+    "The reports of the hardware writer cannot be read: %s",
+    "Operations are not acknowledged until the hardware writer's collection of reports "
+    "can be opened. Remove the file and restart the hardware writer",
+    Kiv::kLogNoAction, Kiv::kLogSeverityError);
+
 namespace {
+
+/// At a record every nanosecond a log gets there in 292 years.
+constexpr LogVersion kGreatestReport(std::uint64_t{1} << 63);
 
 Drift::Geometry geometry() {
   using Layout = Drift::RecordLayout<TableVersionRecord>;
@@ -53,15 +66,29 @@ void TableVersionMap::open() {
       if (make) DriftFile::openForWriting(directory, path_.view(), geometry(), {});
       openForReading();
       return;
-    } catch (const Fenrik::Exception&) {
+    } catch (const Fenrik::Exception& e) {
       // Looked at again by the next refresh.
+      if (make) tell(e.msg());
     }
   }
 }
 
+/// Without reports no operation is ever acknowledged: whoever waits for that is to know why.
+void TableVersionMap::tell(const Fenrik::String& trouble) {
+  if (trouble_ == trouble) return;
+  trouble_ = trouble;
+  static Kiv::LogHandle noReports(&kNoReports, Fenrik::Duration(), 1.0, 0, 0);
+  Kiv::log(noReports, trouble);
+}
+
 Found<TableVersionRecord> TableVersionMap::find(SwTableId tableId) const {
   if (map_ == nullptr) return {};
-  return guardedFind(*map_, tableId);
+  auto reported = guardedFind(*map_, tableId);
+  if (reported.record.logVersion <= kGreatestReport) return reported;
+  map_->doCorruptionDetected(
+      Fenrik::formatString("{}: version {} reported for table {} is beyond what any log can reach",
+                           path_, reported.record.logVersion, tableId));
+  return {};
 }
 
 bool TableVersionMap::moved() const noexcept {

@@ -19,7 +19,8 @@ class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableV
                   const Fenrik::String& path);
   ~TableVersionMap() override;
 
-  /// What the hardware writer reported for the table. Damage reads as not found, or as version 0.
+  /// What the hardware writer reported for the table. Damage reads as not found, or as version 0;
+  /// a version that no log can have reached is damage, too.
   Found<TableVersionRecord> find(SwTableId tableId) const;
 
   /// Whether the bell was rung, or the collection replaced, since the last `seen`.
@@ -36,6 +37,7 @@ class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableV
 
  private:
   void open();
+  void tell(const Fenrik::String& trouble);
 
   Fenrik::Ptr<KivSharedMem::EntityManager> manager_;
   Fenrik::String path_;
@@ -43,6 +45,8 @@ class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableV
   Fenrik::Ptr<Drift::DriftMap<TableVersionRecord>> map_;
   std::uint32_t seen_ = 0;
   bool fresh_ = true;
+  /// Why there is no collection; told once for each reason.
+  Fenrik::String trouble_;
 };
 
 }  // namespace Asic

@@ -124,7 +124,7 @@ class Choice {
       default:
         break;
     }
-    const Version wrong[] = {newest + 1 + below(5), Version{1} << 63, UINT64_MAX};
+    const Version wrong[] = {newest + 1 + below(5), Version{1} << 63, (Version{1} << 63) - 1};
     return wrong[below(3)];
   }
 

@@ -150,6 +150,16 @@ TEST_F(Resolver, APumpKeepsToItsBudgetAndSaysWhetherThereIsMore) {
   EXPECT_EQ(agent.tables().pump(0).reports, 0u);
   hw.report(SmallToyFamily::kTableId, 1);
   EXPECT_EQ(agent.tables().pump(0).reports, 0u);
+  // One that no log can have reached is no report.
+  hw.report(SmallToyFamily::kTableId, UINT64_MAX);
+  EXPECT_EQ(agent.tables().pump(0).reports, 0u);
+  EXPECT_EQ(log().tableStatusVersion(), Asic::LogVersion(1));
+  // A budget of one goes to each group in turn.
+  for (unsigned n = 0; n < 10; ++n) remove(n);
+  for (unsigned n = 0; n < 10; ++n) other->entryRemove({n, 0}, nullptr);
+  for (unsigned n = 0; n < 10; ++n) agent.tables().pump(1);
+  EXPECT_EQ(resolver().length(), 5u);
+  EXPECT_EQ(others.resolver().length(), 5u);
 }
 
 TEST_F(Resolver, AWaitEndsWithAReportOrWithItsTime) {

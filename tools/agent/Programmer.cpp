@@ -35,26 +35,6 @@ QuarnBastil::TcamEntryEntry entryOf(const PlacedRule& placed) {
   return Policy::entryOf(placed.row, placed.rule, keyOf(placed));
 }
 
-/// Why a row was not stored.
-template <class SwTable, class Key>
-std::string refusalOf(SwTable& table, const Key& key) {
-  try {
-    table.entryLog()->operationRoom(key, Asic::EntryFlags(Asic::EntryFlags::kWrite),
-                                    table.unitId());
-    return "the reason has gone since";
-  } catch (const Fenrik::Exception& e) {
-    return e.what();
-  }
-}
-
-/// The version up to which the hardware must have come to have what was done to a key last. An
-/// agent that died between its two stores has left one that no log record has: the hardware writer
-/// sees to it when it sees the next agent, and the log up to here is all that there is to wait for.
-template <class Log, class Key>
-Asic::LogVersion lastVersionOf(const Log& log, const Key& key, Asic::UnitId unit) {
-  return std::min(log.entryLogVersion(key, unit), log.tableVersion());
-}
-
 }  // namespace
 
 /// One plan on its way into the tables of one unit.
@@ -122,7 +102,7 @@ class Programmer::Run {
         "{} unit {}, row {}: {}. What was written before it stays; started again when there is "
         "room, the agent goes on from there",
         table.canonicalName()->name(), table.unitId().value(), own.keyText(),
-        refusalOf(table, own.key())));
+        own.rejection()));
   }
 
   /// Until the next row may be queued without more rows a second than asked for.
@@ -144,7 +124,7 @@ class Programmer::Run {
     if (step.again && !drain(0)) return false;
     const auto& log = *table.entryLog();
     const auto mayGo = [&] {
-      const auto version = lastVersionOf(log, key, table.unitId());
+      const auto version = log.entryLogVersion(key, table.unitId());
       if (version > log.tableStatusVersion()) return false;
       if (step.removes || version != Asic::LogVersion(0)) return true;
       return log.tableConfigDrift(table.unitId())->map()->driftMapSize() + tables_.queued() <

@@ -252,7 +252,7 @@ void HashedWriter::makeRoom(Word inserts, Word replacements) {
   reserveSlots(inserts + std::min(replacements, Format::kRestingSlots + 1));
 }
 
-/// A slot to write, with memory behind it; it stays on its list until it has been published.
+/// Takes a slot with memory behind it off its list.
 Word HashedWriter::takeSlot() {
   if (!free_.empty()) {
     const Word slot = free_.back();

@@ -47,8 +47,8 @@ namespace {
 
 Word roundUp(Word value, Word step) { return (value + step - 1) / step * step; }
 
-/// A dense ring has room above its capacity, since not every writer asks first; at least as much
-/// again as an eighth of it, in a power of two.
+/// A dense ring has room above its capacity for writers that do not ask first: at least a 64th of
+/// it, up to the next power of two.
 Word denseSlots(Word capacity) { return std::bit_ceil(capacity + capacity / 64 + 1); }
 
 /// No record of the system comes near; bounds what a foreign header can ask for.

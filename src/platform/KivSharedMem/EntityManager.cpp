@@ -7,9 +7,10 @@ namespace KivSharedMem {
 
 namespace {
 
-/// The managers that this process made, by name, the newest one of each; not owned.
+/// The managers that this process made, by name, the newest one of each; not owned. Never destroyed:
+/// managers that a program keeps in globals may go later than anything of this library.
 std::map<Fenrik::String, EntityManager*>& localManagers() {
-  static std::map<Fenrik::String, EntityManager*> all;
+  static auto& all = *new std::map<Fenrik::String, EntityManager*>;
   return all;
 }
 
