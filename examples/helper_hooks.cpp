@@ -39,9 +39,9 @@ int main(int argc, char** argv) {
   if (argc != 2) return std::fprintf(stderr, "usage: helper_hooks DIRECTORY\n"), 2;
   const auto memory = Fenrik::ptrIsImpl<KivSharedMem::EntityManager>(
       "agent", argv[1], Drift::Directory::Access::write);
-  const auto tables = Fenrik::ptrIsImpl<Asic::OrderedTableInterface>(
-      Fenrik::ptrIsImpl<Stavro::EntityManager>("agent", true, argv[1],
-                                               Drift::Directory::Access::write));
+  const auto tables =
+      Fenrik::ptrIsImpl<Asic::OrderedTableInterface>(Fenrik::ptrIsImpl<Stavro::EntityManager>(
+          "agent", true, argv[1], Drift::Directory::Access::write));
   const auto table = TcamEntryInterface::getIntf(tables)->makeSwTable(
       Asic::UnitId(0), Fenrik::ptrIsImpl<RowCounter>(), false);
 
@@ -52,7 +52,8 @@ int main(int argc, char** argv) {
   const TcamEntryEntryKey bad(7, 1);
   TcamEntryEntry entry(good);
   entry.sourcePrefix = OptionalPrefix({10}, 0, 8);
-  const auto refused = table->entryWriteWithResponseHandler(bad, TcamEntryEntry(bad), nullptr, tell);
+  const auto refused =
+      table->entryWriteWithResponseHandler(bad, TcamEntryEntry(bad), nullptr, tell);
   const auto written = table->entryWrite(good, entry, nullptr);
 
   for (bool more = true; more;) {
