@@ -27,6 +27,25 @@ if(BASTIL_SANITIZE)
     add_compile_options(-fno-sanitize=function)
   endif()
 endif()
+
+# What most sources include from outside of the project, parsed once for all targets of a kind
+# instead of once in every source. `./run lint` compiles without it, so that no source comes to
+# depend on it.
+#
+# bastil_parse_once(TARGET KIND [HEADER...]): the first target of a kind parses, with further
+# headers if it names any, for all that follow; their options must be the same.
+function(bastil_parse_once target kind)
+  get_property(first GLOBAL PROPERTY BASTIL_PARSES_${kind})
+  if(first)
+    target_precompile_headers(${target} REUSE_FROM ${first})
+    return()
+  endif()
+  set_property(GLOBAL PROPERTY BASTIL_PARSES_${kind} ${target})
+  target_precompile_headers(${target} PRIVATE
+      <algorithm> <array> <chrono> <functional> <map> <memory> <mutex> <optional> <span> <string>
+      <vector> <fmt/format.h> ${ARGN})
+endfunction()
+
 if(BASTIL_FUZZ)
   if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     message(FATAL_ERROR "BASTIL_FUZZ needs clang")

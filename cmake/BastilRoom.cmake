@@ -23,6 +23,7 @@ function(bastil_room name)
     endif()
     target_link_libraries(room_${name} PUBLIC room_${lower})
   endforeach()
+  bastil_parse_once(room_${name} library)
   set_property(GLOBAL APPEND PROPERTY BASTIL_ROOMS ${name})
   install(DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}" DESTINATION ${BASTIL_HEADER_DIR}
           FILES_MATCHING PATTERN "*.h")

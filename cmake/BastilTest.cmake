@@ -1,13 +1,21 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
-# bastil_test(NAME FOLDER... [CONCURRENT [PATTERN...]]) makes one test program of all sources in the
-# folders of a room. CONCURRENT makes it a part of the thread sanitizer's build too; with patterns,
-# in the form of the test program's own filter, only the tests that match run there.
+# bastil_test(NAME FOLDER... [ROOMS ROOM...] [CONCURRENT [PATTERN...]] [SLOW PATTERN...]) makes one
+# test program of all sources in the folders.
+#
+# ROOMS are those whose sources it tests: `./run check ROOM` builds it and runs it; the first folder
+# by default. SLOW tests are left to `./run test`; if all are, the program is not even built before.
+# CONCURRENT makes the program a part of the thread sanitizer's build too; with patterns only the
+# tests that match run there. Patterns have the form of the test program's own filter.
 #
 # Suites named ...Soak get the label soak: tests of random steps that are worth running for long.
+# The others have the names of their rooms for a label, or slow.
 function(bastil_test name)
-  cmake_parse_arguments(TEST "" "" "CONCURRENT" ${ARGN})
+  cmake_parse_arguments(TEST "" "" "ROOMS;CONCURRENT;SLOW" ${ARGN})
+  if(NOT TEST_ROOMS)
+    list(GET TEST_UNPARSED_ARGUMENTS 0 TEST_ROOMS)
+  endif()
   list(TRANSFORM TEST_UNPARSED_ARGUMENTS PREPEND "${CMAKE_CURRENT_SOURCE_DIR}/"
        OUTPUT_VARIABLE folders)
   list(TRANSFORM folders APPEND "/*.cpp")
@@ -17,22 +25,36 @@ function(bastil_test name)
   target_link_libraries(${name} PRIVATE quarnbastil GTest::gmock GTest::gtest_main)
   # Nearly all of a test runs once: it is the building that takes the time.
   target_compile_options(${name} PRIVATE -O1 -g1)
-  if(NOT name STREQUAL test_ovslab)
-    target_precompile_headers(${name} REUSE_FROM test_ovslab)
-  else()
-    target_precompile_headers(${name} PRIVATE <gmock/gmock.h> <fmt/format.h> <fmt/ranges.h>)
-  endif()
-  set(filter "")
+  bastil_parse_once(${name} test <gmock/gmock.h> <fmt/ranges.h>)
+  foreach(room IN LISTS TEST_ROOMS)
+    if(NOT TARGET check_${room})
+      add_custom_target(check_${room})
+    endif()
+    if(NOT TEST_SLOW STREQUAL "*")
+      add_dependencies(check_${room} ${name})
+    endif()
+  endforeach()
   if(BASTIL_SANITIZE STREQUAL thread)
     if(NOT (TEST_CONCURRENT OR "CONCURRENT" IN_LIST TEST_KEYWORDS_MISSING_VALUES))
       set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL TRUE)
       return()
     endif()
     list(JOIN TEST_CONCURRENT ":" filter)
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_FILTER "${filter}-*Soak*")
+    if(NOT filter)
+      gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_FILTER "*Soak*"
+                           PROPERTIES LABELS soak)
+    endif()
+    return()
   endif()
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_FILTER "${filter}-*Soak*")
-  if(NOT filter)
-    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_FILTER "*Soak*"
-                         PROPERTIES LABELS soak)
+  list(JOIN TEST_ROOMS "," rooms)
+  list(JOIN TEST_SLOW ":" slow)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_FILTER "-*Soak*:${slow}"
+                       PROPERTIES LABELS ${rooms})
+  if(slow)
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_FILTER "${slow}-*Soak*"
+                         PROPERTIES LABELS slow)
   endif()
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_FILTER "*Soak*"
+                       PROPERTIES LABELS soak)
 endfunction()

@@ -17,4 +17,9 @@ fmt::format_context::iterator textPut(const fmt::formatter<std::string_view>& sp
   return specification.format(text, context);
 }
 
+fmt::format_context::iterator numberPut(const fmt::formatter<unsigned long long>& specification,
+                                        unsigned long long number, fmt::format_context& context) {
+  return specification.format(number, context);
+}
+
 }  // namespace OvFmt::Detail

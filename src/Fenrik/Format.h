@@ -21,6 +21,11 @@ QUARNBASTIL_EXPORT fmt::format_context::iterator textPut(
     const fmt::formatter<std::string_view>& specification, std::string_view text,
     fmt::format_context& context);
 
+/// Writes `number` as the specification says, which has been parsed.
+QUARNBASTIL_EXPORT fmt::format_context::iterator numberPut(
+    const fmt::formatter<unsigned long long>& specification, unsigned long long number,
+    fmt::format_context& context);
+
 }  // namespace OvFmt::Detail
 
 namespace Fenrik {

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "Fenrik/Attribute.h"
+#include "Fenrik/Format.h"
 #include "Fenrik/NodeClass.h"
 #include "Fenrik/String.h"
 #include "OrderedTable/EntryVersion.h"
@@ -73,9 +74,8 @@ class QUARNBASTIL_EXPORT DependencyEntryHandle : public Fenrik::Publishing<Fenri
 }  // namespace Asic
 
 template <>
-struct fmt::formatter<Asic::EntryState> : fmt::formatter<std::string_view> {
-  template <class Context>
-  auto format(Asic::EntryState state, Context& context) const {
-    return fmt::formatter<std::string_view>::format(Asic::entryStateName(state).view(), context);
+struct fmt::formatter<Asic::EntryState> : Fenrik::TextFormatter {
+  auto format(Asic::EntryState state, fmt::format_context& context) const {
+    return put(Asic::entryStateName(state).view(), context);
   }
 };

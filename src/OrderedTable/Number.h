@@ -1,7 +1,5 @@
 #pragma once
 
-#include <fmt/format.h>
-
 #include <compare>
 #include <concepts>
 #include <cstddef>
@@ -9,6 +7,7 @@
 
 #include "Drift/PackedNumber.h"
 #include "Fenrik/Export.h"
+#include "Fenrik/Format.h"
 #include "Kiv/HashHelper.h"
 
 namespace Asic {
@@ -54,9 +53,8 @@ concept StrongNumber = requires(const T& value) {
 }  // namespace Asic
 
 template <Asic::StrongNumber T>
-struct fmt::formatter<T> : fmt::formatter<typename T::Rep> {
-  template <class Context>
-  auto format(const T& number, Context& context) const {
-    return fmt::formatter<typename T::Rep>::format(number.value(), context);
+struct fmt::formatter<T> : fmt::formatter<unsigned long long> {
+  auto format(const T& number, fmt::format_context& context) const {
+    return OvFmt::Detail::numberPut(*this, number.value(), context);
   }
 };

@@ -61,8 +61,9 @@ bool TableCore::isResolverEntryResolved(const TableResolverEntry& item) {
 }
 
 void TableCore::commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) {
-  FENRIK_ASSERT(typeid(*resolverEntry) == descriptor_.resolverEntryType);
-  const auto& item = static_cast<const TableResolverEntry&>(*resolverEntry);
+  const ResolverEntry& queued = *resolverEntry;
+  FENRIK_ASSERT(typeid(queued) == descriptor_.resolverEntryType);
+  const auto& item = static_cast<const TableResolverEntry&>(queued);
   const WrapperPtr wrapper = item.wrapper();
   const DependencyPtr dependency = item.dependantEntryHandle();
   KIV_TRACE(trace(), 8, "", "Entry: {}, isEntryDeleted: {}, isTableDeleted: {}",
@@ -71,9 +72,10 @@ void TableCore::commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) {
   FENRIK_ASSERT_TEXT(!(item.isEntryDeleted() && item.isTableDeleted()),
                      "!( isEntryDelete && isTableDelete )");
   const HandlePtr& entryHandle = wrapper->entryHandle();
-  FENRIK_ASSERT_TEXT(entryHandle != nullptr && typeid(*entryHandle) == descriptor_.handleType,
+  const Handle* const handle = entryHandle.get();
+  FENRIK_ASSERT_TEXT(handle != nullptr && typeid(*handle) == descriptor_.handleType,
                      "entryHandle != NULL");
-  const EntryVersion entryConfVersion = entryHandle->version();
+  const EntryVersion entryConfVersion = handle->version();
   if (!item.isTableDeleted()) FENRIK_ASSERT(entryConfVersion.valid());
   Operation operation{*wrapper, dependency, entryHandle, entryConfVersion, item.flags()};
   commit(operation);

@@ -156,16 +156,25 @@ struct TableDescriptor {
 
 /// An entry's key for traces.
 struct KeyText {
+  KeyText(const TableDescriptor& ofDescriptor, const void* ofKey) noexcept
+      : descriptor(ofDescriptor), key(ofKey) {}
+
   const TableDescriptor& descriptor;
   const void* key;
 };
 /// A client's entry for traces: what goes to the log, then the resource keys where there are any.
 struct EntryText {
+  EntryText(const TableDescriptor& ofDescriptor, const void* ofEntry) noexcept
+      : descriptor(ofDescriptor), entry(ofEntry) {}
+
   const TableDescriptor& descriptor;
   const void* entry;
 };
 /// What goes to the log, for traces.
 struct LogEntryText {
+  LogEntryText(const TableDescriptor& ofDescriptor, const void* ofLogEntry) noexcept
+      : descriptor(ofDescriptor), logEntry(ofLogEntry) {}
+
   const TableDescriptor& descriptor;
   const void* logEntry;
 };

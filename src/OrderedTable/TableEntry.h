@@ -4,6 +4,7 @@
 
 #include "Drift/RecordText.h"
 #include "Fenrik/Export.h"
+#include "Fenrik/Format.h"
 
 namespace Asic {
 
@@ -45,15 +46,14 @@ concept ClientEntry = requires(const T& entry) {
 
 /// Text form: that of the log entry, and that of the resource keys where there are any.
 template <Asic::ClientEntry T>
-struct fmt::formatter<T> : fmt::formatter<std::string_view> {
-  template <class Context>
-  auto format(const T& entry, Context& context) const noexcept {
+struct fmt::formatter<T> : Fenrik::TextFormatter {
+  auto format(const T& entry, fmt::format_context& context) const noexcept {
     std::string text;
     Drift::textAppend(text, entry.logEntry());
     if (!Drift::kFieldsOf<typename T::ResourceKeys>.empty()) {
       text += ' ';
       Drift::textAppend(text, entry.rsrcKeys());
     }
-    return fmt::formatter<std::string_view>::format(text, context);
+    return put(text, context);
   }
 };

@@ -1,5 +1,7 @@
 #include "Drift/RecordText.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstring>
 #include <iterator>

@@ -1,12 +1,13 @@
 #pragma once
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
+#include <cstddef>
 #include <string>
-#include <string_view>
 
 #include "Drift/RecordField.h"
 #include "Fenrik/Export.h"
+#include "Fenrik/Format.h"
 
 namespace Drift {
 
@@ -25,11 +26,10 @@ void textAppend(std::string& text, const T& value) {
 /// The text form of described values; takes the format specifications of text. An exception of the
 /// text form ends the process.
 template <Drift::Described T>
-struct fmt::formatter<T> : fmt::formatter<std::string_view> {
-  template <class Context>
-  auto format(const T& value, Context& context) const noexcept {
+struct fmt::formatter<T> : Fenrik::TextFormatter {
+  auto format(const T& value, fmt::format_context& context) const noexcept {
     std::string text;
     Drift::textAppend(text, value);
-    return fmt::formatter<std::string_view>::format(text, context);
+    return put(text, context);
   }
 };
