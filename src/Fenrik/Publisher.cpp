@@ -82,22 +82,17 @@ void Publisher::publish(const Change& change) const {
   Walk** end = &walks_;
   while (*end != nullptr) end = &(*end)->newer;
   *end = &walk;
+  Walk* oldest = walks_;
   while (walk.next != nullptr) {
-    Walk& oldest = *walks_;
-    Subscriber* const subscriber = oldest.next;
-    if (subscriber == nullptr) {
-      walks_ = oldest.newer;
-      continue;
-    }
-    oldest.next = subscriber == oldest.lastAtStart ? nullptr : subscriber->next_;
-    subscriber->dispatch_(*this, *subscriber, oldest.change);
+    while (oldest->next == nullptr) oldest = oldest->newer;
+    Subscriber* const subscriber = oldest->next;
+    oldest->next = subscriber == oldest->lastAtStart ? nullptr : subscriber->next_;
+    subscriber->dispatch_(*this, *subscriber, oldest->change);
     if (walk.publisherGone) return;
   }
-  for (Walk** at = &walks_; *at != nullptr; at = &(*at)->newer) {
-    if (*at != &walk) continue;
-    *at = walk.newer;
-    break;
-  }
+  // Older announcements stay listed until their own `publish` returns: it has to hear whether the
+  // publisher has gone. Newer ones have returned.
+  *end = nullptr;
 }
 
 }  // namespace Fenrik
