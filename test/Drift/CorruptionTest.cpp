@@ -77,7 +77,15 @@ INSTANTIATE_TEST_SUITE_P(Layouts, CorruptionTest,
                          testing::Values(hashedOf(36, 16), denseOf(36, 16)),
                          [](const auto& info) { return nameOf(info.param); });
 
-TEST_P(CorruptionTest, EveryBitOfTheHeaderPage) {
+TEST_P(CorruptionTest, EveryBitOfTheHeaderPageAndBothCopiesOfEachWord) {
+  for (std::size_t line = 0; line < Format::kLineCount; ++line) {
+    std::string image = specimen_.image;
+    for (std::size_t copy = 0; copy < 4; ++copy) {
+      image[Format::kLinesOffset + line * Format::kLineSize + copy * sizeof(Word)] ^= 0x40;
+    }
+    ASSERT_TRUE(inspectImage(image)) << "line " << line;
+  }
+  tally_ = {};
   flipBits(0, Format::kHeaderSize);
   EXPECT_GE(tally_.refusedAtOpen, sizeof(Format::FixedHeader) * 8 / kFewer);
   EXPECT_GE(tally_.rebuilt, sizeof(Format::FixedHeader) * 8 / kFewer);

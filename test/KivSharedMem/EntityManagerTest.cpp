@@ -159,22 +159,6 @@ TEST_F(EntityManagerTest, AMountThatCannotBeSaysWhatWhereAndWhy) {
   }
 }
 
-TEST_F(EntityManagerTest, AWipedCollectionSaysSoOnceAndCountsOn) {
-  mount<TcamEntryEntryLogDrift>(kLogPath)->collectionControl()->scratchpadIs(41);
-  restart();
-  damage(kLogPath, 8, "xxxx");
-  auto log = mount<TcamEntryEntryLogDrift>(kLogPath);
-  EXPECT_TRUE(log->collectionControl()->wiped());
-  EXPECT_EQ(log->collectionControl()->mountStage(), Drift::MountStage::rebuilt);
-  EXPECT_THAT(log->collectionControl()->mountReason().str(),
-              HasSubstr(manager_->directory().pathOf(kLogPath)));
-  EXPECT_EQ(log->collectionControl()->scratchpad(), 41u);
-  log->collectionControl()->clearWiped();
-  log = nullptr;
-  restart();
-  EXPECT_FALSE(mount<TcamEntryEntryLogDrift>(kLogPath)->collectionControl()->wiped());
-}
-
 TEST_F(EntityManagerTest, DamageIsNotedWithItsCollection) {
   const auto config = mount<TcamEntryConfigDrift>(kConfigPath);
   config->swTableEntriesIs({logRecord(1).logEntry, {}, Asic::LogVersion(1), false});

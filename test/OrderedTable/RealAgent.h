@@ -105,6 +105,7 @@ class RealAgent : public Agent {
                   .number = done});
     }
     if (act.kind == Kind::hear) {
+      if (act.flag) families[act.table / units()]->reportedIs(act.number);
       running_->tables().waitForReport(std::chrono::nanoseconds(0));
       while (running_->tables().pump(0).reports != 0) {
       }

@@ -11,13 +11,6 @@ using enum Asic::EntryState;
 struct Resolver : TableFixture<SmallToyFamily> {
   const Asic::GroupResolver& resolver() const { return rig.resolver(); }
   Fenrik::String reason() const { return resolver().head().waiting.reason; }
-  /// Looks at the head that a piece of work and the pumps behind it bring about.
-  std::uint64_t looksOf(const std::function<void()>& work) {
-    const auto before = resolver().looks();
-    work();
-    for (int i = 0; i < 3; ++i) agent.pumpAll();
-    return resolver().looks() - before;
-  }
 };
 
 TEST_F(Resolver, TellsWhatItsHeadIsAndWhatItWaitsFor) {
@@ -60,43 +53,6 @@ TEST_F(Resolver, TellsWhatItsHeadIsAndWhatItWaitsFor) {
   EXPECT_EQ(resolver().head().waiting.operation, "remove all");
   EXPECT_EQ(resolver().head().waiting.key, "{number: 0}");
   EXPECT_EQ(reason(), "no room in the log: 6 records wait for the hardware");
-}
-
-TEST_F(Resolver, LooksAtItsHeadOnceForEachChangeThatCanFreeItAndForNothingElse) {
-  Support::TableRig<QuarnBastil::BigBbFamily> others(agent);
-  const auto other = others.table(7);
-  const QuarnLpmLib::BigBbDataModelEntryKey otherKey(1, 2);
-  const auto cause = looseHandle(entryPending);
-  const auto unrelated = looseHandle(entryPending);
-  rig.table(4);
-  EXPECT_EQ(looksOf([&] { write(1, 1, cause); }), 1u);
-  EXPECT_EQ(looksOf([&] {}), 0u);
-  EXPECT_FALSE(agent.tables().pump(10).more);
-  EXPECT_EQ(looksOf([&] {
-              for (unsigned n = 0; n < 1000; ++n) remove(n);
-              removeAll();
-              write(2, 2, cause);
-            }),
-            0u);
-  EXPECT_EQ(looksOf([&] { unrelated->entryStateIs(entryInLog); }), 0u);
-  EXPECT_EQ(looksOf([&] { cause->logVersionIs(Asic::LogVersion(5)); }), 0u);
-  EXPECT_EQ(looksOf([&] { static_cast<void>(table->entryRead(key(1))); }), 0u);
-  // A commit anywhere, and a report for any number of units, may have freed it.
-  EXPECT_EQ(looksOf([&] {
-              for (int i = 0; i < 5; ++i) {
-                other->entryWrite(otherKey, QuarnLpmLib::BigBbDataModelEntry(otherKey), nullptr);
-              }
-              others.group()->pump(100);
-            }),
-            1u);
-  EXPECT_EQ(looksOf([&] { hw.report(SmallToyFamily::kTableId, 1); }), 1u);
-  EXPECT_EQ(looksOf([&] { hw.report(SmallToyFamily::kTableId, 1); }), 0u);
-  EXPECT_EQ(looksOf([&] { hw.report(SmallToyFamily::kTableId, 0); }), 1u);
-  EXPECT_EQ(resolver().length(), 1003u);
-  // Unblocked, everything behind it goes, with one look for each.
-  EXPECT_EQ(looksOf([&] { cause->entryStateIs(entryInLog); }), 1003u);
-  EXPECT_EQ(resolver().length(), 0u);
-  EXPECT_EQ(resolver().greatestLength(), 1003u);
 }
 
 TEST_F(Resolver, WhatDoesNotFitIntoTheConfigurationIsTracedWithItsTable) {
@@ -185,6 +141,35 @@ TEST_F(Resolver, AWaitEndsWithAReportOrWithItsTime) {
   agent.pumpAll();
   EXPECT_EQ(calls.size(), 1u);
   wait(1ms, false);
+}
+
+TEST_F(Resolver, AReportThatAHandlerThrowsAtIsTakenAgain) {
+  table->entryWriteWithResponseHandler(key(1), entry(1, 1), nullptr,
+                                       [](const auto&) { throw std::runtime_error("thrown"); });
+  write(2, 2);
+  agent.pumpAll();
+  hw.report(SmallToyFamily::kTableId, 2);
+  EXPECT_THROW(agent.tables().pump(0), std::runtime_error);
+  EXPECT_EQ(agent.tables().pump(0).reports, 1u);
+  EXPECT_EQ(calls, Calls{"W2 entryDone"});
+  EXPECT_EQ(agent.tables().pump(0).reports, 0u);
+}
+
+TEST_F(Resolver, NoVersionIsIssuedWithoutRoomForWhatItNeeds) {
+  const auto needed = Fenrik::dynamicPtrCast<Asic::NeededEntryDrift>(
+      agent.memory()->getEntity(Asic::Constants::neededPathOfEntryLogPath(
+          SmallToyFamily::Constants::tableEntryLogDriftPath())));
+  // Behind the highest number there is room for none.
+  Asic::NeededEntryRecord record;
+  record.sequence = Asic::LogVersion(UINT64_MAX - 1);
+  needed->neededEntryIs(record);
+  const auto needs = Fenrik::ptrIsImpl<Asic::NeededEntry>();
+  needs->add({QuarnBastil::BigBbFamily::kTableId, Asic::LogVersion(1)});
+  EXPECT_THROW(log().entryIs(entry(1, 1).logEntry(), {}, needs, kUnit, table->stats(), false),
+               Drift::CollectionFullException);
+  EXPECT_EQ(log().tableVersion().value(), 0u);
+  EXPECT_FALSE(log().entryHas(key(1), kUnit));
+  EXPECT_EQ(logSize(), 0u);
 }
 
 TEST_F(Resolver, ATableMayGoWithOperationsQueuedAndLogged) {

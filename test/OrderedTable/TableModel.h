@@ -57,7 +57,7 @@ struct Act {
     direct,     ///< key, value: a write to the log itself that drops what is identical
     pump,       ///< table is the group, number the budget
     report,     ///< number
-    hear,       ///< of what the hardware says in shared memory, all tables
+    hear,       ///< what the hardware says in shared memory, all tables; flag: `number` first
     has,
     read,
     entry,
@@ -195,6 +195,8 @@ struct Family : Support::Changing {
   std::vector<bool> mounted;
   Version statusVersion = 0;
   bool pendingHwWrites = false;
+  /// The report that was heard last.
+  std::optional<Version> taken;
 };
 
 struct Table {
@@ -300,7 +302,7 @@ class Model final : public Agent {
       case Kind::report:
         return report(table, act.number);
       case Kind::hear:
-        return hear();
+        return hear(act);
       case Kind::has:
         return answer(act, act.key, entryHas(act.table, act.key));
       case Kind::read:
@@ -338,6 +340,7 @@ class Model final : public Agent {
       family.takeOver(everythingBut(family));
       family.statusVersion = 0;
       family.pendingHwWrites = false;
+      family.taken.reset();
       if (family.reported) {
         ++roads[kReportFound];
         cleanup(family, *family.reported);
@@ -894,10 +897,17 @@ class Model final : public Agent {
   };
 
   /// The tables hear of it in any order.
-  void hear() {
+  void hear(const Act& act) {
     const std::size_t begin = events.size();
-    for (Table& table : tables_) {
-      if (const auto said = familyFor(table).reported) report(table, *said);
+    if (act.flag) familyFor(tables_[act.table]).reportedIs(act.number);
+    for (Family& family : families_) {
+      if (!family.reported || family.taken == family.reported) continue;
+      family.taken = family.reported;
+      for (Table& table : tables_) {
+        if (&familyFor(table) == &family && family.mounted[table.unit]) {
+          report(table, *family.reported);
+        }
+      }
     }
     const unsigned anyOrder = nextAnyOrder_++;
     for (std::size_t i = begin; i < events.size(); ++i) events[i].anyOrder = anyOrder;

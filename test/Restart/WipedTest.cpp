@@ -156,21 +156,9 @@ TYPED_TEST(WipedTest, ANeededSetThatCannotBeReadGoesWithTheOthers) {
   EXPECT_EQ(needed->map()->driftMapSize(), 0U);
 }
 
-TYPED_TEST(WipedTest, WithoutAGenerationToMoveOnlyTheRequestIsLost) {
+TYPED_TEST(WipedTest, AGenerationThatCannotBeReadOrIsNotThereIsNoReasonToStayDown) {
+  EXPECT_EQ(this->serve(0), 0U);
   const auto config = this->pathOf(TypeParam::Constants::configDriftPath(UnitId(0)));
-  EXPECT_EQ(this->serve(0), 0U);
-  {
-    Stavro::EntityManager state("agent", true, Fenrik::String(this->dir_.path()),
-                                Drift::Directory::Access::write);
-    EXPECT_TRUE(state.entityDel(kGeneration));
-  }
-  truncate(config);
-  EXPECT_EQ(this->serve(0), 0U);
-  EXPECT_EQ(this->messages_.size(), 1U);
-}
-
-TYPED_TEST(WipedTest, AGenerationThatCannotBeReadIsNoReasonToStayDown) {
-  EXPECT_EQ(this->serve(0), 0U);
   const auto state = this->pathOf("stavro/entities");
   std::string image(std::filesystem::file_size(state), '\0');
   std::fstream file(state, std::ios::in | std::ios::out | std::ios::binary);
@@ -178,12 +166,18 @@ TYPED_TEST(WipedTest, AGenerationThatCannotBeReadIsNoReasonToStayDown) {
   const auto place = image.find(kGeneration);
   ASSERT_NE(place, std::string::npos);
   file.seekp(static_cast<std::streamoff>(place)).put('H').flush();
-  truncate(this->pathOf(TypeParam::Constants::configDriftPath(UnitId(0))));
+  truncate(config);
   {
     Support::Running agent(this->dir_.path());
     EXPECT_EQ(agent.template table<TypeParam>(0)->entrys(), 0U);
   }
   EXPECT_EQ(this->messages_.size(), 1U);
+  Stavro::EntityManager("agent", true, Fenrik::String(this->dir_.path()),
+                        Drift::Directory::Access::write)
+      .entityDel(kGeneration);
+  truncate(config);
+  EXPECT_EQ(this->serve(0), 0U);
+  EXPECT_EQ(this->messages_.size(), 2U);
 }
 
 TYPED_TEST(WipedTest, ReportsThatCannotBeReadAreNone) {

@@ -149,6 +149,10 @@ struct Changing : Memory {
     tell();
     return append({LogFlags::write, unit, key, value}, needs);
   }
+  void reportedIs(Version version) {
+    reported = version;
+    tell();
+  }
   /// Zero if there is nothing under the key.
   Version remove(unsigned unit, Key key, const Needed& needs) {
     const auto found = config[unit].find(key);

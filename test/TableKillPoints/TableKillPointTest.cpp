@@ -2,8 +2,10 @@
 
 #include <iostream>
 
+#include "OrderedTable/Choice.h"
 #include "Support/KillPoint.h"
 #include "Support/Process.h"
+#include "Support/Soak.h"
 #include "TableKillPoints/Told.h"
 
 namespace TableKill {
@@ -267,6 +269,79 @@ TEST_P(TableKillPointDeathTest, AReportCleansRecordAfterRecord) {
     SCOPED_TRACE(fmt::format("{} reports", reports.size()));
     dieEverywhere({of(Kind::hear, t, 0)}, kReported, before, reports);
   }
+}
+
+/// One directory through many agents, each of which comes up with other units than the last one,
+/// does anything, and dies at any store: what it leaves is one of the pictures that were promised.
+TEST(TableKillRoundsSoakDeathTest, WhatAKilledAgentLeavesIsTakenOver) {
+  const unsigned seed = Support::seed();
+  SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
+  std::mt19937_64 random(seed);
+  const TempDir directory;
+  Places places(kTables);
+  {
+    Client client(directory.path());
+    for (unsigned t = 0; t < kTables * kUnits; ++t) {
+      places[t / kUnits].push_back(client.families[t / kUnits]->learnPlaces(t % kUnits, kKeys));
+    }
+  }
+  std::size_t deaths = 0, unlogged = 0, unannounced = 0, lives = 0;
+  const unsigned rounds =
+      (DriftTest::kInstrumented ? 60U : 600U) * static_cast<unsigned>(Support::soakFactor());
+  for (unsigned round = 0; round < rounds && !testing::Test::HasFailure(); ++round) {
+    SCOPED_TRACE(fmt::format("round {}", round));
+    TableModel::Model::Start start;
+    for (unsigned t = 0; t < kTables * kUnits && round != 0; ++t) {
+      if (random() % 6 == 0) start.absent.insert(t);
+      if (random() % 8 == 0) start.reset.insert(t);
+    }
+    start.absent.erase(static_cast<unsigned>(random() % (kTables * kUnits)));
+    Told told(pictureOf(directory.path()), places, start);
+    TableModel::Choice choice(static_cast<unsigned>(random()), told.model, 3);
+    choice.remoteIs();
+    Acts acts;
+    for (auto left = random() % 48; left > 0; --left) {
+      acts.push_back(choice.act());
+      told.model.run(acts.back());
+    }
+    const std::size_t most = std::size_t{1} << (4 + random() % 9);
+    const std::size_t stores = 1 + random() % most;
+    const int status = Support::Process([&] {
+                         storesLeft = stores;
+                         RealAgent agent(directory.path(), plan());
+                         agent.start(start);
+                         for (const Act& act : acts) agent.run(act);
+                         ::_exit(0);
+                       }).wait();
+    const Picture seen = pictureOf(directory.path());
+    expectSound(seen);
+    if (status == 0) {
+      ++lives;
+      EXPECT_EQ(textOf(seen), textOf(told.last()));
+      continue;
+    }
+    ASSERT_EQ(status, -SIGKILL);
+    ++deaths;
+    if (std::ranges::find(told.stages(), seen) == told.stages().end()) {
+      ADD_FAILURE() << "death at store " << stores << " behind" << textOf(told.stages().front())
+                    << "\nnobody promised" << textOf(seen) << "\nbefore" << textOf(told.last());
+    }
+    for (const Support::Memory& memory : seen) {
+      unannounced += memory.announced < memory.newest() ? 1 : 0;
+      const auto isBeyond = [&](const auto& record) {
+        return record.second.logVersion > memory.newest();
+      };
+      unlogged += std::ranges::any_of(
+          memory.config, [&](const auto& unit) { return std::ranges::any_of(unit, isBeyond); });
+    }
+  }
+  std::cout << deaths << " deaths, " << unlogged << " left a change unlogged, " << unannounced
+            << " unannounced; " << lives << " agents lived\n";
+  EXPECT_GT(deaths, rounds / 4);
+  EXPECT_GT(lives, rounds / 20);
+  if (DriftTest::kInstrumented) return;
+  EXPECT_GT(unlogged, 0U);
+  EXPECT_GT(unannounced, 0U);
 }
 
 }  // namespace

@@ -51,22 +51,20 @@ inline Places placesOf(const std::string& directory) {
 /// other while it works: one for each store that is promised.
 class Told {
  public:
-  Told(const Picture& found, const Places& places) : model(plan().shape), stages_{found} {
+  Told(const Picture& found, const Places& places, const TableModel::Model::Start& start = {})
+      : model(plan().shape), stages_{found} {
     for (unsigned t = 0; t < kTables; ++t) {
       static_cast<Support::Memory&>(model.family(t)) = found[t];
       model.family(t).places = places[t];
       model.family(t).stored = [this] { see(); };
     }
-    model.start({});
+    model.start(start);
     model.events.clear();
   }
   Told(const Told&) = delete;
   Told& operator=(const Told&) = delete;
 
-  void reportedIs(unsigned table, Word version) {
-    model.family(table).reported = version;
-    see();
-  }
+  void reportedIs(unsigned table, Word version) { model.family(table).reportedIs(version); }
   /// What comes next is looked at on its own.
   void beginAnew() { stages_.erase(stages_.begin(), stages_.end() - 1); }
 
