@@ -101,8 +101,7 @@ class Programmer::Run {
     throw RowRejected(fmt::format(
         "{} unit {}, row {}: {}. What was written before it stays; started again when there is "
         "room, the agent goes on from there",
-        table.canonicalName()->name(), table.unitId().value(), own.keyText(),
-        own.rejection()));
+        table.canonicalName()->name(), table.unitId().value(), own.keyText(), own.rejection()));
   }
 
   /// Until the next row may be queued without more rows a second than asked for.

@@ -7,8 +7,8 @@ namespace KivSharedMem {
 
 namespace {
 
-/// The managers that this process made, by name, the newest one of each; not owned. Never destroyed:
-/// managers that a program keeps in globals may go later than anything of this library.
+/// The managers that this process made, by name, the newest one of each; not owned. Never
+/// destroyed: managers that a program keeps in globals may go later than anything of this library.
 std::map<Fenrik::String, EntityManager*>& localManagers() {
   static auto& all = *new std::map<Fenrik::String, EntityManager*>;
   return all;
