@@ -55,7 +55,8 @@ TEST_P(ModelSoak, RandomOperationsDoWhatAMapDoes) {
   EXPECT_TRUE(geometry.capacity > 1000 || run.fulls() > 0);
   if (isDense(geometry)) {
     EXPECT_GT(run.highest(), 2 * geometry.capacity) << "the ring did not wrap";
-  } else {
+  } else if (!BASTIL_SANITIZED || geometry.capacity <= 1000) {
+    // In the fewer steps of a sanitizer's run the largest do not surely come to it.
     EXPECT_GT(run.tableSwitches(), 0U);
   }
 }

@@ -216,7 +216,8 @@ TEST(KillRoundsSoakDeathTest, WhatWasCommittedSurvivesAnyNumberOfKills) {
   EXPECT_GT(olds, rounds / 50);
   EXPECT_GT(news, rounds / 50);
   EXPECT_GT(inMounts, rounds / 100);
-  EXPECT_GT(journal->refusals, 0U);
+  // So few rounds as a sanitizer has time for do not surely fill a collection.
+  EXPECT_TRUE(BASTIL_SANITIZED || journal->refusals > 0);
 }
 
 }  // namespace
