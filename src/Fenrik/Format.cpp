@@ -12,14 +12,14 @@ Fenrik::String formatFenrikString(fmt::string_view format, fmt::format_args args
   return Fenrik::String(std::string_view(text.data(), text.size()));
 }
 
-fmt::format_context::iterator textPut(const fmt::formatter<std::string_view>& specification,
+fmt::format_context::iterator textPut(const fmt::formatter<std::string_view>& textFormat,
                                       std::string_view text, fmt::format_context& context) {
-  return specification.format(text, context);
+  return textFormat.format(text, context);
 }
 
-fmt::format_context::iterator numberPut(const fmt::formatter<unsigned long long>& specification,
+fmt::format_context::iterator numberPut(const fmt::formatter<unsigned long long>& numberFormat,
                                         unsigned long long number, fmt::format_context& context) {
-  return specification.format(number, context);
+  return numberFormat.format(number, context);
 }
 
 }  // namespace OvFmt::Detail

@@ -16,14 +16,14 @@ namespace OvFmt::Detail {
 QUARNBASTIL_EXPORT Fenrik::String formatFenrikString(fmt::string_view format,
                                                      fmt::format_args args);
 
-/// Writes `text` as the specification says, which has been parsed.
+/// Writes `text` in a format that has been parsed.
 QUARNBASTIL_EXPORT fmt::format_context::iterator textPut(
-    const fmt::formatter<std::string_view>& specification, std::string_view text,
+    const fmt::formatter<std::string_view>& textFormat, std::string_view text,
     fmt::format_context& context);
 
-/// Writes `number` as the specification says, which has been parsed.
+/// Writes `number` in a format that has been parsed.
 QUARNBASTIL_EXPORT fmt::format_context::iterator numberPut(
-    const fmt::formatter<unsigned long long>& specification, unsigned long long number,
+    const fmt::formatter<unsigned long long>& numberFormat, unsigned long long number,
     fmt::format_context& context);
 
 }  // namespace OvFmt::Detail
