@@ -47,7 +47,7 @@ struct Script {
         {"@", name},
         {"\\$E(.)=0", "{key: $$K$1, slices: 1}"},
         {"\\$E(.)=(.)", "{key: $$K$1, slices: 1, hopLimit: $2}"},
-        {"\\$K(.)", "{bank: 0, index: $1}"},
+        {"\\$K(.)", "0:$1"},
         {"\\$W", "isEntryDeleted: false, isTableDeleted: false"},
         {"\\$D", "isEntryDeleted: true, isTableDeleted: false"},
         {"\\$A", "isEntryDeleted: false, isTableDeleted: true"}};
