@@ -60,7 +60,7 @@ bool FlatShape::same(const void* a, const void* b) const noexcept {
 }
 
 void FlatShape::textAppend(std::string& text, const void* value) const {
-  if (!empty()) Drift::textAppend(text, value, fields.data(), fields.size(), isKey);
+  if (!empty()) Drift::textAppend(text, value, fields.data(), fields.size(), form);
 }
 
 }  // namespace Asic

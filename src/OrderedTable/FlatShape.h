@@ -22,8 +22,7 @@ struct QUARNBASTIL_EXPORT FlatShape {
   /// Fields that mean something only while their presence byte is set.
   std::span<const Drift::Impl::OptionalGroup> groups;
   std::span<const Drift::RecordField> fields;
-  /// Its text shows members that are zero too.
-  bool isKey;
+  Drift::TextForm form;
 
   std::size_t words() const noexcept { return mask.size(); }
   bool empty() const noexcept { return size == 0; }
@@ -71,10 +70,10 @@ struct ShapeOf {
 template <Drift::Described T>
 constexpr FlatShape flatShapeOf() {
   if constexpr (Drift::kFieldsOf<T>.size() == 0) {
-    return {0, {}, {}, {}, false};
+    return {0, {}, {}, {}, Drift::TextForm::members};
   } else {
     using Shape = Impl::ShapeOf<T>;
-    return {sizeof(T), Shape::kMask, Shape::kGroups, Shape::kFields, Drift::Impl::kIsKey<T>};
+    return {sizeof(T), Shape::kMask, Shape::kGroups, Shape::kFields, Drift::Impl::textFormOf<T>()};
   }
 }
 

@@ -1,6 +1,49 @@
 #include "OrderedTable/TableDescriptor.h"
 
+#include <map>
+#include <mutex>
+
+#include "Fenrik/Assert.h"
+
 namespace Asic {
+
+namespace {
+
+/// Libraries may be loaded by any thread.
+struct Registry {
+  std::mutex lock;
+  std::map<SwTableId, const TableDescriptor*> byId;
+
+  /// Never destroyed: libraries unload in any order.
+  static Registry& get() {
+    static Registry& registry = *new Registry;
+    return registry;
+  }
+};
+
+}  // namespace
+
+TableRegistration::TableRegistration(const TableDescriptor& descriptor)
+    : tableId_(descriptor.tableId) {
+  Registry& registry = Registry::get();
+  const std::lock_guard guard(registry.lock);
+  const bool isFirst = registry.byId.try_emplace(tableId_, &descriptor).second;
+  FENRIK_ASSERT_TEXT(isFirst, "two families have one table id");
+}
+
+TableRegistration::~TableRegistration() {
+  Registry& registry = Registry::get();
+  const std::lock_guard guard(registry.lock);
+  registry.byId.erase(tableId_);
+}
+
+std::vector<const TableDescriptor*> TableRegistration::all() {
+  Registry& registry = Registry::get();
+  const std::lock_guard guard(registry.lock);
+  std::vector<const TableDescriptor*> descriptors;
+  for (const auto& [id, descriptor] : registry.byId) descriptors.push_back(descriptor);
+  return descriptors;
+}
 
 std::string textOf(const KeyText& key) {
   std::string text;

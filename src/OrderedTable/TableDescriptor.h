@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 #include <typeinfo>
+#include <vector>
 
 #include "Fenrik/Export.h"
 #include "Fenrik/Format.h"
@@ -152,6 +153,23 @@ struct TableDescriptor {
   Kiv::LogHandle* lostLog;
   /// Null for a table that is not linked to resources.
   const ResourceHooks* resources;
+};
+
+/// Enters a family among those that this process knows, for as long as the object lives: a static
+/// one of the library that has the family.
+class QUARNBASTIL_EXPORT TableRegistration {
+ public:
+  /// Ends the process if another family has the table id.
+  explicit TableRegistration(const TableDescriptor& descriptor);
+  ~TableRegistration();
+  TableRegistration(const TableRegistration&) = delete;
+  TableRegistration& operator=(const TableRegistration&) = delete;
+
+  /// All families, by table id.
+  static std::vector<const TableDescriptor*> all();
+
+ private:
+  SwTableId tableId_;
 };
 
 /// An entry's key for traces.

@@ -29,6 +29,7 @@ struct QUARNBASTIL_EXPORT BankIndexKey {
   }
   friend constexpr auto operator<=>(const BankIndexKey&, const BankIndexKey&) noexcept = default;
 
+  static constexpr auto kTextForm = Drift::TextForm::place;
   static constexpr auto fields() {
     return std::array{DRIFT_FIELD_AT(Self, bank, 0), DRIFT_FIELD_AT(Self, index, 2)};
   }

@@ -64,15 +64,17 @@
   static_assert(::QuarnBastil::FamilyTraits<Prefix##Family>)
 
 /// What stands in a family's own source, outside of all namespaces: the ends of its classes, which
-/// anchor their tables, and its descriptor.
-#define QUARNBASTIL_DEFINE_FAMILY(Space, Prefix)                                  \
-  Space::Prefix##EntryHandle::~Prefix##EntryHandle() = default;                   \
-  Space::Prefix##SwTableEntries_py::~Prefix##SwTableEntries_py() = default;       \
-  Space::Prefix##SwTableIteratorState::~Prefix##SwTableIteratorState() = default; \
-  Space::Prefix##EntryWrapper::~Prefix##EntryWrapper() = default;                 \
-  Space::Prefix##ResolverEntry::~Prefix##ResolverEntry() = default;               \
-  Space::Prefix##SwTableHelperBase::~Prefix##SwTableHelperBase() = default;       \
-  Space::Prefix##EntryLog::~Prefix##EntryLog() = default;                         \
-  Space::Prefix##SwTable::~Prefix##SwTable() = default;                           \
-  Space::Prefix##Interface::~Prefix##Interface() = default;                       \
-  template const ::Asic::TableDescriptor& ::QuarnBastil::descriptorOf<Space::Prefix##Family>()
+/// anchor their tables, its descriptor, and its registration.
+#define QUARNBASTIL_DEFINE_FAMILY(Space, Prefix)                                                \
+  Space::Prefix##EntryHandle::~Prefix##EntryHandle() = default;                                 \
+  Space::Prefix##SwTableEntries_py::~Prefix##SwTableEntries_py() = default;                     \
+  Space::Prefix##SwTableIteratorState::~Prefix##SwTableIteratorState() = default;               \
+  Space::Prefix##EntryWrapper::~Prefix##EntryWrapper() = default;                               \
+  Space::Prefix##ResolverEntry::~Prefix##ResolverEntry() = default;                             \
+  Space::Prefix##SwTableHelperBase::~Prefix##SwTableHelperBase() = default;                     \
+  Space::Prefix##EntryLog::~Prefix##EntryLog() = default;                                       \
+  Space::Prefix##SwTable::~Prefix##SwTable() = default;                                         \
+  Space::Prefix##Interface::~Prefix##Interface() = default;                                     \
+  template const ::Asic::TableDescriptor& ::QuarnBastil::descriptorOf<Space::Prefix##Family>(); \
+  static const ::Asic::TableRegistration k##Prefix##Registration(                               \
+      ::QuarnBastil::descriptorOf<Space::Prefix##Family>())

@@ -40,6 +40,8 @@ struct FamilyDefaults {
   static constexpr Drift::Format::Word kLogCapacity = 1'000'000;
   /// Null: the table is not linked to resources.
   static constexpr const Asic::ResourceHooks* kResourceHooks = nullptr;
+  /// Rows that such a link adds to the table's attributes, at `SwTable::kLinkField`.
+  static constexpr std::uint16_t kLinkFields = 0;
 
   using SwTableBase = Asic::OrderedSwTable;
   using IteratorStateBase = Asic::SwTableIteratorStateBase;

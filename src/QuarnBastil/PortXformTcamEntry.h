@@ -31,6 +31,6 @@ struct QUARNBASTIL_EXPORT PortXformTcamEntryFamily : PortXformTcamEntryFamilyCla
 
 using PortXformTcamEntryConstants = PortXformTcamEntryFamily::Constants;
 
-QUARNBASTIL_FAMILY(PortXformTcamEntry, portXformPortXformTcamEntry);
+QUARNBASTIL_FAMILY(PortXformTcamEntry, portXformTcamEntry);
 
 }  // namespace QuarnBastil

@@ -171,6 +171,9 @@ class QUARNBASTIL_EXPORT SwTable
   using VersionIterator = InFlightIterator<Family, Asic::EntryVersion>;
 
   static constexpr std::uint16_t kFieldBase = Family::kSwTableFieldBase;
+  /// Where the attributes of a link to resources are; those declared after them follow.
+  static constexpr std::uint16_t kLinkField = kFieldBase + 31;
+  static constexpr std::uint16_t kBehindLink = kLinkField + Family::kLinkFields;
 
   FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, swTableHelper, pointer);
   FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, transientAddEntry, keyed);
@@ -196,9 +199,9 @@ class QUARNBASTIL_EXPORT SwTable
   FENRIK_FUNCTION(kFieldBase + 28, entryFromConfig);
   FENRIK_FUNCTION(kFieldBase + 29, restoreEntries);
   FENRIK_FUNCTION(kFieldBase + 30, clearTable);
-  FENRIK_FUNCTION(kFieldBase + 31, initIterState);
-  FENRIK_FUNCTION(kFieldBase + 32, initIterStateFromKey);
-  FENRIK_FUNCTION(kFieldBase + 33, handleInitialized);
+  FENRIK_FUNCTION(kBehindLink, initIterState);
+  FENRIK_FUNCTION(kBehindLink + 1, initIterStateFromKey);
+  FENRIK_FUNCTION(kBehindLink + 2, handleInitialized);
 
   FENRIK_FACTORY(entryHandle, EntryHandle);
 

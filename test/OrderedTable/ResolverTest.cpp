@@ -28,7 +28,7 @@ TEST_F(Resolver, TellsWhatItsHeadIsAndWhatItWaitsFor) {
   EXPECT_EQ(head.waiting.key, "{number: 5}");
   EXPECT_EQ(head.waiting.operation, "write");
   EXPECT_EQ(head.waiting.reason,
-            "OrderedSwTable.QuarnBastilPrefixOuter.BigBb, key {prefix: 1, length: 2}: "
+            "OrderedSwTable.QuarnBastilPrefixOuter.BigBb, key 0.0.0.1/2: "
             "entryPending");
   std::this_thread::sleep_for(std::chrono::milliseconds(30));
   EXPECT_GE(resolver().head().age, head.age + std::chrono::milliseconds(20));

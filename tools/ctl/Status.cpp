@@ -4,14 +4,14 @@ namespace Ctl {
 namespace {
 
 constexpr const char* kHead =
-    "table         unit    live deleting     issued  announced   reported        lag";
+    "table               unit  live deleting     issued  announced   reported     lag";
 
 std::string rowOf(const TablePicture& table, const UnitPicture* unit) {
   const std::string ofUnit =
-      unit == nullptr ? fmt::format("{:>5} {:>7} {:>8}", "-", "-", "-")
-                      : fmt::format("{:>5} {:>7} {:>8}", unit->unit, unit->live, unit->inDeletion);
-  return fmt::format("{:<12} {} {:>10} {:>10} {:>10} {:>10}", table.kind->name, ofUnit,
-                     table.issued, table.announced, table.reported, table.lag());
+      unit == nullptr ? fmt::format("{:>4} {:>5} {:>8}", "-", "-", "-")
+                      : fmt::format("{:>4} {:>5} {:>8}", unit->unit, unit->live, unit->inDeletion);
+  return fmt::format("{:<19} {} {:>10} {:>10} {:>10} {:>7}", table.kind->name, ofUnit, table.issued,
+                     table.announced, table.reported, table.lag());
 }
 
 std::string textOf(const Picture& picture) {

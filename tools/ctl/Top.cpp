@@ -130,14 +130,14 @@ std::size_t linesOfTerminal() {
 }
 
 constexpr const char* kHead =
-    "table          entries   announced      lag   lag ms  in rows/s out rows/s";
+    "table                entries   announced     lag  lag ms in rows/s out rows/s";
 
 std::string rowOf(const TablePicture& table, Track& track) {
   Word entries = 0;
   for (const UnitPicture& unit : table.units) entries += unit.live;
   const auto [in, out] = track.rates();
   std::string text =
-      fmt::format("{:<12} {:>9} {:>11} {:>8} {:>8} {:>10.0f} {:>10.0f}", table.kind->name, entries,
+      fmt::format("{:<19} {:>8} {:>11} {:>7} {:>7} {:>9.0f} {:>10.0f}", table.kind->name, entries,
                   table.announced, table.lag(), track.lag().count(), in, out);
   if (!table.agentAlive) text += fmt::format("\n  agent: dead, it was process {}", table.agent);
   if (!table.writerAlive) text += "\n  hardware writer: dead";

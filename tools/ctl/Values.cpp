@@ -1,11 +1,14 @@
 #include "ctl/Values.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <optional>
 #include <set>
 
+#include "Drift/RecordText.h"
 #include "tables/Text.h"
 
 namespace Ctl {
@@ -13,6 +16,9 @@ namespace {
 
 using Drift::FieldKind;
 using Drift::RecordField;
+
+/// What a place begins with, wherever it is in the key.
+constexpr std::string_view kBank = "bank";
 
 std::optional<std::uint64_t> numberOf(std::string_view text) {
   const bool hex = text.starts_with("0x");
@@ -62,14 +68,43 @@ std::vector<std::string_view> wordsOf(std::string_view text) {
       fmt::format("\"{}\" is no key of {}: give it as {}", text, kind.name, fmt::join(names, "/")));
 }
 
+void fieldIs(std::vector<Word>& key, const RecordField& field, std::uint64_t value) {
+  std::memcpy(reinterpret_cast<std::byte*>(key.data()) + field.offset, &value, field.size);
+}
+
 /// A prefix with bits beyond its length, or a length beyond its address, is nobody's key.
 bool isKey(const TableKind& kind, const std::vector<Word>& key) {
-  const Json value = jsonOf(kind.key, key.data());
-  if (!value.contains("prefix") || !value.contains("length")) return true;
-  const unsigned length = value["length"];
-  std::uint32_t address = 0;
-  std::memcpy(&address, key.data(), sizeof address);
-  return length == 32 || (length < 32 && (address & (~0U >> length)) == 0);
+  if (kind.key.form != Drift::TextForm::prefix) return true;
+  const std::size_t words = kind.key.count - 1;
+  const std::uint64_t length = Drift::numberIn(kind.key.fields[words], key.data());
+  if (length > 32 * words) return false;
+  for (std::size_t i = 0; i < words; ++i) {
+    const std::uint64_t address = Drift::numberIn(kind.key.fields[i], key.data());
+    const std::uint64_t before = 32 * i;
+    const std::uint64_t used = length <= before ? 0 : std::min<std::uint64_t>(length - before, 32);
+    if (used < 32 && (address & (0xffff'ffffU >> used)) != 0) return false;
+  }
+  return true;
+}
+
+/// An IPv6 prefix, as printed. Nothing if the text is none, or the key has no room for it.
+std::optional<std::vector<Word>> ipv6KeyOf(const TableKind& kind, const std::string& text) {
+  const std::size_t slash = text.find('/');
+  std::array<std::uint32_t, 4> address{};
+  if (kind.key.form != Drift::TextForm::prefix || slash == std::string::npos ||
+      ::inet_pton(AF_INET6, text.substr(0, slash).c_str(), address.data()) != 1) {
+    return {};
+  }
+  const auto length = numberOf(std::string_view(text).substr(slash + 1));
+  const std::size_t words = kind.key.count - 1;
+  const bool fits = words > 1 && length && *length <= 128 &&
+                    std::all_of(address.begin() + static_cast<long>(words), address.end(),
+                                [](std::uint32_t word) { return word == 0; });
+  if (!fits) return {};
+  std::vector<Word> key(kind.keyWords());
+  for (std::size_t i = 0; i < words; ++i) fieldIs(key, kind.key.fields[i], ntohl(address[i]));
+  fieldIs(key, kind.key.fields[words], *length);
+  return key;
 }
 
 }  // namespace
@@ -79,9 +114,14 @@ Json jsonOf(const Tables::Fields& fields, const void* value) {
 }
 
 std::vector<Word> keyOf(const TableKind& kind, std::string_view text) {
+  if (const auto key = ipv6KeyOf(kind, std::string(text))) {
+    if (!isKey(kind, *key)) refuseKey(kind, text);
+    return *key;
+  }
   std::vector<Word> key(kind.keyWords());
   const RecordField* const begin = kind.key.fields;
   const RecordField* const end = begin + kind.key.count;
+  const bool isPlace = kind.key.form == Drift::TextForm::place;
   std::set<const RecordField*> given;
   const RecordField* named = nullptr;
   for (const std::string_view word : wordsOf(text)) {
@@ -93,14 +133,15 @@ std::vector<Word> keyOf(const TableKind& kind, std::string_view text) {
     }
     const auto* const field =
         named != nullptr ? named : std::find_if(begin, end, [&](const RecordField& candidate) {
-          return candidate.kind == FieldKind::number && !given.contains(&candidate);
+          const bool isNext = !isPlace || !given.empty() || candidate.name == kBank;
+          return candidate.kind == FieldKind::number && isNext && !given.contains(&candidate);
         });
     named = nullptr;
     const auto value = valueOf(word);
     const bool fits = field != end && field->kind == FieldKind::number && value &&
                       (field->size >= 8 || *value >> 8 * field->size == 0);
     if (!fits || !given.insert(field).second) refuseKey(kind, text);
-    std::memcpy(reinterpret_cast<std::byte*>(key.data()) + field->offset, &*value, field->size);
+    fieldIs(key, *field, *value);
   }
   const auto wanted = std::count_if(
       begin, end, [](const RecordField& field) { return field.kind == FieldKind::number; });

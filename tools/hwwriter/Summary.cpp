@@ -13,6 +13,7 @@ std::string describe(SimAsic::Chip& chip, const std::vector<Table>& tables, Json
   Word rows = 0;
   for (const Table& table : tables) {
     const TableKind& kind = table.kind();
+    if (table.source() == nullptr && chip.units(kind).empty()) continue;
     programmed[std::string(kind.name)] = chip.programmed(kind);
     ofConfig += table.configDigest();
     for (const Asic::UnitId unit : chip.units(kind)) {

@@ -12,8 +12,10 @@ using Drift::MountStage;
 
 /// How often the writer looks for files that came or were replaced: no bell tells of that.
 constexpr std::chrono::milliseconds kLookInterval(100);
-/// The same while a table is missing.
+/// The same while there is no table, or the agent may be about to make another.
 constexpr std::chrono::milliseconds kEagerLookInterval(5);
+/// How long after a table came another may be expected.
+constexpr std::chrono::seconds kBringUp(1);
 /// Looks for which a foreign lock is tolerated.
 constexpr unsigned kBusyLooks = 20;
 /// How long `--once` waits, without `--timeout`, when nothing moves.
@@ -38,9 +40,10 @@ bool Writer::open() {
       return false;
     }
   }
-  bool any = false;
-  for (Table& table : tables_) any = table.open(*directory_, news_) || any;
-  if (!any || chip_ != nullptr) return any;
+  std::size_t present = 0;
+  for (Table& table : tables_) present += table.open(*directory_, news_) ? 1 : 0;
+  if (present != std::exchange(present_, present)) grew_ = Clock::now();
+  if (present == 0 || chip_ != nullptr) return present != 0;
   reports_.emplace(options_.directory);
   chip_ = std::make_unique<SimAsic::Chip>(
       fmt::format("{}/{}", options_.directory, Tables::kChipFolder));
@@ -70,6 +73,7 @@ void Writer::tellStarted() {
   std::string text = "started; the chip is programmed";
   nlohmann::ordered_json programmed = nlohmann::ordered_json::object();
   for (const Table& table : tables_) {
+    if (table.source() == nullptr) continue;
     const TableKind& kind = table.kind();
     programmed[std::string(kind.name)] = chip_->programmed(kind);
     text += fmt::format("{} to version {} of {}", programmed.size() == 1 ? "" : ",",
@@ -241,9 +245,8 @@ std::size_t Writer::differences() {
 }
 
 std::chrono::milliseconds Writer::lookInterval() const {
-  const bool complete =
-      std::ranges::all_of(tables_, [](const Table& table) { return table.source() != nullptr; });
-  return complete || options_.once ? kLookInterval : kEagerLookInterval;
+  const bool isGrowing = present_ == 0 || Clock::now() - grew_ < kBringUp;
+  return isGrowing && !options_.once ? kEagerLookInterval : kLookInterval;
 }
 
 void Writer::sleep() const {

@@ -64,6 +64,9 @@ class Writer {
   std::optional<Reports> reports_;
   /// The lowest tier first.
   std::vector<Table> tables_;
+  /// Tables with a log, and when their number last changed.
+  std::size_t present_ = 0;
+  Clock::time_point grew_;
   /// Why the place in a log is lost.
   std::string lost_;
   /// For which version of another table a table waits, in words, by the waiting table.

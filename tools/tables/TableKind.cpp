@@ -4,7 +4,8 @@
 
 #include "Drift/RecordLayout.h"
 #include "OrderedTable/Constants.h"
-#include "OrderedTable/EntryFlags.h"
+#include "OrderedTable/LogStore.h"
+#include "OrderedTable/TableDescriptor.h"
 #include "QuarnBastil/BigBb.h"
 #include "QuarnBastil/TcamEntry.h"
 #include "tables/Text.h"
@@ -12,23 +13,8 @@
 namespace Tables {
 namespace {
 
+using Asic::LogRecordLayout;
 using Drift::Format::Layout;
-
-template <class T>
-constexpr Fields fieldsOf(bool isKey) {
-  return {Drift::kFieldsOf<T>.data(), Drift::kFieldsOf<T>.size(), isKey};
-}
-
-template <class Collection>
-constexpr Shape shapeOf(Layout layout) {
-  using RecordLayout = typename Collection::Layout;
-  return {layout, Collection::kEntityName, RecordLayout::kKeySize, RecordLayout::kRecordSize};
-}
-
-// Offsets in a log record of any family.
-constexpr std::size_t kFlagsOffset = 8;
-constexpr std::size_t kUnitOffset = 10;
-constexpr std::size_t kEntryOffset = 12;
 
 constexpr std::uint16_t kEtherTypeIpv6 = 0x86dd;
 
@@ -54,34 +40,47 @@ std::vector<Reference> classified(Words words) {
   return references;
 }
 
-template <class Family>
-TableKind describe(unsigned tier, std::vector<Reference> (*references)(Words)) {
-  using Entry = typename Family::LogEntry;
-  using Config = typename Family::ConfigDriftEntry;
-  using Log = typename Family::LogDriftEntry;
-  static_assert(offsetof(Log, flags) == kFlagsOffset && offsetof(Log, unitId) == kUnitOffset &&
-                offsetof(Log, logEntry) == kEntryOffset && offsetof(Config, logEntry) == 0);
-  using Names = typename Family::Constants;
-  const Fenrik::String log = Names::tableEntryLogDriftPath();
-  return {.id = Family::kTableId,
-          .name = Family::kTableName,
-          .group = Names::canonicalGroupName().str(),
+/// What there is to say of a family that its descriptor does not: the rows that its entries need.
+struct Tier {
+  Asic::SwTableId table;
+  unsigned tier;
+  std::vector<Reference> (*references)(Words entry);
+};
+/// Families that are not here are of the lowest tier.
+constexpr Tier kTiers[] = {{QuarnBastil::TcamEntryFamily::kTableId, 1, classified}};
+
+Fields fieldsOf(const Asic::FlatShape& shape) {
+  return {shape.fields.data(), shape.fields.size(), shape.form};
+}
+
+TableKind kindFrom(const Asic::TableDescriptor& of) {
+  using Asic::Constants;
+  const Fenrik::String group = Constants::canonicalizeGroupName(of.agentName, of.groupName);
+  const Fenrik::String log = Constants::canonicalGroupTableEntryLogDriftPath(
+      group, of.tableNamespace, of.tableName, of.tableId);
+  const auto& records = of.records;
+  const auto sizeOf = [](std::size_t size) { return static_cast<std::uint32_t>(size); };
+  const auto* const tier = std::ranges::find(kTiers, of.tableId, &Tier::table);
+  const bool isLowest = tier == std::end(kTiers);
+  return {.id = of.tableId,
+          .name = of.tableName,
+          .group = group.str(),
           .logPath = log.str(),
-          .neededPath = Asic::Constants::neededPathOfEntryLogPath(log).str(),
-          .configPath = Asic::Constants::canonicalGroupTableConfigDriftPathBase(
-                            Names::canonicalGroupName(), Family::kTableNamespace,
-                            Fenrik::String(Family::kTableName))
+          .neededPath = Constants::neededPathOfEntryLogPath(log).str(),
+          .configPath = Constants::canonicalGroupTableConfigDriftPathBase(
+                            group, of.tableNamespace, Fenrik::String(of.tableName))
                             .str(),
-          .log = shapeOf<typename Family::EntryLogDrift>(Layout::dense),
-          .config = shapeOf<typename Family::ConfigDrift>(Layout::hashed),
-          .keySize = sizeof(typename Family::Key),
-          .entrySize = sizeof(Entry),
-          .versionOffset = offsetof(Config, logVersion),
-          .deletedOffset = offsetof(Config, isDeleted),
-          .key = fieldsOf<typename Family::Key>(true),
-          .entry = fieldsOf<Entry>(false),
-          .tier = tier,
-          .references = references};
+          .log = {Layout::dense, of.collections.logType, sizeof(Word), sizeOf(records.logSize)},
+          .config = {Layout::hashed, of.collections.configType, sizeOf(records.key.size),
+                     sizeOf(records.configSize)},
+          .keySize = sizeOf(records.key.size),
+          .entrySize = sizeOf(records.logEntry.size),
+          .versionOffset = records.logVersionOffset,
+          .deletedOffset = records.isDeletedOffset,
+          .key = fieldsOf(records.key),
+          .entry = fieldsOf(records.logEntry),
+          .tier = isLowest ? 0 : tier->tier,
+          .references = isLowest ? nullptr : tier->references};
 }
 
 /// A round of splitmix64: every bit of the word affects every bit of the result.
@@ -106,13 +105,15 @@ void entryIs(std::vector<Word>& entry, const TableKind& kind, Words record, std:
 
 }  // namespace
 
-std::string Fields::text(const void* value) const { return textOf(fields, count, value, isKey); }
+std::string Fields::text(const void* value) const { return textOf(fields, count, value, form); }
 
 const std::vector<TableKind>& tableKinds() {
-  static const std::vector<TableKind> kinds = {
-      describe<QuarnBastil::BigBbFamily>(0, nullptr),
-      describe<QuarnBastil::TcamEntryFamily>(1, classified),
-  };
+  static const std::vector<TableKind> kinds = [] {
+    std::vector<TableKind> made;
+    for (const auto* of : Asic::TableRegistration::all()) made.push_back(kindFrom(*of));
+    std::ranges::stable_sort(made, {}, &TableKind::tier);
+    return made;
+  }();
   return kinds;
 }
 
@@ -147,12 +148,12 @@ ConfigRow configRowOf(const TableKind& kind, Words record) {
 }
 
 void logRowIs(LogRow& row, const TableKind& kind, Words record) {
-  const auto flags = valueAt<std::uint8_t>(record, kFlagsOffset);
+  const auto flags = valueAt<std::uint8_t>(record, LogRecordLayout::kFlags);
   row.version = record[0];
   row.entryDelete = (flags & Asic::EntryFlags::kEntryDelete) != 0;
   row.tableDelete = (flags & Asic::EntryFlags::kTableDelete) != 0;
-  row.unit = Asic::UnitId(valueAt<std::uint16_t>(record, kUnitOffset));
-  entryIs(row.entry, kind, record, kEntryOffset);
+  row.unit = Asic::UnitId(valueAt<std::uint16_t>(record, LogRecordLayout::kUnit));
+  entryIs(row.entry, kind, record, LogRecordLayout::kLogEntry);
 }
 
 }  // namespace Tables

@@ -31,7 +31,7 @@ struct Shape {
 struct Fields {
   const Drift::RecordField* fields;
   std::size_t count;
-  bool isKey;
+  Drift::TextForm form;
 
   std::string text(const void* value) const;
 };
@@ -69,7 +69,7 @@ struct TableKind {
   std::size_t keyWords() const { return Drift::Format::paddedSize(keySize) / sizeof(Word); }
 };
 
-/// All families, the lowest tier first. A further family is a further row.
+/// All families that this process knows, the lowest tier first, and by their ids within a tier.
 const std::vector<TableKind>& tableKinds();
 /// The family of that name or id; null if there is none.
 const TableKind* kindOf(std::string_view name);

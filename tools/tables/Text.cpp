@@ -8,11 +8,14 @@
 #include <array>
 #include <cstring>
 
+#include "Drift/RecordText.h"
+
 namespace Tables {
 namespace {
 
 using Drift::FieldKind;
 using Drift::RecordField;
+using Drift::TextForm;
 using Bytes = const unsigned char*;
 
 constexpr std::uint64_t kEtherTypeIpv6 = 0x86dd;
@@ -34,6 +37,8 @@ std::string addressText(int family, Bytes bytes) {
   std::array<char, INET6_ADDRSTRLEN> text{};
   return ::inet_ntop(family, bytes, text.data(), text.size()) == nullptr ? "" : text.data();
 }
+
+bool isShort(TextForm form) { return form == TextForm::place || form == TextForm::prefix; }
 
 /// The address of a group of fields, if it has one.
 struct Address {
@@ -113,6 +118,12 @@ class Renderer {
   }
 
  private:
+  static std::string shortText(const RecordField& group, Bytes value) {
+    std::string text;
+    Drift::textAppend(text, value, group.fields, group.fieldCount, group.form);
+    return text;
+  }
+
   static bool isZero(const Json& value) {
     if (value.is_structured()) return std::ranges::all_of(value, isZero);
     if (value.is_string()) {
@@ -135,6 +146,7 @@ class Renderer {
   Json element(const RecordField& field, Bytes element, bool ipv6) {
     switch (field.kind) {
       case FieldKind::group:
+        if (text_ && isShort(field.form)) return shortText(field, element);
         return group(field.fields, field.fieldCount, element, ipv6);
       case FieldKind::number:
         return numberOf(field, element);
@@ -154,9 +166,14 @@ Json jsonOf(const RecordField* fields, std::size_t count, const void* value) {
   return Renderer(false).group(fields, count, static_cast<Bytes>(value), false);
 }
 
-std::string textOf(const RecordField* fields, std::size_t count, const void* value, bool isKey) {
+std::string textOf(const RecordField* fields, std::size_t count, const void* value, TextForm form) {
+  if (isShort(form)) {
+    std::string text;
+    Drift::textAppend(text, value, fields, count, form);
+    return text;
+  }
   return Renderer::word(Renderer(true).group(fields, count, static_cast<Bytes>(value), false),
-                        isKey);
+                        form != TextForm::members);
 }
 
 }  // namespace Tables

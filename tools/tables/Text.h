@@ -15,9 +15,9 @@ using Json = nlohmann::ordered_json;
 /// room for it.
 Json jsonOf(const Drift::RecordField* fields, std::size_t count, const void* value);
 
-/// The same in one line, "{name: value, ...}". Members that are zero and groups that are absent are
-/// left out, but keys are shown whole; prefixes are shown as 10.0.0.0/8.
+/// The same in one line, "{name: value, ...}" or what `form` says. Members that are zero and groups
+/// that are absent are left out, but keys are shown whole; prefixes are shown as 10.0.0.0/8.
 std::string textOf(const Drift::RecordField* fields, std::size_t count, const void* value,
-                   bool isKey);
+                   Drift::TextForm form);
 
 }  // namespace Tables

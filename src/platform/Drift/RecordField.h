@@ -36,6 +36,15 @@ enum class FieldKind : std::uint8_t {
   group,  ///< a type with a field list of its own
 };
 
+/// How people read a value. A type chooses with `static constexpr auto kTextForm`.
+enum class TextForm : std::uint8_t {
+  members,  ///< {name: value, ...} without those that are zero
+  whole,    ///< {name: value, ...} with all of them; what a key has that chooses nothing
+  place,    ///< 3:17, from the fields `bank` and `index`
+  prefix,   ///< 10.1.0.0/16, from an address of 32 bits, or the upper words of one of 128, the most
+            ///< significant first, and its length
+};
+
 /// A row of the list: `count` elements of one kind, one behind the other.
 struct RecordField {
   const char* name;
@@ -46,7 +55,7 @@ struct RecordField {
   std::size_t alignment;
   const RecordField* fields = nullptr;  ///< of a group
   std::size_t fieldCount = 0;
-  bool isKey = false;  ///< of a group: it is a key, whose text shows all of it
+  TextForm form = TextForm::members;  ///< of a group
 
   constexpr std::size_t end() const { return offset + size * count; }
 };
@@ -96,9 +105,14 @@ inline constexpr bool kIsNumber = std::is_integral_v<T> || std::is_enum_v<T> || 
 };
 
 template <class T>
-inline constexpr bool kIsKey = requires(const T& value) {
-  value.hash(std::uint32_t{});
-};
+constexpr TextForm textFormOf() {
+  if constexpr (requires { T::kTextForm; }) {
+    return T::kTextForm;
+  } else {
+    constexpr bool kIsKey = requires(const T& value) { value.hash(std::uint32_t{}); };
+    return kIsKey ? TextForm::whole : TextForm::members;
+  }
+}
 
 template <class T>
 constexpr FieldKind kindOf() {
@@ -123,7 +137,7 @@ constexpr RecordField fieldAt(const char* name, std::size_t stated, std::size_t 
   if constexpr (Described<Element>) {
     field.fields = kFieldsOf<Element>.data();
     field.fieldCount = kFieldsOf<Element>.size();
-    field.isKey = kIsKey<Element>;
+    field.form = textFormOf<Element>();
   }
   return field;
 }

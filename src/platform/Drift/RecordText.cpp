@@ -1,10 +1,15 @@
 #include "Drift/RecordText.h"
 
+#include <arpa/inet.h>
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <iterator>
+#include <string_view>
+
+#include "Fenrik/Assert.h"
 
 namespace Drift {
 
@@ -49,7 +54,7 @@ void appendElement(std::string& text, const RecordField& field, const unsigned c
       text += *element != 0 ? "true" : "false";
       break;
     case FieldKind::group:
-      textAppend(text, element, field.fields, field.fieldCount, field.isKey);
+      textAppend(text, element, field.fields, field.fieldCount, field.form);
       break;
     case FieldKind::padding:
       break;
@@ -71,16 +76,51 @@ void appendField(std::string& text, const RecordField& field, const unsigned cha
   if (array) text += ']';
 }
 
+std::uint64_t numberNamed(std::string_view name, const void* value, const RecordField* fields,
+                          std::size_t fieldCount) {
+  const RecordField* const found = std::find_if(
+      fields, fields + fieldCount, [&](const RecordField& field) { return name == field.name; });
+  FENRIK_ASSERT(found != fields + fieldCount);
+  return numberIn(*found, value);
+}
+
+void appendPrefix(std::string& text, const void* value, const RecordField* fields,
+                  std::size_t fieldCount) {
+  const std::size_t words = fieldCount - 1;
+  std::array<std::uint32_t, 4> address{};
+  FENRIK_ASSERT(words > 0 && words <= address.size());
+  for (std::size_t i = 0; i < words; ++i) {
+    address[i] = htonl(static_cast<std::uint32_t>(numberIn(fields[i], value)));
+  }
+  std::array<char, INET6_ADDRSTRLEN> digits{};
+  ::inet_ntop(words == 1 ? AF_INET : AF_INET6, address.data(), digits.data(), digits.size());
+  fmt::format_to(std::back_inserter(text), "{}/{}", digits.data(), numberIn(fields[words], value));
+}
+
 }  // namespace
 
+std::uint64_t numberIn(const RecordField& field, const void* value) {
+  std::uint64_t number = 0;
+  FENRIK_ASSERT(field.kind == FieldKind::number && field.size <= sizeof number);
+  std::memcpy(&number, static_cast<const unsigned char*>(value) + field.offset, field.size);
+  return number;
+}
+
 void textAppend(std::string& text, const void* value, const RecordField* fields,
-                std::size_t fieldCount, bool isKey) {
+                std::size_t fieldCount, TextForm form) {
+  if (form == TextForm::prefix) return appendPrefix(text, value, fields, fieldCount);
+  if (form == TextForm::place) {
+    fmt::format_to(std::back_inserter(text), "{}:{}",
+                   numberNamed("bank", value, fields, fieldCount),
+                   numberNamed("index", value, fields, fieldCount));
+    return;
+  }
   const auto* const bytes = static_cast<const unsigned char*>(value);
   const char* separator = "";
   text += '{';
   for (const RecordField* field = fields; field != fields + fieldCount; ++field) {
     if (field->kind == FieldKind::padding || field->kind == FieldKind::presence) continue;
-    bool shown = isKey || field->isKey;
+    bool shown = form == TextForm::whole || field->form != TextForm::members;
     for (std::size_t at = field->offset; !shown && at != field->end(); at += field->size) {
       shown = !isZero(*field, bytes + at);
     }

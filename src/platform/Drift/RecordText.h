@@ -11,14 +11,17 @@
 
 namespace Drift {
 
-/// Appends the text form of a described value, "{name: value, ...}". Members that are zero and
-/// groups that are absent are left out, but a key is shown whole; arrays of bytes are hexadecimal.
+/// Appends the text of a described value. Groups that are absent are left out; arrays of bytes are
+/// hexadecimal.
 QUARNBASTIL_EXPORT void textAppend(std::string& text, const void* value, const RecordField* fields,
-                                   std::size_t fieldCount, bool isKey);
+                                   std::size_t fieldCount, TextForm form);
+
+/// The number in a field. REQUIRES: its kind is `number`, of up to 8 bytes.
+QUARNBASTIL_EXPORT std::uint64_t numberIn(const RecordField& field, const void* value);
 
 template <Described T>
 void textAppend(std::string& text, const T& value) {
-  textAppend(text, &value, kFieldsOf<T>.data(), kFieldsOf<T>.size(), Impl::kIsKey<T>);
+  textAppend(text, &value, kFieldsOf<T>.data(), kFieldsOf<T>.size(), Impl::textFormOf<T>());
 }
 
 }  // namespace Drift

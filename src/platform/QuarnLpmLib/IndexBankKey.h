@@ -28,6 +28,7 @@ struct QUARNBASTIL_EXPORT IndexBankKey {
   }
   friend constexpr auto operator<=>(const IndexBankKey&, const IndexBankKey&) noexcept = default;
 
+  static constexpr auto kTextForm = Drift::TextForm::place;
   static constexpr auto fields() {
     return std::array{DRIFT_FIELD_AT(Self, index, 0), DRIFT_FIELD_AT(Self, bank, 2)};
   }

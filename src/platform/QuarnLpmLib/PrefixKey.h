@@ -29,6 +29,7 @@ struct QUARNBASTIL_EXPORT PrefixKey {
   }
   friend constexpr auto operator<=>(const PrefixKey&, const PrefixKey&) noexcept = default;
 
+  static constexpr auto kTextForm = Drift::TextForm::prefix;
   static constexpr auto fields() {
     return std::array{DRIFT_FIELD_AT(Self, prefix, 0), DRIFT_FIELD_AT(Self, length, 4)};
   }
@@ -55,6 +56,7 @@ struct QUARNBASTIL_EXPORT WidePrefixKey {
   }
   friend constexpr auto operator<=>(const WidePrefixKey&, const WidePrefixKey&) noexcept = default;
 
+  static constexpr auto kTextForm = Drift::TextForm::prefix;
   static constexpr auto fields() {
     return std::array{DRIFT_FIELD_AT(Self, high, 0), DRIFT_FIELD_AT(Self, low, 4),
                       DRIFT_FIELD_AT(Self, length, 8)};
