@@ -31,7 +31,11 @@ class TwinRun {
   enum class Depth { quick, full, walked };
 
   explicit TwinRun(unsigned seed)
-      : plan_(planOf<QuarnBastil::TcamEntryFamily, QuarnBastil::BigBbFamily, ToyFamily>()),
+      : plan_([&] {
+          auto families = familiesOfRun(seed);
+          families.push_back(familyOfRun<ToyFamily>());
+          return planOf(families);
+        }()),
         model(plan_.shape),
         real(dir_.path(), plan_),
         choice(seed, model) {

@@ -4,6 +4,7 @@
 #include <fmt/ranges.h>
 
 #include "OrderedTable/TableModel.h"
+#include "Support/FamilyFacts.h"
 #include "Support/Running.h"
 
 /// The real tables, asked with the words of the model.
@@ -172,9 +173,6 @@ class RealFamily final : public AnyFamily {
   using Table = typename F::SwTable;
   using Entry = typename F::Entry;
   using FamilyKey = typename F::Key;
-
-  /// Of a table's published attributes.
-  static constexpr unsigned kFirstField = std::is_same_v<F, QuarnBastil::BigBbFamily> ? 770 : 642;
 
  public:
   RealFamily(RealAgent& agent, unsigned number)
@@ -500,7 +498,8 @@ class RealFamily final : public AnyFamily {
 
   void tableChanged(unsigned unit, const Fenrik::Change& change) {
     Event event{.kind = Event::Kind::changed, .table = numberOf(unit)};
-    event.what = static_cast<std::uint8_t>(change.fieldId.number() - kFirstField);
+    event.what =
+        static_cast<std::uint8_t>(change.fieldId.number() - Support::factsOf<F>().tableAttribute);
     const bool keyed = event.what == kAdds || event.what == kRemoves || event.what == kVersions;
     if (keyed) {
       event.key = Numbers::number(*static_cast<const FamilyKey*>(change.key));
@@ -623,22 +622,64 @@ class RealFamily final : public AnyFamily {
   mutable std::unique_ptr<Support::MemoryReader<F>> reader_;
 };
 
-/// Agents that have the tables of these families.
+/// What an agent must know of a family.
+struct FamilyOfRun {
+  const char* name;
+  std::uint32_t tableId;
+  Fenrik::String group;
+  RealAgent::Make make;
+  /// Words of a log record.
+  std::size_t logWords;
+  Support::Memory (*read)(const std::string& directory, unsigned units, Key keys);
+  std::vector<unsigned> (*places)(const std::string& directory, unsigned units, unsigned unit,
+                                  Key keys);
+};
+
+template <class F>
+FamilyOfRun familyOfRun() {
+  using Reader = Support::MemoryReader<F>;
+  return {F::kTableName,
+          F::kTableId.value(),
+          F::Constants::canonicalGroupName(),
+          [](RealAgent& agent, unsigned number) -> std::unique_ptr<AnyFamily> {
+            return std::make_unique<RealFamily<F>>(agent, number);
+          },
+          sizeof(typename F::LogDriftEntry) / sizeof(Drift::Word),
+          [](const std::string& directory, unsigned units, Key keys) {
+            return Reader(directory, units).read(keys);
+          },
+          [](const std::string& directory, unsigned units, unsigned unit, Key keys) {
+            return Reader(directory, units).places(unit, keys);
+          }};
+}
+
 template <class... F>
-RealAgent::Plan planOf() {
+struct FamiliesOfRun {
+  static std::vector<FamilyOfRun> make() { return {familyOfRun<F>()...}; }
+};
+
+/// One family of each group, which change with the number: a run tries these two, and nine runs
+/// all.
+inline std::vector<FamilyOfRun> familiesOfRun(unsigned number) {
+  static const auto all = QuarnBastil::FamilyList<FamiliesOfRun>::make();
+  std::map<Fenrik::String, std::vector<FamilyOfRun>> groups;
+  for (const FamilyOfRun& family : all) groups[family.group].push_back(family);
+  std::vector<FamilyOfRun> chosen;
+  for (const auto& [group, families] : groups) chosen.push_back(families[number % families.size()]);
+  return chosen;
+}
+
+/// Agents that have the tables of these families.
+inline RealAgent::Plan planOf(const std::vector<FamilyOfRun>& families) {
   RealAgent::Plan plan;
   std::vector<Fenrik::String> groups;
-  const auto add = [&]<class One>(const One*) {
-    const Fenrik::String group = One::Constants::canonicalGroupName();
-    const auto found = std::ranges::find(groups, group);
+  for (const FamilyOfRun& family : families) {
+    const auto found = std::ranges::find(groups, family.group);
     plan.shape.groupOfFamily.push_back(static_cast<unsigned>(found - groups.begin()));
-    if (found == groups.end()) groups.push_back(group);
-    plan.shape.tableIds.push_back(One::kTableId.value());
-    plan.families.push_back([](RealAgent& agent, unsigned number) -> std::unique_ptr<AnyFamily> {
-      return std::make_unique<RealFamily<One>>(agent, number);
-    });
-  };
-  (add(static_cast<const F*>(nullptr)), ...);
+    if (found == groups.end()) groups.push_back(family.group);
+    plan.shape.tableIds.push_back(family.tableId);
+    plan.families.push_back(family.make);
+  }
   return plan;
 }
 

@@ -10,8 +10,7 @@
 
 #include "Kiv/TraceControl.h"
 #include "OrderedTable/ToyFamily.h"
-#include "QuarnBastil/BigBb.h"
-#include "QuarnBastil/TcamEntry.h"
+#include "QuarnBastil/Families.h"
 #include "Support/TableRig.h"
 #include "Support/TempDir.h"
 
@@ -78,8 +77,7 @@ struct TableFixture : testing::Test {
   Calls calls;
 };
 
-using AllFamilies =
-    testing::Types<QuarnBastil::TcamEntryFamily, QuarnBastil::BigBbFamily, ToyFamily>;
+using AllFamilies = QuarnBastil::FamilyList<testing::Types, ToyFamily>;
 
 /// Traced lines of some levels while it lives: "handle level function|text".
 class TraceNotes {

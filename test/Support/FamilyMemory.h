@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <map>
@@ -14,8 +15,7 @@
 #include "KivSharedMem/EntityManager.h"
 #include "OrderedTable/NeededEntryDrift.h"
 #include "OrderedTable/TableVersionDrift.h"
-#include "QuarnBastil/BigBb.h"
-#include "QuarnBastil/TcamEntry.h"
+#include "QuarnBastil/Families.h"
 
 /// What shared memory holds of a table family, with numbers for its keys and values: as it ought to
 /// be, and as another process sees it.
@@ -28,8 +28,57 @@ using Version = std::uint64_t;
 /// How numbers stand in a family's types: key 0 is the default key, and a value is in more than one
 /// place of its entry, the last one included.
 template <class Family>
-struct Numbers;
+struct Numbers {
+  using FamilyKey = typename Family::Key;
+  using LogEntry = typename Family::LogEntry;
 
+  static FamilyKey key(Key key) {
+    FamilyKey made;
+    if constexpr (kIsPlace) {
+      made.bank = static_cast<std::uint8_t>(key >> 16);
+      made.index = static_cast<std::uint16_t>(key);
+    } else if constexpr (kIsWide) {
+      made.high = key * kFactor;
+      made.low = key;
+      made.length = static_cast<std::uint8_t>(key % 64);
+    } else {
+      made.prefix = key * kFactor;
+      made.length = static_cast<std::uint8_t>(key % 32);
+    }
+    return made;
+  }
+  static Key number(const FamilyKey& key) {
+    if constexpr (kIsPlace) {
+      return Key{key.bank} << 16 | key.index;
+    } else if constexpr (kIsWide) {
+      return key.high * kInverse;
+    } else {
+      return key.prefix * kInverse;
+    }
+  }
+  static void valueIs(LogEntry& entry, Value value) {
+    const Value last = ~value;
+    std::memcpy(reinterpret_cast<std::byte*>(&entry) + kFirst, &value, sizeof value);
+    std::memcpy(reinterpret_cast<std::byte*>(&entry) + kLast, &last, sizeof last);
+  }
+  static Value value(const LogEntry& entry) {
+    Value value;
+    std::memcpy(&value, reinterpret_cast<const std::byte*>(&entry) + kFirst, sizeof value);
+    return value;
+  }
+
+ private:
+  static constexpr bool kIsPlace = requires(FamilyKey key) { key.bank; };
+  static constexpr bool kIsWide = requires(FamilyKey key) { key.high; };
+  /// A destination comes from a resource; what is behind it is the client's.
+  static constexpr bool kHasDestination = requires(LogEntry entry) { entry.destId; };
+  static constexpr std::size_t kFirst = sizeof(FamilyKey) + (kHasDestination ? sizeof(Value) : 0);
+  static constexpr std::size_t kLast = sizeof(LogEntry) - sizeof(Value);
+  static constexpr std::uint32_t kFactor = 0x9e3779b1U, kInverse = 0x0e8b2f51U;
+  static_assert(kFactor * kInverse == 1);
+};
+
+/// Its last bytes are padding.
 template <>
 struct Numbers<QuarnBastil::TcamEntryFamily> {
   static QuarnBastil::TcamEntryEntryKey key(Key key) {
@@ -46,22 +95,6 @@ struct Numbers<QuarnBastil::TcamEntryFamily> {
   }
   static Value value(const auto& entry) { return entry.actionWords.back(); }
 };
-
-template <>
-struct Numbers<QuarnBastil::BigBbFamily> {
-  static QuarnLpmLib::BigBbDataModelEntryKey key(Key key) {
-    return {key * 0x9e3779b1U, static_cast<std::uint8_t>(key % 32)};
-  }
-  static Key number(const QuarnLpmLib::BigBbDataModelEntryKey& key) {
-    return key.prefix * 0x0e8b2f51U;  // the inverse of the factor
-  }
-  static void valueIs(auto& entry, Value value) {
-    entry.block.value[0] = value;
-    entry.block.nextHop[7] = ~value;
-  }
-  static Value value(const auto& entry) { return entry.block.value[0]; }
-};
-static_assert(0x9e3779b1U * 0x0e8b2f51U == 1);
 
 template <class Family, class T = typename Family::Entry>
 T entryOf(Key key, Value value) {

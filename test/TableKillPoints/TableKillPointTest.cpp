@@ -121,8 +121,7 @@ class TableKillPointDeathTest : public testing::TestWithParam<unsigned> {
   const unsigned t = GetParam();
   const unsigned other = 1 - t;
   /// Words of a log record, each a store.
-  const std::size_t words =
-      (t == 0 ? sizeof(First::LogDriftEntry) : sizeof(Second::LogDriftEntry)) / sizeof(Word);
+  const std::size_t words = families()[t].logWords;
 
   /// The acts of an agent that dies at each of their stores. Before it there were keys 1 to 5 in
   /// one unit, of which 4 is in deletion, key 1 in the other, key 1 in the other table; another
@@ -130,6 +129,7 @@ class TableKillPointDeathTest : public testing::TestWithParam<unsigned> {
   /// but the last.
   void dieEverywhere(const Acts& acts, std::size_t leastDeaths, const Acts& before = {},
                      const std::vector<Word>& reports = {}) {
+    SCOPED_TRACE(fmt::format("BASTIL_SEED={} {}", kSeed, families()[t].name));
     const TempDir original;
     Acts furniture = {write(other, 0, 1, 10)};
     for (unsigned key = 1; key <= 5; ++key) furniture.push_back(write(t, 0, key, 10 * key));
@@ -228,7 +228,7 @@ class TableKillPointDeathTest : public testing::TestWithParam<unsigned> {
 };
 
 INSTANTIATE_TEST_SUITE_P(Families, TableKillPointDeathTest, testing::Values(0U, 1U),
-                         [](const auto& info) { return info.param == 0 ? "TcamEntry" : "BigBb"; });
+                         [](const auto& info) { return info.param == 0 ? "Own" : "Prefix"; });
 
 TEST_P(TableKillPointDeathTest, AWriteIsStoredInTheToldOrder) {
   for (const unsigned key : {6U, 2U, 4U}) {

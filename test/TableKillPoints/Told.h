@@ -2,6 +2,7 @@
 
 #include "DriftKill/Collections.h"
 #include "OrderedTable/RealAgent.h"
+#include "Support/Soak.h"
 
 /// What the hardware writer sees of two tables, each in a group of its own, and in which order it
 /// may see it change.
@@ -13,14 +14,18 @@ using TableModel::RealAgent;
 using Kind = Act::Kind;
 using Acts = std::vector<Act>;
 
-using First = QuarnBastil::TcamEntryFamily;
-using Second = QuarnBastil::BigBbFamily;
+inline const unsigned kSeed = Support::seed();
+/// The tables of this run.
+inline const std::vector<TableModel::FamilyOfRun>& families() {
+  static const auto chosen = TableModel::familiesOfRun(kSeed);
+  return chosen;
+}
 inline constexpr unsigned kTables = 2;
 inline constexpr unsigned kUnits = 2;
 inline constexpr Support::Key kKeys = 8;
 
 inline const RealAgent::Plan& plan() {
-  static const RealAgent::Plan plan = TableModel::planOf<First, Second>();
+  static const RealAgent::Plan plan = TableModel::planOf(families());
   return plan;
 }
 
@@ -28,8 +33,9 @@ inline const RealAgent::Plan& plan() {
 using Picture = std::vector<Support::Memory>;
 
 inline Picture pictureOf(const std::string& directory) {
-  return {Support::MemoryReader<First>(directory, kUnits).read(kKeys),
-          Support::MemoryReader<Second>(directory, kUnits).read(kKeys)};
+  Picture picture;
+  for (const auto& family : families()) picture.push_back(family.read(directory, kUnits, kKeys));
+  return picture;
 }
 inline std::string textOf(const Picture& picture) {
   return Support::textOf(picture[0]) + Support::textOf(picture[1]);
@@ -40,9 +46,10 @@ using Places = std::vector<std::vector<std::vector<unsigned>>>;
 
 inline Places placesOf(const std::string& directory) {
   Places places(kTables);
-  for (unsigned unit = 0; unit < kUnits; ++unit) {
-    places[0].push_back(Support::MemoryReader<First>(directory, kUnits).places(unit, kKeys));
-    places[1].push_back(Support::MemoryReader<Second>(directory, kUnits).places(unit, kKeys));
+  for (unsigned t = 0; t < kTables; ++t) {
+    for (unsigned unit = 0; unit < kUnits; ++unit) {
+      places[t].push_back(families()[t].places(directory, kUnits, unit, kKeys));
+    }
   }
   return places;
 }
