@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Prints the collection in FILE, as docs/shared-memory.md describes it, records in hexadecimal."""
-import fcntl, mmap, struct, sys, time
+"""read_collection.py FILE [CATALOGUE] prints the collection in FILE, as docs/shared-memory.md
+describes it: its records in hexadecimal, or field by field as the catalogue has them."""
+import fcntl, ipaddress, json, mmap, struct, sys, time
 def step(crc, data):
     for byte in data:
         crc ^= byte
@@ -50,17 +51,63 @@ def collection():
     need(word(72) == len(data), "it is cut off or longer than it was")
     need(data[300:304] == struct.pack("<I", crc32c("300s", data[:300])), "the header is damaged")
     return struct.unpack_from("<I8xIIIIQQQQQQ16s128s64s", data, 12)
-file = open(sys.argv[1], "rb")  # the lock keeps the writer from giving memory back (37: OFD_SETLK)
-lock = struct.pack("hhqqi4x", fcntl.F_RDLCK, 0, 2**62 + time.monotonic_ns(), 1, 0)
-fcntl.fcntl(file, 37, lock)
-data = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
-fault = "it changes while it is read"
-for attempt in range(5):  # what changed while it was read is read again
-    try:
-        layout, _, record_size, stride, _, _, slots, places, slots_at, *_ = collection()
-        before, records = line(0), list(hashed() if layout == 2 else dense())
-        if line(0) == before: break
-    except ValueError as error: fault = str(error)
-else: sys.exit(f"{sys.argv[1]}: {fault}")
-print(*data[104:296].replace(b"\0", b" ").decode().split(), len(records), "records")
-for record in records: print(record.hex())
+def read(path):  # type and attribute, and the records
+    global data, layout, record_size, stride, slots, places, slots_at
+    file = open(path, "rb")  # the lock keeps the writer from giving memory back (37: OFD_SETLK)
+    lock = struct.pack("hhqqi4x", fcntl.F_RDLCK, 0, 2**62 + time.monotonic_ns(), 1, 0)
+    fcntl.fcntl(file, 37, lock)
+    data = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
+    fault = "it changes while it is read"
+    for attempt in range(5):  # what changed while it was read is read again
+        try:
+            layout, _, record_size, stride, _, _, slots, places, slots_at, *_ = collection()
+            before, records = line(0), list(hashed() if layout == 2 else dense())
+            names = data[104:232].rstrip(b"\0").decode(), data[232:296].rstrip(b"\0").decode()
+            if line(0) == before: return *names, records
+        except ValueError as error: fault = str(error)
+    sys.exit(f"{path}: {fault}")
+def families(path):  # by table id: part, row -> offset, size, count, depth, kind, form, name
+    tables = {}
+    for record in read(path)[2]:
+        table, part, row, *what, name = struct.unpack("<IHHIIHHBB2x128s", record)
+        tables.setdefault(table, {})[part, row] = *what, name.rstrip(b"\0").decode()
+    return tables.values()
+def value_of(kind, element):
+    if kind == 0: return int.from_bytes(element, "little")
+    return element.hex() if kind == 1 else bool(element[0] & 1)
+def decode(rows, content, depth=0):  # takes a group's rows from the front of the list
+    group = {}
+    while rows and rows[0][3] == depth:
+        offset, size, count, _, kind, form, name = rows.pop(0)
+        after = rows[:]
+        values = []
+        for at in range(offset, offset + size * count, size):
+            if kind == 5: rows[:] = after
+            element = content[at:at + size]
+            values.append(decode(rows, element, depth + 1) if kind == 5 else value_of(kind, element))
+        if kind == 5: values = [shown(form, value) for value in values]
+        if kind == 3 and not values[0]: return None  # all other fields of the group mean nothing
+        if kind != 3: group[name] = values if count > 1 else values[0]
+    return group
+def shown(form, group):
+    if form == 2: return f"{group['bank']}:{group['index']}"
+    if form != 3: return group
+    *words, length = group.values()
+    words += [0] * (0 if len(words) == 1 else 4 - len(words))
+    return f"{ipaddress.ip_address(b''.join(word.to_bytes(4, 'big') for word in words))}/{length}"
+def fields(family, part, content):
+    return decode([row for (of, _), row in sorted(family.items()) if of == part], content)
+def decoded(family, record):
+    config, log, _, _, resource_keys = (family[1, fact] for fact in range(4, 9))
+    if type_name == config[-1]:
+        version, deleted = struct.unpack_from("<Q?", record, config[0])
+        resources = fields(family, 4, record[resource_keys[0]:]) if resource_keys[1] else {}
+        return {"version": version, "isDeleted": deleted} | fields(family, 3, record) | resources
+    version, flags, unit = struct.unpack_from("<QHH", record)
+    what = {"version": version, "flags": flags, "unit": unit}
+    return what if flags & 2 else what | fields(family, 3, record[log[0]:])
+known = families(sys.argv[2]) if len(sys.argv) > 2 else []
+type_name, attribute, records = read(sys.argv[1])
+print(type_name, attribute, len(records), "records")
+family = [family for family in known if type_name in (family[1, 4][-1], family[1, 5][-1])]
+for record in records: print(json.dumps(decoded(family[0], record)) if family else record.hex())

@@ -4,6 +4,7 @@
 #include "Fenrik/Assert.h"
 #include "Kiv/Sassert.h"
 #include "Kiv/Trace.h"
+#include "OrderedTable/Catalogue.h"
 #include "OrderedTable/Constants.h"
 #include "OrderedTable/EntryLogCore.h"
 #include "OrderedTable/MountDrift.h"
@@ -63,6 +64,7 @@ void InterfaceCore::handleInitialized() {
   FENRIK_ASSERT_TEXT(groupIntf != nullptr, "groupIntf");
   KIV_TRACE(trace(), 3, name(), " Creating entry log for {}", tableId);
   const bool adopted = adoptLiving(groupIntf);
+  describeFamily();
   entryLogIs(tableId, ordTblIntf()->entityManager(), groupIntf, agentName());
   swTableStatusIs(tableId);
   const auto acknowledged = groupIntf->tableVersionMap()->find(tableId);
@@ -73,6 +75,16 @@ void InterfaceCore::handleInitialized() {
   groupIntf->swTableSetIs(set_);
   ordTblIntf()->swTableIntfIs(key, this);
   singleton->swTableIntfIs(key, Fenrik::Ptr<TableInterfaceBase>(this));
+}
+
+/// Before there is a log, so that whoever finds the log can read it. An agent without a catalogue
+/// works all the same.
+void InterfaceCore::describeFamily() {
+  try {
+    describe(*ordTblIntf()->entityManager(), descriptor_);
+  } catch (const Fenrik::Exception& e) {
+    KIV_TRACE(trace(), 1, name(), " Other processes cannot read the table: {}", e.msg());
+  }
 }
 
 /// Tables that clients still hold from an earlier interface of the family go on with their log: a

@@ -71,6 +71,7 @@ class QUARNBASTIL_EXPORT InterfaceCore : public TableInterfaceBase {
   Fenrik::Ptr<GroupInterface> group() const;
 
   [[noreturn]] void failSecond() const;
+  void describeFamily();
   bool adoptLiving(const Fenrik::Ptr<GroupInterface>& groupIntf);
   void releaseTables(const Fenrik::Ptr<OrderedSwTableSet>& set);
   void cleanTo(LogVersion acknowledged);

@@ -6,6 +6,7 @@
 #include "OrderedTable/UnitId.h"
 
 #include "Drift/RecordLayout.h"
+#include "OrderedTable/Catalogue.h"
 #include "OrderedTable/NeededEntryDrift.h"
 #include "OrderedTable/TableVersionDrift.h"
 #include "Stavro/ValueEntity.h"
@@ -30,7 +31,8 @@ namespace {
 
 const Stavro::ValueRegistration<GenId> kGenIdRegistration;
 // Known to the mount by name as soon as the library is loaded.
-const KivSharedMem::EntityRegistrations<NeededEntryDrift, TableVersionDrift> kEntities;
+const KivSharedMem::EntityRegistrations<CatalogueDrift, NeededEntryDrift, TableVersionDrift>
+    kEntities;
 
 }  // namespace
 

@@ -4,10 +4,12 @@
 #include <cstring>
 #include <fstream>
 
+#include "OrderedTable/Catalogue.h"
 #include "OrderedTable/TableDescriptor.h"
 #include "OrderedTable/TableFixture.h"
 #include "Support/Ear.h"
 #include "Support/FamilyFacts.h"
+#include "Support/Process.h"
 #include "Support/Running.h"
 
 namespace {
@@ -207,6 +209,28 @@ TYPED_TEST(Conformance, StoresAChangeByteByByteAsTheFormatSays) {
   this->removeAll();
   this->agent.pumpAll();
   EXPECT_EQ(logged(4), expectedLog(4, 2, LogEntry(typename TypeParam::Key())));
+}
+
+TYPED_TEST(Conformance, IsReadByWhomTheCatalogueAloneTellsOfIt) {
+  const Support::TempDir place;
+  Support::Running agent(place.path());
+  agent.template write<TypeParam>(3, 0x20005, 0x01020304);
+  agent.pumpAll();
+  const auto fileOf = [&](std::string_view path) {
+    return place.path() + "/" + Drift::Directory::fileNameOf(path);
+  };
+  const std::string key(factsOf<TypeParam>().key);
+  const std::string shown = key[0] == '{' ? "{\"number\": 131077}" : '"' + key + '"';
+  for (const Fenrik::String& path : {this->config().path(), this->log().tableEntryLog()->path()}) {
+    const auto [status, out, error] =
+        Support::run({"/usr/bin/env", "python3", BASTIL_READER, fileOf(path.view()),
+                      fileOf(Asic::CatalogueDrift::kPath)},
+                     place.path());
+    EXPECT_EQ(status, 0) << error;
+    EXPECT_THAT(out, testing::HasSubstr("{\"version\": 1, "));
+    EXPECT_THAT(out, testing::HasSubstr("\"key\": " + shown));
+    EXPECT_THAT(out, testing::HasSubstr(fmt::format("{}", 0x01020304)));
+  }
 }
 
 TYPED_TEST(Conformance, AnEntryLivesFromItsWriteToItsPurgeThroughARestart) {

@@ -60,13 +60,12 @@ struct Chip::Progress {
 };
 
 Chip::Chip(const std::string& directory) : directory_(directory, Drift::Directory::Access::write) {
-  for (const TableKind& kind : Tables::tableKinds()) storedTables(kind);
+  for (const TableKind& kind : Tables::tableKinds()) recall(kind);
 }
 
 Chip::~Chip() = default;
 
-/// The chip as its last process left it. A table whose rows were lost counts as never programmed.
-void Chip::storedTables(const TableKind& kind) {
+void Chip::recall(const TableKind& kind) {
   for (const std::string& path : directory_.entities(Tables::chipRowsPath(kind))) {
     const auto unit = Tables::unitOf(kind, path);
     if (!unit) continue;

@@ -41,6 +41,10 @@ class Chip {
   Chip(const Chip&) = delete;
   Chip& operator=(const Chip&) = delete;
 
+  /// Brings a table back as the chip's last process left it; those of all known families are when
+  /// the chip is made. A table whose rows were lost counts as never programmed.
+  void recall(const TableKind& kind);
+
   void write(const TableKind& kind, UnitId unit, Words entry);
   /// False if there is no such row.
   bool remove(const TableKind& kind, UnitId unit, Words key);
@@ -89,7 +93,6 @@ class Chip {
   void pointersAdd(const TableKind& kind, UnitId unit, Words entry, int count);
   void checkReferences(const TableKind& kind, UnitId unit, Words entry);
   void violated(const TableKind& kind, UnitId unit, Words key, const std::string& what);
-  void storedTables(const TableKind& kind);
 
   Drift::Directory directory_;
   std::map<std::pair<Asic::SwTableId, UnitId>, Table> tables_;

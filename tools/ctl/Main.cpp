@@ -6,6 +6,7 @@
 #include "Fenrik/Format.h"
 #include "ctl/Command.h"
 #include "program/Program.h"
+#include "tables/Catalogue.h"
 
 namespace Ctl {
 namespace {
@@ -31,6 +32,7 @@ int run(const std::string& path, bool json, Command command) {
   try {
     const Drift::Directory directory(path, Drift::Directory::Access::read);
     requireTables(directory);
+    Tables::Catalogue().learn(directory, Context::say);
     return command(Context{directory, json, stopAsked});
   } catch (const UsageError& e) {
     fmt::print(stderr, "bastilctl: {}\n", e.what());

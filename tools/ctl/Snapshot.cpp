@@ -3,6 +3,7 @@
 #include <set>
 #include <thread>
 
+#include "OrderedTable/Catalogue.h"
 #include "ctl/Picture.h"
 
 namespace Ctl {
@@ -227,8 +228,11 @@ void storeReports(const Drift::Directory& from, const Drift::Directory& to,
   }
 }
 
+/// What concerns no single table.
 void storeState(const Drift::Directory& from, const Drift::Directory& to) {
-  for (const std::string& path : from.entities("stavro/")) {
+  auto paths = from.entities("stavro/");
+  std::ranges::copy(from.entities(Asic::CatalogueDrift::kPath), std::back_inserter(paths));
+  for (const std::string& path : paths) {
     const auto file = DriftFile::openForReading(from, path, nullptr);
     const auto copy = makeLike(to, path, *file);
     Drift::HashedWriter writer(*copy);

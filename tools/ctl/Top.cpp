@@ -6,8 +6,10 @@
 #include <chrono>
 #include <ctime>
 #include <deque>
+#include <set>
 
 #include "ctl/Picture.h"
+#include "tables/Catalogue.h"
 
 namespace Ctl {
 namespace {
@@ -147,12 +149,11 @@ std::string rowOf(const TablePicture& table, Track& track) {
 
 class Screen {
  public:
-  explicit Screen(const Context& context) : context_(context) {
-    for (const TableKind& kind : Tables::tableKinds()) tracks_.emplace_back(kind);
-  }
+  explicit Screen(const Context& context) : context_(context) {}
 
   int show() {
-    const Picture picture = pictureOf(context_.directory, false);
+    Picture picture = pictureOf(context_.directory, false);
+    picture.problems.insert(picture.problems.end(), problems_.begin(), problems_.end());
     if (context_.json) {
       Context::line(jsonOf(picture).dump());
       return resultOf(picture);
@@ -174,6 +175,9 @@ class Screen {
   }
 
   void look() {
+    catalogue_.learn(context_.directory, [&](const std::string& text) { problems_.insert(text); });
+    const auto& kinds = Tables::tableKinds();
+    while (tracks_.size() < kinds.size()) tracks_.emplace_back(kinds[tracks_.size()]);
     for (Track& track : tracks_) track.look(context_.directory);
   }
 
@@ -183,7 +187,9 @@ class Screen {
   }
 
   const Context& context_;
+  Tables::Catalogue catalogue_;
   std::vector<Track> tracks_;
+  std::set<std::string> problems_;
 };
 
 }  // namespace

@@ -1,7 +1,9 @@
 #include <thread>
 
+#include "OrderedTable/Catalogue.h"
 #include "ctl/Findings.h"
 #include "ctl/TableCheck.h"
+#include "tables/Catalogue.h"
 
 namespace Ctl {
 namespace {
@@ -83,11 +85,16 @@ Findings look(const Drift::Directory& directory) {
   for (const std::string& path : directory.entities("")) {
     if (isOurs(path)) checkFile(directory, path, findings);
   }
+  Tables::Catalogue().learn(directory,
+                            [&](const std::string& text) { findings.wrong.insert(text); });
   for (const TableKind& kind : Tables::tableKinds()) checkTable(directory, kind, findings);
-  if (directory.entities(kStateDatabase).empty()) {
-    findings.wrong.insert(fmt::format("the state database is lost: {} is not there",
-                                      directory.pathOf(kStateDatabase)));
-  }
+  const auto require = [&](const char* what, std::string_view path) {
+    if (!directory.entities(path).empty()) return;
+    findings.wrong.insert(
+        fmt::format("the {} is lost: {} is not there", what, directory.pathOf(path)));
+  };
+  require("state database", kStateDatabase);
+  require("catalogue of the tables", Asic::CatalogueDrift::kPath);
   return findings;
 }
 

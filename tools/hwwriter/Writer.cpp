@@ -27,7 +27,15 @@ constexpr std::chrono::seconds kSilence(1);
 
 Writer::Writer(const Options& options) : options_(options), news_(options.json), pace_(options) {
   if (options.classify != 0) classifier_.emplace(options_, news_);
-  for (const TableKind& kind : Tables::tableKinds()) tables_.emplace_back(kind);
+}
+
+/// Takes up the families that the agent has described since, those of the library first.
+void Writer::learn() {
+  catalogue_.learn(*directory_, [&](const std::string& text) { news_.warn(text); });
+  for (std::size_t i = tables_.size(); i < Tables::tableKinds().size(); ++i) {
+    tables_.emplace_back(Tables::tableKinds()[i]);
+    if (chip_ != nullptr) chip_->recall(tables_.back().kind());
+  }
 }
 
 /// Opens what the agent has made; false as long as that is nothing.
@@ -40,6 +48,7 @@ bool Writer::open() {
       return false;
     }
   }
+  learn();
   std::size_t present = 0;
   for (Table& table : tables_) present += table.open(*directory_, news_) ? 1 : 0;
   if (present != std::exchange(present_, present)) grew_ = Clock::now();
@@ -52,6 +61,7 @@ bool Writer::open() {
 
 /// Takes up what has appeared, or was replaced, since the last look.
 void Writer::look() {
+  ++looks_;
   if (!open()) return;
   reports_->refresh();
   std::string lost;
@@ -123,6 +133,9 @@ bool Writer::satisfied(const TableKind& kind, Word version,
     const auto other = std::ranges::find(tables_, need.tableId(),
                                          [](const Table& table) { return table.kind().id; });
     if (other == tables_.end()) {
+      // A family is described before it has versions: after one look it is known.
+      if (std::exchange(unknown_, need.tableId()) != need.tableId()) lookAtUnknown_ = looks_ + 1;
+      if (looks_ < lookAtUnknown_) return false;
       news_.warn(fmt::format("{}: table {} is needed and not known here; going on without",
                              kind.name, need.tableId()));
       continue;

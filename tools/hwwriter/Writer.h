@@ -8,6 +8,7 @@
 #include "hwwriter/Pace.h"
 #include "hwwriter/Reports.h"
 #include "hwwriter/Table.h"
+#include "tables/Catalogue.h"
 
 namespace HwWriter {
 
@@ -33,6 +34,7 @@ class Writer {
   using Clock = std::chrono::steady_clock;
 
   bool open();
+  void learn();
   void look();
   void tellStarted();
   void reportAll();
@@ -60,13 +62,18 @@ class Writer {
   Pace pace_;
   std::optional<Classifier> classifier_;
   std::optional<Drift::Directory> directory_;
+  Tables::Catalogue catalogue_;
   std::unique_ptr<SimAsic::Chip> chip_;
   std::optional<Reports> reports_;
-  /// The lowest tier first.
+  /// Of all families that are known; in their order.
   std::vector<Table> tables_;
   /// Tables with a log, and when their number last changed.
   std::size_t present_ = 0;
   Clock::time_point grew_;
+  unsigned looks_ = 0;
+  /// A table that was needed and not known, and the look after which that is final.
+  Asic::SwTableId unknown_;
+  unsigned lookAtUnknown_ = 0;
   /// Why the place in a log is lost.
   std::string lost_;
   /// For which version of another table a table waits, in words, by the waiting table.

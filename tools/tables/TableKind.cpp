@@ -53,34 +53,60 @@ Fields fieldsOf(const Asic::FlatShape& shape) {
   return {shape.fields.data(), shape.fields.size(), shape.form};
 }
 
-TableKind kindFrom(const Asic::TableDescriptor& of) {
-  using Asic::Constants;
-  const Fenrik::String group = Constants::canonicalizeGroupName(of.agentName, of.groupName);
-  const Fenrik::String log = Constants::canonicalGroupTableEntryLogDriftPath(
-      group, of.tableNamespace, of.tableName, of.tableId);
+KindFacts factsOf(const Asic::TableDescriptor& of) {
   const auto& records = of.records;
   const auto sizeOf = [](std::size_t size) { return static_cast<std::uint32_t>(size); };
-  const auto* const tier = std::ranges::find(kTiers, of.tableId, &Tier::table);
-  const bool isLowest = tier == std::end(kTiers);
   return {.id = of.tableId,
-          .name = of.tableName,
-          .group = group.str(),
-          .logPath = log.str(),
-          .neededPath = Constants::neededPathOfEntryLogPath(log).str(),
-          .configPath = Constants::canonicalGroupTableConfigDriftPathBase(
-                            group, of.tableNamespace, Fenrik::String(of.tableName))
-                            .str(),
-          .log = {Layout::dense, of.collections.logType, sizeof(Word), sizeOf(records.logSize)},
-          .config = {Layout::hashed, of.collections.configType, sizeOf(records.key.size),
-                     sizeOf(records.configSize)},
+          .agentName = of.agentName,
+          .groupName = of.groupName,
+          .tableNamespace = of.tableNamespace,
+          .tableName = of.tableName,
+          .configType = of.collections.configType,
+          .logType = of.collections.logType,
+          .configSize = sizeOf(records.configSize),
+          .logSize = sizeOf(records.logSize),
           .keySize = sizeOf(records.key.size),
           .entrySize = sizeOf(records.logEntry.size),
           .versionOffset = records.logVersionOffset,
-          .deletedOffset = records.isDeletedOffset,
           .key = fieldsOf(records.key),
-          .entry = fieldsOf(records.logEntry),
-          .tier = isLowest ? 0 : tier->tier,
-          .references = isLowest ? nullptr : tier->references};
+          .entry = fieldsOf(records.logEntry)};
+}
+
+TableKind kindFrom(const KindFacts& of) {
+  using Asic::Constants;
+  using Fenrik::String;
+  const String group = Constants::canonicalizeGroupName(String(of.agentName), String(of.groupName));
+  const String space(of.tableNamespace);
+  const String table(of.tableName);
+  const String log = Constants::canonicalGroupTableEntryLogDriftPath(group, space, table, of.id);
+  const auto* const tier = std::ranges::find(kTiers, of.id, &Tier::table);
+  const bool isLowest = tier == std::end(kTiers);
+  return {
+      .id = of.id,
+      .name = of.tableName,
+      .group = group.str(),
+      .logPath = log.str(),
+      .neededPath = Constants::neededPathOfEntryLogPath(log).str(),
+      .configPath = Constants::canonicalGroupTableConfigDriftPathBase(group, space, table).str(),
+      .log = {Layout::dense, of.logType, sizeof(Word), of.logSize},
+      .config = {Layout::hashed, of.configType, of.keySize, of.configSize},
+      .keySize = of.keySize,
+      .entrySize = of.entrySize,
+      .versionOffset = of.versionOffset,
+      .key = of.key,
+      .entry = of.entry,
+      .tier = isLowest ? 0 : tier->tier,
+      .references = isLowest ? nullptr : tier->references};
+}
+
+std::deque<TableKind>& kinds() {
+  static std::deque<TableKind> kinds = [] {
+    std::deque<TableKind> made;
+    for (const auto* of : Asic::TableRegistration::all()) made.push_back(kindFrom(factsOf(*of)));
+    std::ranges::stable_sort(made, {}, &TableKind::tier);
+    return made;
+  }();
+  return kinds;
 }
 
 /// A round of splitmix64: every bit of the word affects every bit of the result.
@@ -107,15 +133,9 @@ void entryIs(std::vector<Word>& entry, const TableKind& kind, Words record, std:
 
 std::string Fields::text(const void* value) const { return textOf(fields, count, value, form); }
 
-const std::vector<TableKind>& tableKinds() {
-  static const std::vector<TableKind> kinds = [] {
-    std::vector<TableKind> made;
-    for (const auto* of : Asic::TableRegistration::all()) made.push_back(kindFrom(*of));
-    std::ranges::stable_sort(made, {}, &TableKind::tier);
-    return made;
-  }();
-  return kinds;
-}
+const std::deque<TableKind>& tableKinds() { return kinds(); }
+
+void kindIs(const KindFacts& facts) { kinds().push_back(kindFrom(facts)); }
 
 const TableKind* kindOf(std::string_view name) {
   const auto found = std::ranges::find(tableKinds(), name, &TableKind::name);
@@ -143,7 +163,7 @@ ConfigRow configRowOf(const TableKind& kind, Words record) {
   ConfigRow row;
   entryIs(row.entry, kind, record, 0);
   row.version = valueAt<std::uint64_t>(record, kind.versionOffset);
-  row.isDeleted = valueAt<std::uint8_t>(record, kind.deletedOffset) != 0;
+  row.isDeleted = valueAt<std::uint8_t>(record, kind.versionOffset + sizeof(Word)) != 0;
   return row;
 }
 

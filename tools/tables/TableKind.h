@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstring>
+#include <deque>
 #include <span>
 #include <string>
 #include <string_view>
@@ -42,6 +43,18 @@ struct Reference {
   std::vector<Word> key;
 };
 
+/// What the rest of a family's facts follow from. The texts and the fields outlive the process's
+/// use of them.
+struct KindFacts {
+  Asic::SwTableId id;
+  std::string_view agentName, groupName, tableNamespace, tableName;
+  std::string_view configType, logType;
+  std::uint32_t configSize, logSize;
+  std::uint32_t keySize, entrySize;
+  std::size_t versionOffset;
+  Fields key, entry;
+};
+
 /// One table family. Sizes and offsets are in bytes.
 struct TableKind {
   Asic::SwTableId id;
@@ -55,9 +68,8 @@ struct TableKind {
   Shape config;
   std::uint32_t keySize;
   std::uint32_t entrySize;
-  /// In the configuration record, after the entry.
+  /// In the configuration record, after the entry; the mark of an entry in deletion follows.
   std::size_t versionOffset;
-  std::size_t deletedOffset;
   Fields key;
   Fields entry;
   /// The rows to which an entry points are in tables of a lower tier.
@@ -69,11 +81,15 @@ struct TableKind {
   std::size_t keyWords() const { return Drift::Format::paddedSize(keySize) / sizeof(Word); }
 };
 
-/// All families that this process knows, the lowest tier first, and by their ids within a tier.
-const std::vector<TableKind>& tableKinds();
+/// All families that this process knows: those of the library, the lowest tier first and by their
+/// ids within a tier, then what `Catalogue::learn` has learnt. None ever goes.
+const std::deque<TableKind>& tableKinds();
 /// The family of that name or id; null if there is none.
 const TableKind* kindOf(std::string_view name);
 const TableKind* kindOf(Asic::SwTableId id);
+
+/// Enters a family that `kindOf` does not know.
+void kindIs(const KindFacts& facts);
 
 /// The words of the key with which an entry begins. Bytes of the entry that share the key's last
 /// word are 0.

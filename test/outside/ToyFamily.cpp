@@ -1,4 +1,4 @@
-#include "OrderedTable/ToyFamily.h"
+#include "ToyFamily.h"
 
 #include "QuarnBastil/FamilyDescriptor.h"
 
