@@ -35,7 +35,8 @@ Fenrik::Ptr<TableVersionDrift> TableVersionDrift::mounted(
     const Fenrik::Ptr<KivSharedMem::EntityManager>& manager, const Fenrik::String& canonicalGroup) {
   const Fenrik::String path = Constants::canonicalGroupTableVersionPath(canonicalGroup);
   KivDrift::MountInfo info(0);
-  info.collectionInfoIs({Fenrik::String(kAttributeName), kCapacity, 0});
+  info.collectionInfoIs(
+      {Fenrik::String(kAttributeName), kCapacity, KivDrift::CollectionInfo::kGroupWrites});
   const auto group = manager->getMountGroup();
   group->mount(path, Fenrik::String(kEntityName), info);
   group->doClose();
@@ -63,7 +64,8 @@ void TableVersionMap::open() {
   // First what the writer has made; then, if that cannot be used and no writer is at it, a new one.
   for (const bool make : {false, true}) {
     try {
-      if (make) DriftFile::openForWriting(directory, path_.view(), geometry(), {});
+      if (make)
+        DriftFile::openForWriting(directory, path_.view(), geometry(), {.groupWrites = true});
       openForReading();
       return;
     } catch (const Fenrik::Exception& e) {

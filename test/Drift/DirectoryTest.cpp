@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -128,6 +129,49 @@ TEST_F(DirectoryTest, ADirectoryIsMadeOrNamedAsAbsentOrRefused) {
   }
   EXPECT_EQ(open(directory_.path(), Directory::Access::write), MountStage::refused);
   EXPECT_EQ(open(directory_.path(), Directory::Access::read), MountStage::ok);
+}
+
+constexpr uid_t kOwner = 12345, kMember = 23456;
+constexpr gid_t kGroup = 34567;
+
+bool asUser(uid_t user, const std::function<bool()>& act) {
+  return inAnotherProcess([&] {
+    return ::setgroups(0, nullptr) == 0 && ::setgid(kGroup) == 0 && ::setuid(user) == 0 && act();
+  });
+}
+
+TEST_F(DirectoryTest, AGroupSharesADirectoryThatItsOwnerOpensToIt) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can be one user after the other";
+  const std::string path = dir_.path() + "/shared";
+  ASSERT_EQ(::mkdir(path.c_str(), 0750) + ::chown(path.c_str(), kOwner, kGroup), 0);
+  ASSERT_EQ(::chmod(dir_.path().c_str(), 0755), 0);
+  const auto writes = [&](const char* name, bool groupWrites) {
+    return stageOf([&] {
+      const Directory shared(path, Directory::Access::write);
+      DriftFile::openForWriting(shared, name, kGeometry, {.groupWrites = groupWrites});
+    });
+  };
+  const auto reads = [&](const char* name) {
+    return stageOf([&] {
+      DriftFile::openForReading({path, Directory::Access::read}, name, nullptr);
+    });
+  };
+  for (const mode_t closed : {0750U, 02772U, 0770U}) {
+    ASSERT_EQ(::chmod(path.c_str(), closed), 0);
+    EXPECT_TRUE(asUser(kMember, [&] { return writes("member's", false) == MountStage::refused; }));
+  }
+  ASSERT_EQ(::chmod(path.c_str(), 02770), 0);
+  EXPECT_TRUE(asUser(kOwner, [&] {
+    return writes("owner's", false) == MountStage::ok && writes("all's", true) == MountStage::ok;
+  }));
+  EXPECT_TRUE(asUser(kMember, [&] {
+    return reads("owner's") == MountStage::ok && writes("owner's", false) == MountStage::refused &&
+           writes("all's", true) == MountStage::ok && writes("member's", false) == MountStage::ok;
+  }));
+  EXPECT_TRUE(asUser(kOwner, [&] {
+    return reads("member's") == MountStage::ok && reads("all's") == MountStage::ok &&
+           writes("member's", false) == MountStage::refused;
+  }));
 }
 
 TEST_F(DirectoryTest, OneWriterAtATimeAndReadersWhenThereIsAFile) {

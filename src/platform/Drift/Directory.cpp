@@ -46,6 +46,9 @@ bool isPlain(char c) {
   return byte > 0x20 && byte < 0x7f && c != '/' && c != '%';
 }
 
+/// Of a directory's mode: what says whether it is shared.
+constexpr mode_t kSharedBits = S_ISGID | S_IWGRP | S_IWOTH;
+
 /// Names of the files that are still being made; no entity's name begins so.
 constexpr char kTemporaryPrefix = '.';
 
@@ -67,11 +70,15 @@ Directory::Directory(std::string path, Access access, mode_t fileMode)
         Fenrik::formatString("cannot open the directory {}: {}", path_, std::strerror(errno)));
   }
   owner_ = found.st_uid;
-  if (access == Access::write && owner_ != ::geteuid()) {
+  group_ = found.st_gid;
+  shared_ = (found.st_mode & kSharedBits) == (S_ISGID | S_IWGRP);
+  const bool mayMake = shared_ && ::faccessat(fd(), ".", W_OK | X_OK, AT_EACCESS) == 0;
+  if (access == Access::write && owner_ != ::geteuid() && !mayMake) {
     throw MountException(
         MountStage::refused,
         Fenrik::formatString("the directory {} belongs to user {}, this process is user {}: run "
-                             "it as that user or use another directory",
+                             "it as that user, use another directory, or let a group that both "
+                             "are in write there (chmod 2770)",
                              path_, owner_, ::geteuid()));
   }
 }

@@ -34,6 +34,10 @@ class QUARNBASTIL_EXPORT Descriptor {
 
 /// The directory that holds one entity manager's collections, a file each. It is opened once; every
 /// file is reached from its descriptor.
+///
+/// It belongs to the agent's user. One whose group may write there, with the set-group-id bit, is
+/// shared: members of the group make collections of their own in it, and write those that are made
+/// for all of them.
 class QUARNBASTIL_EXPORT Directory {
  public:
   enum class Access { read, write };
@@ -41,9 +45,12 @@ class QUARNBASTIL_EXPORT Directory {
   /// 0750: the hardware writer reads through the group.
   static constexpr mode_t kDirectoryMode = 0750;
   static constexpr mode_t kFileMode = 0640;
+  /// Of a collection in a shared directory that any member may write.
+  static constexpr mode_t kSharedFileMode = 0660;
 
   /// Opens the directory; for writing it is made first, with those above it, if it is absent.
-  /// Throws `MountException` if it is not to be had, is none, or (for writing) is another user's.
+  /// Throws `MountException` if it is not to be had, is none, or (for writing) is another user's and
+  /// not shared with this process.
   Directory(std::string path, Access access, mode_t fileMode = kFileMode);
 
   int fd() const noexcept { return fd_->get(); }
@@ -53,6 +60,11 @@ class QUARNBASTIL_EXPORT Directory {
   Access access() const noexcept { return access_; }
   mode_t fileMode() const noexcept { return fileMode_; }
   uid_t owner() const noexcept { return owner_; }
+  bool isShared() const noexcept { return shared_; }
+  /// Whether a file of that user and group is one that belongs here.
+  bool admits(uid_t user, gid_t group) const noexcept {
+    return user == owner_ || (shared_ && group == group_);
+  }
 
   /// The name of the file that holds the entity: its path with '/', '%' and a leading '.' written
   /// as '%' and two hexadecimal digits. Throws `MountException` (refused) for a path that is empty,
@@ -78,6 +90,8 @@ class QUARNBASTIL_EXPORT Directory {
   Access access_;
   mode_t fileMode_;
   uid_t owner_ = 0;
+  gid_t group_ = 0;
+  bool shared_ = false;
   std::shared_ptr<const Descriptor> fd_;
 };
 

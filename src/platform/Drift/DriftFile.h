@@ -31,6 +31,8 @@ class QUARNBASTIL_EXPORT DriftFile {
   struct Options {
     /// Memory for all records is reserved and mapped at once, and never given back.
     bool reserveAll = false;
+    /// In a shared directory any member of its group may write the collection, one at a time.
+    bool groupWrites = false;
   };
 
   /// Opens the entity's collection for writing: takes over what is there, makes it if it is absent,

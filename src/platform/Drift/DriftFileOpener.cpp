@@ -114,7 +114,7 @@ class DriftFileOpener {
         return std::move(file_);
       }
       if (!fd.valid()) fail(errno, "open");
-      const struct stat found = checkFile(fd.get(), ::geteuid(), directory_.fileMode());
+      const struct stat found = checkFile(fd.get(), mode());
       lock(fd.get());
       if (!stillNamed(found)) continue;
       file_->fd_ = std::move(fd);
@@ -128,7 +128,7 @@ class DriftFileOpener {
   std::unique_ptr<DriftFile> openForReading(const Geometry* geometry) {
     file_->fd_ = open(name(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
     if (!file_->fd_.valid()) fail(errno, "open");
-    const struct stat found = checkFile(file_->fd_.get(), directory_.owner(), 0);
+    const struct stat found = checkFile(file_->fd_.get(), 0);
     const Fenrik::String fault = readHeader(found, geometry);
     if (!fault.empty()) refuse(faultStage_, fault, "let the agent mount it, which makes it anew");
     map(PROT_READ);
@@ -140,6 +140,11 @@ class DriftFileOpener {
 
  private:
   const char* name() const { return file_->fileName_.c_str(); }
+  /// The mode that the file has.
+  mode_t mode() const {
+    return file_->options_.groupWrites && directory_.isShared() ? Directory::kSharedFileMode
+                                                                : directory_.fileMode();
+  }
 
   Descriptor open(const char* name, int flags) const {
     for (;;) {
@@ -165,21 +170,22 @@ class DriftFileOpener {
   }
 
   /// Type, links, owner and mode. A mode of 0 asks only that no stranger may write.
-  struct stat checkFile(int fd, uid_t owner, mode_t mode) {
+  struct stat checkFile(int fd, mode_t mode) {
     struct stat found {};
     if (::fstat(fd, &found) != 0) fail(errno, "fstat");
     if (!S_ISREG(found.st_mode)) {
       refuse(Stage::refused, "it is not a regular file", "remove it");
     }
-    if (found.st_uid != owner) {
+    if (!directory_.admits(found.st_uid, found.st_gid)) {
       refuse(Stage::refused,
-             Fenrik::formatString("it belongs to user {}, not to user {}", found.st_uid, owner),
+             Fenrik::formatString("it belongs to user {}, not to user {}", found.st_uid,
+                                  directory_.owner()),
              "remove it or give it to that user");
     }
     if (mode != 0 ? (found.st_mode & 07777) != mode : (found.st_mode & S_IWOTH) != 0) {
       refuse(Stage::refused,
              Fenrik::formatString("its mode is {:04o}, not {:04o}", found.st_mode & 07777,
-                                  mode != 0 ? mode : Directory::kFileMode),
+                                  mode != 0 ? mode : directory_.fileMode()),
              "set it right or remove the file");
     }
     if (found.st_nlink > 1) {
@@ -347,7 +353,7 @@ class DriftFileOpener {
       temporary.name.clear();
       fail(error, "make");
     }
-    if (::fchmod(fd.get(), directory_.fileMode()) != 0) fail(errno, "set the mode of");
+    if (::fchmod(fd.get(), mode()) != 0) fail(errno, "set the mode of");
     lock(fd.get());
     if (::ftruncate(fd.get(), static_cast<off_t>(header.fileSize)) != 0) fail(errno, "size");
     const Word begin = file_->options_.reserveAll ? header.fileSize : beginSize();

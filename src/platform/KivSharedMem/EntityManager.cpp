@@ -136,11 +136,14 @@ void EntityManager::mount(const MountGroup::Request& request) {
   const Drift::Geometry geometry{type->layout,     type->keySize,
                                  type->recordSize, collections[0].capacity,
                                  type->typeName,   type->attributeName};
-  const bool reserveAll = (collections[0].flags & KivDrift::CollectionInfo::kReserveAll) != 0;
-  auto file = directory_.access() == Drift::Directory::Access::write
-                  ? Drift::DriftFile::openForWriting(directory_, request.path.view(), geometry,
-                                                     {.reserveAll = reserveAll})
-                  : Drift::DriftFile::openForReading(directory_, request.path.view(), &geometry);
+  using Info = KivDrift::CollectionInfo;
+  const Drift::DriftFile::Options options{
+      .reserveAll = (collections[0].flags & Info::kReserveAll) != 0,
+      .groupWrites = (collections[0].flags & Info::kGroupWrites) != 0};
+  auto file =
+      directory_.access() == Drift::Directory::Access::write
+          ? Drift::DriftFile::openForWriting(directory_, request.path.view(), geometry, options)
+          : Drift::DriftFile::openForReading(directory_, request.path.view(), &geometry);
   Fenrik::Ptr<Entity> entity;
   if (type->make != nullptr) {
     entity = type->make(request.path, std::move(file));
