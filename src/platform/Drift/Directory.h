@@ -49,8 +49,8 @@ class QUARNBASTIL_EXPORT Directory {
   static constexpr mode_t kSharedFileMode = 0660;
 
   /// Opens the directory; for writing it is made first, with those above it, if it is absent.
-  /// Throws `MountException` if it is not to be had, is none, or (for writing) is another user's and
-  /// not shared with this process.
+  /// Throws `MountException` if it is not to be had, is none, or (for writing) is another user's
+  /// and not shared with this process.
   Directory(std::string path, Access access, mode_t fileMode = kFileMode);
 
   int fd() const noexcept { return fd_->get(); }

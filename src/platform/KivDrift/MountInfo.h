@@ -15,8 +15,8 @@ struct CollectionInfo {
   Fenrik::String attributeName;
   /// Records that it may hold.
   Drift::Format::Word capacity = 0;
-  /// Bit 0: memory for all of them is reserved at the mount and never given back. Bit 1: in a shared
-  /// directory any member of its group may write them, one at a time.
+  /// Bit 0: memory for all of them is reserved at the mount and never given back. Bit 1: in a
+  /// shared directory any member of its group may write them, one at a time.
   Drift::Format::Word flags = 0;
 
   static constexpr Drift::Format::Word kReserveAll = 1;
