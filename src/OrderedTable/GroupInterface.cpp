@@ -25,7 +25,7 @@ class GroupInterface::RingScope {
   ~RingScope() {
     group_.ringLater_ = outer_;
     if (outer_) return;
-    for (const auto& node : group_.announcers_) node.value()->ring();
+    for (const auto& node : group_.announcers_) node.value()->ring(group_.reportFile());
   }
   RingScope(const RingScope&) = delete;
   RingScope& operator=(const RingScope&) = delete;
@@ -70,7 +70,11 @@ void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
                                  const Fenrik::Ptr<const NeededEntry>& neededEntry) {
   const auto& told = announcer(tableId);
   told->announce(version, neededEntry.get());
-  if (!ringLater_) told->ring();
+  if (!ringLater_) told->ring(reportFile());
+}
+
+void GroupInterface::logFilesAdd(std::vector<const Drift::DriftFile*>& files) const {
+  for (const auto& node : announcers_) files.push_back(&node.value()->log());
 }
 
 void GroupInterface::addLogEntryRoom(SwTableId tableId, std::size_t versions) {

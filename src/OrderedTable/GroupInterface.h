@@ -71,6 +71,8 @@ class QUARNBASTIL_EXPORT GroupInterface final
   /// Hands each report that moved to the tables of its table id and returns how many there were. A
   /// report during which a handler throws is handed on again by the next call.
   unsigned takeReports();
+  /// The logs of its tables, in which the agent says that it sleeps.
+  void logFilesAdd(std::vector<const Drift::DriftFile*>& files) const;
   /// Lets the resolver commit up to `budget` operations, then wakes the hardware writer.
   unsigned pump(unsigned budget);
   /// Whether there is something for `takeReports` or `pump` to do.
@@ -86,6 +88,9 @@ class QUARNBASTIL_EXPORT GroupInterface final
   std::uint16_t agentAndGroupId_;
   Fenrik::Ptr<KivSharedMem::EntityManager> manager_;
   Fenrik::Ptr<GroupResolver> groupResolver_;
+  /// In which the hardware writer says that it sleeps; null if there is none.
+  const Drift::DriftFile* reportFile() const noexcept { return versionMap_->bell().file; }
+
   Fenrik::Ptr<TableVersionMap> versionMap_;
   Kiv::Impl::KeyedMap<HN_Announcer> announcers_;
   mutable Fenrik::Ptr<TableAnnouncer> lastAnnouncer_;

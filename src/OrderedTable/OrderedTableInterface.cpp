@@ -78,13 +78,15 @@ bool OrderedTableInterface::waitForReport(std::chrono::nanoseconds timeout) {
 
 bool OrderedTableInterface::sleepForReport(std::chrono::nanoseconds timeout) {
   std::vector<Drift::BellSeen> bells;
+  std::vector<const Drift::DriftFile*> own;
   for (const auto& group : turns_) {
     const auto& map = group->tableVersionMap();
     map->refresh();
     if (map->moved()) return true;
     if (map->bell().file != nullptr) bells.push_back(map->bell());
+    group->logFilesAdd(own);
   }
-  return Drift::waitForAnyRing(bells, timeout);
+  return Drift::waitForAnyRing(bells, timeout, own);
 }
 
 }  // namespace Asic

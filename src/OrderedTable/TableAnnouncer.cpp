@@ -74,7 +74,7 @@ void TableAnnouncer::takeOver(const KivSharedMem::EntityManager& manager) {
   // Later versions follow in order, so one set suffices.
   if (!everything.empty()) neededStore(LogVersion(announced_.value() + 1), everything);
   announce(logged, nullptr);
-  ring();
+  ring(nullptr);
 }
 
 void TableAnnouncer::announce(LogVersion version, const NeededEntry* needed) {
@@ -125,9 +125,9 @@ void TableAnnouncer::cleaned(LogVersion version) {
   if (needed_->writer().size() != 0 && version >= announced_) needed_->neededEntryDelAll();
 }
 
-void TableAnnouncer::ring() noexcept {
+void TableAnnouncer::ring(const Drift::DriftFile* reports) noexcept {
   if (!std::exchange(ringDue_, false)) return;
-  log_->ring();
+  log_->ring(reports);
 }
 
 }  // namespace Asic

@@ -35,8 +35,10 @@ class QUARNBASTIL_EXPORT TableAnnouncer final : public Fenrik::NodeClass<TableAn
   void makeRoom(std::size_t versions);
   /// The hardware has everything up to the version: what it needed is of no interest any more.
   void cleaned(LogVersion version);
-  /// Wakes the hardware writer, if anything was announced since the last ring.
-  void ring() noexcept;
+  /// Wakes the hardware writer, if anything was announced since the last ring. `reports` is a file
+  /// of its own in which it may say that it is awake, or null.
+  void ring(const Drift::DriftFile* reports) noexcept;
+  const Drift::DriftFile& log() const noexcept { return log_->file(); }
 
  private:
   void takeOver(const KivSharedMem::EntityManager& manager);

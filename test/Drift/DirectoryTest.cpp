@@ -237,14 +237,14 @@ TEST_F(DirectoryTest, NoRingIsLostBetweenTwoThatSayWhenTheySleep) {
     unsigned late = 0;
     const std::uint32_t from = begin;
     for (std::uint32_t round = 0; round < kRounds; ++round) {
-      if (first) own.ring(other);
+      if (first) own.ring(&other);
       const auto asked = std::chrono::steady_clock::now();
       const BellSeen bell{&other, from + round};
-      if (!waitForAnyRing({&bell, 1}, std::chrono::seconds(10), &own)) return kRounds;
+      if (!waitForAnyRing({&bell, 1}, std::chrono::seconds(10), {{&own}})) return kRounds;
       // One that is lost shows when the sleeper looks of itself.
       if (std::chrono::steady_clock::now() - asked > std::chrono::milliseconds(90)) ++late;
       if (late > 20) return kRounds;
-      if (!first) own.ring(other);
+      if (!first) own.ring(&other);
     }
     return late;
   };

@@ -22,6 +22,7 @@ class LogSource {
   /// The agent has made one of the files anew: nobody writes these any more.
   bool replaced() const { return log_.file().replaced() || needed_.file().replaced(); }
 
+  const Drift::DriftFile& log() const noexcept { return log_.file(); }
   /// Tells this log from one that is made anew in its place.
   Word seed() const { return log_.seed(); }
 

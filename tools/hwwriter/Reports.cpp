@@ -42,10 +42,18 @@ void Reports::refresh() {
   }
 }
 
-void Reports::ring() {
+void Reports::ring(const std::function<const Drift::DriftFile*(const std::string& group)>& logOf) {
   for (auto& [name, group] : groups_) {
-    if (std::exchange(group.ringDue, false) && group.map != nullptr) group.map->ring();
+    if (std::exchange(group.ringDue, false) && group.map != nullptr) group.map->ring(logOf(name));
   }
+}
+
+std::vector<const Drift::DriftFile*> Reports::files() const {
+  std::vector<const Drift::DriftFile*> files;
+  for (const auto& [name, group] : groups_) {
+    if (group.map != nullptr) files.push_back(&group.map->file());
+  }
+  return files;
 }
 
 }  // namespace HwWriter

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <set>
 
@@ -18,7 +19,10 @@ class Reports {
   /// the last report changes nothing.
   void report(const Tables::TableKind& kind, Tables::Word version);
   /// Wakes the agent, if anything was reported since.
-  void ring();
+  /// Wakes the agents behind new reports. `logOf` names a log of theirs in each group.
+  void ring(const std::function<const Drift::DriftFile*(const std::string& group)>& logOf);
+  /// The maps, in which this process says that it sleeps.
+  std::vector<const Drift::DriftFile*> files() const;
   /// Opens maps again that were removed or made anew; they hold no report then.
   void refresh();
 

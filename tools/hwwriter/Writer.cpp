@@ -92,6 +92,15 @@ void Writer::tellStarted() {
   news_.tell("started", text, {{"programmed", programmed}});
 }
 
+void Writer::ring() {
+  reports_->ring([&](const std::string& group) -> const Drift::DriftFile* {
+    const auto of = std::ranges::find_if(tables_, [&](const Table& table) {
+      return table.source() != nullptr && table.kind().group == group;
+    });
+    return of == tables_.end() ? nullptr : &of->source()->log();
+  });
+}
+
 /// Reports what the chip has; nothing but the first time, and in a map that was made anew.
 void Writer::reportAll() {
   for (const Table& table : tables_) {
@@ -100,7 +109,7 @@ void Writer::reportAll() {
     const Word programmed = chip_->programmed(table.kind());
     if (programmed <= announced) reports_->report(table.kind(), programmed);
   }
-  reports_->ring();
+  ring();
 }
 
 /// The place in a log is lost: brings the chip to the configuration, and goes on from the versions
@@ -119,7 +128,7 @@ void Writer::startOver(const std::string& why) {
     table->followedBy(*chip_);
     reports_->report(table->kind(), version);
   }
-  reports_->ring();
+  ring();
   news_.tell("lost",
              fmt::format("{}; compared {} rows with the configuration: {} differed and were "
                          "programmed",
@@ -235,7 +244,7 @@ bool Writer::advance() {
   }
   if (!some) return false;
   chip_->metersStore();
-  reports_->ring();
+  ring();
   if (!chip_->lastViolation().empty()) news_.warn("violation: " + chip_->lastViolation());
   return true;
 }
@@ -267,7 +276,8 @@ void Writer::sleep() const {
   for (const Table& table : tables_) {
     if (table.source() != nullptr) bells.push_back(table.source()->bell());
   }
-  Drift::waitForAnyRing(bells, lookInterval());
+  Drift::waitForAnyRing(bells, lookInterval(),
+                        reports_ ? reports_->files() : std::vector<const Drift::DriftFile*>());
 }
 
 /// True if there may be more to do at once.

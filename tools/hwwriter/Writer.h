@@ -38,6 +38,7 @@ class Writer {
   void look();
   void tellStarted();
   void reportAll();
+  void ring();
   void startOver(const std::string& why);
 
   bool advance();

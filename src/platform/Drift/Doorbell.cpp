@@ -31,17 +31,14 @@ void wake(const std::byte* data) noexcept {
 
 }  // namespace
 
-void DriftFile::ring() noexcept {
-  moveBell(data_);
-  wake(data_);
-}
-
-void DriftFile::ring(const DriftFile& listener) noexcept {
+void DriftFile::ring(const DriftFile* listener) noexcept {
   moveBell(data_);
   // The bell moves before the look, and the sleeper says so before its last look at the bell: one
   // of the two sees the other.
   __atomic_thread_fence(__ATOMIC_SEQ_CST);
-  if (__atomic_load_n(sleepingOf(listener.data_), __ATOMIC_SEQ_CST) != 0) wake(data_);
+  const bool awake =
+      listener != nullptr && __atomic_load_n(sleepingOf(listener->data_), __ATOMIC_SEQ_CST) == 0;
+  if (!awake) wake(data_);
 }
 
 std::uint32_t DriftFile::doorbell() const noexcept {
@@ -79,28 +76,29 @@ bool sleepOnAll(std::span<const BellSeen> bells, std::chrono::steady_clock::time
   return result >= 0 || (errno != ENOSYS && errno != EINVAL && errno != EPERM);
 }
 
-/// Says in a file of this process that it sleeps, as long as the object lives.
+/// Says in files of this process that it sleeps, as long as the object lives.
 class Sleeping {
  public:
-  explicit Sleeping(DriftFile* own) : own_(own) { say(1); }
+  explicit Sleeping(std::span<const DriftFile* const> own) : own_(own) { say(1); }
   ~Sleeping() { say(0); }
   Sleeping(const Sleeping&) = delete;
   Sleeping& operator=(const Sleeping&) = delete;
 
  private:
   void say(std::uint32_t value) const noexcept {
-    if (own_ == nullptr) return;
-    __atomic_store_n(sleepingOf(own_->data()), value, __ATOMIC_SEQ_CST);
+    for (const DriftFile* file : own_) {
+      __atomic_store_n(sleepingOf(file->data()), value, __ATOMIC_RELEASE);
+    }
     __atomic_thread_fence(__ATOMIC_SEQ_CST);
   }
 
-  DriftFile* own_;
+  std::span<const DriftFile* const> own_;
 };
 
 }  // namespace
 
 bool waitForAnyRing(std::span<const BellSeen> bells, std::chrono::nanoseconds timeout,
-                    DriftFile* own) {
+                    std::span<const DriftFile* const> own) {
   using std::chrono::milliseconds;
   const auto moved = [](const BellSeen& bell) { return bell.file->doorbell() != bell.seen; };
   if (std::ranges::any_of(bells, moved)) return true;
@@ -110,7 +108,7 @@ bool waitForAnyRing(std::span<const BellSeen> bells, std::chrono::nanoseconds ti
   const Sleeping sleeping(own);
   // A ringer that looks at another listener's word, or at that of a file that somebody deleted,
   // makes no call; where a thread can sleep on one bell only, it must look at the others.
-  std::chrono::nanoseconds slice = own != nullptr ? milliseconds(100) : milliseconds(20);
+  std::chrono::nanoseconds slice = !own.empty() ? milliseconds(100) : milliseconds(20);
   bool together = bells.size() > 1;
   while (std::ranges::none_of(bells, moved)) {
     const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(

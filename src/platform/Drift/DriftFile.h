@@ -92,11 +92,10 @@ class QUARNBASTIL_EXPORT DriftFile {
   /// True when the name leads to another file by now: this one was rebuilt or removed.
   bool replaced() const;
 
-  /// Moves the doorbell and wakes who sleeps on it.
-  void ring() noexcept;
-  /// As above for one listener, the writer of `listener`: the system call that wakes is left out
-  /// while it says that it is awake. Who sleeps here and says nothing notices within 20 ms.
-  void ring(const DriftFile& listener) noexcept;
+  /// Moves the doorbell and wakes who sleeps on it. With one listener in mind, the writer of
+  /// `listener`, the system call that wakes is left out while that one says that it is awake;
+  /// others that sleep here notice within 20 ms then.
+  void ring(const DriftFile* listener = nullptr) noexcept;
   std::uint32_t doorbell() const noexcept;
   /// Sleeps until the doorbell differs from `seen` or the time is over; true if it differs.
   bool waitForRing(std::uint32_t seen, std::chrono::nanoseconds timeout) const;
@@ -130,10 +129,11 @@ struct BellSeen {
   std::uint32_t seen;
 };
 
-/// Sleeps until one of the doorbells has moved or the time is over; true if one has moved. A
-/// process that writes a file of its own says there that it sleeps, so that others ring without a
-/// system call while it is awake.
+/// Sleeps until one of the doorbells has moved or the time is over; true if one has moved. Those of
+/// `own`, files that this process writes, say so meanwhile, so that others ring without a system
+/// call while it is awake.
 QUARNBASTIL_EXPORT bool waitForAnyRing(std::span<const BellSeen> bells,
-                                       std::chrono::nanoseconds timeout, DriftFile* own = nullptr);
+                                       std::chrono::nanoseconds timeout,
+                                       std::span<const DriftFile* const> own = {});
 
 }  // namespace Drift

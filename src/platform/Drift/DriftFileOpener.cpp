@@ -275,6 +275,7 @@ class DriftFileOpener {
     CheckedWordWriter generation(file_->data(), Format::Line::writerGeneration);
     generation.adopt();
     generation.set(generation.value() + 1);
+    sleepingIs();
     noteWriter();
     return "";
   }
@@ -285,6 +286,12 @@ class DriftFileOpener {
     if (data == MAP_FAILED) fail(errno, "map");
     file_->data_ = static_cast<std::byte*>(data);
     file_->writable_ = (protection & PROT_WRITE) != 0;
+  }
+
+  /// Until this writer says that it is awake, it is rung for as if it slept.
+  void sleepingIs() {
+    __atomic_store_n(reinterpret_cast<std::uint32_t*>(file_->data() + Format::kSleepingOffset), 1,
+                     __ATOMIC_RELEASE);
   }
 
   void noteWriter() {
@@ -384,6 +391,7 @@ class DriftFileOpener {
       // Best effort: where the kernel cannot, the pages come one by one.
       ::madvise(file_->data(), file_->header_.fileSize, MADV_POPULATE_WRITE);
     }
+    sleepingIs();
     storeWord(file_->words(Format::kReadyOffset), Format::kReady);
   }
 

@@ -92,8 +92,8 @@ constexpr std::size_t lineOffset(Line line) {
 
 /// A 32-bit number that moves with every ring of the bell; processes sleep on it (futex).
 inline constexpr std::size_t kDoorbellOffset = kLinesOffset + kLineCount * kLineSize;
-/// A 32-bit number that is not 0 while the file's writer sleeps at other files' bells, and whoever
-/// rings one of those for it must wake it. Of a file that was made anew the old one keeps a 1.
+/// A 32-bit number that is 0 while the file's writer is awake, so that whoever rings a bell for it
+/// need not wake it. It is 1 until a writer says so, and for good in a file that was made anew.
 inline constexpr std::size_t kSleepingOffset = kDoorbellOffset + kLineSize;
 static_assert(kSleepingOffset + kLineSize <= kHeaderSize);
 

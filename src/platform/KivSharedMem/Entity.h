@@ -22,8 +22,9 @@ class QUARNBASTIL_EXPORT Entity : public Fenrik::Node {
   /// The file, for what maps do not offer: doorbell, generation, replacement.
   const Drift::DriftFile& file() const noexcept { return *file_; }
 
-  /// Wakes the processes that wait for a change of this collection. REQUIRES: mounted for writing.
-  void ring() noexcept { file_->ring(); }
+  /// Wakes the processes that wait for a change of this collection: `Drift::DriftFile::ring`.
+  /// REQUIRES: mounted for writing.
+  void ring(const Drift::DriftFile* listener = nullptr) noexcept { file_->ring(listener); }
 
  protected:
   Entity(Fenrik::String path, std::unique_ptr<Drift::DriftFile> file);
