@@ -23,7 +23,7 @@ class Painter {
     TablePicture table;
     table.kind = &kind;
     noted([&] { paintLog(table); });
-    noted([&] { table.reported = reportedOf(directory_, kind); });
+    noted([&] { table.reported = reportedOf(reportsOf(directory_, kind), kind); });
     noted([&] { table.progress = progressOf(directory_, kind); });
     table.agentAlive = Tables::isWritten(directory_, kind.logPath);
     table.writerAlive = Tables::isWritten(directory_, reportPath(kind));
@@ -87,12 +87,16 @@ std::string reportPath(const TableKind& kind) {
   return Asic::Constants::canonicalGroupTableVersionPath(Fenrik::String(kind.group)).str();
 }
 
-Word reportedOf(const Drift::Directory& directory, const TableKind& kind) {
+Tables::Collection reportsOf(const Drift::Directory& directory, const TableKind& kind) {
   using Layout = Asic::TableVersionDrift::Layout;
-  const Tables::Collection reports(
-      directory, reportPath(kind),
-      {Drift::Format::Layout::hashed, Asic::TableVersionDrift::kEntityName, Layout::kKeySize,
-       Layout::kRecordSize});
+  return {directory,
+          reportPath(kind),
+          {Drift::Format::Layout::hashed, Asic::TableVersionDrift::kEntityName, Layout::kKeySize,
+           Layout::kRecordSize}};
+}
+
+Word reportedOf(const Tables::Collection& reports, const TableKind& kind) {
+  using Layout = Asic::TableVersionDrift::Layout;
   std::array<Word, Layout::kWords> words{};
   const std::array<Word, Layout::kKeyWords> key{kind.id.value()};
   if (!Drift::HashedView(reports.file()).find(key, words)) return 0;

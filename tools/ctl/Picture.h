@@ -47,9 +47,11 @@ struct Picture {
 
 /// Entity path of the reports of a table's group.
 std::string reportPath(const TableKind& kind);
-/// The version that the hardware writer has reported for the table; 0 if none. Throws
-/// `Drift::MountException`, `Fenrik::CorruptionDetectedException`.
-Word reportedOf(const Drift::Directory& directory, const TableKind& kind);
+/// The reports of a table's group. Throws `Drift::MountException`.
+Tables::Collection reportsOf(const Drift::Directory& directory, const TableKind& kind);
+/// The version that the hardware writer has reported there for the table; 0 if none. Throws
+/// `Fenrik::CorruptionDetectedException`.
+Word reportedOf(const Tables::Collection& reports, const TableKind& kind);
 /// The record of the reports that says so.
 std::vector<Word> reportRecord(const TableKind& kind, Word version);
 /// The hardware writer's notes on a table.

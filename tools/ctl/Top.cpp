@@ -58,17 +58,28 @@ class Track {
 
   const TableKind& kind() const noexcept { return *kind_; }
 
-  /// Cheap: two words of two files that stay open.
-  void look(const Drift::Directory& directory) {
-    try {
-      if (log_ == nullptr || log_->file().replaced()) {
-        log_ = std::make_unique<Tables::Collection>(directory, kind_->logPath, kind_->log);
+  /// Opens what is there now.
+  void open(const Drift::Directory& directory) {
+    const auto opened = [](std::optional<Tables::Collection>& collection, auto make) {
+      try {
+        if (!collection || collection->file().replaced()) collection.emplace(make());
+      } catch (const Fenrik::Exception&) {
+        collection.reset();  // the picture tells
       }
+    };
+    opened(log_, [&] { return Tables::Collection(directory, kind_->logPath, kind_->log); });
+    opened(reports_, [&] { return reportsOf(directory, *kind_); });
+  }
+
+  /// Cheap: two words of files that stay open.
+  void look() {
+    if (!log_ || !reports_) return;
+    try {
       announced_ =
           Tables::lineOf(log_->file(), Drift::Format::Line::announced).value_or(announced_);
-      reported_ = reportedOf(directory, *kind_);
-    } catch (const Fenrik::Exception&) {
-      log_ = nullptr;  // the picture tells
+      reported_ = reportedOf(*reports_, *kind_);
+    } catch (const Fenrik::CorruptionDetectedException&) {
+      // The picture tells.
     }
     const auto now = Clock::now();
     if (steps_.empty() || steps_.back().version != announced_) steps_.push_back({now, announced_});
@@ -106,7 +117,8 @@ class Track {
   };
 
   const TableKind* kind_;
-  std::unique_ptr<Tables::Collection> log_;
+  std::optional<Tables::Collection> log_;
+  std::optional<Tables::Collection> reports_;
   Word announced_ = 0;
   Word reported_ = 0;
   std::deque<Step> steps_;
@@ -151,6 +163,14 @@ class Screen {
  public:
   explicit Screen(const Context& context) : context_(context) {}
 
+  /// Takes up what has come or was made anew.
+  void open() {
+    catalogue_.learn(context_.directory, [&](const std::string& text) { problems_.insert(text); });
+    const auto& kinds = Tables::tableKinds();
+    while (tracks_.size() < kinds.size()) tracks_.emplace_back(kinds[tracks_.size()]);
+    for (Track& track : tracks_) track.open(context_.directory);
+  }
+
   int show() {
     Picture picture = pictureOf(context_.directory, false);
     picture.problems.insert(picture.problems.end(), problems_.begin(), problems_.end());
@@ -175,10 +195,7 @@ class Screen {
   }
 
   void look() {
-    catalogue_.learn(context_.directory, [&](const std::string& text) { problems_.insert(text); });
-    const auto& kinds = Tables::tableKinds();
-    while (tracks_.size() < kinds.size()) tracks_.emplace_back(kinds[tracks_.size()]);
-    for (Track& track : tracks_) track.look(context_.directory);
+    for (Track& track : tracks_) track.look();
   }
 
  private:
@@ -196,6 +213,7 @@ class Screen {
 
 int top(const Context& context, const TopRequest& request) {
   Screen screen(context);
+  screen.open();
   screen.look();
   if (request.once) return screen.show();
   const Keyboard keyboard;
@@ -206,6 +224,7 @@ int top(const Context& context, const TopRequest& request) {
     if (Clock::now() >= next) {
       constexpr const char* kClear = "\x1b[H\x1b[2J";
       if (!context.json) Context::text(kClear);
+      screen.open();
       result = screen.show();
       next += kPeriod;
     }

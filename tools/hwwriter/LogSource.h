@@ -22,6 +22,12 @@ class LogSource {
   /// The agent has made one of the files anew: nobody writes these any more.
   bool replaced() const { return log_.file().replaced() || needed_.file().replaced(); }
 
+  /// Nothing may be read for long: the agent may give memory back.
+  void rest() const {
+    view_.rest();
+    neededView_.rest();
+  }
+
   const Drift::DriftFile& log() const noexcept { return log_.file(); }
   /// Tells this log from one that is made anew in its place.
   Word seed() const { return log_.seed(); }

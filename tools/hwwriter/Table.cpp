@@ -26,6 +26,11 @@ bool Table::open(const Drift::Directory& directory, const News& news) {
   return source_ != nullptr;
 }
 
+void Table::rest() const {
+  if (source_ != nullptr) source_->rest();
+  for (const auto& [unit, config] : configs_) config->rest();
+}
+
 void Table::openConfigs(const Drift::Directory& directory, const News& news) {
   for (const Asic::UnitId unit : Tables::configuredUnits(directory, *kind_)) {
     auto& config = configs_[unit];

@@ -18,6 +18,8 @@ class Table {
   const TableKind& kind() const noexcept { return *kind_; }
   /// The log; null while the agent has not made it.
   LogSource* source() const noexcept { return source_.get(); }
+  /// Says that nothing may be read for long.
+  void rest() const;
   /// Opens what is there and not open, or was made anew since; false if there is no log.
   bool open(const Drift::Directory& directory, const News& news);
 

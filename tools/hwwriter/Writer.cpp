@@ -14,6 +14,8 @@ using Drift::MountStage;
 constexpr std::chrono::milliseconds kLookInterval(100);
 /// The same while there is no table, or the agent may be about to make another.
 constexpr std::chrono::milliseconds kEagerLookInterval(5);
+/// Sleep after which the writer says that it reads nothing, so that the agent can give memory back.
+constexpr std::chrono::milliseconds kDoze(10);
 /// How long after a table came another may be expected.
 constexpr std::chrono::seconds kBringUp(1);
 /// Looks for which a foreign lock is tolerated.
@@ -276,8 +278,12 @@ void Writer::sleep() const {
   for (const Table& table : tables_) {
     if (table.source() != nullptr) bells.push_back(table.source()->bell());
   }
-  Drift::waitForAnyRing(bells, lookInterval(),
-                        reports_ ? reports_->files() : std::vector<const Drift::DriftFile*>());
+  const auto own = reports_ ? reports_->files() : std::vector<const Drift::DriftFile*>();
+  const auto interval = lookInterval();
+  const auto doze = std::min(interval, kDoze);
+  if (Drift::waitForAnyRing(bells, doze, own) || doze == interval) return;
+  for (const Table& table : tables_) table.rest();
+  Drift::waitForAnyRing(bells, interval - doze, own);
 }
 
 /// True if there may be more to do at once.

@@ -58,6 +58,9 @@ class Config : public Collection {
   void walk(const std::function<void(const ConfigRow&)>& visit,
             const std::function<void(const std::string&)>& damaged) const;
 
+  /// Nothing may be read for long: the agent may give memory back.
+  void rest() const { view_.rest(); }
+
   /// The sum of the live records' digests.
   std::uint64_t digest() const;
 

@@ -57,6 +57,9 @@ class QUARNBASTIL_EXPORT HashedView {
   /// The position behind a key, known or not.
   WalkPosition positionOf(KeyWords key) const noexcept;
 
+  /// Says that no look-up may follow for long, so that the writer can give memory back.
+  void rest() const noexcept { pass_.drop(); }
+
  private:
   friend class HashedWriter;
 
