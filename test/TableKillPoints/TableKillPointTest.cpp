@@ -11,12 +11,12 @@
 namespace TableKill {
 namespace {
 
-using DriftTest::TempDir;
 using Support::storesLeft;
+using Support::TempDir;
 
 void copyDirectory(const std::string& from, const std::string& to) {
   for (const auto& file : std::filesystem::directory_iterator(from)) {
-    DriftTest::copyFile(file.path(), to + "/" + file.path().filename().string());
+    Drift::Specimens::copyFile(file.path(), to + "/" + file.path().filename().string());
   }
 }
 
@@ -40,9 +40,9 @@ void expectSound(const Picture& picture) {
 }
 
 // A sanitizer makes a fork so dear that only every 17th store is tried.
-constexpr std::size_t kStride = DriftTest::kInstrumented ? 17 : 1;
+constexpr std::size_t kStride = BASTIL_SANITIZED ? 17 : 1;
 /// A takeover is much the same after each death: so many of them together try all of its stores.
-constexpr std::size_t kTakeOverStride = DriftTest::kInstrumented ? 101 : 7;
+constexpr std::size_t kTakeOverStride = BASTIL_SANITIZED ? 101 : 7;
 
 using Body = std::function<void(const std::string& directory, const std::function<void()>& arm)>;
 
@@ -95,7 +95,7 @@ class Deaths {
                          ::_exit(0);
                        }).wait();
     if (status == -SIGKILL) return false;
-    if (status != 0) DriftTest::fault("a process ended with {}", status);
+    if (status != 0) Drift::Specimens::fault("a process ended with {}", status);
     return true;
   }
 
@@ -287,7 +287,7 @@ TEST(TableKillRoundsSoakDeathTest, WhatAKilledAgentLeavesIsTakenOver) {
   }
   std::size_t deaths = 0, unlogged = 0, unannounced = 0, lives = 0;
   const unsigned rounds =
-      (DriftTest::kInstrumented ? 60U : 600U) * static_cast<unsigned>(Support::soakFactor());
+      (BASTIL_SANITIZED ? 60U : 600U) * static_cast<unsigned>(Support::soakFactor());
   for (unsigned round = 0; round < rounds && !testing::Test::HasFailure(); ++round) {
     SCOPED_TRACE(fmt::format("round {}", round));
     TableModel::Model::Start start;
@@ -339,7 +339,7 @@ TEST(TableKillRoundsSoakDeathTest, WhatAKilledAgentLeavesIsTakenOver) {
             << " unannounced; " << lives << " agents lived\n";
   EXPECT_GT(deaths, rounds / 4);
   EXPECT_GT(lives, rounds / 20);
-  if (DriftTest::kInstrumented) return;
+  if (BASTIL_SANITIZED) return;
   EXPECT_GT(unlogged, 0U);
   EXPECT_GT(unannounced, 0U);
 }
