@@ -17,17 +17,6 @@ struct Flagged {
   }
 };
 
-TEST(RecordLayout, WordsOfUnknownOriginGiveFlagsThatAreFlags) {
-  for (const unsigned byte : {0x00U, 0x01U, 0x02U, 0xfeU, 0xffU}) {
-    Drift::Format::Word word = 0;
-    std::memset(&word, static_cast<int>(byte), sizeof word);
-    Flagged back;
-    Drift::RecordLayout<Flagged>::fromWords(&word, back);
-    EXPECT_EQ(reinterpret_cast<const unsigned char*>(&back)[4], byte & 1);
-    EXPECT_EQ(reinterpret_cast<const unsigned char*>(&back)[6], byte & 1);
-  }
-}
-
 struct WithoutKey {
   std::uint32_t value;
 };

@@ -1,52 +1,19 @@
 #include <fcntl.h>
+#include <fmt/ranges.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
 
 #include "OrderedTable/TableDescriptor.h"
 #include "OrderedTable/TableFixture.h"
 #include "Support/Ear.h"
-#include "Support/FamilyFacts.h"
+#include "Support/Golden.h"
+#include "Support/Process.h"
 #include "Support/Running.h"
 
 namespace {
 
-using Support::factsOf;
 using testing::ElementsAre;
-
-/// "642 swTableHelper, 643 ...", the numbers counted from the first one's.
-std::string attributesOf(Kiv::KivType type) {
-  std::string text;
-  for (const Kiv::AttributeFact& row : type.facts()->attributes) {
-    text += fmt::format("{}{} {}", text.empty() ? "" : ", ", row.fieldId.number(), row.name);
-  }
-  return text;
-}
-std::string numbered(unsigned from, std::initializer_list<std::pair<unsigned, const char*>> names) {
-  std::string text;
-  for (const auto& [number, name] : names) {
-    text += fmt::format("{}{} {}", text.empty() ? "" : ", ", from + number, name);
-  }
-  return text;
-}
-
-std::string tablesPage() {
-  std::ifstream file(BASTIL_TABLES_PAGE);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-using Bytes = std::vector<unsigned char>;
-
-template <class T>
-void put(Bytes& bytes, std::size_t at, const T& value) {
-  std::memcpy(bytes.data() + at, &value, sizeof value);
-}
-Bytes bytesOf(std::span<const Drift::Word> words) {
-  Bytes bytes(words.size_bytes());
-  std::memcpy(bytes.data(), words.data(), bytes.size());
-  return bytes;
-}
 
 template <class Family>
 struct Conformance : TableFixture<Family> {
@@ -74,139 +41,74 @@ struct Conformance : TableFixture<Family> {
 };
 TYPED_TEST_SUITE(Conformance, AllFamilies);
 
-TYPED_TEST(Conformance, HasTheNamesAndNumbersThatOthersKnowItBy) {
-  using Family = TypeParam;
-  const auto& facts = factsOf<Family>();
-  const std::string name(facts.name);
-  const Asic::TableDescriptor& is = QuarnBastil::descriptorOf<Family>();
-  EXPECT_THAT(Asic::TableRegistration::all(), testing::Contains(&is));
-  EXPECT_EQ(is.tableId, Asic::SwTableId(facts.tableId));
-  EXPECT_EQ(Family::Interface::groupName(), facts.group);
-  EXPECT_EQ(Family::Interface::tableName(), name.c_str());
-  EXPECT_EQ(Family::Interface::registryKey(), ("QuarnBastil::" + name + "Interface").c_str());
-  EXPECT_EQ(is.collections.configType, facts.model + std::string("ConfigDrift"));
-  EXPECT_EQ(is.collections.logType, facts.model + std::string("EntryLogDrift"));
-  const std::string root = fmt::format("hardware/{}/QuarnBastil::{}/", facts.group, name);
-  EXPECT_EQ(this->config().path().view(), root + "config/3");
-  EXPECT_EQ(this->log().tableEntryLog()->path().view(),
-            root + fmt::format("entryLog/{:08x}", facts.tableId));
-
-  if (name != "Toy") {
-    EXPECT_THAT(tablesPage(), testing::HasSubstr(fmt::format(
-                                  "| `{}` | {} | {} | {}, {} |", is.tableName, is.tableId,
-                                  is.groupName, is.records.key.size, is.records.logEntry.size)));
+/// Module and number of a class, and its attributes with theirs.
+template <class T>
+std::string numbersOf() {
+  const Kiv::KivType type = Kiv::typeOf<T>();
+  std::string text = fmt::format("{} {}:", type.module()->name, type.index());
+  for (const Kiv::AttributeFact& row : type.facts()->attributes) {
+    text += fmt::format(" {} {}", row.fieldId.number(), row.name);
   }
-
-  const auto type = [&]<class T>(const T*, const char* module, unsigned index) {
-    EXPECT_EQ(Kiv::typeOf<T>().module()->name, name + module);
-    EXPECT_EQ(Kiv::typeOf<T>().index(), index);
-    return attributesOf(Kiv::typeOf<T>());
-  };
-  using Table = typename Family::SwTable;
-  EXPECT_EQ(type((typename Family::EntryHandle*)nullptr, "SwTable", 0), "514 key, 515 swTable");
-  EXPECT_EQ(type((typename Family::SwTableEntries_py*)nullptr, "SwTable", 1), "130 tableEntries");
-  const unsigned link = name == "TcamAction" ? 1 : 0;
-  EXPECT_EQ(type((Table*)nullptr, "SwTable", 2),
-            numbered(facts.tableAttribute, {{0, "swTableHelper"},
-                                            {1, "transientAddEntry"},
-                                            {2, "transientRemoveEntry"},
-                                            {3, "transientVersionForKey"},
-                                            {4, "transientRemoveAllVersion"},
-                                            {5, "entryWrite"},
-                                            {7, "entryRemove"},
-                                            {9, "entryRemoveAll"},
-                                            {11, "entryRead"},
-                                            {12, "entry"},
-                                            {13, "entryHas"},
-                                            {14, "entrys"},
-                                            {16, "getTableEntries_py"},
-                                            {17, "entryLog"},
-                                            {18, "groupResolver"},
-                                            {20, "entryHandleInLog"},
-                                            {21, "commitEntry"},
-                                            {22, "updateEntry"},
-                                            {23, "getNeededEntrySet"},
-                                            {24, "isResolverEntryResolved"},
-                                            {25, "setRsrcPtrs"},
-                                            {26, "entryFromConfig"},
-                                            {27, "restoreEntries"},
-                                            {28, "clearTable"},
-                                            {29 + link, "initIterState"},
-                                            {30 + link, "initIterStateFromKey"},
-                                            {31 + link, "handleInitialized"}}));
-  EXPECT_EQ(
-      type((typename Family::IteratorState*)nullptr, "SwTable", 3),
-      numbered(facts.iteratorAttribute, {{0, "maybeUpdateCurrentEntry"}, {1, "bookmarkKey"}}));
-  type((typename Family::EntryWrapper*)nullptr, "InfraTypes", 0);
-  type((typename Family::ResolverEntry*)nullptr, "InfraTypes", 1);
-  type((typename Family::SwTableHelperBase*)nullptr, "SwTableHelperBase", 0);
-  type((typename Family::EntryLog*)nullptr, "EntryLog", 0);
-  type((typename Family::Interface*)nullptr, "Interface", 0);
-  EXPECT_EQ(this->table->typeData(), Kiv::typeOf<Table>());
-
-  constexpr unsigned kKey = 0x20005;
-  EXPECT_EQ(fmt::format("{}", this->key(kKey)), facts.key);
-  const auto handle = this->write(kKey, 1);
-  EXPECT_EQ(handle->keyText().view(), facts.key);
-  EXPECT_EQ(handle->tableId(), is.tableId);
-  EXPECT_EQ(handle->tableName(), fmt::format("OrderedSwTable.{}.{}", facts.group, name).c_str());
-  EXPECT_EQ(this->rig.resolver().head().waiting.key, facts.key);
+  return text;
 }
 
-TYPED_TEST(Conformance, StoresAChangeByteByByteAsTheFormatSays) {
-  const auto& facts = factsOf<TypeParam>();
-  using LogEntry = typename TypeParam::LogEntry;
-  const auto entryBytes = [&](const LogEntry& entry) {
-    Bytes bytes(facts.entrySize);
-    static_assert(sizeof entry >= 8);
-    EXPECT_EQ(sizeof entry, bytes.size());
-    std::memcpy(bytes.data(), &entry, bytes.size());
-    for (const std::size_t at : facts.padding) bytes[at] = 0;
-    return bytes;
-  };
-  const auto logged = [&](Drift::Word version) {
-    std::vector<Drift::Word> words((12 + facts.entrySize + 7) / 8);
-    EXPECT_TRUE(this->log().tableEntryLog()->view().findFrom(version, words));
-    return bytesOf(words);
-  };
-  const auto expectedLog = [&](std::uint64_t version, std::uint8_t flags, const LogEntry& entry) {
-    Bytes bytes((12 + facts.entrySize + 7) / 8 * 8);
-    put(bytes, 0, version);
-    put(bytes, 8, flags);
-    put(bytes, 10, std::uint16_t{3});
-    std::ranges::copy(entryBytes(entry), bytes.begin() + 12);
-    return bytes;
-  };
-  const LogEntry entry = Support::entryOf<TypeParam, LogEntry>(0x20005, 0x01020304);
-  const auto key = this->key(0x20005);
-  const auto configured = [&] {
-    std::vector<Drift::Word> words((facts.isDeleted + 4 + 7) / 8);
-    std::vector<Drift::Word> keyWords((facts.keySize + 7) / 8);
-    Drift::FlatLayout<typename TypeParam::Key>::toWords(key, keyWords.data());
-    EXPECT_TRUE(this->config().view().find(keyWords, words));
-    return bytesOf(words);
-  };
-  const auto expectedConfig = [&](std::uint64_t version, bool isDeleted) {
-    Bytes bytes((facts.isDeleted + 4 + 7) / 8 * 8);
-    std::ranges::copy(entryBytes(entry), bytes.begin());
-    put(bytes, facts.logVersion, version);
-    put(bytes, facts.isDeleted, isDeleted);
-    return bytes;
-  };
-  EXPECT_EQ(sizeof key, facts.keySize);
-
-  this->write(0x20005, 0x01020304);
-  this->agent.pumpAll();
-  EXPECT_EQ(logged(1), expectedLog(1, 0, entry));
-  EXPECT_EQ(configured(), expectedConfig(1, false));
-  this->remove(0x20005);
-  this->agent.pumpAll();
-  EXPECT_EQ(logged(2), expectedLog(2, 1, entry));
-  EXPECT_EQ(configured(), expectedConfig(2, true));
-  this->write(6, 6);
+/// What others know a family by: names, numbers, and each byte of what it stores.
+TYPED_TEST(Conformance, IsWhatOthersKnowItBy) {
+  using Family = TypeParam;
+  const Asic::TableDescriptor& is = QuarnBastil::descriptorOf<Family>();
+  EXPECT_THAT(Asic::TableRegistration::all(), testing::Contains(&is));
+  EXPECT_EQ(this->table->typeData(), Kiv::typeOf<typename Family::SwTable>());
+  const auto handle = this->write(0x20005, 1);
+  EXPECT_EQ(handle->tableId(), is.tableId);
+  EXPECT_EQ(this->rig.resolver().head().waiting.key, handle->keyText());
   this->removeAll();
   this->agent.pumpAll();
-  EXPECT_EQ(logged(4), expectedLog(4, 2, LogEntry(typename TypeParam::Key())));
+  std::vector<std::string> lines{
+      fmt::format("{} {} {}", handle->tableName(), is.tableId, Family::Interface::registryKey()),
+      fmt::format("{} {}", this->config().path(), is.collections.configType),
+      fmt::format("{} {}", this->log().tableEntryLog()->path(), is.collections.logType),
+      fmt::format("key 0x20005: {}", handle->keyText()),
+      numbersOf<typename Family::EntryHandle>(),
+      numbersOf<typename Family::SwTableEntries_py>(),
+      numbersOf<typename Family::SwTable>(),
+      numbersOf<typename Family::IteratorState>(),
+      numbersOf<typename Family::EntryWrapper>(),
+      numbersOf<typename Family::ResolverEntry>(),
+      numbersOf<typename Family::SwTableHelperBase>(),
+      numbersOf<typename Family::EntryLog>(),
+      numbersOf<typename Family::Interface>()};
+  if (!std::is_same_v<Family, ToyFamily>) {
+    const std::string page = Support::textOf(BASTIL_TABLES_PAGE);
+    EXPECT_THAT(page, testing::HasSubstr(fmt::format("| `{}` | {} | {} | {}, {} |", is.tableName,
+                                                     is.tableId, is.groupName, is.records.key.size,
+                                                     is.records.logEntry.size)));
+  }
+
+  const auto dump = [&](const char* what, const auto& collection, auto read) {
+    std::vector<Drift::Word> words((collection.file().header().recordSize + 7) / 8);
+    EXPECT_TRUE(read(collection.view(), words)) << what;
+    const std::span bytes(reinterpret_cast<const unsigned char*>(words.data()), words.size() * 8);
+    for (std::size_t at = 0; at < bytes.size(); at += 32) {
+      const auto line = bytes.subspan(at, std::min<std::size_t>(32, bytes.size() - at));
+      lines.push_back(fmt::format("{} {:3}: {:02x}", what, at, fmt::join(line, " ")));
+    }
+  };
+  const auto dumpLogged = [&](const char* what, Drift::Word version) {
+    dump(what, *this->log().tableEntryLog(),
+         [&](const auto& view, auto& words) { return view.findFrom(version, words); });
+  };
+  const auto entry = Support::fullEntryOf<Family>();
+  std::vector<Drift::Word> key((is.records.key.size + 7) / 8);
+  Drift::FlatLayout<typename Family::Key>::toWords(entry.key, key.data());
+  this->log().entryIs(entry, {}, nullptr, this->kUnit, this->table->stats(), false);
+  dumpLogged("write", 3);
+  this->table->entryRemove(entry.key, nullptr);
+  this->agent.pumpAll();
+  dumpLogged("remove", 4);
+  dump("configured", this->config(),
+       [&](const auto& view, auto& words) { return view.find(key, words); });
+  dumpLogged("remove all", 2);
+  Support::expectGolden(fmt::format("Family.{}.txt", is.tableName), lines);
 }
 
 TYPED_TEST(Conformance, AnEntryLivesFromItsWriteToItsPurgeThroughARestart) {
@@ -298,8 +200,9 @@ TYPED_TEST(Conformance, ItsHooksChangeWhatIsLoggedAndItsChangesAreAnnouncedByNum
   this->table->swTableHelperIs(helper);
   std::vector<int> numbers;
   const Support::Ear ear(*this->table->publisher(), [&](const Fenrik::Change& change) {
-    const int number = static_cast<int>(change.fieldId.number()) -
-                       static_cast<int>(factsOf<Family>().tableAttribute);
+    const int number =
+        change.fieldId.number() -
+        Kiv::typeOf<typename Family::SwTable>().facts()->attributes[0].fieldId.number();
     if (number >= 0) numbers.push_back(number);
   });
   this->write(5, 7);

@@ -4,7 +4,6 @@
 #include <fmt/ranges.h>
 
 #include "OrderedTable/TableModel.h"
-#include "Support/FamilyFacts.h"
 #include "Support/Running.h"
 
 /// The real tables, asked with the words of the model.
@@ -498,8 +497,8 @@ class RealFamily final : public AnyFamily {
 
   void tableChanged(unsigned unit, const Fenrik::Change& change) {
     Event event{.kind = Event::Kind::changed, .table = numberOf(unit)};
-    event.what =
-        static_cast<std::uint8_t>(change.fieldId.number() - Support::factsOf<F>().tableAttribute);
+    const auto& first = Kiv::typeOf<Table>().facts()->attributes[0];
+    event.what = static_cast<std::uint8_t>(change.fieldId.number() - first.fieldId.number());
     const bool keyed = event.what == kAdds || event.what == kRemoves || event.what == kVersions;
     if (keyed) {
       event.key = Numbers::number(*static_cast<const FamilyKey*>(change.key));
