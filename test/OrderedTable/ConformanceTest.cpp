@@ -16,29 +16,7 @@ namespace {
 using testing::ElementsAre;
 
 template <class Family>
-struct Conformance : TableFixture<Family> {
-  /// What is in flight on key 5 and what is configured under it, versions from `base` on: written
-  /// value, version of a remove, version of the key and of a remove-all, value@version, "-" behind
-  /// it if that is in deletion.
-  std::string view(unsigned unit, std::uint64_t base) {
-    const auto& table = *this->table;
-    const auto key = this->key(5);
-    const auto number = [](const auto& version) {
-      return version.valid() ? fmt::format("{}", version.value()) : "-";
-    };
-    const auto add = table.transientAddEntry(key);
-    const auto remove = table.transientRemoveEntry(key);
-    bool found = false;
-    const auto& record = this->config(unit).map()->driftMapFind(key, found);
-    return fmt::format(
-        "{} {} {} {} {}@{}{}",
-        add == nullptr ? "-" : fmt::format("{}", this->valueOf(add->entry())),
-        remove == nullptr ? "-" : number(remove->entryHandle()->version().majorVersion()),
-        number(table.transientVersionForKey(key).majorVersion()),
-        number(table.transientRemoveAllVersion()), this->valueOf(record.logEntry),
-        record.logVersion.value() - base, record.isDeleted ? "-" : "");
-  }
-};
+using Conformance = TableFixture<Family>;
 TYPED_TEST_SUITE(Conformance, AllFamilies);
 
 /// Module and number of a class, and its attributes with theirs.
@@ -65,8 +43,10 @@ TYPED_TEST(Conformance, IsWhatOthersKnowItBy) {
   this->agent.pumpAll();
   std::vector<std::string> lines{
       fmt::format("{} {} {}", handle->tableName(), is.tableId, Family::Interface::registryKey()),
-      fmt::format("{} {}", this->config().path(), is.collections.configType),
-      fmt::format("{} {}", this->log().tableEntryLog()->path(), is.collections.logType),
+      fmt::format("{} {} of {}", this->config().path(), is.collections.configType,
+                  this->config().file().header().capacity),
+      fmt::format("{} {} of {}", this->log().tableEntryLog()->path(), is.collections.logType,
+                  this->log().tableEntryLog()->file().header().capacity),
       fmt::format("key 0x20005: {}", handle->keyText()),
       numbersOf<typename Family::EntryHandle>(),
       numbersOf<typename Family::SwTableEntries_py>(),
@@ -168,21 +148,6 @@ TYPED_TEST(Conformance, AnEntryLivesFromItsWriteToItsPurgeThroughARestart) {
   EXPECT_EQ(seen(), "\n  issued 5 announced 5 reported 5\n    configured:\n    logged:");
 }
 
-TYPED_TEST(Conformance, ARecordTooManyIsRejectedAndAnotherValueIsNot) {
-  for (unsigned n = 0; n < 65'536; ++n) {
-    this->log().entryIs(Support::entryOf<TypeParam, typename TypeParam::LogEntry>(n, 1), {},
-                        nullptr, this->kUnit, this->table->stats(), false);
-  }
-  const auto rejected = this->write(65'536, 2);
-  const auto replaced = this->write(65'535, 2);
-  this->agent.pumpAll();
-  EXPECT_EQ(rejected->entryState(), Asic::EntryState::entryRejected);
-  EXPECT_EQ(replaced->entryState(), Asic::EntryState::entryInLog);
-  EXPECT_FALSE(this->table->entryHas(this->key(65'536)));
-  EXPECT_EQ(this->table->entryRead(this->key(65'535)), this->entry(65'535, 2));
-  EXPECT_THAT(this->calls, ElementsAre("W65536 entryRejected"));
-}
-
 TYPED_TEST(Conformance, ItsHooksChangeWhatIsLoggedAndItsChangesAreAnnouncedByNumber) {
   using Family = TypeParam;
   struct Helper final : Fenrik::NodeClass<Helper, typename Family::SwTableHelperBase> {
@@ -240,51 +205,6 @@ TEST(TcamActionTable, KeepsTheKeysOfItsResourceInTheConfigurationAlone) {
   EXPECT_EQ(again(false), 2U);
   EXPECT_EQ(again(false), 2U);
   EXPECT_NE(table.table->entryRead(entry.key), entry);
-}
-
-TYPED_TEST(Conformance, OperationsOnOneKeyOvertakeEachOtherInTheViewAndNeverInTheLog) {
-  struct Row {
-    const char* operations;
-    const char* stages[3];
-  };
-  const Row rows[] = {
-      {"WW", {"2 - 1 - 9@1", "2 - 1 - 1@2", "- - - - 2@3"}},
-      {"WR", {"- 1 1 - 9@1", "- 1 1 - 1@2", "- - - - 1@3-"}},
-      {"RW", {"2 - 1 - 9@1", "2 - 1 - 9@2-", "- - - - 2@3"}},
-      {"RR", {"- 1 1 - 9@1", "- 1 1 - 9@2-", "- - - - 9@3-"}},
-      {"WA", {"- - 0 0 9@1", "- - 0 0 1@2", "- - 0 - 1@3-"}},
-      {"RA", {"- - 0 0 9@1", "- - 0 0 9@2-", "- - 0 - 9@2-"}},
-      {"AW", {"2 - 0 0 9@1", "2 - 0 - 9@2-", "- - - - 2@3"}},
-      {"AR", {"- 0 0 0 9@1", "- 0 0 - 9@2-", "- - - - 9@3-"}},
-      {"AA", {"- - - 1 9@1", "- - - 0 9@2-", "- - - - 9@2-"}},
-  };
-  unsigned unit = 10;
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.operations);
-    this->table = this->rig.table(++unit);
-    const auto base = this->log().tableVersion().value();
-    this->write(5, 9);
-    this->agent.pumpAll();
-    for (unsigned i = 0; i < 2; ++i) {
-      if (row.operations[i] == 'W') this->write(5, i + 1);
-      if (row.operations[i] == 'R') this->remove(5);
-      if (row.operations[i] == 'A') this->removeAll();
-    }
-    EXPECT_EQ(this->view(unit, base), row.stages[0]);
-    EXPECT_EQ(this->pumpOne(), 1u);
-    EXPECT_EQ(this->view(unit, base), row.stages[1]);
-    EXPECT_EQ(this->pumpOne(), 1u);
-    EXPECT_EQ(this->view(unit, base), row.stages[2]);
-    EXPECT_EQ(this->log().tableVersion().value(), base + 3);
-    EXPECT_NEAR(this->stats().lastCommitTime(), static_cast<double>(time(nullptr)), 5.0);
-    if (!this->table->transientVersionForKeyHas(this->key(5))) continue;
-    // A version that stayed behind has no effect but a higher count, and goes with the next commit.
-    EXPECT_FALSE(this->table->hasPendingHwWrites() &&
-                 this->log().tableVersion() == this->log().tableStatusVersion());
-    EXPECT_EQ(this->write(5, 3)->version().majorVersion(), Asic::MajorVersion(1));
-    this->agent.pumpAll();
-    EXPECT_EQ(this->table->transientVersionForKeyCount(), 0u);
-  }
 }
 
 TYPED_TEST(Conformance, AKeyAtTheLimitsOfItsTypeIsAKeyLikeAnyOther) {
