@@ -175,6 +175,7 @@ TYPED_TEST(Conformance, ItsHooksChangeWhatIsLoggedAndItsChangesAreAnnouncedByNum
   this->agent.pumpAll();
   EXPECT_THAT(std::exchange(numbers, {}), testing::IsSupersetOf({1, 3, 20}));
   EXPECT_EQ(this->table->entryRead(this->key(5)), this->entry(5, 8));
+  EXPECT_NEAR(this->stats().lastCommitTime(), static_cast<double>(time(nullptr)), 5.0);
   this->remove(5);
   EXPECT_THAT(std::exchange(numbers, {}), testing::IsSupersetOf({2, 3}));
   this->removeAll();

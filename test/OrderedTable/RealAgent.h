@@ -136,8 +136,6 @@ class RealAgent : public Agent {
   unsigned units() const { return plan_.shape.units; }
 
   std::vector<std::unique_ptr<AnyFamily>> families;
-  /// As the real map had it at each step of an iteration.
-  std::deque<std::vector<Key>> addOrders;
 
  private:
   Asic::GroupInterface& groupOf(unsigned group) const {
@@ -238,9 +236,9 @@ class RealFamily final : public AnyFamily {
       case Kind::count:
         return agent_.answer(act, 0, table.entrys());
       case Kind::iterBegin:
-        return iterBegin(table, act);
+        return iterBegin(unit, act);
       case Kind::iterStep:
-        return iterStep(act);
+        return iterStep(unit, act);
       case Kind::snapshot:
         return snapshot(table, act);
       case Kind::helper:
@@ -345,6 +343,12 @@ class RealFamily final : public AnyFamily {
     Watch stats;
   };
 
+  struct Walk {
+    Fenrik::Ptr<typename F::IteratorState> state;
+    std::map<Key, Version> throughout;
+    std::map<Key, unsigned> met;
+  };
+
   /// Does what a plan says, and shows what a reader sees from within the commit.
   class Helper final : public Fenrik::NodeClass<Helper, typename F::SwTableHelperBase> {
    public:
@@ -447,28 +451,56 @@ class RealFamily final : public AnyFamily {
     agent_.answer(act, act.key, version.value());
   }
 
-  void iterBegin(const Table& table, const Act& act) {
-    auto& state = iterations_[act.slot];
-    state = act.flag ? table.initIterStateFromKey(Numbers::key(act.key)) : table.initIterState();
-    agent_.answer(act, Numbers::number(state->bookmarkKey()), state->state().value());
+  void iterBegin(unsigned unit, const Act& act) {
+    const Table& table = *tables_[unit];
+    Walk& walk = walks_[act.slot] = Walk();
+    walk.state =
+        act.flag ? table.initIterStateFromKey(Numbers::key(act.key)) : table.initIterState();
+    if (!act.flag) walk.throughout = atRest(unit);
   }
 
-  void iterStep(const Act& act) {
-    const auto found = iterations_.find(act.slot);
-    if (found == iterations_.end()) return;
-    auto& state = *found->second;
-    if (state.state().inAddColl()) agent_.addOrders.push_back(addOrder(*state.swTable()));
-    const Entry entry = state.maybeUpdateCurrentEntry();
-    agent_.answer(act, Numbers::number(state.bookmarkKey()), state.state().value());
-    agent_.answer(act, numbers(entry));
-  }
-
-  static std::vector<Key> addOrder(const Table& table) {
-    std::vector<Key> order;
-    for (auto it = table.transientAddEntryIterator(); it; ++it) {
-      order.push_back(Numbers::number(it.key()));
+  /// What a walk gives is what a read gives, and of what is there from its begin to its end, with
+  /// nothing in flight, it gives each entry once.
+  void iterStep(unsigned unit, const Act& act) {
+    const auto found = walks_.find(act.slot);
+    if (found == walks_.end()) return;
+    Walk& walk = found->second;
+    const auto& state = *walk.state;
+    const bool lost = state.state().inAddColl() && state.state().hasBookmark() &&
+                      !tables_[unit]->transientAddEntryHas(state.bookmarkKey());
+    // Its write was committed: the walk goes on among what is configured from that key on.
+    if (lost) walk.throughout.clear();
+    const Entry entry = walk.state->maybeUpdateCurrentEntry();
+    const auto rest = atRest(unit);
+    std::erase_if(walk.throughout, [&](const auto& member) {
+      const auto now = rest.find(member.first);
+      return now == rest.end() || *now != member;
+    });
+    if (state.state().hasCurrent()) {
+      ++walk.met[Numbers::number(entry.key)];
+      if (entry == tables_[unit]->entryRead(entry.key)) return;
+      throw std::logic_error("a walk gives another entry than a read");
     }
-    return order;
+    for (const auto& member : walk.throughout) {
+      if (walk.met[member.first] != 1) throw std::logic_error("a walk gives an entry not once");
+    }
+    walks_.erase(found);
+  }
+
+  /// What is configured and no operation in flight is about, with its versions.
+  std::map<Key, Version> atRest(unsigned unit) const {
+    const Table& table = *tables_[unit];
+    std::map<Key, Version> all;
+    if (table.transientRemoveAllVersion().valid()) return all;
+    const auto keyOf = [](const auto& record) { return record.logEntry.key; };
+    Support::eachRecord(*log().tableConfigDrift(unitId(unit))->map(), keyOf,
+                        [&](const auto& record) {
+                          const FamilyKey& key = record.logEntry.key;
+                          if (record.isDeleted || table.transientAddEntryHas(key)) return;
+                          if (table.transientRemoveEntryHas(key)) return;
+                          all[Numbers::number(key)] = record.logVersion.value();
+                        });
+    return all;
   }
 
   void snapshot(const Table& table, const Act& act) const {
@@ -617,7 +649,7 @@ class RealFamily final : public AnyFamily {
   std::vector<Fenrik::Ptr<Table>> tables_;
   std::vector<TableWatches> watches_;
   Watch statusWatch_;
-  std::map<unsigned, Fenrik::Ptr<typename F::IteratorState>> iterations_;
+  std::map<unsigned, Walk> walks_;
   mutable std::unique_ptr<Support::MemoryReader<F>> reader_;
 };
 

@@ -213,21 +213,6 @@ struct Table {
   bool watched = false;
 };
 
-struct Iteration {
-  unsigned table = 0;
-  bool hasCurrent = false;
-  bool inAdds = false;
-  bool inConfig = false;
-  bool removeAllPending = false;
-  bool hasBookmark = false;
-  Key bookmark = 0;
-
-  Version flags() const {
-    return Version{hasCurrent} | Version{inAdds} << 1 | Version{inConfig} << 2 |
-           Version{removeAllPending} << 3 | Version{hasBookmark} << 4;
-  }
-};
-
 inline bool failed(State state) {
   return state == State::rejected || state == State::dependencyFailed ||
          state == State::resourceFailed;
@@ -313,9 +298,8 @@ class Model final : public Agent {
       case Kind::count:
         return answer(act, 0, entrys(act.table));
       case Kind::iterBegin:
-        return iterBegin(act);
       case Kind::iterStep:
-        return iterStep(act);
+        return;  // Its order is that of a hash map: the real walk is held against the real table.
       case Kind::snapshot:
         for (const auto& entry : contents(act.table)) answer(act, entry);
         return;
@@ -334,7 +318,6 @@ class Model final : public Agent {
     groups_.assign(1 + *std::max_element(shape_.groupOfFamily.begin(), shape_.groupOfFamily.end()),
                    {});
     operations_.clear();
-    iterations_.clear();
     for (Family& family : families_) {
       family.mounted.assign(shape_.units, false);
       family.takeOver(everythingBut(family));
@@ -456,10 +439,6 @@ class Model final : public Agent {
     return all;
   }
 
-  /// The order of a table's writes in flight at each coming step of an iteration through them: that
-  /// of a hash map, so nobody's to foretell.
-  std::deque<std::vector<Key>> addOrders;
-
   /// Operations whose handle changed since the list was last emptied.
   std::vector<OpPtr> touched;
 
@@ -478,7 +457,6 @@ class Model final : public Agent {
     kDeleteOvertaken,
     kPurged,
     kReportFound,
-    kBookmarkLost,
     kUpdated,
     kUpdateRefused,
     kUpdateUnchanged,
@@ -913,109 +891,6 @@ class Model final : public Agent {
     for (std::size_t i = begin; i < events.size(); ++i) events[i].anyOrder = anyOrder;
   }
 
-  // Iteration.
-  void iterBegin(const Act& act) {
-    const Table& table = tables_[act.table];
-    Iteration it;
-    it.table = act.table;
-    it.removeAllPending = table.removeAll.has_value();
-    if (!act.flag) {
-      it.inAdds = true;
-    } else {
-      it.hasBookmark = true;
-      it.bookmark = act.key;
-      if (table.adds.count(act.key) != 0) {
-        it.inAdds = true;
-      } else {
-        it.inConfig = !it.removeAllPending && configHas(act.table, act.key);
-      }
-    }
-    iterations_[act.slot] = it;
-    answer(act, it.bookmark, it.flags());
-  }
-
-  void iterStep(const Act& act) {
-    const auto found = iterations_.find(act.slot);
-    if (found == iterations_.end()) return;
-    Iteration& it = found->second;
-    std::optional<std::pair<Key, Value>> result;
-    if (it.inAdds) result = stepAdds(it);
-    if (!result && it.inConfig) result = stepConfig(it);
-    if (!result) it.hasCurrent = it.inAdds = it.inConfig = false;
-    answer(act, it.bookmark, it.flags());
-    answer(act, result.value_or(std::pair<Key, Value>{0, 0}));
-  }
-
-  std::optional<std::pair<Key, Value>> stepAdds(Iteration& it) {
-    const Table& table = tables_[it.table];
-    if (addOrders.empty()) throw std::logic_error("no order of the writes in flight was seen");
-    const std::vector<Key> order = addOrders.front();
-    addOrders.pop_front();
-    std::vector<Key> sorted = order;
-    std::sort(sorted.begin(), sorted.end());
-    if (!std::equal(sorted.begin(), sorted.end(), table.adds.begin(), table.adds.end(),
-                    [](Key key, const auto& add) { return key == add.first; })) {
-      throw std::logic_error("the order of the writes in flight is not one of them all");
-    }
-    auto at = order.begin();
-    if (it.hasBookmark) at = std::find(order.begin(), order.end(), it.bookmark);
-    if (at == order.end()) {
-      if (it.hasBookmark) ++roads[kBookmarkLost];
-      leaveAdds(it);
-      return std::nullopt;
-    }
-    it.hasCurrent = true;
-    const std::pair<Key, Value> result(*at, table.adds.at(*at)->value);
-    it.hasBookmark = ++at != order.end();
-    if (it.hasBookmark) {
-      it.bookmark = *at;
-    } else {
-      leaveAdds(it);
-    }
-    return result;
-  }
-
-  std::optional<std::pair<Key, Value>> stepConfig(Iteration& it) {
-    const Table& table = tables_[it.table];
-    const auto& config = configFor(table);
-    std::optional<Key> candidate;
-    if (!it.hasBookmark) {
-      candidate = configAfter(table, std::nullopt);
-    } else if (config.count(it.bookmark) != 0) {
-      candidate = it.bookmark;
-    } else {
-      candidate = configAfter(table, it.bookmark);
-    }
-    while (candidate && (table.removes.count(*candidate) != 0 ||
-                         table.adds.count(*candidate) != 0 || config.at(*candidate).isDeleted)) {
-      candidate = configAfter(table, *candidate);
-    }
-    if (!candidate) return std::nullopt;
-    it.hasCurrent = true;
-    const std::optional<Key> next = configAfter(table, *candidate);
-    it.hasBookmark = next.has_value();
-    it.inConfig = next.has_value();
-    if (next) it.bookmark = *next;
-    return std::pair<Key, Value>(*candidate, config.at(*candidate).value);
-  }
-
-  /// The key that a walk comes to behind that one, or first.
-  std::optional<Key> configAfter(const Table& table, std::optional<Key> key) const {
-    const auto& placeOf = familyOf(number(table)).places[table.unit];
-    std::optional<Key> next;
-    for (const auto& member : configFor(table)) {
-      const unsigned candidate = placeOf.at(member.first);
-      if (key && candidate <= placeOf.at(*key)) continue;
-      if (!next || candidate < placeOf[*next]) next = member.first;
-    }
-    return next;
-  }
-
-  static void leaveAdds(Iteration& it) {
-    it.inAdds = false;
-    if (!it.removeAllPending) it.inConfig = true;
-  }
-
   unsigned number(const Table& table) const {
     return static_cast<unsigned>(&table - tables_.data());
   }
@@ -1026,7 +901,6 @@ class Model final : public Agent {
   std::vector<Group> groups_;
   std::map<OpId, OpPtr> operations_;
   std::vector<OpPtr> foreigns_;
-  std::map<unsigned, Iteration> iterations_;
   OpId nextOp_ = 0;
   /// Whatever can alter what the head of a queue answers.
   Version changes_ = 0;
