@@ -5,13 +5,14 @@
 #include "Policy/TableModel.h"
 #include "Support/Soak.h"
 #include "Support/TempDir.h"
-#include "Tools/Churn.h"
 #include "asic/Chip.h"
+#include "policy/Rows.h"
 
 namespace ToolsTest {
 namespace {
 
 using Asic::UnitId;
+using Random = std::independent_bits_engine<std::mt19937, 32, std::uint32_t>;
 using Words = std::vector<Tables::Word>;
 
 const Tables::TableKind& kRules = *Tables::kindOf("TcamEntry");
