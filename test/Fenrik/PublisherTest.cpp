@@ -72,21 +72,6 @@ TEST(Attribute, ThePointerThatGivesWayLivesUntilItsReplacementWasAnnounced) {
   EXPECT_EQ(ended, "ended");
 }
 
-TEST(Attribute, TheModuleListsClassesAndAttributesInOrder) {
-  const Kiv::KivType type = ptrIsImpl<Lamp>(1)->typeData();
-  ASSERT_TRUE(type.valid());
-  EXPECT_EQ(type.module()->name, "LampTest");
-  EXPECT_EQ(type.index(), 0);
-  EXPECT_EQ(ptrIsImpl<Watcher>(nullptr)->typeData().index(), 1);
-  std::string rows;
-  for (const Kiv::AttributeFact& row : type.facts()->attributes) {
-    rows += fmt::format("{} {} {};", row.fieldId.number(), row.name, static_cast<int>(row.kind));
-  }
-  EXPECT_EQ(rows, "130 brightness 0;131 next 1;134 switchCnt 0;137 blink 4;");
-  EXPECT_EQ(type.attribute("switchCnt")->fieldId, FieldId(134));
-  EXPECT_EQ(type.attribute(FieldId(132)), nullptr);
-}
-
 /// A subscriber and the changes that it has been told of, which are numbered in their order.
 struct Listener : Ear {
   void toggle(const Publisher& publisher, int present, bool atFront) {
@@ -149,17 +134,6 @@ TEST(Publisher, AListenerMayEndTheObjectThatItHears) {
   publisher->publishChange(FieldId(1), nullptr);
   EXPECT_EQ(told, (std::vector<std::string>{"first", "second", "first", "second"}));
   EXPECT_FALSE(second.subscribed());
-}
-
-TEST(String, GrowsOnBothSidesEvenByItselfAndFormats) {
-  Fenrik::String text("table");
-  text.addLeft("/");
-  text.addRight(text.view());
-  EXPECT_EQ(text, "/table/table");
-  text.addLeft(text.view().substr(6));
-  EXPECT_EQ(text, "/table/table/table");
-  EXPECT_EQ("a" + Fenrik::String("b") + "c" + Fenrik::String("d"), "abcd");
-  EXPECT_EQ(Fenrik::formatString("{:>6}|{}", Fenrik::String("ab"), 3), "    ab|3");
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include <regex>
 
+#include "Blipline/RingReader.h"
+#include "Blipline/TraceHandle.h"
 #include "OrderedTable/TableFixture.h"
 #include "Support/Golden.h"
 #include "Support/Running.h"
@@ -166,10 +168,12 @@ TEST_F(TraceScript, ATableIsMade) {
   EXPECT_NE(made->swTableHelper(), nullptr);
 }
 
-/// What the interface traces while it brings its family up.
+/// What the interface traces while it brings its family up, and what it leaves in the ring.
 TEST(InterfaceTrace, OfAFirstStartARestartAndAUnitThatIsNotThereAnyMore) {
-  const Support::TempDir dir;
+  const Support::TempDir dir, ring;
   Script script;
+  Blipline::TraceHandle handle({ring.path(), "t", Blipline::kRingBytesMin, false});
+  Blipline::defaultBliplineHandle = &handle;
   {
     Support::Running agent(dir.path());
     const auto interface = agent.interface<TcamEntryFamily>();
@@ -200,6 +204,16 @@ TEST(InterfaceTrace, OfAFirstStartARestartAndAUnitThatIsNotThereAnyMore) {
                          Fenrik::ptrIsImpl<QuarnBastil::TcamEntrySwTableHelperBase>(), true);
   script.traced("a table that exists is made with another helper, cleared");
   EXPECT_EQ(interface->entryLog()->tableVersion().value(), 7U);
+  agent.table<TcamEntryFamily>(7, true);
+  script.traced("a table of a new unit is cleared");
+  Blipline::defaultBliplineHandle = nullptr;
+  const Blipline::RingFile file(ring.path() + "/t-0.blip");
+  script.lines.push_back("# the ring");
+  for (const auto& record : file.records()) {
+    const auto& site = file.descriptions().at(record.msgId);
+    script.lines.push_back(site.letters + " " + site.className + " " + site.function +
+                           file.text(record));
+  }
 }
 
 }  // namespace
