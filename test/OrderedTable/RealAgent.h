@@ -4,6 +4,7 @@
 #include <fmt/ranges.h>
 
 #include "OrderedTable/TableModel.h"
+#include "Support/Ear.h"
 #include "Support/Running.h"
 
 /// The real tables, asked with the words of the model.
@@ -177,10 +178,11 @@ class RealFamily final : public AnyFamily {
         number_(number),
         interface_(agent.running().interface<F>()),
         tables_(agent.units()),
-        watches_(agent.units()) {
-    statusWatch_.attach(*this, 0, interface_->swTableStatus()->publisher(),
-                        &RealFamily::statusChanged);
-  }
+        statusEar_(*interface_->swTableStatus()->publisher(), [this](const Fenrik::Change& change) {
+          agent_.see({.kind = Event::Kind::flagged,
+                      .table = number_,
+                      .number = *static_cast<const bool*>(change.value)});
+        }) {}
 
   Asic::GroupInterface& group() const override { return agent_.running().template group<F>(); }
 
@@ -198,8 +200,6 @@ class RealFamily final : public AnyFamily {
 
   void mountTable(unsigned unit, bool reset) override {
     tables_[unit] = interface_->makeSwTable(unitId(unit), nullptr, reset);
-    watches_[unit].stats.attach(*this, unit, tables_[unit]->stats()->publisher(),
-                                &RealFamily::statsChanged);
     reader_ = nullptr;  // there is more to be seen
   }
 
@@ -229,22 +229,12 @@ class RealFamily final : public AnyFamily {
         return agent_.answer(act, act.key, table.entryHas(key));
       case Kind::read:
         return agent_.answer(act, numbers(table.entryRead(key)));
-      case Kind::entry:
-        return agent_.answer(act, numbers(table.entry(key)));
-      case Kind::config:
-        return agent_.answer(act, numbers(table.entryFromConfig(key)));
-      case Kind::count:
-        return agent_.answer(act, 0, table.entrys());
       case Kind::iterBegin:
         return iterBegin(unit, act);
       case Kind::iterStep:
         return iterStep(unit, act);
-      case Kind::snapshot:
-        return snapshot(table, act);
       case Kind::helper:
         return helper(table, act);
-      case Kind::watch:
-        return watch(unit, act.flag);
       case Kind::pump:
       case Kind::hear:
       case Kind::settle:
@@ -313,36 +303,14 @@ class RealFamily final : public AnyFamily {
         walked.insert(numbers(*it));
       }
       differ("what a walk shows", model.contents(number), walked);
+      walked.clear();
+      const auto all = table.getTableEntries_py();
+      for (auto it = all->tableEntriesIterator(); it; ++it) walked.insert(numbers(it->value()));
+      differ("a copy of the entries", model.contents(number), walked);
     });
   }
 
  private:
-  /// Hears of the changes of one object.
-  struct Watch : Fenrik::Subscriber {
-    using Heard = void (RealFamily::*)(unsigned unit, const Fenrik::Change&);
-
-    void attach(RealFamily& toFamily, unsigned ofUnit, const Fenrik::Publisher* publisher,
-                Heard whatHeard) {
-      family = &toFamily;
-      unit = ofUnit;
-      heard = whatHeard;
-      dispatchIs([](const Fenrik::Publisher&, Fenrik::Subscriber& subscriber,
-                    const Fenrik::Change& change) noexcept {
-        auto& self = static_cast<Watch&>(subscriber);
-        (self.family->*self.heard)(self.unit, change);
-      });
-      publisher->subscriberAdd(*this, false);
-    }
-
-    RealFamily* family = nullptr;
-    unsigned unit = 0;
-    Heard heard = nullptr;
-  };
-  struct TableWatches {
-    Watch table;
-    Watch stats;
-  };
-
   struct Walk {
     Fenrik::Ptr<typename F::IteratorState> state;
     std::map<Key, Version> throughout;
@@ -503,72 +471,12 @@ class RealFamily final : public AnyFamily {
     return all;
   }
 
-  void snapshot(const Table& table, const Act& act) const {
-    const auto all = table.getTableEntries_py();
-    std::map<Key, Entry> sorted;
-    for (auto it = all->tableEntriesIterator(); it; ++it) {
-      sorted.emplace(Numbers::number(it.key()), it->value());
-    }
-    for (const auto& member : sorted) agent_.answer(act, numbers(member.second));
-  }
-
   void helper(Table& table, const Act& act) {
     if (act.flag) return table.swTableHelperIs(table.swTableHelper());
     table.swTableHelperIs(act.plan.plain
                               ? Fenrik::ptrIsImpl<typename F::SwTableHelperBase>()
                               : Fenrik::Ptr<typename F::SwTableHelperBase>(
                                     Fenrik::ptrIsImpl<Helper>(this, act.table, act.plan)));
-  }
-
-  void watch(unsigned unit, bool on) {
-    Watch& watch = watches_[unit].table;
-    if (watch.subscribed() == on) return;
-    if (!on) return watch.unsubscribe();
-    watch.attach(*this, unit, tables_[unit]->publisher(), &RealFamily::tableChanged);
-  }
-
-  void tableChanged(unsigned unit, const Fenrik::Change& change) {
-    Event event{.kind = Event::Kind::changed, .table = numberOf(unit)};
-    const auto& first = Kiv::typeOf<Table>().facts()->attributes[0];
-    event.what = static_cast<std::uint8_t>(change.fieldId.number() - first.fieldId.number());
-    const bool keyed = event.what == kAdds || event.what == kRemoves || event.what == kVersions;
-    if (keyed) {
-      event.key = Numbers::number(*static_cast<const FamilyKey*>(change.key));
-      event.gone = change.value == nullptr;
-    }
-    if (event.what == kHandles) event.key = *static_cast<const std::uint32_t*>(change.value);
-    if (event.what == kRemoveAll) {
-      event.value = static_cast<const Asic::MajorVersion*>(change.value)->value();
-    }
-    if (keyed && !event.gone) event.value = valueOf(event.what, change.value);
-    agent_.see(event);
-  }
-
-  static Version valueOf(unsigned what, const void* node) {
-    if (what == kVersions) {
-      using Node = typename Table::HN_TransientVersionForKey;
-      return static_cast<const Node*>(node)->value().majorVersion().value();
-    }
-    using Add = typename Table::HN_TransientAddEntry;
-    using Remove = typename Table::HN_TransientRemoveEntry;
-    const auto& wrapper = what == kAdds ? static_cast<const Add*>(node)->value()
-                                        : static_cast<const Remove*>(node)->value();
-    return numbers(wrapper->entry()).second;
-  }
-
-  void statsChanged(unsigned unit, const Fenrik::Change& change) {
-    const unsigned counter = change.fieldId.number() - 130U;
-    if (counter >= kCounters) return;  // the time of the last commit
-    agent_.see({.kind = Event::Kind::counted,
-                .what = static_cast<std::uint8_t>(counter),
-                .table = numberOf(unit),
-                .number = *static_cast<const unsigned long long*>(change.value)});
-  }
-
-  void statusChanged(unsigned, const Fenrik::Change& change) {
-    agent_.see({.kind = Event::Kind::flagged,
-                .table = number_,
-                .number = *static_cast<const bool*>(change.value)});
   }
 
   /// Calls `compare` with each table that there is, its number and the model's table.
@@ -639,16 +547,13 @@ class RealFamily final : public AnyFamily {
       handles.push_back(it.value()->logVersion().value());
     }
     differ("entryHandleInLog", expectedHandles, handles);
-    differ("newest index of entryHandleInLog", !handles.empty(),
-           table.entryHandleInLogHas(expected.nextIndex - 1));
   }
 
   RealAgent& agent_;
   unsigned number_;
   Fenrik::Ptr<typename F::Interface> interface_;
   std::vector<Fenrik::Ptr<Table>> tables_;
-  std::vector<TableWatches> watches_;
-  Watch statusWatch_;
+  Support::Ear statusEar_;
   std::map<unsigned, Walk> walks_;
   mutable std::unique_ptr<Support::MemoryReader<F>> reader_;
 };

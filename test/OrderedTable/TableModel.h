@@ -60,15 +60,10 @@ struct Act {
     hear,       ///< what the hardware says in shared memory, all tables; flag: `number` first
     has,
     read,
-    entry,
-    config,
-    count,
     iterBegin,  ///< slot, of this table alone; flag: from the key
     iterStep,   ///< slot
-    snapshot,
-    settle,  ///< dependency: a handle gets the state `value` and, if foreign, a log version
-    helper,  ///< plan; flag: the one that is there once more
-    watch,   ///< flag: the table's changes are listened to or not
+    settle,     ///< dependency: a handle gets the state `value` and, if foreign, a log version
+    helper,     ///< plan; flag: the one that is there once more
   };
 
   Kind kind = Kind::pump;
@@ -95,10 +90,10 @@ struct Act {
 
 /// Something that was seen to happen.
 struct Event {
-  enum class Kind : std::uint8_t { changed, counted, flagged, hooked, handled, answered, threw };
+  enum class Kind : std::uint8_t { flagged, hooked, handled, answered, threw };
 
   Kind kind;
-  /// Of a change: the attribute's offset. Of a counter: which. Of an answer: to what.
+  /// Of an answer: to what. Of a hook: which.
   std::uint8_t what = 0;
   bool gone = false;
   unsigned table = 0;
@@ -110,16 +105,6 @@ struct Event {
 
   /// All but `anyOrder`.
   auto facts() const { return std::tie(kind, what, gone, table, key, number, value); }
-};
-
-/// Offsets of a table's published attributes from the first one.
-enum Field : std::uint8_t {
-  kHelper = 0,
-  kAdds = 1,
-  kRemoves = 2,
-  kVersions = 3,
-  kRemoveAll = 4,
-  kHandles = 20
 };
 
 enum Counter : std::uint8_t {
@@ -207,10 +192,8 @@ struct Table {
   std::map<Key, Version> versions;
   std::optional<Version> removeAll;
   std::deque<OpPtr> handlesInLog;
-  std::uint32_t nextIndex = 1;
   std::array<Version, kCounters> counters{};
   Act::Plan plan;
-  bool watched = false;
 };
 
 inline bool failed(State state) {
@@ -291,25 +274,14 @@ class Model final : public Agent {
       case Kind::has:
         return answer(act, act.key, entryHas(act.table, act.key));
       case Kind::read:
-      case Kind::entry:
         return answer(act, entryRead(act.table, act.key));
-      case Kind::config:
-        return answer(act, entryFromConfig(act.table, act.key));
-      case Kind::count:
-        return answer(act, 0, entrys(act.table));
       case Kind::iterBegin:
       case Kind::iterStep:
         return;  // Its order is that of a hash map: the real walk is held against the real table.
-      case Kind::snapshot:
-        for (const auto& entry : contents(act.table)) answer(act, entry);
-        return;
       case Kind::settle:
         return settle(act);
       case Kind::helper:
         return helper(act);
-      case Kind::watch:
-        table.watched = act.flag;
-        return;
     }
   }
 
@@ -486,25 +458,8 @@ class Model final : public Agent {
     return families_[table.family].config[table.unit];
   }
 
-  // What is published.
-  void changed(const Table& table, Field field, Key key, bool gone, Version value,
-               unsigned anyOrder = 0) {
-    if (!table.watched) return;
-    see({.kind = Event::Kind::changed,
-         .what = field,
-         .gone = gone,
-         .table = number(table),
-         .key = key,
-         .value = value,
-         .anyOrder = anyOrder});
-  }
-
-  void count(Table& table, Counter counter, int by = 1) {
+  static void count(Table& table, Counter counter, int by = 1) {
     table.counters[counter] += static_cast<Version>(by);
-    see({.kind = Event::Kind::counted,
-         .what = counter,
-         .table = number(table),
-         .number = table.counters[counter]});
   }
 
   void updateFlag(Family& family) {
@@ -534,13 +489,16 @@ class Model final : public Agent {
     op->dependency = operation(act.dependency);
     touched.push_back(op);
     if (act.kind == Act::Kind::removeAll) {
-      removeAll(table);
+      table.adds.clear();
+      table.removes.clear();
+      table.removeAll = table.removeAll ? *table.removeAll + 1 : 0;
     } else {
       const bool adds = act.kind == Act::Kind::write;
-      newVersion(table, op);
-      drop(table, adds ? kRemoves : kAdds, act.key);
+      const auto present = table.versions.find(act.key);
+      op->major = present != table.versions.end() ? present->second + 1 : 0;
+      table.versions[act.key] = op->major;
+      (adds ? table.removes : table.adds).erase(act.key);
       (adds ? table.adds : table.removes)[act.key] = op;
-      changed(table, adds ? kAdds : kRemoves, act.key, false, op->value);
       count(table, adds ? kWrites : kRemovals);
     }
     groups_[familyFor(table).group].queue.push_back(op);
@@ -549,29 +507,6 @@ class Model final : public Agent {
     if (act.kind != Act::Kind::removeAll) operations_[op->id] = op;
     std::erase_if(operations_,
                   [&](const auto& member) { return nextOp_ - member.first > kHandlesKept; });
-  }
-
-  void removeAll(Table& table) {
-    for (const Field field : {kAdds, kRemoves}) {
-      auto& members = field == kAdds ? table.adds : table.removes;
-      const unsigned anyOrder = nextAnyOrder_++;
-      for (const auto& member : members) changed(table, field, member.first, true, 0, anyOrder);
-      members.clear();
-    }
-    table.removeAll = table.removeAll ? *table.removeAll + 1 : 0;
-    changed(table, kRemoveAll, 0, false, *table.removeAll);
-  }
-
-  void newVersion(Table& table, const OpPtr& op) {
-    const auto present = table.versions.find(op->act.key);
-    op->major = present != table.versions.end() ? present->second + 1 : 0;
-    table.versions[op->act.key] = op->major;
-    changed(table, kVersions, op->act.key, false, op->major);
-  }
-
-  void drop(Table& table, Field field, Key key) {
-    auto& members = field == kAdds ? table.adds : table.removes;
-    if (members.erase(key) != 0) changed(table, field, key, true, 0);
   }
 
   void update(const Act& act) {
@@ -622,10 +557,7 @@ class Model final : public Agent {
   }
 
   void helper(const Act& act) {
-    if (act.flag) return;
-    Table& table = tables_[act.table];
-    table.plan = act.plan;
-    changed(table, kHelper, 0, false, 0);
+    if (!act.flag) tables_[act.table].plan = act.plan;
   }
 
   // The queue and the commit.
@@ -688,7 +620,7 @@ class Model final : public Agent {
   /// Ends the operation as if it had never been asked for.
   void refuse(Table& table, const OpPtr& op) {
     const bool adds = op->act.kind == Act::Kind::write;
-    removeFromTransient(table, *op, adds ? kAdds : kRemoves);
+    removeFromTransient(table, *op);
     count(table, adds ? kWrites : kRemovals, -1);
     end(op, State::rejected);
   }
@@ -703,7 +635,7 @@ class Model final : public Agent {
       return false;
     }
     hook(table, op, key, op->value, kOnSuccess);
-    removeFromTransient(table, *op, kAdds);
+    removeFromTransient(table, *op);
     op->logVersion =
         familyFor(table).write(table.unit, key, op->value, neededFor(table, dependency));
     if (familyFor(table).statusVersion < op->logVersion) {
@@ -717,7 +649,7 @@ class Model final : public Agent {
 
   void commitRemove(Table& table, const OpPtr& op, const OpPtr& dependency) {
     const Key key = op->act.key;
-    removeFromTransient(table, *op, kRemoves);
+    removeFromTransient(table, *op);
     hook(table, op, key, op->value, kOnSuccessOfRemove);
     op->logVersion = familyFor(table).remove(table.unit, key, neededFor(table, dependency));
     if (op->logVersion != 0) {
@@ -732,19 +664,18 @@ class Model final : public Agent {
     const Version current = table.removeAll.value();
     delAllEntries(table, neededFor(table, dependency), op);
     table.removeAll = current == 0 ? std::nullopt : std::optional(current - 1);
-    changed(table, kRemoveAll, 0, false, table.removeAll.value_or(UINT64_MAX));
   }
 
-  void removeFromTransient(Table& table, const Operation& op, Field field) {
-    const auto& members = field == kAdds ? table.adds : table.removes;
+  void removeFromTransient(Table& table, const Operation& op) {
+    auto& members = op.act.kind == Act::Kind::write ? table.adds : table.removes;
     const auto found = members.find(op.act.key);
     if (found == members.end()) return;
     if (found->second->major != op.major) {
       ++roads[kOvertaken];
       return;
     }
-    drop(table, field, op.act.key);
-    if (table.versions.erase(op.act.key) != 0) changed(table, kVersions, op.act.key, true, 0);
+    members.erase(found);
+    table.versions.erase(op.act.key);
   }
 
   void end(const OpPtr& op, State state) {
@@ -755,7 +686,6 @@ class Model final : public Agent {
   void waitInLog(Table& table, const OpPtr& op) {
     stateIs(op, State::inLog);
     table.handlesInLog.push_back(op);
-    changed(table, kHandles, table.nextIndex++, false, 0);
   }
 
   void handled(const OpPtr& op) {
@@ -856,8 +786,6 @@ class Model final : public Agent {
       const OpPtr head = table.handlesInLog.front();
       if (version < head->logVersion) break;
       table.handlesInLog.pop_front();
-      const auto waiting = static_cast<std::uint32_t>(table.handlesInLog.size());
-      changed(table, kHandles, table.nextIndex - 1 - waiting, false, 0);
       end(head, State::done);
     }
   }
@@ -910,8 +838,7 @@ class Model final : public Agent {
 };
 
 inline std::string toText(const Event& event) {
-  static constexpr const char* kNames[] = {"changed", "counted",  "flagged", "hooked",
-                                           "handled", "answered", "threw"};
+  static constexpr const char* kNames[] = {"flagged", "hooked", "handled", "answered", "threw"};
   return fmt::format(
       "{} what {}{} table {} key {} number {} value {}", kNames[static_cast<unsigned>(event.kind)],
       event.what, event.gone ? " gone" : "", event.table, event.key,

@@ -3,6 +3,7 @@
 #include "Blipline/RingReader.h"
 #include "Blipline/TraceHandle.h"
 #include "OrderedTable/TableFixture.h"
+#include "Support/Ear.h"
 #include "Support/Golden.h"
 #include "Support/Running.h"
 
@@ -37,6 +38,18 @@ struct TraceScript : TableFixture<TcamEntryFamily> {
   }
 
   Script script;
+  /// What subscribers hear stands where they hear it.
+  const Support::Ear ear{
+      *table->publisher(), [this](const Fenrik::Change& change) {
+        std::string what;
+        if (change.key != nullptr) {
+          what = fmt::format(" of {}{}", *static_cast<const Key*>(change.key),
+                             change.value == nullptr ? ", which goes" : "");
+        } else if (change.fieldId.number() == 662) {
+          what = fmt::format(" {}", *static_cast<const unsigned*>(change.value));
+        }
+        script.notes.lines.push_back(fmt::format("change of {}{}", change.fieldId.number(), what));
+      }};
 };
 
 TEST_F(TraceScript, WritesRemovesAndTheirCommits) {
@@ -68,21 +81,23 @@ TEST_F(TraceScript, WritesRemovesAndTheirCommits) {
 TEST_F(TraceScript, RemoveAllsUpdatesAndClears) {
   table->entryWrite(key(7), hop(7, 5), nullptr);
   agent.pumpAll();
+  table->entryWrite(key(4), hop(4, 5), nullptr);
+  table->entryRemove(key(5), nullptr);
   script.notes.taken();
   table->entryRemoveAll(nullptr);
-  script.traced("a remove-all");
+  script.traced("a remove-all, with a write and a remove in flight");
   table->entryRemoveAllWithResponseHandler(looseHandle(State::entryRejected), {});
   script.traced("another one, which depends on a failed operation");
   agent.pumpAll();
   script.traced("both are committed");
   table->clearTable(false);
   script.traced("a clear");
-  table->tableStatusVersion(Asic::LogVersion(3));
+  table->tableStatusVersion(Asic::LogVersion(4));
   script.traced("a report of it");
   table->transientRemoveAllVersionIs(Asic::MajorVersion());
   table->clearTable(true);
   script.traced("a clear of an empty table");
-  table->tableStatusVersion(Asic::LogVersion(3));
+  table->tableStatusVersion(Asic::LogVersion(4));
   script.traced("the same report");
 
   struct Setter : Fenrik::NodeClass<Setter, Helper> {

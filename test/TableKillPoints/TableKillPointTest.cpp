@@ -41,8 +41,6 @@ void expectSound(const Picture& picture) {
 
 // A sanitizer makes a fork so dear that only every 17th store is tried.
 constexpr std::size_t kStride = BASTIL_SANITIZED ? 17 : 1;
-/// A takeover is much the same after each death: so many of them together try all of its stores.
-constexpr std::size_t kTakeOverStride = BASTIL_SANITIZED ? 101 : 7;
 
 using Body = std::function<void(const std::string& directory, const std::function<void()>& arm)>;
 
@@ -50,20 +48,18 @@ using Body = std::function<void(const std::string& directory, const std::functio
 /// second, third store and so on, until one gets through.
 class Deaths {
  public:
-  /// Dies at the store of that number, and then at every so many behind it.
-  Deaths(const std::string& original, const Told& told, Body body, std::size_t first,
-         std::size_t stride)
-      : stages_(told.stages()), body_(std::move(body)), first_(first), stride_(stride) {
+  Deaths(const std::string& original, const Told& told, Body body)
+      : stages_(told.stages()), body_(std::move(body)) {
     copyDirectory(original, original_.path());
   }
 
   /// After each death a reader sees one of the pictures, and never one before that of a death at
-  /// an earlier store. `check` is given the directory, what is seen, and whether it is new.
+  /// an earlier store. `check` is given the directory and what is seen.
   template <class Check>
   void run(Check check) {
     std::vector<std::size_t> hits(stages_.size());
     std::size_t stage = 0;
-    for (std::size_t stores = first_;; stores += stride_) {
+    for (std::size_t stores = 1;; stores += kStride) {
       const TempDir work;
       copyDirectory(original_.path(), work.path());
       if (livesThrough(work.path(), stores)) {
@@ -79,10 +75,11 @@ class Deaths {
         FAIL() << "behind " << textOf(stages_[stage]) << "\nnobody promised" << textOf(seen);
       }
       stage = static_cast<std::size_t>(found - stages_.begin());
-      check(work.path(), seen, hits[stage]++ == 0);
+      ++hits[stage];
+      check(work.path(), seen);
       if (testing::Test::HasFailure()) return;
     }
-    for (std::size_t i = 0; stride_ == 1 && i < hits.size(); ++i) {
+    for (std::size_t i = 0; kStride == 1 && i < hits.size(); ++i) {
       EXPECT_NE(hits[i], 0U) << "no death left" << textOf(stages_[i]);
     }
   }
@@ -103,8 +100,6 @@ class Deaths {
   TempDir original_;
   std::vector<Picture> stages_;
   Body body_;
-  std::size_t first_;
-  std::size_t stride_;
   std::size_t deaths_ = 0;
 };
 
@@ -150,52 +145,23 @@ class TableKillPointDeathTest : public testing::TestWithParam<unsigned> {
     report(told.model, [&](Word version) { told.reportedIs(t, version); });
     told.beginAnew();
     run(told.model, acts);
-    Deaths deaths(
-        original.path(), told,
-        [&](const std::string& directory, const auto& arm) {
-          Client client(directory);
-          report(client, [&](Word version) { client.families[t]->reportedIs(version); });
-          arm();
-          run(client, acts);
-        },
-        1, kStride);
-    std::size_t takeOvers = 0;
-    std::size_t takeOverDeaths = 0;
-    deaths.run([&](const std::string& directory, const Picture& seen, bool isNew) {
+    Deaths deaths(original.path(), told, [&](const std::string& directory, const auto& arm) {
+      Client client(directory);
+      report(client, [&](Word version) { client.families[t]->reportedIs(version); });
+      arm();
+      run(client, acts);
+    });
+    deaths.run([&](const std::string& directory, const Picture& seen) {
       expectSound(seen);
       Told next(seen, places);
-      if (isNew) {
-        takeOverDeaths += dieInTakeOver(directory, next, takeOvers++ % kTakeOverStride + 1);
-      }
       goOn(directory, acts, next);
     });
-    std::cout << deaths.deaths() << " deaths and " << takeOverDeaths << " in the takeover, "
-              << told.stages().size() << " pictures\n";
+    std::cout << deaths.deaths() << " deaths, " << told.stages().size() << " pictures\n";
     // With most stores left out there is no telling how many are met; that there were some is.
     EXPECT_GT(deaths.deaths(), kStride == 1 ? leastDeaths : 0);
-    EXPECT_GT(takeOverDeaths, kStride == 1 ? takeOvers : 0);
   }
 
  private:
-  /// Who takes over what a death left dies, too.
-  static std::size_t dieInTakeOver(const std::string& directory, const Told& told,
-                                   std::size_t first) {
-    SCOPED_TRACE("taken over by one that dies");
-    Deaths deaths(
-        directory, told,
-        [](const std::string& work, const auto& arm) {
-          arm();
-          Client client(work);
-        },
-        first, kTakeOverStride);
-    deaths.run([&](const std::string& work, const Picture& seen, bool) {
-      expectSound(seen);
-      Client successor(work);
-      EXPECT_EQ(textOf(pictureOf(work)), textOf(told.last()));
-    });
-    return deaths.deaths();
-  }
-
   /// The client of the next agent asks again for what it has no answer to, and goes on: it sees
   /// what it would see of an agent that nobody was killed before.
   void goOn(const std::string& directory, const Acts& again, Told& told) const {
