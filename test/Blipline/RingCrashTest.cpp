@@ -86,22 +86,6 @@ TEST_F(RingDamageTest, AFileThatIsNoneOrNotWholeIsNamedSo) {
   EXPECT_THROW(RingFile(path(9)), Blipline::RingFileException);
 }
 
-TEST_F(RingDamageTest, DamageOfABlockOrADescriptionCostsThatOneAndIsTold) {
-  const RingFile sound(with(whole));
-  std::string changed = whole;
-  changed[4096 + 4096 + 32 + 6] ^= 1;  // The mark of the first record of the second block.
-  const RingFile oneBlock(with(changed));
-  EXPECT_EQ(oneBlock.problems().size(), 1u);
-  EXPECT_GT(oneBlock.records().size(), sound.records().size() / 2);
-  EXPECT_LT(oneBlock.records().size(), sound.records().size());
-  const RingFile noText(with(whole.substr(0, whole.size() - 1)));
-  EXPECT_FALSE(noText.problems().empty());
-  EXPECT_EQ(noText.records().size(), sound.records().size());
-  EXPECT_THAT(noText.text(noText.records()[0]) + noText.text(noText.records()[1]) +
-                  noText.text(noText.records()[2]),
-              testing::HasSubstr("is not described"));
-}
-
 TEST_F(RingDamageTest, AnyBytesAreReadOrRefusedAndNeverCrash) {
   std::mt19937 random(11);
   int read = 0;

@@ -4,37 +4,6 @@
 
 namespace {
 
-struct Flagged {
-  using Key = std::uint32_t;
-  Key key = 0;
-  bool lit = false;
-  std::uint8_t mode = 0;
-  bool present = false;
-
-  static constexpr auto fields() {
-    return std::array{DRIFT_FIELD(Flagged, key), DRIFT_FIELD(Flagged, lit),
-                      DRIFT_FIELD(Flagged, mode), DRIFT_PRESENCE_AT(Flagged, present, 6)};
-  }
-};
-
-struct WithoutKey {
-  std::uint32_t value;
-};
-struct PaddedWithoutFields {
-  using Key = std::uint32_t;
-  Key key;
-  std::uint8_t value;
-};
-struct WithCleanup {
-  using Key = std::uint32_t;
-  Key key;
-  ~WithCleanup() { key = 0; }
-};
-static_assert(Drift::Record<Flagged>);
-static_assert(!Drift::Record<WithoutKey>);
-static_assert(!Drift::Record<PaddedWithoutFields>);
-static_assert(!Drift::Record<WithCleanup>);
-
 struct Listed {
   std::uint8_t a;
   std::uint8_t b;

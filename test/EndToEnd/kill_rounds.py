@@ -130,11 +130,12 @@ class Losses(Rounds):
         return writer
 
     def agent(self, *arguments):
-        """The next agent finds what it has, a log that it cannot use, or nothing that it keeps."""
+        """The next agent finds what it has, what it cannot use, or nothing that it keeps."""
         fate = chance.randrange(4)
         if fate == 0:
+            damaged = chance.choice(("entryLog%2F04080404", "TcamEntry%2Fconfig%2F0"))
             for name in os.listdir(self.directory):
-                if "entryLog%2F04080404" in name:
+                if damaged in name:
                     with open(os.path.join(self.directory, name), "r+b") as log:
                         log.seek(40)
                         log.write(b"damage")

@@ -190,33 +190,6 @@ TEST(RQueueTest, ChunksGrowWithTheQueueUpTo8192AndAnEmptyOneKeepsAMarker) {
   EXPECT_EQ(queue.enq(nullptr), 1u) << "without the sequence it begins again";
 }
 
-/// Puts another item into the queue when it goes.
-class Returning final : public Fenrik::NodeClass<Returning> {
- public:
-  using Queue = Fenrik::RQueue<Returning::Ptr, false, Returning>;
-
-  explicit Returning(Queue* queue) : queue_(queue) {}
-  ~Returning() override {
-    if (queue_ != nullptr) indexAtEnd_ = queue_->enq(Fenrik::ptrIsImpl<Returning>(nullptr));
-  }
-
-  inline static std::uint32_t indexAtEnd_ = 0;
-
- private:
-  Queue* queue_;
-};
-
-TEST(RQueueTest, AnElementThatGoesWithTheRestMayEnqueueAndContinuesTheSequence) {
-  Returning::Queue queue;
-  queue.enq(Fenrik::ptrIsImpl<Returning>(nullptr));
-  queue.enq(Fenrik::ptrIsImpl<Returning>(&queue));
-  queue.enq(Fenrik::ptrIsImpl<Returning>(nullptr));
-  queue.doClear(true);
-  EXPECT_EQ(Returning::indexAtEnd_, 4u);
-  EXPECT_EQ(queue.size(), 1u);
-  EXPECT_EQ(queue.frontIndex(), 4u);
-}
-
 struct DeskModule;
 
 class Desk final : public Fenrik::NodeClass<Desk, Fenrik::Publishing<Fenrik::Node>> {

@@ -7,11 +7,9 @@
 #include <mutex>
 #include <random>
 #include <set>
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
-#include "Fenrik/NodeClass.h"
 #include "OvSlab/OvSlab.h"
 #include "OvSlab/SlabStats.h"
 #include "Support/Soak.h"
@@ -197,25 +195,6 @@ TEST(SlabTest, NewObjectsFillTheHolesBeforeTheyTakeNewSlabs) {
   EXPECT_LE(classStats(112, pattern).slabs, slabs + slabs / 7 + 2);
   for (void* const object : objects) OvSlab::slabFree(object, typeid(int));
   EXPECT_LE(classStats(112, pattern).slabs, 2u);
-}
-
-class Fragile final : public Fenrik::NodeClass<Fragile> {
- public:
-  explicit Fragile(bool broken) {
-    if (broken) throw std::runtime_error("broken");
-  }
-  char payload[900] = {};
-};
-
-TEST(SlabTest, AConstructorThatThrowsLeavesNeitherACountNorStorageBehind) {
-  const Fragile::Ptr whole = Fenrik::ptrIsImpl<Fragile>(false);
-  const std::size_t live = objectsLive();
-  EXPECT_EQ(Fragile::memAllocationTracker_->liveCount(), 1u);
-  for (int i = 0; i != 100; ++i) {
-    EXPECT_THROW(Fenrik::ptrIsImpl<Fragile>(true), std::runtime_error);
-  }
-  EXPECT_EQ(objectsLive(), live);
-  EXPECT_EQ(Fragile::memAllocationTracker_->liveCount(), 1u);
 }
 
 TEST(SlabDeathTest, AWrongFreeIsRefusedWithTheClassAndTheAddress) {

@@ -205,30 +205,6 @@ TEST_F(AgentTest, WhatCannotBeIsToldAndChangesNothing) {
   EXPECT_EQ(pictureIn(tables(), 1).rules.size(), 0U);
 }
 
-TEST_F(AgentTest, ASignalReadsAgainAndALostConfigurationIsWrittenAgain) {
-  const auto hardware = hardwareWriter();
-  const auto campus = Policy::readRules(BASTIL_CAMPUS_RULES);
-  const auto path = rules("rules", campus);
-  AgentRun agent(tables(), {path});
-  EXPECT_THAT(agent.await("programmed"), StartsWith("programmed: 472 rules, "));
-  auto fewer = campus;
-  fewer.resize(400);
-  rules("rules", fewer);
-  agent.signal(SIGHUP);
-  EXPECT_THAT(agent.await("programmed"), StartsWith("programmed: 400 rules, "));
-  agent.kill();
-  expectCarriedOut(0, fewer);
-  for (const auto& entry : std::filesystem::directory_iterator(tables())) {
-    if (entry.path().string().find("TcamEntry%2Fconfig") == std::string::npos) continue;
-    std::fstream(entry.path()).seekp(40).write("damage", 6);
-  }
-  AgentRun next(tables(), {path});
-  EXPECT_NE(next.await("relaunch generation 1.0"), "");
-  EXPECT_THAT(next.await("programmed"), HasSubstr("; 400 rows written,"));
-  EXPECT_NE(next.await("acknowledged"), "");
-  expectCarriedOut(0, fewer);
-}
-
 TEST_F(AgentTest, TheExampleGoesOnFromWhereItWasKilled) {
   const auto example = [&](const std::string& networks, const std::string& told, int signal) {
     Support::Program agent({BASTIL_EXAMPLE, tables(), "1", networks, "300"});
