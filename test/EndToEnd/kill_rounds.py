@@ -132,7 +132,7 @@ class Losses(Rounds):
     def agent(self, *arguments):
         """The next agent finds what it has, what it cannot use, or nothing that it keeps."""
         fate = chance.randrange(4)
-        if fate == 0:
+        if fate == 0 and os.path.isdir(self.directory):
             damaged = chance.choice(("entryLog%2F04080404", "TcamEntry%2Fconfig%2F0"))
             for name in os.listdir(self.directory):
                 if damaged in name:
@@ -145,13 +145,17 @@ class Losses(Rounds):
     def next_after_kill(self, writer):
         writer.end(signal.SIGKILL)
         self.killed_writers += 1
-        loses = chance.random() < 0.5
-        if loses:
-            shutil.rmtree(os.path.join(self.directory, "asic"))
+        if chance.random() < 0.5:
+            shutil.rmtree(os.path.join(self.directory, "asic"), ignore_errors=True)
             self.losses += 1
+        return self.writer()
+
+    def ended_and_next(self, writer):
+        """With everything in the chip it is known what another chip has lost."""
+        super().ended_and_next(writer).end(signal.SIGKILL)
+        shutil.rmtree(os.path.join(self.directory, "asic"), ignore_errors=True)
         writer = self.writer()
-        if loses:
-            writer.wait_for(lambda line: demo.event_of(line, "lost"), "what the chip has lost")
+        writer.wait_for(lambda line: demo.event_of(line, "lost"), "what the chip has lost")
         return writer
 
     def enough(self):

@@ -81,7 +81,7 @@ TEST_F(TraceScript, WritesRemovesAndTheirCommits) {
 TEST_F(TraceScript, RemoveAllsUpdatesAndClears) {
   table->entryWrite(key(7), hop(7, 5), nullptr);
   agent.pumpAll();
-  table->entryWrite(key(4), hop(4, 5), nullptr);
+  table->entryWrite(key(7), hop(7, 6), nullptr);
   table->entryRemove(key(5), nullptr);
   script.notes.taken();
   table->entryRemoveAll(nullptr);
