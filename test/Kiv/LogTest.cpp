@@ -100,13 +100,4 @@ TEST_F(LogTest, TooManyMessagesAreHeldBackAndToldOf) {
   EXPECT_THAT(texts, ElementsAre("x (2 such messages were held back)"));
 }
 
-TEST_F(LogTest, TheDescriptorsLieInTheirSectionWithoutGaps) {
-  std::vector<const Kiv::LogDescriptor*> ours;
-  for (const Kiv::LogDescriptor* descriptor : Kiv::logDescriptors())
-    if (std::string_view(descriptor->mnemonic).starts_with("LOG_TEST_")) ours.push_back(descriptor);
-  EXPECT_THAT(ours, testing::UnorderedElementsAre(&kLoad, &kPlain, &kEdge));
-  EXPECT_EQ(std::string_view(kLoad.recommendedAction), "\x01");
-  EXPECT_EQ(kLoad.end, 0u);
-}
-
 }  // namespace

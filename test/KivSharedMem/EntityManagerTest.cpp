@@ -1,38 +1,26 @@
 #include "KivSharedMem/EntityManager.h"
 
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <set>
 
-#include "Drift/LogFollower.h"
 #include "OrderedTable/GenId.h"
 #include "QuarnBastil/TcamEntryTypes.h"
 #include "Stavro/ValueEntity.h"
-#include "Support/Process.h"
+#include "Support/TempDir.h"
 
 namespace {
 
-using namespace std::chrono_literals;
-using Drift::DenseRead;
 using Drift::Directory;
 using KivSharedMem::EntityManager;
 using KivSharedMem::KivSharedMemType;
 using QuarnBastil::TcamEntryConfigDrift;
-using QuarnBastil::TcamEntryEntryKey;
 using QuarnBastil::TcamEntryEntryLogDrift;
-using QuarnBastil::TcamEntryLogDriftEntry;
-using QuarnBastil::TcamEntryLogEntry;
 using testing::HasSubstr;
 
 constexpr const char* kLogPath = "TcamEntry/entryLog";
 constexpr const char* kConfigPath = "TcamEntry/config/3";
-
-TcamEntryLogDriftEntry logRecord(std::uint64_t version) {
-  const TcamEntryLogEntry entry(TcamEntryEntryKey(1, static_cast<std::uint16_t>(version)));
-  return {Asic::LogVersion(version), Asic::EntryFlags(0), Asic::UnitId(3), entry};
-}
 
 class EntityManagerTest : public testing::Test {
  protected:
@@ -113,40 +101,6 @@ TEST_F(EntityManagerTest, AMountThatCannotBeSaysWhatWhereAndWhy) {
   } catch (const Drift::MountException& e) {
     EXPECT_EQ(e.stage(), Drift::MountStage::busy);
   }
-}
-
-TEST_F(EntityManagerTest, AReaderInAnotherProcessFollowsAndSleepsAtTheDoorbell) {
-  const auto log = mount<TcamEntryEntryLogDrift>(kLogPath);
-  log->entryLogConfigIs(logRecord(1));
-  log->entryLogConfigIs(logRecord(2));
-  log->entryLogConfigDel(Asic::LogVersion(1));
-  int ready[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  Support::Process reader([&] {
-    const auto manager =
-        Fenrik::ptrIsImpl<EntityManager>("reader", directory_, Directory::Access::read);
-    const auto entity = mountOn<TcamEntryEntryLogDrift>(*manager, kLogPath, 1000);
-    Drift::LogFollower<TcamEntryLogDriftEntry> follower(entity->file(), 1);
-    TcamEntryLogDriftEntry record;
-    bool good = follower.read(record) == DenseRead::gone;
-    follower.skip();
-    good = good && follower.read(record) == DenseRead::found && record.version.value() == 2;
-    good = good && follower.read(record) == DenseRead::notYet;
-    const auto begin = std::chrono::steady_clock::now();
-    good = good && !follower.wait(20ms) && std::chrono::steady_clock::now() - begin >= 20ms;
-    good = good && !follower.wait(-1ms);
-    if (::write(ready[1], "r", 1) != 1) ::_exit(2);
-    good = good && follower.wait(std::chrono::nanoseconds::max());
-    good = good && follower.read(record) == DenseRead::found;
-    ::_exit(good && record.version.value() == 3 ? 0 : 1);
-  });
-  char byte = 0;
-  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-  // It has to be asleep for the wake to be put to the test.
-  ::usleep(50'000);
-  log->entryLogConfigIs(logRecord(3));
-  log->ring();
-  EXPECT_EQ(reader.wait(), 0);
 }
 
 TEST_F(EntityManagerTest, OthersSeeAGenerationOfTheStateDatabaseMoveAndCannotMoveIt) {

@@ -6,7 +6,6 @@
 
 #include "OrderedTable/TableDescriptor.h"
 #include "OrderedTable/TableFixture.h"
-#include "Support/Ear.h"
 #include "Support/Golden.h"
 #include "Support/Process.h"
 #include "Support/Running.h"
@@ -148,7 +147,7 @@ TYPED_TEST(Conformance, AnEntryLivesFromItsWriteToItsPurgeThroughARestart) {
   EXPECT_EQ(seen(), "\n  issued 5 announced 5 reported 5\n    configured:\n    logged:");
 }
 
-TYPED_TEST(Conformance, ItsHooksChangeWhatIsLoggedAndItsChangesAreAnnouncedByNumber) {
+TYPED_TEST(Conformance, ItsHooksChangeWhatIsLogged) {
   using Family = TypeParam;
   struct Helper final : Fenrik::NodeClass<Helper, typename Family::SwTableHelperBase> {
     using Table = typename Family::SwTable;
@@ -163,23 +162,11 @@ TYPED_TEST(Conformance, ItsHooksChangeWhatIsLoggedAndItsChangesAreAnnouncedByNum
   };
   const auto helper = Fenrik::ptrIsImpl<Helper>();
   this->table->swTableHelperIs(helper);
-  std::vector<int> numbers;
-  const Support::Ear ear(*this->table->publisher(), [&](const Fenrik::Change& change) {
-    const int number =
-        change.fieldId.number() -
-        Kiv::typeOf<typename Family::SwTable>().facts()->attributes[0].fieldId.number();
-    if (number >= 0) numbers.push_back(number);
-  });
   this->write(5, 7);
-  EXPECT_THAT(std::exchange(numbers, {}), testing::IsSupersetOf({1, 3}));
   this->agent.pumpAll();
-  EXPECT_THAT(std::exchange(numbers, {}), testing::IsSupersetOf({1, 3, 20}));
   EXPECT_EQ(this->table->entryRead(this->key(5)), this->entry(5, 8));
   EXPECT_NEAR(this->stats().lastCommitTime(), static_cast<double>(time(nullptr)), 5.0);
   this->remove(5);
-  EXPECT_THAT(std::exchange(numbers, {}), testing::IsSupersetOf({2, 3}));
-  this->removeAll();
-  EXPECT_THAT(std::exchange(numbers, {}), testing::IsSupersetOf({2, 4}));
   this->agent.pumpAll();
   EXPECT_EQ(helper->hooks, "write 5 3;remove 5 3;");
 }

@@ -176,27 +176,6 @@ TEST(SlabTest, EmptySlabsGiveTheirMemoryBackAndASteadyLoadDoesNotFlap) {
   }
 }
 
-TEST(SlabTest, NewObjectsFillTheHolesBeforeTheyTakeNewSlabs) {
-  const auto pattern = SlabAllocationPattern::perWrite;
-  std::mt19937 random(7);
-  std::vector<void*> objects(40000);
-  for (void*& object : objects) object = OvSlab::slabAlloc(112, pattern);
-  const std::size_t slabs = classStats(112, pattern).slabs;
-  for (int step = 0; step != 400000; ++step) {
-    // Several go before several come, so that the spare object alone does not serve them.
-    const std::size_t first = random() % (objects.size() - 8);
-    for (std::size_t i = first; i != first + 8; ++i) OvSlab::slabFree(objects[i], typeid(int));
-    for (std::size_t i = first; i != first + 8; ++i) objects[i] = OvSlab::slabAlloc(112, pattern);
-  }
-  EXPECT_LE(classStats(112, pattern).slabs, slabs + slabs / 7 + 2) << "an eighth may lie idle";
-  std::shuffle(objects.begin(), objects.end(), random);
-  for (std::size_t i = 0; i != 30000; ++i) OvSlab::slabFree(objects[i], typeid(int));
-  for (std::size_t i = 0; i != 30000; ++i) objects[i] = OvSlab::slabAlloc(112, pattern);
-  EXPECT_LE(classStats(112, pattern).slabs, slabs + slabs / 7 + 2);
-  for (void* const object : objects) OvSlab::slabFree(object, typeid(int));
-  EXPECT_LE(classStats(112, pattern).slabs, 2u);
-}
-
 TEST(SlabDeathTest, AWrongFreeIsRefusedWithTheClassAndTheAddress) {
   const auto twice = [](std::size_t others) {
     void* const object = OvSlab::slabAlloc(320);
@@ -210,16 +189,6 @@ TEST(SlabDeathTest, AWrongFreeIsRefusedWithTheClassAndTheAddress) {
   EXPECT_DEATH(twice(3), "Piece freed twice.*320-byte objects, pattern 0") << "in a free list";
   EXPECT_DEATH(OvSlab::slabFree(static_cast<char*>(OvSlab::slabAlloc(320)) + 16, typeid(Piece)),
                "Piece is not the start of an object");
-}
-
-TEST(SlabTest, BytesThatLookLikeAFreeObjectAreNotTakenForOne) {
-  std::vector<std::uint32_t*> objects(64);
-  for (std::uint32_t*& object : objects) {
-    object = static_cast<std::uint32_t*>(OvSlab::slabAlloc(1280));
-    std::fill_n(object, 320, OvSlab::Impl::kFreeMark);
-  }
-  for (std::uint32_t* const object : objects) OvSlab::slabFree(object, typeid(int));
-  EXPECT_EQ(classStats(1280, SlabAllocationPattern::longLived).objectsLive, 0u);
 }
 
 #if !defined(__has_feature)

@@ -253,27 +253,6 @@ TEST_F(CtlTest, FindsEachDamageThatMatters) {
     EXPECT_EQ(ctl(tables_, {"verify"}).status, 1);
     EXPECT_EQ(ctl(tables_, {"status"}).status, 1);
   }
-  // Within the records that lie in the first slots of a log that was never cleaned.
-  const json status = json::parse(ctl(tables_, {"status"}, true).out);
-  for (const json& table : status["tables"]) {
-    const auto log = ctl(tables_, {"log", table["table"]}, true).out;
-    if (log.empty()) continue;
-    const std::uint64_t version = json::parse(log.substr(0, log.find('\n')))["version"];
-    const bool rules = table["table"] == "TcamEntry";
-    const off_t stride = 8 + (rules ? 552 : 88);
-    const auto file = collections(tables_, rules ? "entryLog%2F04080404" : "entryLog%2F04090402");
-    off_t slots = 0;
-    std::ifstream(file.at(0), std::ios::binary).seekg(64).read(reinterpret_cast<char*>(&slots), 8);
-    {
-      const Flip chunk(file.at(0), 4096 + 5, 4);
-      EXPECT_EQ(ctl(tables_, {"verify"}).status, 1) << table;
-    }
-    const Flip content(file.at(0), slots + static_cast<off_t>(version) * stride + 40, 4);
-    const Outcome verified = ctl(tables_, {"verify"});
-    EXPECT_EQ(verified.status, 1) << table;
-    EXPECT_THAT(verified.out, HasSubstr("version " + std::to_string(version)));
-    EXPECT_EQ(ctl(tables_, {"log", table["table"]}).status, 1);
-  }
 }
 
 using CtlSoak = CtlTest;
