@@ -95,12 +95,6 @@ struct ObjectsBeside : ObjectsInside {
   using Node = Kiv::Hm2018NE<0x33333333, PairKey, Counted>;
   static Node node(unsigned n, int payload) { return Node(key(n), Counted{key(n), payload}); }
 };
-struct PointersBeside : ObjectsInside {
-  using Node = Kiv::Hm2018NE<0x44444444, PairKey, Fenrik::Ptr<Item>>;
-  static Node node(unsigned n, int payload) {
-    return Node(key(n), Fenrik::ptrIsImpl<Item>(key(n), payload));
-  }
-};
 struct PlainData : ObjectsInside {
   using Node = Kiv::Hm2018NE<0x55555555, PairKey, int>;
   static Node node(unsigned n, int payload) { return Node(key(n), payload); }
@@ -289,8 +283,7 @@ class HashMapModel : public testing::Test {
     EXPECT_EQ(live(Operations::slotTracker_), slotsBefore);
   }
 };
-using Shapes = testing::Types<ObjectsInside, PointersInside, ObjectsBeside, PointersBeside,
-                              PlainData, TextKeys>;
+using Shapes = testing::Types<ObjectsInside, PointersInside, ObjectsBeside, PlainData, TextKeys>;
 TYPED_TEST_SUITE(HashMapModel, Shapes);
 
 /// With vectors of 32 bytes and without, and where many keys share a hash.

@@ -246,7 +246,6 @@ class RealFamily final : public AnyFamily {
   void compareQuickly(Differences& differ, const Model& model) const override {
     const Family& family = model.family(number_);
     const auto& control = *log().tableEntryLog()->collectionControl();
-    const auto& resolver = *group().groupResolver();
     differ.where = F::kTableName;
     differ("tableVersion", family.scratchpad, log().tableVersion().value());
     differ("tableStatusVersion", family.statusVersion, log().tableStatusVersion().value());
@@ -255,8 +254,7 @@ class RealFamily final : public AnyFamily {
     differ("log size", family.log.size(), log().tableEntryLog()->map()->driftMapSize());
     differ("pendingHwWrites", family.pendingHwWrites,
            interface_->swTableStatus()->pendingHwWrites());
-    differ("queue", model.queue(family.group).size(), resolver.length());
-    differ("too many looks at the head", false, resolver.looks() > model.looks(family.group));
+    differ("queue", model.queue(family.group).size(), group().groupResolver()->length());
     for (unsigned unit = 0; unit < tables_.size(); ++unit) {
       if (tables_[unit] == nullptr) continue;
       const Table& table = *tables_[unit];

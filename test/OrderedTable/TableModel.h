@@ -100,10 +100,7 @@ struct Event {
   Key key = 0;
   Version number = 0;
   Version value = 0;
-  /// Neighbours with the same number, if it is not 0, may stand in any order.
-  unsigned anyOrder = 0;
 
-  /// All but `anyOrder`.
   auto facts() const { return std::tie(kind, what, gone, table, key, number, value); }
 };
 
@@ -206,13 +203,6 @@ struct Raised {
   explicit Raised(bool& flag) : flag(flag) { flag = true; }
   ~Raised() { flag = false; }
   bool& flag;
-};
-
-/// Counts one more however its scope is left.
-struct Counted {
-  explicit Counted(Version& count) : count(count) {}
-  ~Counted() { ++count; }
-  Version& count;
 };
 
 inline constexpr unsigned kOnSuccess = 0, kOnSuccessOfRemove = 1, kOnResourceUpdate = 2;
@@ -334,8 +324,6 @@ class Model final : public Agent {
     return families_[tables_[table].family].mounted[tables_[table].unit];
   }
   const std::deque<OpPtr>& queue(unsigned group) const { return groups_[group].queue; }
-  /// As often at most may the head of a queue have been asked.
-  Version looks(unsigned group) const { return groups_[group].looks; }
   OpId nextOp() const { return nextOp_; }
   /// The operation if it can still be depended on, otherwise null.
   OpPtr operation(OpId id) const {
@@ -448,9 +436,6 @@ class Model final : public Agent {
   struct Group {
     std::deque<OpPtr> queue;
     bool pumping = false;
-    const Operation* asked = nullptr;
-    Version askedAt = 0;
-    Version looks = 0;
   };
 
   Family& familyFor(const Table& table) { return families_[table.family]; }
@@ -475,7 +460,6 @@ class Model final : public Agent {
 
   void stateIs(const OpPtr& op, State state) {
     op->state = state;
-    ++changes_;
     touched.push_back(op);
   }
 
@@ -571,9 +555,6 @@ class Model final : public Agent {
     unsigned done = 0;
     for (; done < budget && !group.queue.empty(); ++done) {
       const OpPtr head = group.queue.front();
-      if (group.asked != head.get() || group.askedAt != changes_) ++group.looks;
-      group.asked = head.get();
-      group.askedAt = changes_;
       if (!resolved(*head)) break;
       group.queue.pop_front();
       commit(head);
@@ -589,7 +570,6 @@ class Model final : public Agent {
   }
 
   void commit(const OpPtr& op) {
-    const Counted counted(changes_);
     Table& table = tables_[op->act.table];
     const OpPtr dependency = std::exchange(op->dependency, nullptr);
     bool counts = true;
@@ -779,7 +759,6 @@ class Model final : public Agent {
   }
 
   void report(Table& table, Version version) {
-    ++changes_;
     cleanup(familyFor(table), version);
     const FlagUpdate flag{*this, familyFor(table)};
     while (!table.handlesInLog.empty()) {
@@ -804,7 +783,6 @@ class Model final : public Agent {
 
   /// The tables hear of it in any order.
   void hear(const Act& act) {
-    const std::size_t begin = events.size();
     if (act.flag) familyFor(tables_[act.table]).reportedIs(act.number);
     for (Family& family : families_) {
       if (!family.reported || family.taken == family.reported) continue;
@@ -815,8 +793,6 @@ class Model final : public Agent {
         }
       }
     }
-    const unsigned anyOrder = nextAnyOrder_++;
-    for (std::size_t i = begin; i < events.size(); ++i) events[i].anyOrder = anyOrder;
   }
 
   unsigned number(const Table& table) const {
@@ -830,9 +806,6 @@ class Model final : public Agent {
   std::map<OpId, OpPtr> operations_;
   std::vector<OpPtr> foreigns_;
   OpId nextOp_ = 0;
-  /// Whatever can alter what the head of a queue answers.
-  Version changes_ = 0;
-  unsigned nextAnyOrder_ = 1;
   /// While a commit runs: where it notes that a handler threw.
   bool* handlerThrew_ = nullptr;
 };
@@ -846,20 +819,7 @@ inline std::string toText(const Event& event) {
 }
 
 /// What the real agent did otherwise; empty if it did the same.
-inline std::string difference(std::vector<Event> expected, std::vector<Event> seen) {
-  const auto byFacts = [](const Event& a, const Event& b) { return a.facts() < b.facts(); };
-  for (std::size_t i = 0; i < expected.size();) {
-    std::size_t end = i + 1;
-    const unsigned anyOrder = expected[i].anyOrder;
-    while (anyOrder != 0 && end < expected.size() && expected[end].anyOrder == anyOrder) ++end;
-    if (end > i + 1 && end <= seen.size()) {
-      std::sort(expected.begin() + static_cast<std::ptrdiff_t>(i),
-                expected.begin() + static_cast<std::ptrdiff_t>(end), byFacts);
-      std::sort(seen.begin() + static_cast<std::ptrdiff_t>(i),
-                seen.begin() + static_cast<std::ptrdiff_t>(end), byFacts);
-    }
-    i = end;
-  }
+inline std::string difference(const std::vector<Event>& expected, const std::vector<Event>& seen) {
   for (std::size_t i = 0; i < std::max(expected.size(), seen.size()); ++i) {
     if (i < expected.size() && i < seen.size() && expected[i].facts() == seen[i].facts()) continue;
     return fmt::format("event {}: expected {}, saw {}", i,

@@ -173,16 +173,6 @@ TEST_F(TraceScript, ReadsWalksAndTheIdenticalWrite) {
   script.traced("reads of the log");
 }
 
-TEST_F(TraceScript, ATableIsMade) {
-  log().mountDriftConfig(Asic::UnitId(5), Asic::LogVersion(0));
-  script.notes.taken();
-  const auto made =
-      Fenrik::ptrIsImpl<SwTable>(table->canonicalName(), table->tableId(), Asic::UnitId(5),
-                                 rig.set().get(), rig.log(), table->groupResolver());
-  script.traced("a table is made");
-  EXPECT_NE(made->swTableHelper(), nullptr);
-}
-
 /// What the interface traces while it brings its family up, and what it leaves in the ring.
 TEST(InterfaceTrace, OfAFirstStartARestartAndAUnitThatIsNotThereAnyMore) {
   const Support::TempDir dir, ring;
