@@ -301,13 +301,6 @@ void runRace(const Course& course, bool processes, milliseconds time, Word reads
   EXPECT_GT(switches, 10U);
 }
 
-/// How long all courses together take; BASTIL_RACE_SECONDS gives another time.
-milliseconds timeOf(int seconds) {
-  const char* const given = std::getenv("BASTIL_RACE_SECONDS");
-  return milliseconds(1000 * (given != nullptr ? std::atoi(given) : seconds) /
-                      static_cast<int>(std::size(kCourses)));
-}
-
 /// A sanitizer sees nothing between processes.
 constexpr int kMinute = BASTIL_SANITIZED ? 8 : 60;
 
@@ -315,7 +308,8 @@ void runCourses(bool processes, int seconds, Word reads) {
   const unsigned seed = Support::seed();
   SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
   for (const Course& course : kCourses) {
-    runRace(course, processes, timeOf(seconds), reads / std::size(kCourses), seed);
+    runRace(course, processes, milliseconds(1000 * seconds / std::size(kCourses)),
+            reads / std::size(kCourses), seed);
   }
 }
 

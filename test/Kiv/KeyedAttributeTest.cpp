@@ -173,12 +173,4 @@ TEST_F(KeyedAttribute, ADestructorMayUseTheMap) {
   for (const Node& node : map) EXPECT_GE(node.key(), 1000u);
 }
 
-TEST(KeyedAttributeDeathTest, AValueOfAnotherKeyMayNotTakeANodesPlace) {
-  Rack::HN_Card node(makeCard(1));
-  Ptr<Card> same = makeCard(1);
-  node.fwkValueIs(same);
-  Ptr<Card> other = makeCard(2);
-  EXPECT_DEATH(node.fwkValueIs(other), "fwkKey\\(\\) == KeyFunktor\\(\\)\\( _value \\)");
-}
-
 }  // namespace

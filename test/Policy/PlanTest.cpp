@@ -102,8 +102,6 @@ class History {
 
   struct Seen {
     unsigned stopped = 0;
-    unsigned renumbered = 0;
-    unsigned moved = 0;
     unsigned mended = 0;
   };
   Seen seen;
@@ -114,7 +112,6 @@ class History {
     drawPackets(before);
     if (random_() % 8 == 0) return mend();
     const Plan plan = Policy::planOf(model_.picture(), wanted_, kRoom);
-    count(plan);
     const bool stops = random_() % 4 == 0;
     carryOut(plan, stops ? random_() % (plan.steps.size() + 1) : plan.steps.size());
     if (stops) {
@@ -177,24 +174,6 @@ class History {
       packets_.push_back(
           {packet, model_.decide(packet), Policy::firstMatch(wanted_.rules, packet)});
     }
-  }
-
-  /// What the plan does to rows that stand.
-  void count(const Plan& plan) {
-    std::map<std::uint16_t, Policy::RuleRow> standing;
-    for (const auto& placed : model_.picture().rules) standing[placed.index] = placed.row;
-    bool moves = false;
-    bool renumbers = false;
-    for (const Step& step : plan.steps) {
-      if (step.removes || step.onPrefixes()) continue;
-      const auto& placed = std::get<1>(step.row);
-      const auto at = standing.find(placed.index);
-      if (at == standing.end()) continue;
-      moves = moves || at->second.priority != placed.row.priority;
-      renumbers = renumbers || at->second.numbering != placed.row.numbering;
-    }
-    seen.moved += moves ? 1 : 0;
-    seen.renumbered += renumbers ? 1 : 0;
   }
 
   /// In any order that the plan leaves to the hardware: each table's steps one after the other, and
@@ -306,14 +285,10 @@ TEST(PlanSoak, APacketMeetsTheDecisionBeforeOrBehindAtEveryStep) {
     History history(random);
     for (int change = 0; change < 30 && !HasFailure(); ++change) history.change();
     all.stopped += history.seen.stopped;
-    all.renumbered += history.seen.renumbered;
-    all.moved += history.seen.moved;
     all.mended += history.seen.mended;
   }
   if (HasFailure()) return;
   EXPECT_GT(all.stopped, 0U);
-  EXPECT_GT(all.renumbered, 0U);
-  EXPECT_GT(all.moved, 0U);
   EXPECT_GT(all.mended, 0U);
 }
 
