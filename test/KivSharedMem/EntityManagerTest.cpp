@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <filesystem>
 #include <set>
 
 #include "OrderedTable/GenId.h"

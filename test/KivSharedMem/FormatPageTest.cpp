@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <cstring>
 #include <sstream>
 
 #include "OrderedTable/NeededEntryDrift.h"
