@@ -1,13 +1,12 @@
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <fstream>
 #include <random>
 #include <thread>
 
 #include "RingFixture.h"
 #include "Support/Shared.h"
-#include "Support/Stepper.h"
+#include "Support/Soak.h"
 
 namespace {
 
@@ -16,9 +15,13 @@ using Blipline::RingFileState;
 using Support::textOf;
 using RingCrashTest = RingFixture;
 
-TEST_F(RingCrashTest, AWriterThatIsKilledLeavesEveryRecordThatItEnded) {
-  std::mt19937 random(7);
-  for (int round = 0; round < 20; ++round) {
+/// A writer does nothing but record, so that it dies within a record, now and then where the ring
+/// enters its next block.
+TEST_F(RingCrashTest, AWriterThatIsKilledLeavesEachRecordWholeOrNotAtAll) {
+  const unsigned seed = Support::seed();
+  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
+  std::mt19937 random(seed);
+  for (int round = 0; round < 300 * Support::soakFactor(); ++round) {
     const Support::Shared<std::atomic<std::uint64_t>> ended;
     Support::Process child([&] {
       Blipline::TraceHandle handle(options(false));
@@ -33,58 +36,9 @@ TEST_F(RingCrashTest, AWriterThatIsKilledLeavesEveryRecordThatItEnded) {
     child.kill();
     const auto numbers = provedNumbers(RingFile(path()));
     ASSERT_FALSE(numbers.empty());
-    EXPECT_GE(numbers.back(), ended->load());
-    EXPECT_LE(numbers.back(), ended->load() + 1);
+    ASSERT_GE(numbers.back(), ended->load());
+    ASSERT_LE(numbers.back(), ended->load() + 1);
   }
-}
-
-TEST_F(RingCrashTest, AtEveryInstructionOfARecordTheFileHoldsItWholeOrNotAtAll) {
-#if BASTIL_SANITIZED
-  GTEST_SKIP() << "nearly all instructions would be the sanitizer's";
-#endif
-  // Enough to step over the entry of a block, with the ring lapped.
-  constexpr std::uint64_t kBefore = 1000;
-  constexpr std::uint64_t kStepped = 8;
-  Support::Stepper stepper([&](auto mark) {
-    Blipline::TraceHandle handle(options(false));
-    Blipline::defaultBliplineHandle = &handle;
-    std::uint64_t number = 1;
-    while (number <= kBefore) provedRecord(number++);
-    // On to where a block is nearly full, so that one of the records stepped over enters the next.
-    const auto blockFill = [&] {
-      std::uint64_t records = 0;
-      for (const auto block = RingFile(path()).lastBlock().position;
-           RingFile(path()).lastBlock().position == block; ++records)
-        provedRecord(number++);
-      return records;
-    };
-    blockFill();
-    for (std::uint64_t left = blockFill(); left > kStepped / 2; --left) provedRecord(number++);
-    mark();
-    for (std::uint64_t i = 0; i < kStepped; ++i) provedRecord(number++);
-    mark();
-  });
-  const std::uint64_t first = provedNumbers(RingFile(path())).back();
-  const std::uint64_t firstBlock = RingFile(path()).lastBlock().position;
-  std::uint64_t last = first;
-  std::uint64_t states = 0;
-  bool laps = false;
-  std::string before;
-  while (stepper.step()) {
-    std::string now = textOf(path());
-    if (now == before) continue;
-    before.swap(now);
-    ++states;
-    const RingFile file(path());
-    const auto numbers = provedNumbers(file);
-    ASSERT_GE(numbers.size(), 200u);
-    ASSERT_TRUE(numbers.back() == last || numbers.back() == last + 1);
-    last = numbers.back();
-    laps |= file.lastBlock().position != firstBlock;
-  }
-  EXPECT_EQ(last, first + kStepped);
-  EXPECT_GT(states, kStepped * 3) << "no record was seen half written";
-  EXPECT_TRUE(laps) << "no block was entered under the steps";
 }
 
 struct RingDamageTest : RingFixture {
@@ -129,22 +83,6 @@ TEST_F(RingDamageTest, AFileThatIsNoneOrNotWholeIsNamedSo) {
   EXPECT_THROW(RingFile("/dev/null"), Blipline::RingFileException);
   EXPECT_THROW(RingFile file(directory), Blipline::RingFileException);
   EXPECT_THROW(RingFile(path(9)), Blipline::RingFileException);
-}
-
-TEST_F(RingDamageTest, DamageOfABlockOrADescriptionCostsThatOneAndIsTold) {
-  const RingFile sound(with(whole));
-  std::string changed = whole;
-  changed[4096 + 4096 + 32 + 6] ^= 1;  // The mark of the first record of the second block.
-  const RingFile oneBlock(with(changed));
-  EXPECT_EQ(oneBlock.problems().size(), 1u);
-  EXPECT_GT(oneBlock.records().size(), sound.records().size() / 2);
-  EXPECT_LT(oneBlock.records().size(), sound.records().size());
-  const RingFile noText(with(whole.substr(0, whole.size() - 1)));
-  EXPECT_FALSE(noText.problems().empty());
-  EXPECT_EQ(noText.records().size(), sound.records().size());
-  EXPECT_THAT(noText.text(noText.records()[0]) + noText.text(noText.records()[1]) +
-                  noText.text(noText.records()[2]),
-              testing::HasSubstr("is not described"));
 }
 
 TEST_F(RingDamageTest, AnyBytesAreReadOrRefusedAndNeverCrash) {

@@ -79,20 +79,6 @@ TEST_F(RingTraceTest, EveryKindOfNumberComesBack) {
                                     "[0-9]+ T::TestBody: nothing"));
 }
 
-TEST_F(RingTraceTest, ARecordIsOpenAloneAndUnseenUntilItEnds) {
-  TraceHandle handle(options(false));
-  Blipline::defaultBliplineHandle = &handle;
-  Blipline::RingBuf& ring = handle.traceFile()->ring();
-  provedRecord(1);
-  ASSERT_TRUE(ring.startMsg(handle.traceFile(), 1));
-  provedRecord(2);  // As a signal handler would.
-  EXPECT_FALSE(ring.startMsg(handle.traceFile(), 1));
-  EXPECT_EQ(RingFile(path()).records().size(), 1u);
-  ring.endMsg();
-  provedRecord(3);
-  EXPECT_EQ(RingFile(path()).records().size(), 3u);
-}
-
 TEST_F(RingTraceTest, EachThreadHasItsFileAndTheReaderPutsThemInOneOrder) {
   TraceHandle handle(options(true, 1 << 18));
   Blipline::defaultBliplineHandle = &handle;

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -272,21 +271,6 @@ TEST_P(CorruptionTest, WhatIsNoFileOfOursIsRefused) {
     GTEST_SKIP() << "only root can give a file to another user";
   }
   expectRefused("12345");
-}
-
-/// An index word is found damaged after every change of one or two of its bits: its check must
-/// differ. The check is linear, so that one word stands for all.
-TEST(IndexWordTest, EveryOneAndTwoBitErrorShows) {
-  const Word intact = IndexWord{5, 77, 9, 3}.word();
-  for (unsigned a = 0; a < 64; ++a) {
-    ASSERT_FALSE(IndexWord::intact(intact ^ (Word{1} << a))) << a;
-    for (unsigned b = 0; b < a; ++b) {
-      const Word change = (Word{1} << a) | (Word{1} << b);
-      ASSERT_FALSE(IndexWord::intact(intact ^ change)) << a << " and " << b;
-      // An empty bucket with two bits set is no word either.
-      ASSERT_FALSE(IndexWord::intact(change)) << a << " and " << b;
-    }
-  }
 }
 
 /// The seal is linear: what one flipped bit does to it is the same in every record. No two of them

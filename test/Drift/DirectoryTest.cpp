@@ -262,22 +262,6 @@ TEST_F(DirectoryTest, NoRingIsLostBetweenTwoThatSayWhenTheySleep) {
   EXPECT_EQ(child.wait(), 0);
 }
 
-TEST_F(DirectoryTest, ReadersAreToldThatAFileWasReplaced) {
-  writer();
-  const auto old = reader();
-  EXPECT_FALSE(old->replaced());
-  writer();
-  EXPECT_FALSE(old->replaced());
-  Geometry other = kGeometry;
-  other.capacity = 17;
-  auto rebuilt = DriftFile::openForWriting(directory_, "a/b", other, {});
-  EXPECT_EQ(rebuilt->stage(), MountStage::rebuilt);
-  EXPECT_TRUE(old->replaced());
-  EXPECT_FALSE(rebuilt->replaced());
-  std::filesystem::remove(rebuilt->path());
-  EXPECT_TRUE(rebuilt->replaced());
-}
-
 /// The reader that the format's document is followed by, on files of both layouts.
 TEST_F(DirectoryTest, TheExampleReaderPrintsWhatTheLibraryStored) {
   for (const Geometry& geometry : {hashedOf(124, 50), denseOf(124, 50)}) {

@@ -4,6 +4,7 @@
 
 #include "Drift/ModelRun.h"
 #include "Support/Soak.h"
+#include "fuzz/Targets.h"
 
 namespace {
 
@@ -60,5 +61,23 @@ TEST_P(ModelSoak, RandomOperationsDoWhatAMapDoes) {
     EXPECT_GT(run.tableSwitches(), 0U);
   }
 }
+
+using Target = int (*)(const std::uint8_t*, std::size_t);
+
+/// What the fuzzers found worth keeping; a fault ends the process.
+void replay(const std::string& name, Target target) {
+  unsigned count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(BASTIL_CORPUS "/" + name)) {
+    SCOPED_TRACE(entry.path().string());
+    const std::string bytes = Drift::Specimens::readFile(entry.path());
+    EXPECT_EQ(target(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()), 0);
+    ++count;
+  }
+  EXPECT_GT(count, 10U);
+}
+
+TEST(CorpusTest, FilesThatFuzzersMade) { replay("file", Drift::Fuzz::file); }
+TEST(CorpusTest, OperationsOnHashedCollections) { replay("hashed", Drift::Fuzz::hashed); }
+TEST(CorpusTest, OperationsOnDenseCollections) { replay("dense", Drift::Fuzz::dense); }
 
 }  // namespace

@@ -3,7 +3,10 @@
 
 The rules change between two lists all the time, packets are decided all the time: each must meet the
 decision of one of the lists. In between everything comes to rest, and hardware and configuration
-must be the same. Usage: kill_rounds.py DEMO BIN RULES [AGENT]
+must be the same. Usage: kill_rounds.py DEMO BIN RULES [AGENT|--losses]
+
+With --losses deaths cost more: the chip is another and empty, the log of a table is damaged, or the
+next agent empties its tables first. Packets meet anything then, but each rest is as before.
 
 With AGENT, one that counts its stores into shared memory, it is the agent that dies: in mid-change,
 at one store after the other of some rows on end, now and then together with the hardware writer.
@@ -15,10 +18,11 @@ import random
 import re
 import shutil
 import signal
+import subprocess
 import sys
 import time
 
-demo_path, programs, rules, *counting_agent = sys.argv[1:]
+demo_path, programs, rules, *variant = sys.argv[1:]
 rounds = 2000 if "BASTIL_SOAK" in os.environ else 200
 spec = importlib.util.spec_from_file_location("demo", demo_path)
 demo = importlib.util.module_from_spec(spec)
@@ -62,9 +66,12 @@ class Rounds(demo.Demo):
         """Ends the writer, which sums up what it has seen, and starts the next one."""
         summary = self.end_writer(writer)
         for what in ("violations", "mismatches"):
-            self.expect(summary[what] == 0, f"{what}: {summary}")
+            self.expect(summary.get(what, 0) == 0, f"{what}: {summary}")
         self.expect(summary["digest"] == summary["configuration"], f"they differ: {summary}")
-        self.packets += summary["packets"]
+        verified = subprocess.run([os.path.join(programs, "bastilctl"), "--dir", self.directory,
+                                   "verify"], capture_output=True, text=True)
+        self.expect(verified.returncode == 0, verified.stdout + verified.stderr)
+        self.packets += summary.get("packets", 0)
         self.rests += 1
         return self.writer()
 
@@ -107,8 +114,52 @@ class Rounds(demo.Demo):
             print(f"PROBLEM: {problem}")
         print(f"BASTIL_SEED={seed}: {self.killed_agents} agents and {self.killed_writers} writers "
               f"killed, {self.packets} packets decided between the kills, {self.rests} rests")
-        enough = self.packets > 0 and self.killed_agents > 0 and self.killed_writers > 0
+        enough = self.enough() and self.killed_agents > 0 and self.killed_writers > 0
         return 0 if enough and not self.problems else 1
+
+    def enough(self):
+        return self.packets > 0
+
+
+class Losses(Rounds):
+    losses = 0
+
+    def writer(self):
+        writer = self.start("bastil-hwwriter", "--json", *chance.choice(PACES))
+        self.writers.append(writer)
+        return writer
+
+    def agent(self, *arguments):
+        """The next agent finds what it has, what it cannot use, or nothing that it keeps."""
+        fate = chance.randrange(4)
+        if fate == 0 and os.path.isdir(self.directory):
+            damaged = chance.choice(("entryLog%2F04080404", "TcamEntry%2Fconfig%2F0"))
+            for name in os.listdir(self.directory):
+                if damaged in name:
+                    with open(os.path.join(self.directory, name), "r+b") as log:
+                        log.seek(40)
+                        log.write(b"damage")
+                    self.losses += 1
+        return super().agent(*arguments, *(["--reset"] if fate == 1 else []))
+
+    def next_after_kill(self, writer):
+        writer.end(signal.SIGKILL)
+        self.killed_writers += 1
+        if chance.random() < 0.5:
+            shutil.rmtree(os.path.join(self.directory, "asic"), ignore_errors=True)
+            self.losses += 1
+        return self.writer()
+
+    def ended_and_next(self, writer):
+        """With everything in the chip it is known what another chip has lost."""
+        super().ended_and_next(writer).end(signal.SIGKILL)
+        shutil.rmtree(os.path.join(self.directory, "asic"), ignore_errors=True)
+        writer = self.writer()
+        writer.wait_for(lambda line: demo.event_of(line, "lost"), "what the chip has lost")
+        return writer
+
+    def enough(self):
+        return self.losses > 0
 
 
 class EveryStore(Rounds):
@@ -119,7 +170,7 @@ class EveryStore(Rounds):
         """Runs an agent to its end, or to a store; the number of its stores, if it did not die."""
         if die_at is not None:
             os.environ["BASTIL_DIE_AT_STORE"] = str(die_at)
-        command = [*counting_agent, "--dir", self.directory, "--once", self.path("live.rules")]
+        command = [*variant, "--dir", self.directory, "--once", self.path("live.rules")]
         agent = demo.Process(command, self.echo)
         os.environ.pop("BASTIL_DIE_AT_STORE", None)
         self.processes.append(agent)
@@ -164,4 +215,5 @@ class EveryStore(Rounds):
                 break
 
 
-sys.exit((EveryStore if counting_agent else Rounds)(Options).run())
+acts = Rounds if not variant else Losses if variant == ["--losses"] else EveryStore
+sys.exit(acts(Options).run())

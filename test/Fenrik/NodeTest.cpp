@@ -60,25 +60,6 @@ TEST_P(NodeTest, AssigningANodeToThePointerThatAloneHoldsItKeepsItAlive) {
   EXPECT_EQ(lamp->useCount(), 1u);
 }
 
-TEST_P(NodeTest, FlagsAndCountLiveInOneWordWithoutTouchingEachOther) {
-  Ptr<Lamp> lamp = ptrIsImpl<Lamp>(1);
-  for (const NodeFlag flag : {NodeFlag::hasNotificationActive, NodeFlag::kivDoZombieReactors}) {
-    lamp->nodeFlagSet(flag, true);
-    EXPECT_EQ(lamp->incUseCount(2), 3u) << "a flag shows in the count";
-    {
-      const std::vector<Ptr<Lamp>> copies(100, lamp);
-      EXPECT_EQ(lamp->useCount(), 103u);
-    }
-    lamp->decUseImpl();
-    lamp->decUseImpl();
-    EXPECT_TRUE(lamp->nodeFlag(flag));
-  }
-  lamp->nodeFlagSet(NodeFlag::hasNotificationActive, false);
-  EXPECT_FALSE(lamp->nodeFlag(NodeFlag::hasNotificationActive));
-  EXPECT_TRUE(lamp->nodeFlag(NodeFlag::kivDoZombieReactors));
-  EXPECT_EQ(lamp->useCount(), 1u);
-}
-
 TEST_P(NodeTest, AChainOfAMillionNodesGoesWithoutAMillionFrames) {
   Ptr<Lamp> first;
   for (int count = 0; count != 1'000'000; ++count) {

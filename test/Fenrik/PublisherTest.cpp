@@ -43,23 +43,6 @@ TEST(Attribute, MutatorsAnnounceWhatChangedUnderItsNumberAndNothingElse) {
   EXPECT_EQ(watcher->seen.size(), 3u) << "a zombie or a reactor without subscription reacted";
 }
 
-TEST(Attribute, AReactorFollowsWhatItsPointerLeadsToNow) {
-  const auto watcher = ptrIsImpl<Watcher>(nullptr);
-  const Fenrik::Ptr<Lamp> lamps[] = {ptrIsImpl<Lamp>(1), ptrIsImpl<Lamp>(1)};
-  watcher->hasNotificationActiveIs(true);
-  EXPECT_TRUE(watcher->hasNotificationActive());
-  EXPECT_FALSE(watcher->subscribed()) << "there is nothing to watch";
-  watcher->lampIs(lamps[0]);
-  lamps[0]->brightnessIs(2);
-  watcher->lampIs(lamps[1]);
-  lamps[0]->switchCntInc(1);
-  lamps[1]->nextIs(lamps[0]);
-  EXPECT_EQ(watcher->seen, (std::vector<int>{130, 131}));
-  watcher->hasNotificationActiveIs(false);
-  watcher->lampIs(lamps[0]);
-  EXPECT_FALSE(watcher->subscribed() || watcher->nodeFlag(Fenrik::NodeFlag::kivDoZombieReactors));
-}
-
 TEST(Attribute, ThePointerThatGivesWayLivesUntilItsReplacementWasAnnounced) {
   std::string ended;
   const auto lamp = ptrIsImpl<Lamp>(1);
@@ -70,21 +53,6 @@ TEST(Attribute, ThePointerThatGivesWayLivesUntilItsReplacementWasAnnounced) {
   lamp->nextIs(ptrIsImpl<Lamp>(3));
   EXPECT_EQ(endedWhenHeard, "");
   EXPECT_EQ(ended, "ended");
-}
-
-TEST(Attribute, TheModuleListsClassesAndAttributesInOrder) {
-  const Kiv::KivType type = ptrIsImpl<Lamp>(1)->typeData();
-  ASSERT_TRUE(type.valid());
-  EXPECT_EQ(type.module()->name, "LampTest");
-  EXPECT_EQ(type.index(), 0);
-  EXPECT_EQ(ptrIsImpl<Watcher>(nullptr)->typeData().index(), 1);
-  std::string rows;
-  for (const Kiv::AttributeFact& row : type.facts()->attributes) {
-    rows += fmt::format("{} {} {};", row.fieldId.number(), row.name, static_cast<int>(row.kind));
-  }
-  EXPECT_EQ(rows, "130 brightness 0;131 next 1;134 switchCnt 0;137 blink 4;");
-  EXPECT_EQ(type.attribute("switchCnt")->fieldId, FieldId(134));
-  EXPECT_EQ(type.attribute(FieldId(132)), nullptr);
 }
 
 /// A subscriber and the changes that it has been told of, which are numbered in their order.
@@ -149,17 +117,6 @@ TEST(Publisher, AListenerMayEndTheObjectThatItHears) {
   publisher->publishChange(FieldId(1), nullptr);
   EXPECT_EQ(told, (std::vector<std::string>{"first", "second", "first", "second"}));
   EXPECT_FALSE(second.subscribed());
-}
-
-TEST(String, GrowsOnBothSidesEvenByItselfAndFormats) {
-  Fenrik::String text("table");
-  text.addLeft("/");
-  text.addRight(text.view());
-  EXPECT_EQ(text, "/table/table");
-  text.addLeft(text.view().substr(6));
-  EXPECT_EQ(text, "/table/table/table");
-  EXPECT_EQ("a" + Fenrik::String("b") + "c" + Fenrik::String("d"), "abcd");
-  EXPECT_EQ(Fenrik::formatString("{:>6}|{}", Fenrik::String("ab"), 3), "    ab|3");
 }
 
 }  // namespace

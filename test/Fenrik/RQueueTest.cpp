@@ -167,56 +167,6 @@ TEST_P(RQueueModelTest, IsADequeWithLastingIndicesUnderRandomOperationsAndLiveIt
   EXPECT_EQ(tracked("RQueueArray<").live, 0u);
 }
 
-struct QE_Sizes;
-
-/// The capacities of its chunks are what it tells allocation tracking: 16 + 32 + ... + 4096, then
-/// 8192 each.
-TEST(RQueueTest, ChunksGrowWithTheQueueUpTo8192AndAnEmptyOneKeepsAMarker) {
-  Fenrik::RQueue<Item::Ptr, false, QE_Sizes> queue;
-  const struct {
-    unsigned enqueued, dequeued;
-    std::uint64_t capacity, chunks;
-  } steps[] = {{0, 1, 0, 0},        {3, 3, 0, 1},  {1, 0, 8, 1},          {7, 0, 8, 1},
-               {1, 0, 8 + 16, 2},   {0, 8, 16, 1}, {40000, 0, 40944, 13}, {8192, 0, 49136, 14},
-               {0, 48192, 8192, 1}, {0, 1, 0, 1}};
-  for (const auto& step : steps) {
-    for (unsigned i = 0; i != step.enqueued; ++i) queue.enq(nullptr);
-    for (unsigned i = 0; i != step.dequeued; ++i) queue.deq();
-    EXPECT_EQ(tracked("QE_Sizes").live, step.capacity) << step.enqueued << "/" << step.dequeued;
-    EXPECT_EQ(tracked("QE_Sizes").liveArrays, step.chunks);
-  }
-  queue.doClear(false);
-  EXPECT_EQ(tracked("QE_Sizes").liveArrays, 0u);
-  EXPECT_EQ(queue.enq(nullptr), 1u) << "without the sequence it begins again";
-}
-
-/// Puts another item into the queue when it goes.
-class Returning final : public Fenrik::NodeClass<Returning> {
- public:
-  using Queue = Fenrik::RQueue<Returning::Ptr, false, Returning>;
-
-  explicit Returning(Queue* queue) : queue_(queue) {}
-  ~Returning() override {
-    if (queue_ != nullptr) indexAtEnd_ = queue_->enq(Fenrik::ptrIsImpl<Returning>(nullptr));
-  }
-
-  inline static std::uint32_t indexAtEnd_ = 0;
-
- private:
-  Queue* queue_;
-};
-
-TEST(RQueueTest, AnElementThatGoesWithTheRestMayEnqueueAndContinuesTheSequence) {
-  Returning::Queue queue;
-  queue.enq(Fenrik::ptrIsImpl<Returning>(nullptr));
-  queue.enq(Fenrik::ptrIsImpl<Returning>(&queue));
-  queue.enq(Fenrik::ptrIsImpl<Returning>(nullptr));
-  queue.doClear(true);
-  EXPECT_EQ(Returning::indexAtEnd_, 4u);
-  EXPECT_EQ(queue.size(), 1u);
-  EXPECT_EQ(queue.frontIndex(), 4u);
-}
-
 struct DeskModule;
 
 class Desk final : public Fenrik::NodeClass<Desk, Fenrik::Publishing<Fenrik::Node>> {

@@ -1,53 +1,28 @@
 #include "KivSharedMem/EntityManager.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <functional>
 #include <set>
 
-#include "Drift/LogFollower.h"
 #include "OrderedTable/GenId.h"
 #include "QuarnBastil/TcamEntryTypes.h"
-#include "QuarnLpmLib/BigBbDataModelTypes.h"
 #include "Stavro/ValueEntity.h"
-#include "Support/Process.h"
+#include "Support/TempDir.h"
 
 namespace {
 
-using namespace std::chrono_literals;
-using Drift::DenseRead;
 using Drift::Directory;
 using KivSharedMem::EntityManager;
 using KivSharedMem::KivSharedMemType;
 using QuarnBastil::TcamEntryConfigDrift;
-using QuarnBastil::TcamEntryConfigDriftEntry;
-using QuarnBastil::TcamEntryEntryKey;
 using QuarnBastil::TcamEntryEntryLogDrift;
-using QuarnBastil::TcamEntryLogDriftEntry;
-using QuarnBastil::TcamEntryLogEntry;
 using testing::HasSubstr;
 
 constexpr const char* kLogPath = "TcamEntry/entryLog";
 constexpr const char* kConfigPath = "TcamEntry/config/3";
 
-TcamEntryLogDriftEntry logRecord(std::uint64_t version) {
-  const TcamEntryLogEntry entry(TcamEntryEntryKey(1, static_cast<std::uint16_t>(version)));
-  return {Asic::LogVersion(version), Asic::EntryFlags(0), Asic::UnitId(3), entry};
-}
-
 class EntityManagerTest : public testing::Test {
  protected:
-  EntityManagerTest() { restart(); }
-
-  /// As a new process would: nothing of the former manager is left.
-  void restart() {
-    manager_ = nullptr;
-    manager_ = Fenrik::ptrIsImpl<EntityManager>("agent", directory_, Directory::Access::write);
-  }
-
   template <class T>
   Fenrik::Ptr<T> mount(const char* path, Drift::Word capacity = 1000) {
     return mountOn<T>(*manager_, path, capacity);
@@ -71,60 +46,28 @@ class EntityManagerTest : public testing::Test {
     return paths;
   }
 
-  static int inChild(const std::function<bool()>& piece) {
-    return Support::Process([&] { ::_exit(piece() ? 0 : 1); }).wait();
-  }
-
-  /// Changes the bytes of a collection's file from `at` on.
-  void damage(const char* path, std::size_t at, const std::string& with) const {
-    const Drift::Descriptor fd(::open(manager_->directory().pathOf(path).c_str(), O_WRONLY));
-    ASSERT_EQ(::pwrite(fd.get(), with.data(), with.size(), static_cast<off_t>(at)),
-              static_cast<ssize_t>(with.size()));
-  }
-
   Support::TempDir dir_;
   const Fenrik::String directory_{dir_.path()};
-  Fenrik::Ptr<EntityManager> manager_;
+  Fenrik::Ptr<EntityManager> manager_ =
+      Fenrik::ptrIsImpl<EntityManager>("agent", directory_, Directory::Access::write);
 };
 
-TEST_F(EntityManagerTest, CollectionsOutliveTheirProcessAndCountOn) {
+TEST_F(EntityManagerTest, CollectionsAreFoundBelowTheirPaths) {
   auto log = mount<TcamEntryEntryLogDrift>(kLogPath);
-  auto config = mount<TcamEntryConfigDrift>(kConfigPath);
-  ASSERT_TRUE(log != nullptr && config != nullptr);
-  EXPECT_EQ(log->collectionControl()->mountStage(), Drift::MountStage::made);
   EXPECT_EQ(mount<TcamEntryEntryLogDrift>(kLogPath), log) << "what is mounted stays";
-  for (std::uint64_t version = 1; version <= 5; ++version) {
-    log->entryLogConfigIs(logRecord(version));
-    if (version < 5) log->collectionControl()->scratchpadIs(version);
-  }
-  const TcamEntryConfigDriftEntry record(logRecord(9).logEntry, {}, Asic::LogVersion(4), true);
-  config->swTableEntriesIs(record);
-  log->entryLogConfigDel(Asic::LogVersion(1));
+  mount<TcamEntryConfigDrift>(kConfigPath);
   log = nullptr;
-  config = nullptr;
-  restart();
-
-  log = mount<TcamEntryEntryLogDrift>(kLogPath);
-  config = mount<TcamEntryConfigDrift>(kConfigPath);
-  EXPECT_EQ(log->collectionControl()->mountStage(), Drift::MountStage::ok);
-  EXPECT_EQ(log->collectionControl()->writerGeneration(), 2u);
-  EXPECT_EQ(log->collectionControl()->scratchpad(), 5u) << "what was logged counts";
-  EXPECT_EQ(log->map()->driftMapSize(), 4u);
-  bool found = false;
-  const auto& back = config->map()->driftMapFind(record.logEntry.key, found);
-  EXPECT_TRUE(found);
-  EXPECT_TRUE(TcamEntryConfigDriftEntry::isEq(&back, &record));
+  manager_ = nullptr;
+  manager_ = Fenrik::ptrIsImpl<EntityManager>("agent", directory_, Directory::Access::write);
+  EXPECT_TRUE(foundBelow("TcamEntry/", KivSharedMemType::mounted).empty());
+  mount<TcamEntryEntryLogDrift>(kLogPath);
+  mount<TcamEntryConfigDrift>(kConfigPath);
   EXPECT_EQ(foundBelow("TcamEntry/", KivSharedMemType::stored),
             (std::set<std::string>{kConfigPath, kLogPath}));
   manager_->entityDel(kLogPath);
   EXPECT_EQ(foundBelow("TcamEntry/", KivSharedMemType::mounted),
             std::set<std::string>{kConfigPath});
   EXPECT_TRUE(foundBelow("BigBb/", KivSharedMemType::stored).empty());
-  config->swTableEntriesDel(record.logEntry.key);
-  const auto& gone = config->map()->driftMapFind(record.logEntry.key, found);
-  EXPECT_FALSE(found);
-  const TcamEntryConfigDriftEntry none;
-  EXPECT_TRUE(TcamEntryConfigDriftEntry::isEq(&gone, &none));
 }
 
 TEST_F(EntityManagerTest, AMountThatCannotBeSaysWhatWhereAndWhy) {
@@ -159,98 +102,26 @@ TEST_F(EntityManagerTest, AMountThatCannotBeSaysWhatWhereAndWhy) {
   }
 }
 
-TEST_F(EntityManagerTest, DamageIsNotedWithItsCollection) {
-  const auto config = mount<TcamEntryConfigDrift>(kConfigPath);
-  config->swTableEntriesIs({logRecord(1).logEntry, {}, Asic::LogVersion(1), false});
-  damage(kConfigPath, config->file().header().slotsOffset + 100, "?");
-  bool found = true;
-  try {
-    config->map()->driftMapFind(logRecord(1).logEntry.key, found);
-    FAIL() << "damage was given out as good";
-  } catch (const Fenrik::CorruptionDetectedException& e) {
-    config->map()->doCorruptionDetected(e.msg());
-  }
-  const auto noted = config->map()->corruption();
-  EXPECT_EQ(noted.count, 1u);
-  EXPECT_THAT(noted.collection.str(), HasSubstr("TcamEntry"));
-  EXPECT_THAT(noted.lastMessage.str(), HasSubstr("slot 0"));
-  config->swTableEntriesIs({logRecord(1).logEntry, {}, Asic::LogVersion(2), false});
-  EXPECT_EQ(config->map()->driftMapFind(logRecord(1).logEntry.key, found).logVersion.value(), 2u);
-}
-
-TEST_F(EntityManagerTest, AReaderInAnotherProcessFollowsAndSleepsAtTheDoorbell) {
-  const auto log = mount<TcamEntryEntryLogDrift>(kLogPath);
-  log->entryLogConfigIs(logRecord(1));
-  log->entryLogConfigIs(logRecord(2));
-  log->entryLogConfigDel(Asic::LogVersion(1));
-  int ready[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  Support::Process reader([&] {
-    const auto manager =
-        Fenrik::ptrIsImpl<EntityManager>("reader", directory_, Directory::Access::read);
-    const auto entity = mountOn<TcamEntryEntryLogDrift>(*manager, kLogPath, 1000);
-    Drift::LogFollower<TcamEntryLogDriftEntry> follower(entity->file(), 1);
-    TcamEntryLogDriftEntry record;
-    bool good = follower.read(record) == DenseRead::gone;
-    follower.skip();
-    good = good && follower.read(record) == DenseRead::found && record.version.value() == 2;
-    good = good && follower.read(record) == DenseRead::notYet;
-    const auto begin = std::chrono::steady_clock::now();
-    good = good && !follower.wait(20ms) && std::chrono::steady_clock::now() - begin >= 20ms;
-    good = good && !follower.wait(-1ms);
-    if (::write(ready[1], "r", 1) != 1) ::_exit(2);
-    good = good && follower.wait(std::chrono::nanoseconds::max());
-    good = good && follower.read(record) == DenseRead::found;
-    ::_exit(good && record.version.value() == 3 ? 0 : 1);
-  });
-  char byte = 0;
-  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-  // It has to be asleep for the wake to be put to the test.
-  ::usleep(50'000);
-  log->entryLogConfigIs(logRecord(3));
-  log->ring();
-  EXPECT_EQ(reader.wait(), 0);
-}
-
-TEST_F(EntityManagerTest, TheManagerOfANameIsThisProcesssOwnOrTheMachines) {
-  EXPECT_EQ(EntityManager::getEntityManager("agent", true), manager_);
-  const Fenrik::String name = "bastil-test-machine";
-  const auto machine = EntityManager::getEntityManager(name, false);
-  EXPECT_EQ(machine->directory().path(), "/dev/shm/bastil-test-machine");
-  EXPECT_EQ(EntityManager::getEntityManager(name, false), machine);
-  std::filesystem::remove_all(machine->directory().path());
-}
-
-TEST_F(EntityManagerTest, AnotherProcessSeesAGenerationOfTheStateDatabaseMove) {
+TEST_F(EntityManagerTest, OthersSeeAGenerationOfTheStateDatabaseMoveAndCannotMoveIt) {
   using Generation = Stavro::ValueEntity<Asic::GenId>;
   const Fenrik::String path = "hardware/agent/relaunch/config/QuarnBastil";
-  auto state =
-      Fenrik::ptrIsImpl<Stavro::EntityManager>("agent", true, directory_, Directory::Access::write);
+  const auto managerWith = [&](Directory::Access access) {
+    return Fenrik::ptrIsImpl<Stavro::EntityManager>("agent", true, directory_, access);
+  };
+  const auto state = managerWith(Directory::Access::write);
   EXPECT_TRUE(state->getEntity(path) == nullptr);
-  auto generation = state->entityIs<Generation>(path);
-  EXPECT_EQ(state->getEntity(path), generation);
+  const auto generation = state->entityIs<Generation>(path);
   const std::uint32_t before = state->changes();
   Asic::GenId next = generation->get();
   next.majorIdInc(1);
   generation->set(next);
   generation->set(next);
   EXPECT_EQ(state->changes(), before + 1) << "an equal value is no change";
-  const auto seenBy = [&] {
-    const auto watcher = Fenrik::ptrIsImpl<Stavro::EntityManager>("watcher", true, directory_,
-                                                                  Directory::Access::read);
-    const auto seen = Fenrik::dynamicPtrCast<Generation>(watcher->getEntity(path));
-    if (seen == nullptr || seen->get().majorId() != 1) return false;
-    try {
-      seen->set(Asic::GenId(7, 7));
-      return false;
-    } catch (const Fenrik::Exception&) {
-      return seen->get().majorId() == 1;
-    }
-  };
-  EXPECT_EQ(inChild(seenBy), 0);
-  generation = nullptr;
-  state = nullptr;
-  EXPECT_EQ(inChild(seenBy), 0) << "it outlives its process";
+  const auto watcher = managerWith(Directory::Access::read);
+  const auto seen = Fenrik::dynamicPtrCast<Generation>(watcher->getEntity(path));
+  ASSERT_TRUE(seen != nullptr);
+  EXPECT_THROW(seen->set(Asic::GenId(7, 7)), Fenrik::Exception);
+  EXPECT_EQ(seen->get().majorId(), 1u);
 }
 
 }  // namespace

@@ -1,19 +1,10 @@
 #include <gmock/gmock.h>
 
-#include <cstring>
 #include <sstream>
 
 #include "OrderedTable/NeededEntryDrift.h"
 #include "OrderedTable/TableVersionDrift.h"
-#include "QuarnBastil/PortXformTcamActionTypes.h"
-#include "QuarnBastil/PortXformTcamEntryTypes.h"
-#include "QuarnBastil/TcamActionTypes.h"
-#include "QuarnBastil/TcamEntryTypes.h"
-#include "QuarnLpmLib/BigAdsDataModelTypes.h"
-#include "QuarnLpmLib/BigBbDataModelTypes.h"
-#include "QuarnLpmLib/SmallAdsDataModelTypes.h"
-#include "QuarnLpmLib/SmallBbDataModelTypes.h"
-#include "QuarnLpmLib/TcamDataModelTypes.h"
+#include "QuarnBastil/Families.h"
 #include "Stavro/EntityManager.h"
 #include "Support/Collections.h"
 
@@ -47,7 +38,7 @@ std::string shapeOf(const RecordField& field) {
 }
 
 template <class T>
-std::string tableOf(const char* name) {
+std::string tableOf(std::string_view name) {
   std::string rows = fmt::format("**{}**, {} bytes\n\n| Offset | Field | Size |\n|---|---|---|\n",
                                  name, sizeof(T));
   for (const RecordField& field : kFieldsOf<T>) {
@@ -58,38 +49,36 @@ std::string tableOf(const char* name) {
   return rows + "\n";
 }
 
-template <class Entry, class Config, class Log>
-std::string familyRow(const char* name) {
-  return fmt::format("| {} | {} | {} | {} | {} | {} | {} | {} |\n", name,
-                     sizeof(typename Entry::Key), sizeof(Entry), offsetof(Config, rsrcKeys),
-                     offsetof(Config, logVersion), offsetof(Config, isDeleted), sizeof(Config),
-                     sizeof(Log));
+/// The row of a family, and the fields of its entry under its name.
+template <class F>
+void add(std::string& rows, std::string& entries) {
+  using Config = typename F::ConfigDriftEntry;
+  const std::string_view type = F::ConfigDrift::kEntityName;
+  const std::string_view name =
+      type.substr(0, type.size() - std::string_view("ConfigDrift").size());
+  const auto own = name.substr(name.rfind(':') + 1);
+  rows += fmt::format("| {} | {} | {} | {} | {} | {} | {} | {} |\n", own, sizeof(typename F::Key),
+                      sizeof(typename F::LogEntry), offsetof(Config, rsrcKeys),
+                      offsetof(Config, logVersion), offsetof(Config, isDeleted), sizeof(Config),
+                      sizeof(typename F::LogDriftEntry));
+  entries += tableOf<typename F::LogEntry>(own);
+  if constexpr (requires(typename F::ResourceKeys keys) { keys.requestId; }) {
+    entries += tableOf<typename F::ResourceKeys>(fmt::format("Resource keys of {}", own));
+  }
 }
-#define FAMILY_ROW(space, name) \
-  familyRow<space::name##LogEntry, space::name##ConfigDriftEntry, space::name##LogDriftEntry>(#name)
+template <class... F>
+struct AddEach {
+  static void to(std::string& rows, std::string& entries) { (add<F>(rows, entries), ...); }
+};
 
 TEST(FormatPageTest, StatesTheFieldsOfEveryFamily) {
   std::string families =
       "| Family | key | entry | `rsrcKeys` | `logVersion` | `isDeleted` | configuration | log |\n"
       "|---|---|---|---|---|---|---|---|\n";
-  families += FAMILY_ROW(QuarnBastil, TcamEntry) + FAMILY_ROW(QuarnBastil, TcamAction) +
-              FAMILY_ROW(QuarnBastil, PortXformTcamEntry) +
-              FAMILY_ROW(QuarnBastil, PortXformTcamAction) +
-              FAMILY_ROW(QuarnLpmLib, BigBbDataModel) + FAMILY_ROW(QuarnLpmLib, SmallBbDataModel) +
-              FAMILY_ROW(QuarnLpmLib, BigAdsDataModel) +
-              FAMILY_ROW(QuarnLpmLib, SmallAdsDataModel) + FAMILY_ROW(QuarnLpmLib, TcamDataModel);
+  std::string entries;
+  QuarnBastil::FamilyList<AddEach>::to(families, entries);
   EXPECT_THAT(page(), HasSubstr(families));
-  const std::string entries =
-      tableOf<QuarnBastil::TcamEntryLogEntry>("TcamEntry") +
-      tableOf<QuarnBastil::TcamActionLogEntry>("TcamAction") +
-      tableOf<QuarnBastil::TcamActionResourceKeys>("Resource keys of TcamAction") +
-      tableOf<QuarnBastil::PortXformTcamEntryLogEntry>("PortXformTcamEntry") +
-      tableOf<QuarnBastil::PortXformTcamActionLogEntry>("PortXformTcamAction") +
-      tableOf<QuarnLpmLib::BigBbDataModelLogEntry>("BigBbDataModel") +
-      tableOf<QuarnLpmLib::SmallBbDataModelLogEntry>("SmallBbDataModel") +
-      tableOf<QuarnLpmLib::BigAdsDataModelLogEntry>("BigAdsDataModel") +
-      tableOf<QuarnLpmLib::SmallAdsDataModelLogEntry>("SmallAdsDataModel") +
-      tableOf<QuarnLpmLib::TcamDataModelLogEntry>("TcamDataModel") +
+  entries +=
       tableOf<Asic::NeededEntryRecord>("Needed set") + tableOf<Asic::TableVersionRecord>("Report");
   EXPECT_THAT(page(), HasSubstr(entries));
   using State = Stavro::StateRecord;

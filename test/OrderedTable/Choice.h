@@ -67,7 +67,7 @@ class Choice {
         helper(act);
         break;
       case 7:
-        read(act);
+        act.kind = percent(50) ? Kind::has : Kind::read;
         break;
       case 8:
         settle(act);
@@ -165,18 +165,13 @@ class Choice {
   }
 
   void helper(Act& act) {
-    act.kind = percent(70) ? Kind::helper : Kind::watch;
-    act.flag = percent(act.kind == Kind::watch ? 60 : 10);
+    act.kind = Kind::helper;
+    act.flag = percent(10);
     act.plan.plain = percent(30);
     act.plan.mask = percent(50) ? 1 + below(7) : 0;
     act.plan.answer = percent(80);
     act.plan.throws = percent(10);
     act.plan.rejects = percent(70);
-  }
-
-  void read(Act& act) {
-    const Kind kinds[] = {Kind::has, Kind::read, Kind::entry, Kind::config, Kind::count};
-    act.kind = kinds[below(sparing_ || percent(60) ? 4 : 5)];
   }
 
   void settle(Act& act) {
@@ -198,10 +193,7 @@ class Choice {
   }
 
   void iterate(Act& act) {
-    act.kind = sparing_ || remote_ ? Kind::has
-               : percent(4)        ? Kind::snapshot
-               : percent(20)       ? Kind::iterBegin
-                                   : Kind::iterStep;
+    act.kind = sparing_ || remote_ ? Kind::has : percent(20) ? Kind::iterBegin : Kind::iterStep;
     act.slot = act.table * 2 + below(2);
     act.flag = percent(50);
   }

@@ -4,7 +4,7 @@
 #include <fmt/ranges.h>
 
 #include "OrderedTable/TableModel.h"
-#include "Support/FamilyFacts.h"
+#include "Support/Ear.h"
 #include "Support/Running.h"
 
 /// The real tables, asked with the words of the model.
@@ -137,8 +137,6 @@ class RealAgent : public Agent {
   unsigned units() const { return plan_.shape.units; }
 
   std::vector<std::unique_ptr<AnyFamily>> families;
-  /// As the real map had it at each step of an iteration.
-  std::deque<std::vector<Key>> addOrders;
 
  private:
   Asic::GroupInterface& groupOf(unsigned group) const {
@@ -180,10 +178,11 @@ class RealFamily final : public AnyFamily {
         number_(number),
         interface_(agent.running().interface<F>()),
         tables_(agent.units()),
-        watches_(agent.units()) {
-    statusWatch_.attach(*this, 0, interface_->swTableStatus()->publisher(),
-                        &RealFamily::statusChanged);
-  }
+        statusEar_(*interface_->swTableStatus()->publisher(), [this](const Fenrik::Change& change) {
+          agent_.see({.kind = Event::Kind::flagged,
+                      .table = number_,
+                      .number = *static_cast<const bool*>(change.value)});
+        }) {}
 
   Asic::GroupInterface& group() const override { return agent_.running().template group<F>(); }
 
@@ -201,8 +200,6 @@ class RealFamily final : public AnyFamily {
 
   void mountTable(unsigned unit, bool reset) override {
     tables_[unit] = interface_->makeSwTable(unitId(unit), nullptr, reset);
-    watches_[unit].stats.attach(*this, unit, tables_[unit]->stats()->publisher(),
-                                &RealFamily::statsChanged);
     reader_ = nullptr;  // there is more to be seen
   }
 
@@ -232,22 +229,12 @@ class RealFamily final : public AnyFamily {
         return agent_.answer(act, act.key, table.entryHas(key));
       case Kind::read:
         return agent_.answer(act, numbers(table.entryRead(key)));
-      case Kind::entry:
-        return agent_.answer(act, numbers(table.entry(key)));
-      case Kind::config:
-        return agent_.answer(act, numbers(table.entryFromConfig(key)));
-      case Kind::count:
-        return agent_.answer(act, 0, table.entrys());
       case Kind::iterBegin:
-        return iterBegin(table, act);
+        return iterBegin(unit, act);
       case Kind::iterStep:
-        return iterStep(act);
-      case Kind::snapshot:
-        return snapshot(table, act);
+        return iterStep(unit, act);
       case Kind::helper:
         return helper(table, act);
-      case Kind::watch:
-        return watch(unit, act.flag);
       case Kind::pump:
       case Kind::hear:
       case Kind::settle:
@@ -259,7 +246,6 @@ class RealFamily final : public AnyFamily {
   void compareQuickly(Differences& differ, const Model& model) const override {
     const Family& family = model.family(number_);
     const auto& control = *log().tableEntryLog()->collectionControl();
-    const auto& resolver = *group().groupResolver();
     differ.where = F::kTableName;
     differ("tableVersion", family.scratchpad, log().tableVersion().value());
     differ("tableStatusVersion", family.statusVersion, log().tableStatusVersion().value());
@@ -268,8 +254,7 @@ class RealFamily final : public AnyFamily {
     differ("log size", family.log.size(), log().tableEntryLog()->map()->driftMapSize());
     differ("pendingHwWrites", family.pendingHwWrites,
            interface_->swTableStatus()->pendingHwWrites());
-    differ("queue", model.queue(family.group).size(), resolver.length());
-    differ("too many looks at the head", false, resolver.looks() > model.looks(family.group));
+    differ("queue", model.queue(family.group).size(), group().groupResolver()->length());
     for (unsigned unit = 0; unit < tables_.size(); ++unit) {
       if (tables_[unit] == nullptr) continue;
       const Table& table = *tables_[unit];
@@ -316,34 +301,18 @@ class RealFamily final : public AnyFamily {
         walked.insert(numbers(*it));
       }
       differ("what a walk shows", model.contents(number), walked);
+      walked.clear();
+      const auto all = table.getTableEntries_py();
+      for (auto it = all->tableEntriesIterator(); it; ++it) walked.insert(numbers(it->value()));
+      differ("a copy of the entries", model.contents(number), walked);
     });
   }
 
  private:
-  /// Hears of the changes of one object.
-  struct Watch : Fenrik::Subscriber {
-    using Heard = void (RealFamily::*)(unsigned unit, const Fenrik::Change&);
-
-    void attach(RealFamily& toFamily, unsigned ofUnit, const Fenrik::Publisher* publisher,
-                Heard whatHeard) {
-      family = &toFamily;
-      unit = ofUnit;
-      heard = whatHeard;
-      dispatchIs([](const Fenrik::Publisher&, Fenrik::Subscriber& subscriber,
-                    const Fenrik::Change& change) noexcept {
-        auto& self = static_cast<Watch&>(subscriber);
-        (self.family->*self.heard)(self.unit, change);
-      });
-      publisher->subscriberAdd(*this, false);
-    }
-
-    RealFamily* family = nullptr;
-    unsigned unit = 0;
-    Heard heard = nullptr;
-  };
-  struct TableWatches {
-    Watch table;
-    Watch stats;
+  struct Walk {
+    Fenrik::Ptr<typename F::IteratorState> state;
+    std::map<Key, Version> throughout;
+    std::map<Key, unsigned> met;
   };
 
   /// Does what a plan says, and shows what a reader sees from within the commit.
@@ -448,37 +417,56 @@ class RealFamily final : public AnyFamily {
     agent_.answer(act, act.key, version.value());
   }
 
-  void iterBegin(const Table& table, const Act& act) {
-    auto& state = iterations_[act.slot];
-    state = act.flag ? table.initIterStateFromKey(Numbers::key(act.key)) : table.initIterState();
-    agent_.answer(act, Numbers::number(state->bookmarkKey()), state->state().value());
+  void iterBegin(unsigned unit, const Act& act) {
+    const Table& table = *tables_[unit];
+    Walk& walk = walks_[act.slot] = Walk();
+    walk.state =
+        act.flag ? table.initIterStateFromKey(Numbers::key(act.key)) : table.initIterState();
+    if (!act.flag) walk.throughout = atRest(unit);
   }
 
-  void iterStep(const Act& act) {
-    const auto found = iterations_.find(act.slot);
-    if (found == iterations_.end()) return;
-    auto& state = *found->second;
-    if (state.state().inAddColl()) agent_.addOrders.push_back(addOrder(*state.swTable()));
-    const Entry entry = state.maybeUpdateCurrentEntry();
-    agent_.answer(act, Numbers::number(state.bookmarkKey()), state.state().value());
-    agent_.answer(act, numbers(entry));
-  }
-
-  static std::vector<Key> addOrder(const Table& table) {
-    std::vector<Key> order;
-    for (auto it = table.transientAddEntryIterator(); it; ++it) {
-      order.push_back(Numbers::number(it.key()));
+  /// What a walk gives is what a read gives, and of what is there from its begin to its end, with
+  /// nothing in flight, it gives each entry once.
+  void iterStep(unsigned unit, const Act& act) {
+    const auto found = walks_.find(act.slot);
+    if (found == walks_.end()) return;
+    Walk& walk = found->second;
+    const auto& state = *walk.state;
+    const bool lost = state.state().inAddColl() && state.state().hasBookmark() &&
+                      !tables_[unit]->transientAddEntryHas(state.bookmarkKey());
+    // Its write was committed: the walk goes on among what is configured from that key on.
+    if (lost) walk.throughout.clear();
+    const Entry entry = walk.state->maybeUpdateCurrentEntry();
+    const auto rest = atRest(unit);
+    std::erase_if(walk.throughout, [&](const auto& member) {
+      const auto now = rest.find(member.first);
+      return now == rest.end() || *now != member;
+    });
+    if (state.state().hasCurrent()) {
+      ++walk.met[Numbers::number(entry.key)];
+      if (entry == tables_[unit]->entryRead(entry.key)) return;
+      throw std::logic_error("a walk gives another entry than a read");
     }
-    return order;
+    for (const auto& member : walk.throughout) {
+      if (walk.met[member.first] != 1) throw std::logic_error("a walk gives an entry not once");
+    }
+    walks_.erase(found);
   }
 
-  void snapshot(const Table& table, const Act& act) const {
-    const auto all = table.getTableEntries_py();
-    std::map<Key, Entry> sorted;
-    for (auto it = all->tableEntriesIterator(); it; ++it) {
-      sorted.emplace(Numbers::number(it.key()), it->value());
-    }
-    for (const auto& member : sorted) agent_.answer(act, numbers(member.second));
+  /// What is configured and no operation in flight is about, with its versions.
+  std::map<Key, Version> atRest(unsigned unit) const {
+    const Table& table = *tables_[unit];
+    std::map<Key, Version> all;
+    if (table.transientRemoveAllVersion().valid()) return all;
+    const auto keyOf = [](const auto& record) { return record.logEntry.key; };
+    Support::eachRecord(*log().tableConfigDrift(unitId(unit))->map(), keyOf,
+                        [&](const auto& record) {
+                          const FamilyKey& key = record.logEntry.key;
+                          if (record.isDeleted || table.transientAddEntryHas(key)) return;
+                          if (table.transientRemoveEntryHas(key)) return;
+                          all[Numbers::number(key)] = record.logVersion.value();
+                        });
+    return all;
   }
 
   void helper(Table& table, const Act& act) {
@@ -487,57 +475,6 @@ class RealFamily final : public AnyFamily {
                               ? Fenrik::ptrIsImpl<typename F::SwTableHelperBase>()
                               : Fenrik::Ptr<typename F::SwTableHelperBase>(
                                     Fenrik::ptrIsImpl<Helper>(this, act.table, act.plan)));
-  }
-
-  void watch(unsigned unit, bool on) {
-    Watch& watch = watches_[unit].table;
-    if (watch.subscribed() == on) return;
-    if (!on) return watch.unsubscribe();
-    watch.attach(*this, unit, tables_[unit]->publisher(), &RealFamily::tableChanged);
-  }
-
-  void tableChanged(unsigned unit, const Fenrik::Change& change) {
-    Event event{.kind = Event::Kind::changed, .table = numberOf(unit)};
-    event.what =
-        static_cast<std::uint8_t>(change.fieldId.number() - Support::factsOf<F>().tableAttribute);
-    const bool keyed = event.what == kAdds || event.what == kRemoves || event.what == kVersions;
-    if (keyed) {
-      event.key = Numbers::number(*static_cast<const FamilyKey*>(change.key));
-      event.gone = change.value == nullptr;
-    }
-    if (event.what == kHandles) event.key = *static_cast<const std::uint32_t*>(change.value);
-    if (event.what == kRemoveAll) {
-      event.value = static_cast<const Asic::MajorVersion*>(change.value)->value();
-    }
-    if (keyed && !event.gone) event.value = valueOf(event.what, change.value);
-    agent_.see(event);
-  }
-
-  static Version valueOf(unsigned what, const void* node) {
-    if (what == kVersions) {
-      using Node = typename Table::HN_TransientVersionForKey;
-      return static_cast<const Node*>(node)->value().majorVersion().value();
-    }
-    using Add = typename Table::HN_TransientAddEntry;
-    using Remove = typename Table::HN_TransientRemoveEntry;
-    const auto& wrapper = what == kAdds ? static_cast<const Add*>(node)->value()
-                                        : static_cast<const Remove*>(node)->value();
-    return numbers(wrapper->entry()).second;
-  }
-
-  void statsChanged(unsigned unit, const Fenrik::Change& change) {
-    const unsigned counter = change.fieldId.number() - 130U;
-    if (counter >= kCounters) return;  // the time of the last commit
-    agent_.see({.kind = Event::Kind::counted,
-                .what = static_cast<std::uint8_t>(counter),
-                .table = numberOf(unit),
-                .number = *static_cast<const unsigned long long*>(change.value)});
-  }
-
-  void statusChanged(unsigned, const Fenrik::Change& change) {
-    agent_.see({.kind = Event::Kind::flagged,
-                .table = number_,
-                .number = *static_cast<const bool*>(change.value)});
   }
 
   /// Calls `compare` with each table that there is, its number and the model's table.
@@ -608,17 +545,14 @@ class RealFamily final : public AnyFamily {
       handles.push_back(it.value()->logVersion().value());
     }
     differ("entryHandleInLog", expectedHandles, handles);
-    differ("newest index of entryHandleInLog", !handles.empty(),
-           table.entryHandleInLogHas(expected.nextIndex - 1));
   }
 
   RealAgent& agent_;
   unsigned number_;
   Fenrik::Ptr<typename F::Interface> interface_;
   std::vector<Fenrik::Ptr<Table>> tables_;
-  std::vector<TableWatches> watches_;
-  Watch statusWatch_;
-  std::map<unsigned, Fenrik::Ptr<typename F::IteratorState>> iterations_;
+  Support::Ear statusEar_;
+  std::map<unsigned, Walk> walks_;
   mutable std::unique_ptr<Support::MemoryReader<F>> reader_;
 };
 

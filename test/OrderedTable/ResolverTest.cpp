@@ -70,52 +70,59 @@ TEST_F(Resolver, WhatDoesNotFitIntoTheConfigurationIsTracedWithItsTable) {
 TEST_F(Resolver, APumpKeepsToItsBudgetAndSaysWhetherThereIsMore) {
   Support::TableRig<QuarnBastil::BigBbFamily> others(agent);
   const auto other = others.table(7);
-  for (unsigned n = 0; n < 10; ++n) remove(n);
-  for (unsigned n = 0; n < 100; ++n) other->entryRemove({n, 0}, nullptr);
-  auto pumped = agent.tables().pump(0);
-  EXPECT_TRUE(pumped.commits == 0 && pumped.more);
-  pumped = agent.tables().pump(105);
-  EXPECT_TRUE(pumped.commits == 105 && pumped.more);
+  const auto enqueue = [&](unsigned mine, unsigned theirs) {
+    for (unsigned n = 0; n < mine; ++n) remove(n);
+    for (unsigned n = 0; n < theirs; ++n) other->entryRemove({n, 0}, nullptr);
+  };
+  const auto expectPump = [&](unsigned budget, unsigned commits, bool more) {
+    const auto pumped = agent.tables().pump(budget);
+    EXPECT_TRUE(pumped.commits == commits && pumped.more == more) << budget;
+  };
+  enqueue(10, 100);
+  expectPump(0, 0, true);
+  expectPump(105, 105, true);
   EXPECT_EQ(resolver().length() + others.resolver().length(), 5u);
-  pumped = agent.tables().pump(105);
-  EXPECT_TRUE(pumped.commits == 5 && !pumped.more);
+  expectPump(105, 5, false);
   // No group waits for the end of another one's queue.
-  for (unsigned n = 0; n < 1000; ++n) remove(n);
-  for (unsigned n = 0; n < 1000; ++n) other->entryRemove({n, 0}, nullptr);
-  agent.tables().pump(1000);
+  enqueue(1000, 1000);
+  expectPump(1000, 1000, true);
   EXPECT_GT(resolver().length(), 400u);
   EXPECT_GT(others.resolver().length(), 400u);
+  agent.pumpAll();
+  // A budget of one goes to each group in turn.
+  enqueue(10, 10);
+  for (unsigned n = 0; n < 10; ++n) expectPump(1, 1, true);
+  EXPECT_EQ(resolver().length(), 5u);
+  EXPECT_EQ(others.resolver().length(), 5u);
   agent.pumpAll();
   // Nor for its head.
   const auto cause = looseHandle(entryPending);
   const auto stuck = write(1, 1, cause);
-  for (unsigned n = 0; n < 1000; ++n) other->entryRemove({n, 0}, nullptr);
-  pumped = agent.tables().pump(100);
-  EXPECT_TRUE(pumped.commits == 100 && pumped.more);
+  enqueue(0, 1000);
+  expectPump(100, 100, true);
   agent.pumpAll();
   EXPECT_EQ(others.resolver().length(), 0u);
   EXPECT_EQ(stuck->entryState(), entryPending);
-  EXPECT_FALSE(agent.tables().pump(100).more);
+  const auto looks = resolver().looks();
+  for (int n = 0; n < 100; ++n) expectPump(100, 0, false);
+  EXPECT_EQ(resolver().looks(), looks) << "a head is asked again only when something has changed";
   cause->entryStateIs(entryInLog);
-  // Reports are counted, each once, and taken in first.
   agent.pumpAll();
   EXPECT_EQ(stuck->entryState(), entryInLog);
-  hw.report(SmallToyFamily::kTableId, 1);
-  EXPECT_EQ(agent.tables().pump(0).reports, 1u);
-  EXPECT_EQ(calls.back(), "W1 entryDone");
-  EXPECT_EQ(agent.tables().pump(0).reports, 0u);
-  hw.report(SmallToyFamily::kTableId, 1);
-  EXPECT_EQ(agent.tables().pump(0).reports, 0u);
+}
+
+TEST_F(Resolver, ReportsAreCountedEachOnceAndTakenInFirst) {
+  const auto handle = write(1, 1);
+  agent.pumpAll();
   // One that no log can have reached is no report.
-  hw.report(SmallToyFamily::kTableId, UINT64_MAX);
-  EXPECT_EQ(agent.tables().pump(0).reports, 0u);
+  const std::pair<std::uint64_t, unsigned> reports[] = {{1, 1}, {1, 0}, {UINT64_MAX, 0}};
+  for (const auto& [version, taken] : reports) {
+    hw.report(SmallToyFamily::kTableId, version);
+    EXPECT_EQ(agent.tables().pump(0).reports, taken);
+    EXPECT_EQ(agent.tables().pump(0).reports, 0u);
+  }
+  EXPECT_EQ(calls, Calls{"W1 entryDone"});
   EXPECT_EQ(log().tableStatusVersion(), Asic::LogVersion(1));
-  // A budget of one goes to each group in turn.
-  for (unsigned n = 0; n < 10; ++n) remove(n);
-  for (unsigned n = 0; n < 10; ++n) other->entryRemove({n, 0}, nullptr);
-  for (unsigned n = 0; n < 10; ++n) agent.tables().pump(1);
-  EXPECT_EQ(resolver().length(), 5u);
-  EXPECT_EQ(others.resolver().length(), 5u);
 }
 
 TEST_F(Resolver, AWaitEndsWithAReportOrWithItsTime) {

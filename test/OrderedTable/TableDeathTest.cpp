@@ -45,11 +45,4 @@ TEST_F(TableDeathTest, AWriteToAUnitThatIsNotThereSaysSoFirst) {
       ".*Assertion `\"tableConfigDriftHas\\( unitId \\)\" == nullptr' failed");
 }
 
-TEST_F(TableDeathTest, AWalkIsNeverInBothCollections) {
-  const auto state = table->initIterState();
-  state->stateIs(state->state().withInTblCfg(true));
-  EXPECT_DEATH(state->maybeUpdateCurrentEntry(),
-               "Assertion `!iterState_->state\\(\\).inTblCfg\\(\\)' failed");
-}
-
 }  // namespace

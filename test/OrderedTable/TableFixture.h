@@ -59,7 +59,6 @@ struct TableFixture : testing::Test {
     hw.report(Family::kTableId, version);
     agent.pumpAll();
   }
-  unsigned pumpOne() { return agent.tables().pump(1).commits; }
 
   const Asic::SwTableStats& stats() const { return *table->stats(); }
   auto& log() const { return *rig.log(); }

@@ -60,15 +60,10 @@ struct Act {
     hear,       ///< what the hardware says in shared memory, all tables; flag: `number` first
     has,
     read,
-    entry,
-    config,
-    count,
     iterBegin,  ///< slot, of this table alone; flag: from the key
     iterStep,   ///< slot
-    snapshot,
-    settle,  ///< dependency: a handle gets the state `value` and, if foreign, a log version
-    helper,  ///< plan; flag: the one that is there once more
-    watch,   ///< flag: the table's changes are listened to or not
+    settle,     ///< dependency: a handle gets the state `value` and, if foreign, a log version
+    helper,     ///< plan; flag: the one that is there once more
   };
 
   Kind kind = Kind::pump;
@@ -95,31 +90,18 @@ struct Act {
 
 /// Something that was seen to happen.
 struct Event {
-  enum class Kind : std::uint8_t { changed, counted, flagged, hooked, handled, answered, threw };
+  enum class Kind : std::uint8_t { flagged, hooked, handled, answered, threw };
 
   Kind kind;
-  /// Of a change: the attribute's offset. Of a counter: which. Of an answer: to what.
+  /// Of an answer: to what. Of a hook: which.
   std::uint8_t what = 0;
   bool gone = false;
   unsigned table = 0;
   Key key = 0;
   Version number = 0;
   Version value = 0;
-  /// Neighbours with the same number, if it is not 0, may stand in any order.
-  unsigned anyOrder = 0;
 
-  /// All but `anyOrder`.
   auto facts() const { return std::tie(kind, what, gone, table, key, number, value); }
-};
-
-/// Offsets of a table's published attributes from the first one.
-enum Field : std::uint8_t {
-  kHelper = 0,
-  kAdds = 1,
-  kRemoves = 2,
-  kVersions = 3,
-  kRemoveAll = 4,
-  kHandles = 20
 };
 
 enum Counter : std::uint8_t {
@@ -207,25 +189,8 @@ struct Table {
   std::map<Key, Version> versions;
   std::optional<Version> removeAll;
   std::deque<OpPtr> handlesInLog;
-  std::uint32_t nextIndex = 1;
   std::array<Version, kCounters> counters{};
   Act::Plan plan;
-  bool watched = false;
-};
-
-struct Iteration {
-  unsigned table = 0;
-  bool hasCurrent = false;
-  bool inAdds = false;
-  bool inConfig = false;
-  bool removeAllPending = false;
-  bool hasBookmark = false;
-  Key bookmark = 0;
-
-  Version flags() const {
-    return Version{hasCurrent} | Version{inAdds} << 1 | Version{inConfig} << 2 |
-           Version{removeAllPending} << 3 | Version{hasBookmark} << 4;
-  }
 };
 
 inline bool failed(State state) {
@@ -238,13 +203,6 @@ struct Raised {
   explicit Raised(bool& flag) : flag(flag) { flag = true; }
   ~Raised() { flag = false; }
   bool& flag;
-};
-
-/// Counts one more however its scope is left.
-struct Counted {
-  explicit Counted(Version& count) : count(count) {}
-  ~Counted() { ++count; }
-  Version& count;
 };
 
 inline constexpr unsigned kOnSuccess = 0, kOnSuccessOfRemove = 1, kOnResourceUpdate = 2;
@@ -306,26 +264,14 @@ class Model final : public Agent {
       case Kind::has:
         return answer(act, act.key, entryHas(act.table, act.key));
       case Kind::read:
-      case Kind::entry:
         return answer(act, entryRead(act.table, act.key));
-      case Kind::config:
-        return answer(act, entryFromConfig(act.table, act.key));
-      case Kind::count:
-        return answer(act, 0, entrys(act.table));
       case Kind::iterBegin:
-        return iterBegin(act);
       case Kind::iterStep:
-        return iterStep(act);
-      case Kind::snapshot:
-        for (const auto& entry : contents(act.table)) answer(act, entry);
-        return;
+        return;  // Its order is that of a hash map: the real walk is held against the real table.
       case Kind::settle:
         return settle(act);
       case Kind::helper:
         return helper(act);
-      case Kind::watch:
-        table.watched = act.flag;
-        return;
     }
   }
 
@@ -334,7 +280,6 @@ class Model final : public Agent {
     groups_.assign(1 + *std::max_element(shape_.groupOfFamily.begin(), shape_.groupOfFamily.end()),
                    {});
     operations_.clear();
-    iterations_.clear();
     for (Family& family : families_) {
       family.mounted.assign(shape_.units, false);
       family.takeOver(everythingBut(family));
@@ -379,8 +324,6 @@ class Model final : public Agent {
     return families_[tables_[table].family].mounted[tables_[table].unit];
   }
   const std::deque<OpPtr>& queue(unsigned group) const { return groups_[group].queue; }
-  /// As often at most may the head of a queue have been asked.
-  Version looks(unsigned group) const { return groups_[group].looks; }
   OpId nextOp() const { return nextOp_; }
   /// The operation if it can still be depended on, otherwise null.
   OpPtr operation(OpId id) const {
@@ -456,10 +399,6 @@ class Model final : public Agent {
     return all;
   }
 
-  /// The order of a table's writes in flight at each coming step of an iteration through them: that
-  /// of a hash map, so nobody's to foretell.
-  std::deque<std::vector<Key>> addOrders;
-
   /// Operations whose handle changed since the list was last emptied.
   std::vector<OpPtr> touched;
 
@@ -478,7 +417,6 @@ class Model final : public Agent {
     kDeleteOvertaken,
     kPurged,
     kReportFound,
-    kBookmarkLost,
     kUpdated,
     kUpdateRefused,
     kUpdateUnchanged,
@@ -498,9 +436,6 @@ class Model final : public Agent {
   struct Group {
     std::deque<OpPtr> queue;
     bool pumping = false;
-    const Operation* asked = nullptr;
-    Version askedAt = 0;
-    Version looks = 0;
   };
 
   Family& familyFor(const Table& table) { return families_[table.family]; }
@@ -508,25 +443,8 @@ class Model final : public Agent {
     return families_[table.family].config[table.unit];
   }
 
-  // What is published.
-  void changed(const Table& table, Field field, Key key, bool gone, Version value,
-               unsigned anyOrder = 0) {
-    if (!table.watched) return;
-    see({.kind = Event::Kind::changed,
-         .what = field,
-         .gone = gone,
-         .table = number(table),
-         .key = key,
-         .value = value,
-         .anyOrder = anyOrder});
-  }
-
-  void count(Table& table, Counter counter, int by = 1) {
+  static void count(Table& table, Counter counter, int by = 1) {
     table.counters[counter] += static_cast<Version>(by);
-    see({.kind = Event::Kind::counted,
-         .what = counter,
-         .table = number(table),
-         .number = table.counters[counter]});
   }
 
   void updateFlag(Family& family) {
@@ -542,7 +460,6 @@ class Model final : public Agent {
 
   void stateIs(const OpPtr& op, State state) {
     op->state = state;
-    ++changes_;
     touched.push_back(op);
   }
 
@@ -556,13 +473,16 @@ class Model final : public Agent {
     op->dependency = operation(act.dependency);
     touched.push_back(op);
     if (act.kind == Act::Kind::removeAll) {
-      removeAll(table);
+      table.adds.clear();
+      table.removes.clear();
+      table.removeAll = table.removeAll ? *table.removeAll + 1 : 0;
     } else {
       const bool adds = act.kind == Act::Kind::write;
-      newVersion(table, op);
-      drop(table, adds ? kRemoves : kAdds, act.key);
+      const auto present = table.versions.find(act.key);
+      op->major = present != table.versions.end() ? present->second + 1 : 0;
+      table.versions[act.key] = op->major;
+      (adds ? table.removes : table.adds).erase(act.key);
       (adds ? table.adds : table.removes)[act.key] = op;
-      changed(table, adds ? kAdds : kRemoves, act.key, false, op->value);
       count(table, adds ? kWrites : kRemovals);
     }
     groups_[familyFor(table).group].queue.push_back(op);
@@ -571,29 +491,6 @@ class Model final : public Agent {
     if (act.kind != Act::Kind::removeAll) operations_[op->id] = op;
     std::erase_if(operations_,
                   [&](const auto& member) { return nextOp_ - member.first > kHandlesKept; });
-  }
-
-  void removeAll(Table& table) {
-    for (const Field field : {kAdds, kRemoves}) {
-      auto& members = field == kAdds ? table.adds : table.removes;
-      const unsigned anyOrder = nextAnyOrder_++;
-      for (const auto& member : members) changed(table, field, member.first, true, 0, anyOrder);
-      members.clear();
-    }
-    table.removeAll = table.removeAll ? *table.removeAll + 1 : 0;
-    changed(table, kRemoveAll, 0, false, *table.removeAll);
-  }
-
-  void newVersion(Table& table, const OpPtr& op) {
-    const auto present = table.versions.find(op->act.key);
-    op->major = present != table.versions.end() ? present->second + 1 : 0;
-    table.versions[op->act.key] = op->major;
-    changed(table, kVersions, op->act.key, false, op->major);
-  }
-
-  void drop(Table& table, Field field, Key key) {
-    auto& members = field == kAdds ? table.adds : table.removes;
-    if (members.erase(key) != 0) changed(table, field, key, true, 0);
   }
 
   void update(const Act& act) {
@@ -644,10 +541,7 @@ class Model final : public Agent {
   }
 
   void helper(const Act& act) {
-    if (act.flag) return;
-    Table& table = tables_[act.table];
-    table.plan = act.plan;
-    changed(table, kHelper, 0, false, 0);
+    if (!act.flag) tables_[act.table].plan = act.plan;
   }
 
   // The queue and the commit.
@@ -661,9 +555,6 @@ class Model final : public Agent {
     unsigned done = 0;
     for (; done < budget && !group.queue.empty(); ++done) {
       const OpPtr head = group.queue.front();
-      if (group.asked != head.get() || group.askedAt != changes_) ++group.looks;
-      group.asked = head.get();
-      group.askedAt = changes_;
       if (!resolved(*head)) break;
       group.queue.pop_front();
       commit(head);
@@ -679,7 +570,6 @@ class Model final : public Agent {
   }
 
   void commit(const OpPtr& op) {
-    const Counted counted(changes_);
     Table& table = tables_[op->act.table];
     const OpPtr dependency = std::exchange(op->dependency, nullptr);
     bool counts = true;
@@ -710,7 +600,7 @@ class Model final : public Agent {
   /// Ends the operation as if it had never been asked for.
   void refuse(Table& table, const OpPtr& op) {
     const bool adds = op->act.kind == Act::Kind::write;
-    removeFromTransient(table, *op, adds ? kAdds : kRemoves);
+    removeFromTransient(table, *op);
     count(table, adds ? kWrites : kRemovals, -1);
     end(op, State::rejected);
   }
@@ -725,7 +615,7 @@ class Model final : public Agent {
       return false;
     }
     hook(table, op, key, op->value, kOnSuccess);
-    removeFromTransient(table, *op, kAdds);
+    removeFromTransient(table, *op);
     op->logVersion =
         familyFor(table).write(table.unit, key, op->value, neededFor(table, dependency));
     if (familyFor(table).statusVersion < op->logVersion) {
@@ -739,7 +629,7 @@ class Model final : public Agent {
 
   void commitRemove(Table& table, const OpPtr& op, const OpPtr& dependency) {
     const Key key = op->act.key;
-    removeFromTransient(table, *op, kRemoves);
+    removeFromTransient(table, *op);
     hook(table, op, key, op->value, kOnSuccessOfRemove);
     op->logVersion = familyFor(table).remove(table.unit, key, neededFor(table, dependency));
     if (op->logVersion != 0) {
@@ -754,19 +644,18 @@ class Model final : public Agent {
     const Version current = table.removeAll.value();
     delAllEntries(table, neededFor(table, dependency), op);
     table.removeAll = current == 0 ? std::nullopt : std::optional(current - 1);
-    changed(table, kRemoveAll, 0, false, table.removeAll.value_or(UINT64_MAX));
   }
 
-  void removeFromTransient(Table& table, const Operation& op, Field field) {
-    const auto& members = field == kAdds ? table.adds : table.removes;
+  void removeFromTransient(Table& table, const Operation& op) {
+    auto& members = op.act.kind == Act::Kind::write ? table.adds : table.removes;
     const auto found = members.find(op.act.key);
     if (found == members.end()) return;
     if (found->second->major != op.major) {
       ++roads[kOvertaken];
       return;
     }
-    drop(table, field, op.act.key);
-    if (table.versions.erase(op.act.key) != 0) changed(table, kVersions, op.act.key, true, 0);
+    members.erase(found);
+    table.versions.erase(op.act.key);
   }
 
   void end(const OpPtr& op, State state) {
@@ -777,7 +666,6 @@ class Model final : public Agent {
   void waitInLog(Table& table, const OpPtr& op) {
     stateIs(op, State::inLog);
     table.handlesInLog.push_back(op);
-    changed(table, kHandles, table.nextIndex++, false, 0);
   }
 
   void handled(const OpPtr& op) {
@@ -871,15 +759,12 @@ class Model final : public Agent {
   }
 
   void report(Table& table, Version version) {
-    ++changes_;
     cleanup(familyFor(table), version);
     const FlagUpdate flag{*this, familyFor(table)};
     while (!table.handlesInLog.empty()) {
       const OpPtr head = table.handlesInLog.front();
       if (version < head->logVersion) break;
       table.handlesInLog.pop_front();
-      const auto waiting = static_cast<std::uint32_t>(table.handlesInLog.size());
-      changed(table, kHandles, table.nextIndex - 1 - waiting, false, 0);
       end(head, State::done);
     }
   }
@@ -898,7 +783,6 @@ class Model final : public Agent {
 
   /// The tables hear of it in any order.
   void hear(const Act& act) {
-    const std::size_t begin = events.size();
     if (act.flag) familyFor(tables_[act.table]).reportedIs(act.number);
     for (Family& family : families_) {
       if (!family.reported || family.taken == family.reported) continue;
@@ -909,111 +793,6 @@ class Model final : public Agent {
         }
       }
     }
-    const unsigned anyOrder = nextAnyOrder_++;
-    for (std::size_t i = begin; i < events.size(); ++i) events[i].anyOrder = anyOrder;
-  }
-
-  // Iteration.
-  void iterBegin(const Act& act) {
-    const Table& table = tables_[act.table];
-    Iteration it;
-    it.table = act.table;
-    it.removeAllPending = table.removeAll.has_value();
-    if (!act.flag) {
-      it.inAdds = true;
-    } else {
-      it.hasBookmark = true;
-      it.bookmark = act.key;
-      if (table.adds.count(act.key) != 0) {
-        it.inAdds = true;
-      } else {
-        it.inConfig = !it.removeAllPending && configHas(act.table, act.key);
-      }
-    }
-    iterations_[act.slot] = it;
-    answer(act, it.bookmark, it.flags());
-  }
-
-  void iterStep(const Act& act) {
-    const auto found = iterations_.find(act.slot);
-    if (found == iterations_.end()) return;
-    Iteration& it = found->second;
-    std::optional<std::pair<Key, Value>> result;
-    if (it.inAdds) result = stepAdds(it);
-    if (!result && it.inConfig) result = stepConfig(it);
-    if (!result) it.hasCurrent = it.inAdds = it.inConfig = false;
-    answer(act, it.bookmark, it.flags());
-    answer(act, result.value_or(std::pair<Key, Value>{0, 0}));
-  }
-
-  std::optional<std::pair<Key, Value>> stepAdds(Iteration& it) {
-    const Table& table = tables_[it.table];
-    if (addOrders.empty()) throw std::logic_error("no order of the writes in flight was seen");
-    const std::vector<Key> order = addOrders.front();
-    addOrders.pop_front();
-    std::vector<Key> sorted = order;
-    std::sort(sorted.begin(), sorted.end());
-    if (!std::equal(sorted.begin(), sorted.end(), table.adds.begin(), table.adds.end(),
-                    [](Key key, const auto& add) { return key == add.first; })) {
-      throw std::logic_error("the order of the writes in flight is not one of them all");
-    }
-    auto at = order.begin();
-    if (it.hasBookmark) at = std::find(order.begin(), order.end(), it.bookmark);
-    if (at == order.end()) {
-      if (it.hasBookmark) ++roads[kBookmarkLost];
-      leaveAdds(it);
-      return std::nullopt;
-    }
-    it.hasCurrent = true;
-    const std::pair<Key, Value> result(*at, table.adds.at(*at)->value);
-    it.hasBookmark = ++at != order.end();
-    if (it.hasBookmark) {
-      it.bookmark = *at;
-    } else {
-      leaveAdds(it);
-    }
-    return result;
-  }
-
-  std::optional<std::pair<Key, Value>> stepConfig(Iteration& it) {
-    const Table& table = tables_[it.table];
-    const auto& config = configFor(table);
-    std::optional<Key> candidate;
-    if (!it.hasBookmark) {
-      candidate = configAfter(table, std::nullopt);
-    } else if (config.count(it.bookmark) != 0) {
-      candidate = it.bookmark;
-    } else {
-      candidate = configAfter(table, it.bookmark);
-    }
-    while (candidate && (table.removes.count(*candidate) != 0 ||
-                         table.adds.count(*candidate) != 0 || config.at(*candidate).isDeleted)) {
-      candidate = configAfter(table, *candidate);
-    }
-    if (!candidate) return std::nullopt;
-    it.hasCurrent = true;
-    const std::optional<Key> next = configAfter(table, *candidate);
-    it.hasBookmark = next.has_value();
-    it.inConfig = next.has_value();
-    if (next) it.bookmark = *next;
-    return std::pair<Key, Value>(*candidate, config.at(*candidate).value);
-  }
-
-  /// The key that a walk comes to behind that one, or first.
-  std::optional<Key> configAfter(const Table& table, std::optional<Key> key) const {
-    const auto& placeOf = familyOf(number(table)).places[table.unit];
-    std::optional<Key> next;
-    for (const auto& member : configFor(table)) {
-      const unsigned candidate = placeOf.at(member.first);
-      if (key && candidate <= placeOf.at(*key)) continue;
-      if (!next || candidate < placeOf[*next]) next = member.first;
-    }
-    return next;
-  }
-
-  static void leaveAdds(Iteration& it) {
-    it.inAdds = false;
-    if (!it.removeAllPending) it.inConfig = true;
   }
 
   unsigned number(const Table& table) const {
@@ -1026,18 +805,13 @@ class Model final : public Agent {
   std::vector<Group> groups_;
   std::map<OpId, OpPtr> operations_;
   std::vector<OpPtr> foreigns_;
-  std::map<unsigned, Iteration> iterations_;
   OpId nextOp_ = 0;
-  /// Whatever can alter what the head of a queue answers.
-  Version changes_ = 0;
-  unsigned nextAnyOrder_ = 1;
   /// While a commit runs: where it notes that a handler threw.
   bool* handlerThrew_ = nullptr;
 };
 
 inline std::string toText(const Event& event) {
-  static constexpr const char* kNames[] = {"changed", "counted",  "flagged", "hooked",
-                                           "handled", "answered", "threw"};
+  static constexpr const char* kNames[] = {"flagged", "hooked", "handled", "answered", "threw"};
   return fmt::format(
       "{} what {}{} table {} key {} number {} value {}", kNames[static_cast<unsigned>(event.kind)],
       event.what, event.gone ? " gone" : "", event.table, event.key,
@@ -1045,20 +819,7 @@ inline std::string toText(const Event& event) {
 }
 
 /// What the real agent did otherwise; empty if it did the same.
-inline std::string difference(std::vector<Event> expected, std::vector<Event> seen) {
-  const auto byFacts = [](const Event& a, const Event& b) { return a.facts() < b.facts(); };
-  for (std::size_t i = 0; i < expected.size();) {
-    std::size_t end = i + 1;
-    const unsigned anyOrder = expected[i].anyOrder;
-    while (anyOrder != 0 && end < expected.size() && expected[end].anyOrder == anyOrder) ++end;
-    if (end > i + 1 && end <= seen.size()) {
-      std::sort(expected.begin() + static_cast<std::ptrdiff_t>(i),
-                expected.begin() + static_cast<std::ptrdiff_t>(end), byFacts);
-      std::sort(seen.begin() + static_cast<std::ptrdiff_t>(i),
-                seen.begin() + static_cast<std::ptrdiff_t>(end), byFacts);
-    }
-    i = end;
-  }
+inline std::string difference(const std::vector<Event>& expected, const std::vector<Event>& seen) {
   for (std::size_t i = 0; i < std::max(expected.size(), seen.size()); ++i) {
     if (i < expected.size() && i < seen.size() && expected[i].facts() == seen[i].facts()) continue;
     return fmt::format("event {}: expected {}, saw {}", i,

@@ -1,6 +1,9 @@
 #include <regex>
 
+#include "Blipline/RingReader.h"
+#include "Blipline/TraceHandle.h"
 #include "OrderedTable/TableFixture.h"
+#include "Support/Ear.h"
 #include "Support/Golden.h"
 #include "Support/Running.h"
 
@@ -35,6 +38,18 @@ struct TraceScript : TableFixture<TcamEntryFamily> {
   }
 
   Script script;
+  /// What subscribers hear stands where they hear it.
+  const Support::Ear ear{
+      *table->publisher(), [this](const Fenrik::Change& change) {
+        std::string what;
+        if (change.key != nullptr) {
+          what = fmt::format(" of {}{}", *static_cast<const Key*>(change.key),
+                             change.value == nullptr ? ", which goes" : "");
+        } else if (change.fieldId.number() == 662) {
+          what = fmt::format(" {}", *static_cast<const unsigned*>(change.value));
+        }
+        script.notes.lines.push_back(fmt::format("change of {}{}", change.fieldId.number(), what));
+      }};
 };
 
 TEST_F(TraceScript, WritesRemovesAndTheirCommits) {
@@ -66,21 +81,23 @@ TEST_F(TraceScript, WritesRemovesAndTheirCommits) {
 TEST_F(TraceScript, RemoveAllsUpdatesAndClears) {
   table->entryWrite(key(7), hop(7, 5), nullptr);
   agent.pumpAll();
+  table->entryWrite(key(7), hop(7, 6), nullptr);
+  table->entryRemove(key(5), nullptr);
   script.notes.taken();
   table->entryRemoveAll(nullptr);
-  script.traced("a remove-all");
+  script.traced("a remove-all, with a write and a remove in flight");
   table->entryRemoveAllWithResponseHandler(looseHandle(State::entryRejected), {});
   script.traced("another one, which depends on a failed operation");
   agent.pumpAll();
   script.traced("both are committed");
   table->clearTable(false);
   script.traced("a clear");
-  table->tableStatusVersion(Asic::LogVersion(3));
+  table->tableStatusVersion(Asic::LogVersion(4));
   script.traced("a report of it");
   table->transientRemoveAllVersionIs(Asic::MajorVersion());
   table->clearTable(true);
   script.traced("a clear of an empty table");
-  table->tableStatusVersion(Asic::LogVersion(3));
+  table->tableStatusVersion(Asic::LogVersion(4));
   script.traced("the same report");
 
   struct Setter : Fenrik::NodeClass<Setter, Helper> {
@@ -156,20 +173,12 @@ TEST_F(TraceScript, ReadsWalksAndTheIdenticalWrite) {
   script.traced("reads of the log");
 }
 
-TEST_F(TraceScript, ATableIsMade) {
-  log().mountDriftConfig(Asic::UnitId(5), Asic::LogVersion(0));
-  script.notes.taken();
-  const auto made =
-      Fenrik::ptrIsImpl<SwTable>(table->canonicalName(), table->tableId(), Asic::UnitId(5),
-                                 rig.set().get(), rig.log(), table->groupResolver());
-  script.traced("a table is made");
-  EXPECT_NE(made->swTableHelper(), nullptr);
-}
-
-/// What the interface traces while it brings its family up.
+/// What the interface traces while it brings its family up, and what it leaves in the ring.
 TEST(InterfaceTrace, OfAFirstStartARestartAndAUnitThatIsNotThereAnyMore) {
-  const Support::TempDir dir;
+  const Support::TempDir dir, ring;
   Script script;
+  Blipline::TraceHandle handle({ring.path(), "t", Blipline::kRingBytesMin, false});
+  Blipline::defaultBliplineHandle = &handle;
   {
     Support::Running agent(dir.path());
     const auto interface = agent.interface<TcamEntryFamily>();
@@ -200,6 +209,16 @@ TEST(InterfaceTrace, OfAFirstStartARestartAndAUnitThatIsNotThereAnyMore) {
                          Fenrik::ptrIsImpl<QuarnBastil::TcamEntrySwTableHelperBase>(), true);
   script.traced("a table that exists is made with another helper, cleared");
   EXPECT_EQ(interface->entryLog()->tableVersion().value(), 7U);
+  agent.table<TcamEntryFamily>(7, true);
+  script.traced("a table of a new unit is cleared");
+  Blipline::defaultBliplineHandle = nullptr;
+  const Blipline::RingFile file(ring.path() + "/t-0.blip");
+  script.lines.push_back("# the ring");
+  for (const auto& record : file.records()) {
+    const auto& site = file.descriptions().at(record.msgId);
+    script.lines.push_back(site.letters + " " + site.className + " " + site.function +
+                           file.text(record));
+  }
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 
@@ -7,18 +7,31 @@
 #include <mutex>
 #include <random>
 #include <set>
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
-#include "Fenrik/NodeClass.h"
+#include "Fenrik/ThreadControl.h"
+#include "OvSlab/AllocReport.h"
+#include "OvSlab/AllocTrackTypeInfo.h"
 #include "OvSlab/OvSlab.h"
 #include "OvSlab/SlabStats.h"
 #include "Support/Soak.h"
 
 namespace {
 
+using Kiv::AllocTrackRow;
+using Kiv::AllocTrackTypeInfo;
 using OvSlab::SlabAllocationPattern;
+
+struct Large {};
+struct Shared {};
+
+AllocTrackRow rowOf(const std::string& name) {
+  const std::vector<AllocTrackRow> rows = Kiv::allocTrackRows();
+  const auto found = std::ranges::find_if(
+      rows, [&](const AllocTrackRow& row) { return row.typeName.ends_with(name); });
+  return found == rows.end() ? AllocTrackRow{} : *found;
+}
 
 class ThreadsOn {
  public:
@@ -178,46 +191,6 @@ TEST(SlabTest, EmptySlabsGiveTheirMemoryBackAndASteadyLoadDoesNotFlap) {
   }
 }
 
-TEST(SlabTest, NewObjectsFillTheHolesBeforeTheyTakeNewSlabs) {
-  const auto pattern = SlabAllocationPattern::perWrite;
-  std::mt19937 random(7);
-  std::vector<void*> objects(40000);
-  for (void*& object : objects) object = OvSlab::slabAlloc(112, pattern);
-  const std::size_t slabs = classStats(112, pattern).slabs;
-  for (int step = 0; step != 400000; ++step) {
-    // Several go before several come, so that the spare object alone does not serve them.
-    const std::size_t first = random() % (objects.size() - 8);
-    for (std::size_t i = first; i != first + 8; ++i) OvSlab::slabFree(objects[i], typeid(int));
-    for (std::size_t i = first; i != first + 8; ++i) objects[i] = OvSlab::slabAlloc(112, pattern);
-  }
-  EXPECT_LE(classStats(112, pattern).slabs, slabs + slabs / 7 + 2) << "an eighth may lie idle";
-  std::shuffle(objects.begin(), objects.end(), random);
-  for (std::size_t i = 0; i != 30000; ++i) OvSlab::slabFree(objects[i], typeid(int));
-  for (std::size_t i = 0; i != 30000; ++i) objects[i] = OvSlab::slabAlloc(112, pattern);
-  EXPECT_LE(classStats(112, pattern).slabs, slabs + slabs / 7 + 2);
-  for (void* const object : objects) OvSlab::slabFree(object, typeid(int));
-  EXPECT_LE(classStats(112, pattern).slabs, 2u);
-}
-
-class Fragile final : public Fenrik::NodeClass<Fragile> {
- public:
-  explicit Fragile(bool broken) {
-    if (broken) throw std::runtime_error("broken");
-  }
-  char payload[900] = {};
-};
-
-TEST(SlabTest, AConstructorThatThrowsLeavesNeitherACountNorStorageBehind) {
-  const Fragile::Ptr whole = Fenrik::ptrIsImpl<Fragile>(false);
-  const std::size_t live = objectsLive();
-  EXPECT_EQ(Fragile::memAllocationTracker_->liveCount(), 1u);
-  for (int i = 0; i != 100; ++i) {
-    EXPECT_THROW(Fenrik::ptrIsImpl<Fragile>(true), std::runtime_error);
-  }
-  EXPECT_EQ(objectsLive(), live);
-  EXPECT_EQ(Fragile::memAllocationTracker_->liveCount(), 1u);
-}
-
 TEST(SlabDeathTest, AWrongFreeIsRefusedWithTheClassAndTheAddress) {
   const auto twice = [](std::size_t others) {
     void* const object = OvSlab::slabAlloc(320);
@@ -233,14 +206,40 @@ TEST(SlabDeathTest, AWrongFreeIsRefusedWithTheClassAndTheAddress) {
                "Piece is not the start of an object");
 }
 
-TEST(SlabTest, BytesThatLookLikeAFreeObjectAreNotTakenForOne) {
-  std::vector<std::uint32_t*> objects(64);
-  for (std::uint32_t*& object : objects) {
-    object = static_cast<std::uint32_t*>(OvSlab::slabAlloc(1280));
-    std::fill_n(object, 320, OvSlab::Impl::kFreeMark);
-  }
-  for (std::uint32_t* const object : objects) OvSlab::slabFree(object, typeid(int));
-  EXPECT_EQ(classStats(1280, SlabAllocationPattern::longLived).objectsLive, 0u);
+TEST(AllocTrackTest, EveryTrackerOfAClassReachesOneRecordAndNothingIsLostBetweenThreads) {
+  Fenrik::ThreadControl::tsp_ = true;
+  AllocTrackTypeInfo* trackers[2] = {nullptr, nullptr};
+  const auto work = [&](unsigned thread) {
+    AllocTrackTypeInfo*& tracker = trackers[thread % 2];
+    for (unsigned i = 0; i != 20000; ++i) {
+      AllocTrackTypeInfo::_trackAllocation(&tracker, typeid(Shared), 64, 8);
+      AllocTrackTypeInfo::trackArrayAllocation(&tracker, typeid(Shared), 64, 3);
+      const AllocTrackRow row = i % 1000 == 0 ? rowOf("::Shared") : AllocTrackRow{};
+      EXPECT_TRUE(row.live <= row.peak && row.peak <= row.total);
+      AllocTrackTypeInfo::trackDeallocation(tracker);
+      if (i % 4 != 0) AllocTrackTypeInfo::trackArrayDeallocation(tracker, 3);
+    }
+  };
+  std::vector<std::thread> workers;
+  for (unsigned thread = 0; thread != 4; ++thread) workers.emplace_back(work, thread);
+  for (std::thread& worker : workers) worker.join();
+  Fenrik::ThreadControl::tsp_ = false;
+  EXPECT_EQ(trackers[0], trackers[1]);
+  const AllocTrackRow row = rowOf("::Shared");
+  EXPECT_EQ(row.total, 4u * 20000 * 4);
+  EXPECT_EQ(row.live, 4u * 5000 * 3);
+  EXPECT_EQ(row.liveArrays, 4u * 5000);
+  EXPECT_GE(row.peak, row.live);
+  EXPECT_LE(row.peak, row.live + 4 * 4);
+  EXPECT_EQ(row.liveBytes, row.live * 64);
+  EXPECT_EQ(row.alignment, 8u);
+
+  AllocTrackTypeInfo* large = nullptr;
+  AllocTrackTypeInfo::_trackAllocation(&large, typeid(Large), 4'000'000, 8);
+  EXPECT_TRUE(std::ranges::is_sorted(Kiv::allocTrackRows(), std::ranges::greater(),
+                                     &AllocTrackRow::liveBytes));
+  EXPECT_THAT(Kiv::allocReport(), testing::ContainsRegex("4000000 .*::Large\n"));
+  AllocTrackTypeInfo::trackDeallocation(large);
 }
 
 #if !defined(__has_feature)

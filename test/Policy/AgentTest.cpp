@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,18 +6,70 @@
 #include <filesystem>
 #include <fstream>
 
-#include "Policy/AgentRun.h"
-#include "Policy/TableModel.h"
-#include "Support/TempDir.h"
+#include "Drift/RecordLayout.h"
+#include "Support/Process.h"
 #include "policy/Generate.h"
+#include "policy/Plan.h"
+#include "policy/Rows.h"
 #include "policy/RuleFile.h"
+#include "tables/Collections.h"
 
 namespace PolicyTest {
 namespace {
 
 using Policy::Rule;
+using QuarnBastil::BigBbFamily;
+using QuarnBastil::TcamEntryFamily;
 using testing::HasSubstr;
 using testing::StartsWith;
+
+/// The agent's program over a directory.
+struct AgentRun : Support::Program {
+  AgentRun(const std::string& directory, std::vector<std::string> arguments)
+      : Program([&] {
+          arguments.insert(arguments.begin(), {BASTIL_AGENT, "--dir", directory});
+          return arguments;
+        }()) {}
+};
+
+template <class Family>
+void eachEntry(const Drift::Directory& directory, std::uint16_t unit, auto take) {
+  const auto& kind = *Tables::kindOf(Family::kTableId);
+  if (std::ranges::count(Tables::configuredUnits(directory, kind), Asic::UnitId(unit)) == 0) return;
+  Tables::Config(directory, kind, Asic::UnitId(unit))
+      .walk(
+          [&](const Tables::ConfigRow& row) {
+            typename Family::LogEntry entry;
+            Drift::FlatLayout<typename Family::LogEntry>::fromWords(row.entry.data(), entry);
+            if (!row.isDeleted) take(entry);
+          },
+          [](const std::string& damage) { ADD_FAILURE() << damage; });
+}
+
+/// What another process finds in the directory: the rows of a unit, those in deletion left out.
+Policy::Picture pictureIn(const std::string& path, std::uint16_t unit) {
+  Policy::Picture picture;
+  const Drift::Directory directory(path, Drift::Directory::Access::read);
+  eachEntry<BigBbFamily>(directory, unit, [&](const auto& entry) {
+    picture.prefixes.push_back(Policy::prefixRowOf(entry));
+  });
+  eachEntry<TcamEntryFamily>(directory, unit, [&](const auto& entry) {
+    picture.rules.push_back(
+        {entry.key.bank, entry.key.index, Policy::ruleOf(entry), Policy::ruleRowOf(entry)});
+  });
+  return picture;
+}
+
+/// How far the logs of both tables go.
+std::array<std::uint64_t, 2> versionsIn(const std::string& path) {
+  const Drift::Directory directory(path, Drift::Directory::Access::read);
+  const auto announced = [&](Asic::SwTableId id) {
+    const auto& kind = *Tables::kindOf(id);
+    const Tables::Collection log(directory, kind.logPath, kind.log);
+    return Tables::lineOf(log.file(), Drift::Format::Line::announced).value_or(0);
+  };
+  return {announced(BigBbFamily::kTableId), announced(TcamEntryFamily::kTableId)};
+}
 
 class AgentTest : public testing::Test {
  protected:
@@ -38,21 +89,12 @@ class AgentTest : public testing::Test {
   }
 
   /// Whether a unit carries out these rules and holds nothing else.
-  void expectCarriedOut(unsigned unit, const std::vector<Rule>& rules) const {
+  void expectCarriedOut(std::uint16_t unit, const std::vector<Rule>& rules) const {
     const auto picture = pictureIn(tables(), unit);
     Policy::Wanted wanted;
     Policy::addRules(wanted, rules);
     EXPECT_EQ(Policy::planOf(picture, wanted).steps.size(), 0U);
     EXPECT_EQ(picture.rules.size(), rules.size());
-    TableModel model;
-    for (const auto& row : picture.prefixes) model.apply({.row = row});
-    for (const auto& placed : picture.rules) model.apply({.row = placed});
-    for (std::size_t i = 0; i < rules.size(); i += 1 + rules.size() / 50) {
-      const Packet packet{rules[i].source.address,   rules[i].destination.address,
-                          rules[i].sourcePorts.last, rules[i].destinationPorts.first,
-                          rules[i].protocol.value,   rules[i].flags.value};
-      EXPECT_EQ(model.decide(packet), Policy::firstMatch(rules, packet)) << i;
-    }
   }
 
   /// Takes what the agent commits, and reports it.
@@ -163,30 +205,6 @@ TEST_F(AgentTest, WhatCannotBeIsToldAndChangesNothing) {
   EXPECT_EQ(pictureIn(tables(), 1).rules.size(), 0U);
 }
 
-TEST_F(AgentTest, ASignalReadsAgainAndALostConfigurationIsWrittenAgain) {
-  const auto hardware = hardwareWriter();
-  const auto campus = Policy::readRules(BASTIL_CAMPUS_RULES);
-  const auto path = rules("rules", campus);
-  AgentRun agent(tables(), {path});
-  EXPECT_THAT(agent.await("programmed"), StartsWith("programmed: 472 rules, "));
-  auto fewer = campus;
-  fewer.resize(400);
-  rules("rules", fewer);
-  agent.signal(SIGHUP);
-  EXPECT_THAT(agent.await("programmed"), StartsWith("programmed: 400 rules, "));
-  agent.kill();
-  expectCarriedOut(0, fewer);
-  for (const auto& entry : std::filesystem::directory_iterator(tables())) {
-    if (entry.path().string().find("TcamEntry%2Fconfig") == std::string::npos) continue;
-    std::fstream(entry.path()).seekp(40).write("damage", 6);
-  }
-  AgentRun next(tables(), {path});
-  EXPECT_NE(next.await("relaunch generation 1.0"), "");
-  EXPECT_THAT(next.await("programmed"), HasSubstr("; 400 rows written,"));
-  EXPECT_NE(next.await("acknowledged"), "");
-  expectCarriedOut(0, fewer);
-}
-
 TEST_F(AgentTest, TheExampleGoesOnFromWhereItWasKilled) {
   const auto example = [&](const std::string& networks, const std::string& told, int signal) {
     Support::Program agent({BASTIL_EXAMPLE, tables(), "1", networks, "300"});
@@ -200,29 +218,6 @@ TEST_F(AgentTest, TheExampleGoesOnFromWhereItWasKilled) {
   const auto picture = pictureIn(tables(), 0);
   ASSERT_EQ(picture.prefixes.size(), 3U);
   EXPECT_EQ(picture.rules.size(), 3U);
-}
-
-TEST_F(AgentTest, FullMemoryEndsItAndMoreMemoryLetsItGoOn) {
-  const std::string small = dir_.path() + "/small";
-  std::filesystem::create_directory(small);
-  if (::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=16m") != 0) {
-    GTEST_SKIP() << "a small file system is root's to make";
-  }
-  struct Mounted {
-    std::string path;
-    ~Mounted() { ::umount2(path.c_str(), MNT_DETACH); }
-  } mounted{small};
-  const auto wanted = Policy::generate({.rules = 20'000, .networks = 400});
-  const auto path = rules("rules", wanted);
-  const std::string inSmall = small + "/tables";
-  AgentRun agent(inSmall, {"--once", path});
-  EXPECT_NE(agent.await("no space"), "");
-  EXPECT_EQ(agent.wait(), 1);
-  const auto written = pictureIn(inSmall, 0);
-  EXPECT_GT(written.prefixes.size(), 0U);
-  ASSERT_EQ(::mount("tmpfs", small.c_str(), "tmpfs", MS_REMOUNT, "size=512m"), 0);
-  EXPECT_EQ(AgentRun(inSmall, {"--once", path}).wait(), 0);
-  EXPECT_EQ(pictureIn(inSmall, 0).rules.size(), wanted.size());
 }
 
 }  // namespace

@@ -111,6 +111,21 @@ std::pair<Key, Value> numbersOf(const T& entry) {
   return {key, whole ? value : std::numeric_limits<Value>::max()};
 }
 
+/// No byte is zero, padding neither, and neighbours differ.
+template <class Family>
+typename Family::LogEntry fullEntryOf() {
+  typename Family::LogEntry entry;
+  auto* const bytes = reinterpret_cast<unsigned char*>(&entry);
+  for (std::size_t i = 0; i < sizeof entry; ++i) bytes[i] = static_cast<unsigned char>(i % 250 + 1);
+  if constexpr (requires { entry.sourcePrefix; }) {
+    for (auto* prefix : {&entry.sourcePrefix, &entry.destinationPrefix, &entry.innerSourcePrefix,
+                         &entry.innerDestinationPrefix}) {
+      prefix->present = true;
+    }
+  }
+  return entry;
+}
+
 struct ConfigRecord {
   Value value = 0;
   Version logVersion = 0;

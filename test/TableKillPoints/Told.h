@@ -1,7 +1,7 @@
 #pragma once
 
-#include "DriftKill/Collections.h"
 #include "OrderedTable/RealAgent.h"
+#include "Support/Collections.h"
 #include "Support/Soak.h"
 
 /// What the hardware writer sees of two tables, each in a group of its own, and in which order it

@@ -4,7 +4,6 @@ import tempfile
 import unittest
 from pathlib import Path
 
-import blocks
 import floors
 import library
 
@@ -32,19 +31,6 @@ class Floors(unittest.TestCase):
             self.assertEqual(len(found), 1, (room, line))
             self.assertIn(reason, found[0])
             self.assertIn("Some.h:2:" if line else "Attic", found[0])
-
-
-class Blocks(unittest.TestCase):
-    def test_finds_what_no_source_holds(self):
-        with tempfile.TemporaryDirectory() as root:
-            source = Path(root, "some.cpp")
-            source.write_text("void f() {\n  one();\n\n  two();\n}\n")
-            document = Path(root, "some.md")
-            document.write_text("```cpp\none();\ntwo();\n```\n\n```cpp\n  one();\n  three();\n```\n"
-                                "```cpp\ntwo()\n```\n")
-            found = list(blocks.missing(document, [source]))
-            self.assertEqual([line.split(": ")[0] for line in found],
-                             [f"{document}:7", f"{document}:11"])
 
 
 class Library(unittest.TestCase):
