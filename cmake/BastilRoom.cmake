@@ -36,9 +36,10 @@ function(bastil_version_script file)
   foreach(name IN LISTS BASTIL_NAMESPACES)
     string(LENGTH ${name} length)
     set(mangled ${length}${name})
-    # Functions and data; tables and type infos; guards; thunks; formatters of the value types.
+    # Functions and data; tables and type infos, of which only the class's own library reads the
+    # name; guards; thunks; formatters of the value types.
     string(APPEND patterns "    _ZN${mangled}*; _ZN[KORV]${mangled}*; _ZNK[OR]${mangled}*;\n"
-                           "    _ZT[CISTV]N${mangled}*; _ZGVN${mangled}*; _ZT[chv]*_N*${mangled}*;\n"
+                           "    _ZT[CITV]N${mangled}*; _ZGVN${mangled}*; _ZT[chv]*_N*${mangled}*;\n"
                            "    _ZN*3fmt*9formatterIN${mangled}*;\n")
   endforeach()
   file(CONFIGURE OUTPUT "${file}" CONTENT "{\n  global:\n${patterns}  local: *;\n};\n" @ONLY)
@@ -67,8 +68,8 @@ function(bastil_library)
                                             LINKER:--no-undefined LINKER:-z,text)
     # Calls within the library are calls, not look-ups through its table of imports, and the
     # addresses in its tables of functions need no name. Data stays open to the copies that
-    # programs make of it.
-    target_link_options(quarnbastil PRIVATE LINKER:-Bsymbolic-functions)
+    # programs make of it. (-O1 is the linker's own: it sizes the table of names to their number.)
+    target_link_options(quarnbastil PRIVATE LINKER:-Bsymbolic-functions LINKER:-O1)
     # What is left to do at load is then one bit a word instead of 24 bytes (130 KB less). A C
     # library before 2.36, which does not know that form, refuses the file by name.
     check_linker_flag(CXX LINKER:-z,pack-relative-relocs BASTIL_LINKER_PACKS_RELOCATIONS)
