@@ -116,7 +116,7 @@ void twoRoundTripsAndFiveFloors(benchmark::State& state) {
       };
     });
     other.on(true);
-    Floor floor(kConfigRecord);
+    Floor<kConfigRecord> floor;
     Word question = 1;
     for (auto _ : state) {
       for (int trip = 0; trip < 2; ++trip) {

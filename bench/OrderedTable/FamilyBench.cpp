@@ -95,7 +95,7 @@ class FamilyTables final : public AnyFamily {
 
 template <class Family>
 void familyFloor(benchmark::State& state) {
-  Floor floor(sizeof(typename Family::ConfigDriftEntry));
+  Floor<sizeof(typename Family::ConfigDriftEntry)> floor;
   for (auto _ : state) {
     for (unsigned i = 0; i < kBatch; ++i) floor.operation();
   }

@@ -36,7 +36,7 @@ class Stages {
 };
 
 void tableFloor(benchmark::State& state) {
-  Floor floor(kConfigRecord);
+  Floor<kConfigRecord> floor;
   for (auto _ : state) {
     for (unsigned i = 0; i < kBatch; ++i) floor.operation();
   }
