@@ -26,8 +26,8 @@ using Drift::Word;
 
 /// The largest table: 65,536 configuration records of 552 bytes (36 MiB), a log of 1,000,000
 /// records of 548 bytes.
-inline constexpr std::size_t kConfigRecord = 552;
-inline constexpr std::size_t kLogRecord = 548;
+inline constexpr std::uint32_t kConfigRecord = 552;
+inline constexpr std::uint32_t kLogRecord = 548;
 inline constexpr Word kConfigRecords = 65'536;
 inline constexpr Word kLogRecords = 1'000'000;
 
@@ -80,11 +80,11 @@ class RandomKeys {
   Word state_ = 0x9e3779b97f4a7c15;
 };
 
-inline Drift::Geometry configGeometry() {
-  return {Drift::Format::Layout::hashed, 4, kConfigRecord, kConfigRecords, "Bench", "config"};
+inline Drift::Geometry configGeometry(std::uint32_t record = kConfigRecord) {
+  return {Drift::Format::Layout::hashed, 4, record, kConfigRecords, "Bench", "config"};
 }
-inline Drift::Geometry logGeometry() {
-  return {Drift::Format::Layout::dense, 8, kLogRecord, kLogRecords, "Bench", "log"};
+inline Drift::Geometry logGeometry(std::uint32_t record = kLogRecord) {
+  return {Drift::Format::Layout::dense, 8, record, kLogRecords, "Bench", "log"};
 }
 
 inline void fillConfig(Drift::HashedWriter& writer) {

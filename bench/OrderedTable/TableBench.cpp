@@ -2,16 +2,13 @@
 
 #include <benchmark/benchmark.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstring>
 
 #include "Goals.h"
 
 namespace {
 
 using namespace Bench;
-using Drift::DriftFile;
 
 /// Nanoseconds of the stages of a cycle, as counters for each operation.
 class Stages {
@@ -38,27 +35,10 @@ class Stages {
   std::chrono::steady_clock::time_point last_;
 };
 
-/// The floor of a committed write: its two records stored, and one word that says so.
 void tableFloor(benchmark::State& state) {
-  const ScratchDirectory scratch;
-  const Drift::Directory directory(scratch.path(), Drift::Directory::Access::write);
-  // In files of the same kind, so that all live behind pages of the same size.
-  const auto config =
-      DriftFile::openForWriting(directory, "config", configGeometry(), {.reserveAll = true});
-  const auto log = DriftFile::openForWriting(directory, "log", logGeometry(), {.reserveAll = true});
-  std::byte* const slots = config->data() + config->header().slotsOffset;
-  std::byte* const records = log->data() + log->header().slotsOffset;
-  std::atomic_ref<Word> announced(
-      *log->words(Drift::Format::lineOffset(Drift::Format::Line::announced)));
-  std::vector<char> record(kConfigRecord, 2);
-  RandomKeys keys;
-  std::size_t at = 0;
+  Floor<kConfigRecord> floor;
   for (auto _ : state) {
-    for (unsigned i = 0; i < kBatch; ++i, ++at) {
-      std::memcpy(slots + keys.next() * kConfigRecord, record.data(), kConfigRecord);
-      std::memcpy(records + at % kLogRecords * kConfigRecord, record.data(), kConfigRecord);
-      announced.store(at, std::memory_order_release);
-    }
+    for (unsigned i = 0; i < kBatch; ++i) floor.operation();
   }
 }
 BENCHMARK(tableFloor);
@@ -163,6 +143,43 @@ void tableCommit(benchmark::State& state) {
 BENCHMARK(tableCommit)->Unit(benchmark::kMillisecond)->Iterations(5);
 const Goal kDrain("100,000 commits behind a head that was held up / behind none", "tableDrain",
                   "tableCommit", 1.1);
+
+/// A report of which every unit of the table hears, and that one operation of one unit awaits.
+void tableReport(benchmark::State& state) {
+  const ScratchDirectory scratch;
+  Support::AgentRig agent(scratch.path());
+  Support::TableRig<TcamFamily> rig(agent);
+  Support::ReporterRig reporter(scratch.path(), TcamFamily::Constants::canonicalGroupName());
+  for (unsigned unit = 0; unit < state.range(0); ++unit) rig.table(unit);
+  const auto table = rig.table(0);
+  TcamEntry entry;
+  for (auto _ : state) {
+    ++entry.hopLimit;
+    table->entryWrite(tcamKey(0), entry, nullptr);
+    agent.pumpAll();
+    const auto before = std::chrono::steady_clock::now();
+    reporter.report(TcamFamily::kTableId, rig.log()->tableVersion().value());
+    agent.pumpAll();
+    state.SetIterationTime(
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - before).count());
+  }
+}
+BENCHMARK(tableReport)->ArgName("units")->Arg(1)->Arg(256)->UseManualTime();
+const Goal kReport("a report to 256 units / to one", "tableReport/units:256", "tableReport/units:1",
+                   1.15);
+
+/// A pump that finds nothing to do in any of so many groups.
+void tableIdlePump(benchmark::State& state) {
+  const ScratchDirectory scratch;
+  Support::AgentRig agent(scratch.path());
+  for (unsigned short group = 0; group < state.range(0); ++group) {
+    agent.tables().makeGroupIntf("Bench", Fenrik::formatString("Group{}", group), group);
+  }
+  for (auto _ : state) benchmark::DoNotOptimize(agent.tables().pump(kBatch));
+}
+BENCHMARK(tableIdlePump)->ArgName("groups")->Arg(1)->Arg(64);
+const Goal kIdlePump("an idle pump of 64 groups / of one", "tableIdlePump/groups:64",
+                     "tableIdlePump/groups:1", 4.0);
 
 /// In flight: the newest write is read back.
 void tableReadInFlight(benchmark::State& state) {

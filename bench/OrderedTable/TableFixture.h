@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstring>
 #include <memory>
 
 #include "Drift/Fixture.h"
@@ -25,6 +27,40 @@ inline TcamEntry wholeEntry() {
   entry.innerSourcePrefix = entry.innerDestinationPrefix = prefix;
   return entry;
 }
+
+/// The floor of a committed write: its two records stored, and one word that says so. They lie in
+/// files of the collections' kind, so that all live behind pages of the same size. The compiler
+/// knows the record's size, as it knows it in a program that stores one type of records; copies of
+/// 552 bytes by the C library, told the size at run time, take less than half (avx512).
+template <std::uint32_t recordSize>
+class Floor {
+ public:
+  Floor()
+      : config_(Drift::DriftFile::openForWriting(directory_, "config", configGeometry(recordSize),
+                                                 {.reserveAll = true})),
+        log_(Drift::DriftFile::openForWriting(directory_, "log", logGeometry(recordSize),
+                                              {.reserveAll = true})),
+        record_(recordSize, 2) {}
+
+  void operation() {
+    std::memcpy(slots_ + keys_.next() * recordSize, record_.data(), recordSize);
+    std::memcpy(records_ + at_ % kLogRecords * recordSize, record_.data(), recordSize);
+    announced_.store(at_++, std::memory_order_release);
+  }
+
+ private:
+  ScratchDirectory scratch_;
+  Drift::Directory directory_{scratch_.path(), Drift::Directory::Access::write};
+  std::unique_ptr<Drift::DriftFile> config_;
+  std::unique_ptr<Drift::DriftFile> log_;
+  std::byte* slots_ = config_->data() + config_->header().slotsOffset;
+  std::byte* records_ = log_->data() + log_->header().slotsOffset;
+  std::atomic_ref<Word> announced_{
+      *log_->words(Drift::Format::lineOffset(Drift::Format::Line::announced))};
+  std::vector<char> record_;
+  RandomKeys keys_;
+  std::size_t at_ = 0;
+};
 
 /// The largest table with its entries resident, over real shared memory, and the hardware's side.
 class LoadedTable {

@@ -2,14 +2,17 @@
 
 #include <fmt/format.h>
 
-#include <iterator>
+#include <algorithm>
 
 namespace OvFmt::Detail {
 
 Fenrik::String formatFenrikString(fmt::string_view format, fmt::format_args args) {
-  fmt::memory_buffer text;
-  fmt::vformat_to(std::back_inserter(text), format, args);
-  return Fenrik::String(std::string_view(text.data(), text.size()));
+  return Fenrik::String(fmt::vformat(format, args));
+}
+
+fmt::format_context::iterator formatPut(fmt::format_context& context, fmt::string_view format,
+                                        fmt::format_args args) {
+  return std::ranges::copy(fmt::vformat(format, args), context.out()).out;
 }
 
 fmt::format_context::iterator textPut(const fmt::formatter<std::string_view>& textFormat,

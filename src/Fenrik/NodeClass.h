@@ -44,18 +44,21 @@ class QUARNBASTIL_EXPORT NodeClass : public Base {
 
   using Base::Base;
 
-  void lastUserGone() override { delete static_cast<T*>(this); }
+  [[gnu::noinline]] void lastUserGone() override {
+    this->nodeFlagSet(NodeFlag::hasNotificationActive, false);
+    T* const object = static_cast<T*>(this);
+    object->T::~T();
+    Kiv::AllocTrackTypeInfo::trackDeallocation(memAllocationTracker_);
+    storageFree(object);
+  }
 
   Kiv::KivType typeData() const override { return Kiv::typeOf<T>(); }
 
   static void* operator new(std::size_t) = delete;
 
+  /// Every class of a hierarchy brings one along: each is a jump to the one end of its objects.
   static void operator delete(NodeClass* node, std::destroying_delete_t) noexcept {
-    node->nodeFlagSet(NodeFlag::hasNotificationActive, false);
-    T* const object = static_cast<T*>(node);
-    object->T::~T();
-    Kiv::AllocTrackTypeInfo::trackDeallocation(memAllocationTracker_);
-    storageFree(object);
+    node->lastUserGone();
   }
 
  private:

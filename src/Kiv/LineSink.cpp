@@ -44,6 +44,13 @@ class PipeSignalHeld {
   bool raised_ = false;
 };
 
+/// Writes the last `count` digits of `number`.
+void digitsPut(char* text, int count, long long number) noexcept {
+  for (char* at = text + count; at != text; number /= 10) {
+    *--at = static_cast<char>('0' + number % 10);
+  }
+}
+
 /// What a pipe takes at once when it has room at all.
 constexpr std::size_t kPieceBytes = PIPE_BUF;
 
@@ -167,11 +174,8 @@ bool LineOutput::write(std::string_view line) noexcept {
 
 /// In one piece: a pipe may have room for the short line again and again, and none for the other.
 bool LineOutput::putBehindLoss(std::string_view line) noexcept {
-  fmt::memory_buffer both;
-  fmt::format_to(fmt::appender(both), "{}{} {} lines were lost here: nobody took them\n{}",
-                 torn_ ? "\n" : "", TimeText(std::chrono::system_clock::now()).view(), untold_,
-                 line);
-  return put({both.data(), both.size()});
+  return put(fmt::format("{}{} {} lines were lost here: nobody took them\n{}", torn_ ? "\n" : "",
+                         TimeText(std::chrono::system_clock::now()).view(), untold_, line));
 }
 
 bool LineOutput::put(std::string_view line) noexcept {
@@ -192,9 +196,13 @@ TimeText::TimeText(std::chrono::system_clock::time_point time) noexcept {
   const std::time_t second = sinceEpoch / kMicrosPerSecond;
   std::tm utc{};
   ::gmtime_r(&second, &utc);
-  fmt::format_to_n(text_, sizeof text_, "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z",
-                   utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min,
-                   utc.tm_sec, sinceEpoch % kMicrosPerSecond);
+  digitsPut(text_, 4, utc.tm_year + 1900);
+  digitsPut(text_ + 5, 2, utc.tm_mon + 1);
+  digitsPut(text_ + 8, 2, utc.tm_mday);
+  digitsPut(text_ + 11, 2, utc.tm_hour);
+  digitsPut(text_ + 14, 2, utc.tm_min);
+  digitsPut(text_ + 17, 2, utc.tm_sec);
+  digitsPut(text_ + 20, 6, sinceEpoch % kMicrosPerSecond);
 }
 
 }  // namespace Kiv

@@ -31,10 +31,10 @@ std::string withoutControls(std::string_view text);
 class TimeText {
  public:
   explicit TimeText(std::chrono::system_clock::time_point time) noexcept;
-  std::string_view view() const noexcept { return {text_, sizeof text_}; }
+  std::string_view view() const noexcept { return {text_, sizeof text_ - 1}; }
 
  private:
-  char text_[27];
+  char text_[28] = "YYYY-MM-DDThh:mm:ss.uuuuuuZ";
 };
 
 /// A descriptor for lines. It may be a pipe that nobody reads: the threads that write to it wait

@@ -47,6 +47,6 @@ struct fmt::formatter<T> : Fenrik::TextFormatter {
 template <class T>
 struct fmt::formatter<Fenrik::Ptr<T>> : fmt::formatter<const void*> {
   auto format(const Fenrik::Ptr<T>& ptr, fmt::format_context& context) const {
-    return fmt::format_to(context.out(), "{}", static_cast<const void*>(ptr.get()));
+    return Fenrik::formatPut(context, "{}", static_cast<const void*>(ptr.get()));
   }
 };

@@ -53,22 +53,10 @@ void Fenrik::Impl::vfmtrace<Kiv::TraceHandle>(const Kiv::TraceHandle& handle, un
                                               fmt::format_args args) noexcept {
   const int errnoBefore = errno;
   const auto now = std::chrono::system_clock::now();
-  fmt::memory_buffer buffer;
-  auto out = fmt::appender(buffer);
-  fmt::format_to(out, "{} {} {} {}:{} {}: ", Kiv::TimeText(now).view(), handle.name().view(), level,
-                 file, line, function);
-  const std::size_t textAt = buffer.size();
-  buffer.append(std::string_view(prefix));
-  fmt::vformat_to(out, format, args);
-  buffer.push_back('\n');
-  std::string_view rendered(buffer.data(), buffer.size());
-  std::string escaped;
-  if (const std::string_view text = rendered.substr(textAt, rendered.size() - textAt - 1);
-      Kiv::hasControls(text)) [[unlikely]] {
-    escaped = std::string(rendered.substr(0, textAt)) + Kiv::withoutControls(text) + '\n';
-    rendered = escaped;
-  }
-  Kiv::sink().deliver({now, handle.name().view(), level, file, line, function,
-                       rendered.substr(textAt, rendered.size() - textAt - 1), rendered});
+  std::string text = prefix + fmt::vformat(format, args);
+  if (Kiv::hasControls(text)) text = Kiv::withoutControls(text);
+  const std::string rendered = fmt::format("{} {} {} {}:{} {}: {}\n", Kiv::TimeText(now).view(),
+                                           handle.name().view(), level, file, line, function, text);
+  Kiv::sink().deliver({now, handle.name().view(), level, file, line, function, text, rendered});
   errno = errnoBefore;
 }

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "Fenrik/Export.h"
+#include "Fenrik/Format.h"
 #include "OrderedTable/Number.h"
 
 namespace Asic {
@@ -48,8 +49,7 @@ class QUARNBASTIL_EXPORT EntryVersion final {
 template <>
 struct fmt::formatter<Asic::EntryVersion> {
   static constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
-  template <class Context>
-  auto format(const Asic::EntryVersion& version, Context& context) const {
-    return fmt::format_to(context.out(), "{}.{}", version.majorVersion(), version.minorVersion());
+  auto format(const Asic::EntryVersion& version, fmt::format_context& context) const {
+    return Fenrik::formatPut(context, "{}.{}", version.majorVersion(), version.minorVersion());
   }
 };

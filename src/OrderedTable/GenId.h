@@ -1,12 +1,11 @@
 #pragma once
 
-#include <fmt/core.h>
-
 #include <compare>
 #include <cstdint>
 #include <string_view>
 
 #include "Fenrik/Export.h"
+#include "Fenrik/Format.h"
 
 namespace Asic {
 
@@ -36,8 +35,7 @@ class QUARNBASTIL_EXPORT GenId final {
 template <>
 struct fmt::formatter<Asic::GenId> {
   static constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
-  template <class Context>
-  auto format(Asic::GenId id, Context& context) const {
-    return fmt::format_to(context.out(), "{}.{}", id.majorId(), id.minorId());
+  auto format(Asic::GenId id, fmt::format_context& context) const {
+    return Fenrik::formatPut(context, "{}.{}", id.majorId(), id.minorId());
   }
 };

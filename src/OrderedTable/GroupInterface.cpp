@@ -9,14 +9,6 @@
 
 namespace Asic {
 
-namespace {
-
-/// A hardware writer that rebuilt the collection of its reports is found by a system call; a pump
-/// spends it this seldom, and every wait.
-constexpr unsigned kTakesPerRefresh = 256;
-
-}  // namespace
-
 /// Keeps the bells still during a pump and rings them at its end, however it ends.
 class GroupInterface::RingScope {
  public:
@@ -86,9 +78,7 @@ void GroupInterface::entryLogCleaned(SwTableId tableId, LogVersion version) {
 }
 
 unsigned GroupInterface::takeReports() {
-  if (taking_) return 0;
-  if (++takes_ % kTakesPerRefresh == 0) versionMap_->refresh();
-  if (!versionMap_->moved()) return 0;
+  if (taking_ || !versionMap_->moved()) return 0;
   const FlagScope taking(taking_);
   versionMap_->seenIs();
   unsigned reports = 0;

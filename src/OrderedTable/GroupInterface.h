@@ -96,7 +96,6 @@ class QUARNBASTIL_EXPORT GroupInterface final
   mutable Fenrik::Ptr<TableAnnouncer> lastAnnouncer_;
   /// The last report that was handed on, by table id.
   Kiv::Impl::KeyedMap<HN_TakenVersion> taken_;
-  unsigned takes_ = 0;
   bool taking_ = false;
   bool ringLater_ = false;
 };

@@ -52,10 +52,6 @@ void GroupResolver::updateGenId() const noexcept {
 
 void GroupResolver::maybeUpdateSuspend() noexcept { suspended_ = !queue_.empty() && !ready(); }
 
-bool GroupResolver::ready() const noexcept {
-  return !queue_.empty() && (askedGenId_ != genId_ || askedCommits_ != commitCount_->commits);
-}
-
 void GroupResolver::headIsNew() noexcept {
   unwatchDependency();
   askedGenId_ = UINT64_MAX;

@@ -56,7 +56,9 @@ class QUARNBASTIL_EXPORT GroupResolver final : public Fenrik::NodeClass<GroupRes
   /// comes out with the queue consistent.
   unsigned pump(unsigned budget);
   /// Whether a pump would ask the head: the queue is not empty and its answer may have changed.
-  bool ready() const noexcept;
+  bool ready() const noexcept {
+    return !queue_.empty() && (askedGenId_ != genId_ || askedCommits_ != commitCount_->commits);
+  }
 
   /// The head waits for something that only a change outside can bring.
   bool suspended() const noexcept { return suspended_; }

@@ -14,6 +14,10 @@ namespace {
 /// of the hardware writer, few enough to keep the other groups' clients from noticing.
 constexpr unsigned kTurn = 64;
 
+/// A hardware writer that rebuilt the collection of its reports is found by a system call. So many
+/// pumps share one, for one group after the other; every wait asks for all groups.
+constexpr unsigned kPumpsPerRefresh = 256;
+
 /// A hardware writer that rebuilds the collection of its reports rings no bell that anybody hears;
 /// a long sleep looks for that now and then.
 constexpr std::chrono::nanoseconds kLongestSleep = std::chrono::seconds(1);
@@ -48,6 +52,10 @@ bool OrderedTableInterface::ready() const noexcept {
 OrderedTableInterface::Pumped OrderedTableInterface::pump(unsigned budget) {
   Pumped pumped;
   if (pumping_) return pumped;
+  if (++pumps_ % kPumpsPerRefresh == 0 && !turns_.empty()) {
+    turns_[pumps_ / kPumpsPerRefresh % turns_.size()]->tableVersionMap()->refresh();
+  }
+  if (!ready()) return pumped;
   const FlagScope pumping(pumping_);
   // Handlers may bring further groups up.
   for (std::size_t i = 0; i < turns_.size(); ++i) pumped.reports += turns_[i]->takeReports();

@@ -102,6 +102,7 @@ class QUARNBASTIL_EXPORT OrderedTableInterface final
   /// budget that does not reach around is for each of them in turn.
   std::vector<Fenrik::Ptr<GroupInterface>> turns_;
   std::size_t firstTurn_ = 0;
+  std::size_t pumps_ = 0;
   bool pumping_ = false;
 };
 

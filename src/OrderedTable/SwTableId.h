@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Fenrik/Export.h"
+#include "Fenrik/Format.h"
 #include "OrderedTable/Number.h"
 
 namespace Asic {
@@ -29,9 +30,8 @@ class QUARNBASTIL_EXPORT SwTableId final : public Number<SwTableId, std::uint32_
 template <>
 struct fmt::formatter<Asic::SwTableId> {
   static constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
-  template <class Context>
-  auto format(Asic::SwTableId id, Context& context) const {
-    return fmt::format_to(context.out(), "{:02x}:{:02x}:{:04x}", id.agentId(), id.groupId(),
-                          id.tblId());
+  auto format(Asic::SwTableId id, fmt::format_context& context) const {
+    return Fenrik::formatPut(context, "{:02x}:{:02x}:{:04x}", id.agentId(), id.groupId(),
+                             id.tblId());
   }
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Fenrik/Export.h"
+#include "Fenrik/Format.h"
 #include "OrderedTable/LogVersion.h"
 #include "OrderedTable/SwTableId.h"
 
@@ -28,8 +29,7 @@ class QUARNBASTIL_EXPORT TableVersion final {
 template <>
 struct fmt::formatter<Asic::TableVersion> {
   static constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
-  template <class Context>
-  auto format(const Asic::TableVersion& version, Context& context) const {
-    return fmt::format_to(context.out(), "{}@{}", version.tableId(), version.logVersion());
+  auto format(const Asic::TableVersion& version, fmt::format_context& context) const {
+    return Fenrik::formatPut(context, "{}@{}", version.tableId(), version.logVersion());
   }
 };

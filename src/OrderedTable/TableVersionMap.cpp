@@ -93,10 +93,6 @@ Found<TableVersionRecord> TableVersionMap::find(SwTableId tableId) const {
   return {};
 }
 
-bool TableVersionMap::moved() const noexcept {
-  return fresh_ || (file_ != nullptr && file_->doorbell() != seen_);
-}
-
 void TableVersionMap::seenIs() noexcept {
   fresh_ = false;
   if (file_ != nullptr) seen_ = file_->doorbell();

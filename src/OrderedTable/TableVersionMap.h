@@ -24,7 +24,7 @@ class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableV
   Found<TableVersionRecord> find(SwTableId tableId) const;
 
   /// Whether the bell was rung, or the collection replaced, since the last `seen`.
-  bool moved() const noexcept;
+  bool moved() const noexcept { return fresh_ || (file_ != nullptr && file_->doorbell() != seen_); }
   /// Takes note of the bell before a look behind it.
   void seenIs() noexcept;
   /// The look was cut short: there is still something behind the bell.

@@ -39,7 +39,8 @@ struct FamilyHandles {
   inline static constinit Handle interface { Kiv::kConstantHandle, Names::kInterface.text };
 };
 
-/// Typed calls for code that knows no types: each casts and calls.
+/// Typed calls for code that knows no types: each casts and calls. What is made once a table is
+/// cold, compiled for size.
 template <class F>
 struct FamilyCalls {
   using Key = typename F::Key;
@@ -76,10 +77,10 @@ struct FamilyCalls {
     return Fenrik::ptrIsImpl<typename F::ResolverEntry>(dependency, flags, &tableOf(table),
                                                         wrapperOf(*wrapper));
   }
-  static Fenrik::Ptr<Fenrik::Node> makeHelper() {
+  [[gnu::cold]] static Fenrik::Ptr<Fenrik::Node> makeHelper() {
     return Fenrik::ptrIsImpl<typename F::SwTableHelperBase>();
   }
-  static Fenrik::Ptr<Asic::OrderedSwTable> makeTable(
+  [[gnu::cold]] static Fenrik::Ptr<Asic::OrderedSwTable> makeTable(
       const Fenrik::Ptr<const Asic::CanonicalTableName>& name, Asic::UnitId unitId,
       Asic::OrderedSwTableSet* set, const Fenrik::Ptr<Asic::EntryLogCore>& log,
       const Fenrik::Ptr<Asic::GroupResolver>& resolver) {
@@ -87,7 +88,7 @@ struct FamilyCalls {
         name, F::kTableId, unitId, set,
         Fenrik::Ptr<typename F::EntryLog>(static_cast<typename F::EntryLog*>(log.get())), resolver);
   }
-  static Fenrik::Ptr<Asic::EntryLogCore> makeLog(
+  [[gnu::cold]] static Fenrik::Ptr<Asic::EntryLogCore> makeLog(
       Asic::SwTableId tableId, const Fenrik::Ptr<Stavro::EntityManager>& entityManager,
       const Fenrik::Ptr<Asic::GroupInterface>& groupInterface, const Fenrik::String& agentName) {
     return Fenrik::ptrIsImpl<typename F::EntryLog>(tableId, entityManager, groupInterface,

@@ -62,8 +62,11 @@ struct QUARNBASTIL_EXPORT TcamEntryLogEntry : Drift::FlatValue<TcamEntryLogEntry
   std::uint16_t lookup = 0;
   std::uint8_t lookupMode = 0;
 
-  TcamEntryLogEntry() = default;
-  explicit TcamEntryLogEntry(const Key& ofKey) noexcept : key(ofKey) {}
+  // Out of line: each is a kilobyte of code, a field after the other.
+  TcamEntryLogEntry() noexcept;
+  explicit TcamEntryLogEntry(const Key& ofKey) noexcept;
+  TcamEntryLogEntry(const TcamEntryLogEntry& other) noexcept;
+  TcamEntryLogEntry& operator=(const TcamEntryLogEntry& other) noexcept;
 
   static constexpr auto fields() {
     using Self = TcamEntryLogEntry;

@@ -200,7 +200,7 @@ class QUARNBASTIL_EXPORT HashedWriter {
   Word live() const noexcept { return live_[activeTable()].value(); }
 
   void takeOver();
-  void adoptWord(Word* bucket, std::vector<bool>& used);
+  bool adoptWord(Word* bucket, std::vector<bool>& used);
   void fillFreeList(const std::vector<bool>& used);
   void trim() noexcept;
   void care() noexcept;

@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <cstring>
+#include <functional>
+#include <numeric>
 
 #include "Drift/HashedCollection.h"
 #include "Fenrik/Assert.h"
@@ -48,33 +50,41 @@ void HashedWriter::full(const char* what) const {
 void HashedWriter::takeOver() {
   emptyTable(activeTable() ^ 1);
   std::vector<bool> used(file_.header().slotCount);
-  Word* const words = table(activeTable());
-  for (Word position = 0; position <= mask_; ++position) {
-    if (words[position] != IndexWord::kEmpty) adoptWord(words + position, used);
-  }
   Word count = 0;
-  for (const bool one : used) count += one ? 1 : 0;
+  Word* const end = table(activeTable()) + mask_ + 1;
+  const Word step = std::min<Word>(Format::kLineSize / sizeof(Word), mask_ + 1);
+  for (Word* line = end - mask_ - 1; line != end; line += step) {
+    // As a rule a whole line of the index is empty.
+    if (std::reduce(line, line + step, IndexWord::kEmpty, std::bit_or()) == IndexWord::kEmpty) {
+      continue;
+    }
+    for (Word* word = line; word != line + step; ++word) {
+      if (*word != IndexWord::kEmpty && adoptWord(word, used)) ++count;
+    }
+  }
   if (count != live()) live_[activeTable()].set(count);
   fillFreeList(used);
 }
 
-/// Notes the slot of an index word that was found; a word that cannot be is dropped.
-void HashedWriter::adoptWord(Word* bucket, std::vector<bool>& used) {
+/// Notes the slot of an index word that was found, and whether it has one; a word that cannot be is
+/// dropped.
+bool HashedWriter::adoptWord(Word* bucket, std::vector<bool>& used) {
   const Word seen = loadWord(bucket);
   if (IndexWord::intact(seen)) {
     if (IndexWord::isTombstone(seen)) {
       ++tombstones_;
-      return;
+      return false;
     }
     const IndexWord word = IndexWord::from(seen);
     if (word.slot < std::min(reserved_.value(), file_.header().slotCount) && !used[word.slot]) {
       used[word.slot] = true;
-      return;
+      return true;
     }
   }
   storeWord(bucket, IndexWord::tombstone());
   ++tombstones_;
   ++dropped_;
+  return false;
 }
 
 /// Free slots are handed out from the lowest up, which keeps the used ones together; memory behind

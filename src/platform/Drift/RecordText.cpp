@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <iterator>
 #include <string_view>
 
 #include "Fenrik/Assert.h"
@@ -41,12 +40,12 @@ void appendElement(std::string& text, const RecordField& field, const unsigned c
     case FieldKind::number: {
       std::uint64_t number = 0;
       std::memcpy(&number, element, std::min(field.size, sizeof number));
-      fmt::format_to(std::back_inserter(text), "{}", number);
+      text += fmt::format("{}", number);
       break;
     }
     case FieldKind::bytes:
       for (std::size_t i = 0; i < field.size; ++i) {
-        fmt::format_to(std::back_inserter(text), "{:02x}", element[i]);
+        text += fmt::format("{:02x}", element[i]);
       }
       break;
     case FieldKind::flag:
@@ -94,7 +93,7 @@ void appendPrefix(std::string& text, const void* value, const RecordField* field
   }
   std::array<char, INET6_ADDRSTRLEN> digits{};
   ::inet_ntop(words == 1 ? AF_INET : AF_INET6, address.data(), digits.data(), digits.size());
-  fmt::format_to(std::back_inserter(text), "{}/{}", digits.data(), numberIn(fields[words], value));
+  text += fmt::format("{}/{}", digits.data(), numberIn(fields[words], value));
 }
 
 }  // namespace
@@ -110,9 +109,8 @@ void textAppend(std::string& text, const void* value, const RecordField* fields,
                 std::size_t fieldCount, TextForm form) {
   if (form == TextForm::prefix) return appendPrefix(text, value, fields, fieldCount);
   if (form == TextForm::place) {
-    fmt::format_to(std::back_inserter(text), "{}:{}",
-                   numberNamed("bank", value, fields, fieldCount),
-                   numberNamed("index", value, fields, fieldCount));
+    text += fmt::format("{}:{}", numberNamed("bank", value, fields, fieldCount),
+                        numberNamed("index", value, fields, fieldCount));
     return;
   }
   const auto* const bytes = static_cast<const unsigned char*>(value);
@@ -125,7 +123,7 @@ void textAppend(std::string& text, const void* value, const RecordField* fields,
       shown = !isZero(*field, bytes + at);
     }
     if (!shown) continue;
-    fmt::format_to(std::back_inserter(text), "{}{}: ", separator, field->name);
+    text += fmt::format("{}{}: ", separator, field->name);
     appendField(text, *field, bytes + field->offset);
     separator = ", ";
   }

@@ -1,11 +1,12 @@
 #include "OvSlab/OvSlab.h"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -167,14 +168,10 @@ bool isFree(const Slab& slab, const void* storage) noexcept {
 }
 
 /// Says why the process ends, without the heap, and ends it.
-template <class... Args>
-[[noreturn]] void stop(fmt::format_string<Args...> format, Args&&... args) noexcept {
-  char line[512];
-  const auto end =
-      fmt::format_to_n(line, sizeof(line) - 1, format, std::forward<Args>(args)...).out;
-  *end = '\n';
-  [[maybe_unused]] const auto written =
-      ::write(STDERR_FILENO, line, static_cast<std::size_t>(end + 1 - line));
+[[noreturn, gnu::format(printf, 1, 2)]] void stop(const char* format, ...) noexcept {
+  std::va_list args;
+  va_start(args, format);
+  ::vdprintf(STDERR_FILENO, format, args);
   std::abort();
 }
 
@@ -197,15 +194,15 @@ void* allocOutOfLine(unsigned size, SlabAllocationPattern pattern) noexcept {
 void giveOutOfLine(Slab& slab, void* storage, GiveResult result,
                    const std::type_info& type) noexcept {
   if (result == GiveResult::noObject) {
-    stop("OvSlab: {} freed as {} is not the start of an object in the slab that it lies in",
-         storage, typeName(type));
+    stop("OvSlab: %p freed as %s is not the start of an object in the slab that it lies in\n",
+         storage, typeName(type).c_str());
   }
   if (result == GiveResult::suspect) {
     if (isFree(slab, storage)) {
       stop(
-          "OvSlab: object {} of {} freed twice: it is free in a slab of {}-byte objects, pattern "
-          "{}",
-          storage, typeName(type), slab.objectSize, slab.headIndex / kSizeClassCount);
+          "OvSlab: object %p of %s freed twice: it is free in a slab of %u-byte objects, pattern "
+          "%u\n",
+          storage, typeName(type).c_str(), slab.objectSize, slab.headIndex / kSizeClassCount);
     }
     result = putFree(slab, storage);
   }
@@ -223,7 +220,7 @@ void freeOutOfLine(void* storage, const std::type_info& type) noexcept {
 
 void stopOutOfMemory(unsigned size) noexcept {
   const int reason = errno;
-  stop("OvSlab: no memory for an object of {} bytes: {} (errno {})", size, std::strerror(reason),
+  stop("OvSlab: no memory for an object of %u bytes: %s (errno %d)\n", size, std::strerror(reason),
        reason);
 }
 
