@@ -307,7 +307,7 @@ void runCourses(bool processes, int seconds, Word reads) {
   const unsigned seed = Support::seed();
   SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
   for (const Course& course : kCourses) {
-    runRace(course, processes, milliseconds(1000 * seconds / std::size(kCourses)),
+    runRace(course, processes, milliseconds(1000 * seconds / static_cast<int>(std::size(kCourses))),
             reads / std::size(kCourses), seed);
   }
 }

@@ -14,7 +14,7 @@ namespace ToolsTest {
 namespace {
 
 using json = nlohmann::ordered_json;
-using Random = std::minstd_rand;
+using Random = std::independent_bits_engine<std::mt19937, 32, std::uint32_t>;
 using Support::Outcome;
 using Support::Process;
 using testing::AnyOf;
