@@ -15,10 +15,11 @@ void Comparison::compare(const Config& config, Words key, const std::optional<Co
   const Tables::TableKind& kind = config.kind();
   ++compared_;
   const bool early = row && row->version > announced;
-  if (early && kind.tier != 0) return;
+  const bool isLowest = kind.tier == 0;
   const auto present = chip_.find(kind, config.unit(), key);
-  // A row in deletion that is early stays until the log removes it.
-  const bool wanted = row && (!row->isDeleted || early);
+  // In the lowest tier a row in deletion that is early stays until the log removes it.
+  const bool wanted = row && (early ? isLowest : !row->isDeleted);
+  early_ += early && !isLowest && present ? 1 : 0;
   if (wanted ? present && std::ranges::equal(*present, row->entry) : !present) return;
   const Words words = wanted ? Words(row->entry) : *present;
   const auto order = SimAsic::Pipeline::orderOf(kind, words);

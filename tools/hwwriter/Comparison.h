@@ -11,9 +11,11 @@ namespace HwWriter {
 /// Configuration and chip, compared row by row: for a chip that lost its rows and for a log that
 /// was lost. Everything else comes with the log.
 ///
-/// A row that is configured under a version that was not announced yet is left to the log. The
-/// exception is the lowest tier: a row there does no harm before others point at it, and the value
-/// that the announced version gave it is not to be had any more.
+/// A row that is configured under a version that was not announced yet is left to the log; what the
+/// announced version made of it is not to be had any more. In the lowest tier it is programmed all
+/// the same: a row there does no harm before others point at it. In a higher one the chip's row
+/// goes: a version that the chip is taken to have may have removed it, and what it points at is
+/// removed next. A comparison at a moment without such rows is the better one.
 class Comparison {
  public:
   Comparison(SimAsic::Chip& chip, const News& news) : chip_(chip), news_(news) {}
@@ -24,7 +26,9 @@ class Comparison {
   /// Rows that were compared.
   std::size_t compared() const noexcept { return compared_; }
   /// Rows that differ and are not left to the log.
-  std::size_t differences() const noexcept { return differences_.size(); }
+  std::size_t differences() const noexcept { return differences_.size() - early_; }
+  /// Rows of the chip that go because the log will bring them.
+  std::size_t early() const noexcept { return early_; }
   /// Programs the differences: first the rows to which others point, then those others; removals
   /// afterwards, in the opposite order. Returns how many there were.
   std::size_t program();
@@ -45,6 +49,7 @@ class Comparison {
   SimAsic::Chip& chip_;
   const News& news_;
   std::size_t compared_ = 0;
+  std::size_t early_ = 0;
   std::vector<Difference> differences_;
 };
 

@@ -14,6 +14,8 @@ using Drift::MountStage;
 constexpr std::chrono::milliseconds kLookInterval(100);
 /// The same while there is no table, or the agent may be about to make another.
 constexpr std::chrono::milliseconds kEagerLookInterval(5);
+/// How long a comparison waits for a moment at which the agent has announced what it configured.
+constexpr std::chrono::milliseconds kCalm(500);
 /// Sleep after which the writer says that it reads nothing, so that the agent can give memory back.
 constexpr std::chrono::milliseconds kDoze(10);
 /// How long after a table came another may be expected.
@@ -117,14 +119,19 @@ void Writer::reportAll() {
 /// The place in a log is lost: brings the chip to the configuration, and goes on from the versions
 /// that are announced now.
 void Writer::startOver(const std::string& why) {
-  Comparison comparison(*chip_, news_);
+  std::optional<Comparison> comparison;
   std::map<const Table*, Word> announced;
-  for (Table& table : tables_) {
-    if (table.source() != nullptr) announced[&table] = table.source()->announced();
-  }
-  // The configurations are read after the versions: they hold what was announced.
-  for (const auto& [table, version] : announced) table->compare(comparison, version);
-  const std::size_t programmed = comparison.program();
+  const auto end = Clock::now() + kCalm;
+  do {
+    for (const Table& table : tables_) {
+      if (table.source() != nullptr) announced[&table] = table.source()->announced();
+    }
+    comparison.emplace(*chip_, news_);
+    // The configurations are read after the versions: they hold what was announced.
+    for (const auto& [table, version] : announced) table->compare(*comparison, version);
+  } while (comparison->early() != 0 && Clock::now() < end);
+  const std::size_t programmed = comparison->program();
+  moved_ = Clock::now();
   for (const auto& [table, version] : announced) {
     chip_->programmedIs(table->kind(), version);
     table->followedBy(*chip_);
@@ -134,8 +141,8 @@ void Writer::startOver(const std::string& why) {
   news_.tell("lost",
              fmt::format("{}; compared {} rows with the configuration: {} differed and were "
                          "programmed",
-                         why, comparison.compared(), programmed),
-             {{"why", why}, {"rows", comparison.compared()}, {"programmed", programmed}});
+                         why, comparison->compared(), programmed),
+             {{"why", why}, {"rows", comparison->compared()}, {"programmed", programmed}});
 }
 
 bool Writer::satisfied(const TableKind& kind, Word version,
@@ -317,7 +324,7 @@ bool Writer::givesUp() const {
 
 int Writer::run(const volatile std::sig_atomic_t& stop) {
   Clock::time_point nextLook{};
-  while (stop == 0 && !givesUp()) {
+  while (stop == 0) {
     try {
       if (Clock::now() >= nextLook) {
         look();
@@ -335,6 +342,8 @@ int Writer::run(const volatile std::sig_atomic_t& stop) {
       // An agent that comes up holds the reports for a moment, to make them.
       if (e.stage() != MountStage::busy || ++busy_ > kBusyLooks) throw;
     }
+    // Not before the look: a process that was kept from the processor has not stood still.
+    if (givesUp()) break;
     tellWaits();
     sleep();
   }
