@@ -43,6 +43,23 @@ TEST(Attribute, MutatorsAnnounceWhatChangedUnderItsNumberAndNothingElse) {
   EXPECT_EQ(watcher->seen.size(), 3u) << "a zombie or a reactor without subscription reacted";
 }
 
+TEST(Attribute, AReactorFollowsWhatItsPointerLeadsToNow) {
+  const auto watcher = ptrIsImpl<Watcher>(nullptr);
+  const Fenrik::Ptr<Lamp> lamps[] = {ptrIsImpl<Lamp>(1), ptrIsImpl<Lamp>(1)};
+  watcher->hasNotificationActiveIs(true);
+  EXPECT_TRUE(watcher->hasNotificationActive());
+  EXPECT_FALSE(watcher->subscribed()) << "there is nothing to watch";
+  watcher->lampIs(lamps[0]);
+  lamps[0]->brightnessIs(2);
+  watcher->lampIs(lamps[1]);
+  lamps[0]->switchCntInc(1);
+  lamps[1]->nextIs(lamps[0]);
+  EXPECT_EQ(watcher->seen, (std::vector<int>{130, 131}));
+  watcher->hasNotificationActiveIs(false);
+  watcher->lampIs(lamps[0]);
+  EXPECT_FALSE(watcher->subscribed() || watcher->nodeFlag(Fenrik::NodeFlag::kivDoZombieReactors));
+}
+
 TEST(Attribute, ThePointerThatGivesWayLivesUntilItsReplacementWasAnnounced) {
   std::string ended;
   const auto lamp = ptrIsImpl<Lamp>(1);

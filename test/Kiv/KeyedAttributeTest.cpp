@@ -173,4 +173,26 @@ TEST_F(KeyedAttribute, ADestructorMayUseTheMap) {
   for (const Node& node : map) EXPECT_GE(node.key(), 1000u);
 }
 
+TEST_F(KeyedAttribute, EachHearsOfTheMemberAsItWasWhateverAnotherChangedMeanwhile) {
+  const Support::Ear first(*rack->publisher(), [&](const Change& change) {
+    if (change.value == nullptr) return;
+    if (change.fieldId.number() == 258) return static_cast<void>(rack->cardDel(5));
+    const int power = static_cast<const Rack::HN_Power*>(change.value)->value();
+    power < 3 ? rack->powerIs(5, power + 1) : static_cast<void>(rack->powerDel(5));
+  });
+  std::string told;
+  const Support::Ear second(*rack->publisher(), [&](const Change& change) {
+    if (change.value == nullptr)
+      told += "gone;";
+    else if (change.fieldId.number() == 258)
+      told +=
+          fmt::format("card {};", static_cast<const Rack::HN_Card*>(change.value)->value()->slot());
+    else
+      told += fmt::format("{};", static_cast<const Rack::HN_Power*>(change.value)->value());
+  });
+  rack->powerIs(5, 1);
+  rack->cardIs(makeCard(5));
+  EXPECT_EQ(told, "1;2;3;gone;card 5;gone;");
+}
+
 }  // namespace

@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -218,6 +219,29 @@ TEST_F(AgentTest, TheExampleGoesOnFromWhereItWasKilled) {
   const auto picture = pictureIn(tables(), 0);
   ASSERT_EQ(picture.prefixes.size(), 3U);
   EXPECT_EQ(picture.rules.size(), 3U);
+}
+
+TEST_F(AgentTest, FullMemoryEndsItAndMoreMemoryLetsItGoOn) {
+  const std::string small = dir_.path() + "/small";
+  std::filesystem::create_directory(small);
+  if (::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=16m") != 0) {
+    GTEST_SKIP() << "a small file system is root's to make";
+  }
+  struct Mounted {
+    std::string path;
+    ~Mounted() { ::umount2(path.c_str(), MNT_DETACH); }
+  } mounted{small};
+  const auto wanted = Policy::generate({.rules = 20'000, .networks = 400});
+  const auto path = rules("rules", wanted);
+  const std::string inSmall = small + "/tables";
+  AgentRun agent(inSmall, {"--once", path});
+  EXPECT_NE(agent.await("no space"), "");
+  EXPECT_EQ(agent.wait(), 1);
+  const auto written = pictureIn(inSmall, 0);
+  EXPECT_GT(written.prefixes.size(), 0U);
+  ASSERT_EQ(::mount("tmpfs", small.c_str(), "tmpfs", MS_REMOUNT, "size=512m"), 0);
+  EXPECT_EQ(AgentRun(inSmall, {"--once", path}).wait(), 0);
+  EXPECT_EQ(pictureIn(inSmall, 0).rules.size(), wanted.size());
 }
 
 }  // namespace
