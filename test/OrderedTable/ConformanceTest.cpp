@@ -170,20 +170,22 @@ TYPED_TEST(Conformance, AnEntryLivesFromItsWriteToItsPurgeThroughARestart) {
   EXPECT_EQ(seen(), "\n  issued 5 announced 5 reported 5\n    configured:\n    logged:");
 }
 
+/// Writes an 8 into what is committed, and says what it was asked.
+template <class Family>
+struct EightHelper final
+    : Fenrik::NodeClass<EightHelper<Family>, typename Family::SwTableHelperBase> {
+  void finalizeOnSuccess(const Fenrik::Ptr<typename Family::EntryWrapper>& wrapper, bool isDelete,
+                         const Fenrik::Ptr<typename Family::SwTable>& table) override {
+    hooks += fmt::format("{} {} {};", isDelete ? "remove" : "write",
+                         Support::Numbers<Family>::number(wrapper->key()), table->unitId());
+    if (!isDelete) Support::Numbers<Family>::valueIs(wrapper->mutableEntry(), 8);
+  }
+  std::string hooks;
+};
+
 TYPED_TEST(Conformance, ItsHooksChangeWhatIsLogged) {
   using Family = TypeParam;
-  struct Helper final : Fenrik::NodeClass<Helper, typename Family::SwTableHelperBase> {
-    using Table = typename Family::SwTable;
-    using Wrapper = typename Family::EntryWrapper;
-    void finalizeOnSuccess(const Fenrik::Ptr<Wrapper>& wrapper, bool isDelete,
-                           const Fenrik::Ptr<Table>& table) override {
-      hooks += fmt::format("{} {} {};", isDelete ? "remove" : "write",
-                           Support::Numbers<Family>::number(wrapper->key()), table->unitId());
-      if (!isDelete) Support::Numbers<Family>::valueIs(wrapper->mutableEntry(), 8);
-    }
-    std::string hooks;
-  };
-  const auto helper = Fenrik::ptrIsImpl<Helper>();
+  const auto helper = Fenrik::ptrIsImpl<EightHelper<Family>>();
   this->table->swTableHelperIs(helper);
   this->write(5, 7);
   this->agent.pumpAll();
