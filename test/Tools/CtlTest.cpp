@@ -163,9 +163,11 @@ TEST_F(CtlTest, ShowsWhatADeadAgentLeftAndACopyOfItAsWell) {
 
 /// What users meet: how each program answers a use, on both of its outputs.
 TEST_F(CtlTest, AnswersEachUseAsItShould) {
-  const std::string ctl = std::string(BASTIL_CTL) + " --dir " + tables_ + ' ';
-  const std::string writer = std::string(BASTIL_HWWRITER) + " --dir ";
-  const std::string agent = std::string(BASTIL_AGENT) + " --dir " + dir_.path() + "/agent ";
+  // The project may lie in a folder with a blank in its name.
+  const std::string anyCtl = "'" BASTIL_CTL "' ";
+  const std::string ctl = anyCtl + "--dir " + tables_ + ' ';
+  const std::string writer = "'" BASTIL_HWWRITER "' --dir ";
+  const std::string agent = "'" BASTIL_AGENT "' --dir " + dir_.path() + "/agent ";
   const std::string none = dir_.path() + "/none ";
   const struct {
     std::string words;
@@ -192,7 +194,7 @@ TEST_F(CtlTest, AnswersEachUseAsItShould) {
       {ctl + "status >/dev/full", 3, "cannot write to standard output: No space left on device"},
       {ctl + "--help >/dev/full", 3, ""},
       {ctl + "snapshot " + tables_, 2, "is not empty; give a new directory"},
-      {std::string(BASTIL_CTL) + " status --dir " + none, 3, "/none: No such file or directory"},
+      {anyCtl + "status --dir " + none, 3, "/none: No such file or directory"},
       {ctl + "--version", 0, "bastilctl 0."},
       {writer + none + "--version", 0, "bastil-hwwriter 0."},
       {writer + none + "--once", 3, "no agent has made any table there"},
