@@ -86,17 +86,6 @@ TEST_F(DirectoryTest, EveryPathHasANameOfItsOwn) {
   EXPECT_EQ(stageOf([&] { writer(std::string(232, 'a').c_str()); }), MountStage::refused);
 }
 
-TEST_F(DirectoryTest, AListingShowsEntitiesAndNothingElse) {
-  for (const char* entity : {"x/2", "x/1", ".hidden", "x", "y%/", "x//z"}) writer(entity);
-  for (const char* foreign : {".x.1.2", "bad%zz", "bad%2f", "bad%", "sp ace", "%41"}) {
-    writeFile(directory_.path() + "/" + foreign, "");
-  }
-  using Names = std::vector<std::string>;
-  EXPECT_EQ(directory_.entities(""), (Names{".hidden", "x", "x//z", "x/1", "x/2", "y%/"}));
-  EXPECT_EQ(directory_.entities("x/"), (Names{"x//z", "x/1", "x/2"}));
-  EXPECT_EQ(directory_.entities("nothing"), Names{});
-}
-
 TEST_F(DirectoryTest, WhatADeadMakerLeftBehindGoesAndWhatALivingOneMakesStays) {
   const std::string dead = directory_.path() + "/.a%2Fb.1.2";
   const std::string living = directory_.path() + "/.a%2Fb.3.4";

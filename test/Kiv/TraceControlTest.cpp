@@ -80,24 +80,4 @@ TEST_F(TraceControlTest, ABadSettingTellsColumnAndExpectationAndChangesNothing) 
   }
 }
 
-TEST_F(TraceControlTest, PatternsFitAsTheirDefinitionSays) {
-  // Names that fit before the bar, others behind it.
-  for (const std::string_view row :
-       {"a* a ab aab|b ba", "*a a ba aaba|b ab", "a*b*c abc axxbxxc abcbc|ab acb abcd",
-        "?b* ab bb abab|b ba", "*?a* aa xa xax|a ab", "ab ab|a abc", "* x xyz|", "**a** a xax|x"}) {
-    const auto words = [](std::string_view text) {
-      std::istringstream in{std::string(text)};
-      return std::vector<std::string>(std::istream_iterator<std::string>(in), {});
-    };
-    std::vector<std::string> fitting = words(row.substr(0, row.find('|')));
-    TraceControl::settingDelAll();
-    TraceControl::settingIs(fitting[0] + "/4");
-    const std::string pattern = std::exchange(fitting[0], fitting.back());
-    for (const std::string& name : fitting)
-      EXPECT_TRUE(Kiv::TraceHandle(name.c_str(), false).levelEnabled(4)) << pattern << " " << name;
-    for (const std::string& name : words(row.substr(row.find('|') + 1)))
-      EXPECT_FALSE(Kiv::TraceHandle(name.c_str(), false).levelEnabled(4)) << pattern << " " << name;
-  }
-}
-
 }  // namespace

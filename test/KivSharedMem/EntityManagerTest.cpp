@@ -52,24 +52,6 @@ class EntityManagerTest : public testing::Test {
       Fenrik::ptrIsImpl<EntityManager>("agent", directory_, Directory::Access::write);
 };
 
-TEST_F(EntityManagerTest, CollectionsAreFoundBelowTheirPaths) {
-  auto log = mount<TcamEntryEntryLogDrift>(kLogPath);
-  EXPECT_EQ(mount<TcamEntryEntryLogDrift>(kLogPath), log) << "what is mounted stays";
-  mount<TcamEntryConfigDrift>(kConfigPath);
-  log = nullptr;
-  manager_ = nullptr;
-  manager_ = Fenrik::ptrIsImpl<EntityManager>("agent", directory_, Directory::Access::write);
-  EXPECT_TRUE(foundBelow("TcamEntry/", KivSharedMemType::mounted).empty());
-  mount<TcamEntryEntryLogDrift>(kLogPath);
-  mount<TcamEntryConfigDrift>(kConfigPath);
-  EXPECT_EQ(foundBelow("TcamEntry/", KivSharedMemType::stored),
-            (std::set<std::string>{kConfigPath, kLogPath}));
-  manager_->entityDel(kLogPath);
-  EXPECT_EQ(foundBelow("TcamEntry/", KivSharedMemType::mounted),
-            std::set<std::string>{kConfigPath});
-  EXPECT_TRUE(foundBelow("BigBb/", KivSharedMemType::stored).empty());
-}
-
 TEST_F(EntityManagerTest, AMountThatCannotBeSaysWhatWhereAndWhy) {
   const auto refusal = [&](const char* type, const char* attribute, Drift::Word capacity) {
     const auto group = manager_->getMountGroup();

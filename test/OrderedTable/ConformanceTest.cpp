@@ -220,22 +220,6 @@ TEST(TcamActionTable, KeepsTheKeysOfItsResourceInTheConfigurationAlone) {
   EXPECT_NE(table.table->entryRead(entry.key), entry);
 }
 
-TYPED_TEST(Conformance, AKeyAtTheLimitsOfItsTypeIsAKeyLikeAnyOther) {
-  typename TypeParam::Key highest;
-  std::memset(static_cast<void*>(&highest), 0xff, sizeof highest);
-  for (const auto& key : {typename TypeParam::Key(), highest}) {
-    this->table->entryWrite(key, typename TypeParam::Entry(key), nullptr);
-    this->agent.pumpAll();
-    EXPECT_TRUE(this->table->entryHas(key));
-    EXPECT_EQ(this->table->entryFromConfig(key).key, key);
-  }
-  EXPECT_EQ(this->table->entrys(), 2u);
-  this->removeAll();
-  this->agent.pumpAll();
-  this->report(3);
-  EXPECT_EQ(this->config().map()->driftMapSize(), 0u);
-}
-
 /// Makes some slots of a collection unreadable.
 void damage(const Drift::DriftFile& file, std::size_t slot, std::size_t count) {
   const auto& header = file.header();

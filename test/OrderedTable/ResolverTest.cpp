@@ -55,18 +55,6 @@ TEST_F(Resolver, TellsWhatItsHeadIsAndWhatItWaitsFor) {
   EXPECT_EQ(reason(), "no room in the log: 6 records wait for the hardware");
 }
 
-TEST_F(Resolver, WhatDoesNotFitIntoTheConfigurationIsTracedWithItsTable) {
-  for (unsigned n = 1; n <= 5; ++n) write(n, n);
-  TraceNotes notes("*/1");
-  agent.pumpAll();
-  EXPECT_EQ(calls, Calls{"W5 entryRejected"});
-  using testing::HasSubstr;
-  EXPECT_THAT(notes.lines,
-              ElementsAre(testing::AllOf(HasSubstr(" 1 commitEntry|"), HasSubstr("unitId: 3"),
-                                         HasSubstr("OrderedSwTable.QuarnBastilGroup.SmallToy"),
-                                         HasSubstr("key: {number: 5}"), HasSubstr("capacity: 4"))));
-}
-
 TEST_F(Resolver, APumpKeepsToItsBudgetAndSaysWhetherThereIsMore) {
   Support::TableRig<QuarnBastil::BigBbFamily> others(agent);
   const auto other = others.table(7);
@@ -109,20 +97,6 @@ TEST_F(Resolver, APumpKeepsToItsBudgetAndSaysWhetherThereIsMore) {
   cause->entryStateIs(entryInLog);
   agent.pumpAll();
   EXPECT_EQ(stuck->entryState(), entryInLog);
-}
-
-TEST_F(Resolver, ReportsAreCountedEachOnceAndTakenInFirst) {
-  const auto handle = write(1, 1);
-  agent.pumpAll();
-  // One that no log can have reached is no report.
-  const std::pair<std::uint64_t, unsigned> reports[] = {{1, 1}, {1, 0}, {UINT64_MAX, 0}};
-  for (const auto& [version, taken] : reports) {
-    hw.report(SmallToyFamily::kTableId, version);
-    EXPECT_EQ(agent.tables().pump(0).reports, taken);
-    EXPECT_EQ(agent.tables().pump(0).reports, 0u);
-  }
-  EXPECT_EQ(calls, Calls{"W1 entryDone"});
-  EXPECT_EQ(log().tableStatusVersion(), Asic::LogVersion(1));
 }
 
 TEST_F(Resolver, AWaitEndsWithAReportOrWithItsTime) {

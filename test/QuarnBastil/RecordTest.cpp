@@ -33,13 +33,6 @@ T fromBytes(const std::vector<unsigned char>& bytes) {
   return value;
 }
 
-template <class T>
-T numberAt(const std::vector<unsigned char>& bytes, std::size_t offset) {
-  T number;
-  std::memcpy(&number, bytes.data() + offset, sizeof number);
-  return number;
-}
-
 template <class Family>
 class RecordSuite : public testing::Test {
  public:
@@ -86,17 +79,6 @@ TYPED_TEST(RecordSuite, EveryByteTravelsAndComparesUnlessItIsPadding) {
   this->expectOneWithItsBytes(this->fullConfig());
   this->expectOneWithItsBytes(this->fullLog());
   this->expectOneWithItsBytes(Support::fullEntryOf<TypeParam>());
-}
-
-TYPED_TEST(RecordSuite, DefaultsAreAnEntryOfKeyZeroThatWasNeverLogged) {
-  const typename TypeParam::ConfigDriftEntry config;
-  EXPECT_EQ(config.logEntry, typename TypeParam::LogEntry(typename TypeParam::Key()));
-  EXPECT_EQ(config.logVersion.value(), 0u);
-  EXPECT_FALSE(config.isDeleted);
-  const typename TypeParam::LogDriftEntry log;
-  EXPECT_EQ(log.version.value(), 0u);
-  EXPECT_EQ(log.unitId.value(), 65535);
-  EXPECT_EQ(log.logEntry, config.logEntry);
 }
 
 TYPED_TEST(RecordSuite, KeysCompareByTheirFieldsInOrder) {
@@ -151,17 +133,6 @@ TEST(TcamEntryRecord, AnAbsentPrefixIsNeitherCopiedNorStoredNorCompared) {
   EXPECT_EQ(b, a);
 }
 
-TEST(TcamActionRecord, CarriesTheRequestIdBesideTheLogEntry) {
-  QuarnBastil::TcamActionEntry entry;
-  entry.requestId = QuarnL3NiLib::ReqIdToFecResourceTableEntryKey(kVersion);
-  EXPECT_TRUE(entry);
-  EXPECT_NE(entry, QuarnBastil::TcamActionEntry());
-  EXPECT_EQ(entry.logEntry(), QuarnBastil::TcamActionLogEntry());
-  const QuarnBastil::TcamActionConfigDriftEntry config(entry.logEntry(), entry.rsrcKeys(),
-                                                       Asic::LogVersion(1), false);
-  EXPECT_EQ(numberAt<std::uint64_t>(bytesOf(config), 124), kVersion);
-}
-
 struct Listed {
   std::uint8_t a;
   std::uint8_t b;
@@ -186,22 +157,6 @@ static_assert(!ListHolds<[] {
   return std::array{kA(), DRIFT_FIELD_AT(Listed, b, 2), kC()};
 }>,
               "stated elsewhere than it stands");
-
-TEST(RecordTexts, SayWhatATraceNeeds) {
-  QuarnBastil::TcamEntryLogEntry entry(QuarnBastil::TcamEntryEntryKey(0, 7));
-  entry.station[1].valueAndMask[0] = 0xab;
-  entry.vlan[0].value = 5;
-  EXPECT_EQ(fmt::format("{}", entry.key), "0:7");
-  EXPECT_EQ(fmt::format("{}", entry),
-            "{key: 0:7, slices: 1, station: [{}, {valueAndMask: "
-            "ab0000000000000000000000}], vlan: [{value: 5}, {}]}");
-  QuarnBastil::TcamActionEntry action(QuarnBastil::TcamActionEntryKey(1, 2));
-  action.requestId = QuarnL3NiLib::ReqIdToFecResourceTableEntryKey(9);
-  EXPECT_EQ(fmt::format("{}", action), "{key: 1:2} {requestId: 9}");
-  EXPECT_EQ(fmt::format("{}", QuarnLpmLib::SmallBbDataModelConfigDriftEntry(
-                                  {}, {}, Asic::LogVersion(3), true)),
-            "{logVersion: 3, isDeleted: true}");
-}
 
 }  // namespace
 }  // namespace RecordTest

@@ -77,7 +77,7 @@ class LogPrinter {
   void tellDead() const {
     const auto window = view_.window();
     const Word last = window.next - 1;
-    const Word reported = std::min(reportedOf(reportsOf(context_.directory, kind_), kind_), last);
+    const Word reported = std::min(reportedOf(context_.directory, kind_), last);
     const Word announced =
         std::min(Tables::lineOf(log_.file(), Drift::Format::Line::announced).value_or(last), last);
     const auto part = [&](Word from, Word to, const char* what) {

@@ -23,7 +23,7 @@ class Painter {
     TablePicture table;
     table.kind = &kind;
     noted([&] { paintLog(table); });
-    noted([&] { table.reported = reportedOf(reportsOf(directory_, kind), kind); });
+    noted([&] { table.reported = reportedOf(directory_, kind); });
     noted([&] { table.progress = progressOf(directory_, kind); });
     table.agentAlive = Tables::isWritten(directory_, kind.logPath);
     table.writerAlive = Tables::isWritten(directory_, reportPath(kind));
@@ -103,6 +103,10 @@ Word reportedOf(const Tables::Collection& reports, const TableKind& kind) {
   Asic::TableVersionRecord record;
   Layout::fromWords(words.data(), record);
   return record.logVersion.value();
+}
+
+Word reportedOf(const Drift::Directory& directory, const TableKind& kind) {
+  return reportedOf(reportsOf(directory, kind), kind);
 }
 
 std::vector<Word> reportRecord(const TableKind& kind, Word version) {

@@ -52,6 +52,8 @@ Tables::Collection reportsOf(const Drift::Directory& directory, const TableKind&
 /// The version that the hardware writer has reported there for the table; 0 if none. Throws
 /// `Fenrik::CorruptionDetectedException`.
 Word reportedOf(const Tables::Collection& reports, const TableKind& kind);
+/// Both for one look.
+Word reportedOf(const Drift::Directory& directory, const TableKind& kind);
 /// The record of the reports that says so.
 std::vector<Word> reportRecord(const TableKind& kind, Word version);
 /// The hardware writer's notes on a table.

@@ -223,8 +223,7 @@ void storeReports(const Drift::Directory& from, const Drift::Directory& to,
     if (from.entities(path).empty()) continue;
     auto& file = files[path];
     if (file == nullptr) file = makeLike(to, path, *DriftFile::openForReading(from, path, nullptr));
-    const Word reported =
-        std::min(reportedOf(reportsOf(from, copy.kind()), copy.kind()), copy.cut());
+    const Word reported = std::min(reportedOf(from, copy.kind()), copy.cut());
     Drift::HashedWriter(*file).set(reportRecord(copy.kind(), reported));
   }
 }

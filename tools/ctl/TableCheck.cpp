@@ -25,7 +25,7 @@ std::string TableCheck::nameOf(const Key& key) const {
 void TableCheck::check() {
   const Tables::Collection log(directory_, kind_.logPath, kind_.log);
   window_ = Drift::DenseView(log.file()).window();
-  reported_ = reportedOf(reportsOf(directory_, kind_), kind_);
+  reported_ = reportedOf(directory_, kind_);
   checkNumbers(log);
   readLog(log);
   checkLost();

@@ -1,6 +1,7 @@
 #include "hwwriter/Writer.h"
 
 #include <algorithm>
+#include <thread>
 
 #include "Fenrik/Format.h"
 
@@ -16,6 +17,7 @@ constexpr std::chrono::milliseconds kLookInterval(100);
 constexpr std::chrono::milliseconds kEagerLookInterval(5);
 /// How long a comparison waits for a moment at which the agent has announced what it configured.
 constexpr std::chrono::milliseconds kCalm(500);
+constexpr std::chrono::milliseconds kBetweenTries(1);
 /// Sleep after which the writer says that it reads nothing, so that the agent can give memory back.
 constexpr std::chrono::milliseconds kDoze(10);
 /// How long after a table came another may be expected.
@@ -129,7 +131,9 @@ void Writer::startOver(const std::string& why) {
     comparison.emplace(*chip_, news_);
     // The configurations are read after the versions: they hold what was announced.
     for (const auto& [table, version] : announced) table->compare(*comparison, version);
-  } while (comparison->early() != 0 && Clock::now() < end);
+    if (comparison->early() == 0) break;
+    std::this_thread::sleep_for(kBetweenTries);
+  } while (Clock::now() < end);
   const std::size_t programmed = comparison->program();
   moved_ = Clock::now();
   for (const auto& [table, version] : announced) {
@@ -151,9 +155,9 @@ bool Writer::satisfied(const TableKind& kind, Word version,
     const auto other = std::ranges::find(tables_, need.tableId(),
                                          [](const Table& table) { return table.kind().id; });
     if (other == tables_.end()) {
-      // A family is described before it has versions: after one look it is known.
-      if (std::exchange(unknown_, need.tableId()) != need.tableId()) lookAtUnknown_ = looks_ + 1;
-      if (looks_ < lookAtUnknown_) return false;
+      // A family is described before it has versions: after one more look it is known.
+      const unsigned met = unknown_.try_emplace(need.tableId(), looks_).first->second;
+      if (looks_ == met) return false;
       news_.warn(fmt::format("{}: table {} is needed and not known here; going on without",
                              kind.name, need.tableId()));
       continue;

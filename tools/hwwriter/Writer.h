@@ -72,9 +72,8 @@ class Writer {
   std::size_t present_ = 0;
   Clock::time_point grew_;
   unsigned looks_ = 0;
-  /// A table that was needed and not known, and the look after which that is final.
-  Asic::SwTableId unknown_;
-  unsigned lookAtUnknown_ = 0;
+  /// Tables that were needed and not known, and after how many looks they were met.
+  std::map<Asic::SwTableId, unsigned> unknown_;
   /// Why the place in a log is lost.
   std::string lost_;
   /// For which version of another table a table waits, in words, by the waiting table.
