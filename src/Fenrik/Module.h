@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
@@ -108,12 +109,19 @@ consteval auto attributeTable() {
   }
 }
 
-/// The text form that a class declares with `void textAppend(std::string& text) const`.
+/// The text form that a class declares with `void textAppend(std::string& text) const`; the digits
+/// of one that is a number, and says which with `value()`.
 template <class T>
 consteval auto textAppendOf() -> void (*)(const void*, std::string&) {
   if constexpr (requires(const T& value, std::string& text) { value.textAppend(text); }) {
     return [](const void* value, std::string& text) {
       static_cast<const T*>(value)->textAppend(text);
+    };
+  } else if constexpr (requires(const T& number) {
+                         requires std::is_integral_v<decltype(number.value())>;
+                       }) {
+    return [](const void* value, std::string& text) {
+      text += std::to_string(static_cast<const T*>(value)->value());
     };
   } else {
     return nullptr;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <type_traits>
 
 #include "Fenrik/Export.h"
@@ -17,29 +18,32 @@ QUARNBASTIL_EXPORT Fenrik::String valueToStrep(Kiv::KivType type, const void* va
 
 namespace Kiv {
 
-/// A value type that stands in a module. Traces print it by its text form, with the format
-/// specifications of text, and nothing else needs to be declared:
+/// A value type with a text form, which traces print with the format specifications of text and
+/// inspection shows; nothing else needs to be declared:
 ///
-///     class UnitId {
+///     class TableVersion {
 ///      public:
-///       using KivModule = ValueModule;
+///       using KivModule = struct ValueTypesModule;
 ///       void textAppend(std::string& text) const;     // in the .cpp
 ///     };
-///     struct ValueModule : Kiv::Module<"Values", UnitId, ...> {};
+///     struct ValueTypesModule : Kiv::Module<"ValueTypes", TableVersion, ...> {};
 ///
 /// An exception of the text form ends the process.
 template <class T>
-concept TextValue = requires {
+concept TextValue =
+    !std::is_base_of_v<Fenrik::Node, T> && requires(const T& value, std::string& text) {
   typename T::KivModule;
-}
-&&!std::is_base_of_v<Fenrik::Node, T>;
+  value.textAppend(text);
+};
 
 }  // namespace Kiv
 
 template <Kiv::TextValue T>
 struct fmt::formatter<T> : Fenrik::TextFormatter {
   auto format(const T& value, fmt::format_context& context) const noexcept {
-    return put(KivFenrik::Impl::valueToStrep(Kiv::typeOf<T>(), &value).view(), context);
+    std::string text;
+    value.textAppend(text);
+    return put(text, context);
   }
 };
 

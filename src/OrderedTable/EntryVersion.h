@@ -3,7 +3,6 @@
 #include <limits>
 
 #include "Fenrik/Export.h"
-#include "Fenrik/Format.h"
 #include "OrderedTable/Number.h"
 
 namespace Asic {
@@ -22,6 +21,7 @@ class QUARNBASTIL_EXPORT MajorVersion final
 /// not valid.
 class QUARNBASTIL_EXPORT EntryVersion final {
  public:
+  using KivModule = ValueTypesModule;
   static constexpr std::uint16_t kNoMinor = std::numeric_limits<std::uint16_t>::max();
 
   constexpr EntryVersion() noexcept = default;
@@ -34,6 +34,8 @@ class QUARNBASTIL_EXPORT EntryVersion final {
   /// The version of the next operation on the key.
   constexpr EntryVersion next() const noexcept { return {major_.next(), minor_}; }
 
+  /// 17.0, major and minor
+  void textAppend(std::string& text) const;
   static bool isEq(const void* a, const void* b) noexcept {
     return *static_cast<const EntryVersion*>(a) == *static_cast<const EntryVersion*>(b);
   }
@@ -45,11 +47,3 @@ class QUARNBASTIL_EXPORT EntryVersion final {
 };
 
 }  // namespace Asic
-
-template <>
-struct fmt::formatter<Asic::EntryVersion> {
-  static constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
-  auto format(const Asic::EntryVersion& version, fmt::format_context& context) const {
-    return Fenrik::formatPut(context, "{}.{}", version.majorVersion(), version.minorVersion());
-  }
-};

@@ -5,13 +5,14 @@
 #include <string_view>
 
 #include "Fenrik/Export.h"
-#include "Fenrik/Format.h"
+#include "OrderedTable/Number.h"
 
 namespace Asic {
 
 /// A generation: whoever watches it acts when the major id moves.
 class QUARNBASTIL_EXPORT GenId final {
  public:
+  using KivModule = ValueTypesModule;
   /// Its name among the types of the state database.
   static constexpr std::string_view kEntityName = "Asic::GenId";
 
@@ -23,6 +24,8 @@ class QUARNBASTIL_EXPORT GenId final {
   constexpr std::uint32_t minorId() const noexcept { return minorId_; }
   constexpr void majorIdInc(unsigned short delta) noexcept { majorId_ += delta; }
 
+  /// 3.0, major and minor
+  void textAppend(std::string& text) const;
   friend constexpr auto operator<=>(const GenId&, const GenId&) noexcept = default;
 
  private:
@@ -31,11 +34,3 @@ class QUARNBASTIL_EXPORT GenId final {
 };
 
 }  // namespace Asic
-
-template <>
-struct fmt::formatter<Asic::GenId> {
-  static constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
-  auto format(Asic::GenId id, fmt::format_context& context) const {
-    return Fenrik::formatPut(context, "{}.{}", id.majorId(), id.minorId());
-  }
-};

@@ -9,8 +9,11 @@
 #include "Fenrik/Export.h"
 #include "Fenrik/Format.h"
 #include "Kiv/HashHelper.h"
+#include "Kiv/StrepFormatter.h"
 
 namespace Asic {
+
+struct ValueTypesModule;
 
 /// A number with a meaning of its own: `Self` converts neither to nor from other numbers unasked.
 /// Compares and prints as the number. `kDefault` is what a default value holds; `kAlignment` may be
@@ -18,6 +21,7 @@ namespace Asic {
 template <class Self, std::unsigned_integral T, T kDefault = 0, std::size_t kAlignment = alignof(T)>
 class QUARNBASTIL_EXPORT Number {
  public:
+  using KivModule = ValueTypesModule;
   using Rep = T;
 
   constexpr Number() noexcept = default;
@@ -45,8 +49,9 @@ template <class Self, class Rep, Rep kDefault, std::size_t kAlignment>
 void takesNumber(const Number<Self, Rep, kDefault, kAlignment>&);
 }  // namespace Impl
 
+/// One that prints as the number; others have a text form of their own.
 template <class T>
-concept StrongNumber = requires(const T& value) {
+concept StrongNumber = !Kiv::TextValue<T> && requires(const T& value) {
   Impl::takesNumber(value);
 };
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "Fenrik/Export.h"
-#include "Fenrik/Format.h"
 #include "OrderedTable/Number.h"
 
 namespace Asic {
@@ -23,15 +22,9 @@ class QUARNBASTIL_EXPORT SwTableId final : public Number<SwTableId, std::uint32_
     return static_cast<std::uint16_t>(value() >> 16);
   }
   constexpr std::uint16_t tblId() const noexcept { return static_cast<std::uint16_t>(value()); }
+
+  /// 04:08:0404
+  void textAppend(std::string& text) const;
 };
 
 }  // namespace Asic
-
-template <>
-struct fmt::formatter<Asic::SwTableId> {
-  static constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
-  auto format(Asic::SwTableId id, fmt::format_context& context) const {
-    return Fenrik::formatPut(context, "{:02x}:{:02x}:{:04x}", id.agentId(), id.groupId(),
-                             id.tblId());
-  }
-};

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "Fenrik/Export.h"
-#include "Fenrik/Format.h"
 #include "OrderedTable/LogVersion.h"
 #include "OrderedTable/SwTableId.h"
 
@@ -10,6 +9,8 @@ namespace Asic {
 /// A position in the log of a named table: what an entry of one table needs from another.
 class QUARNBASTIL_EXPORT TableVersion final {
  public:
+  using KivModule = ValueTypesModule;
+
   constexpr TableVersion() noexcept = default;
   constexpr TableVersion(SwTableId tableId, LogVersion logVersion) noexcept
       : tableId_(tableId), logVersion_(logVersion) {}
@@ -17,6 +18,8 @@ class QUARNBASTIL_EXPORT TableVersion final {
   constexpr SwTableId tableId() const noexcept { return tableId_; }
   constexpr LogVersion logVersion() const noexcept { return logVersion_; }
 
+  /// 04:08:0404@17
+  void textAppend(std::string& text) const;
   friend constexpr auto operator<=>(const TableVersion&, const TableVersion&) noexcept = default;
 
  private:
@@ -25,11 +28,3 @@ class QUARNBASTIL_EXPORT TableVersion final {
 };
 
 }  // namespace Asic
-
-template <>
-struct fmt::formatter<Asic::TableVersion> {
-  static constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
-  auto format(const Asic::TableVersion& version, fmt::format_context& context) const {
-    return Fenrik::formatPut(context, "{}@{}", version.tableId(), version.logVersion());
-  }
-};

@@ -1,9 +1,6 @@
-#include "OrderedTable/EntryFlags.h"
-#include "OrderedTable/EntryVersion.h"
-#include "OrderedTable/GenId.h"
-#include "OrderedTable/Index.h"
-#include "OrderedTable/TableVersion.h"
-#include "OrderedTable/UnitId.h"
+#include "OrderedTable/ValueTypes.h"
+
+#include <fmt/format.h>
 
 #include "Drift/RecordLayout.h"
 #include "OrderedTable/Catalogue.h"
@@ -35,5 +32,18 @@ const KivSharedMem::EntityRegistrations<CatalogueDrift, NeededEntryDrift, TableV
     kEntities;
 
 }  // namespace
+
+void SwTableId::textAppend(std::string& text) const {
+  text += fmt::format("{:02x}:{:02x}:{:04x}", agentId(), groupId(), tblId());
+}
+void TableVersion::textAppend(std::string& text) const {
+  text += fmt::format("{}@{}", tableId_, logVersion_);
+}
+void EntryVersion::textAppend(std::string& text) const {
+  text += fmt::format("{}.{}", major_, minor_);
+}
+void GenId::textAppend(std::string& text) const {
+  text += fmt::format("{}.{}", majorId_, minorId_);
+}
 
 }  // namespace Asic

@@ -5,6 +5,8 @@
 #include <string>
 
 #include "Drift/RecordLayout.h"
+#include "Kiv/StrepFormatter.h"
+#include "OrderedTable/ValueTypes.h"
 #include "Support/FamilyMemory.h"
 
 namespace RecordTest {
@@ -159,4 +161,24 @@ static_assert(!ListHolds<[] {
               "stated elsewhere than it stands");
 
 }  // namespace
+
+/// What traces print is what inspection shows.
+TEST(ValueTypes, HaveOneTextForm) {
+  const auto expect = [](const auto& value, const char* text) {
+    const auto type = Kiv::typeOf<std::remove_cvref_t<decltype(value)>>();
+    EXPECT_EQ(KivFenrik::Impl::valueToStrep(type, &value).view(), text);
+    EXPECT_EQ(fmt::format("{}", value), text);
+  };
+  const Asic::SwTableId table(0x04, 0x08, 0x0404);
+  expect(table, "04:08:0404");
+  expect(Asic::UnitId(3), "3");
+  expect(Asic::LogVersion(17), "17");
+  expect(Asic::TableVersion(table, Asic::LogVersion(17)), "04:08:0404@17");
+  expect(Asic::MajorVersion(5), "5");
+  expect(Asic::EntryVersion(Asic::MajorVersion(5), 1), "5.1");
+  expect(Asic::EntryFlags(2), "2");
+  expect(Asic::GenId(3, 4), "3.4");
+  expect(Asic::Index(6), "6");
+}
+
 }  // namespace RecordTest
