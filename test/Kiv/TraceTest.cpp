@@ -27,11 +27,8 @@ struct UnitId {
     text += std::to_string(number);
   }
 };
-struct Plain {
-  using KivModule = TraceTestModule;
-};
 class Lamp final : public Fenrik::NodeClass<Lamp> {};
-struct TraceTestModule : Kiv::Module<"TraceTest", UnitId, Plain> {};
+struct TraceTestModule : Kiv::Module<"TraceTest", UnitId> {};
 
 using Kiv::TraceControl;
 
@@ -70,10 +67,10 @@ TEST_F(TraceTest, ASiteThatIsOffEvaluatesNothingAndOneThatIsOnTellsEverything) {
 TEST_F(TraceTest, ValuesAreShownInTheirTextForm) {
   const Fenrik::Ptr<Lamp> lamp = Fenrik::ptrIsImpl<Lamp>();
   TraceControl::settingIs("TraceTest/2");
-  KIV_TRACE(handle, 2, "", "{}|{:>4}|{}|{}|{}|{}", UnitId{7}, UnitId{12}, Plain{},
-            Fenrik::String("a{}b"), lamp, Fenrik::Ptr<const Lamp>());
+  KIV_TRACE(handle, 2, "", "{}|{:>4}|{}|{}|{}", UnitId{7}, UnitId{12}, Fenrik::String("a{}b"), lamp,
+            Fenrik::Ptr<const Lamp>());
   EXPECT_THAT(lines, testing::ElementsAre(testing::EndsWith(fmt::format(
-                         ": 7|  12|Plain|a{{}}b|{}|0x0\n", static_cast<const void*>(lamp.get())))));
+                         ": 7|  12|a{{}}b|{}|0x0\n", static_cast<const void*>(lamp.get())))));
 }
 
 TEST_F(TraceTest, ATraceInsideASinkIsLostAndCountedNotWaitedFor) {
