@@ -2,10 +2,12 @@
 """read_collection.py FILE [CATALOGUE] prints the collection in FILE, as docs/shared-memory.md
 describes it: its records in hexadecimal, or field by field as the catalogue has them."""
 import fcntl, ipaddress, json, mmap, struct, sys, time
+def divided(crc):
+    for _ in range(8): crc = crc >> 1 ^ (0x82F63B78 if crc & 1 else 0)
+    return crc
+remainders = [divided(byte) for byte in range(256)]
 def step(crc, data):
-    for byte in data:
-        crc ^= byte
-        for _ in range(8): crc = crc >> 1 ^ (0x82F63B78 if crc & 1 else 0)
+    for byte in data: crc = crc >> 8 ^ remainders[(crc ^ byte) & 0xFF]
     return crc
 def crc32c(layout, *values): return ~step(0xFFFFFFFF, struct.pack(layout, *values)) & 0xFFFFFFFF
 def rotate(value, bits): return (value << bits | value >> 32 - bits) & 0xFFFFFFFF
@@ -37,11 +39,12 @@ def dense():
         need(low == version & 0xFFFFFFFF and whole, f"version {version} is damaged")
         if not absent: yield record
 def hashed():
-    for entry in [word(4096 + 8 * ((line(0) & 1) * places + i)) for i in range(places)]:
+    table = struct.unpack_from(f"<{places}Q", data, 4096 + 8 * places * (line(0) & 1))
+    for entry in filter(None, table):
         number, content = (entry & 0x3FFFFF) - 1, entry & 0xFFFFFFFFFFFF
         good = entry >> 48 == crc32c("<QQQ", content, 0, 0) & 0xFFFF and number < line(7)
-        need(entry == 0 or good, f"{entry:x} is damaged")
-        if number < 0: continue  # empty or a tombstone
+        need(good, f"{entry:x} is damaged")
+        if number < 0: continue  # a tombstone
         low, _, record = slot(slots_at + number * stride)
         need(record and low & 0xFFF == content >> 22 & 0xFFF, f"the record of {entry:x} is damaged")
         yield record

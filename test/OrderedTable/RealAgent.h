@@ -6,6 +6,7 @@
 #include "OrderedTable/TableModel.h"
 #include "Support/Ear.h"
 #include "Support/Running.h"
+#include "Support/TypedFamilies.h"
 
 /// The real tables, asked with the words of the model.
 namespace TableModel {
@@ -592,10 +593,10 @@ struct FamiliesOfRun {
   static std::vector<FamilyOfRun> make() { return {familyOfRun<F>()...}; }
 };
 
-/// One family of each group, which change with the number: a run tries these two, and nine runs
-/// all.
+/// One family of each group, which change with the number: a run tries these two, and as many runs
+/// as there are families try all.
 inline std::vector<FamilyOfRun> familiesOfRun(unsigned number) {
-  static const auto all = QuarnBastil::FamilyList<FamiliesOfRun>::make();
+  static const auto all = Support::TypedFamilies<FamiliesOfRun>::make();
   std::map<Fenrik::String, std::vector<FamilyOfRun>> groups;
   for (const FamilyOfRun& family : all) groups[family.group].push_back(family);
   std::vector<FamilyOfRun> chosen;

@@ -10,9 +10,9 @@
 
 #include "Kiv/TraceControl.h"
 #include "OrderedTable/ToyFamily.h"
-#include "QuarnBastil/Families.h"
 #include "Support/TableRig.h"
 #include "Support/TempDir.h"
+#include "Support/TypedFamilies.h"
 
 /// A table on real shared memory, unit 3 of its family, and the hardware's side of its group.
 template <class Family>
@@ -76,7 +76,7 @@ struct TableFixture : testing::Test {
   Calls calls;
 };
 
-using AllFamilies = QuarnBastil::FamilyList<testing::Types, ToyFamily>;
+using AllFamilies = Support::TypedFamilies<testing::Types, ToyFamily>;
 
 /// Traced lines of some levels while it lives: "handle level function|text".
 class TraceNotes {

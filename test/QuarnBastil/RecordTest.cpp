@@ -8,6 +8,7 @@
 #include "Kiv/StrepFormatter.h"
 #include "OrderedTable/ValueTypes.h"
 #include "Support/FamilyMemory.h"
+#include "Support/TypedFamilies.h"
 
 namespace RecordTest {
 namespace {
@@ -74,7 +75,7 @@ class RecordSuite : public testing::Test {
   }
 };
 
-using Families = QuarnBastil::FamilyList<testing::Types>;
+using Families = Support::TypedFamilies<testing::Types>;
 TYPED_TEST_SUITE(RecordSuite, Families);
 
 TYPED_TEST(RecordSuite, EveryByteTravelsAndComparesUnlessItIsPadding) {
