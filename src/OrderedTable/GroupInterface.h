@@ -75,8 +75,6 @@ class QUARNBASTIL_EXPORT GroupInterface final
   void logFilesAdd(std::vector<const Drift::DriftFile*>& files) const;
   /// Lets the resolver commit up to `budget` operations, then wakes the hardware writer.
   unsigned pump(unsigned budget);
-  /// Whether there is something for `takeReports` or `pump` to do.
-  bool ready() const noexcept { return versionMap_->moved() || groupResolver_->ready(); }
 
  private:
   class RingScope;

@@ -36,12 +36,16 @@ GroupResolver::GroupResolver(std::shared_ptr<CommitCount> commitCount)
   FENRIK_ASSERT(commitCount_ != nullptr);
 }
 
-GroupResolver::~GroupResolver() { unwatchDependency(); }
+GroupResolver::~GroupResolver() {
+  unwatchDependency();
+  commitCount_->queued -= queue_.size();
+}
 
 void GroupResolver::resolverQueueEnq(const Fenrik::Ptr<ResolverEntry>& entry) {
   entry->queuedAtIs(coarseTime());
   if (queue_.empty()) headIsNew();
   queue_.enq(entry);
+  ++commitCount_->queued;
   greatestLength_ = std::max(greatestLength_, queue_.size());
 }
 
@@ -91,6 +95,7 @@ unsigned GroupResolver::pump(unsigned budget) {
   while (committed < budget && ready()) {
     if (!askHead()) break;
     const Fenrik::Ptr<ResolverEntry> entry = queue_.deq();
+    --commitCount_->queued;
     headIsNew();
     ++committed;
     prefetchBehind();

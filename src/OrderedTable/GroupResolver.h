@@ -12,9 +12,11 @@
 
 namespace Asic {
 
-/// Counts the commits of all groups of one agent: a commit anywhere may free a head that waits.
+/// Counts what all groups of one agent have done: a commit anywhere may free a head that waits.
 struct CommitCount {
   std::uint64_t commits = 0;
+  /// Operations in all queues.
+  std::uint64_t queued = 0;
 };
 
 /// The queue of a group's operations. They are committed strictly in the order in which they were

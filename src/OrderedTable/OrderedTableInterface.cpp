@@ -42,11 +42,18 @@ void OrderedTableInterface::makeGroupIntf(const Fenrik::String& agentName,
   if (groups_->groupIntfHas(name)) return;
   turns_.push_back(
       Fenrik::ptrIsImpl<GroupInterface>(name, agentAndGroupId, entityManager_, commitCount_));
+  reports_.push_back(turns_.back()->tableVersionMap().get());
   groups_->groupIntfIs(turns_.back());
 }
 
 bool OrderedTableInterface::ready() const noexcept {
-  return std::ranges::any_of(turns_, [](const auto& group) { return group->ready(); });
+  // Without a branch for each group: an agent's loop comes here often, as a rule in vain.
+  bool moved = false;
+  for (const TableVersionMap* const reports : reports_) moved |= reports->moved();
+  if (moved) return true;
+  return commitCount_->queued != 0 && std::ranges::any_of(turns_, [](const auto& group) {
+           return group->groupResolver()->ready();
+         });
 }
 
 OrderedTableInterface::Pumped OrderedTableInterface::pump(unsigned budget) {

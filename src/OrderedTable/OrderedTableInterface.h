@@ -101,6 +101,8 @@ class QUARNBASTIL_EXPORT OrderedTableInterface final
   /// The groups in the order in which they were made, and the one that commits first next time: a
   /// budget that does not reach around is for each of them in turn.
   std::vector<Fenrik::Ptr<GroupInterface>> turns_;
+  /// Their reports.
+  std::vector<const TableVersionMap*> reports_;
   std::size_t firstTurn_ = 0;
   std::size_t pumps_ = 0;
   bool pumping_ = false;

@@ -57,8 +57,10 @@ void TableVersionMap::open() {
   const auto openForReading = [&] {
     file_ = DriftFile::openForReading(directory, path_.view(), nullptr);
     map_ = Fenrik::ptrIsImpl<Drift::HashedMap<TableVersionRecord>>(*file_);
+    bell_ = file_->doorbellWord();
   };
-  fresh_ = true;
+  seen_ = kNever;
+  bell_ = &kSilent;
   map_ = nullptr;
   file_ = nullptr;
   // First what the writer has made; then, if that cannot be used and no writer is at it, a new one.
@@ -93,10 +95,7 @@ Found<TableVersionRecord> TableVersionMap::find(SwTableId tableId) const {
   return {};
 }
 
-void TableVersionMap::seenIs() noexcept {
-  fresh_ = false;
-  if (file_ != nullptr) seen_ = file_->doorbell();
-}
+void TableVersionMap::seenIs() noexcept { seen_ = bellNow(); }
 
 void TableVersionMap::refresh() {
   if (file_ == nullptr || file_->replaced()) open();

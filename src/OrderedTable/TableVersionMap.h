@@ -24,18 +24,23 @@ class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableV
   Found<TableVersionRecord> find(SwTableId tableId) const;
 
   /// Whether the bell was rung, or the collection replaced, since the last `seen`.
-  bool moved() const noexcept { return fresh_ || (file_ != nullptr && file_->doorbell() != seen_); }
+  bool moved() const noexcept { return bellNow() != seen_; }
   /// Takes note of the bell before a look behind it.
   void seenIs() noexcept;
   /// The look was cut short: there is still something behind the bell.
-  void seenDel() noexcept { fresh_ = true; }
+  void seenDel() noexcept { seen_ = kNever; }
   /// Looks whether the collection was replaced, and opens the new one then. Costs a system call.
   void refresh();
 
   /// What to sleep at; its file is null while there is no collection.
-  Drift::BellSeen bell() const noexcept { return {file_.get(), seen_}; }
+  Drift::BellSeen bell() const noexcept { return {file_.get(), static_cast<std::uint32_t>(seen_)}; }
 
  private:
+  static constexpr std::uint32_t kSilent = 0;
+  /// What no bell says.
+  static constexpr std::uint64_t kNever = UINT64_MAX;
+
+  std::uint32_t bellNow() const noexcept { return __atomic_load_n(bell_, __ATOMIC_ACQUIRE); }
   void open();
   void tell(const Fenrik::String& trouble);
 
@@ -43,8 +48,11 @@ class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableV
   Fenrik::String path_;
   std::unique_ptr<Drift::DriftFile> file_;
   Fenrik::Ptr<Drift::DriftMap<TableVersionRecord>> map_;
-  std::uint32_t seen_ = 0;
-  bool fresh_ = true;
+  /// Of the bell in `file_`, or of one that nobody rings. An idle pump asks every group: this word
+  /// and the next are all that it looks at.
+  const std::uint32_t* bell_ = &kSilent;
+  /// What the bell said before the last look behind it.
+  std::uint64_t seen_ = kNever;
   /// Why there is no collection; told once for each reason.
   Fenrik::String trouble_;
 };

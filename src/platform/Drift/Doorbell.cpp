@@ -41,8 +41,10 @@ void DriftFile::ring(const DriftFile* listener) noexcept {
   if (!awake) wake(data_);
 }
 
+const std::uint32_t* DriftFile::doorbellWord() const noexcept { return bellOf(data_); }
+
 std::uint32_t DriftFile::doorbell() const noexcept {
-  return __atomic_load_n(bellOf(data_), __ATOMIC_ACQUIRE);
+  return __atomic_load_n(doorbellWord(), __ATOMIC_ACQUIRE);
 }
 
 bool DriftFile::waitForRing(std::uint32_t seen, std::chrono::nanoseconds timeout) const {

@@ -97,6 +97,8 @@ class QUARNBASTIL_EXPORT DriftFile {
   /// others that sleep here notice within 20 ms then.
   void ring(const DriftFile* listener = nullptr) noexcept;
   std::uint32_t doorbell() const noexcept;
+  /// The number in the file that moves, to be read with acquire order; stays for the object's life.
+  const std::uint32_t* doorbellWord() const noexcept;
   /// Sleeps until the doorbell differs from `seen` or the time is over; true if it differs.
   bool waitForRing(std::uint32_t seen, std::chrono::nanoseconds timeout) const;
 
