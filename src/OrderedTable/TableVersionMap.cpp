@@ -16,7 +16,7 @@ KIV_LOG_DESCRIPTOR(
 
 namespace {
 
-/// At a record every nanosecond a log gets there in 292 years.
+/// A log with a record every nanosecond would reach this version in 292 years.
 constexpr LogVersion kGreatestReport(std::uint64_t{1} << 63);
 
 Drift::Geometry geometry() {
@@ -61,7 +61,8 @@ void TableVersionMap::open() {
   fresh_ = true;
   map_ = nullptr;
   file_ = nullptr;
-  // First what the writer has made; then, if that cannot be used and no writer is at it, a new one.
+  // First tries the collection of the hardware writer; if that is unusable and no writer holds it,
+  // creates one.
   for (const bool make : {false, true}) {
     try {
       if (make)
@@ -69,13 +70,13 @@ void TableVersionMap::open() {
       openForReading();
       return;
     } catch (const Fenrik::Exception& e) {
-      // Looked at again by the next refresh.
+      // The next refresh tries again.
       if (make) tell(e.msg());
     }
   }
 }
 
-/// Without reports no operation is ever acknowledged: whoever waits for that is to know why.
+/// Logs why there are no reports: without them no operation is ever acknowledged.
 void TableVersionMap::tell(const Fenrik::String& trouble) {
   if (trouble_ == trouble) return;
   trouble_ = trouble;

@@ -9,8 +9,8 @@
 namespace Asic {
 
 /// The agent's view of a group's table-version map. The hardware writer owns the collection and may
-/// come, go and rebuild it at any time; before its first start the agent makes it, empty, so that
-/// there is a doorbell to sleep at.
+/// start, stop and rebuild it at any time. Until it has started for the first time the agent
+/// provides an empty collection, so that there is a doorbell to wait on.
 ///
 /// Threads: the table thread.
 class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableVersionMap> {
@@ -19,20 +19,20 @@ class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableV
                   const Fenrik::String& path);
   ~TableVersionMap() override;
 
-  /// What the hardware writer reported for the table. Damage reads as not found, or as version 0;
-  /// a version that no log can have reached is damage, too.
+  /// The hardware writer's report for the table. Damage reads as not found or as version 0; a
+  /// version that no log can have reached counts as damage.
   Found<TableVersionRecord> find(SwTableId tableId) const;
 
-  /// Whether the bell was rung, or the collection replaced, since the last `seen`.
+  /// Whether the doorbell was rung, or the collection replaced, since the last `seenIs`.
   bool moved() const noexcept { return fresh_ || (file_ != nullptr && file_->doorbell() != seen_); }
-  /// Takes note of the bell before a look behind it.
+  /// Marks all rings so far as seen. Call before reading.
   void seenIs() noexcept;
-  /// The look was cut short: there is still something behind the bell.
+  /// Reading was interrupted; unread reports remain.
   void seenDel() noexcept { fresh_ = true; }
-  /// Looks whether the collection was replaced, and opens the new one then. Costs a system call.
+  /// Checks whether the collection was replaced, and opens the new one if so. Costs a system call.
   void refresh();
 
-  /// What to sleep at; its file is null while there is no collection.
+  /// The doorbell to wait on. Its file is null while there is no collection.
   Drift::BellSeen bell() const noexcept { return {file_.get(), seen_}; }
 
  private:
@@ -43,9 +43,11 @@ class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableV
   Fenrik::String path_;
   std::unique_ptr<Drift::DriftFile> file_;
   Fenrik::Ptr<Drift::DriftMap<TableVersionRecord>> map_;
+  /// Doorbell count at the last `seenIs`.
   std::uint32_t seen_ = 0;
+  /// Set while reports may be unread regardless of the doorbell.
   bool fresh_ = true;
-  /// Why there is no collection; told once for each reason.
+  /// Why there is no collection. Each new reason is logged once.
   Fenrik::String trouble_;
 };
 
