@@ -18,13 +18,13 @@ enum class AttributeKind : std::uint8_t { value, pointer, keyed, queue, function
 struct AttributeFact {
   /// Number of the attribute in its class.
   Fenrik::FieldId fieldId;
-  const char* name;
-  AttributeKind kind;
+  const char* name;    ///< name of the attribute
+  AttributeKind kind;  ///< how it is stored
 };
 
 /// Run-time information about a class.
 struct TypeFacts {
-  std::string_view name;
+  std::string_view name;  ///< name of the class
   /// In ascending order of numbers, which is the order of declaration.
   std::span<const AttributeFact> attributes;
   /// Appends the text form of a value of the class; null if it has none.
@@ -33,8 +33,8 @@ struct TypeFacts {
 
 /// The classes of one source, in the order of their type indices.
 struct ModuleFacts {
-  std::string_view name;
-  std::span<const TypeFacts> types;
+  std::string_view name;             ///< name of the module
+  std::span<const TypeFacts> types;  ///< the classes
 };
 
 /// Identifies a class by its module and its index in the module. A default value is invalid.

@@ -21,8 +21,8 @@ enum Exit : int { kFine = 0, kFinding = 1, kUsage = 2, kCannotOpen = 3 };
 
 /// The arguments common to all commands.
 struct Context {
-  const Drift::Directory& directory;
-  bool json;
+  const Drift::Directory& directory;  ///< directory of the tables
+  bool json;                          ///< print JSON
   /// Set by a signal to end the command.
   const volatile std::sig_atomic_t& stop;
 
@@ -46,19 +46,22 @@ struct UsageError : std::runtime_error {
 /// The family with this name. Throws `UsageError`, which lists the existing names.
 const TableKind& tableOf(const std::string& name);
 
+/// Options of `top`: print once and exit.
 struct TopRequest {
   bool once = false;
 };
+/// Options of `log`.
 struct LogRequest {
-  std::string table;
+  std::string table;  ///< name of the table
   /// The first version to show; nullopt: the oldest one available.
   std::optional<Word> since;
-  bool follow = false;
+  bool follow = false;  ///< continue with records as they are logged
 };
+/// Options of `config`.
 struct ConfigRequest {
-  std::string table;
-  std::uint16_t unit = 0;
-  std::string key;
+  std::string table;       ///< name of the table
+  std::uint16_t unit = 0;  ///< number of the unit
+  std::string key;         ///< text of the key; empty: all entries
 };
 
 int status(const Context& context);

@@ -22,17 +22,17 @@ using Words = std::span<const Word>;
 
 /// Required properties of a collection for its records to be readable.
 struct Shape {
-  Drift::Format::Layout layout;
-  std::string_view typeName;
-  std::uint32_t keySize;
-  std::uint32_t recordSize;
+  Drift::Format::Layout layout;  ///< dense or hashed
+  std::string_view typeName;     ///< type of the records
+  std::uint32_t keySize;         ///< bytes
+  std::uint32_t recordSize;      ///< bytes
 };
 
 /// The fields of a type with a field list, for printing.
 struct Fields {
-  const Drift::RecordField* fields;
-  std::size_t count;
-  Drift::TextForm form;
+  const Drift::RecordField* fields;  ///< rows of the field list
+  std::size_t count;                 ///< number of rows
+  Drift::TextForm form;              ///< text form of the type
 
   /// The value as text.
   std::string text(const void* value) const;
@@ -40,8 +40,8 @@ struct Fields {
 
 /// A row of another table that an entry refers to: table name and words of the key.
 struct Reference {
-  std::string_view table;
-  std::vector<Word> key;
+  std::string_view table;  ///< name of the table
+  std::vector<Word> key;   ///< key of the row
 };
 
 /// The facts from which the others are derived. Texts and fields must remain valid for the life of

@@ -126,8 +126,8 @@ class QUARNBASTIL_EXPORT DriftFile {
 
 /// A doorbell, and its count when its owner last read what it announces.
 struct BellSeen {
-  const DriftFile* file;
-  std::uint32_t seen;
+  const DriftFile* file;  ///< file of the doorbell; null: none
+  std::uint32_t seen;     ///< count at that time
 };
 
 /// Sleeps until one of the doorbells has been rung or the timeout; returns whether one has.

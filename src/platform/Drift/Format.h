@@ -34,25 +34,25 @@ inline constexpr std::size_t kAttributeNameSize = 64;
 
 /// Written once, before `ready`.
 struct FixedHeader {
-  Word magic;
-  std::uint32_t formatVersion;
-  Layout layout;
-  Word abi;
-  std::uint32_t keySize;     ///< bytes of the key, which is at the start of the record
-  std::uint32_t recordSize;  ///< bytes of the record
-  std::uint32_t slotStride;  ///< bytes from one slot to the next: seal word and padded record
-  std::uint32_t spare;
-  Word capacity;    ///< maximum number of records
-  Word slotCount;   ///< slots in the file; a power of two in a dense collection
-  Word indexWords;  ///< words of one index table or of the chunk table, a power of two
-  Word slotsOffset;
-  Word fileSize;
-  Word hashSeed;
-  std::uint8_t bootId[16];  ///< boot id at the file's creation
-  char typeName[kTypeNameSize];
-  char attributeName[kAttributeNameSize];
-  std::uint32_t spare2;
-  std::uint32_t checksum;  ///< CRC32C of everything before it
+  Word magic;                    ///< `kMagic`
+  std::uint32_t formatVersion;   ///< `kVersion`
+  Layout layout;                 ///< dense or hashed
+  Word abi;                      ///< `kAbi`
+  std::uint32_t keySize;         ///< bytes of the key, which is at the start of the record
+  std::uint32_t recordSize;      ///< bytes of the record
+  std::uint32_t slotStride;      ///< bytes from one slot to the next: seal word and padded record
+  std::uint32_t spare;           ///< 0
+  Word capacity;                 ///< maximum number of records
+  Word slotCount;                ///< slots in the file; a power of two in a dense collection
+  Word indexWords;               ///< words of one index table or of the chunk table, a power of two
+  Word slotsOffset;              ///< offset of the first slot; a multiple of the page size
+  Word fileSize;                 ///< bytes of the file
+  Word hashSeed;                 ///< start value of the key hash, random for each file
+  std::uint8_t bootId[16];       ///< boot id at the file's creation
+  char typeName[kTypeNameSize];  ///< type of the records
+  char attributeName[kAttributeNameSize];  ///< attribute that the collection stores
+  std::uint32_t spare2;                    ///< 0
+  std::uint32_t checksum;                  ///< CRC32C of everything before it
 };
 static_assert(sizeof(FixedHeader) == 304 && offsetof(FixedHeader, layout) == 12 &&
               offsetof(FixedHeader, keySize) == 24 && offsetof(FixedHeader, slotStride) == 32 &&

@@ -22,8 +22,8 @@ QUARNBASTIL_EXPORT Word hashKey(KeyWords key, Word seed) noexcept;
 
 /// Position of a walk: after the record with this home bucket and the key passed along.
 struct WalkPosition {
-  Word bucket = 0;
-  bool started = false;
+  Word bucket = 0;       ///< home bucket of the record
+  bool started = false;  ///< false before the first record
 };
 
 /// Reads a hashed collection: index words over copy-on-write slots.

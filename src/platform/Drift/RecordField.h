@@ -48,15 +48,15 @@ enum class TextForm : std::uint8_t {
 
 /// A row of the list: `count` consecutive elements of one kind.
 struct RecordField {
-  const char* name;
-  std::size_t offset;
-  FieldKind kind;
-  std::size_t size;  ///< bytes of one element
-  std::size_t count;
-  std::size_t alignment;
+  const char* name;                     ///< name of the member
+  std::size_t offset;                   ///< offset in the type, in bytes
+  FieldKind kind;                       ///< content of an element
+  std::size_t size;                     ///< bytes of one element
+  std::size_t count;                    ///< number of elements
+  std::size_t alignment;                ///< alignment of the member
   const RecordField* fields = nullptr;  ///< field list of a group
-  std::size_t fieldCount = 0;
-  TextForm form = TextForm::members;  ///< text form of a group
+  std::size_t fieldCount = 0;           ///< number of rows in that list
+  TextForm form = TextForm::members;    ///< text form of a group
 
   constexpr std::size_t end() const { return offset + size * count; }
 };
@@ -223,7 +223,7 @@ constexpr std::size_t collectGroups(const RecordField* fields, std::size_t count
 
 /// A row for `member` of `Type`, at the offset that the compiler chose.
 #define DRIFT_FIELD(Type, member) DRIFT_FIELD_AT(Type, member, offsetof(Type, member))
-/// A row for `member` of `Type`, which must stand at `offset`.
+/// A row for `member` of `Type`, which must be at `offset`.
 #define DRIFT_FIELD_AT(Type, member, offset) \
   ::Drift::Impl::fieldAt<decltype(Type::member)>(#member, offset, offsetof(Type, member))
 /// A row for the presence byte of an optional group. It must be the group's last row.

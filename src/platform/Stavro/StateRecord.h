@@ -26,12 +26,12 @@ struct QUARNBASTIL_EXPORT StateRecord {
   static constexpr std::size_t kTypeNameSize = 48;
   static constexpr std::size_t kValueSize = 56;
 
-  StateKey key;
-  std::array<char, kPathSize> path{};
-  std::array<char, kTypeNameSize> typeName{};
-  std::uint32_t valueSize = 0;
+  StateKey key;                                ///< derived from `path`
+  std::array<char, kPathSize> path{};          ///< zero-padded
+  std::array<char, kTypeNameSize> typeName{};  ///< type of the value, zero-padded
+  std::uint32_t valueSize = 0;                 ///< bytes of `value` in use
   std::uint32_t spare = 0;
-  std::array<std::byte, kValueSize> value{};
+  std::array<std::byte, kValueSize> value{};  ///< the entity's value
 };
 static_assert(sizeof(StateRecord) == 320);
 
