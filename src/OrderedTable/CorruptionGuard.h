@@ -27,8 +27,7 @@ Result guardedRead(Map& map, Read read, Result otherwise) {
   }
 }
 
-/// What an unguarded-copy look-up found: a reference that is valid until the next look-up in the
-/// map.
+/// What `guardedLook` found: the record itself, valid until the next look-up in the map.
 template <class Record>
 struct Looked {
   bool found = false;

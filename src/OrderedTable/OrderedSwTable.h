@@ -76,7 +76,7 @@ class QUARNBASTIL_EXPORT OrderedSwTable : public NamedSwTable {
     const ResponseHandler& responseHandler() const noexcept { return responseHandler_; }
     void responseHandlerIs(const ResponseHandler& handler) { responseHandler_ = handler; }
 
-    /// Reason of the rejection. Empty unless the table itself rejected the operation.
+    /// Reason for the rejection. Empty unless the table itself rejected the operation.
     Fenrik::String rejection() const;
     /// Sets the state `entryRejected` and its reason.
     void rejectionIs(const Fenrik::String& reason);

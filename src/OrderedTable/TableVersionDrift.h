@@ -37,7 +37,7 @@ class QUARNBASTIL_EXPORT TableVersionDrift final
  public:
   static constexpr std::string_view kEntityName = "Asic::TableVersionDrift";
   static constexpr std::string_view kAttributeName = "tableVersion";
-  /// More than one group has tables.
+  /// More tables than any group has.
   static constexpr Drift::Word kCapacity = 256;
 
   using HashedCollection::HashedCollection;
