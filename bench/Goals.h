@@ -4,16 +4,15 @@
 
 namespace Bench {
 
-/// A goal of the form "ours takes at most `limit` times the peer's time", checked and printed at
-/// the end of a run in which both benchmarks were measured. Names are those of the benchmarks with
-/// their arguments, as Google Benchmark prints them: "MapFind/65536".
+/// A goal: "ours takes at most `limit` times the peer's time". It is checked and printed at the end
+/// of a run that measured both benchmarks. Names are those of the benchmarks with their arguments,
+/// as printed by Google Benchmark: "MapFind/65536".
 ///
-/// The times are medians over the repetitions: of the processor, or of the clock for benchmarks
-/// that ask for it (`UseRealTime`, `UseManualTime`).
+/// Times are medians over the repetitions: CPU time, or wall-clock time for benchmarks with
+/// `UseRealTime` or `UseManualTime`.
 struct Goal {
-  /// Registers the goal. Meant for objects of static storage beside the benchmarks. The time of
-  /// `baseline`, what both do beside what is compared, is taken off either side first: "ours above
-  /// an empty loop".
+  /// Registers the goal. Intended for static objects next to the benchmarks. The time of
+  /// `baseline`, which is common to both sides but not compared, is first subtracted from both.
   Goal(std::string what, std::string ours, std::string peer, double limit,
        std::string baseline = {});
 };

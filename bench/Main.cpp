@@ -29,8 +29,8 @@ std::vector<GoalFacts>& goals() {
   return all;
 }
 
-/// Prints of each benchmark the middle of its repetitions and how far they lay apart, and keeps the
-/// times of every run by name.
+/// Prints the median and the variation of each benchmark's repetitions, and keeps the times of all
+/// runs by name.
 class KeepingReporter final : public benchmark::ConsoleReporter {
  public:
   KeepingReporter() : ConsoleReporter(isatty(STDOUT_FILENO) == 1 ? OO_ColorTabular : OO_Tabular) {}
@@ -47,7 +47,7 @@ class KeepingReporter final : public benchmark::ConsoleReporter {
     ConsoleReporter::ReportRuns(shown);
   }
 
-  /// The middle of the repetitions; nothing for a benchmark that did not run.
+  /// The median of the repetitions, or nullopt if the benchmark did not run.
   std::optional<double> median(const std::string& name) const {
     const auto found = times_.find(name);
     if (found == times_.end()) return std::nullopt;
@@ -61,13 +61,13 @@ class KeepingReporter final : public benchmark::ConsoleReporter {
   void keep(const Run& run) {
     if (run.error_occurred) return;
     const bool byProcessor = run.run_name.time_type.empty();
-    // The sides of a ratio may be told in different units.
+    // The sides of a ratio may use different time units.
     times_[nameOf(run)].push_back(
         (byProcessor ? run.GetAdjustedCPUTime() : run.GetAdjustedRealTime()) /
         benchmark::GetTimeUnitMultiplier(run.time_unit));
   }
 
-  /// Function and arguments, without how it was measured.
+  /// Function and arguments, without the mode of measurement.
   static std::string nameOf(const Run& run) {
     const auto& name = run.run_name;
     return name.args.empty() ? name.function_name : name.function_name + "/" + name.args;
@@ -83,8 +83,8 @@ void goalPrint(std::string_view result, const GoalFacts& goal, std::string_view 
   fmt::print("{:<8}{:>8.3f}{:>8}  {}\n", result, goal.limit, ratio, goal.what);
 }
 
-/// Prints one goal's line; false if the goal was missed, or can never be met because its names are
-/// wrong. A goal whose benchmarks the filter left out says nothing.
+/// Prints one goal. False if it was missed, or if its names are unknown. Prints nothing if the
+/// filter excluded its benchmarks.
 bool goalCheck(const KeepingReporter& reporter, const GoalFacts& goal, bool filtered) {
   const auto ours = reporter.median(goal.ours);
   const auto peer = reporter.median(goal.peer);
@@ -97,15 +97,15 @@ bool goalCheck(const KeepingReporter& reporter, const GoalFacts& goal, bool filt
     if (!filtered) goalPrint("no peer", goal, "-");
     return true;
   }
-  // What noise puts below the baseline is nothing at all, not less; a picosecond stands for
-  // nothing.
+  // A time below the baseline, caused by noise, counts as zero; the divisor is at least a
+  // picosecond.
   const double ratio = std::max(*ours - *baseline, 0.0) / std::max(*peer - *baseline, 1e-12);
   const bool met = ratio <= goal.limit;
   goalPrint(met ? "met" : "MISSED", goal, fmt::format("{:.3f}", ratio));
   return met;
 }
 
-/// The table of goals; false if one was missed.
+/// Prints the table of goals. False if one was missed.
 bool goalsCheck(const KeepingReporter& reporter, bool filtered) {
   bool allMet = true;
   for (const GoalFacts& goal : goals()) allMet &= goalCheck(reporter, goal, filtered);

@@ -1,4 +1,4 @@
-# What holds for every target: language, warnings, visibility, sanitizers.
+# Settings for all targets: language, warnings, visibility, sanitizers.
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
@@ -13,8 +13,8 @@ option(BASTIL_FUZZ "Build the fuzzers (clang; BASTIL_SANITIZE=address,undefined)
 set(BASTIL_SANITIZE "" CACHE STRING "Value of -fsanitize for everything, or empty")
 
 add_compile_options(-Wall -Wextra -Wconversion -Werror)
-# Traces and assertions name a source by its place below its include root, wherever it was built.
-# (Of two maps that fit, the last one given holds.)
+# Traces and assertions name sources by their path below the include root, independent of the build
+# directory. (If several maps match, the last one applies.)
 add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=
                     -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/src/=
                     -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/src/platform/=)
@@ -23,17 +23,16 @@ if(BASTIL_SANITIZE)
                       -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${BASTIL_SANITIZE})
   if(BASTIL_SANITIZE MATCHES undefined AND CMAKE_CXX_COMPILER_ID STREQUAL Clang)
-    # It compares type infos by address, which hidden types have once in each library.
+    # It compares type infos by address, but hidden types have one in each library.
     add_compile_options(-fno-sanitize=function)
   endif()
 endif()
 
-# What most sources include from outside of the project, parsed once for all targets of a kind
-# instead of once in every source. `./run lint` compiles without it, so that no source comes to
-# depend on it.
+# Precompiles the external headers that most sources include, once for all targets of a kind. `./run
+# lint` compiles without them, so that no source depends on them.
 #
-# bastil_parse_once(TARGET KIND [HEADER...]): the first target of a kind parses, with further
-# headers if it names any, for all that follow; their options must be the same.
+# bastil_parse_once(TARGET KIND [HEADER...]): the first target of a kind precompiles the headers,
+# including those named, for all later ones. Their options must be the same.
 function(bastil_parse_once target kind)
   get_property(first GLOBAL PROPERTY BASTIL_PARSES_${kind})
   if(first)

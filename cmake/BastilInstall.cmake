@@ -1,5 +1,5 @@
-# What another project finds below the prefix: the library, the headers (installed by their rooms),
-# a CMake package and a pkg-config file. None of it knows where the prefix is.
+# Installs what another project needs: the library, the headers (by their rooms), a CMake package
+# and a pkg-config file. All are independent of the prefix's location.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/QuarnBastil)

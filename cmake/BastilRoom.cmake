@@ -1,13 +1,13 @@
 # A room is one folder of src/ and one target. bastil_room(NAME SOURCES ... USES ...) declares it
-# with the rooms that it stands on; bastil_library() makes libquarnbastil.so of all rooms.
+# and the rooms that it uses; bastil_library() builds libquarnbastil.so from all rooms.
 include(CheckLinkerFlag)
 include(GNUInstallDirs)
 
-# Both include roots become one below the prefix: no two rooms have the same name.
+# Both include roots are installed into one folder, since all rooms have different names.
 set(BASTIL_HEADER_DIR ${CMAKE_INSTALL_INCLUDEDIR}/quarnbastil)
 
-# All names that the library offers stand in these namespaces. A marked name of another one stays
-# inside, and its first user fails to link.
+# The namespaces of all names that the library exports. A marked name in another namespace stays
+# hidden, and its first user fails to link.
 set(BASTIL_NAMESPACES Fenrik OvSlab Kiv KivFenrik OvFmt Blipline KivSharedMem KivDrift Drift Stavro
                       Asic OvmResourceTable QuarnLpmLib QuarnL3NiLib QuarnBastil)
 
@@ -30,14 +30,14 @@ function(bastil_room name)
           FILES_MATCHING PATTERN "*.h")
 endfunction()
 
-# Visibility hides what is not marked, except what the compiler makes of the standard library's
-# templates, which say themselves that they are visible. The linker hides those.
+# Unmarked names are hidden, except instances of the standard library's templates, which are
+# declared visible. The linker hides those.
 function(bastil_version_script file)
   foreach(name IN LISTS BASTIL_NAMESPACES)
     string(LENGTH ${name} length)
     set(mangled ${length}${name})
-    # Functions and data; tables and type infos, of which only the class's own library reads the
-    # name; guards; thunks; formatters of the value types.
+    # Functions and data; vtables and type infos, whose names only the class's own library reads;
+    # guards; thunks; formatters of the value types.
     string(APPEND patterns "    _ZN${mangled}*; _ZN[KORV]${mangled}*; _ZNK[OR]${mangled}*;\n"
                            "    _ZT[CITV]N${mangled}*; _ZGVN${mangled}*; _ZT[chv]*_N*${mangled}*;\n"
                            "    _ZN*3fmt*9formatterIN${mangled}*;\n")
@@ -58,20 +58,20 @@ function(bastil_library)
       $<INSTALL_INTERFACE:${BASTIL_HEADER_DIR}>)
   target_compile_features(quarnbastil PUBLIC cxx_std_20)
   target_link_libraries(quarnbastil PUBLIC fmt::fmt)
-  # Before 1.0 a minor version may change anything, so it is part of the soname.
+  # Before 1.0 minor versions may be incompatible, so the minor version is part of the soname.
   set_target_properties(quarnbastil PROPERTIES
       VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
-  if(NOT BASTIL_SANITIZE)  # whose runtimes leave symbols undefined and look for their own by name
+  if(NOT BASTIL_SANITIZE)  # their runtimes leave symbols undefined and find their own by name
     set(script "${PROJECT_BINARY_DIR}/quarnbastil.map")
     bastil_version_script("${script}")
     target_link_options(quarnbastil PRIVATE "LINKER:--version-script=${script}"
                                             LINKER:--no-undefined LINKER:-z,text)
-    # Calls within the library are calls, not look-ups through its table of imports, and the
-    # addresses in its tables of functions need no name. Data stays open to the copies that
-    # programs make of it. (-O1 is the linker's own: it sizes the table of names to their number.)
+    # Calls within the library are direct, without look-ups in its import table, and the addresses
+    # in its function tables need no symbols. Data may still be copied into programs. (The linker's
+    # -O1 fits the hash table to the number of symbols.)
     target_link_options(quarnbastil PRIVATE LINKER:-Bsymbolic-functions LINKER:-O1)
-    # What is left to do at load is then one bit a word instead of 24 bytes (130 KB less). A C
-    # library before 2.36, which does not know that form, refuses the file by name.
+    # Relocations then take one bit per word instead of 24 bytes (130 KB less). C libraries before
+    # 2.36 do not support this format and refuse the file by name.
     check_linker_flag(CXX LINKER:-z,pack-relative-relocs BASTIL_LINKER_PACKS_RELOCATIONS)
     if(BASTIL_LINKER_PACKS_RELOCATIONS)
       target_link_options(quarnbastil PRIVATE LINKER:-z,pack-relative-relocs)

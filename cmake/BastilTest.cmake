@@ -1,16 +1,16 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
-# bastil_test(NAME FOLDER... [ROOMS ROOM...] [CONCURRENT [PATTERN...]] [SLOW PATTERN...]) makes one
-# test program of all sources in the folders.
+# bastil_test(NAME FOLDER... [ROOMS ROOM...] [CONCURRENT [PATTERN...]] [SLOW PATTERN...]) builds one
+# test program from all sources in the folders.
 #
-# ROOMS are those whose sources it tests: `./run check ROOM` builds it and runs it; the first folder
-# by default. SLOW tests are left to `./run test`; if all are, the program is not even built before.
-# CONCURRENT makes the program a part of the thread sanitizer's build too; with patterns only the
-# tests that match run there. Patterns have the form of the test program's own filter.
+# ROOMS are the rooms that it tests, by default the first folder: `./run check ROOM` builds and runs
+# it. SLOW tests are run only by `./run test`; if all are slow, `check` does not build the program.
+# CONCURRENT also adds the program to the thread sanitizer's build; with patterns, only matching
+# tests run there. Patterns have the form of the test program's own filter.
 #
-# Suites named ...Soak get the label soak: tests of random steps that are worth running for long.
-# The others have the names of their rooms for a label, or slow.
+# Suites named ...Soak get the label soak: randomized tests that are worth running for long. Other
+# tests are labelled with the names of their rooms, or with slow.
 function(bastil_test name)
   cmake_parse_arguments(TEST "" "" "ROOMS;CONCURRENT;SLOW" ${ARGN})
   if(NOT TEST_ROOMS)
@@ -23,7 +23,7 @@ function(bastil_test name)
   add_executable(${name} ${sources})
   target_include_directories(${name} PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}")
   target_link_libraries(${name} PRIVATE quarnbastil GTest::gmock GTest::gtest_main)
-  # Nearly all of a test runs once: it is the building that takes the time.
+  # Most test code runs once, so build time dominates.
   target_compile_options(${name} PRIVATE -O1 -g1)
   bastil_parse_once(${name} test <gmock/gmock.h> <fmt/ranges.h>)
   foreach(room IN LISTS TEST_ROOMS)

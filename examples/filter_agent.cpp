@@ -1,7 +1,7 @@
-// An agent that drops what comes from some networks: a prefix row finds the network of a packet, a
-// rule row drops what is found. Started again with other networks it writes the difference, after a
-// kill as well. Usage: filter_agent DIRECTORY NETWORK... (a network is a number below 65536 and
-// means that many-th 10.x.y.0/24)
+// An agent that drops packets from some networks: a prefix row identifies a packet's network, and a
+// rule row drops its packets. Started again with other networks, even after being killed, it writes
+// the difference. Usage: filter_agent DIRECTORY NETWORK... (a network is a number n below 65536 and
+// means 10.x.y.0/24, where n is 256 x + y)
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -36,7 +36,7 @@ class FilterAgent {
     rules_ = TcamEntryInterface::getIntf(tables_)->makeSwTable(unit, nullptr, false);
   }
 
-  /// Networks of which there is any row, left by a change that was cut short perhaps.
+  /// Networks with at least one row, possibly left by an interrupted change.
   std::set<Network> known() const {
     std::set<Network> networks;
     for (auto it = prefixes_->entryIteratorConst(); it; ++it) {

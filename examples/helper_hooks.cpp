@@ -1,5 +1,5 @@
-// A helper that steps into the commits of a table: it completes what is written, and refuses what
-// must not be. Usage: helper_hooks DIRECTORY
+// A helper that takes part in a table's commits: it completes written entries, and refuses some of
+// them. Usage: helper_hooks DIRECTORY
 #include <cstdio>
 #include <stdexcept>
 
@@ -9,7 +9,7 @@ using namespace QuarnBastil;
 
 namespace {
 
-/// Says of each entry in how many rows of the hardware it fits; bank 7 is not for clients.
+/// Sets the number of hardware rows that each entry takes. Clients must not write to bank 7.
 class RowCounter final : public Fenrik::NodeClass<RowCounter, TcamEntrySwTableHelperBase> {
  public:
   using KivModule = Kiv::Module<"HelperHooksExample", RowCounter>;

@@ -1,5 +1,5 @@
-// One table on real shared memory: a write that waits for another one, a report of the hardware,
-// and the handlers that hear of it. Usage: one_table DIRECTORY
+// One table in real shared memory: a write that depends on another one, a report of the hardware,
+// and the response handlers. Usage: one_table DIRECTORY
 #include <cstdio>
 
 #include "OrderedTable/TableVersionDrift.h"

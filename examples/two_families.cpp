@@ -1,5 +1,5 @@
-// An agent that brings two families up on two units and serves them. Kill it anywhere and start it
-// again: it goes on with what is there. Usage: two_families DIRECTORY ENTRIES
+// An agent that brings up two families on two units and runs their loop. If it is killed, the next
+// start continues from the stored tables. Usage: two_families DIRECTORY ENTRIES
 #include <cstdio>
 #include <cstdlib>
 
@@ -12,8 +12,7 @@ namespace {
 
 Fenrik::Ptr<Asic::OrderedTableInterface> tables;
 
-/// Brings one family up on both units, says what was found there, and writes the entries that are
-/// missing.
+/// Brings up one family on both units, prints what was found there, and writes the missing entries.
 template <class Interface, class Entry>
 void bringUp(unsigned entries, auto keyOf) {
   const auto interface = Interface::getIntf(tables);

@@ -25,7 +25,7 @@ void expect(const std::string& complaint) {
   std::abort();
 }
 
-/// Makes all checks of an image true again, so that what lies behind them is reached.
+/// Corrects all checksums of an image, so that the code after the checks is reached.
 class Resealer {
  public:
   explicit Resealer(std::string& image) : image_(image) {}
@@ -88,7 +88,7 @@ class Resealer {
   std::string& image_;
 };
 
-/// Changes of four bytes each: where (two), how, and with what.
+/// Applies changes of four bytes each: position (two bytes), kind, and value.
 void change(std::string& image, std::span<const std::uint8_t> edits, bool anything) {
   for (; edits.size() >= 4 && !image.empty(); edits = edits.subspan(4)) {
     const std::size_t where = (edits[0] | std::size_t{edits[1]} << 8) % image.size();
@@ -108,8 +108,8 @@ void change(std::string& image, std::span<const std::uint8_t> edits, bool anythi
   }
 }
 
-/// The bytes are known not to be what a writer stored: only that nobody comes down is asked, and
-/// that the writer that takes over has a collection that it can use.
+/// Opens an image that no writer can have stored. Requires only that nothing crashes, and that the
+/// writer taking over has a usable collection.
 void openAnyway(const Directory& directory, const Specimen& specimen) {
   for (const Geometry* geometry : {&specimen.geometry, static_cast<const Geometry*>(nullptr)}) {
     try {

@@ -3,14 +3,14 @@
 #include <cstddef>
 #include <cstdint>
 
-/// What the fuzzers run on their bytes; the test suite runs the same on the kept corpus. Whatever
-/// must not be ends the process.
+/// Entry points of the fuzzers, which the test suite also runs on the stored corpus. A fault
+/// aborts.
 namespace Drift::Fuzz {
 
-/// The bytes are changes to the file of a collection (or a whole file), which is then opened as a
-/// reader and as the writer that takes over.
+/// Interprets the bytes as changes to a collection's file (or as a whole file), then opens the file
+/// as a reader and as a writer taking over.
 int file(const std::uint8_t* data, std::size_t size);
-/// The bytes are operations on a collection and on a `std::map`.
+/// Interpret the bytes as operations on a collection, and compare it with a `std::map`.
 int hashed(const std::uint8_t* data, std::size_t size);
 int dense(const std::uint8_t* data, std::size_t size);
 

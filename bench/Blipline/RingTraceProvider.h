@@ -1,4 +1,4 @@
-// Read several times by the peer's macros, hence without `#pragma once`.
+// The peer's macros include this file several times, so it has no `#pragma once`.
 #undef LTTNG_UST_TRACEPOINT_PROVIDER
 #define LTTNG_UST_TRACEPOINT_PROVIDER bastil_bench
 

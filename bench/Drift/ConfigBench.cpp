@@ -22,7 +22,7 @@ using namespace Bench;
 using Drift::Directory;
 using Drift::DriftFile;
 
-/// Writes random keys of the collection at full speed.
+/// Replaces random keys of the collection at full speed.
 std::function<void()> randomReplaces(const Directory& directory) {
   struct Writer {
     std::unique_ptr<DriftFile> file;
@@ -41,7 +41,7 @@ std::function<void()> randomReplaces(const Directory& directory) {
   };
 }
 
-/// find + copy of random keys in this process, with the writer in another one, idle or at full
+/// Look-up and copy of random keys in this process, with the writer in another one, idle or at full
 /// speed.
 void configFind(benchmark::State& state) {
   const bool busy = state.range(0) != 0;
@@ -94,7 +94,7 @@ const Goal kFindHot("find + copy of 552 bytes, 1,000 hot keys / LMDB renew, get,
 #endif
 
 #ifdef BASTIL_BENCH_BOOST
-/// An ordered map in Boost's shared memory under a shared lock: what one would write without us.
+/// An ordered map in Boost's shared memory under a shared lock: the obvious alternative.
 void configFindBoost(benchmark::State& state) {
   namespace ipc = boost::interprocess;
   struct Record {
@@ -123,11 +123,11 @@ void configFindBoost(benchmark::State& state) {
 BENCHMARK(configFindBoost);
 #endif
 
-/// The floor of a write: a random record of 552 bytes over 36 MiB.
+/// Floor of a write: copying 552 bytes to a random position within 36 MiB.
 void configRandomCopy(benchmark::State& state) {
   const ScratchDirectory scratch;
   const Directory directory(scratch.path(), Directory::Access::write);
-  // In a file of the same kind, so that both live behind pages of the same size.
+  // A file of the same kind, so that both have pages of the same size.
   const auto file =
       DriftFile::openForWriting(directory, "config", configGeometry(), {.reserveAll = true});
   std::byte* const memory = file->data() + file->header().slotsOffset;
@@ -167,7 +167,7 @@ BENCHMARK(configReplace);
 const Goal kReplace("replace with a live reader / random copy of 552 bytes over 36 MiB",
                     "configReplace", "configRandomCopy", 2.5);
 
-/// Walk of all records with copies.
+/// Walk over all records, copying each.
 void configWalk(benchmark::State& state) {
   const ScratchDirectory scratch;
   const Directory directory(scratch.path(), Directory::Access::write);
@@ -185,7 +185,7 @@ void configWalk(benchmark::State& state) {
 }
 BENCHMARK(configWalk)->Unit(benchmark::kMillisecond);
 
-/// Shared memory behind the records, a byte told as a nanosecond.
+/// Shared memory per record, with bytes reported as nanoseconds.
 void configBytes(benchmark::State& state) {
   for (auto _ : state) {
     const ScratchDirectory scratch;

@@ -24,8 +24,8 @@ namespace Bench {
 
 using Drift::Word;
 
-/// The largest table: 65,536 configuration records of 552 bytes (36 MiB), a log of 1,000,000
-/// records of 548 bytes.
+/// Sizes of the largest table: 65,536 configuration records of 552 bytes (36 MiB), and a log of
+/// 1,000,000 records of 548 bytes.
 inline constexpr std::uint32_t kConfigRecord = 552;
 inline constexpr std::uint32_t kLogRecord = 548;
 inline constexpr Word kConfigRecords = 65'536;
@@ -34,7 +34,7 @@ inline constexpr Word kLogRecords = 1'000'000;
 inline constexpr std::size_t kConfigWords = kConfigRecord / sizeof(Word);
 inline constexpr std::size_t kLogWords = Drift::Format::paddedSize(kLogRecord) / sizeof(Word);
 
-/// A directory in memory that goes with its object, and for good with the process that made it.
+/// A directory in memory, removed with the object, but only in the process that created it.
 class ScratchDirectory {
  public:
   ScratchDirectory() : path_("/dev/shm/bastil-bench.XXXXXX"), maker_(::getpid()) {
@@ -50,7 +50,7 @@ class ScratchDirectory {
   pid_t maker_;
 };
 
-/// All keys in one random order, the same in every benchmark.
+/// All keys in one random order, the same in all benchmarks.
 inline const std::vector<Word>& shuffledKeys() {
   static const std::vector<Word> keys = [] {
     std::vector<Word> all(kConfigRecords);
@@ -61,14 +61,14 @@ inline const std::vector<Word>& shuffledKeys() {
   return keys;
 }
 
-/// A new random key for each operation, of the first so many: whoever visits keys in the order in
-/// which they were stored walks along the slots.
+/// Yields a new random key below `count` for each operation. Visiting keys in their order of
+/// insertion would visit slots sequentially.
 class RandomKeys {
  public:
   explicit RandomKeys(Word count = kConfigRecords) : count_(count) {}
 
   Word next() noexcept {
-    // Marsaglia's xorshift64, a few instructions.
+    // Marsaglia's xorshift64: a few instructions.
     state_ ^= state_ << 13;
     state_ ^= state_ >> 7;
     state_ ^= state_ << 17;
@@ -95,10 +95,10 @@ inline void fillConfig(Drift::HashedWriter& writer) {
   }
 }
 
-/// A process beside the benchmark that does a piece of work over and over while it is switched on.
+/// A second process that repeats a piece of work while it is switched on.
 class Companion {
  public:
-  /// `prepare` runs in the new process and gives the piece of work.
+  /// `prepare` runs in the new process and returns the piece of work.
   explicit Companion(const std::function<std::function<void()>()>& prepare) {
     void* const shared =
         ::mmap(nullptr, sizeof(Switch), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -127,7 +127,7 @@ class Companion {
   Companion& operator=(const Companion&) = delete;
 
   void on(bool running) { switch_->on = running; }
-  /// How often the work was done.
+  /// Number of times the work has been done.
   std::uint64_t rounds() const { return switch_->rounds; }
 
  private:

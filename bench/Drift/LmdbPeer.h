@@ -9,8 +9,8 @@
 
 namespace Bench {
 
-/// LMDB with the settings that a system of this kind would choose: no syncing to disk, keys as
-/// numbers, read transactions renewed and not made anew.
+/// LMDB with the settings appropriate here: no syncing to disk, integer keys, read transactions
+/// renewed rather than recreated.
 class Lmdb {
  public:
   explicit Lmdb(const std::string& path) {

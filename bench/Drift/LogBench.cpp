@@ -23,8 +23,8 @@ void fillLog(Drift::DenseWriter& writer, Word records) {
   }
 }
 
-/// The floor of an append: 548 bytes behind the last ones in a region of the log's size, on memory
-/// that is there or comes as it is touched.
+/// Floor of an append: copying 548 bytes sequentially into a region of the log's size, with its
+/// memory reserved or allocated on demand.
 void logSequentialCopy(benchmark::State& state, bool reserveAll) {
   const ScratchDirectory scratch;
   const Directory directory(scratch.path(), Directory::Access::write);
@@ -43,8 +43,8 @@ void logSequentialCopy(benchmark::State& state, bool reserveAll) {
 BENCHMARK_CAPTURE(logSequentialCopy, there, true);
 BENCHMARK_CAPTURE(logSequentialCopy, onDemand, false)->Iterations(1'000'000);
 
-/// Append of a record; the log is emptied twice a lap. Laps: on reserved memory the first one, or
-/// one that has been written before; without reservation memory comes and goes.
+/// Appends a record; the log is emptied twice per lap. With reserved memory, measures the first lap
+/// or a later one; without, memory is allocated and freed.
 void logAppend(benchmark::State& state, bool reserveAll, bool warm) {
   const ScratchDirectory scratch;
   const Directory directory(scratch.path(), Directory::Access::write);
@@ -70,7 +70,7 @@ const Goal kFirstLap("log append, first lap reserved ahead / warm lap", "logAppe
 const Goal kOnDemand("log append / sequential copy, both on memory that comes on demand",
                      "logAppend/onDemand", "logSequentialCopy/onDemand", 1.5);
 
-/// A successor mounts a configuration of 65,536 records beside a log of so many.
+/// A successor mounts a configuration of 65,536 records and a log of the given length.
 void takeover(benchmark::State& state) {
   const ScratchDirectory scratch;
   const Directory directory(scratch.path(), Directory::Access::write);
@@ -93,7 +93,7 @@ void takeover(benchmark::State& state) {
 }
 BENCHMARK(takeover)->Arg(10'000)->Arg(1'000'000)->Unit(benchmark::kMicrosecond);
 
-/// The floor of a takeover: to map the file anew and touch the header of each record once.
+/// Floor of a takeover: mapping the file and touching the header of each record once.
 void touchHeaders(benchmark::State& state) {
   const ScratchDirectory scratch;
   const Directory directory(scratch.path(), Directory::Access::write);
@@ -117,7 +117,7 @@ const Goal kTakeover("takeover beside 1,000,000 log records / touching 65,536 he
 const Goal kTakeoverShort("takeover beside 10,000 log records / touching 65,536 headers",
                           "takeover/10000", "touchHeaders", 2.5);
 
-/// A process that only reads walks the whole log, with copies.
+/// A read-only process walks the whole log, copying each record.
 void logWalk(benchmark::State& state) {
   const ScratchDirectory scratch;
   const Directory directory(scratch.path(), Directory::Access::write);
@@ -155,7 +155,7 @@ const Goal kWalk("walk of a log of 1,000,000 in another process / LMDB cursor", 
                  "logWalkLmdb", 0.7);
 #endif
 
-/// Shared memory behind the records, a byte told as a nanosecond.
+/// Shared memory per record, with bytes reported as nanoseconds.
 void logBytes(benchmark::State& state) {
   for (auto _ : state) {
     const ScratchDirectory scratch;

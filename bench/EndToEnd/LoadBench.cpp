@@ -1,4 +1,4 @@
-// A file of rules on its way through the programs as they are shipped.
+// Loads a file of rules with the programs as shipped.
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
@@ -15,7 +15,7 @@ namespace {
 
 using namespace Bench;
 
-/// The output of a program, line by line; it is asked to end with the object.
+/// Output of a program, line by line. The destructor terminates the program.
 class Program {
  public:
   explicit Program(const std::string& command)
@@ -40,7 +40,7 @@ class Program {
   pid_t pid_ = 0;
 };
 
-/// The agent's own clock: from the beginning of the reading to the word that the hardware has all.
+/// Measured by the agent: from the start of reading to the hardware's last acknowledgement.
 void loadTenThousandRules(benchmark::State& state) {
   const ScratchDirectory scratch;
   const std::string rules = scratch.path() + "/rules";

@@ -1,4 +1,4 @@
-// Agent and hardware writer as two processes, each on a core of its own.
+// Agent and hardware writer as two processes, each on its own core.
 #include <benchmark/benchmark.h>
 #include <sys/mman.h>
 
@@ -40,7 +40,7 @@ class Follower {
   Word reported_ = 0;
 };
 
-/// A table with all keys resident and a hardware writer beside it, of whom all is acknowledged.
+/// A table with all keys configured and acknowledged, and a hardware writer process.
 class ServedTable {
  public:
   ServedTable()
@@ -55,9 +55,9 @@ class ServedTable {
     await(0);
   }
 
-  /// One operation, with no more than `window` in flight. A full window is filled anew when a
-  /// quarter of it has come back, as the agent fills its own: a commit each by itself would be a
-  /// ring each.
+  /// Queues one operation, with at most `window` in flight. A full window is refilled when a
+  /// quarter of it has been acknowledged, as the agent does: committing each operation separately
+  /// would ring for each.
   void write(Word window) {
     entry_.hopLimit = static_cast<std::uint8_t>(asked_);
     table_->entryWriteWithResponseHandler(tcamKey(shuffledKeys()[asked_ % kConfigRecords]), entry_,
@@ -81,7 +81,7 @@ class ServedTable {
   Asic::ResponseHandler handler_ = [this](const auto&) { ++acknowledged_; };
 };
 
-/// As many operations a turn as the floor has.
+/// As many operations per iteration as the floor has.
 void servedWrite(benchmark::State& state) {
   ServedTable served;
   for (auto _ : state) {
@@ -92,15 +92,14 @@ BENCHMARK(servedWrite)->UseRealTime();
 const Goal kServed("a write with the writer's process on the other core, window 256 / its floor",
                    "servedWrite", "tableFloor", 3.5);
 
-/// From the call to the handler, with nothing else under way.
+/// From the call to the handler, with nothing else in flight.
 void servedRoundTrip(benchmark::State& state) {
   ServedTable served;
   for (auto _ : state) served.write(1);
 }
 BENCHMARK(servedRoundTrip)->UseRealTime();
 
-/// What two cores need to answer each other by one word, twice, and five times what a write's
-/// stores cost.
+/// Two round trips of one word between two cores, plus five times the stores of a write.
 void twoRoundTripsAndFiveFloors(benchmark::State& state) {
   void* const memory =
       ::mmap(nullptr, sizeof(Word) * 2, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);

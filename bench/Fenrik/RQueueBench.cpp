@@ -22,7 +22,7 @@ class Item final : public Fenrik::NodeClass<Item> {
 struct QE_Item;
 using ItemQueue = Fenrik::RQueue<Fenrik::Ptr<Item>, false, QE_Item>;
 
-/// Objects of their own for every element, as handles are: a power of two of them, above `count`.
+/// A distinct object for each element, like handles: a power of two of them, more than `count`.
 std::vector<Item::Ptr> itemsAbove(std::size_t count) {
   std::vector<Item::Ptr> items;
   for (std::size_t size = std::bit_ceil(count + 1); size != 0; --size) {
@@ -31,8 +31,8 @@ std::vector<Item::Ptr> itemsAbove(std::size_t count) {
   return items;
 }
 
-/// Both queues hold `state.range(0)` pointers all the time; one comes, one goes. Both answer null
-/// when there is none to take.
+/// Both queues hold `state.range(0)` pointers; each step adds one and removes one. Both return null
+/// if they are empty.
 template <class Push, class Pop>
 void pushPop(benchmark::State& state, Push push, Pop pop) {
   const auto count = static_cast<std::size_t>(state.range(0));
@@ -68,7 +68,7 @@ void DequePushPop(benchmark::State& state) {
 }
 BENCHMARK(DequePushPop)->Arg(0)->Arg(64)->Arg(4096)->Arg(65536);
 
-/// The element of a random index among `state.range(0)` of a queue that has been running.
+/// Look-up of a random index among `state.range(0)` elements of a queue that has been in use.
 void QueueLookup(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
   const std::vector<Item::Ptr> items = itemsAbove(count);

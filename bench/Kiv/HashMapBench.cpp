@@ -19,8 +19,8 @@
 #include <absl/container/node_hash_map.h>
 #endif
 
-// Every map holds the same counted pointers under the same random keys of four bytes. The objects
-// lie in memory in another order than that in which they are inserted, looked up or met in a walk.
+// All maps hold the same counted pointers under the same random four-byte keys. The order of the
+// objects in memory differs from the orders of insertion, look-up and iteration.
 namespace {
 
 class Thing final : public Fenrik::NodeClass<Thing> {
@@ -36,7 +36,7 @@ struct KeyOfThing {
 };
 using HN_Thing = Kiv::Hm2018NI<0x51c2d3e4, std::uint32_t, ThingPtr, KeyOfThing>;
 
-/// The maps under one face.
+/// Common interface of the maps.
 struct Ours {
   Kiv::HashMap2018<HN_Thing, std::uint32_t, ThingPtr> map;
 
@@ -71,7 +71,7 @@ struct Peer {
 };
 using Std = Peer<std::unordered_map<std::uint32_t, ThingPtr>>;
 
-/// `count` things with different keys, in random order.
+/// `count` objects with distinct keys, in random order.
 std::vector<ThingPtr> things(std::size_t count) {
   std::mt19937 random(12345);
   std::vector<std::uint32_t> keys;
@@ -103,7 +103,7 @@ void MapFindHit(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-/// The member that goes is the one that has been there longest.
+/// Erases the oldest member.
 template <class Map>
 void MapEraseInsert(benchmark::State& state) {
   const auto size = static_cast<std::size_t>(state.range(0));
@@ -148,8 +148,8 @@ void MapWalkOnly(benchmark::State& state) {
   MapWalk<Map>(state, false);
 }
 
-/// Fills an empty map. The counter `largest` is the slowest single insert, in nanoseconds: of each
-/// insert the fastest of all fillings is taken, so that what the machine did besides is left out.
+/// Fills an empty map. The counter `largest` is the slowest single insertion in nanoseconds; for
+/// each insertion the fastest of all fillings counts, to exclude interference.
 template <class Map>
 void MapFill(benchmark::State& state) {
   using Clock = std::chrono::steady_clock;

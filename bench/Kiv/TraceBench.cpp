@@ -11,10 +11,9 @@
 #include <spdlog/spdlog.h>
 #endif
 
-// Sites as table code has them, with their level off, beside a logger of the peer whose level is
-// off at run time. All are handed one number. The empty loop is what both loops hold beside their
-// sites. A turn has sixteen sites: one alone takes about a cycle, which is less than a loop gains
-// or loses by where it happens to lie.
+// Disabled trace sites as in table code, compared with a logger of the peer whose level is off at
+// run time. All get one number. The empty loop is the common part of both loops. Each turn has
+// sixteen sites: a single one takes about a cycle, less than the effect of a loop's alignment.
 
 namespace {
 
@@ -47,7 +46,7 @@ void traceDisabled(benchmark::State& state) {
 }
 BENCHMARK(traceDisabled);
 
-/// One formatted line for a callback, without the system's write.
+/// Formats one line for a callback, without the system's write.
 void traceEnabled(benchmark::State& state) {
   static const Kiv::TraceHandle handle("TraceBenchEnabled", true);
   std::size_t bytes = 0;

@@ -10,8 +10,7 @@ namespace {
 
 using namespace Bench;
 
-/// What a killed agent left: entries of one unit, and log records that the hardware has not
-/// acknowledged.
+/// The state left by a killed agent: entries of one unit, and unacknowledged log records.
 class Estate {
  public:
   Estate(Word keys, Word records) {
@@ -31,7 +30,7 @@ class Estate {
   ScratchDirectory scratch_;
 };
 
-/// From an agent's first call to the first write that a table has accepted.
+/// From an agent's first call to the first write accepted by a table.
 void bringUp(benchmark::State& state) {
   const Estate estate(static_cast<Word>(state.range(0)), static_cast<Word>(state.range(1)));
   const auto acknowledged = static_cast<std::uint64_t>(state.range(2));

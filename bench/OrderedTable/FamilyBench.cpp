@@ -1,5 +1,5 @@
-// All families: each against the floor of its own records, together on one pump, and brought up
-// together.
+// All families: each compared with the floor of its own records, all on one pump, and all brought
+// up together.
 #include <benchmark/benchmark.h>
 
 #include <map>
@@ -34,17 +34,17 @@ class Served {
   std::map<std::string, std::unique_ptr<Support::ReporterRig>> reporters_;
 };
 
-/// What is done to all families alike.
+/// Operations common to all families.
 class AnyFamily {
  public:
   virtual ~AnyFamily() = default;
   /// Writes a random key in the next unit.
   virtual void write() = 0;
-  /// The hardware's next report.
+  /// Makes the hardware's next report.
   virtual void report() = 0;
 };
 
-/// The tables of a family, one for each unit.
+/// The tables of a family, one per unit.
 template <class Family>
 class FamilyTables final : public AnyFamily {
  public:
@@ -57,7 +57,7 @@ class FamilyTables final : public AnyFamily {
     for (unsigned unit = 0; unit < units; ++unit) units_.push_back(rig_.table(unit));
   }
 
-  /// Every key once in every unit, and on until the log is as full as it will be.
+  /// Writes every key once in every unit, and continues until the log has its final length.
   void fill(Word keys) {
     for (Word i = 0; i < std::max(keys, lag_) + kBatch; ++i) {
       for (const auto& table : units_) write(*table, i % keys);
@@ -101,7 +101,7 @@ void familyFloor(benchmark::State& state) {
   }
 }
 
-/// The whole life of writes, with the hardware a tenth of the log behind.
+/// Complete cycles of writes, with the hardware lagging a tenth of the log behind.
 template <class Family>
 void familyCycle(benchmark::State& state) {
   const ScratchDirectory scratch;
@@ -117,7 +117,7 @@ void familyCycle(benchmark::State& state) {
   }
 }
 
-/// Records below 150 bytes are allowed more: what is not their copy weighs more.
+/// Records below 150 bytes get a higher limit, because the fixed cost weighs more.
 template <class Family>
 Goal cycleGoal(const std::string& prefix) {
   constexpr bool kSmall = sizeof(typename Family::ConfigDriftEntry) < 150;
@@ -137,7 +137,7 @@ template <class... Families>
 struct All {
   static constexpr Word kCount = sizeof...(Families);
 
-  /// Every family over an agent of its own, or all over one.
+  /// Creates all families, each with its own agent, or all with one agent.
   static std::vector<std::unique_ptr<AnyFamily>> make(
       const std::vector<std::unique_ptr<Served>>& agents, unsigned units, Word keys, bool filled) {
     std::vector<std::unique_ptr<AnyFamily>> all;
@@ -193,7 +193,7 @@ BENCHMARK(familiesCycle)->ArgName("together")->Arg(0)->Arg(1);
 const Goal kTogether("a cycle among nine families of four units / of a family alone",
                      "familiesCycle/together:1", "familiesCycle/together:0", 1.15);
 
-/// From an agent's first call to the first write that each table has accepted.
+/// From an agent's first call to the first write accepted by each table.
 template <class Families>
 void familiesBringUp(benchmark::State& state, unsigned units) {
   const ScratchDirectory scratch;

@@ -5,7 +5,7 @@
 
 namespace Bench {
 
-/// A peer that fails is no peer.
+/// Aborts if a step of a peer failed, since its times would be meaningless.
 inline void must(bool done, const char* what) {
   if (done) return;
   std::fprintf(stderr, "%s failed\n", what);

@@ -1,6 +1,5 @@
-// What one would take instead: the same records, 552 bytes under the key and 552 appended under the
-// version, in stores that are to be had as packages. All of them are told not to sync to disk, and
-// their files lie in memory.
+// Alternatives available as packages: the same records, 552 bytes stored under the key and 552
+// appended under the version. None of them syncs to disk, and their files are in memory.
 #include <benchmark/benchmark.h>
 
 #include "Goals.h"
@@ -24,7 +23,7 @@ namespace {
 
 using namespace Bench;
 
-/// Runs batches of `kBatch` operations, each told its key and its version.
+/// Runs batches of `kBatch` operations, passing each its key and version.
 template <class Store>
 void cycles(benchmark::State& state, Store& store) {
   Word version = 1;
@@ -61,7 +60,7 @@ class LmdbStore {
     begin();
     put(config_, key, 0);
     put(log_, version, MDB_APPEND);
-    // What the hardware has acknowledged goes, a batch behind.
+    // Deletes what the hardware has acknowledged, one batch later.
     if (version > kKept) {
       Word old = version - kKept;
       MDB_val k{sizeof old, &old};
@@ -264,7 +263,7 @@ void tablePeerRedis(benchmark::State& state) {
   store.start();
   cycles(state, store);
 }
-// The work is done in another process: by the clock.
+// The work is done in another process, so wall-clock time counts.
 BENCHMARK(tablePeerRedis)->Unit(benchmark::kMicrosecond)->UseRealTime();
 const Goal kRedis("a table's cycle / HSET and XADD in Redis, 100 in flight",
                   "tableCycle/keys:65536/fill:10", "tablePeerRedis", 1.0 / 14);

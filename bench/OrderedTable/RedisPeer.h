@@ -14,7 +14,7 @@
 
 namespace Bench {
 
-/// A Redis server of its own on a socket, which saves only when it is told to.
+/// A private Redis server on a socket, which saves only on request.
 class RedisStore {
  public:
   explicit RedisStore(const std::string& path) : path_(path) {}
@@ -22,7 +22,7 @@ class RedisStore {
   RedisStore(const RedisStore&) = delete;
   RedisStore& operator=(const RedisStore&) = delete;
 
-  /// Returns when the server answers, with what it had saved.
+  /// Starts the server with the data it saved last; returns when it answers.
   void start() {
     const std::string socket = path_ + "/socket";
     ::unlink(socket.c_str());

@@ -10,7 +10,7 @@ namespace {
 
 using namespace Bench;
 
-/// Nanoseconds of the stages of a cycle, as counters for each operation.
+/// Duration of the stages of a cycle in nanoseconds, as counters per operation.
 class Stages {
  public:
   explicit Stages(benchmark::State& state) : state_(state) {}
@@ -43,8 +43,8 @@ void tableFloor(benchmark::State& state) {
 }
 BENCHMARK(tableFloor);
 
-/// The whole life of a write: queued, read back at once, resolved and committed, reported, its
-/// handler called.
+/// The complete cycle of a write: queued, read back immediately, resolved and committed, reported,
+/// its handler called.
 void tableCycle(benchmark::State& state, bool random) {
   const auto lag = static_cast<Word>(state.range(1)) * (kLogRecords / 100);
   LoadedTable loaded(static_cast<Word>(state.range(0)), lag);
@@ -93,7 +93,7 @@ const Goal kKeys("the same at 64 k keys / at 1 k keys", "tableCycle/keys:65536/f
 const Goal kFill("the same with the log filled to 95 % / to 10 %", "tableCycle/keys:65536/fill:95",
                  "tableCycle/keys:65536/fill:10", 1.15);
 
-/// Operations that waited behind a head which could not go on, once it can.
+/// Commits operations that were queued after a blocked head, once it is released.
 void tableDrain(benchmark::State& state) {
   constexpr unsigned kQueued = 100'000;
   LoadedTable loaded(kConfigRecords, 0);
@@ -102,7 +102,7 @@ void tableDrain(benchmark::State& state) {
   std::uint64_t idleLooks = 0;
   for (auto _ : state) {
     state.PauseTiming();
-    // A handle that nobody commits holds the head up until its state is set by hand.
+    // A handle that is never committed blocks the head until its state is set here.
     const auto gate = Fenrik::ptrIsImpl<TcamFamily::EntryHandle>(
         Asic::EntryVersion(Asic::MajorVersion(0), 0), tcamKey(0), &table);
     table.entryWrite(tcamKey(0), loaded.entry(), gate);
@@ -123,7 +123,7 @@ void tableDrain(benchmark::State& state) {
 }
 BENCHMARK(tableDrain)->Unit(benchmark::kMillisecond)->Iterations(5);
 
-/// As many commits of a queue that was never held up.
+/// Commits as many operations of a queue that was never blocked.
 void tableCommit(benchmark::State& state) {
   constexpr unsigned kQueued = 100'000;
   LoadedTable loaded(kConfigRecords, 0);
@@ -144,7 +144,7 @@ BENCHMARK(tableCommit)->Unit(benchmark::kMillisecond)->Iterations(5);
 const Goal kDrain("100,000 commits behind a head that was held up / behind none", "tableDrain",
                   "tableCommit", 1.1);
 
-/// A report of which every unit of the table hears, and that one operation of one unit awaits.
+/// A report that reaches every unit of the table, and that one operation of one unit awaits.
 void tableReport(benchmark::State& state) {
   const ScratchDirectory scratch;
   Support::AgentRig agent(scratch.path());
@@ -168,7 +168,7 @@ BENCHMARK(tableReport)->ArgName("units")->Arg(1)->Arg(256)->UseManualTime();
 const Goal kReport("a report to 256 units / to one", "tableReport/units:256", "tableReport/units:1",
                    1.15);
 
-/// A pump that finds nothing to do in any of so many groups.
+/// A pump that finds nothing to do in any of the groups.
 void tableIdlePump(benchmark::State& state) {
   const ScratchDirectory scratch;
   Support::AgentRig agent(scratch.path());
@@ -181,7 +181,7 @@ BENCHMARK(tableIdlePump)->ArgName("groups")->Arg(1)->Arg(64);
 const Goal kIdlePump("an idle pump of 64 groups / of one", "tableIdlePump/groups:64",
                      "tableIdlePump/groups:1", 4.0);
 
-/// In flight: the newest write is read back.
+/// Reads back the newest write while it is in flight.
 void tableReadInFlight(benchmark::State& state) {
   LoadedTable loaded(kConfigRecords, 0);
   for (Word i = 0; i < 1000; ++i) {

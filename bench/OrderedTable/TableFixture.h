@@ -14,12 +14,12 @@ using TcamFamily = QuarnBastil::TcamEntryFamily;
 using TcamKey = TcamFamily::Key;
 using TcamEntry = TcamFamily::Entry;
 
-/// Operations between two reports: what a hardware writer takes at a time.
+/// Operations between two reports: the hardware writer's batch.
 inline constexpr unsigned kBatch = 100;
 
 inline TcamKey tcamKey(Word number) { return TcamKey(0, static_cast<std::uint16_t>(number)); }
 
-/// An entry with its prefixes present, as rules have them.
+/// An entry with its prefixes present, as in rules.
 inline TcamEntry wholeEntry() {
   TcamEntry entry;
   const QuarnBastil::OptionalPrefix prefix({0x20, 0x01, 0x0d, 0xb8}, 7, 64);
@@ -28,10 +28,10 @@ inline TcamEntry wholeEntry() {
   return entry;
 }
 
-/// The floor of a committed write: its two records stored, and one word that says so. They lie in
-/// files of the collections' kind, so that all live behind pages of the same size. The compiler
-/// knows the record's size, as it knows it in a program that stores one type of records; copies of
-/// 552 bytes by the C library, told the size at run time, take less than half (avx512).
+/// Floor of a committed write: storing its two records, and one word that announces them. They are
+/// in files of the collections' kind, so that all have pages of the same size. The record's size is
+/// a compile-time constant, as in a program with one record type; copies of 552 bytes by the C
+/// library, with the size given at run time, take less than half the time (AVX-512).
 template <std::uint32_t recordSize>
 class Floor {
  public:
@@ -62,10 +62,10 @@ class Floor {
   std::size_t at_ = 0;
 };
 
-/// The largest table with its entries resident, over real shared memory, and the hardware's side.
+/// The largest table with its entries configured, in real shared memory, and the hardware's side.
 class LoadedTable {
  public:
-  /// `keys` entries; the hardware stays `lag` log records behind.
+  /// `keys` entries; the hardware lags `lag` log records behind.
   LoadedTable(Word keys, Word lag)
       : agent_(scratch_.path()),
         rig_(agent_),
@@ -88,13 +88,13 @@ class LoadedTable {
 
   /// A new random key.
   TcamKey randomKey() { return tcamKey(random_.next()); }
-  /// All keys in turn, in one random order: whoever writes them so walks along the slots.
+  /// All keys in turn, in one random order. Writing them in this order visits slots sequentially.
   TcamKey key(Word number) const {
     return tcamKey(keys_ == kConfigRecords ? shuffledKeys()[number % kConfigRecords]
                                            : number * 7 % keys_);
   }
 
-  /// The hardware's next report.
+  /// Makes the hardware's next report.
   void report() {
     const Word issued = rig_.log()->tableVersion().value();
     if (issued > lag_) reporter_.report(TcamFamily::kTableId, issued - lag_);

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// What a handle of one write carries: versions, state, a back pointer, two words of a callback.
+/// Payload of a write's handle: versions, state, a back pointer, two words of a callback.
 struct HandleFacts {
   explicit HandleFacts(std::uint64_t version) : entryVersion(version) {}
 
@@ -63,7 +63,7 @@ BENCHMARK(SharedMakeCopyDrop);
 const Bench::Goal kMakeGoal("node make + copy + drop, of make_shared", "NodeMakeCopyDrop/0",
                             "SharedMakeCopyDrop", 0.15);
 
-/// 65536 objects live; one at random goes, another comes.
+/// 65536 live objects; each step replaces a random one.
 constexpr std::size_t kLive = 65536;
 
 template <class Make, class Drop>
@@ -85,7 +85,7 @@ void churn(benchmark::State& state, Make make, Drop drop) {
 
 constexpr unsigned kStorageSize = sizeof(HandleNode);
 
-/// Storage alone on both sides: what is written into an object is no matter of the allocator.
+/// Allocates storage only on both sides: initialization is not the allocator's concern.
 void SlabChurn(benchmark::State& state) {
   const ThreadMode mode(state.range(0));
   const auto pattern = OvSlab::SlabAllocationPattern::perWrite;
@@ -102,7 +102,7 @@ void NewChurn(benchmark::State& state) {
 }
 BENCHMARK(NewChurn);
 
-/// The same with whole objects.
+/// As above with whole objects.
 void NodeChurn(benchmark::State& state) {
   const ThreadMode mode(state.range(0));
   std::uint64_t version = 0;

@@ -5,7 +5,7 @@
 namespace Blipline {
 namespace {
 
-/// The site's number, given at the first call. Of threads that race all get the same.
+/// The site's message id, assigned by the first call. Racing threads get the same id.
 MsgId msgIdOf(int& site) {
   static std::atomic<MsgId> last{0};
   std::atomic_ref<int> msgId(site);

@@ -8,7 +8,7 @@
 
 namespace Blipline {
 
-/// The letters of a message's numbers, in their order.
+/// The type letters of a message's numbers, in order.
 class QUARNBASTIL_EXPORT MsgFormatString {
  public:
   void put(const char* letter) { letters_ += letter; }
@@ -18,14 +18,14 @@ class QUARNBASTIL_EXPORT MsgFormatString {
   std::string letters_;
 };
 
-/// The description of one site's message on its way into one file.
+/// Description of one site's message, while it is being written to one file.
 ///
-/// The site makes it, puts a letter for each number, tells the rest through `msgDesc` and finishes
-/// it. One that is not finished leaves no trace.
+/// The site creates it, adds a letter for each number, passes the rest to `msgDesc` and calls
+/// `finish`. Without `finish`, nothing is written.
 class QUARNBASTIL_EXPORT MsgDesc {
  public:
-  /// `msgId` is the site's; `finish` gives it a number when it has none. Sites of several threads
-  /// may come here at once, each with its own file.
+  /// `msgId` belongs to the site; `finish` assigns an id if it has none. Sites of several threads
+  /// may run this at once, each with its own file.
   MsgDesc(TraceFile* traceFile, int* msgId, const char* file, int line);
   MsgDesc(const MsgDesc&) = delete;
   MsgDesc& operator=(const MsgDesc&) = delete;
@@ -37,21 +37,21 @@ class QUARNBASTIL_EXPORT MsgDesc {
  private:
   friend void msgDesc(MsgDesc& desc, const char* className, const char* function, const char* text);
 
-  /// The file that gets the description.
+  /// The file that receives the description.
   TraceFile* const traceFile_;
-  /// The site's message id, 0 before its first use.
+  /// The site's message id; 0 before its first use.
   int* const msgId_;
   /// Source file and line of the site.
   const char* const file_;
   const int line_;
   MsgFormatString formatString_;
-  /// What `msgDesc` reported.
+  /// Values passed to `msgDesc`.
   std::string className_;
   std::string function_;
   std::string text_;
 };
 
-/// Tells where the message stands and what it says: "{}" is the place of a number.
+/// Passes the position and text of the message; "{}" is the place of a number.
 QUARNBASTIL_EXPORT void msgDesc(MsgDesc& desc, const char* className, const char* function,
                                 const char* text);
 

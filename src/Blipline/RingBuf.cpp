@@ -23,8 +23,8 @@ void RingBuf::blockEnter(TraceFile* file) noexcept {
 
 void RingBuf::blockBegin(std::uint64_t position) noexcept {
   committed_->store(position, std::memory_order_release);
-  // Whoever sees a byte of the new block sees that the old ones are gone. A release fence would do,
-  // but the thread sanitizer refuses those.
+  // A reader that sees any byte of the new block must also see that the old records are gone. A
+  // release fence would suffice, but the thread sanitizer does not support it.
   __sync_synchronize();
   std::byte* const block = ring_ + (position & (ringBytes_ - 1));
   const RingClock::Instant now = RingClock::instant();

@@ -16,11 +16,11 @@ namespace Blipline {
 namespace {
 
 constexpr std::uint64_t kNanosPerSecond = 1'000'000'000;
-/// Two readings that are 50 ns off give the rate to 1 in 20,000; a reader refines it over the time
+/// Two readings that are off by 50 ns give the rate to 1 in 20,000. Readers refine it over the time
 /// that a file covers.
 constexpr std::chrono::milliseconds kRateSpan{2};
 
-/// Whether the counter runs at one rate, in all states of the processor.
+/// Whether the counter's rate is the same in all power states of the processor.
 bool counterIsEven() noexcept {
 #if defined(__x86_64__)
   unsigned a = 0;
@@ -67,7 +67,7 @@ RingClock::Instant RingClock::instant() noexcept {
 
 RingClock::Base RingClock::measure() {
   hasCounter_ = counterIsEven();
-  instant();  // The first call of a clock is a slow one.
+  instant();  // Warms up: the first call of a clock is slow.
   const Instant first = instant();
   const std::uint64_t realtime = nanoseconds(CLOCK_REALTIME);
   if (!hasCounter_) return {RingClockKind::monotonic, kNanosPerSecond, first, realtime};

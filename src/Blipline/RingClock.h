@@ -8,16 +8,16 @@
 
 namespace Blipline {
 
-/// The clock of the records: the processor's counter where it runs evenly, which costs less than
-/// half of the system's clock, and CLOCK_MONOTONIC elsewhere.
+/// Clock of the records: the processor's time stamp counter if its rate is constant, which costs
+/// less than half of a system clock; otherwise CLOCK_MONOTONIC.
 class QUARNBASTIL_EXPORT RingClock {
  public:
-  /// One instant on the ring's clock and on the monotonic one, in nanoseconds.
+  /// One instant on the ring's clock and on CLOCK_MONOTONIC, in nanoseconds.
   struct Instant {
     std::uint64_t tick;
     std::uint64_t monotonic;
   };
-  /// What turns ticks into a time of day, the same for the whole process.
+  /// Converts ticks to time of day; the same for the whole process.
   struct Base {
     RingClockKind kind;
     std::uint64_t ticksPerSecond;
@@ -25,7 +25,7 @@ class QUARNBASTIL_EXPORT RingClock {
     std::uint64_t realtime;
   };
 
-  /// Measured at the first call, which sleeps for two milliseconds.
+  /// Measured by the first call, which sleeps for two milliseconds.
   static const Base& base();
 
   /// REQUIRES: `base` has been called.
@@ -43,7 +43,7 @@ class QUARNBASTIL_EXPORT RingClock {
   static std::uint64_t nanoseconds(clockid_t clock) noexcept;
   static Base measure();
 
-  /// The time stamp counter runs evenly. Set by `measure`.
+  /// Whether the time stamp counter has a constant rate. Set by `measure`.
   static bool hasCounter_;
 };
 

@@ -7,27 +7,26 @@
 #include <cstring>
 #include <span>
 
-// The layout of a ring file: header page, ring, descriptions. docs/blipline-format.md tells it in
-// words.
+// Layout of a ring file: header page, ring, descriptions. See docs/blipline-format.md.
 
 namespace Blipline {
 
 inline constexpr std::array<char, 8> kRingMagic{'B', 'L', 'I', 'P', 'R', 'I', 'N', 'G'};
 inline constexpr std::uint32_t kRingVersion = 1;
-/// Reads so in the byte order of the machine that wrote the file.
+/// Detects a different byte order.
 inline constexpr std::uint32_t kByteOrderMark = 0x01020304;
 
-/// One page, so that the ring begins on one.
+/// One page, so that the ring is page-aligned.
 inline constexpr std::size_t kHeaderBytes = 4096;
-/// What is lost at once when the ring laps. Large enough that entering a block, which reads two
-/// clocks, vanishes among its hundred records.
+/// Amount lost at once when the ring wraps. Large enough that entering a block, which reads two
+/// clocks, costs little per record: a block holds about a hundred.
 inline constexpr std::size_t kBlockBytes = 4096;
 inline constexpr std::size_t kRingBytesMin = 4 * kBlockBytes;
 inline constexpr std::size_t kRingBytesMax = std::size_t{1} << 30;
-/// Thousands of descriptions; a reader refuses more.
+/// Enough for thousands of descriptions. Readers refuse more.
 inline constexpr std::size_t kDescriptionBytesMax = std::size_t{64} << 20;
 
-/// More numbers than a message that a person reads has.
+/// More numbers than any readable message has.
 inline constexpr std::size_t kArgumentsMax = 16;
 inline constexpr std::size_t kRecordHeadBytes = 16;
 inline constexpr std::size_t kRecordBytesMax = kRecordHeadBytes + kArgumentsMax * 8;
@@ -41,19 +40,26 @@ enum class RingClockKind : std::uint32_t {
 
 /// Written once, before the file gets its name.
 struct RingFacts {
+  /// `kRingMagic`.
   std::array<char, 8> magic;
+  /// `kRingVersion`.
   std::uint32_t version;
+  /// `kByteOrderMark`.
   std::uint32_t byteOrder;
   std::uint32_t headerBytes;
   std::uint32_t blockBytes;
+  /// Sizes of header, block and ring.
   std::uint64_t ringBytes;
+  /// The process that wrote the file.
   std::uint32_t processId;
-  /// Number of the file among those of its handle.
+  /// Index of the file among those of its handle.
   std::uint32_t fileIndex;
+  /// The clock of the records, and its rate.
   RingClockKind clockKind;
   std::uint32_t unused;
   std::uint64_t ticksPerSecond;
-  /// One instant on three clocks, the same in all files of a process. Nanoseconds.
+  /// One instant on three clocks, the same in all files of a process. In nanoseconds, except for
+  /// the tick.
   std::uint64_t baseTick;
   std::uint64_t baseMonotonic;
   std::uint64_t baseRealtime;
@@ -62,53 +68,59 @@ struct RingFacts {
 };
 static_assert(sizeof(RingFacts) == 88 && offsetof(RingFacts, checksum) == 80);
 
+/// Mutable words follow the facts, each in its own cache line.
 struct RingHeader {
   RingFacts facts;
-  /// Bytes that were ever put into the ring, with what was skipped at the ends of blocks: all below
-  /// is whole. Stored with release by the writer, after the bytes.
+  /// Bytes ever put into the ring, including those skipped at the ends of blocks: all records below
+  /// this position are complete. Stored by the writer with release, after the bytes.
   alignas(64) std::atomic<std::uint64_t> committed;
-  /// Bytes of whole descriptions behind the ring. Stored with release by the writer, after them.
+  /// Bytes of complete descriptions after the ring. Stored by the writer with release, after the
+  /// bytes.
   alignas(64) std::atomic<std::uint64_t> descriptionBytes;
 };
 static_assert(offsetof(RingHeader, committed) == 128);
 static_assert(offsetof(RingHeader, descriptionBytes) == 192);
 static_assert(sizeof(RingHeader) <= kHeaderBytes);
 
-/// Head of a block, before its records.
+/// Precedes the records of a block.
 struct BlockHead {
-  /// Position of the block in the endless ring.
+  /// Position of the block, counted over all laps of the ring.
   std::uint64_t position;
-  /// When the block was entered, on the ring's clock and on CLOCK_MONOTONIC.
+  /// Time at which the block was entered, on the ring's clock and on CLOCK_MONOTONIC.
   std::uint64_t tick;
   std::uint64_t monotonic;
   std::uint64_t unused;
 };
 static_assert(sizeof(BlockHead) == 32);
 
-/// First word of a record. Zero in its place: the block ends here.
+/// First word of a record. Zero instead marks the end of the block.
 struct RecordHead {
+  /// Message of the record.
   std::uint32_t msgId;
-  /// Whole record with this head, a multiple of 8.
+  /// Bytes of the record including this head, a multiple of 8.
   std::uint16_t bytes;
+  /// `kRecordMark`.
   std::uint16_t mark;
 };
 static_assert(sizeof(RecordHead) == 8);
 inline constexpr std::uint16_t kRecordMark = 0xb11b;
 
-/// Head of a description; letters, source file, class, function and text follow without a gap, then
+/// Head of a description. Letters, source file, class, function and text follow without gaps, then
 /// zeros up to `bytes`.
 struct DescriptionHead {
+  /// Bytes of the description including this head.
   std::uint32_t bytes;
   std::uint32_t msgId;
   std::uint32_t line;
+  /// Lengths of the five texts.
   std::array<std::uint16_t, 5> lengths;
   std::uint16_t unused;
-  /// `ringChecksum` of the description with this member zero.
+  /// `ringChecksum` of the description with this member set to zero.
   std::uint64_t checksum;
 };
 static_assert(sizeof(DescriptionHead) == 32 && offsetof(DescriptionHead, checksum) == 24);
 
-/// FNV-1a over bytes, 64 bits.
+/// 64-bit FNV-1a.
 inline std::uint64_t ringChecksum(std::span<const std::byte> bytes) noexcept {
   std::uint64_t sum = 0xcbf29ce484222325;
   for (const std::byte byte : bytes)
@@ -116,7 +128,7 @@ inline std::uint64_t ringChecksum(std::span<const std::byte> bytes) noexcept {
   return sum;
 }
 
-/// Bytes that a number of this letter takes in a record; 0 for an unknown letter.
+/// Bytes of a number with this type letter in a record; 0 for an unknown letter.
 constexpr std::size_t letterBytes(char letter) noexcept {
   switch (letter) {
     case 'c':

@@ -11,15 +11,15 @@
 
 namespace Blipline {
 
-/// One mapping, as the handler sees it. Never freed, but used again: the handler may look at any
-/// time.
+/// One mapping's entry for the signal handler. Reused but never freed, because the handler may
+/// access it at any time.
 struct RingMapping::Place {
   std::atomic<std::byte*> start{nullptr};
   std::atomic<std::size_t> bytes{0};
   std::atomic<bool> lost{false};
   std::atomic<Place*> next{nullptr};
 
-  /// Async-signal-safe; leaves errno alone.
+  /// Async-signal-safe; preserves errno.
   void lose() noexcept {
     const int before = errno;
     lost = true;
@@ -70,7 +70,8 @@ struct RingMapping::Places {
     if ((former.sa_flags & SA_SIGINFO) != 0) return former.sa_sigaction(signal, info, context);
     if (former.sa_handler != SIG_DFL && former.sa_handler != SIG_IGN)
       return former.sa_handler(signal);
-    // The instruction is tried again and ends the process, as it would have without this handler.
+    // The faulting instruction is executed again and terminates the process, as it would without
+    // this handler.
     ::signal(SIGBUS, SIG_DFL);
     if (info->si_code <= 0) ::raise(SIGBUS);
   }

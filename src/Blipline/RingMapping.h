@@ -5,16 +5,15 @@
 
 namespace Blipline {
 
-/// A ring file mapped for writing. Stores into it never end the process: when somebody truncates
-/// the file, and in a child process after a fork, memory of the process's own takes the place of
-/// the file's, and what is stored there is seen by nobody.
+/// A ring file mapped for writing. Stores to it never fail: if the file is truncated, and in a
+/// child process after a fork, private memory replaces the mapping, and stores have no visible
+/// effect.
 ///
-/// For the first of these the process gets a handler of SIGBUS with its first mapping. A signal
-/// that means something else goes to the handler that was there before, or ends the process as
-/// ever. A program that sets a handler of its own later calls the former one for what it does not
-/// know.
+/// To handle truncation, the first mapping installs a SIGBUS handler. Signals with other causes are
+/// passed to the previous handler, or terminate the process as usual. A program that installs its
+/// own handler later must call the previous one for causes that it does not know.
 ///
-/// One thread at a time, but for `lost`.
+/// Threads: one at a time, except for `lost`.
 class RingMapping {
  public:
   RingMapping() noexcept = default;
@@ -22,17 +21,17 @@ class RingMapping {
   RingMapping& operator=(const RingMapping&) = delete;
   ~RingMapping();
 
-  /// Maps the file's first bytes. Null and errno when the system refuses.
+  /// Maps the first `bytes` bytes of the file. Null, with errno set, on failure.
   void* map(int fd, std::size_t bytes);
 
-  /// The file is not written any more.
+  /// Whether the mapping has been replaced and the file is no longer written.
   bool lost() const noexcept;
 
  private:
   struct Place;
   struct Places;
 
-  /// What the signal handler knows of this mapping; null before `map`.
+  /// This mapping's entry for the signal handler; null before `map`.
   Place* place_ = nullptr;
 };
 

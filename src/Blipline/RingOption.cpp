@@ -37,7 +37,7 @@ TraceHandle::Options optionsOf(std::string_view option) {
   return options;
 }
 
-/// The environment's wish is followed while the library is loaded, before the first site.
+/// Applies the environment's option while the library is loaded, before the first trace site runs.
 [[gnu::constructor]] void environmentFollow() {
   const char* const option = ::secure_getenv("BASTIL_RING");
   if (option == nullptr) return;
@@ -56,7 +56,7 @@ void ringOptionIs(std::string_view option) {
     throw TraceFileException(
         Fenrik::formatString("ring trace \"{}\": there is a ring trace already", option));
   }
-  // Never destroyed: threads record until the process ends.
+  // Never destroyed, because threads record until the process ends.
   defaultBliplineHandle = new TraceHandle(optionsOf(option));
 }
 

@@ -7,15 +7,15 @@
 
 namespace Blipline {
 
-/// Switches the process's ring trace on, as a user asks for it: "DIRECTORY" or "DIRECTORY:KIB", the
-/// size of each thread's ring in KiB, 1024 without one. The files are DIRECTORY/PROGRAM-0.blip and
-/// so on, one for each thread; PROGRAM is the name by which the process was started. Once on it
-/// stays, and another call is refused.
+/// Enables the process's ring trace as requested by a user: "DIRECTORY" or "DIRECTORY:KIB" with the
+/// size of each thread's ring in KiB, 1024 by default. The files are DIRECTORY/PROGRAM-0.blip and
+/// so on, one per thread, where PROGRAM is the name of the started program. It remains enabled;
+/// further calls are refused.
 ///
-/// A process whose environment has BASTIL_RING begins with that option; one that cannot be followed
-/// is told on the standard error output.
+/// A process starts with the option in the environment's BASTIL_RING. If it cannot be applied, a
+/// message is printed on standard error.
 ///
-/// Throws `TraceFileException`, with nothing changed.
+/// Throws `TraceFileException`; nothing has changed then.
 QUARNBASTIL_EXPORT void ringOptionIs(std::string_view option);
 
 }  // namespace Blipline

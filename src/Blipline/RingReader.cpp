@@ -54,7 +54,7 @@ std::string numberText(char letter, std::span<const std::byte> bytes) {
   }
 }
 
-/// A text of a file that nobody vouches for, safe for a terminal.
+/// Makes text from an untrusted file safe for a terminal.
 std::string printable(std::string_view text) {
   std::string clean;
   for (const char c : text) {
@@ -93,8 +93,7 @@ const char* ringFileStateName(RingFileState state) noexcept {
   return "?";
 }
 
-/// The open file. It is read, not mapped: a file that shrinks meanwhile is then an error like
-/// another.
+/// The open file. It is read, not mapped, so that truncation during the read is an ordinary error.
 struct RingFile::Source {
   explicit Source(const std::string& path)
       : fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
@@ -115,7 +114,7 @@ struct RingFile::Source {
     return true;
   }
 
-  /// A word of the header that the writer moves. Reads on either side of it keep their side.
+  /// A header word that the writer changes. Reads before and after it are not reordered with it.
   std::uint64_t word(std::size_t offset) const {
     std::array<std::byte, 8> bytes{};
     __sync_synchronize();
@@ -168,9 +167,9 @@ void RingFile::factsRead(const Source& source) {
 
 void RingFile::ringRead(const Source& source) {
   ring_.resize(facts_.ringBytes);
-  // A writer at full speed can lap a reader; it would have to do so every time.
+  // A writer at full speed can overtake a reader, but hardly at every attempt.
   constexpr int kTries = 20;
-  // More bytes than any process writes.
+  // Beyond the number of bytes that any process can write.
   constexpr std::uint64_t kPositionMax = std::uint64_t{1} << 62;
   for (int attempt = 0; attempt < kTries; ++attempt) {
     const std::uint64_t committed = source.committed();
@@ -180,7 +179,7 @@ void RingFile::ringRead(const Source& source) {
     if (committed % 8 != 0 || after < committed || after > kPositionMax)
       fail(RingFileState::damaged, fmt::format("the position {} at offset {} cannot be", committed,
                                                offsetof(RingHeader, committed)));
-    // The block in which the writer stood at the end lies over the oldest one.
+    // The block that the writer was in at the end overlays the oldest one.
     const std::uint64_t end = after / kBlockBytes * kBlockBytes + kBlockBytes;
     const std::uint64_t first = end > facts_.ringBytes ? end - facts_.ringBytes : 0;
     if (first < committed || committed == 0) return blocksWalk(first, committed);
@@ -190,7 +189,7 @@ void RingFile::ringRead(const Source& source) {
 
 void RingFile::blocksWalk(std::uint64_t first, std::uint64_t committed) {
   for (std::uint64_t position = first; position < committed; position += kBlockBytes) {
-    // A writer that is about to enter a block has announced no more than its first position.
+    // A writer about to enter a block has committed only the block's start.
     const std::uint64_t end = std::min<std::uint64_t>(committed, position + kBlockBytes);
     const auto block = std::span(ring_).subspan(position & (facts_.ringBytes - 1));
     const auto head = loadAs<BlockHead>(block);
@@ -211,7 +210,7 @@ void RingFile::blockWalk(std::uint64_t position, std::uint64_t end) {
   while (position < end) {
     const std::uint64_t offset = position & (facts_.ringBytes - 1);
     const auto rest = std::span<const std::byte>(ring_).subspan(offset, end - position);
-    // The place of the next record, where the block had no room for it.
+    // A zero word where the next record would start: the block had no room for it.
     if (rest.size() >= sizeof(RecordHead) && loadWord(rest) == 0 && end == block + kBlockBytes)
       return;
     const auto head = rest.size() >= kRecordHeadBytes ? loadAs<RecordHead>(rest) : RecordHead{};
@@ -298,16 +297,16 @@ std::string RingFile::text(const Record& record) const {
 
 namespace {
 
-/// Turns the ticks of one process into time of day.
+/// Converts the ticks of one process to time of day.
 class ProcessClock {
  public:
   explicit ProcessClock(const RingFacts& facts)
       : facts_(facts), nanosPerTick_(1e9 / static_cast<double>(facts.ticksPerSecond)) {}
 
-  /// The rate that the whole life of a file shows is better than that of the first milliseconds.
+  /// Replaces the initial rate by the more precise one over the file's life.
   void refine(const BlockHead& block) {
     constexpr std::uint64_t kWorthwhile = 100'000'000;
-    // No clock is off by more than a tenth; a block that says so is damaged.
+    // A rate that differs by more than a tenth indicates a damaged block.
     constexpr double kTolerance = 0.1;
     const std::uint64_t nanos = block.monotonic - facts_.baseMonotonic;
     const std::uint64_t ticks = block.tick - facts_.baseTick;
@@ -323,7 +322,7 @@ class ProcessClock {
   }
 
   std::int64_t time(std::uint64_t tick) const {
-    // A file may say anything of its ticks; a time that fits no calendar is cut at the year 2262.
+    // Untrusted ticks are limited to the year 2262, the maximum of the result.
     constexpr double kFarthest = 9.2e18;
     const auto since = static_cast<double>(static_cast<std::int64_t>(tick - facts_.baseTick));
     const auto base =
@@ -362,7 +361,7 @@ std::vector<RingMessage> ringMessages(std::span<const RingFile> files) {
       messages.push_back({clock.time(record.tick), file.facts().processId, file.facts().fileIndex,
                           placeOf(file, record.msgId), file.text(record)});
   }
-  // Stable: what one thread recorded within a tick keeps its order.
+  // Stable, so that records of one thread with equal ticks keep their order.
   std::ranges::stable_sort(messages, {}, &RingMessage::time);
   return messages;
 }

@@ -18,7 +18,7 @@ enum class RingFileState { absent, foreign, otherVersion, damaged, lapped };
 
 QUARNBASTIL_EXPORT const char* ringFileStateName(RingFileState state) noexcept;
 
-/// A file that cannot be read as a ring file. The message names the path, the state and the place.
+/// A file cannot be read as a ring file. The message gives path, state and position.
 class QUARNBASTIL_EXPORT RingFileException final : public Fenrik::Exception {
  public:
   RingFileException(RingFileState state, Fenrik::String message)
@@ -31,22 +31,24 @@ class QUARNBASTIL_EXPORT RingFileException final : public Fenrik::Exception {
   RingFileState state_;
 };
 
-/// What one ring file held at one instant. The file may belong to a process that runs, that was
-/// killed, or be any bytes at all.
+/// Content of a ring file at one instant. The file may belong to a running or a killed process, or
+/// contain arbitrary bytes.
 ///
-/// I1. Every record had been ended, and they stand in the order in which they were recorded,
-///     without a gap up to the last.
-/// I2. Damage within one block or description costs that one and is told by `problems`.
+/// I1. All records are complete, in the order of recording, and without a gap up to the last one.
+/// I2. Damage in a block or description affects only that one and is listed in `problems`.
 class QUARNBASTIL_EXPORT RingFile {
  public:
   struct Description {
+    /// Type letters of the numbers.
     std::string letters;
+    /// Position of the trace site.
     std::string file;
     std::string className;
     std::string function;
     std::string text;
     std::uint32_t line;
   };
+  /// One record; `numbers` refers to the file's copy.
   struct Record {
     std::uint64_t tick;
     std::uint32_t msgId;
@@ -62,15 +64,14 @@ class QUARNBASTIL_EXPORT RingFile {
   const RingFacts& facts() const noexcept { return facts_; }
   const std::vector<Record>& records() const noexcept { return records_; }
   const std::map<std::uint32_t, Description>& descriptions() const noexcept {
-    /// Messages of the file by id.
     return descriptions_;
   }
-  /// Damage that was found and passed over, one sentence for each.
+  /// Damage found and skipped, a sentence each.
   const std::vector<std::string>& problems() const noexcept { return problems_; }
-  /// The latest instant that the file knows on both clocks.
+  /// The latest instant known on both clocks.
   const BlockHead& lastBlock() const noexcept { return lastBlock_; }
 
-  /// The record's text with its numbers in place; the plain bytes if the message is not described.
+  /// The record's text with its numbers inserted; its bytes if the message has no description.
   std::string text(const Record& record) const;
 
  private:
@@ -85,33 +86,36 @@ class QUARNBASTIL_EXPORT RingFile {
 
   std::string path_;
   RingFacts facts_{};
-  /// The ring's bytes, copied; records point into them.
+  /// A copy of the ring; records refer to it.
   std::vector<std::byte> ring_;
-  /// Whole records, oldest first.
+  /// Complete records, oldest first.
   std::vector<Record> records_;
+  /// Messages of the file by id.
   std::map<std::uint32_t, Description> descriptions_;
-  /// Damage that was skipped, a sentence each.
+  /// Damage found and skipped, a sentence each.
   std::vector<std::string> problems_;
   /// Head of the newest block.
   BlockHead lastBlock_{};
 };
 
-/// One record made readable.
+/// One record in readable form.
 struct RingMessage {
   /// Nanoseconds since 1970, UTC.
   std::int64_t time;
+  /// Process and file of the record.
   std::uint32_t processId;
   std::uint32_t fileIndex;
-  /// File, line, class and function of the site; empty when the message is not described.
+  /// File, line, class and function of the site; empty if the message has no description.
   std::string place;
+  /// The message with its numbers.
   std::string text;
 };
 
-/// The records of all files in the order of time. Those of one process are ordered by its clock,
-/// which its threads share.
+/// The records of all files ordered by time. Records of one process are ordered by its clock, which
+/// its threads share.
 QUARNBASTIL_EXPORT std::vector<RingMessage> ringMessages(std::span<const RingFile> files);
 
-/// A message as one line without line feed: time, process and file, place, text.
+/// A message as one line without line feed: time, process and file, position, text.
 QUARNBASTIL_EXPORT std::string ringLine(const RingMessage& message);
 
 }  // namespace Blipline

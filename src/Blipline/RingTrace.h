@@ -13,8 +13,8 @@
 
 namespace Blipline {
 
-/// How a number of type T lies in a record: its letter, and the plain number stored. A value type
-/// joins in with
+/// Representation of a number of type T in a record: its type letter, and the plain number stored.
+/// Specialize it for a value type:
 ///
 ///     template <>
 ///     struct Blipline::Field<Asic::UnitId> : Blipline::Field<std::uint16_t> {
@@ -57,8 +57,8 @@ struct Field<T> : Field<std::underlying_type_t<T>> {
 
 namespace Impl {
 
-/// Places for numbers in a message's text. Anything else in braces is refused: the reader would
-/// show it as it stands.
+/// Number of places for numbers in a message's text, or -1 if it contains other braces, which
+/// readers would print literally.
 consteval int placesIn(std::string_view text) {
   int places = 0;
   for (std::size_t at = 0; at < text.size(); ++at) {
@@ -79,7 +79,7 @@ template <class T>
   return place + sizeof number;
 }
 
-/// The first pass of a site in a file.
+/// Describes a site's message in a file, at its first use there.
 template <class... Args>
 [[gnu::noinline, gnu::cold]] void siteDescribe(TraceFile* traceFile, int* msgId, const char* file,
                                                int line, const char* className,
@@ -117,9 +117,9 @@ template <class... Args>
 /// A ring trace site:
 /// `BLIPLINE_TRACE("TcamEntryInterface", " Restored {} entries, unitId: {}", count, unitId)`.
 ///
-/// `text` is a constant with one "{}" for each number. The type of a number decides how it is
-/// stored: an `int` under the letter "i", an `unsigned short` under "s". Without a ring trace in
-/// the process the numbers are not evaluated.
+/// `text` is a constant with one "{}" per number. The type of a number determines how it is stored:
+/// an `int` with the letter "i", an `unsigned short` with "s". Without a ring trace the numbers are
+/// not evaluated.
 #define BLIPLINE_TRACE(className, text, ...)                                                      \
   do {                                                                                            \
     static_assert(::Blipline::Impl::placesIn(text) >= 0, "a place for a number is {}");           \

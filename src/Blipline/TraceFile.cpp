@@ -43,9 +43,9 @@ RingFacts factsOf(std::size_t ringBytes, unsigned fileIndex) {
   return facts;
 }
 
-/// The bytes of a description as they stand in the file.
+/// The bytes of a description as stored in the file.
 std::string descriptionBytes(MsgId msgId, const MsgFacts& facts) {
-  // What is longer than any real text is cut, so that the lengths fit their words.
+  // Longer texts, which do not occur in practice, are cut, so that lengths fit their fields.
   constexpr std::size_t kLongest = 4000;
   DescriptionHead head{};
   std::string texts;
@@ -115,7 +115,7 @@ void TraceFile::mapNew(const std::string& path, std::size_t ringBytes, unsigned 
 void TraceFile::descriptionAdd(MsgId msgId, const MsgFacts& facts) {
   const std::string bytes = descriptionBytes(msgId, facts);
   const std::uint64_t before = header_->descriptionBytes.load(std::memory_order_relaxed);
-  // After the load, which is what meets a file that was truncated.
+  // Checked after the load above, which detects a truncated file.
   const bool room = !mapping_.lost() && before + bytes.size() <= kDescriptionBytesMax;
   if (room && writeAt(fd_, bytes, kHeaderBytes + ringBytes_ + before))
     header_->descriptionBytes.store(before + bytes.size(), std::memory_order_release);

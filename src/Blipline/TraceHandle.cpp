@@ -19,7 +19,7 @@ thread_local constinit ThreadSlot threadSlot{0, nullptr};
 
 namespace {
 
-/// Held over the files of every multi-threaded handle: threads come and go seldom.
+/// Protects the files of all multi-threaded handles; threads start and end rarely.
 constinit std::mutex poolMutex;
 
 const Fenrik::ForkGuard forkGuard(
@@ -39,7 +39,7 @@ class FilePool {
         index);
   }
 
-  /// Null in a child process: the names are the parent's.
+  /// Null in a forked child, since the file names are the parent's.
   TraceFile* fileTake() {
     if (::getpid() != owner_) return nullptr;
     const std::lock_guard lock(poolMutex);
@@ -68,7 +68,7 @@ namespace {
 
 thread_local constinit bool threadEnded = false;
 
-/// The files of one thread, which go back to their handles at its end.
+/// The files of one thread, returned to their handles when it ends.
 class ThreadFiles {
  public:
   ThreadFiles() = default;
@@ -82,7 +82,8 @@ class ThreadFiles {
         pool->fileReturn(holding.file);
   }
 
-  /// Null is remembered too: a thread whose file could not be made does not try at every site.
+  /// Null is cached too, so that a thread whose file could not be created does not retry at every
+  /// site.
   TraceFile* file(std::uint64_t handleId, const std::shared_ptr<FilePool>& pool) {
     for (const Holding& holding : holdings_)
       if (holding.handleId == handleId) return holding.file;
@@ -135,7 +136,7 @@ TraceFile* TraceHandle::threadFile() noexcept {
   try {
     file = Impl::fileOfThread(id_, pool_);
   } catch (const std::exception&) {
-    // The site has nobody to tell; the files that are there show what is missing.
+    // A trace site cannot report this; the missing file shows it.
   }
   Impl::threadSlot = {id_, file};
   return file;

@@ -14,7 +14,7 @@ namespace Blipline {
 
 namespace Impl {
 
-/// The file that the calling thread used last, and of which handle. Id 0 is no handle's.
+/// The file last used by the calling thread, and the id of its handle; id 0 belongs to no handle.
 struct ThreadSlot {
   std::uint64_t handleId;
   TraceFile* file;
@@ -26,38 +26,41 @@ class FilePool;
 
 }  // namespace Impl
 
-/// The ring trace of a process, or of a part of it.
+/// The ring trace of a process or of a part of it.
 ///
 /// A single-threaded handle has one file, in which one thread at a time records. A multi-threaded
-/// one gives every thread a file of its own, so that a record needs no lock; the file of a thread
-/// that ended passes to the next new one.
-/// I1. The first word is zero for a single-threaded handle, and for no other.
+/// handle gives each thread its own file, so that records need no lock; when a thread ends, its
+/// file is passed to the next new thread.
+/// I1. The first word is zero if and only if the handle is single-threaded.
 class QUARNBASTIL_EXPORT TraceHandle {
  public:
   struct Options {
+    /// Directory of the files.
     std::string directory;
-    /// The files are DIRECTORY/NAME-0.blip, NAME-1.blip and so on. Those of an earlier run are kept
-    /// with ".old" behind their name, those of the run before it go.
+    /// The files are DIRECTORY/NAME-0.blip, NAME-1.blip and so on. Files of the previous run are
+    /// kept with the suffix ".old"; older ones are removed.
     std::string name;
-    /// For each file. A record of three numbers takes 32 bytes or less.
+    /// Size of each ring. A record with three numbers takes at most 32 bytes.
     std::size_t ringBytes = std::size_t{1} << 20;
+    /// Whether each thread gets its own file.
     bool multiThreaded = false;
   };
 
-  /// Makes the first file, that of the calling thread. Throws `TraceFileException`.
+  /// Creates the first file, that of the calling thread. Throws `TraceFileException`.
   explicit TraceHandle(const Options& options);
   TraceHandle(const TraceHandle&) = delete;
   TraceHandle& operator=(const TraceHandle&) = delete;
-  /// Takes itself off `defaultBliplineHandle`. REQUIRES: no thread is at a site of the handle.
+  /// Resets `defaultBliplineHandle` if it refers to this handle. REQUIRES: no thread is at a trace
+  /// site of the handle.
   ~TraceHandle();
 
-  /// The file in which the calling thread records; null when there is none.
+  /// The file in which the calling thread records, or null.
   TraceFile* traceFile() {
     if (multiThreaded_ == 0) return &*file_;
     return mtTraceFile();
   }
 
-  /// The calling thread's own file, made at its first call; null when it could not be made.
+  /// The calling thread's file, created at its first call; null if it could not be created.
   /// REQUIRES: the handle is multi-threaded.
   TraceFile* mtTraceFile() {
     if (Impl::threadSlot.handleId == id_) [[likely]]
@@ -68,18 +71,17 @@ class QUARNBASTIL_EXPORT TraceHandle {
  private:
   TraceFile* threadFile() noexcept;
 
-  /// 0 or 1; a word because sites read it directly.
+  /// 0 or 1; a word, because sites read it directly.
   std::uintptr_t multiThreaded_;
-  /// Never used twice in a process.
+  /// Unique in the process.
   const std::uint64_t id_;
-  /// The file of a single-threaded handle.
+  /// File of a single-threaded handle.
   std::optional<TraceFile> file_;
-  /// The files of a multi-threaded handle.
+  /// Files of a multi-threaded handle.
   std::shared_ptr<Impl::FilePool> pool_;
 };
 
-/// The handle of all ring traces of the system; null when the process has none. The process sets it
-/// and keeps the object.
+/// The handle of all ring traces of the system, or null. Set by the process, which owns the object.
 QUARNBASTIL_EXPORT extern std::atomic<TraceHandle*> defaultBliplineHandle;
 
 }  // namespace Blipline

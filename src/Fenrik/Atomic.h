@@ -4,8 +4,8 @@
 
 namespace Fenrik {
 
-/// The atomic operations on a plain word that inline code of this system needs, on the compiler's
-/// builtins: <atomic> is 36,000 lines for everybody who includes a node.
+/// Atomic operations on a plain word for inline code, based on compiler builtins: <atomic> would
+/// add 36,000 lines to every source that includes a node.
 ///
 /// The word is aligned to its size. Operations without an order in their name are sequentially
 /// consistent.
@@ -23,13 +23,14 @@ class AtomicRef {
   void storeRelease(T value) const noexcept { __atomic_store_n(word_, value, __ATOMIC_RELEASE); }
   void storeRelaxed(T value) const noexcept { __atomic_store_n(word_, value, __ATOMIC_RELAXED); }
 
-  /// These return the value before.
+  /// Return the previous value.
   T fetchAdd(T value) const noexcept { return __atomic_fetch_add(word_, value, __ATOMIC_SEQ_CST); }
   T fetchSub(T value) const noexcept { return __atomic_fetch_sub(word_, value, __ATOMIC_SEQ_CST); }
   T fetchOr(T value) const noexcept { return __atomic_fetch_or(word_, value, __ATOMIC_SEQ_CST); }
   T fetchAnd(T value) const noexcept { return __atomic_fetch_and(word_, value, __ATOMIC_SEQ_CST); }
 
-  /// Stores `value` and returns true if the word is `expected`; otherwise reads it into that.
+  /// If the word equals `expected`, stores `value` and returns true; otherwise stores the word in
+  /// `expected`.
   bool compareExchange(T& expected, T value) const noexcept {
     return __atomic_compare_exchange_n(word_, &expected, value, false, __ATOMIC_SEQ_CST,
                                        __ATOMIC_SEQ_CST);
@@ -42,7 +43,7 @@ class AtomicRef {
 template <class T>
 AtomicRef(T&) -> AtomicRef<T>;
 
-/// A word of its own with these operations.
+/// A word with these operations.
 template <class T>
 class Atomic {
  public:

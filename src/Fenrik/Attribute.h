@@ -12,7 +12,7 @@
 
 namespace Fenrik {
 
-/// Gives a node class the publisher through which its attributes are announced.
+/// Adds to a node class the publisher that announces changes of its attributes.
 template <class Base>
 class QUARNBASTIL_EXPORT Publishing : public Base {
  public:
@@ -25,7 +25,7 @@ class QUARNBASTIL_EXPORT Publishing : public Base {
   Publisher publisher_;
 };
 
-/// How an attribute's value is handed over: small plain values by value, others by reference.
+/// Type of an attribute's reader: small trivial values by value, others by reference.
 template <class T>
 using AttributeRead =
     std::conditional_t<std::is_trivially_copyable_v<T> && sizeof(T) <= 2 * sizeof(void*), T,
@@ -33,19 +33,20 @@ using AttributeRead =
 
 namespace Impl {
 
-/// The logic of the mutators, apart from their names: change, then announce, and only what differs.
+/// Common code of the mutators: change the value, then announce the change; nothing if the value is
+/// unchanged.
 template <class T, class U>
 void attributeValueIs(const Publisher& publisher, FieldId fieldId, T& slot, const U& value) {
   if (slot == value) return;
   slot = value;
   if (!publisher.hasSubscriber()) return;
-  // A subscriber may change the slot again before the next one is told of this value.
+  // A copy: a subscriber may change the slot before the next one is notified.
   const T told = slot;
   publisher.publishChange(fieldId, &told);
 }
 
-/// The old object goes after the announcement, so that a subscriber may still look at it. An owner
-/// that watches what its pointers lead to goes on to watch the new object before.
+/// Releases the old object after the announcement, so that subscribers may still use it. An owner
+/// that watches the object its pointer refers to is switched to the new object first.
 template <class Owner, class T>
 void attributePointerIs(Owner& owner, const Publisher& publisher, FieldId fieldId, Ptr<T>& slot,
                         Ptr<T> value) {
@@ -60,9 +61,9 @@ void attributePointerIs(Owner& owner, const Publisher& publisher, FieldId fieldI
 }  // namespace Impl
 }  // namespace Fenrik
 
-/// One line declares one attribute: its row in the class's attribute table, its storage `name_` and
-/// its operations. `number` is `kFieldBase` plus the attribute's offset. The class derives from
-/// `Fenrik::Publishing`. The lines leave the access at `private`.
+/// Each line declares one attribute: its row in the class's attribute table, its storage `name_`
+/// and its operations. `number` is `kFieldBase` plus the attribute's offset. The class derives from
+/// `Fenrik::Publishing`. Access is `private` after the line.
 ///
 ///     class Lamp final : public Fenrik::NodeClass<Lamp, Fenrik::Publishing<Fenrik::Node>> {
 ///      public:
@@ -72,7 +73,7 @@ void attributePointerIs(Owner& owner, const Publisher& publisher, FieldId fieldI
 ///       FENRIK_COUNTER(kFieldBase + 4, switchCnt);                // switchCnt(), switchCntInc(n)
 ///       FENRIK_FUNCTION(kFieldBase + 5, blink);                   // a row for the operation blink
 ///
-/// Only names are made here; what the operations do stands in the templates above.
+/// The macros only form names; the templates above implement the operations.
 #define FENRIK_ATTRIBUTE_FACT(number, name, kind)                                                \
  public:                                                                                         \
   static constexpr ::Kiv::AttributeFact attributeFact(::Fenrik::FieldIndex<(number)>) noexcept { \

@@ -4,7 +4,7 @@
 
 namespace Fenrik {
 
-/// A span of time, exact to the nanosecond.
+/// A duration in nanoseconds.
 using Duration = std::chrono::nanoseconds;
 
 }  // namespace Fenrik

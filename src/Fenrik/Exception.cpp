@@ -16,7 +16,7 @@ namespace Kiv {
 namespace {
 
 /// "TcamEntrySwTable::EntryHandle.swTable (module TcamEntrySwTable, type 0, attribute 515)", with
-/// a question mark for what is not known.
+/// question marks for unknown parts.
 Fenrik::String attributePlace(KivType type, Fenrik::FieldId fieldId) {
   const TypeFacts* facts = type.facts();
   const AttributeFact* attribute = type.attribute(fieldId);

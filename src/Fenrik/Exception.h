@@ -9,7 +9,7 @@
 
 namespace Fenrik {
 
-/// Base of the system's exceptions: a message for a person, complete in itself.
+/// Base class of the system's exceptions: a self-contained message for people.
 class QUARNBASTIL_EXPORT Exception : public std::exception {
  public:
   explicit Exception(String message) : message_(std::move(message)) {}
@@ -19,44 +19,44 @@ class QUARNBASTIL_EXPORT Exception : public std::exception {
   const char* what() const noexcept override { return message_.data(); }
 
  private:
-  /// The whole message, for a person.
+  /// The complete message.
   String message_;
 };
 
-/// A mutator was called in a way that its attribute does not allow. The object is unchanged.
+/// Invalid call of a mutator. The object is unchanged.
 class QUARNBASTIL_EXPORT MutatorException : public Exception {
  public:
   MutatorException(String message, Kiv::KivType type, FieldId fieldId)
       : Exception(std::move(message)), type_(type), fieldId_(fieldId) {}
   ~MutatorException() override;
 
-  /// The class whose mutator refused, and the attribute.
+  /// The class and the attribute whose mutator was called.
   Kiv::KivType type() const noexcept { return type_; }
   FieldId fieldId() const noexcept { return fieldId_; }
 
  private:
-  /// The class whose attribute was to be changed.
+  /// The class of the attribute.
   Kiv::KivType type_;
-  /// The attribute's number in that class.
+  /// The attribute's number in the class.
   FieldId fieldId_;
 };
 
-/// A null pointer was given to a mutator that may not take one.
+/// A null pointer was passed to a mutator that does not accept it.
 class QUARNBASTIL_EXPORT MutatorArgNullPointerException final : public MutatorException {
  public:
   using MutatorException::MutatorException;
   ~MutatorArgNullPointerException() override;
 };
 
-/// What may be made only once was to be made a second time.
+/// An object that may be created only once was to be created again.
 class QUARNBASTIL_EXPORT MutatorReinstantiatingException final : public MutatorException {
  public:
   using MutatorException::MutatorException;
   ~MutatorReinstantiatingException() override;
 };
 
-/// A read from shared memory met bytes that cannot be what the writer stored. The message names
-/// the collection and the place.
+/// A read from shared memory met bytes that no writer can have stored. The message names the
+/// collection and the position.
 class QUARNBASTIL_EXPORT CorruptionDetectedException final : public Exception {
  public:
   using Exception::Exception;
@@ -67,15 +67,15 @@ class QUARNBASTIL_EXPORT CorruptionDetectedException final : public Exception {
 
 namespace Kiv {
 
-/// Raises `MutatorArgNullPointerException` for an attribute, given by its class's module, the
-/// class's index in that module and the attribute's number; all three stand in the message.
+/// Throws `MutatorArgNullPointerException` for an attribute, given by its class's module, the
+/// class's index in the module and the attribute's number. The message contains all three.
 [[noreturn]] QUARNBASTIL_EXPORT void throwMutatorArgNullPointerException(const ModuleFacts* module,
                                                                          std::uint8_t typeIndex,
                                                                          Fenrik::FieldId fieldId);
 
 namespace Impl {
 
-/// Raises `MutatorReinstantiatingException` for an attribute.
+/// Throws `MutatorReinstantiatingException` for an attribute.
 [[noreturn]] QUARNBASTIL_EXPORT void throwMutatorReinstantiating(const ModuleFacts* module,
                                                                  std::uint8_t typeIndex,
                                                                  Fenrik::FieldId fieldId);

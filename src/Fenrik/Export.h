@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what libquarnbastil.so offers to its users; everything else stays hidden in it.
+/// Exports a symbol from libquarnbastil.so; all others are hidden.
 #define QUARNBASTIL_EXPORT __attribute__((visibility("default")))

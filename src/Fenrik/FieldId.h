@@ -5,7 +5,7 @@
 
 namespace Fenrik {
 
-/// The number of an attribute within its class. Changes are published under it.
+/// Number of an attribute within its class; identifies the attribute in announcements.
 class FieldId {
  public:
   constexpr FieldId() noexcept = default;

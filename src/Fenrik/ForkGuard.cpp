@@ -6,7 +6,7 @@
 
 namespace Fenrik {
 
-// A process may fork while it exits.
+// Trivial destructor, because a process may fork while it exits.
 static_assert(std::is_trivially_destructible_v<ForkGuard>);
 
 constinit ForkGuard* ForkGuard::first_ = nullptr;

@@ -6,46 +6,46 @@
 
 namespace Fenrik {
 
-/// Who takes part in a fork, in the order in which locks are taken: whoever holds a lock of one may
-/// take those that follow, never those before.
+/// Participants in a fork, in locking order: the holder of a lock may take locks of later
+/// participants, never of earlier ones.
 enum class ForkOrder : std::uint8_t {
   /// Locks of collections and files in shared memory.
   files,
-  /// Who records into which ring file; then the ring files themselves.
+  /// Assignment of recording threads to ring files; then the ring files.
   ringFiles,
   rings,
-  /// Where the lines of traces and of the operator's log go. A callback may use either.
+  /// Outputs of traces and of the operator log. A callback may use either.
   lines,
-  /// What is traced, and how many messages a log handle lets pass.
+  /// Trace settings, and the limits of log handles.
   settings,
-  /// The record of what each class holds.
+  /// Allocation records of the classes.
   trackers,
   /// Storage of objects.
   slab,
 };
 
-/// Keeps a part of the system whole over fork(2). A child has the one thread that forked and a copy
-/// of all memory as it was: a lock that another thread held would be held there for ever, and a
-/// file that is mapped shared is its parent's.
+/// Keeps part of the system consistent across fork(2). A child has only the forking thread and a
+/// copy of all memory: a lock held by another thread would remain locked forever, and files mapped
+/// shared belong to the parent.
 ///
-/// A room with such state has one object of static storage, which joins when it is constructed and
-/// stays for ever:
+/// A room with such state defines one static object, which registers itself when constructed and is
+/// never removed:
 ///
 ///     const Fenrik::ForkGuard guard(Fenrik::ForkOrder::files, [] { lock(); }, [] { unlock(); },
 ///                                   [] { childForgets(); unlock(); });
 ///
-/// Of all rooms the `before` steps run in the order of `ForkOrder`, the others in the reverse one.
+/// The `before` steps of all rooms run in `ForkOrder`, the other steps in reverse order.
 ///
-/// A step allocates nothing and throws nothing. Singletons that are made at their first use are to
-/// be made in `before` at the latest: a child that finds one half made by another thread waits for
-/// ever.
+/// Steps must neither allocate nor throw. Singletons created at first use must be created in
+/// `before` at the latest: a child that inherits one half created by another thread would wait
+/// forever.
 ///
-/// vfork, posix_spawn and a bare clone run no steps, and need none when an exec follows.
+/// vfork, posix_spawn and plain clone run no steps, and need none if exec follows.
 class QUARNBASTIL_EXPORT ForkGuard {
  public:
   using Step = void (*)();
 
-  /// `before` runs in the thread that forks, `inParent` and `inChild` when it has forked.
+  /// `before` runs before the fork in the forking thread, `inParent` and `inChild` after it.
   ForkGuard(ForkOrder order, Step before, Step inParent, Step inChild) noexcept;
   ForkGuard(const ForkGuard&) = delete;
   ForkGuard& operator=(const ForkGuard&) = delete;
@@ -63,7 +63,7 @@ class QUARNBASTIL_EXPORT ForkGuard {
   ForkGuard* next_ = nullptr;
   ForkGuard* prev_ = nullptr;
 
-  /// All guards, those that are locked first at the front.
+  /// All guards, in the order of their `before` steps.
   static ForkGuard* first_;
   static ForkGuard* last_;
 };

@@ -7,29 +7,29 @@
 #include "Fenrik/Export.h"
 #include "Fenrik/String.h"
 
-// What makes text of values, for sources that do so; no header of the system needs it. The work is
-// done out of line, and of the fmt library only its core is read here.
+// Formatting, for sources that need it; no header of the system includes this one. The work is done
+// out of line, and only the core of the fmt library is included here.
 //
-// The library formats by `fmt::format` and `fmt::vformat` alone, which are functions of libfmt. The
-// others, `fmt::format_to` first of all, bring 200 KB of formatting for all types into the library.
+// The library formats only by `fmt::format` and `fmt::vformat`, which are functions of libfmt.
+// Others, such as `fmt::format_to`, would add 200 KB of formatting code to the library.
 
 namespace OvFmt::Detail {
 
-/// Text in the manner of the fmt library from packed arguments. Throws `fmt::format_error`.
+/// Formats packed arguments. Throws `fmt::format_error`.
 QUARNBASTIL_EXPORT Fenrik::String formatFenrikString(fmt::string_view format,
                                                      fmt::format_args args);
 
-/// Writes the text of packed arguments.
+/// Writes formatted packed arguments to the context.
 QUARNBASTIL_EXPORT fmt::format_context::iterator formatPut(fmt::format_context& context,
                                                            fmt::string_view format,
                                                            fmt::format_args args);
 
-/// Writes `text` in a format that has been parsed.
+/// Writes `text` in a parsed format.
 QUARNBASTIL_EXPORT fmt::format_context::iterator textPut(
     const fmt::formatter<std::string_view>& textFormat, std::string_view text,
     fmt::format_context& context);
 
-/// Writes `number` in a format that has been parsed.
+/// Writes `number` in a parsed format.
 QUARNBASTIL_EXPORT fmt::format_context::iterator numberPut(
     const fmt::formatter<unsigned long long>& numberFormat, unsigned long long number,
     fmt::format_context& context);
@@ -38,19 +38,19 @@ QUARNBASTIL_EXPORT fmt::format_context::iterator numberPut(
 
 namespace Fenrik {
 
-/// Text in the manner of the fmt library. The format is checked where it is compiled.
+/// Formats as the fmt library does. The format is checked at compile time.
 template <class... Args>
 String formatString(fmt::format_string<Args...> format, Args&&... args) {
   return OvFmt::Detail::formatFenrikString(format, fmt::make_format_args(args...));
 }
 
-/// What a formatter writes to `context`: text in the manner of the fmt library.
+/// Writes formatted text to a formatter's `context`.
 template <class... Args>
 auto formatPut(fmt::format_context& context, fmt::format_string<Args...> format, Args&&... args) {
   return OvFmt::Detail::formatPut(context, format, fmt::make_format_args(args...));
 }
 
-/// Base of formatters of what is told by a text, with the specifications of text.
+/// Base class of formatters of values with a text form; accepts string format specifications.
 struct TextFormatter : fmt::formatter<std::string_view> {
  protected:
   auto put(std::string_view text, fmt::format_context& context) const {

@@ -4,8 +4,8 @@
 
 namespace Fenrik {
 
-/// The link that an element of an `IntrusiveLinkedTailQueue` embeds. Null: not linked. It must be
-/// so when the element goes.
+/// Link embedded in an element of an `IntrusiveLinkedTailQueue`. Null if the element is not linked,
+/// as required at its destruction.
 template <class Element>
 class IntrusiveLinkedTailQueueLink {
  public:
@@ -22,8 +22,8 @@ class IntrusiveLinkedTailQueueLink {
   Element* next_ = nullptr;
 };
 
-/// A queue of elements that it does not own: one pointer to the last of a ring, which links to the
-/// first, so that both ends are at hand.
+/// A queue that does not own its elements: a pointer to the last element of a ring, which links to
+/// the first.
 template <class Element, IntrusiveLinkedTailQueueLink<Element> Element::*link>
 class IntrusiveLinkedTailQueue {
  public:
@@ -38,10 +38,10 @@ class IntrusiveLinkedTailQueue {
     return next(*tail_);
   }
 
-  /// The element behind `element`; the first one behind the last.
+  /// The element after `element`; after the last one, the first.
   static Element* next(const Element& element) noexcept { return (element.*link).next(); }
 
-  /// Makes `element` the last.
+  /// Appends `element`.
   void push(Element& element) noexcept {
     if (tail_ == nullptr) {
       (element.*link).nextIs(&element);

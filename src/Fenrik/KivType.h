@@ -11,32 +11,33 @@
 
 namespace Kiv {
 
-/// How an attribute is held, and with it how it is reached.
+/// How an attribute is stored and accessed.
 enum class AttributeKind : std::uint8_t { value, pointer, keyed, queue, function };
 
 /// One row of a class's attribute table.
 struct AttributeFact {
+  /// Number of the attribute in its class.
   Fenrik::FieldId fieldId;
-  const char* name;
-  AttributeKind kind;
+  const char* name;    ///< name of the attribute
+  AttributeKind kind;  ///< how it is stored
 };
 
-/// What is known of one class at run time.
+/// Run-time information about a class.
 struct TypeFacts {
-  std::string_view name;
-  /// Rising by number, which is the order of declaration.
+  std::string_view name;  ///< name of the class
+  /// In ascending order of numbers, which is the order of declaration.
   std::span<const AttributeFact> attributes;
-  /// Appends the text form of a value of the class; null when the class has none of its own.
+  /// Appends the text form of a value of the class; null if it has none.
   void (*textAppend)(const void* value, std::string& text) = nullptr;
 };
 
 /// The classes of one source, in the order of their type indices.
 struct ModuleFacts {
-  std::string_view name;
-  std::span<const TypeFacts> types;
+  std::string_view name;             ///< name of the module
+  std::span<const TypeFacts> types;  ///< the classes
 };
 
-/// Names a class: its module and its index in it. A default value names none.
+/// Identifies a class by its module and its index in the module. A default value is invalid.
 class QUARNBASTIL_EXPORT KivType {
  public:
   constexpr KivType() noexcept = default;
@@ -47,18 +48,18 @@ class QUARNBASTIL_EXPORT KivType {
   constexpr const ModuleFacts* module() const noexcept { return module_; }
   constexpr std::uint8_t index() const noexcept { return index_; }
 
-  /// The facts of the class; null for a value that names none.
+  /// Information about the class, or null if this value is invalid.
   const TypeFacts* facts() const noexcept;
-  /// The attribute's row; null when the class has none of that number or name.
+  /// The row of the attribute with this number or name, or null.
   const AttributeFact* attribute(Fenrik::FieldId fieldId) const noexcept;
   const AttributeFact* attribute(std::string_view name) const noexcept;
 
   friend constexpr bool operator==(const KivType&, const KivType&) noexcept = default;
 
  private:
-  /// Null for a type that names no class.
+  /// Null if this value is invalid.
   const ModuleFacts* module_ = nullptr;
-  /// Position among the module's types.
+  /// Index of the class in the module.
   std::uint8_t index_ = 0;
 };
 

@@ -5,11 +5,11 @@
 #include "Fenrik/Atomic.h"
 #include "OvSlab/AllocTrackTypeInfo.h"
 
-/// Allocation tracking for containers that keep their record behind a plain pointer. The records
-/// are those of the classes, `Kiv::AllocTrackTypeInfo`.
+/// Allocation tracking for containers that hold their record as a plain pointer. The records are
+/// those of the classes, `Kiv::AllocTrackTypeInfo`.
 namespace Fenrik::MemTrack::Impl {
 
-/// Tells an array of `count` elements. `*tracker` is null before the first.
+/// Records the allocation of an array of `count` elements. `*tracker` is null before the first.
 inline void alloc(void** tracker, const std::type_info& type, unsigned elementSize,
                   unsigned count) {
   const AtomicRef<void*> shared(*tracker);
@@ -19,7 +19,7 @@ inline void alloc(void** tracker, const std::type_info& type, unsigned elementSi
   if (before == nullptr) shared.storeRelease(info);
 }
 
-/// Tells that an array of `count` elements has gone.
+/// Records the deallocation of an array of `count` elements.
 inline void dealloc(void* tracker, unsigned count) noexcept {
   Kiv::AllocTrackTypeInfo::trackArrayDeallocation(static_cast<Kiv::AllocTrackTypeInfo*>(tracker),
                                                   count);

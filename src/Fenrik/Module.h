@@ -13,11 +13,11 @@
 
 namespace Fenrik {
 
-/// Selects the row of an attribute table by the attribute's number.
+/// Selects a row of an attribute table by the attribute's number.
 template <std::uint16_t number>
 using FieldIndex = std::integral_constant<std::uint16_t, number>;
 
-/// Text as a template argument.
+/// A string as template argument.
 template <std::size_t size>
 struct FixedString {
   char text[size];
@@ -41,11 +41,10 @@ struct FixedString {
 
 namespace Kiv {
 
-/// The attributes of one class lie in one block of numbers: `T::kFieldBase` and the 127 above it.
+/// Size of the block of attribute numbers of a class, which starts at `T::kFieldBase`.
 inline constexpr std::size_t kFieldBlock = 128;
 
-/// Last component of a type's name as the compiler writes it, without qualifiers: "Lamp" for
-/// `const Light::Lamp`.
+/// Unqualified name of a type, as spelled by the compiler: "Lamp" for `const Light::Lamp`.
 template <class T>
 consteval std::string_view bareTypeName() {
   std::string_view name = __PRETTY_FUNCTION__;
@@ -57,7 +56,7 @@ consteval std::string_view bareTypeName() {
   return scope == std::string_view::npos ? name : name.substr(scope + 2);
 }
 
-/// The same as a text that ends in a zero byte.
+/// As above, zero-terminated.
 template <class T>
 inline constexpr auto kBareTypeName = [] {
   constexpr std::string_view name = bareTypeName<T>();
@@ -109,8 +108,8 @@ consteval auto attributeTable() {
   }
 }
 
-/// The text form that a class declares with `void textAppend(std::string& text) const`; the digits
-/// of one that is a number, and says which with `value()`.
+/// The text form declared by the class as `void textAppend(std::string& text) const`; for a class
+/// whose `value()` is a number, its digits; otherwise none.
 template <class T>
 consteval auto textAppendOf() -> void (*)(const void*, std::string&) {
   if constexpr (requires(const T& value, std::string& text) { value.textAppend(text); }) {
@@ -128,14 +127,14 @@ consteval auto textAppendOf() -> void (*)(const void*, std::string&) {
   }
 }
 
-/// The attribute table of a class, gathered from its declarations.
+/// The attribute table of a class, collected from its declarations.
 template <class T>
 inline constexpr auto kAttributes = attributeTable<T>();
 
 }  // namespace Impl
 
-/// The classes of one source in the order of their type indices. A class names its module with
-/// `using KivModule = ...`; the module may be declared after it.
+/// The classes of one source, in the order of their type indices. A class refers to its module by
+/// `using KivModule = ...`; the module may be declared later.
 template <Fenrik::FixedString moduleName, class... Types>
 struct QUARNBASTIL_EXPORT Module {
   inline static constexpr std::array<TypeFacts, sizeof...(Types)> kTypes{
@@ -150,7 +149,7 @@ struct QUARNBASTIL_EXPORT Module {
   }
 };
 
-/// Module and index of a class; names nothing for a class that stands in no module.
+/// Module and index of a class; invalid for a class without module.
 template <class T>
 constexpr KivType typeOf() {
   if constexpr (requires { typename T::KivModule; }) {

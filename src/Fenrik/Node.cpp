@@ -13,7 +13,7 @@ namespace Impl {
 
 thread_local constinit NodeEnds nodeEnds{0, nullptr};
 
-/// From the slab, so that nothing of the thread needs to be destroyed at its end.
+/// Allocated from the slab, so that the thread has nothing to destroy at its end.
 struct Waiting {
   Node* node;
   Waiting* next;

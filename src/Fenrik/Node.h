@@ -14,9 +14,9 @@ class QUARNBASTIL_EXPORT Node;
 
 namespace Impl {
 
-/// The ends of nodes under way on one thread. A node that ends drops what it holds, so ends nest,
-/// as deep as a chain of pointers is long: what lies deeper than `kEndsMost` waits in a list until
-/// the outermost end is done. That keeps a chain of any length within a few KiB of stack.
+/// Destructions of nodes in progress on a thread. A node's destruction releases the nodes it holds,
+/// so destructions nest as deeply as a chain of pointers is long. Beyond depth `kEndsMost` they are
+/// queued until the outermost one is complete, which limits the stack to a few KiB for any chain.
 struct NodeEnds {
   static constexpr unsigned kEndsMost = 64;
 
@@ -29,7 +29,7 @@ QUARNBASTIL_EXPORT extern thread_local constinit NodeEnds nodeEnds
 QUARNBASTIL_EXPORT void nodeEndLater(Node* node);
 QUARNBASTIL_EXPORT void nodeEndsWaiting();
 
-/// Ends a node whose last reference has gone; a final class's without a virtual call.
+/// Destroys a node after its last reference was dropped; without a virtual call for a final class.
 template <class T>
 [[gnu::always_inline]] inline void nodeEnd(T* node) {
   NodeEnds& ends = nodeEnds;
@@ -43,25 +43,25 @@ template <class T>
 
 }  // namespace Impl
 
-/// Flags of a node that share the word of its use count.
+/// Flags stored in the word of the use count.
 enum class NodeFlag : std::uint32_t {
-  /// The object's subscription to what it watches is active. Every destructor clears it first.
+  /// The subscription to the watched object is active. Cleared first in every destruction.
   hasNotificationActive = 0x20000000,
-  /// Held while a subscription changes: a reactor that sees it set does not act.
+  /// Set while the subscription changes; a reactor ignores changes meanwhile.
   kivDoZombieReactors = 0x40000000,
 };
 
-/// Base of every object that outlives a call: a use count, two flags and a virtual end of life.
+/// Base class of all objects that outlive a call: use count, two flags, virtual destruction.
 ///
-/// Threads: a node belongs to one thread, its use count to every thread when
+/// Threads: a node belongs to one thread. Its use count may be changed by all threads if
 /// `ThreadControl::tsp_` is set.
 ///
-/// I1. A new node has the use count 1, owned by the pointer that its factory returns.
-/// I2. The flag bits survive every change of the count and are no part of it.
-/// I3. `lastUserGone()` is called once, by the drop that takes the count to zero.
+/// I1. A new node has the use count 1, for the pointer returned by its factory.
+/// I2. Changes of the count do not affect the flag bits.
+/// I3. `lastUserGone()` is called once, when the count reaches zero.
 class QUARNBASTIL_EXPORT Node {
  public:
-  /// The bits of the shared word that count users; the two others are `NodeFlag`s.
+  /// Bits of the word that hold the use count; the other two are `NodeFlag`s.
   static constexpr std::uint32_t kUseCountMask = 0x9fffffff;
 
   Node(const Node&) = delete;
@@ -69,18 +69,18 @@ class QUARNBASTIL_EXPORT Node {
 
   virtual ~Node() { nodeFlagSet(NodeFlag::hasNotificationActive, false); }
 
-  /// Called when the last reference has gone, or, in a long chain of such ends, when those that led
-  /// to it are done. The default deletes the node.
+  /// Called when the last reference is dropped; in a long chain of destructions, when those in
+  /// progress are complete. Deletes the node by default.
   virtual void lastUserGone();
 
-  /// The publisher that announces this object's changes, or null if it has none.
+  /// The publisher of this object's changes, or null.
   virtual const Publisher* publisher() const;
 
   /// Module and index of the object's class.
   virtual Kiv::KivType typeData() const;
 
-  /// Adds `users` references and returns the new use count without the flags. One atomic step for
-  /// each reference when threads are on, one plain addition otherwise.
+  /// Adds `users` references and returns the new use count without flags. One atomic step per
+  /// reference with threads on, otherwise one plain addition.
   [[gnu::always_inline]] std::uint32_t incUseCount(std::uint32_t users = 1) const noexcept {
     if (ThreadControl::tsp_) [[unlikely]]
       return incUseCountShared(users);
@@ -88,18 +88,17 @@ class QUARNBASTIL_EXPORT Node {
     return useCountAndFlags_ & kUseCountMask;
   }
 
-  /// Drops one reference and ends the node with the last one.
+  /// Drops one reference; destroys the node if it was the last.
   [[gnu::always_inline]] void decUseImpl() const {
     if (decUseCount()) lastReferenceGone();
   }
 
-  /// Drops one reference; true if it was the last. The caller then ends the node.
+  /// Drops one reference. Returns true if it was the last; the caller then destroys the node.
   [[gnu::always_inline]] bool decUseCount() const noexcept {
     if (ThreadControl::tsp_) [[unlikely]]
       return decUseCountShared();
     const std::uint32_t word = useCountAndFlags_ - 1;
     if ((word & kUseCountMask) != 0) [[likely]] {
-      /// Users under `kUseCountMask`, and the flags.
       useCountAndFlags_ = word;
       return false;
     }
@@ -116,7 +115,7 @@ class QUARNBASTIL_EXPORT Node {
     return (AtomicRef(useCountAndFlags_).loadRelaxed() & static_cast<std::uint32_t>(flag)) != 0;
   }
 
-  /// Sets or clears one flag and leaves the use count as it is.
+  /// Sets or clears one flag without changing the use count.
   void nodeFlagSet(NodeFlag flag, bool value) const noexcept {
     const auto bit = static_cast<std::uint32_t>(flag);
     if (ThreadControl::tsp_) [[unlikely]] {
@@ -136,6 +135,7 @@ class QUARNBASTIL_EXPORT Node {
   [[gnu::cold]] std::uint32_t incUseCountShared(std::uint32_t users) const noexcept;
   [[gnu::cold]] bool decUseCountShared() const noexcept;
 
+  /// Use count in the bits of `kUseCountMask`, and the flags.
   mutable std::uint32_t useCountAndFlags_ = 1;
 };
 

@@ -14,25 +14,26 @@
 
 namespace Fenrik {
 
-/// Where the objects of a class come from.
+/// Storage of a class's objects.
 enum class QUARNBASTIL_EXPORT Storage : std::uint8_t {
-  /// The slab: objects that are made seldom and live long.
+  /// The slab, for objects created rarely and kept long.
   slab,
-  /// The slab with pattern 1: objects that are made and gone with every write.
+  /// The slab with pattern 1, for objects created and destroyed with every write.
   slabPerWrite,
-  /// The general heap: objects too large for the slab to be worth it.
+  /// The heap, for objects too large to benefit from the slab.
   heap,
 };
 
-/// The one base that makes a class of the system out of a plain class `T`: tracked storage,
-/// factory, the end of life and the type data. `Base` is the class above it, a node.
+/// Base class that turns a plain class `T` into a class of the system, adding tracked storage,
+/// factory, destruction and type data. `Base` is its base class, a node.
 ///
 ///     class Lamp final : public Fenrik::NodeClass<Lamp> { ... };
 ///     Lamp::Ptr lamp = Fenrik::ptrIsImpl<Lamp>(arguments of its constructor);
 ///
-/// I1. An object is made by `ptrIsImpl` alone: tracked, allocated, constructed; a constructor that
-///     throws leaves neither a count nor storage behind.
-/// I2. Its end is `hasNotificationActive` cleared, destructor, tracking, storage, in this order.
+/// I1. Objects are created only by `ptrIsImpl`: tracked, allocated, constructed. If the constructor
+///     throws, neither count nor storage remains.
+/// I2. Destruction clears `hasNotificationActive`, calls the destructor, updates tracking, and
+///     frees the storage, in this order.
 template <class T, class Base = Node, Storage storage = Storage::slab>
 class QUARNBASTIL_EXPORT NodeClass : public Base {
  public:
@@ -56,7 +57,7 @@ class QUARNBASTIL_EXPORT NodeClass : public Base {
 
   static void* operator new(std::size_t) = delete;
 
-  /// Every class of a hierarchy brings one along: each is a jump to the one end of its objects.
+  /// Each class of a hierarchy has its own; all forward to the single destruction of the object.
   static void operator delete(NodeClass* node, std::destroying_delete_t) noexcept {
     node->lastUserGone();
   }
@@ -89,11 +90,11 @@ class QUARNBASTIL_EXPORT NodeClass : public Base {
   }
 };
 
-/// The factory of every class: tracks, allocates, constructs, and undoes what it did if the
-/// constructor throws. The pointer that it returns owns the new node's first reference.
+/// Factory of all classes: tracks, allocates and constructs an object, and reverts this if the
+/// constructor throws. The returned pointer owns the new node's first reference.
 ///
-/// Inlined wherever it stands: the call and its arguments in memory are a quarter of what a node of
-/// the slab costs from its making to its end.
+/// Always inlined: a call with its arguments in memory takes a quarter of the lifetime cost of a
+/// slab node.
 template <class T, class... Args>
 [[gnu::always_inline]] inline Ptr<T> ptrIsImpl(Args&&... args) {
   static_assert(std::is_same_v<typename T::NodeClassOf, T>,
@@ -117,7 +118,7 @@ template <class T, class... Args>
 
 }  // namespace Fenrik
 
-/// Declares the named forms of a class's factory in the class that owns its objects:
+/// Declares the named factory functions of a class within the class that owns its objects:
 /// `entryHandleFactory(...)` and `EntryHandleIs(...)` for `FENRIK_FACTORY(entryHandle,
 /// EntryHandle)`.
 #define FENRIK_FACTORY(lowerName, ClassName)                                   \

@@ -9,19 +9,18 @@
 #include "Fenrik/Assert.h"
 #include "Fenrik/Node.h"
 
-/// Inlined wherever it stands, also where the compiler has set itself a limit of growth.
+/// Inlined even if the compiler's limit of growth is exceeded.
 #define FENRIK_INLINE [[gnu::always_inline]]
 
 namespace Fenrik {
 
-/// Says that a pointer takes over a reference that somebody has counted already.
+/// Tag: the pointer takes over a reference that has already been counted.
 struct AdoptReference {};
 
-/// Counted pointer to a node: one word, null or holding one reference.
+/// Counted pointer to a node: one word, either null or owning one reference.
 ///
-/// A function that takes `const Ptr<T>&` holds no reference of its own unless it stores the
-/// pointer; a `Ptr<T>` that is returned carries a reference that the caller owns. Dereferencing a
-/// null pointer is undefined.
+/// Pass as `const Ptr<T>&`, without a reference of its own; a function copies the pointer only to
+/// store it. A returned `Ptr<T>` owns a reference. Dereferencing null is undefined.
 template <class T>
 class QUARNBASTIL_EXPORT Ptr {
  public:
@@ -43,8 +42,8 @@ class QUARNBASTIL_EXPORT Ptr {
 
   FENRIK_INLINE ~Ptr() { dropReference(node_); }
 
-  /// Takes the new reference before the old one goes, so that a node may be assigned to the pointer
-  /// that alone keeps it alive.
+  /// Takes the new reference before dropping the old one: the old one may be all that keeps the new
+  /// node alive.
   FENRIK_INLINE Ptr& operator=(const Ptr& other) noexcept {
     other.takeReference();
     dropReference(std::exchange(node_, other.node_));
@@ -60,7 +59,7 @@ class QUARNBASTIL_EXPORT Ptr {
   T& operator*() const noexcept { return *node_; }
   explicit operator bool() const noexcept { return node_ != nullptr; }
 
-  /// Gives the reference away: the caller owns it, the pointer is null.
+  /// Transfers the reference to the caller and becomes null.
   [[nodiscard]] T* release() noexcept { return std::exchange(node_, nullptr); }
 
   void swap(Ptr& other) noexcept { std::swap(node_, other.node_); }
@@ -80,21 +79,21 @@ class QUARNBASTIL_EXPORT Ptr {
   FENRIK_INLINE static void dropReference(T* node) {
     if (node == nullptr) return;
     if constexpr (std::is_final_v<T>) {
-      // The class is known to the last bit: its end needs no virtual call.
+      // The exact class is known, so destruction needs no virtual call.
       if (node->decUseCount()) Impl::nodeEnd(const_cast<std::remove_const_t<T>*>(node));
     } else {
       node->decUseImpl();
     }
   }
 
-  /// Null, or a node of whose users this pointer is one.
+  /// Null, or a node on which this pointer holds a reference.
   T* node_ = nullptr;
 };
 
 template <class T>
 Ptr(T*) -> Ptr<T>;
 
-/// A `Ptr` that is never null: null is refused where the value is made, by assertion.
+/// A `Ptr` that is never null (asserted at construction).
 template <class T>
 class QUARNBASTIL_EXPORT NonNullPtr {
  public:
@@ -133,17 +132,17 @@ class QUARNBASTIL_EXPORT NonNullPtr {
   Ptr<T> ptr_;
 };
 
-/// Static cast of what a pointer points at; takes a reference of its own.
+/// Static cast; the result has its own reference.
 template <class T, class U>
 Ptr<T> staticPtrCast(const Ptr<U>& ptr) noexcept {
   return Ptr<T>(static_cast<T*>(ptr.get()));
 }
 
-/// Dynamic cast; null when the node is of another class.
+/// Dynamic cast; null if the node is of another class.
 template <class T, class U>
 Ptr<T> dynamicPtrCast(const Ptr<U>& ptr) noexcept {
   if constexpr (std::is_final_v<T>) {
-    // Nothing derives from it: the classes are the same or the cast fails, and no search is needed.
+    // A final class: comparing the types suffices, no search of base classes is needed.
     const bool same = ptr != nullptr && typeid(*ptr) == typeid(T);
     return Ptr<T>(same ? static_cast<T*>(ptr.get()) : nullptr);
   } else {

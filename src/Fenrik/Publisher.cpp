@@ -4,13 +4,13 @@
 
 namespace Fenrik {
 
-/// One announcement under way, on the stack of its `publish`. A subscriber that goes while it is
-/// next is stepped over.
+/// One announcement in progress, on the stack of its `publish`. A subscriber that is removed while
+/// it is next is skipped.
 struct Publisher::Walk {
   const Change& change;
-  /// The subscriber to be told next; null when all have been.
+  /// The subscriber to be notified next, or null at the end.
   Subscriber* next;
-  /// Those behind it came later and are not told.
+  /// The last subscriber to notify: those after it were added later.
   Subscriber* lastAtStart;
   Walk* newer = nullptr;
   bool publisherGone = false;
@@ -75,8 +75,8 @@ void Publisher::unlink(Subscriber& subscriber) const noexcept {
   subscriber.next_ = subscriber.prev_ = nullptr;
 }
 
-/// Announcements are told oldest first, whoever's `publish` runs: one that was made in a dispatch
-/// first brings those before it to the subscribers that have not heard of them yet.
+/// Announcements are passed on oldest first. One made within a notification therefore first
+/// completes the earlier ones for the subscribers that have not received them yet.
 void Publisher::publish(const Change& change) const {
   Walk walk{change, first(), last_};
   Walk** end = &walks_;
@@ -90,8 +90,8 @@ void Publisher::publish(const Change& change) const {
     subscriber->dispatch_(*this, *subscriber, oldest->change);
     if (walk.publisherGone) return;
   }
-  // Older announcements stay listed until their own `publish` returns: it has to hear whether the
-  // publisher has gone. Newer ones have returned.
+  // Older announcements remain listed until their own `publish` returns, which must learn whether
+  // the publisher has been destroyed. Newer ones have returned.
   *end = nullptr;
 }
 

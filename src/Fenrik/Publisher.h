@@ -14,12 +14,13 @@ class QUARNBASTIL_EXPORT Subscriber;
 /// One announced change of one attribute.
 struct Change {
   enum class Kind : std::uint8_t {
-    /// A scalar or a queue: `value` points at the new value, for a queue at the index affected.
+    /// A scalar or a queue: `value` points to the new value, or to the affected index of a queue.
     plain,
-    /// A keyed collection or a pointer attribute: `key` may be null, `value` too.
+    /// A keyed collection or a pointer attribute: `key` and `value` may be null.
     recursive,
   };
 
+  /// Number of the changed attribute.
   FieldId fieldId;
   Kind kind = Kind::plain;
   const void* key = nullptr;
@@ -28,14 +29,14 @@ struct Change {
   bool (*isEq)(const void*, const void*) noexcept = nullptr;
 };
 
-/// The link by which a reactor object watches one publisher.
+/// Subscription of a reactor to one publisher.
 ///
-/// Threads: those of the publisher. A subscriber that is destroyed while subscribed unsubscribes.
+/// Threads: those of the publisher. Destroying a subscriber unsubscribes it.
 class QUARNBASTIL_EXPORT Subscriber {
  public:
-  /// The reactor's entry point. It may subscribe and unsubscribe anything, itself included, change
-  /// the watched object again, or end it. `change` and what it points at hold until it returns. An
-  /// exception that leaves it ends the process.
+  /// Entry point of the reactor. It may subscribe and unsubscribe any subscriber including itself,
+  /// change the watched object again, or destroy it. `change` and the objects it points to are
+  /// valid until it returns. An exception terminates the process.
   using Dispatch = void (*)(const Publisher& publisher, Subscriber& subscriber,
                             const Change& change) noexcept;
 
@@ -44,16 +45,16 @@ class QUARNBASTIL_EXPORT Subscriber {
   Subscriber& operator=(const Subscriber&) = delete;
   ~Subscriber();
 
-  /// Zero: not subscribed.
+  /// Null if not subscribed.
   Dispatch dispatch() const noexcept { return dispatch_; }
   bool subscribed() const noexcept { return dispatch_ != nullptr; }
-  /// The publisher to which it is attached, or null.
+  /// The publisher that it is attached to, or null.
   const Publisher* attachedTo() const noexcept { return attachedTo_; }
 
-  /// Sets what `Publisher::subscriberAdd` is to call. REQUIRES: not subscribed.
+  /// Sets the entry point before a call of `Publisher::subscriberAdd`. REQUIRES: not subscribed.
   void dispatchIs(Dispatch dispatch) noexcept;
 
-  /// Detaches it from the publisher to which it is attached, if any.
+  /// Detaches it from its publisher, if any.
   void unsubscribe();
 
  private:
@@ -61,26 +62,26 @@ class QUARNBASTIL_EXPORT Subscriber {
 
   /// Null while not subscribed.
   Dispatch dispatch_ = nullptr;
-  /// The publisher that has it in its list, or null.
+  /// The publisher that lists it, or null.
   const Publisher* attachedTo_ = nullptr;
-  /// Neighbours in the order of telling.
+  /// Neighbours in the order of notification.
   Subscriber* next_ = nullptr;
   Subscriber* prev_ = nullptr;
 };
 
-/// Announces the changes of the object in which it is embedded.
+/// Announces the changes of the object that contains it.
 ///
 /// I1. The first word is 1 exactly while no subscriber is attached, and may be read directly.
-/// I2. A change reaches the subscribers in the order in which they were added, once each: those
-///     attached when it was announced and not detached before their turn.
-/// I3. Every subscriber hears the changes in the order in which they were made. One that is made
-///     in a dispatch is told when all have heard of those before it, and before its mutator
-///     returns.
+/// I2. A change is passed once to each subscriber that was attached when it was announced and has
+///     not been detached since, in the order in which they were added.
+/// I3. Every subscriber is notified of changes in the order in which they were made. A change made
+///     within a notification is passed on after all earlier changes have been, and before its
+///     mutator returns.
 ///
-/// Publishing changes no attribute, so a const object publishes too.
+/// Publishing changes no attribute, so const objects can publish.
 class QUARNBASTIL_EXPORT Publisher {
  public:
-  /// Value of the first word while nobody subscribes.
+  /// Value of the first word while there is no subscriber.
   static constexpr std::uintptr_t kNoSubscriber = 1;
 
   Publisher() noexcept = default;
@@ -91,7 +92,7 @@ class QUARNBASTIL_EXPORT Publisher {
 
   bool hasSubscriber() const noexcept { return head_ != kNoSubscriber; }
 
-  /// Announces that a scalar has the new value, or that a queue changed at an index.
+  /// Announces a new value of a scalar, or a change of a queue at an index.
   void publishChange(FieldId fieldId, const void* value) const {
     if (hasSubscriber()) publish({fieldId, Change::Kind::plain, nullptr, value, nullptr});
   }
@@ -102,12 +103,12 @@ class QUARNBASTIL_EXPORT Publisher {
     if (hasSubscriber()) publish({fieldId, Change::Kind::recursive, key, value, isEq});
   }
 
-  /// Attaches a subscriber whose dispatch has been set. With `atFront` it is told before all those
-  /// that are attached, otherwise after them. A subscriber that is attached already stays where it
-  /// is. REQUIRES: it is not attached to another publisher.
+  /// Attaches a subscriber whose entry point has been set. It is notified before all attached ones
+  /// with `atFront`, otherwise after them. A subscriber already attached here keeps its position.
+  /// REQUIRES: not attached to another publisher.
   void subscriberAdd(Subscriber& subscriber, bool atFront) const;
 
-  /// Detaches a subscriber and zeroes its dispatch. One that is not attached here is left alone.
+  /// Detaches a subscriber and clears its entry point. Does nothing if it is not attached here.
   void subscriberRemove(Subscriber& subscriber) const;
 
  private:
@@ -119,11 +120,11 @@ class QUARNBASTIL_EXPORT Publisher {
   void publish(const Change& change) const;
   void unlink(Subscriber& subscriber) const noexcept;
 
-  /// The first subscriber's address, or `kNoSubscriber`.
+  /// Address of the first subscriber, or `kNoSubscriber`.
   mutable std::uintptr_t head_ = kNoSubscriber;
-  /// The last subscriber; meaningless while there is none.
+  /// The last subscriber. Undefined if there is none.
   mutable Subscriber* last_ = nullptr;
-  /// The announcements under way, oldest first.
+  /// Announcements in progress, oldest first.
   mutable Walk* walks_ = nullptr;
 };
 

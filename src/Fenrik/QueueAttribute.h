@@ -7,8 +7,8 @@
 
 namespace Fenrik::Impl {
 
-/// The logic of a queue attribute, apart from its names. Every change is announced after it was
-/// made, with the sequence index that it affected.
+/// Common code of queue attributes. Each change is announced after it was made, with the affected
+/// sequence index.
 template <class Queue, class T>
 void queueEnq(const Publisher& publisher, FieldId fieldId, Queue& queue, const T& value) {
   const std::uint32_t index = queue.enq(value);
@@ -24,7 +24,7 @@ T queueDeq(const Publisher& publisher, FieldId fieldId, Queue& queue) {
   return value;
 }
 
-/// At once where nobody listens; otherwise one by one, so that each removal is announced.
+/// Removes all at once; one by one if there is a subscriber, so that each removal is announced.
 template <class T, class Queue>
 void queueDelAll(const Publisher& publisher, FieldId fieldId, Queue& queue) {
   if (!publisher.hasSubscriber()) return queue.doClear(true);
@@ -38,9 +38,9 @@ T queueValue(const T* element) {
 
 }  // namespace Fenrik::Impl
 
-/// One line declares one queue attribute in the manner of `Fenrik/Attribute.h`: its row in the
-/// attribute table, its storage `name_` and its operations. `Tag` is a type of the class that names
-/// the queue where allocations are tracked.
+/// Each line declares one queue attribute, as in `Fenrik/Attribute.h`: its row in the attribute
+/// table, its storage `name_` and its operations. `Tag` is a type that identifies the queue in
+/// allocation tracking.
 ///
 ///     struct QE_Order;
 ///     FENRIK_QUEUE(kFieldBase + 5, order, Fenrik::Ptr<Order>, QE_Order);

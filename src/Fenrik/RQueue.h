@@ -20,8 +20,8 @@ namespace Fenrik {
 template <class T>
 class RQueueBaseConstIter;
 
-/// What a queue is apart from its name for allocation tracking: a ring of chunks, reached through
-/// the last. See `RQueue`.
+/// The part of `RQueue` that does not depend on its tag: a ring of chunks, accessed through the
+/// last one.
 template <class T>
 class QUARNBASTIL_EXPORT RQueueBase {
  public:
@@ -39,26 +39,26 @@ class QUARNBASTIL_EXPORT RQueueBase {
   /// Number of elements.
   std::uint32_t size() const noexcept { return nextIndex() - frontIndex(); }
 
-  /// Index of the first element, or of the next one to come while the queue is empty.
+  /// Index of the first element; in an empty queue, that of the next element to be added.
   std::uint32_t frontIndex() const noexcept {
     const Array* const tail = chunks_.tail();
     return tail == nullptr ? kFirstIndex : Chunks::next(*tail)->startIndex();
   }
 
-  /// Index of the last element; one before the front index while the queue is empty.
+  /// Index of the last element; in an empty queue, one less than the front index.
   std::uint32_t backIndex() const noexcept { return nextIndex() - 1; }
 
-  /// Whether an element of that index is queued.
+  /// Whether the element with this index is queued.
   bool has(std::uint32_t index) const noexcept { return index - frontIndex() < size(); }
 
-  /// The element of that index, or null if it is not queued. Constant time in the last chunk and
-  /// linear in the chunks otherwise.
+  /// The element with this index, or null if it is not queued. Constant time in the last chunk,
+  /// otherwise linear in the number of chunks.
   const T* find(std::uint32_t index) const noexcept {
     const Array* chunk = findChunk(index);
     return chunk != nullptr ? chunk->slot(index - chunk->baseIndex()) : nullptr;
   }
 
-  /// The elements at the ends; null while the queue is empty.
+  /// The first and the last element; null if the queue is empty.
   const T* front() const noexcept {
     if (empty()) return nullptr;
     const Array* const first = Chunks::next(*chunks_.tail());
@@ -72,7 +72,7 @@ class QUARNBASTIL_EXPORT RQueueBase {
  protected:
   friend class RQueueBaseConstIter<T>;
 
-  /// Index of the first element of a queue; 0 is the index of none.
+  /// Index of the first element. 0 is not an index.
   static constexpr std::uint32_t kFirstIndex = 1;
 
   static_assert(std::is_nothrow_copy_constructible_v<T> && std::is_nothrow_move_constructible_v<T>);
@@ -85,8 +85,8 @@ class QUARNBASTIL_EXPORT RQueueBase {
     return tail == nullptr ? kFirstIndex : tail->endIndex();
   }
 
-  /// The chunk that holds the element of that index, or null. A difference of indices says where
-  /// one lies in a run of others, on both sides of the wrap.
+  /// The chunk that holds the element with this index, or null. Indices are compared by their
+  /// difference, which is valid across the wrap.
   const Array* findChunk(std::uint32_t index) const noexcept {
     const Array* const tail = chunks_.tail();
     if (tail == nullptr) return nullptr;
@@ -102,14 +102,14 @@ class QUARNBASTIL_EXPORT RQueueBase {
     return index - chunk.startIndex() < chunk.writeCount() - chunk.readOffset();
   }
 
-  /// Capacity of the chunk that is added when `size` elements fill those that are there.
+  /// Capacity of the next chunk, given that `size` elements fill the existing ones.
   static std::uint32_t capacityFor(std::uint32_t size) noexcept {
     return size < Array::kCapacityLeast   ? Array::kCapacityLeast
            : size >= Array::kCapacityMost ? Array::kCapacityMost
                                           : std::bit_ceil(size + 1);
   }
 
-  /// Moves the value out of a slot that is not an element any more and is never destroyed.
+  /// Moves the value out of a slot that is no longer an element and will not be destroyed.
   template <class U>
   static Ptr<U> relocate(Ptr<U>& slot) noexcept {
     return Ptr<U>(slot.get(), AdoptReference{});
@@ -121,26 +121,26 @@ class QUARNBASTIL_EXPORT RQueueBase {
     return value;
   }
 
-  /// Shared by the queues of one element type.
+  /// Tracks the chunks of all queues with this element type.
   inline static void* arrayTracker_ = nullptr;
 
   Chunks chunks_;
 };
 
-/// A first-in, first-out queue whose elements are addressed by a sequence index, which rises by one
-/// with every element, wraps after 2^32 of them, and is never changed while the element is queued.
-/// `Tag` only names the queue where allocations are tracked. The second parameter is false.
+/// A first-in, first-out queue. Elements are addressed by a sequence index that increases by one
+/// per element, wraps after 2^32, and does not change while the element is queued. `Tag` identifies
+/// the queue in allocation tracking. The second parameter is false.
 ///
 /// Threads: one.
 ///
-/// I1. The queue is one pointer; one that was never used holds no memory.
-/// I2. A chunk goes with its last element. A queue that was used and is empty has a marker for its
-///     sole chunk, in which the sequence survives.
-/// I3. Elements never move: chunks are added, each as large as the queue has grown to, from 8
-///     elements up to 8192.
+/// I1. A queue is one pointer. An unused queue holds no memory.
+/// I2. A chunk is freed with its last element. An empty queue that has been used holds a marker as
+///     its only chunk, which keeps the sequence.
+/// I3. Elements never move. Chunks are added, each as large as the queue, from 8 up to 8192
+///     elements.
 ///
-/// Cost: constant to enqueue and dequeue; memory is asked for where a chunk begins, so a queue of a
-/// steady length asks for it ever more rarely, until a chunk fits the length.
+/// Cost: enqueueing and dequeueing are constant. Memory is allocated at the start of a chunk, so a
+/// queue of steady length allocates less and less often, until one chunk fits the length.
 template <class T, bool, class Tag>
 class RQueue;
 
@@ -153,11 +153,11 @@ class QUARNBASTIL_EXPORT RQueue<T, false, Tag> : public RQueueBase<T> {
 
  public:
   RQueue() noexcept = default;
-  /// A queue that goes on with a sequence: its first element gets `firstIndex`.
+  /// A queue that continues a sequence: its first element gets `firstIndex`.
   explicit RQueue(std::uint32_t firstIndex) { addChunk(0, firstIndex); }
   ~RQueue() { doClear(false); }
 
-  /// Appends a copy and returns its index. Memory that runs out ends the process.
+  /// Appends a copy and returns its index. Aborts if memory is exhausted.
   std::uint32_t enq(const T& value) {
     Array* tail = chunks_.tail();
     if (tail == nullptr || tail->full()) [[unlikely]]
@@ -168,7 +168,7 @@ class QUARNBASTIL_EXPORT RQueue<T, false, Tag> : public RQueueBase<T> {
     return tail->baseIndex() + offset;
   }
 
-  /// Removes the first element and returns it; a default value while the queue is empty.
+  /// Removes and returns the first element, or returns a default value if the queue is empty.
   T deq() {
     Array* const tail = chunks_.tail();
     if (tail == nullptr) return T();
@@ -182,9 +182,9 @@ class QUARNBASTIL_EXPORT RQueue<T, false, Tag> : public RQueueBase<T> {
     return value;
   }
 
-  /// Frees all chunks and drops their elements. With `keepSequence` the next element gets the index
-  /// that it would have had, otherwise 1; a queue that was never used stays so. An element that
-  /// goes finds the queue empty already, and may enqueue.
+  /// Destroys all elements and frees all chunks. The next index continues the sequence with
+  /// `keepSequence`, otherwise it is 1; an unused queue remains unused. The queue is empty before
+  /// the first element is destroyed, whose destructor may enqueue.
   void doClear(bool keepSequence) {
     if (chunks_.empty()) return;
     const std::uint32_t next = this->nextIndex();
@@ -200,7 +200,7 @@ class QUARNBASTIL_EXPORT RQueue<T, false, Tag> : public RQueueBase<T> {
   }
 
  private:
-  /// Makes room behind a chunk that is full, or in a queue that was never used.
+  /// Adds a chunk after a full one, or to an unused queue.
   [[gnu::noinline]] Array* extend(Array* tail) {
     if (tail == nullptr) return addChunk(Array::kCapacityLeast, Base::kFirstIndex);
     const std::uint32_t next = tail->endIndex();
@@ -209,7 +209,7 @@ class QUARNBASTIL_EXPORT RQueue<T, false, Tag> : public RQueueBase<T> {
     return addChunk(Array::kCapacityLeast, next);
   }
 
-  /// Gives up the first chunk, in which nothing is left.
+  /// Frees the first chunk, which has no element left.
   [[gnu::noinline]] void dropFirst() {
     Array& used = chunks_.pop();
     if (chunks_.empty()) addChunk(0, used.endIndex());
@@ -235,7 +235,7 @@ class QUARNBASTIL_EXPORT RQueue<T, false, Tag> : public RQueueBase<T> {
     OvSlab::slabFreeOrStdFree(&chunk, typeid(Array));
   }
 
-  /// Counts the slots of the queues of this tag; null until the first chunk.
+  /// Tracks the slots of queues with this tag; null until the first chunk.
   inline static void* arrayElemTracker_ = nullptr;
 };
 

@@ -6,8 +6,8 @@
 
 namespace Fenrik {
 
-/// A place in a queue. The queue may change under it in any way but `doClear(false)`: when its
-/// element has been dequeued, it goes on with the first that is left. A default iterator stands at
+/// A position in a queue. The queue may change in any way except `doClear(false)`: if the element
+/// has been dequeued, the iterator continues with the first remaining one. A default iterator is at
 /// the end of every queue.
 template <class T>
 class RQueueBaseConstIter {
@@ -17,7 +17,7 @@ class RQueueBaseConstIter {
   /// At the first element, or at the end if there is none.
   explicit RQueueBaseConstIter(const RQueueBase<T>& queue) noexcept { moveToFront(queue); }
 
-  /// At the element of that index, or at the end if it is not queued.
+  /// At the element with this index, or at the end if it is not queued.
   RQueueBaseConstIter(const RQueueBase<T>& queue, std::uint32_t index) noexcept {
     if (const Array* const chunk = queue.findChunk(index)) {
       *this = RQueueBaseConstIter(queue, chunk, index);
@@ -27,25 +27,23 @@ class RQueueBaseConstIter {
   /// False at the end.
   bool valid() const noexcept { return chunk_ != nullptr; }
 
-  /// Sequence index of the element, also when it has been dequeued. REQUIRES: not at the end.
+  /// Sequence index of the element, even if it has been dequeued. REQUIRES: not at the end.
   std::uint32_t index() const noexcept { return index_; }
 
-  /// The element; a default value if it has been dequeued. REQUIRES: not at the end.
+  /// The element, or a default value if it has been dequeued. REQUIRES: not at the end.
   T value() const noexcept { return stale() ? T() : *chunk_->slot(slot_); }
 
-  /// Goes on to the next element; stays at the end.
+  /// Advances to the next element. Does nothing at the end.
   void increment() noexcept {
     if (!valid()) return;
     if (stale()) return moveToFront(*queue_);
     ++index_;
     if (++slot_ != chunk_->writeCount()) return;
-    /// The chunk of the element; null at the end.
     chunk_ = chunk_ == queueOfTail_->chunks_.tail() ? nullptr : Chunks::next(*chunk_);
-    /// Position within the chunk.
     slot_ = 0;
   }
 
-  /// Whether both stand at the same index, or both at the end.
+  /// Whether both are at the same index, or both at the end.
   friend bool operator==(const RQueueBaseConstIter& a, const RQueueBaseConstIter& b) noexcept {
     return a.valid() == b.valid() && (!a.valid() || a.index_ == b.index_);
   }
@@ -61,7 +59,7 @@ class RQueueBaseConstIter {
         slot_(index - chunk->baseIndex()),
         index_(index) {}
 
-  /// The element has been dequeued and its chunk may be gone.
+  /// Whether the element has been dequeued; its chunk may have been freed.
   bool stale() const noexcept { return indexBefore(index_, queue_->frontIndex()); }
 
   void moveToFront(const RQueueBase<T>& queue) noexcept {
@@ -71,9 +69,11 @@ class RQueueBaseConstIter {
   }
 
   const RQueueBase<T>* queue_ = nullptr;
+  /// Chunk of the element; null at the end.
   const Array* chunk_ = nullptr;
-  /// The queue once more: its tail ends the iteration.
+  /// The queue, for its tail, which ends the iteration.
   const RQueueBase<T>* queueOfTail_ = nullptr;
+  /// Position within the chunk.
   std::uint32_t slot_ = 0;
   /// Sequence index of the element.
   std::uint32_t index_ = 0;

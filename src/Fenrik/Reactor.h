@@ -6,18 +6,18 @@
 
 namespace Fenrik {
 
-/// Gives a node class the part of a reactor: it watches one object and is told of its changes.
-/// `Self` is the class itself and provides
+/// Makes a node class a reactor, which watches one object and is notified of its changes. `Self` is
+/// the class itself and provides
 ///
 ///     const Fenrik::Publisher* watchedPublisher() const;   // null while there is nothing to watch
 ///     void handleChange(const Fenrik::Change& change);
 ///
-/// and its destructor begins with `reactorStop()`, while what it watches is still there.
+/// and calls `reactorStop()` at the start of its destructor, while the watched object still exists.
 ///
-/// `FENRIK_POINTER` attributes of the class call `watchedMoved` by themselves.
+/// `FENRIK_POINTER` attributes of the class call `watchedMoved` automatically.
 ///
-/// I1. A change is handed on only while the subscription is active and the zombie flag is clear.
-/// I2. An exception that leaves `handleChange` ends the process.
+/// I1. A change is passed on only while the subscription is active and the zombie flag is clear.
+/// I2. An exception from `handleChange` terminates the process.
 template <class Self, class Base = Node>
 class QUARNBASTIL_EXPORT Reacting : public Base, private Subscriber {
  public:
@@ -27,21 +27,20 @@ class QUARNBASTIL_EXPORT Reacting : public Base, private Subscriber {
     return this->nodeFlag(NodeFlag::hasNotificationActive);
   }
 
-  /// Switches the subscription; the present value does nothing. While it changes, the object does
-  /// not react.
+  /// Activates or deactivates the subscription. The object does not react while it changes.
   void hasNotificationActiveIs(bool active) {
     if (hasNotificationActive() == active) return;
     this->nodeFlagSet(NodeFlag::hasNotificationActive, active);
     watchAsItIsNow();
   }
 
-  /// Moves an active subscription to what `watchedPublisher` returns now. To be called when that
-  /// may be another one than before.
+  /// Moves an active subscription to the publisher that `watchedPublisher` now returns. Call when
+  /// that may have changed.
   void watchedMoved() {
     if (hasNotificationActive()) watchAsItIsNow();
   }
 
-  /// Sets the zombie flag, if it differs, and returns its former value.
+  /// Sets the zombie flag and returns its previous value.
   virtual bool kivDoZombieReactors(bool zombie) {
     const bool former = this->nodeFlag(NodeFlag::kivDoZombieReactors);
     if (former != zombie) this->nodeFlagSet(NodeFlag::kivDoZombieReactors, zombie);
@@ -51,7 +50,7 @@ class QUARNBASTIL_EXPORT Reacting : public Base, private Subscriber {
  protected:
   bool reactorSubscribed() const noexcept { return Subscriber::subscribed(); }
 
-  /// Ends all reacting for good.
+  /// Permanently stops reacting.
   void reactorStop() {
     hasNotificationActiveIs(false);
     this->nodeFlagSet(NodeFlag::kivDoZombieReactors, true);

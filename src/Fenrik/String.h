@@ -12,8 +12,8 @@ namespace Fenrik {
 
 namespace Impl {
 
-/// What every string of one character type can do. It owns its text; an empty one may own nothing.
-/// Of its own, and no std::basic_string: half of what a user of a table compiled was <string>.
+/// Common part of all string types. Owns its text; an empty string may own nothing. Not based on
+/// std::basic_string, because <string> was half of the compile time of a table's users.
 template <class Char>
 class QUARNBASTIL_EXPORT StringCommon {
  public:
@@ -34,14 +34,14 @@ class QUARNBASTIL_EXPORT StringCommon {
   ~StringCommon() { delete[] text_; }
 
   View view() const noexcept { return View(data(), size_); }
-  /// The text, ended by a zero character.
+  /// The text, zero-terminated.
   const Char* data() const noexcept { return text_ != nullptr ? text_ : &kEnd; }
   std::size_t size() const noexcept { return size_; }
   bool empty() const noexcept { return size_ == 0; }
 
-  /// Appends `text`, which may be a part of this very string.
+  /// Appends `text`, which may be part of this string.
   void addRight(View text) { insert(size_, text); }
-  /// Puts `text` in front; it may be a part of this very string.
+  /// Prepends `text`, which may be part of this string.
   void addLeft(View text) { insert(0, text); }
 
   void swap(StringCommon& other) noexcept {
@@ -55,11 +55,11 @@ class QUARNBASTIL_EXPORT StringCommon {
 
   static constexpr Char kEnd{};
 
-  /// Null while nothing was stored. A zero follows the text.
+  /// Null if nothing has been stored. The text is followed by a zero.
   Char* text_ = nullptr;
-  /// Characters without the zero.
+  /// Number of characters without the zero.
   std::size_t size_ = 0;
-  /// Characters allocated, with the zero.
+  /// Number of characters allocated, including the zero.
   std::size_t room_ = 0;
 };
 
@@ -110,8 +110,8 @@ class QUARNBASTIL_EXPORT StrB : public StringCommon<char> {
 
 }  // namespace Impl
 
-/// The system's string of names, paths and messages: a value, copied by content. What makes one by
-/// a format stands in `Fenrik/Format.h`.
+/// The system's string for names, paths and messages: a value type. `Fenrik/Format.h` creates
+/// strings by formatting.
 using String = Impl::StrB;
 
 }  // namespace Fenrik

@@ -4,14 +4,14 @@
 
 namespace Fenrik {
 
-/// The process-wide switch between plain and atomic bookkeeping.
+/// Process-wide switch between plain and atomic bookkeeping.
 ///
-/// Set it before the first thread beside the table thread touches a counted object or the slab, and
-/// never back while such a thread runs: the byte is read inline at every use and without a fence.
+/// Set it before a second thread touches a counted object or the slab, and never reset it while
+/// such a thread runs: it is read inline at every use, without a fence.
 struct QUARNBASTIL_EXPORT ThreadControl {
-  /// Zero: use counts, slab and allocation records move with plain operations (one thread).
-  /// Non-zero: with atomic ones. A `bool` and no `std::uint8_t`, which may alias everything: so the
-  /// compiler need not read it again after every store.
+  /// False: use counts, slab and allocation records use plain operations (one thread). True: atomic
+  /// ones. A `bool` rather than `std::uint8_t`, which may alias everything and would be reloaded
+  /// after every store.
   static bool tsp_;
 };
 

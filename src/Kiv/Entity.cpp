@@ -16,7 +16,8 @@ struct Singleton {
   Fenrik::Ptr<Entity> object;
 };
 
-/// Never destroyed: what the singletons hold may outlive this library's other statics.
+/// Never destroyed, because objects of the singletons may be used after the library's statics are
+/// gone.
 std::vector<Singleton>& singletons() {
   static auto* const all = new std::vector<Singleton>;
   return *all;

@@ -8,25 +8,26 @@
 
 namespace Kiv {
 
-/// An object that has its place in the agent's tree of objects.
+/// An object with a place in the agent's object tree.
 class QUARNBASTIL_EXPORT Entity : public Fenrik::Node {
  public:
   ~Entity() override;
 
-  /// Told when the object gets a parent; most objects need not know.
+  /// Called when the object gets a parent. Does nothing by default.
   virtual void handleParent(const Fenrik::Ptr<Entity>& parent);
 
-  /// The process's one object of a class, or null while there is none. `typeName` is the class's
-  /// full name.
+  /// The process's only object of a class, or null if it does not exist yet. `typeName` is the full
+  /// name of the class.
   ///
   /// Threads: the table thread.
   static Fenrik::Ptr<Entity> singletonExists(const Fenrik::String& typeName);
-  /// Makes it, if it is not there, and returns it. REQUIRES: an `EntitySingleton` of that type.
+  /// As above, creating the object if it does not exist. REQUIRES: an `EntitySingleton` of that
+  /// type.
   static Fenrik::Ptr<Entity> singletonIs(KivType type);
 };
 
-/// Declares a class of which a process has one object at most, which lives as long as the process.
-/// Meant for objects of static storage.
+/// Declares a class with at most one object per process, which is never destroyed. Intended for
+/// static objects.
 class QUARNBASTIL_EXPORT EntitySingleton {
  public:
   using Make = Fenrik::Ptr<Entity> (*)();

@@ -15,7 +15,7 @@ std::uint32_t HashHelper::seedMade(std::uint32_t wanted) noexcept {
 
 std::uint32_t HashHelper::hashBytes(std::uint32_t seed, const void* bytes,
                                     std::size_t size) noexcept {
-  // The length is a part, so that bytes of value zero at the end count.
+  // Includes the length, so that trailing zero bytes count.
   std::uint32_t hash = hashSingleAttr(seed, static_cast<std::uint64_t>(size));
   const auto* next = static_cast<const char*>(bytes);
   for (; size >= sizeof(std::uint64_t); size -= sizeof(std::uint64_t)) {

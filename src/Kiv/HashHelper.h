@@ -9,12 +9,12 @@
 
 namespace Kiv {
 
-/// Hashes one number into a seed. Hashes of several fields are chained: the result for one field is
-/// the seed of the next. For a given seed the 16 and 32 bit forms map different numbers to
-/// different hashes, so a collection keyed by one such number has no two members of equal hash.
+/// Hashes one number into a seed. Hashes of several fields are chained: the hash of one field is
+/// the seed of the next. For a given seed, the 16- and 32-bit forms are injective, so a collection
+/// keyed by one such number has no members with equal hashes.
 ///
-/// Multiplier and shift are the first step of a well-known 32-bit finalizer; the map adds the
-/// second multiplication itself before it takes the upper bits.
+/// Multiplier and shift are the first step of a well-known 32-bit finalizer. The map performs the
+/// second multiplication before it takes the upper bits.
 constexpr std::uint32_t hashSingleAttr(std::uint32_t seed, std::uint32_t value) noexcept {
   const std::uint32_t hash = (value ^ seed) * 0x85ebca6bu;
   return hash ^ (hash >> 15);
@@ -23,37 +23,37 @@ constexpr std::uint32_t hashSingleAttr(std::uint32_t seed, std::uint16_t value) 
   return hashSingleAttr(seed, std::uint32_t{value});
 }
 constexpr std::uint32_t hashSingleAttr(std::uint32_t seed, std::uint64_t value) noexcept {
-  // The odd constant keeps a number whose halves are equal from losing one of them.
+  // The odd constant prevents equal halves from cancelling out.
   const std::uint32_t upper =
       hashSingleAttr(seed, static_cast<std::uint32_t>(value >> 32)) + 0x9e3779b9u;
   return hashSingleAttr(upper, static_cast<std::uint32_t>(value));
 }
 
-/// Hashing of keys, seeded per process and per collection. Threads: any.
+/// Hashes keys, seeded per process and per collection. Threads: any.
 class QUARNBASTIL_EXPORT HashHelper {
  public:
-  /// The process's seed: chosen at random when it is first asked for, never 0, then fixed.
+  /// The process's seed: chosen at random at the first call, never 0, constant afterwards.
   static std::uint32_t hashSeed32() noexcept {
     const std::uint32_t seed = seed_.loadRelaxed();
     return seed != 0 ? seed : seedMade(0);
   }
 
-  /// Fixes the process's seed, so that a run can be repeated with the same orders of iteration.
-  /// Returns the seed that holds: the one given, or the earlier one if there is one already.
+  /// Sets the process's seed, so that a run can be repeated with the same iteration orders. Returns
+  /// the seed in force: the given one, or the earlier one if a seed has been set or chosen before.
   /// REQUIRES: `seed` is not 0.
   static std::uint32_t hashSeed32Is(std::uint32_t seed) noexcept { return seedMade(seed); }
 
   /// Hashes text or other bytes.
   static std::uint32_t hashBytes(std::uint32_t seed, const void* bytes, std::size_t size) noexcept;
 
-  /// A key without its type, for the generic layer of the map.
+  /// An untyped key, for the generic layer of the map.
   struct KeyAndRhashSeedArg {
     const void* key;
-    /// The key's hash with the collection's seed.
+    /// The key's hash, computed with the collection's seed.
     std::uint32_t rhash;
   };
 
-  /// The same for string keys, looked up without making a string of the text.
+  /// A string key, for look-ups that do not construct a string.
   struct KeyString {
     KeyString(std::string_view string, std::uint32_t seed) noexcept
         : text(string), rhash(hashBytes(seed, string.data(), string.size())) {}

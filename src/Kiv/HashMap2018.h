@@ -14,7 +14,7 @@
 
 namespace Kiv {
 
-/// A keyed collection: the typed face of `HashMap2018Generic`. `HN_Tag` is its node type,
+/// A keyed collection: the typed interface of `HashMap2018Generic`. `HN_Tag` is the node type,
 /// `Hm2018NI` or `Hm2018NE`; `Key` and `Value` are those of the node.
 ///
 ///     Kiv::HashMap2018<HN_Lamp, LampKey, Fenrik::Ptr<Lamp>> lamps;
@@ -22,9 +22,9 @@ namespace Kiv {
 ///     if (const HN_Lamp* node = lamps[key]) node->value();
 ///     for (const HN_Lamp& node : lamps) lamps.memberDel(node.key());
 ///
-/// Threads: one at a time. The order of a walk differs from process to process and from collection
-/// to collection; nobody may rely on it. A pointer to a node holds until the next change of the
-/// map, what an iterator shows holds until the iterator leaves it.
+/// Threads: one at a time. The iteration order is unspecified and differs between processes and
+/// collections. A pointer to a node is valid until the next change of the map; a node shown by an
+/// iterator, until the iterator moves.
 template <class HN_Tag, class Key, class Value>
 class QUARNBASTIL_EXPORT HashMap2018 {
   static_assert(std::is_same_v<Key, typename HN_Tag::Key>);
@@ -36,14 +36,14 @@ class QUARNBASTIL_EXPORT HashMap2018 {
   using Lookup = typename Traits::Lookup;
   using KeyArg = HashHelper::KeyAndRhashSeedArg;
 
-  /// The one record of operations of the collection.
+  /// Operations on the collection's nodes, one constant record per collection.
   static constexpr HashMap2018VTable vt_ = Impl::NodeOperations<Node>::table();
 
-  /// What a walk is compared with at its end.
+  /// Sentinel for the end of an iteration.
   struct End {};
 
-  /// Walks the map; see `HashMap2018IteratorGeneric` for what changes do to it. `*it` is the node
-  /// as the iterator met it.
+  /// Iterator; see `HashMap2018IteratorGeneric` for its behaviour under changes. `*it` is the node
+  /// as it was when the iterator reached it.
   class Iterator {
    public:
     using difference_type = std::ptrdiff_t;
@@ -57,7 +57,7 @@ class QUARNBASTIL_EXPORT HashMap2018 {
     const Node* operator->() const noexcept { return &**this; }
     decltype(auto) key() const { return (**this).key(); }
 
-    /// The member's node as it is now, null if the member is gone.
+    /// The member's current node, or null if the member has been deleted.
     const Node* nodeNow() const { return static_cast<const Node*>(position_.currNodeNonStale()); }
 
     Iterator& operator++() {
@@ -89,7 +89,7 @@ class QUARNBASTIL_EXPORT HashMap2018 {
     const Lookup& lookupKey = Traits::lookup(key);
     return lookup(lookupKey, Traits::hash(lookupKey, seed_));
   }
-  /// The same for string keys without making a string.
+  /// As above for string keys, without constructing a string.
   const Node* operator[](
       std::string_view text) const requires std::is_same_v<Lookup, std::string_view> {
     return lookup(text, HashHelper::KeyString(text, seed_).rhash);
@@ -103,8 +103,8 @@ class QUARNBASTIL_EXPORT HashMap2018 {
     memberElseNew(key, [&]() -> Node&& { return std::move(node); });
   }
 
-  /// The node of a key; if there is none, inserts the one that `makeNode()` returns, which has that
-  /// key, and returns null. One search does both. REQUIRES: `makeNode` does not change the map.
+  /// The node of a key, or null after inserting the node returned by `makeNode()`, which must have
+  /// that key. One search serves both. REQUIRES: `makeNode` does not change the map.
   template <class MakeNode>
   [[gnu::always_inline]] const Node* memberElseNew(const Key& key, const MakeNode& makeNode) {
     const Lookup& lookupKey = Traits::lookup(key);
@@ -116,14 +116,15 @@ class QUARNBASTIL_EXPORT HashMap2018 {
     return memberElseNewG(arg, makeNode);
   }
 
-  /// The node of a key for `fwkValueIs`, or null. Iterators go on to see the old value.
+  /// The node of a key, to be changed through `fwkValueIs`; or null. Iterators at the node keep the
+  /// old value.
   Node* nodeForChange(const Key& key) {
     const Lookup& lookupKey = Traits::lookup(key);
     return static_cast<Node*>(
         generic_.lookupNodeForChangeG(&vt_, {&lookupKey, Traits::hash(lookupKey, seed_)}));
   }
 
-  /// Deletes a member and returns its node, nothing if there is none.
+  /// Deletes a member and returns its node, or nullopt if there is none.
   std::optional<Node> memberDel(const Key& key) {
     const Lookup& lookupKey = Traits::lookup(key);
     union Out {
@@ -145,7 +146,7 @@ class QUARNBASTIL_EXPORT HashMap2018 {
 
   Iterator begin() const { return Iterator({generic_, &vt_}); }
   End end() const noexcept { return {}; }
-  /// On the key; at the end if it is absent.
+  /// An iterator at the key, or at the end if the key is absent.
   Iterator iteratorFromKey(const Key& key) const {
     const Lookup& lookupKey = Traits::lookup(key);
     const KeyArg arg{&lookupKey, Traits::hash(lookupKey, seed_)};

@@ -8,10 +8,10 @@
 
 namespace Kiv {
 
-/// A node of a map's bucket without its type.
+/// Untyped base of the nodes in a map's bucket.
 struct HashMap2018LinkNodeBase {};
 
-/// The header of a bucket, one word in the middle of the bucket's single allocation:
+/// Header of a bucket, one word in the middle of the bucket's allocation:
 ///
 ///     capacity words of 32 bits, one per slot: the hash of the slot's key, as the map spreads it
 ///     the header
@@ -19,16 +19,17 @@ struct HashMap2018LinkNodeBase {};
 ///
 /// Bits of the word: 0 to 2 references, 3 detached, 4 to 17 capacity, 18 to 31 occupied slots.
 ///
-/// I1. The map holds one reference on every bucket that stands in it, every iterator one on the
-///     bucket in which it stands. The last reference that goes ends the bucket.
-/// I2. A bucket with more than one reference is not changed any more, but for its references and
-///     the detached bit.
-/// I3. The words of the occupied slots rise; among equal ones the keys rise.
+/// I1. The map holds one reference to each of its buckets; an iterator holds one to the bucket it
+///     is in. Dropping the last reference destroys the bucket.
+/// I2. A bucket with more than one reference is immutable, except for the reference count and the
+///     detached bit.
+/// I3. The words of the occupied slots are in ascending order; slots with equal words are ordered
+///     by key.
 ///
-/// Threads: those of the map; a bucket is never shared between threads.
+/// Threads: those of the map. A bucket is never shared between threads.
 class QUARNBASTIL_EXPORT HashMap2018BucketHdr {
  public:
-  /// What 14 bits hold, down to the next capacity that keeps the nodes aligned.
+  /// The maximum of 14 bits, rounded down to a capacity that keeps the nodes aligned.
   static constexpr unsigned kCapacityMax = 16383;
 
   explicit HashMap2018BucketHdr(unsigned capacity) noexcept
@@ -42,7 +43,7 @@ class QUARNBASTIL_EXPORT HashMap2018BucketHdr {
 
   bool shared() const noexcept { return (word_ & kReferenceMask) > 1; }
 
-  /// The bucket stands in no map any more; iterators may still read it.
+  /// Whether the bucket has been removed from the map. Iterators may still read it.
   bool detached() const noexcept { return (word_ & kDetached) != 0; }
   void detachedSet() noexcept { word_ |= kDetached; }
 
@@ -54,7 +55,7 @@ class QUARNBASTIL_EXPORT HashMap2018BucketHdr {
     }
   }
 
-  /// Drops one reference; 0 if it was the last one, which then leaves the word as it was.
+  /// Drops one reference. Returns 0 if it was the last one, leaving the word unchanged.
   unsigned bktHdrRefDecHelper() const noexcept {
     const unsigned references = word_ & kReferenceMask;
     if (references == kReferenceMany && surplusDec()) [[unlikely]]
@@ -69,12 +70,13 @@ class QUARNBASTIL_EXPORT HashMap2018BucketHdr {
     return reinterpret_cast<HashMap2018LinkNodeBase*>(&word_ + 1);
   }
 
-  /// Counts the buckets of all maps; null until there was one.
+  /// Tracks the buckets of all maps; null until the first one.
   static AllocTrackTypeInfo* bucketHeaderTracker_;
 
  private:
   static constexpr unsigned kReferenceMask = 0x7;
-  /// This many references in the word mean: and perhaps more, which are counted elsewhere.
+  /// Maximum of the count in the word. It means this many or more; the surplus is counted
+  /// separately.
   static constexpr unsigned kReferenceMany = 7;
   static constexpr unsigned kDetached = 0x8;
   static constexpr unsigned kCapacityShift = 4;
@@ -96,16 +98,16 @@ inline HashMap2018LinkNodeBase* nodeAt(HashMap2018LinkNodeBase* nodes, std::size
                                                     nodeSize * index);
 }
 
-/// A map's pointer to one of its buckets, or to none. It tells where words, header and nodes are
-/// without a look at the header, so that a lookup fetches all of them at once.
+/// A map's pointer to one of its buckets, or none. It determines the addresses of words, header and
+/// nodes without reading the header, so that a look-up fetches all of them in parallel.
 ///
-/// Buckets begin at multiples of 16 bytes and have capacities of the form 4 n - 1, so that the
-/// nodes begin at one too. The lower four bits are free for n, with two exceptions. Tag 0:
-/// the default capacity. The default's own tag: the capacity does not fit four bits, and the
-/// pointer leads to the nodes.
+/// Buckets are aligned to 16 bytes and have capacities of the form 4 n - 1, so that the nodes are
+/// aligned too. The lower four bits hold n, with two exceptions. Tag 0: default capacity,
+/// `kUsualCapacity`. The default's own tag: the capacity does not fit four bits, and the pointer is
+/// the address of the nodes.
 class HashMap2018BucketLink {
  public:
-  /// Words and header of such a bucket fill one cache line.
+  /// Default capacity: words and header fill one cache line.
   static constexpr unsigned kUsualCapacity = 15;
   static constexpr std::size_t kUnit = 16;
 
@@ -125,9 +127,9 @@ class HashMap2018BucketLink {
 
   explicit operator bool() const noexcept { return bits_ != kNone; }
 
-  /// There is a bucket, and it has the usual capacity.
+  /// Whether there is a bucket and it has the default capacity.
   bool usual() const noexcept { return (bits_ & kTagMask) == 0; }
-  /// Where such a bucket begins.
+  /// Start of a bucket with the default capacity.
   std::uint32_t* usualWords() const noexcept { return reinterpret_cast<std::uint32_t*>(bits_); }
   HashMap2018BucketHdr* usualHdr() const noexcept {
     return reinterpret_cast<HashMap2018BucketHdr*>(usualWords() + kUsualCapacity);

@@ -20,19 +20,19 @@ using Node = HashMap2018LinkNodeBase;
 using Sources = HashMap2018NodeSourceColl;
 using VTable = HashMap2018VTable;
 
-/// Members per bucket at which the directory grows. Measured: 6 and 12 lose to 8 at 64 k members,
-/// the first by its larger directory, the second by the buckets that need a second step.
+/// Members per bucket at which the directory grows. Measured with 64 k members: 6 is slower because
+/// of the larger directory, 12 because more buckets need a second step.
 constexpr unsigned kMeanSize = 8;
-/// The directory shrinks at a quarter of that, so that a map of steady size never swings.
+/// The directory shrinks at a quarter of that, so that a map of steady size does not oscillate.
 constexpr unsigned kMeanSizeMin = kMeanSize / 4;
-/// The fine directory of this level has 2 GB, which is what one allocation can ask for.
+/// The fine directory of this level takes 2 GB, the largest single allocation.
 constexpr unsigned kLevelMax = 27;
-/// Buckets are multiples of a cache line: so the slab lets them begin at one, and a search may read
-/// words by steps of 64 bytes.
+/// Bucket sizes are multiples of a cache line, so that the slab aligns them to one and searches may
+/// read words in steps of 64 bytes.
 constexpr std::size_t kLine = 64;
 static_assert(kLine == Impl::kWordsPerStep * sizeof(std::uint32_t));
 
-/// The many maps that never have more than a few members take one line for them.
+/// First capacity of a map: many maps never have more than a few members, which then take one line.
 constexpr unsigned kFirstCapacity = 3;
 
 constexpr std::size_t roundUp(std::size_t size, std::size_t unit) {
@@ -46,24 +46,24 @@ void* storageAlloc(std::size_t bytes) {
   return storage;
 }
 
-/// Nodes up to this size get the usual capacity from the first, so that nearly every lookup meets
-/// it: capacities in turn were measured and cost a mispredicted branch. With larger nodes room
-/// counts.
+/// Nodes up to this size get the default capacity from the start, so that nearly every look-up
+/// takes the fast path; growing capacities were measured to cost a mispredicted branch. With larger
+/// nodes memory matters more.
 constexpr unsigned kSmallNode = 32;
 
-/// The capacity of a bucket for `size` nodes, of the form 4 n - 1, with room for one more. Above
-/// the usual capacity it grows by a quarter, so that filling a large bucket stays linear.
+/// Capacity of a bucket for `size` nodes and at least one more, of the form 4 n - 1. Above the
+/// default capacity it grows by a quarter, so that filling a large bucket is linear.
 unsigned capacityFor(const VTable* vt, unsigned size) {
   const unsigned wanted = std::max(size + 2, size + size / 4);
   const unsigned capacity = static_cast<unsigned>(roundUp(wanted, 4)) - 1;
   const unsigned least = vt->nodeSize <= kSmallNode ? Link::kUsualCapacity : 0;
-  // The last slot of a bucket of usual capacity is used before it gives way to a larger one.
+  // Uses the last slot of the default capacity before allocating a larger bucket.
   if (size == Link::kUsualCapacity) return size;
   return std::clamp(capacity, least, Hdr::kCapacityMax);
 }
 
-/// The capacity that a bucket should have when one of its nodes has gone: less than now only if it
-/// is far too large, or if it comes back to the usual one with some room.
+/// Capacity of a bucket after a deletion: reduced only if the bucket is far too large, or if it
+/// fits the default capacity with some room to spare.
 unsigned capacityAfter(const VTable* vt, const Hdr* hdr) {
   const unsigned size = hdr->size() - 1;
   const unsigned enough =
@@ -71,7 +71,7 @@ unsigned capacityAfter(const VTable* vt, const Hdr* hdr) {
   return size <= std::max(enough, hdr->capacity() / 4) ? capacityFor(vt, size) : hdr->capacity();
 }
 
-/// Makes a bucket of the nodes of `sources`. The words are the caller's to fill.
+/// Creates a bucket from the nodes of `sources`. The caller fills the words.
 Hdr* bucketMake(const VTable* vt, unsigned capacity, const Sources& sources) {
   const std::size_t nodesOffset = sizeof(std::uint32_t) * (capacity + 1);
   const std::size_t bytes = roundUp(nodesOffset + std::size_t{capacity} * vt->nodeSize, kLine);
@@ -87,13 +87,13 @@ Hdr* bucketMake(const VTable* vt, unsigned capacity, const Sources& sources) {
   return hdr;
 }
 
-/// Takes a bucket out of the map: what iterators hold of it stays, the rest goes.
+/// Removes a bucket from the map. It is destroyed unless iterators hold it.
 void bucketRetire(const VTable* vt, Hdr* hdr) {
   hdr->detachedSet();
   vt->bktHdrRefDec(hdr);
 }
 
-/// How the nodes of a bucket go into another one.
+/// Whether a bucket's nodes are moved or copied to another bucket.
 MoveOrCopy modeOf(const Hdr* hdr) { return hdr->shared() ? MoveOrCopy::copy : MoveOrCopy::move; }
 
 Node* nodeOf(const VTable* vt, Hdr* hdr, unsigned index) {
@@ -104,7 +104,7 @@ HashMap2018SlotIndex slot(unsigned index) {
   return HashMap2018SlotIndex(static_cast<unsigned short>(index));
 }
 
-/// A new bucket of a part of another one, or none if the part is empty.
+/// A new bucket from a range of another one's nodes, or none if the range is empty.
 Link partMake(const VTable* vt, Hdr* from, unsigned first, unsigned count) {
   if (count == 0) return {};
   Sources sources;
@@ -114,7 +114,7 @@ Link partMake(const VTable* vt, Hdr* from, unsigned first, unsigned count) {
   return Link(hdr);
 }
 
-/// The place of a key that is not in the bucket.
+/// Index at which a key that is not in the bucket is inserted.
 unsigned insertIndex(const VTable* vt, Hdr* hdr, std::uint32_t hash, const void* key) {
   const std::uint32_t* const words = hdr->words();
   const unsigned size = hdr->size();
@@ -139,7 +139,7 @@ void insertInPlace(const VTable* vt, Hdr* hdr, unsigned index, std::uint32_t has
   hdr->sizeIs(size + 1);
 }
 
-/// A new bucket of the nodes of another one with one more at `index`.
+/// A new bucket with the nodes of another one and one more at `index`.
 Hdr* insertMake(const VTable* vt, Hdr* from, unsigned index, std::uint32_t hash, Node& node) {
   const unsigned size = from->size();
   FENRIK_ASSERT(size < Hdr::kCapacityMax);
@@ -155,8 +155,7 @@ Hdr* insertMake(const VTable* vt, Hdr* from, unsigned index, std::uint32_t hash,
   return hdr;
 }
 
-/// A new bucket of the nodes of another one without that at `index`, or none if it was the only
-/// one.
+/// A new bucket with the nodes of another one except the one at `index`; none if no node is left.
 Link eraseMake(const VTable* vt, Hdr* from, unsigned index) {
   const unsigned behind = from->size() - index - 1;
   if (index + behind == 0) return {};
@@ -176,7 +175,7 @@ void eraseInPlace(const VTable* vt, Hdr* hdr, unsigned index) {
   hdr->sizeIs(size - 1);
 }
 
-/// The nodes of two neighbours in one bucket, in their order.
+/// A new bucket with the nodes of two neighbouring buckets, in order.
 Link joinMake(const VTable* vt, Hdr* low, Hdr* high) {
   Sources sources;
   sources.runAdd(modeOf(low), low->size(), low->nodes());
@@ -301,7 +300,7 @@ bool HashMap2018Generic::deleteMemberG(const VTable* vt, const KeyAndRhashSeedAr
 }
 
 void HashMap2018Generic::emptyAllBuckets(const VTable* vt, bool final) {
-  // The map is empty and usable before the first value goes, whose destructor may look at it.
+  // The map is empty and usable before the first value is destroyed, whose destructor may use it.
   Link* const coarse = coarse_;
   Link* const fine = fine_;
   Link single = single_;

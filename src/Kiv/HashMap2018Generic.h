@@ -13,37 +13,36 @@
 
 namespace Kiv {
 
-/// The map without its types: a directory of buckets that grows and shrinks by one bucket at a
-/// time.
+/// The untyped map: a directory of buckets that grows and shrinks by one bucket at a time.
 ///
-/// Members have one order, that of (spread hash, key), whatever the directory looks like; a bucket
-/// holds the members whose spread hashes begin with the same bits. Growing splits the next bucket
-/// in turn in two, shrinking joins two again. While a level of the directory is half split, the
-/// split part stands in `fine_` and the rest in `coarse_`, so nothing is ever copied at once; the
-/// largest pause of an insert is one split.
+/// Members are ordered by (spread hash, key), independently of the directory; a bucket holds the
+/// members whose spread hashes have the same leading bits. Growing splits the next bucket in turn,
+/// shrinking joins two. While a directory level is partly split, the split part is in `fine_` and
+/// the rest in `coarse_`, so nothing is copied all at once; the longest pause of an insertion is
+/// one split.
 ///
 /// Threads: one at a time.
 ///
-/// I1. The map is in a state complete in itself before a value that leaves it is destroyed: the
-///     destructor of a value may use the map.
-/// I2. No change touches what an iterator reads: a bucket that an iterator holds is replaced by a
-///     changed copy, and marked as detached.
-/// I3. A pointer to a node holds until the next change of the map.
+/// I1. The map is consistent before a value that leaves it is destroyed: the value's destructor may
+///     use the map.
+/// I2. No change affects what an iterator reads: a bucket held by an iterator is replaced by a
+///     changed copy and marked as detached.
+/// I3. A pointer to a node is valid until the next change of the map.
 ///
-/// Cost: a lookup reads a directory slot, the words, the header and one node. An insert or delete
-/// moves half a bucket's nodes, and every eighth splits or joins a bucket; they average eight
-/// nodes.
+/// Cost: a look-up reads a directory slot, the words, the header and one node. An insertion or
+/// deletion moves half of a bucket's nodes, and every eighth splits or joins a bucket. Buckets have
+/// eight nodes on average.
 class QUARNBASTIL_EXPORT HashMap2018Generic {
  public:
   using KeyAndRhashSeedArg = HashHelper::KeyAndRhashSeedArg;
   using KeyString = HashHelper::KeyString;
 
-  /// Makes an empty map that never has fewer than `bucketsMin` buckets, a power of two. With
-  /// `keepBuckets` it does not shrink when members are deleted, only when all are at once.
+  /// Creates an empty map with at least `bucketsMin` buckets, a power of two. With `keepBuckets`
+  /// the map shrinks only when all members are deleted at once.
   HashMap2018Generic(const HashMap2018VTable* vt, HashMap2018MapIndex bucketsMin, bool keepBuckets);
   HashMap2018Generic(const HashMap2018Generic&) = delete;
   HashMap2018Generic& operator=(const HashMap2018Generic&) = delete;
-  /// REQUIRES: `emptyAllBuckets(vt, true)` was called last.
+  /// REQUIRES: the last call was `emptyAllBuckets(vt, true)`.
   ~HashMap2018Generic();
 
   /// The node of a key, or null.
@@ -53,31 +52,31 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
   const HashMap2018LinkNodeBase* lookupNodeG(const HashMap2018VTable* vt,
                                              const KeyString& key) const;
 
-  /// The node of a key for changing its value, or null. Iterators go on to see the old value.
+  /// The node of a key, to change its value; or null. Iterators at the node keep the old value.
   HashMap2018LinkNodeBase* lookupNodeForChangeG(const HashMap2018VTable* vt,
                                                 const KeyAndRhashSeedArg& key);
 
-  /// Inserts a node by moving its contents. REQUIRES: the key was looked up and is absent.
+  /// Inserts a node by moving its content. REQUIRES: the key is absent.
   void newMemberG(const HashMap2018VTable* vt, const KeyAndRhashSeedArg& key,
                   HashMap2018LinkNodeBase&& node);
 
-  /// Deletes a member; false if there is none. `out` is storage for a node, which the deleted one
-  /// is moved into; a value stands first in its node. An iterator that holds the member keeps it as
-  /// it was, and `out` gets a copy.
+  /// Deletes a member. False if there is none. The node is moved to the storage `out`; the value is
+  /// the first part of a node. If an iterator holds the member, it keeps the node, and `out`
+  /// receives a copy.
   bool deleteMemberG(const HashMap2018VTable* vt, const KeyAndRhashSeedArg& key, void* out);
 
-  /// Deletes all members. The map stays usable.
+  /// Deletes all members. The map remains usable.
   void _memberDelAll(const HashMap2018VTable* vt) { emptyAllBuckets(vt, false); }
 
-  /// Releases every bucket. With `final` the map goes down to no storage at all, whatever its
-  /// smallest number of buckets; it is then destroyed next or used again as a map with one.
+  /// Releases all buckets. With `final` the map also releases its directory, regardless of its
+  /// minimum of buckets; it may then only be destroyed, or used as a map with one bucket.
   void emptyAllBuckets(const HashMap2018VTable* vt, bool final);
 
   unsigned memberCount() const noexcept { return memberCount_; }
   unsigned bucketCount() const noexcept { return (1u << level_) + splitCount_; }
 
-  /// The lookup itself, for code that knows the type: `keyIs(node)` compares the keys. With
-  /// `hashTellsKey` no two keys have one hash: then no node is looked at.
+  /// Look-up for typed code: `keyIs(node)` compares the keys. With `hashTellsKey` different keys
+  /// have different hashes, and no node is read.
   template <bool hashTellsKey, class KeyIs>
   [[gnu::always_inline]] const HashMap2018LinkNodeBase* lookup(std::size_t nodeSize,
                                                                std::uint32_t rhash,
@@ -87,7 +86,8 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
     if (!link.usual()) [[unlikely]]
       return lookupUnusual(link, nodeSize, hash, keyIs);
     const HashMap2018BucketHdr* const hdr = link.usualHdr();
-    // What the words of empty slots and the header match comes behind what occupied slots do.
+    // Words of empty slots and the header may match, too; their indices are above those of occupied
+    // slots.
     unsigned mask = Impl::equalWords(link.usualWords(), hash);
     while (mask != 0) {
       const auto index = static_cast<unsigned>(std::countr_zero(mask));
@@ -101,17 +101,16 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
     return nullptr;
   }
 
-  /// What `newMemberUsual` came to: the member that was there already, or null and whether the new
-  /// one is in.
+  /// Result of `newMemberUsual`: the existing member, or null and whether the new one was inserted.
   struct Inserted {
     const HashMap2018LinkNodeBase* present;
     bool done;
   };
 
-  /// Looks a key up and, if it is absent, does what `newMemberG` does, if that takes no more than a
-  /// change of one bucket of usual capacity; otherwise says so and does nothing. `Operations` are
-  /// those of the node's type, `makeNode()` gives the node to insert. The first word that is not
-  /// less than the hash says both whether the key may be there and where it goes.
+  /// Looks a key up and inserts it if it is absent, provided that this changes only one bucket of
+  /// default capacity; otherwise returns `done == false` and changes nothing. `Operations` are
+  /// those of the node's type; `makeNode()` returns the node to insert. The first word not less
+  /// than the hash determines both whether the key can exist and where it is inserted.
   template <class Operations, class KeyIs, class MakeNode>
   [[gnu::always_inline]] Inserted newMemberUsual(std::uint32_t rhash, const KeyIs& keyIs,
                                                  const MakeNode& makeNode) {
@@ -126,7 +125,7 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
     if (words[index] == hash && index < size) [[unlikely]] {
       const HashMap2018LinkNodeBase* const node =
           nodeAt(hdr->nodes(), sizeof(typename Operations::Node), index);
-      // Another key of the same hash is left to the generic form.
+      // A different key with the same hash is handled by the generic form.
       return Operations::kHashTellsKey || keyIs(node) ? Inserted{node, true}
                                                       : Inserted{nullptr, false};
     }
@@ -142,7 +141,7 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
     return {nullptr, true};
   }
 
-  /// Fast path of `deleteMemberG`. False, with nothing done, when the generic form must decide.
+  /// Fast path of deleteMemberG. False, with nothing changed, if the generic form is needed.
   template <class Operations, class KeyIs>
   [[gnu::always_inline]] bool deleteMemberUsual(std::uint32_t rhash, const KeyIs& keyIs,
                                                 void* out) noexcept {
@@ -154,7 +153,7 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
     HashMap2018BucketHdr* const hdr = link.usualHdr();
     const unsigned size = hdr->size();
     const unsigned mask = Impl::equalWords(words, hash) & ((1u << size) - 1);
-    // Two of one hash, and what leaves its bucket empty, are left to the generic form.
+    // Two equal hashes, or a bucket becoming empty, are handled by the generic form.
     if (mask == 0 || (mask & (mask - 1)) != 0 || size == 1 || hdr->shared()) [[unlikely]]
       return false;
     const auto index = static_cast<unsigned>(std::countr_zero(mask));
@@ -175,11 +174,12 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
 
   using Link = HashMap2018BucketLink;
 
-  /// The bits that select a bucket are the upper ones; multiplying by the golden ratio brings every
-  /// bit of the hash into them, and maps different hashes to different ones.
+  /// The upper bits of the hash select a bucket. Multiplication by the golden ratio spreads every
+  /// bit into them and is injective.
   static std::uint32_t spread(std::uint32_t rhash) noexcept { return rhash * 0x9e3779b1u; }
 
-  /// A fine number has `level_` + 1 upper bits of the hash, a coarse one `level_`.
+  /// A fine number is the upper `level_` + 1 bits of the hash, a coarse number the upper `level_`
+  /// bits.
   std::uint32_t fineOf(std::uint32_t hash) const noexcept { return hash >> fineShift_; }
 
   Link& linkOf(std::uint32_t hash) const noexcept {
@@ -188,7 +188,7 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
     return coarse < splitCount_ ? fine_[fine] : coarse_[coarse];
   }
 
-  /// Buckets have positions 0 to `bucketCount()` - 1 in the order of their members.
+  /// Buckets have positions 0 to `bucketCount()` - 1, in the order of their members.
   unsigned positionOf(std::uint32_t hash) const noexcept {
     const std::uint32_t fine = fineOf(hash);
     return fine >> 1 < splitCount_ ? fine : (fine >> 1) + splitCount_;
@@ -205,7 +205,8 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
     if (!link) return nullptr;
     HashMap2018BucketHdr* const hdr = link.hdr();
     const auto node = [&](unsigned index) { return nodeAt(hdr->nodes(), nodeSize, index); };
-    // Maps of one member, as by unit or by table, are asked more than all others of their kind.
+    // Maps with one member, such as those keyed by unit or table, are looked up most often of
+    // these.
     if (hdr->size() == 1) {
       return hdr->words()[0] == hash && keyIs(node(0)) ? node(0) : nullptr;
     }
@@ -221,23 +222,24 @@ class QUARNBASTIL_EXPORT HashMap2018Generic {
   void splitNext(const HashMap2018VTable* vt);
   void joinLast(const HashMap2018VTable* vt);
 
-  /// Buckets of `level_` hash bits; those below `splitCount_` have moved to `fine_`.
+  /// Buckets selected by `level_` hash bits. Those below `splitCount_` have been replaced in
+  /// `fine_`.
   Link* coarse_;
-  /// Buckets of `level_` + 1 bits, split so far; null while none is.
+  /// Buckets selected by `level_` + 1 hash bits, as far as split; null if none is.
   Link* fine_ = nullptr;
-  /// The directory of a map with one bucket.
+  /// Directory of a map with a single bucket.
   Link single_;
-  /// Coarse buckets that are split.
+  /// Number of coarse buckets that are split.
   std::uint32_t splitCount_ = 0;
-  /// Hash bits that select a coarse bucket.
+  /// Number of hash bits that select a coarse bucket.
   std::uint8_t level_ = 0;
-  /// Gives the fine number of a hash: 31 - `level_`.
+  /// Shift from hash to fine number: 31 - `level_`.
   std::uint8_t fineShift_ = 31;
-  /// The level below which the directory does not shrink.
+  /// Lowest level to which the directory shrinks.
   std::uint8_t levelMin_;
-  /// Never join buckets.
+  /// Whether buckets are never joined.
   bool keepBuckets_;
-  /// Above this many members a bucket is split, below that many two are joined.
+  /// Above `splitAbove_` members a bucket is split; below `joinBelow_` two are joined.
   std::uint32_t splitAbove_;
   std::uint32_t joinBelow_;
   /// Members of the map.

@@ -3,8 +3,8 @@
 namespace Kiv {
 namespace {
 
-/// Where the first member stands in a bucket that comes after that of `node`; its size if none
-/// does.
+/// Index of the first member in the bucket that is ordered after `node`; the bucket's size if there
+/// is none.
 unsigned indexBehind(const HashMap2018VTable* vt, HashMap2018BucketLink link, std::uint32_t hash,
                      const HashMap2018LinkNodeBase* node) {
   const std::uint32_t* const words = link.words();

@@ -7,25 +7,24 @@
 
 namespace Kiv {
 
-/// Says that an iterator begins at the end.
+/// Tag: construct the iterator at the end.
 struct EndOfCollection {};
 
-/// A position in a map that any change of the map leaves usable.
+/// A position in a map that remains usable under any change of the map.
 ///
-/// It holds the bucket in which it stands, and goes on from there by the order of members, which is
-/// the same before and after every change. So a walk visits each member that is there throughout
-/// exactly once, and ends, while members come and go and the map grows and shrinks.
+/// It holds a reference to its bucket and continues by the order of members, which no change
+/// affects. A walk therefore visits each member that exists throughout exactly once, and
+/// terminates, even while members are added and deleted and the map grows and shrinks.
 ///
-/// Threads: that of the map. An iterator may be destroyed after its map; nothing else may be done
-/// with it then.
+/// Threads: that of the map. After the map's destruction an iterator may only be destroyed.
 ///
-/// I1. `bucket_` is not null exactly while the iterator stands on a node.
+/// I1. `bucket_` is null exactly if the iterator is at the end.
 ///
-/// Cost: a step within an unchanged bucket reads its header; a step out of it finds the next bucket
-/// in the directory; a step after a change of the bucket is a lookup.
+/// Cost: a step within an unchanged bucket reads its header; a step to the next bucket reads the
+/// directory; a step after a change of the bucket is a look-up.
 class QUARNBASTIL_EXPORT HashMap2018IteratorGeneric {
  public:
-  /// On the first node.
+  /// At the first node.
   HashMap2018IteratorGeneric(const HashMap2018Generic& map, const HashMap2018VTable* vt)
       : map_(&map), vt_(vt) {
     standOnFirst(0);
@@ -33,14 +32,14 @@ class QUARNBASTIL_EXPORT HashMap2018IteratorGeneric {
   HashMap2018IteratorGeneric(const HashMap2018Generic& map, const HashMap2018VTable* vt,
                              EndOfCollection) noexcept
       : map_(&map), vt_(vt) {}
-  /// On the node of a key; at the end if the key is absent.
+  /// At the node of a key, or at the end if the key is absent.
   HashMap2018IteratorGeneric(const HashMap2018Generic& map, const HashMap2018VTable* vt,
                              const HashHelper::KeyAndRhashSeedArg& key);
   HashMap2018IteratorGeneric(const HashMap2018IteratorGeneric& other) noexcept
       : map_(other.map_), vt_(other.vt_), bucket_(other.bucket_), index_(other.index_) {
     if (bucket_ != nullptr) bucket_->referenceInc();
   }
-  /// Leaves the other one at the end.
+  /// Leaves `other` at the end.
   HashMap2018IteratorGeneric(HashMap2018IteratorGeneric&& other) noexcept
       : map_(other.map_),
         vt_(other.vt_),
@@ -59,7 +58,7 @@ class QUARNBASTIL_EXPORT HashMap2018IteratorGeneric {
 
   bool atEnd() const noexcept { return bucket_ == nullptr; }
 
-  /// Goes to the next member. REQUIRES: not at the end.
+  /// Advances to the next member. REQUIRES: not at the end.
   void advance() {
     if (index_ + 1 < bucket_->size() && !bucket_->detached()) [[likely]] {
       ++index_;
@@ -68,19 +67,18 @@ class QUARNBASTIL_EXPORT HashMap2018IteratorGeneric {
     }
   }
 
-  /// The member's node in the map as it is now; null if the member is gone. REQUIRES: not at the
-  /// end.
+  /// The member's current node, or null if the member has been deleted. REQUIRES: not at the end.
   const HashMap2018LinkNodeBase* currNodeNonStale() const {
     return bucket_->detached() ? currNodeInMap() : currNodeMaybeStale();
   }
 
-  /// The member's node as the iterator met it, whatever has become of it since. It stays until the
-  /// iterator leaves. REQUIRES: not at the end.
+  /// The member's node as it was when the iterator reached it. Valid until the iterator moves.
+  /// REQUIRES: not at the end.
   const HashMap2018LinkNodeBase* currNodeMaybeStale() const noexcept {
     return nodeAt(bucket_->nodes(), vt_->nodeSize, index_);
   }
 
-  /// Both at the end of a map or on the same member of it.
+  /// Whether both are at the end of the same map, or at the same member of it.
   friend QUARNBASTIL_EXPORT bool operator==(const HashMap2018IteratorGeneric& a,
                                             const HashMap2018IteratorGeneric& b) noexcept;
 
@@ -94,7 +92,7 @@ class QUARNBASTIL_EXPORT HashMap2018IteratorGeneric {
   void standOnFirst(unsigned position) noexcept;
 
   void drop(const HashMap2018BucketHdr* bucket) const {
-    // One reference of a bucket that stands in the map is the map's.
+    // The map holds a reference too, so a bucket in the map cannot lose its last one here.
     if (bucket->detached()) {
       vt_->bktHdrRefDec(bucket);
     } else {
@@ -102,11 +100,11 @@ class QUARNBASTIL_EXPORT HashMap2018IteratorGeneric {
     }
   }
 
-  /// The map that is walked.
+  /// The map being iterated.
   const HashMap2018Generic* map_;
-  /// Operations on its nodes.
+  /// Operations on the map's nodes.
   const HashMap2018VTable* vt_;
-  /// The bucket walked, with a reference of this iterator's; null at the end.
+  /// The current bucket, on which the iterator holds a reference; null at the end.
   const HashMap2018BucketHdr* bucket_ = nullptr;
   /// Slot within the bucket.
   unsigned index_ = 0;

@@ -37,13 +37,13 @@ struct UnsignedOf<8> {
   using Type = std::uint64_t;
 };
 
-/// The number that stands for a key of one number.
+/// The unsigned number that a single-number key converts to.
 template <class Key>
 using NumberOfKey = typename UnsignedOf<sizeof(Key)>::Type;
 
 }  // namespace Impl
 
-/// A key type that brings its own operations: `hash(seed)`, `isEq(a, b)` and `<=>`.
+/// A key type with its own operations: `hash(seed)`, `isEq(a, b)` and `<=>`.
 template <class Key>
 concept HashMap2018ComposedKey = requires(const Key& key, const void* untyped) {
   { key.hash(std::uint32_t{}) } -> std::same_as<std::uint32_t>;
@@ -52,8 +52,8 @@ concept HashMap2018ComposedKey = requires(const Key& key, const void* untyped) {
   { (key <=> key) < 0 } -> std::convertible_to<bool>;  // NOLINT(misc-redundant-expression)
 };
 
-/// A key type that is one number: an integer, an enumeration, or a class that converts to its
-/// number by a cast.
+/// A key type that is a single number: an integer, an enumeration, or a class with a cast to its
+/// number.
 template <class Key>
 concept HashMap2018NumberKey = !HashMap2018ComposedKey<Key> && requires(const Key& key) {
   static_cast<Impl::NumberOfKey<Key>>(key);
@@ -61,7 +61,7 @@ concept HashMap2018NumberKey = !HashMap2018ComposedKey<Key> && requires(const Ke
   { key < key } -> std::convertible_to<bool>;   // NOLINT(misc-redundant-expression)
 };
 
-/// What a map asks of its keys. `Lookup` is the type behind the untyped key of its operations.
+/// Operations of a map on its keys. `Lookup` is the type of the keys passed to look-ups.
 /// `kHashTellsKey`: different keys have different hashes.
 template <class Key>
 struct HashMap2018KeyTraits;
@@ -108,19 +108,19 @@ struct HashMap2018KeyTraits<Fenrik::String> {
   static bool less(const Lookup& a, const Fenrik::String& b) noexcept { return a < b.view(); }
 };
 
-/// Says that an object may be moved to another place as bytes, its old place being forgotten.
+/// Whether an object can be relocated by copying its bytes, without destroying the original.
 template <class T>
 inline constexpr bool kBytewiseMovable = std::is_trivially_copyable_v<T>;
 template <class T>
 inline constexpr bool kBytewiseMovable<Fenrik::Ptr<T>> = true;
 
-/// Where a map's buckets come from. There is one kind.
+/// Storage of a map's buckets. There is only one kind.
 enum class QUARNBASTIL_EXPORT HashMap2018Alloc : std::uint8_t { slab = 1 };
 
-/// Node of a map whose values carry their keys: `KeyFunktor()(value)` reads one. `seed` is the
-/// collection's constant.
+/// Node of a map whose values contain their keys: `KeyFunktor()(value)` returns the key. `seed` is
+/// the collection's hash salt.
 ///
-/// A collection's node type is a tag in the class that owns it, named after the attribute:
+/// A collection's node type is declared in the class that owns it, named after the attribute:
 ///
 ///     using HN_Lamp = Kiv::Hm2018NI<0x1d2c3b4a, LampKey, Fenrik::Ptr<Lamp>, LampKeyFunktor>;
 template <std::uint32_t seed, class KeyType, class ValueType, class KeyFunktorType,
@@ -141,7 +141,7 @@ class QUARNBASTIL_EXPORT Hm2018NI : public HashMap2018LinkNodeBase {
   decltype(auto) key() const { return KeyFunktor()(value_); }
   decltype(auto) fwkKey() const { return key(); }
 
-  /// Puts another value of the same key in the place of the present one, and that into `_value`.
+  /// Replaces the value by another one with the same key, and returns the previous one in `_value`.
   void fwkValueIs(Value& _value) {
     FENRIK_ASSERT_TEXT(HashMap2018KeyTraits<Key>::equal(HashMap2018KeyTraits<Key>::lookup(fwkKey()),
                                                         KeyFunktor()(_value)),
@@ -153,7 +153,7 @@ class QUARNBASTIL_EXPORT Hm2018NI : public HashMap2018LinkNodeBase {
   Value value_;
 };
 
-/// Node of a map whose keys stand beside the values.
+/// Node of a map that stores keys separately from the values.
 template <std::uint32_t seed, class KeyType, class ValueType,
           HashMap2018Alloc alloc = HashMap2018Alloc::slab>
 class QUARNBASTIL_EXPORT Hm2018NE : public HashMap2018LinkNodeBase {

@@ -15,7 +15,7 @@
 
 namespace Kiv::Impl {
 
-/// The operations of one collection on its nodes, as they stand in its `vt_`.
+/// Operations of one collection on its nodes, as stored in its `vt_`.
 template <class NodeType>
 struct QUARNBASTIL_EXPORT NodeOperations {
   using Node = NodeType;
@@ -31,7 +31,7 @@ struct QUARNBASTIL_EXPORT NodeOperations {
   static constexpr bool kHashTellsKey = Traits::kHashTellsKey;
   static constexpr bool kPlain = std::is_trivially_copyable_v<Node>;
 
-  /// Counts the slots of the collection's buckets; null until there was one.
+  /// Tracks the slots of the collection's buckets; null until the first one.
   inline static AllocTrackTypeInfo* slotTracker_ = nullptr;
 
   static const Node& typed(const Base* node) noexcept { return *static_cast<const Node*>(node); }
@@ -93,8 +93,8 @@ struct QUARNBASTIL_EXPORT NodeOperations {
     }
   }
 
-  /// Insert and delete in a bucket of usual capacity that begins at `words`. The word of the new
-  /// node and the header are the caller's to write.
+  /// Insertion and deletion in a bucket of default capacity that starts at `words`. The caller
+  /// writes the node's word and the header.
   [[gnu::always_inline]] static void insertUsual(std::uint32_t* words, unsigned size,
                                                  unsigned index, Node& node) noexcept {
     Node* const nodes = usualNodes(words);
@@ -116,7 +116,7 @@ struct QUARNBASTIL_EXPORT NodeOperations {
                                                 void* out) noexcept {
     Node* const nodes = usualNodes(words);
     if constexpr (kMovedWithWords) {
-      // Not moved from, which would store null: the wider loads of the next line would wait for it.
+      // Not a move, which would store null and delay the wider loads of the next line.
       std::memcpy(out, bytes(nodes + index), sizeof(Node));
       UsualSlots::close(words, index);
     } else {
@@ -160,7 +160,7 @@ struct QUARNBASTIL_EXPORT NodeOperations {
     }
   }
 
-  /// Leaves something at `gap` that may be swapped away.
+  /// Moves the nodes up by one. The slot at `gap` keeps a moved-from object that can be swapped.
   static void openSlot(Node* gap, Node* end) noexcept {
     ::new (end) Node(std::move(end[-1]));
     for (Node* slot = end - 1; slot != gap; --slot) *slot = std::move(slot[-1]);

@@ -9,7 +9,7 @@ namespace Kiv::Impl {
 #if defined(__x86_64__) && !defined(KIV_HASHMAP_PLAIN_WORDS)
 namespace {
 
-/// In a vector of 32 bytes.
+/// Elements per vector of 32 bytes.
 constexpr int kWords = 8;
 constexpr int kNodes = 4;
 
@@ -17,7 +17,7 @@ constexpr int kNodes = 4;
   return _mm256_loadu_si256(static_cast<const __m256i*>(from));
 }
 
-/// `from` where the lane's number, `first` and those that follow it, is above that of `gap`.
+/// Stores the lanes of `from` whose number is above `gap`; the first lane has the number `first`.
 template <class Element>
 [[gnu::target("avx2"), gnu::always_inline]] inline void replaceAbove(Element* to, __m256i from,
                                                                      int first,
@@ -35,7 +35,7 @@ template <class Element>
 
 [[gnu::target("avx2")]] void openWide(std::uint32_t* words, std::uint64_t* nodes,
                                       unsigned index) noexcept {
-  // Downwards: a vector is read before the one that is stored into it.
+  // From the top down: each vector is read before it is overwritten.
   const __m256i gap = _mm256_set1_epi64x(index);
   for (int i = 3; i > 0; --i) {
     replaceAbove(nodes + i * kNodes, load(nodes + i * kNodes - 1), i * kNodes, gap);

@@ -9,14 +9,14 @@
 #include "Kiv/HashMap2018Bucket.h"
 #include "Kiv/HashMap2018Words.h"
 
-/// Opening and closing a slot of a bucket of usual capacity without a branch on how much there is
-/// to move: everything is read, moved by one slot or not as a mask says, and written back. The
-/// number of slots behind a random index is as random, and a copy of just those was measured to
-/// mispredict its length twice for each change.
+/// Opens and closes a slot of a bucket of default capacity without a branch on the number of
+/// elements to move: all elements are read, moved by one slot or kept as a mask says, and written
+/// back. The number of elements after a random index is random, and copying exactly those was
+/// measured to mispredict twice per change.
 ///
-/// Sixteen elements are moved. Of words the last one is the header, which the caller writes anew;
-/// of nodes of eight bytes it is the rest of the bucket's last cache line. What is in empty slots
-/// does not matter.
+/// Sixteen elements are moved. The last word is the header, which the caller rewrites; the last
+/// eight-byte node is the rest of the bucket's last cache line. The content of empty slots is
+/// irrelevant.
 namespace Kiv::Impl {
 
 inline constexpr unsigned kUsualCapacity = HashMap2018BucketLink::kUsualCapacity;
@@ -24,8 +24,8 @@ static_assert(kUsualCapacity + 1 == kWordsPerStep);
 
 #if defined(__SSE2__) && !defined(KIV_HASHMAP_PLAIN_WORDS)
 
-/// Sixteen lanes of zeros, then of ones, of the width of `Element`: what lies 16 - n lanes from the
-/// start is a mask of the lanes from n on.
+/// Sixteen lanes of zeros followed by sixteen of ones, of the width of `Element`: loading from lane
+/// 16 - n yields a mask of the lanes from n on.
 template <class Element>
 struct LaneMasks {
   alignas(16) Element lanes[32];
@@ -36,14 +36,14 @@ struct LaneMasks {
 template <class Element>
 inline constexpr LaneMasks<Element> kLaneMasks;
 
-/// `from` where the mask is set, `*to` elsewhere, goes to `*to`.
+/// Stores `from` to `*to` where the mask is set, and leaves the rest.
 [[gnu::always_inline]] inline void replaceLanes(__m128i* to, __m128i from,
                                                 const void* mask) noexcept {
   const __m128i lanes = _mm_loadu_si128(static_cast<const __m128i*>(mask));
   *to = _mm_xor_si128(_mm_and_si128(_mm_xor_si128(from, *to), lanes), *to);
 }
 
-/// Calls `step` with the constants 0 to `count` - 1: a loop that the compiler surely unrolls.
+/// Calls `step` with the constants 0 to `count` - 1: a loop that is certain to be unrolled.
 template <int count, class Step>
 [[gnu::always_inline]] inline void unrolled(Step step) noexcept {
   [&]<int... i>(std::integer_sequence<int, i...>) __attribute__((always_inline)) {
@@ -52,7 +52,8 @@ template <int count, class Step>
   (std::make_integer_sequence<int, count>());
 }
 
-/// Moves the 16 elements of `Element`, four or eight bytes wide, from `index` on up by one.
+/// Moves the elements from `index` on up by one. `Element` is four or eight bytes wide; there are
+/// 16.
 template <class Element>
 [[gnu::always_inline]] inline void openElement(void* elements, unsigned index) noexcept {
   constexpr int perVector = 16 / sizeof(Element);
@@ -69,7 +70,7 @@ template <class Element>
   });
 }
 
-/// Moves those behind `index` down by one. What becomes the last one is not told.
+/// Moves the elements after `index` down by one. The last one is undefined afterwards.
 template <class Element>
 [[gnu::always_inline]] inline void closeElement(void* elements, unsigned index) noexcept {
   constexpr int perVector = 16 / sizeof(Element);
@@ -103,18 +104,17 @@ inline void closeElement(void* elements, unsigned index) noexcept {
 
 #endif
 
-/// Words and nodes at once, for the nodes of eight bytes that most maps have.
+/// Moves words and nodes together, for nodes of eight bytes, which most maps have.
 ///
-/// By vectors of 32 bytes where the processor has them: of an erase and an insert a third of the
-/// time was saved, which is why they are worth a call that is not inlined. By vectors of 64 bytes
-/// it was no faster.
+/// Uses vectors of 32 bytes if the processor supports them: this saved a third of the time of an
+/// erase and an insert, and outweighs the call. Vectors of 64 bytes were not faster.
 struct QUARNBASTIL_EXPORT UsualSlots {
-  /// Makes room for a slot at `index` of the bucket that begins at `words`.
+  /// Opens a slot at `index` of the bucket that starts at `words`.
   static void open(std::uint32_t* words, unsigned index) noexcept;
-  /// Moves what is behind the slot at `index` over it.
+  /// Closes the slot at `index`.
   static void close(std::uint32_t* words, unsigned index) noexcept;
 
-  /// Whether the processor has such vectors. A test may clear it: both ways do the same.
+  /// Whether the processor supports such vectors. Tests may clear it; the results are the same.
   static bool wide_;
 };
 

@@ -12,15 +12,15 @@ AllocTrackTypeInfo* HashMap2018BucketHdr::bucketHeaderTracker_ = nullptr;
 
 namespace {
 
-/// References beyond those that a bucket's word can count, by bucket. Eight iterators in one bucket
-/// are rare enough for a lock and a lookup.
+/// References beyond those that a bucket's word can count, by bucket. More than seven in one bucket
+/// are rare enough for a lock and a look-up.
 struct Surplus {
   std::mutex mutex;
   std::unordered_map<const HashMap2018BucketHdr*, unsigned> references;
 };
 
 Surplus& surplus() {
-  // Never destroyed: iterators of static storage may outlive every other static object.
+  // Never destroyed: static iterators may outlive every other static object.
   static Surplus& all = *new Surplus;
   return all;
 }

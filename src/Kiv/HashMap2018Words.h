@@ -7,12 +7,12 @@
 #include <emmintrin.h>
 #endif
 
-/// Searches in the per-slot words of a map's bucket, sixteen words at a time. The words of the
-/// occupied slots come first and rise; what follows them up to the next multiple of sixteen is
-/// readable and does not matter. The words begin at a multiple of 16 bytes.
+/// Searches the per-slot words of a bucket, sixteen at a time. The words of the occupied slots come
+/// first, in ascending order; the words after them, up to the next multiple of sixteen, are
+/// readable and ignored. The words are aligned to 16 bytes.
 ///
-/// Sixteen words in one unconditional step were measured against a loop over four at a time: the
-/// loop's count differs from bucket to bucket, and its end is mispredicted.
+/// One unconditional step of sixteen words was measured to be faster than a loop over four at a
+/// time, whose varying count is mispredicted.
 namespace Kiv::Impl {
 
 inline constexpr unsigned kWordsPerStep = 16;
@@ -43,7 +43,7 @@ inline unsigned equalWords(const std::uint32_t* words, std::uint32_t hash) noexc
 
 /// Bit i: word i is less than `hash`.
 inline unsigned lesserWords(const std::uint32_t* words, std::uint32_t hash) noexcept {
-  // The comparison is one of signed numbers: both sides move down by half the range.
+  // The comparison is signed, so both sides are offset by half the range.
   const __m128i half = _mm_set1_epi32(static_cast<int>(0x80000000u));
   const __m128i wanted = _mm_xor_si128(_mm_set1_epi32(static_cast<int>(hash)), half);
   return maskOfStep(
@@ -66,8 +66,8 @@ inline unsigned lesserWords(const std::uint32_t* words, std::uint32_t hash) noex
 
 #endif
 
-/// The first of `size` slots whose word equals `hash` and of whose index `accept` approves; `size`
-/// if there is none.
+/// The first of `size` slots whose word equals `hash` and whose index `accept` approves; `size` if
+/// there is none.
 template <class Accept>
 [[gnu::always_inline]] inline unsigned findWord(const std::uint32_t* words, unsigned size,
                                                 std::uint32_t hash, Accept accept) {
@@ -82,7 +82,7 @@ template <class Accept>
   return size;
 }
 
-/// How many of the `size` rising words are less than `hash`.
+/// The number of words, out of `size` ascending ones, that are less than `hash`.
 inline unsigned countLesserWords(const std::uint32_t* words, unsigned size,
                                  std::uint32_t hash) noexcept {
   for (unsigned base = 0; base < size; base += kWordsPerStep) {
@@ -93,7 +93,7 @@ inline unsigned countLesserWords(const std::uint32_t* words, unsigned size,
   return size;
 }
 
-/// The same where `size` is below a step's.
+/// As above. REQUIRES: `size` is less than a step's.
 [[gnu::always_inline]] inline unsigned countLesserUsual(const std::uint32_t* words, unsigned size,
                                                         std::uint32_t hash) noexcept {
   const unsigned others = ~lesserWords(words, hash) | 1u << size;

@@ -29,8 +29,8 @@ bool sameValue(const T& a, const T& b) {
   }
 }
 
-/// The mutators of a keyed attribute, apart from their names: change, then announce, and only what
-/// differs. `Owner` is the class that declares the attribute.
+/// Mutators of a keyed attribute: they change the map, then announce the change, and do neither if
+/// nothing differs. `Owner` is the class that declares the attribute.
 template <class Owner, class Map>
 class KeyedMutator {
  public:
@@ -52,7 +52,7 @@ class KeyedMutator {
     insertOrReplace(key, value, [&] { return Node(value); });
   }
 
-  /// For a map of pointers a null value means that the member goes.
+  /// In a map of pointers, a null value deletes the member.
   void valueIs(const Key& key, const Value& value) const requires(!Node::kInternalKey) {
     if constexpr (kIsPtr<Value>) {
       if (value == nullptr) {
@@ -63,7 +63,7 @@ class KeyedMutator {
     insertOrReplace(key, value, [&] { return Node(key, value); });
   }
 
-  /// The value that the member had, a default one if there was none.
+  /// Deletes a member and returns its value, or a default one if there was none.
   Value valueDel(const Key& key) const {
     if (map_.memberCount() == 0) return Value();
     std::optional<Node> deleted = map_.memberDel(key);
@@ -72,7 +72,7 @@ class KeyedMutator {
     return deleted->valueMoved();
   }
 
-  /// All at once while nobody listens, otherwise one after the other.
+  /// Deletes all members at once; one by one if there is a subscriber.
   void valueDelAll() const {
     if (!publisher_.hasSubscriber()) {
       map_.memberDelAll();
@@ -88,15 +88,15 @@ class KeyedMutator {
     if (present == nullptr) {
       publishNode(key);
     } else if (!sameValue(present->value(), value)) {
-      // The old value goes with `other`, after the announcement.
+      // Destroys the old value only after the announcement.
       Value other = value;
       map_.nodeForChange(key)->fwkValueIs(other);
       publishNode(key);
     }
   }
 
-  /// Of the member as it is now: a subscriber may change it again, or delete it, before the next
-  /// one is told.
+  /// Announces a copy of the current member, since a subscriber may change or delete the member
+  /// before the next one is notified.
   void publishNode(const Key& key) const {
     if (!publisher_.hasSubscriber()) return;
     const Key toldKey = key;
@@ -113,7 +113,7 @@ class KeyedMutator {
   Map& map_;
 };
 
-/// The member's value, a default one if the key is absent.
+/// The member's value, or a default one if the key is absent.
 template <class Map, class Key>
 typename Map::Node::Value keyedValue(const Map& map, const Key& key) {
   const auto* const node = map[key];
@@ -128,9 +128,9 @@ std::optional<typename Map::Node::Value> keyedValueGet(const Map& map, const Key
 
 }  // namespace Kiv::Impl
 
-/// One line declares one keyed attribute: its row in the class's attribute table, its map `name_`
+/// Each line declares one keyed attribute: its row in the class's attribute table, its map `name_`
 /// and its operations. The last argument is the node type. The class derives from
-/// `Fenrik::Publishing`. The lines leave the access at `private`.
+/// `Fenrik::Publishing`. Access is `private` after the line.
 ///
 ///     KIV_KEYED(kFieldBase + 3, lamp, HN_Lamp);           // values that carry their keys
 ///       lamp(key)                 the value; a default one (null) if the key is absent
@@ -142,8 +142,8 @@ std::optional<typename Map::Node::Value> keyedValueGet(const Map& map, const Key
 ///       powerIs(key, value)
 ///       powerGet(key)             the value if there is one
 ///
-/// A mutator announces what it changed, and only that, under the attribute's number, with the key
-/// and the node as it is then; for a member that is gone the node is null. A null pointer raises
+/// A mutator announces a change, if there is one, under the attribute's number, with the key and
+/// the current node, which is null for a deleted member. A null pointer throws
 /// `Fenrik::MutatorArgNullPointerException` in `lampIs`, and deletes the member in `powerIs`.
 #define KIV_KEYED(number, name, ...)                             \
   KIV_KEYED_COMMON(number, name, __VA_ARGS__)                    \

@@ -16,7 +16,7 @@
 namespace Kiv {
 namespace {
 
-/// Keeps a write to a pipe without a reader from ending the process.
+/// Prevents a write to a pipe without a reader from raising SIGPIPE.
 class PipeSignalHeld {
  public:
   PipeSignalHeld() noexcept {
@@ -44,18 +44,19 @@ class PipeSignalHeld {
   bool raised_ = false;
 };
 
-/// Writes the last `count` digits of `number`.
+/// Writes the last `count` decimal digits of `number`.
 void digitsPut(char* text, int count, long long number) noexcept {
   for (char* at = text + count; at != text; number /= 10) {
     *--at = static_cast<char>('0' + number % 10);
   }
 }
 
-/// What a pipe takes at once when it has room at all.
+/// A pipe with any room accepts this many bytes at once.
 constexpr std::size_t kPieceBytes = PIPE_BUF;
 
-/// Writes without waiting, also where the descriptor would: its flags are shared with others and
-/// are not ours to change. What cannot be asked for that is asked for room first.
+/// Writes without blocking, even if the descriptor is in blocking mode: its flags are shared with
+/// other users and must not be changed. If the kernel does not support that for the file, polls for
+/// room first.
 ssize_t writeAtOnce(int fd, std::string_view piece) noexcept {
   iovec part{const_cast<char*>(piece.data()), piece.size()};
   const ssize_t written = ::pwritev2(fd, &part, 1, -1, RWF_NOWAIT);
@@ -68,7 +69,7 @@ ssize_t writeAtOnce(int fd, std::string_view piece) noexcept {
   return ::write(fd, piece.data(), piece.size());
 }
 
-/// False when there is none and the patience is at its end.
+/// False if there is no room within the patience.
 bool waitForRoom(int fd, std::chrono::nanoseconds& patience) noexcept {
   using Clock = std::chrono::steady_clock;
   if (patience <= patience.zero()) return false;
@@ -97,19 +98,20 @@ bool writeAll(int fd, std::string_view& line, std::chrono::nanoseconds& patience
   return true;
 }
 
-/// The length of the control character that `text` begins with, 0 if it begins with another one.
+/// Length of the control character at the start of `text`, or 0 if there is none.
 std::size_t controlAt(std::string_view text) noexcept {
   const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
   if (byte(0) < ' ' || byte(0) == 0x7f) return 1;
-  // U+0080 to U+009F, which some terminals obey.
+  // U+0080 to U+009F, which some terminals interpret.
   return byte(0) == 0xc2 && text.size() > 1 && byte(1) >= 0x80 && byte(1) <= 0x9f ? 2 : 0;
 }
 
-/// Recursive, for a callback of one channel that uses another.
+/// Recursive, because a callback of one channel may use another.
 constinit pthread_mutex_t deliveryMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
 void deliveryForgotten() {
-  // Its owner is known by a thread's number, and the child's is another one: it cannot unlock.
+  // The mutex records its owner by thread id, which differs in the child, so the child cannot
+  // unlock it.
   deliveryMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 }
 
@@ -172,7 +174,7 @@ bool LineOutput::write(std::string_view line) noexcept {
   return false;
 }
 
-/// In one piece: a pipe may have room for the short line again and again, and none for the other.
+/// One piece: otherwise a pipe might accept the short line repeatedly and never the following one.
 bool LineOutput::putBehindLoss(std::string_view line) noexcept {
   return put(fmt::format("{}{} {} lines were lost here: nobody took them\n{}", torn_ ? "\n" : "",
                          TimeText(std::chrono::system_clock::now()).view(), untold_, line));

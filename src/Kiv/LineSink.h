@@ -12,22 +12,22 @@
 
 namespace Kiv {
 
-/// Writes all of `line` to the descriptor, in one write(2) unless the system takes less. Waits at
-/// most as long as `patience` for a descriptor that is full, and takes what it waited off it.
-/// Survives a reader that is gone, leaves errno alone. False when not all of it was taken; `line`
-/// is what is left then.
+/// Writes all of `line` to the descriptor, by one write(2) unless the system accepts less. Waits
+/// for a full descriptor for at most `patience`, from which it subtracts the time waited. Does not
+/// raise SIGPIPE and does not change errno. Returns false if the line was not written completely;
+/// `line` is then the rest.
 bool lineWrite(int fd, std::string_view& line, std::chrono::nanoseconds& patience) noexcept;
 
-/// The same for a message before the end, with a patience of one second.
+/// As above for a last message before termination, with a patience of one second.
 void lastLineWrite(int fd, std::string_view line) noexcept;
 
-/// Whether the text has a control character in it: one that moves a terminal's cursor, changes its
-/// state or ends a line. Text is UTF-8.
+/// Whether the UTF-8 text contains a control character, which could move a terminal's cursor,
+/// change its state or end a line.
 bool hasControls(std::string_view text) noexcept;
-/// The text with its control characters as "\n" and "\x1b".
+/// The text with control characters escaped as "\n" and "\x1b".
 std::string withoutControls(std::string_view text);
 
-/// "2026-11-22T21:15:09.123456Z" in a buffer of the caller.
+/// A time as "2026-11-22T21:15:09.123456Z", in a buffer of the object.
 class TimeText {
  public:
   explicit TimeText(std::chrono::system_clock::time_point time) noexcept;
@@ -37,17 +37,18 @@ class TimeText {
   char text_[28] = "YYYY-MM-DDThh:mm:ss.uuuuuuZ";
 };
 
-/// A descriptor for lines. It may be a pipe that nobody reads: the threads that write to it wait
-/// for it no longer than `kPatience` in any second, all together. What comes meanwhile is lost, and
-/// the next line that is taken is preceded by one that tells how many were.
+/// Writes lines to a descriptor, which may be a pipe without a reader: all threads together wait
+/// for it at most `kPatience` per second. Lines that cannot be written meanwhile are lost; the next
+/// line written is preceded by one that gives their number.
 class LineOutput {
  public:
   static constexpr std::chrono::milliseconds kPatience{4};
-  /// A descriptor that took nothing is tried this seldom: a try is a system call.
+  /// Interval between attempts to write to a blocked descriptor, since each attempt is a system
+  /// call.
   static constexpr std::chrono::milliseconds kTryAfter{1};
 
   void fdIs(int fd) noexcept;
-  /// False when the line was lost.
+  /// False if the line was lost.
   bool write(std::string_view line) noexcept;
 
  private:
@@ -56,21 +57,21 @@ class LineOutput {
   bool put(std::string_view line) noexcept;
   bool putBehindLoss(std::string_view line) noexcept;
 
-  /// Where lines go; the caller's.
+  /// The caller's descriptor.
   int fd_ = 2;
-  /// The last line was cut.
+  /// Whether the last line was written incompletely.
   bool torn_ = false;
-  /// Lines lost since one was taken.
+  /// Lines lost since the last one that was written.
   std::uint64_t untold_ = 0;
-  /// What is left of it, and when there is all of it again.
+  /// The remaining patience, and the time at which it is renewed.
   std::chrono::nanoseconds patience_ = kPatience;
   Clock::time_point patienceAgain_{};
-  /// No write is tried before, once one has failed.
+  /// Time before which no write is attempted, after one has failed.
   Clock::time_point tryAgain_{};
 };
 
-/// Held while a line is delivered and while a sink is replaced, over all channels: a callback may
-/// use another channel. A fork waits for it.
+/// Held, for all channels together, while a line is delivered or a sink is replaced. Recursive,
+/// because a callback may use another channel. A fork waits for it.
 class DeliveryLock {
  public:
   DeliveryLock() noexcept;
@@ -79,12 +80,12 @@ class DeliveryLock {
   ~DeliveryLock();
 };
 
-/// Where the lines of one channel go: a callback, or a file descriptor.
+/// Destination of the lines of one channel: a callback or a file descriptor.
 ///
-/// Any thread.
-/// I1. One line is delivered at a time, so lines do not mix.
-/// I2. After a sink was replaced the former one is no longer called.
-/// I3. A delivery within a delivery of the same channel is refused: its callback would recurse.
+/// Threads: any.
+/// I1. Lines are delivered one at a time, so they do not mix.
+/// I2. A sink is not called after it has been replaced.
+/// I3. A delivery within a delivery of the same channel is dropped; its callback would recurse.
 template <class Line>
 class LineSink {
  public:
@@ -93,7 +94,7 @@ class LineSink {
   void fdIs(int fd) { targetIs(fd, nullptr); }
   void callbackIs(Callback callback) { targetIs(-1, std::move(callback)); }
 
-  /// `line.rendered` goes to the descriptor, `line` to the callback.
+  /// Passes `line.rendered` to the descriptor or `line` to the callback.
   void deliver(const Line& line) {
     if (delivering_) {
       lost_.fetch_add(1, std::memory_order_relaxed);
@@ -118,16 +119,16 @@ class LineSink {
       output_.fdIs(fd);
       callback_.swap(callback);
     }
-    // The former callback goes here, outside the lock: its destructor may trace.
+    // The previous callback is destroyed outside the lock: its destructor may trace.
   }
 
-  /// This thread is within a delivery of this channel.
+  /// Whether this thread is delivering a line of this channel.
   inline static thread_local bool delivering_ = false;
 
   LineOutput output_;
-  /// Used instead of `output_` when it is set.
+  /// If set, used instead of `output_`.
   Callback callback_;
-  /// Lines that were not delivered.
+  /// Lines not delivered.
   std::atomic<std::uint64_t> lost_{0};
 };
 

@@ -27,7 +27,7 @@ std::string_view severityName(std::uintptr_t severity) {
   return severity < kSeverityNames.size() ? kSeverityNames[severity] : "?";
 }
 
-/// The format with every "%s" replaced and "%%" halved; what else has a percent sign stays.
+/// The format with "%s" replaced by `text` and "%%" by "%"; other percent signs are unchanged.
 std::string messageOf(std::string_view format, std::string_view text) {
   std::string message;
   for (std::size_t at = 0; at < format.size(); ++at) {
@@ -41,10 +41,10 @@ std::string messageOf(std::string_view format, std::string_view text) {
   return message;
 }
 
-/// Held over the counting of a message. One for all handles: messages are few, and a fork takes it.
+/// Held while a message is counted. Shared by all handles: messages are rare, and a fork locks it.
 constinit std::mutex gateMutex;
 
-/// Never destroyed, for messages at exit.
+/// Never destroyed, so that messages can be logged at exit.
 LineSink<LogMessage>& sink() {
   static auto* const sink = new LineSink<LogMessage>;
   return *sink;
@@ -77,7 +77,7 @@ class LogHandle::Gate {
 
   struct Verdict {
     bool passes;
-    /// Messages held back before this one.
+    /// Messages suppressed before this one.
     unsigned long held;
   };
 
@@ -103,7 +103,8 @@ class LogHandle::Gate {
   }
 
   Fenrik::Duration lengthAfter(unsigned steps) const {
-    // Thirty years: longer than any process, and now plus so much still fits the clock.
+    // Thirty years: longer than any process runs, and added to the current time it still fits the
+    // clock.
     constexpr double kLongest = 1e18;
     auto length = static_cast<double>(firstLength_.count());
     for (unsigned step = 0; step < steps && length < kLongest; ++step) length *= growth_;

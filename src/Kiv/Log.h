@@ -11,16 +11,16 @@
 
 namespace Kiv {
 
-/// What an operator is told of one kind of event: six words, found by tools in the section
-/// ".corvane_logmsg" of the program without running it.
+/// Description of one kind of event for operators: six words, which tools find in the program's
+/// section ".corvane_logmsg" without running it.
 struct LogDescriptor {
   const char* mnemonic;
-  /// The message; "%s" is where the text of an occurrence goes, "%%" a percent sign.
+  /// The message; "%s" is replaced by the text of an occurrence, "%%" by a percent sign.
   const char* format;
   const char* explanation;
-  /// `kLogNoAction` when there is nothing that an operator could do.
+  /// `kLogNoAction` if there is nothing that an operator can do.
   const char* recommendedAction;
-  /// As syslog counts: 0 emergency to 7 debug; 3 is an error.
+  /// Severity as in syslog: 0 emergency to 7 debug; 3 is an error.
   std::uintptr_t severity;
   std::uintptr_t end = 0;
 };
@@ -29,18 +29,18 @@ static_assert(sizeof(LogDescriptor) == 6 * sizeof(void*));
 inline constexpr char kLogNoAction[] = "\x01";
 inline constexpr std::uintptr_t kLogSeverityError = 3;
 
-/// All descriptors that lie in the sections of the program and its libraries, read from the files
-/// that are loaded. A file that cannot be read is left out.
+/// All descriptors in the sections of the program and its libraries, read from the loaded files.
+/// Unreadable files are omitted.
 QUARNBASTIL_EXPORT std::vector<const LogDescriptor*> logDescriptors();
 
-/// Raises the messages of one descriptor, and holds them back when there are too many.
+/// Logs the messages of one descriptor, suppressing them if there are too many.
 ///
-/// Any thread may log through one handle.
-/// I1. With a zero interval nothing is held back.
-/// I2. Otherwise at most `burst` messages (one, if zero) pass in an interval. The first message
-///     afterwards tells how many were held back.
-/// I3. An interval in which messages were held back is followed by one that is `growth` times as
-///     long, up to `growthLimit` times in a row; a calm interval brings back the first length.
+/// Threads: any number may log through one handle.
+/// I1. With a zero interval nothing is suppressed.
+/// I2. Otherwise at most `burst` messages (one, if zero) pass per interval. The first message
+///     afterwards gives the number suppressed.
+/// I3. An interval with suppressed messages is followed by one that is `growth` times as long, at
+///     most `growthLimit` times in a row. An interval without them restores the initial length.
 class QUARNBASTIL_EXPORT LogHandle {
  public:
   LogHandle(const LogDescriptor* descriptor, Fenrik::Duration interval, double growth,
@@ -57,53 +57,52 @@ class QUARNBASTIL_EXPORT LogHandle {
 
   /// The message and its severity.
   const LogDescriptor* descriptor_;
-  /// Null when nothing is ever held back.
+  /// Null if nothing is ever suppressed.
   Gate* gate_;
 };
 
-/// Emits the descriptor's message with `text` in the place of its "%s". Neither the format nor the
-/// text is ever taken for a printf format. Nothing is told to the caller if it cannot be delivered.
+/// Logs the descriptor's message with `text` in place of its "%s". Neither is interpreted as a
+/// printf format. Failures of delivery are not reported to the caller.
 QUARNBASTIL_EXPORT void log(LogHandle& handle, const Fenrik::String& text) noexcept;
 
-/// One message for the operator, as a sink gets it. The views hold during the call only.
+/// One message for operators, as passed to a sink. The views are valid during the call only.
 struct LogMessage {
   const LogDescriptor& descriptor;
-  /// The message with its text. Control characters stand escaped in it: it is one line, whatever
-  /// the text was.
+  /// The message with its text, in one line: control characters are escaped.
   std::string_view text;
   /// "2026-11-22T21:15:09.123456Z error HW_ABSTRACTION_ERROR: text" and a line feed.
   std::string_view rendered;
 };
 
-/// Where the operator's messages go. The default is the standard error output, which every
-/// supervisor keeps; an agent that has a system log says so once.
+/// Destination of the operator messages. The default is standard error; an agent with a system log
+/// selects it once.
 ///
-/// Any thread, at any time, but not from within a sink (asserted). What was set before is no longer
-/// called when the call returns.
+/// Threads: any, at any time, but not from within a sink (asserted). The previous sink is not
+/// called after the call has returned.
 class QUARNBASTIL_EXPORT LogControl {
  public:
   using Sink = std::function<void(const LogMessage&)>;
 
   static void sinkIsStderr();
-  /// Each message goes to syslog(3) as "MNEMONIC: text" with the descriptor's severity.
+  /// Passes each message to syslog(3) as "MNEMONIC: text", with the descriptor's severity.
   static void sinkIsSyslog();
-  /// One write(2) for a message; the descriptor stays the caller's.
+  /// Writes each message by one write(2). The caller keeps ownership of the descriptor.
   static void sinkIs(int fd);
   static void sinkIs(Sink callback);
 };
 
 }  // namespace Kiv
 
-// Under the address sanitizer clang puts room between the variables of any section, g++ does not.
+// With the address sanitizer clang pads variables in any section; g++ does not.
 #ifdef __clang__
 #define KIV_LOG_UNPADDED [[clang::no_sanitize("address")]]
 #else
 #define KIV_LOG_UNPADDED
 #endif
 
-/// Defines a descriptor in the section of descriptors:
+/// Defines a descriptor in its section:
 /// `KIV_LOG_DESCRIPTOR(kLoadError, "HW_...", "unable to load: %s", "...", Kiv::kLogNoAction, 3);`
-/// The alignment keeps the compiler from spacing the records out.
+/// The alignment prevents the compiler from padding between the records.
 #define KIV_LOG_DESCRIPTOR(variable, mnemonic, format, explanation, action, severity) \
   KIV_LOG_UNPADDED                                                                    \
   [[gnu::section(".corvane_logmsg"), gnu::used]] alignas(void*)                       \

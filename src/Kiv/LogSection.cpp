@@ -9,8 +9,8 @@
 
 #include "Kiv/Log.h"
 
-// The section's name is no C identifier, so the linker gives no symbols for its ends; the section
-// table of the loaded file tells them.
+// The section's name is not a C identifier, so the linker defines no symbols for its bounds; they
+// are read from the section table of the loaded file.
 
 namespace Kiv {
 namespace {
@@ -25,7 +25,7 @@ std::vector<T> readTable(std::ifstream& file, std::uint64_t offset, std::size_t 
   return file ? table : std::vector<T>();
 }
 
-/// Whether the file is the one that was loaded, and not one put in its place since.
+/// Whether the file is the one that was loaded, not a later replacement.
 bool sameSegments(std::ifstream& file, const ElfW(Ehdr) & head, const dl_phdr_info& object) {
   if (head.e_phnum != object.dlpi_phnum) return false;
   const auto segments = readTable<ElfW(Phdr)>(file, head.e_phoff, head.e_phnum);
@@ -41,7 +41,7 @@ bool lies(const ElfW(Shdr) & section, const dl_phdr_info& object) {
       });
 }
 
-/// The place of the section in the object's file; size 0 when it has none.
+/// The section's position in the object's file; size 0 if the object has none.
 ElfW(Shdr) sectionOf(const dl_phdr_info& object) {
   const char* const name = object.dlpi_name;
   std::ifstream file(*name != '\0' ? name : "/proc/self/exe", std::ios::binary);
@@ -68,7 +68,7 @@ int gather(dl_phdr_info* object, std::size_t, void* into) {
   const auto end = begin + section.sh_size;
   for (auto at = begin; at + sizeof(LogDescriptor) <= end;) {
     const auto* const descriptor = reinterpret_cast<const LogDescriptor*>(at);
-    // A linker may leave room between the parts of two sources.
+    // The linker may leave a gap between the parts of two sources.
     if (descriptor->mnemonic == nullptr) {
       at += sizeof(void*);
       continue;

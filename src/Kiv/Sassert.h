@@ -10,11 +10,11 @@
 
 namespace Kiv {
 
-/// Gathers the message of an assertion that is about to fail and prints it when destroyed: one line
-/// on the standard error output, in one write.
+/// Collects the message of a failing assertion and prints it at destruction: one line on standard
+/// error, by one write.
 class QUARNBASTIL_EXPORT SassertHelper {
  public:
-  /// `expression` is the text of the condition; it outlives the helper.
+  /// `expression` is the text of the condition and outlives the helper.
   explicit SassertHelper(const char* expression);
   SassertHelper(const SassertHelper&) = delete;
   SassertHelper& operator=(const SassertHelper&) = delete;
@@ -22,7 +22,7 @@ class QUARNBASTIL_EXPORT SassertHelper {
 
   std::ostream& stream() noexcept { return stream_; }
 
-  /// Streams what an output stream takes, and what only fmt can format.
+  /// Accepts values that can be streamed, and values that only fmt can format.
   template <class T>
   SassertHelper& operator<<(const T& value) {
     if constexpr (requires { stream_ << value; }) {
@@ -34,7 +34,7 @@ class QUARNBASTIL_EXPORT SassertHelper {
   }
 
  private:
-  /// Text of the condition that failed.
+  /// Text of the failed condition.
   const char* expression_;
   /// Collects the message.
   std::ostringstream stream_;
@@ -42,20 +42,19 @@ class QUARNBASTIL_EXPORT SassertHelper {
 
 namespace Impl {
 
-/// Ends the process through `__assert_fail` on the expression in quotation marks, those inside it
-/// escaped, followed by " == nullptr".
+/// Aborts through `__assert_fail`, whose text is the expression in quotation marks (quotes within
+/// it escaped), followed by " == nullptr".
 [[noreturn]] QUARNBASTIL_EXPORT void sassertFail(const char* expression, const char* file,
                                                  unsigned line, const char* function) noexcept;
 
 }  // namespace Impl
 }  // namespace Kiv
 
-/// Asserts a condition whose failure needs words:
-/// `KIV_SASSERT(has(unitId), "unit " << unitId << " is not there")`. The message is evaluated and
-/// printed first, then the process ends.
+/// Asserts a condition with an explanation: `KIV_SASSERT(has(unitId), "unit " << unitId << " is not
+/// there")`. The message is evaluated and printed, then the process aborts.
 #define KIV_SASSERT(condition, message) KIV_SASSERT_TEXT(condition, #condition, message)
 
-/// The same with the text of the condition given.
+/// As above, with the condition's text given.
 #define KIV_SASSERT_TEXT(condition, text, message)                            \
   do {                                                                        \
     if (__builtin_expect(!(condition), 0)) {                                  \

@@ -10,16 +10,16 @@
 
 namespace KivFenrik::Impl {
 
-/// The text form of a value, given by its type: what the class's `textAppend` writes. A class
-/// without one is told by its name alone, a type that names no class as "?".
+/// Text form of a value of the given type, as written by the class's `textAppend`. A class without
+/// text form yields its name, an invalid type "?".
 QUARNBASTIL_EXPORT Fenrik::String valueToStrep(Kiv::KivType type, const void* value);
 
 }  // namespace KivFenrik::Impl
 
 namespace Kiv {
 
-/// A value type with a text form, which traces print with the format specifications of text and
-/// inspection shows; nothing else needs to be declared:
+/// A value type with a text form, used by traces, which accept string format specifications, and by
+/// inspection. Nothing else has to be declared:
 ///
 ///     class TableVersion {
 ///      public:
@@ -28,7 +28,7 @@ namespace Kiv {
 ///     };
 ///     struct ValueTypesModule : Kiv::Module<"ValueTypes", TableVersion, ...> {};
 ///
-/// An exception of the text form ends the process.
+/// An exception while formatting terminates the process.
 template <class T>
 concept TextValue =
     !std::is_base_of_v<Fenrik::Node, T> && requires(const T& value, std::string& text) {
@@ -47,7 +47,7 @@ struct fmt::formatter<T> : Fenrik::TextFormatter {
   }
 };
 
-/// A counted pointer prints as the raw pointer.
+/// Formats a counted pointer as its address.
 template <class T>
 struct fmt::formatter<Fenrik::Ptr<T>> : fmt::formatter<const void*> {
   auto format(const Fenrik::Ptr<T>& ptr, fmt::format_context& context) const {

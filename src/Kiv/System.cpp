@@ -4,7 +4,7 @@
 
 namespace Kiv {
 
-/// The coarse clock: every commit asks, and nobody needs more than milliseconds.
+/// The coarse clock: it is read at every commit, and milliseconds suffice.
 double System::currentTimeUtc() noexcept {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME_COARSE, &now);

@@ -4,7 +4,7 @@
 
 namespace Kiv {
 
-/// What the system asks of the machine's clock.
+/// Access to the machine's clock.
 class QUARNBASTIL_EXPORT System {
  public:
   /// Seconds since 1970-01-01 00:00 UTC.

@@ -13,8 +13,8 @@
 namespace Fenrik {
 namespace Impl {
 
-/// Renders one message and hands it to the handle's sink. An exception of a formatter ends the
-/// process through `std::terminate`.
+/// Formats a message and passes it to the handle's sink. An exception of a formatter terminates the
+/// process.
 template <class Handle>
 void vfmtrace(const Handle& handle, unsigned short level, const char* prefix, const char* file,
               const char* function, int line, std::string_view format,
@@ -29,8 +29,8 @@ QUARNBASTIL_EXPORT void vfmtrace<Kiv::TraceHandle>(const Kiv::TraceHandle& handl
 
 }  // namespace Impl
 
-/// Traces a message, whether or not the level is on: the test belongs to the site. Out of line,
-/// once for each list of arguments, so that a site stays small.
+/// Traces a message without testing the level, which is the site's task. Not inlined, and
+/// instantiated once per list of argument types, to keep sites small.
 template <class Handle, class... Args>
 [[gnu::noinline, gnu::cold]] void fmtrace(const Handle& handle, unsigned short level,
                                           const char* file, const char* function, int line,
@@ -46,8 +46,8 @@ namespace Kiv::Impl {
 
 consteval bool traceLevelValid(long long level) { return level >= 0 && level < kTraceLevels; }
 
-/// The enabled half of a site; the format has been checked against the arguments where the site was
-/// compiled.
+/// Code of a site whose level is on. The format has been checked against the arguments at compile
+/// time.
 template <class... Args>
 [[gnu::always_inline]] inline void traceSite(const TraceHandle& handle, unsigned short level,
                                              const char* file, const char* function, int line,
@@ -62,15 +62,15 @@ template <class... Args>
 
 /// A trace site: `KIV_TRACE(_defaultTraceHandle(), 8, "TcamEntrySwTable", " key: {}", key)`.
 ///
-/// `level` is a constant below 16. `prefix` is put in front of the message as it is; generic code
-/// gives "". `format` is a literal, checked against the arguments while compiling. With the level
-/// off the site costs two tests and evaluates neither the arguments nor the prefix; bit fields are
+/// `level` is a constant below 16. `prefix` precedes the message unchanged; generic code passes "".
+/// `format` is a literal, checked against the arguments at compile time. With the level off a site
+/// costs two tests and evaluates neither arguments nor prefix. Pass bit fields as `+field`.
 /// passed as `+field`.
 #define KIV_TRACE(handle, level, prefix, format, ...) \
   KIV_TRACE_AS(__func__, handle, level, prefix, format __VA_OPT__(, ) __VA_ARGS__)
 
-/// The same under the name of another function: for a part of an operation that stands in a
-/// function of its own, and whose readers know the operation.
+/// As above under another function's name, for part of an operation that has been moved to a
+/// function of its own.
 #define KIV_TRACE_AS(function, handle, level, prefix, format, ...)                   \
   do {                                                                               \
     static_assert(::Kiv::Impl::traceLevelValid(level), "a trace level is 0 to 15");  \

@@ -13,7 +13,7 @@
 namespace Kiv {
 namespace {
 
-/// Never destroyed, for traces at exit.
+/// Never destroyed, so that destructors at exit can trace.
 LineSink<TraceLine>& sink() {
   static auto* const sink = new LineSink<TraceLine>;
   return *sink;

@@ -12,7 +12,7 @@
 
 namespace Kiv {
 
-/// A trace setting could not be read. The message says what, in which column and what was expected.
+/// A trace setting is invalid. The message gives the column and what was expected.
 class QUARNBASTIL_EXPORT TraceSettingException final : public Fenrik::Exception {
  public:
   TraceSettingException(Fenrik::String message, std::size_t column)
@@ -26,64 +26,70 @@ class QUARNBASTIL_EXPORT TraceSettingException final : public Fenrik::Exception 
   std::size_t column_;
 };
 
-/// One traced message, as a sink gets it. The views hold during the call only.
+/// One traced message, as passed to a sink. The views are valid during the call only.
 struct TraceLine {
+  /// Time of the trace.
   std::chrono::system_clock::time_point time;
+  /// Name of the trace handle.
   std::string_view handle;
   unsigned level;
+  /// Place of the trace site.
   std::string_view file;
   int line;
   std::string_view function;
   /// The prefix and the formatted message.
   std::string_view text;
-  /// All of it in the default form, with its line feed.
+  /// The complete line in the default form, including its line feed.
   std::string_view rendered;
 };
 
-/// What is traced, and where it goes. A process begins with the setting of the environment variable
-/// BASTIL_TRACE, and `settingIs` takes what a user gave to a program's option, as it is.
+/// Controls what is traced and where it is written. The initial setting is that of the environment
+/// variable BASTIL_TRACE; `settingIs` accepts the value of a program option unchanged.
 ///
-/// Control characters in a message stand escaped in its line. A sink that takes nothing, such as a
-/// pipe whose reader sleeps, costs the threads that trace a few milliseconds a second; lines are
-/// lost meanwhile, and told by their number when it takes lines again.
+/// Control characters in messages are escaped. A blocked sink, such as a pipe whose reader sleeps,
+/// costs the tracing threads a few milliseconds per second; meanwhile lines are lost, and their
+/// number is reported once the sink accepts lines again.
 ///
-/// Any thread, at any time, but not from within a sink (asserted).
+/// Threads: any, at any time, but not from within a sink (asserted).
 class QUARNBASTIL_EXPORT TraceControl {
  public:
-  /// What is known of the handles of one name.
+  /// The handles of one name.
   struct HandleInfo {
+    /// Their common name.
     Fenrik::String name;
+    /// Levels that are on; bit L is level L.
     std::uint16_t mask;
+    /// Number of handles.
     unsigned count;
   };
-  /// Called by one thread at a time. An exception that leaves it ends the process; a trace inside
-  /// it is lost and counted.
+  /// Called by one thread at a time. An exception terminates the process. A trace within the sink
+  /// is lost and counted.
   using Sink = std::function<void(const TraceLine&)>;
 
   /// Sets levels: "TcamEntry*/1-3,8 SwTableIter/none; Ip?Route/" followed by '*' for all.
   ///
-  /// A rule is PATTERN/LEVELS; rules are separated by blanks, ';' or ':'. In a pattern '*' stands
-  /// for any text and '?' for any one character. LEVELS is a list of levels and ranges, '*', or
-  /// "none". A handle that fits has exactly these levels on afterwards, now and when it is made
-  /// later; of several rules that fit, the last one given holds. Throws `TraceSettingException`
-  /// with nothing changed.
+  /// A rule is PATTERN/LEVELS; rules are separated by blanks, ';' or ':'. In a pattern '*' matches
+  /// any text and '?' any one character. LEVELS is a list of levels and ranges, '*', or "none". A
+  /// matching handle, existing or future, has exactly these levels on; of several matching rules
+  /// the last one given applies. Throws `TraceSettingException`; nothing has changed then.
   static void settingIs(std::string_view setting);
-  /// The rules in force, in the form that `settingIs` reads.
+  /// The rules in force, in the form accepted by `settingIs`.
   static Fenrik::String setting();
-  /// Forgets all rules, those of the environment too: every handle is as it was made.
+  /// Removes all rules, including those of the environment. All handles return to their initial
+  /// levels.
   static void settingDelAll();
 
-  /// All names of handles made so far, in alphabetical order.
+  /// All handle names so far, in alphabetical order.
   static std::vector<HandleInfo> handles();
 
-  /// Sends every line to a file descriptor with one write(2). The caller keeps the descriptor open
-  /// until another sink is set; when the call returns, nothing goes to the former sink any more.
+  /// Writes each line to a file descriptor by one write(2). The caller keeps the descriptor open
+  /// until another sink is set. The previous sink is not used after the call has returned.
   static void sinkIs(int fd);
   static void sinkIs(Sink callback);
-  /// Back to the default, the standard error output.
+  /// Restores the default: standard error.
   static void sinkDel();
-  /// Lines that could not be delivered since the process began: a descriptor that failed or stayed
-  /// full, or a trace made by a sink.
+  /// Lines lost since the process began, because a descriptor failed or remained full, or because a
+  /// sink traced.
   static std::uint64_t lostLines() noexcept;
 };
 

@@ -6,7 +6,7 @@
 
 namespace Kiv {
 
-// A handle has nothing to undo at exit.
+// Trivial destructor, so that a handle is usable at exit.
 static_assert(std::is_trivially_destructible_v<TraceHandle>);
 
 constinit TraceMask kTraceHandleNotEntered{{0xff, 0xff}};

@@ -40,7 +40,7 @@ TraceControlRecord* TraceRegistry::record(Fenrik::String name, bool everyLevel) 
 
 const TraceMask* TraceRegistry::enter(Fenrik::Atomic<const TraceMask*>& control, const char* name) {
   const std::lock_guard lock(mutex_);
-  // Of threads that race here the first enters the handle.
+  // If several threads race here, the first one registers the handle.
   if (control.loadRelaxed() == &kTraceHandleNotEntered)
     control.storeRelease(recordLocked(Fenrik::String(name), false));
   return control.loadRelaxed();
@@ -58,7 +58,7 @@ TraceControlRecord* TraceRegistry::recordLocked(Fenrik::String name, bool everyL
 void TraceRegistry::rulesAdd(std::vector<TraceRule> rules) {
   const std::lock_guard lock(mutex_);
   for (TraceRule& rule : rules) {
-    // A rule hides older ones of its pattern; without them the list stays short over years.
+    // A rule supersedes older ones with the same pattern; removing them keeps the list short.
     std::erase_if(rules_, [&](const TraceRule& old) {
       return old.pattern == rule.pattern || rule.pattern == "*";
     });

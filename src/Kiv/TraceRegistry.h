@@ -13,24 +13,24 @@
 
 namespace Kiv {
 
-/// The control records of the process by name, and the rules that are in force.
+/// The process's control records by name, and the rules in force.
 ///
-/// Any thread.
-/// I1. A record, once made, stays where it is for ever.
-/// I2. A record's mask is that of the last rule that fits its name.
+/// Threads: any.
+/// I1. A record is never moved or destroyed.
+/// I2. A record's mask is that of the last matching rule.
 class TraceRegistry {
  public:
-  /// Never destroyed. Begins with the rules of the environment's BASTIL_TRACE, if they can be read;
-  /// if not, says so on the standard error output.
+  /// Never destroyed. Starts with the rules in the environment's BASTIL_TRACE; if they are invalid,
+  /// reports that on standard error.
   static TraceRegistry& instance();
-  /// Around a fork.
+  /// Called around a fork.
   void lock() { mutex_.lock(); }
   void unlock() { mutex_.unlock(); }
 
-  /// The record of that name, made if there is none, for one more handle.
+  /// Registers one more handle under the name. Returns the name's record, creating it if need be.
   TraceControlRecord* record(Fenrik::String name, bool everyLevel);
 
-  /// Makes `control`, the first word of a constant handle of that name, point at the record.
+  /// Makes `control`, the first word of a constant handle with this name, point to the record.
   const TraceMask* enter(Fenrik::Atomic<const TraceMask*>& control, const char* name);
 
   void rulesAdd(std::vector<TraceRule> rules);
@@ -43,7 +43,7 @@ class TraceRegistry {
   struct Member {
     explicit Member(Fenrik::String name) : control(std::move(name)) {}
     TraceControlRecord control;
-    /// A handle of this name was made with all levels on.
+    /// Whether a handle of this name was created with all levels on.
     bool everyLevel = false;
   };
 

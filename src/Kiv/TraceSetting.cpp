@@ -17,7 +17,7 @@ constexpr std::uint16_t kEveryLevel = 0xffff;
 
 constexpr std::uint16_t levelBit(unsigned level) { return static_cast<std::uint16_t>(1u << level); }
 
-/// Reads a setting from left to right.
+/// Parses a setting from left to right.
 class SettingReader {
  public:
   explicit SettingReader(std::string_view text) : text_(text) {}
@@ -53,7 +53,7 @@ class SettingReader {
     return ended(mask, "',' and another level, or the end of the rule");
   }
 
-  /// The mask, if nothing else stands in the rule.
+  /// The mask, provided that the rule ends here.
   std::uint16_t ended(std::uint16_t mask, std::string_view expected) const {
     if (!atRuleEnd()) fail(expected);
     return mask;
@@ -68,7 +68,7 @@ class SettingReader {
       position_ = place;
       fail(fmt::format("a level not below {}", low));
     }
-    // All bits up to `high` without those below `low`.
+    // All bits up to `high` except those below `low`.
     return static_cast<std::uint16_t>((2u << high) - (1u << low));
   }
 
@@ -117,7 +117,7 @@ class SettingReader {
 bool traceNameFits(std::string_view pattern, std::string_view name) noexcept {
   std::size_t p = 0;
   std::size_t n = 0;
-  // Where to try again with the last '*' standing for one character more.
+  // Where to resume with the last '*' matching one more character.
   std::size_t starAt = std::string_view::npos;
   std::size_t starName = 0;
   while (n < name.size()) {

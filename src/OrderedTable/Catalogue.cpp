@@ -13,7 +13,7 @@ namespace {
 using Drift::FieldKind;
 using Drift::RecordField;
 
-// The numbers stand in shared memory.
+// These values are stored in shared memory and must not change.
 static_assert(int(FieldKind::number) == 0 && int(FieldKind::bytes) == 1 &&
               int(FieldKind::flag) == 2 && int(FieldKind::presence) == 3 &&
               int(FieldKind::group) == 5);
@@ -23,7 +23,7 @@ static_assert(int(Drift::TextForm::members) == 0 && int(Drift::TextForm::whole) 
 using Row = std::pair<CataloguePart, std::uint16_t>;
 using Rows = std::map<Row, CatalogueRecord>;
 
-/// A family's rows, in the making.
+/// Builds the rows of a family.
 class Description {
  public:
   explicit Description(const TableDescriptor& of) : tableId_(of.tableId) {
@@ -91,8 +91,8 @@ Fenrik::Ptr<CatalogueDrift> mounted(const Stavro::EntityManager& entityManager) 
                             }));
 }
 
-/// What the catalogue says of a family. Damage costs all rows; every family that is brought up
-/// afterwards writes its own again.
+/// The rows stored for a family. If the catalogue is damaged, all rows are dropped; each family
+/// that is brought up afterwards writes its own again.
 Rows known(CatalogueDrift& catalogue, SwTableId tableId) {
   Rows rows;
   try {
@@ -125,7 +125,7 @@ void describe(const Stavro::EntityManager& entityManager, const TableDescriptor&
   const auto catalogue = mounted(entityManager);
   const Rows wanted = Description(family).rows;
   const Rows former = known(*catalogue, family.tableId);
-  // What was lost comes again with each family that is brought up: nobody need be told.
+  // A wiped catalogue needs no report: each family that is brought up writes its rows again.
   catalogue->collectionControl()->clearWiped();
   if (former == wanted) return;
   for (const auto& [row, record] : former) {

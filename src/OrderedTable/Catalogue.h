@@ -15,31 +15,34 @@ namespace Asic {
 
 struct TableDescriptor;
 
-/// What a row of the catalogue tells of its family.
+/// Kind of a catalogue row.
 enum class CataloguePart : std::uint16_t {
-  facts = 1,  ///< one row each, see `CatalogueFact`
-  key,        ///< a field of the key
-  entry,      ///< a field of what goes to the log
-  resourceKeys,
+  facts = 1,     ///< one row per `CatalogueFact`
+  key,           ///< a field of the key
+  entry,         ///< a field of the log entry
+  resourceKeys,  // a field of the resource keys
 };
 
-/// The rows of `CataloguePart::facts`.
+/// Row numbers within `CataloguePart::facts`, and what each record holds.
 enum class CatalogueFact : std::uint16_t {
   tableName = 0,
   tableNamespace,
   agentName,
   groupName,
-  configRecord,  ///< name of the type; its size, and where the log version stands
-  logRecord,     ///< name of the type; its size, and where the entry stands
-  key,           ///< its size and its form
-  entry,         ///< its size and its form
-  resourceKeys,  ///< their size, and where they stand in the configuration record
+  configRecord,  ///< type name, record size, offset of the log version
+  logRecord,     ///< type name, record size, offset of the entry
+  key,           ///< size and text form
+  entry,         ///< size and text form
+  resourceKeys,  ///< size, and offset in the configuration record
 };
 
+/// One row of one table's description.
 struct QUARNBASTIL_EXPORT CatalogueKey final : Drift::FlatValue<CatalogueKey> {
+  /// The table that the row describes.
   SwTableId tableId;
+  /// The kind of row.
   CataloguePart part{};
-  /// A `CatalogueFact`, or the number of the field, those of groups counted as well.
+  /// A `CatalogueFact`, or the number of the field. Groups and the fields within them count, too.
   std::uint16_t row = 0;
 
   static constexpr auto fields() {
@@ -49,29 +52,31 @@ struct QUARNBASTIL_EXPORT CatalogueKey final : Drift::FlatValue<CatalogueKey> {
   }
 };
 
-/// A fact, or a field. The fields of a group follow its own row, one level deeper.
+/// A fact or a field. A group's fields follow the group's own row, at `depth` one greater.
 struct QUARNBASTIL_EXPORT CatalogueRecord final : Drift::FlatValue<CatalogueRecord> {
   using Key = CatalogueKey;
   static constexpr std::size_t kNameSize = 128;
 
+  /// Identifies the row.
   Key key;
-  /// Bytes from the beginning of the key, the entry or the group, or of the record.
+  /// Bytes from the start of the key, entry or group; for a fact, from the start of the record.
   std::uint32_t offset = 0;
-  /// Bytes of one element.
+  /// Bytes per element.
   std::uint32_t size = 0;
-  /// Elements, one behind the other.
+  /// Number of consecutive elements.
   std::uint16_t count = 0;
-  /// Groups around the field.
+  /// Number of groups that enclose the field.
   std::uint16_t depth = 0;
+  /// Type of the field's elements.
   Drift::FieldKind kind{};
-  /// Of a group, a key or an entry.
+  /// Text form of a group, key or entry.
   Drift::TextForm form{};
   Drift::Padding<2> spare;
-  /// Ends with a zero.
+  /// Name of the fact or field, zero-terminated.
   std::array<char, kNameSize> name{};
 
   std::string_view nameText() const noexcept { return name.data(); }
-  /// Throws `Fenrik::Exception` if the name has no room.
+  /// Throws `Fenrik::Exception` if the name does not fit.
   void nameIs(std::string_view text);
 
   static constexpr auto fields() {
@@ -85,19 +90,20 @@ struct QUARNBASTIL_EXPORT CatalogueRecord final : Drift::FlatValue<CatalogueReco
 };
 static_assert(sizeof(CatalogueRecord) == 152);
 
-/// The families whose tables an agent has, described field by field: what another process must know
-/// to find their collections and to read the records. It may be older or newer than the agent, and
-/// know none of the agent's own families.
+/// Describes the agent's table families field by field, so that another process can find their
+/// collections and decode their records. The reader may be older or newer than the agent and need
+/// not contain any of its families.
 ///
-/// Process and thread: written by the agent, on the table thread, before it makes a family's log;
-/// rung when a description has changed. Read by hardware writer and inspection.
+/// Process and thread: written by the agent on the table thread, before it creates a family's log;
+/// the doorbell rings when a description has changed. Read by the hardware writer and the
+/// inspection program.
 class QUARNBASTIL_EXPORT CatalogueDrift final
     : public KivSharedMem::HashedCollection<CatalogueDrift, CatalogueRecord> {
  public:
   static constexpr std::string_view kEntityName = "Asic::CatalogueDrift";
   static constexpr std::string_view kAttributeName = "catalogue";
   static constexpr std::string_view kPath = "hardware/catalogue";
-  /// Some 15 rows a family, and one a field: a hundred families.
+  /// Room for a hundred families: about 15 rows of facts each, and one row per field.
   static constexpr Drift::Word kCapacity = 8192;
 
   using HashedCollection::HashedCollection;
@@ -107,8 +113,9 @@ class QUARNBASTIL_EXPORT CatalogueDrift final
   void recordDelAll() { HashedCollection::recordDelAll(); }
 };
 
-/// Describes a family in the catalogue of the agent's directory, which is made if need be. Rows
-/// that say so already stay as they are. Throws `Drift::MountException`, `Drift::NoSpaceException`.
+/// Describes a family in the catalogue of the agent's directory, creating the catalogue if it is
+/// absent. Rows that are already correct are not rewritten. Throws `Drift::MountException`,
+/// `Drift::NoSpaceException`.
 void describe(const Stavro::EntityManager& entityManager, const TableDescriptor& family);
 
 }  // namespace Asic

@@ -9,10 +9,10 @@
 
 namespace Asic {
 
-/// The configuration of one unit of a table in shared memory: what is configured now, and since
-/// which version. `Self` is the family's final class.
+/// The configuration of one unit of a table in shared memory: the current entries, each with the
+/// version of its last change. `Self` is the family's final class.
 ///
-/// Process and thread: changed by the table's entry log alone, on the table thread; read by any
+/// Process and thread: changed only by the table's entry log, on the table thread; read by any
 /// process.
 template <class Self, class Record>
 class QUARNBASTIL_EXPORT ConfigDrift : public KivSharedMem::HashedCollection<Self, Record> {
@@ -23,24 +23,24 @@ class QUARNBASTIL_EXPORT ConfigDrift : public KivSharedMem::HashedCollection<Sel
   using KivSharedMem::HashedCollection<Self, Record>::HashedCollection;
 
   /// Inserts the record, or replaces the one with the same key. Throws
-  /// `Drift::CollectionFullException` or `Drift::NoSpaceException` with nothing changed.
+  /// `Drift::CollectionFullException` or `Drift::NoSpaceException`; nothing has changed then.
   void swTableEntriesIs(const Record& record) { this->recordIs(record); }
-  /// The same without a record made first.
+  /// As above, storing the parts directly instead of copying a complete record.
   void swTableEntriesIs(const decltype(Record::logEntry)& logEntry,
                         const decltype(Record::rsrcKeys)& rsrcKeys, LogVersion version,
                         bool isDeleted) {
     this->recordOfPartsIs(logEntry, rsrcKeys, version, isDeleted);
   }
-  /// Sees to it that a record of that key can be stored: throws what storing it would throw.
+  /// Ensures that a record with this key can be stored. Throws what storing it would throw.
   void swTableEntriesRoom(const Key& key) { this->recordRoom(key); }
-  /// The same for a record of a key that is there.
+  /// Ensures that an existing record can be replaced.
   void swTableEntriesReplacementRoom() { this->replacementRoom(); }
-  /// Fetches what a change of the key's record will touch into the processor's cache: first its
-  /// index, then, with `near`, what that leads to.
+  /// Prefetches what a change of the key's record will touch: its index word first; then, with
+  /// `near`, the slot that the index word refers to.
   void swTableEntriesPrefetch(const Key& key, bool near) const noexcept {
     this->recordPrefetch(key, near);
   }
-  /// The keys of records that were removed at or before a version.
+  /// Keys of the records that were removed at or before `version`.
   std::vector<Key> swTableEntriesMaybeDeleted(LogVersion version) {
     const auto records = this->writer().recordsWhere([&](const std::byte* bytes) {
       std::uint64_t since = 0;
@@ -53,7 +53,7 @@ class QUARNBASTIL_EXPORT ConfigDrift : public KivSharedMem::HashedCollection<Sel
     }
     return keys;
   }
-  /// Removes the record of that key, if there is one.
+  /// Removes the key's record if it exists.
   void swTableEntriesDel(const Key& key) { this->recordDel(key); }
 };
 

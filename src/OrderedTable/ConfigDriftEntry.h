@@ -9,8 +9,8 @@
 
 namespace Asic {
 
-/// The resource keys of a family that needs no resource: no data, but their room in the
-/// configuration record stays.
+/// Resource keys of a family that needs no resource. Carries no data, but keeps its place in the
+/// configuration record.
 struct alignas(4) NoResourceKeys {
   static constexpr std::array<Drift::RecordField, 0> fields() { return {}; }
   friend constexpr bool operator==(const NoResourceKeys&, const NoResourceKeys&) noexcept {
@@ -18,20 +18,22 @@ struct alignas(4) NoResourceKeys {
   }
 };
 
-/// What is configured under one key, and since which version: the record of a unit's configuration
-/// collection. The entry stands first, and the key first in it.
+/// One configured entry and the version of its last change: the record of a unit's configuration
+/// collection. The entry comes first, and within it the key.
 ///
-/// The hardware writer reads it in another process, so its layout is a format: it never changes.
+/// The hardware writer reads it in another process, so this layout is a format and must not change.
 template <class LogEntry, class ResourceKeys>
 struct QUARNBASTIL_EXPORT ConfigDriftEntry
     : Drift::FlatValue<ConfigDriftEntry<LogEntry, ResourceKeys>> {
   using Key = typename LogEntry::Key;
 
+  /// The configured entry, which begins with its key.
   LogEntry logEntry;
+  /// Identify the resources that the entry uses.
   ResourceKeys rsrcKeys;
-  /// Of the last log record that concerned the entry.
+  /// Version of the last log record that changed the entry.
   LogVersion logVersion;
-  /// The entry was removed; the record stays until the hardware has acknowledged that.
+  /// Set when the entry is removed. The record remains until the hardware acknowledges the removal.
   bool isDeleted = false;
 
   ConfigDriftEntry() = default;
@@ -48,7 +50,7 @@ struct QUARNBASTIL_EXPORT ConfigDriftEntry
   }
 };
 
-/// Whether the two fields that every reader of a configuration needs stand where it looks.
+/// Whether the two fields that every reader of a configuration needs are at these offsets.
 template <class Record>
 constexpr bool configStandsAt(std::size_t logVersion, std::size_t isDeleted) {
   return offsetof(Record, logVersion) == logVersion && offsetof(Record, isDeleted) == isDeleted;

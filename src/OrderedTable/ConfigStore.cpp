@@ -99,7 +99,7 @@ void ConfigStore::remove(const Word* key) {
   entity_->noteDropped();
 }
 
-/// Room for a new key as a rule; only a full collection has to know whether the key is there.
+/// Assumes that the key is new. Only when the collection is full does it matter whether it exists.
 void ConfigStore::writeRoom(const Word* key) {
   Drift::HashedWriter& writer = entity_->writer();
   const bool isNew = !writer.full() || !writer.lookUp({key, shapes_.key.words()}).found();

@@ -12,7 +12,7 @@
 
 namespace Asic {
 
-/// A record of a unit's configuration, read: whole words of any content.
+/// Read access to a configuration record. The words may hold any content, even an invalid value.
 class ConfigRecord {
  public:
   using Word = FlatShape::Word;
@@ -20,14 +20,14 @@ class ConfigRecord {
   ConfigRecord(const TableDescriptor::Records& shapes, const Word* words) noexcept
       : shapes_(&shapes), words_(words) {}
 
-  /// The log entry begins the record, and its key begins that.
+  /// The record's words. The log entry comes first, and within it the key.
   const Word* words() const noexcept { return words_; }
   LogVersion logVersion() const noexcept;
   bool isDeleted() const noexcept;
-  /// Whether it says the same as a record that nobody has filled in.
+  /// Whether the record equals a default-constructed one.
   bool isDefault() const noexcept;
   const std::byte* resourceKeys() const noexcept { return bytes() + shapes_->resourceKeysOffset; }
-  /// Fills a client's entry, which is a default one.
+  /// Copies the record into a client's entry. REQUIRES: the entry is default-constructed.
   void entryTo(void* entry) const noexcept;
 
  private:
@@ -37,10 +37,10 @@ class ConfigRecord {
   const Word* words_;
 };
 
-/// The configuration of one unit: what is configured now, and since which version.
+/// The configuration of one unit: the current entries, each with the version of its last change.
 ///
-/// Every read goes through here, and so does what follows from damage: it is noted with the
-/// collection, and reads as nothing.
+/// All reads pass through this class, which also handles damage: it is reported to the collection,
+/// and the read finds nothing.
 class ConfigStore {
  public:
   using Word = FlatShape::Word;
@@ -51,37 +51,39 @@ class ConfigStore {
   UnitId unit() const noexcept { return unit_; }
   const Fenrik::Ptr<Entity>& entity() const noexcept { return entity_; }
 
-  /// The record of a key, null if there is none. It holds until the next look-up.
+  /// The key's record, or null if there is none. Valid until the next look-up.
   const ConfigRecord* look(const Word* key) const;
-  /// Number of records, those in deletion included; 0 if that cannot be read.
+  /// Number of records, including those in deletion; 0 if the collection is damaged.
   Word size() const;
-  /// Walks the records; each is a copy, and the visitor may change the collection.
+  /// Visits a copy of each record. The visitor may change the collection.
   template <class Visit>
   void walk(Visit visit) const;
 
-  /// The first record, or the first one behind a key that need not be there any more.
+  /// Copies the first record, or the first one after `key`, which need not exist any more. False at
+  /// the end.
   bool first(std::span<Word> record) const;
   bool next(const Word* key, std::span<Word> record) const;
   ConfigRecord recordOf(const Word* words) const noexcept { return {shapes_, words}; }
   std::size_t recordWords() const noexcept { return recordWords_; }
 
-  /// Where a record of a key is or will be. It holds until the next change.
+  /// The slot of a key's record, existing or to be created. Valid until the next change.
   using Place = Drift::HashedWriter::Place;
-  /// Sees to it that a record of the key can be stored: throws what storing it would throw, with
-  /// nothing changed.
+  /// Ensures that a record with this key can be stored. Throws what storing it would throw; nothing
+  /// has changed then.
   Place placeFor(const Word* key);
-  /// Inserts a record, or replaces the one of its key. `logEntry` is canonical and begins with it.
+  /// Inserts a record, or replaces the one with the same key. `logEntry` is canonical and begins
+  /// with the key.
   void store(const Word* key, Place place, const Word* logEntry, const void* resourceKeys,
              LogVersion version, bool isDeleted);
   void remove(const Word* key);
-  /// Ask for room before a place is sought.
+  /// Make room for one record, or for so many replacements. Call before `placeFor`.
   void writeRoom(const Word* key);
   void replacementRoom(std::size_t records);
-  /// Fetches what a change of the key after `ahead` others will touch.
+  /// Prefetches what a change of the key, `ahead` operations from now, will touch.
   void prefetch(const Word* key, bool near, unsigned ahead) const noexcept;
 
-  /// Copies of the records that `wanted(const ConfigRecord&)` accepts, damaged ones left out. Much
-  /// quicker than a walk where few are accepted; it is asked about records that have gone, too.
+  /// Copies of the undamaged records that `wanted(const ConfigRecord&)` accepts. Much faster than a
+  /// walk if few are accepted. `wanted` is also called for slots whose record no longer exists.
   template <class Wanted>
   std::vector<std::vector<Word>> recordsWhere(Wanted wanted);
 
@@ -93,9 +95,10 @@ class ConfigStore {
   UnitId unit_;
   Fenrik::Ptr<Entity> entity_;
   std::size_t recordWords_;
+  /// Buffer of the last record that was looked up.
   mutable std::vector<Word> read_;
   mutable ConfigRecord found_;
-  /// What follows the log entry in a record.
+  /// The part of a record after its log entry: resource keys, version, flag.
   std::vector<std::byte> tail_;
 };
 

@@ -20,7 +20,8 @@ Fenrik::String tablePath(const Fenrik::String& canonicalGroup, const Fenrik::Str
                               tableName);
 }
 
-/// The number that ends a path behind `folder`, all of it.
+/// Parses the number that follows the last `folder` in a path. Nullopt unless it extends to the
+/// path's end.
 template <class T>
 std::optional<T> numberBehind(std::string_view path, std::string_view folder, int base) {
   const std::size_t at = path.rfind(folder);

@@ -8,7 +8,7 @@
 
 namespace Asic {
 
-/// The names of things that several processes know: groups and shared-memory paths.
+/// Names shared between processes: groups and shared-memory paths.
 ///
 ///     hardware/<group>/<namespace>::<table>/config/<unit>       configuration of a unit
 ///     hardware/<group>/<namespace>::<table>/entryLog/<table id> change log, eight hex digits
@@ -16,10 +16,11 @@ namespace Asic {
 ///     hardware/<group>/tableVersion                             reports of the hardware writer
 class QUARNBASTIL_EXPORT Constants {
  public:
-  /// "<agent>-<group>"; a group name that begins with the agent's name is canonical already.
+  /// Returns "<agent>-<group>". A group name that begins with the agent's name is already
+  /// canonical.
   static Fenrik::String canonicalizeGroupName(const Fenrik::String& agentName,
                                               const Fenrik::String& groupName);
-  /// What the configuration paths of all units of a table begin with.
+  /// Common prefix of the configuration paths of a table's units.
   static Fenrik::String canonicalGroupTableConfigDriftPathBase(const Fenrik::String& canonicalGroup,
                                                                const Fenrik::String& tableNamespace,
                                                                const Fenrik::String& tableName);
@@ -32,16 +33,16 @@ class QUARNBASTIL_EXPORT Constants {
                                                              SwTableId tableId);
   static Fenrik::String canonicalGroupTableVersionPath(const Fenrik::String& canonicalGroup);
 
-  /// The unit of a configuration path. Throws `Fenrik::Exception` for a path of another form.
+  /// Unit of a configuration path. Throws `Fenrik::Exception` if the path is not one.
   static UnitId getUnitIdFromConfigPath(const Fenrik::String& path);
-  /// As above; nothing for a path of another form.
+  /// Unit of a configuration path, or nullopt if the path is not one.
   static std::optional<UnitId> findUnitIdOfConfigPath(const Fenrik::String& path);
-  /// The table of a change log's path; nothing for the path of something else.
+  /// Table of a change log's path, or nullopt if the path is not one.
   static std::optional<SwTableId> getTableIdFromEntryLogPath(const Fenrik::String& path);
-  /// Where the needed sets of a log are.
+  /// Path of the needed sets that belong to a log.
   static Fenrik::String neededPathOfEntryLogPath(const Fenrik::String& path);
 
-  /// What all paths of tables begin with.
+  /// Common prefix of all table paths.
   static constexpr const char* kRoot = "hardware/";
 };
 

@@ -15,8 +15,8 @@ struct Found {
   Record record{};
 };
 
-/// Runs one read of a collection. Damage that it meets is noted with the collection; the result is
-/// then `otherwise`. Every other exception passes through.
+/// Runs one read of a collection. If the read meets damage, reports it to the collection and
+/// returns `otherwise`. Other exceptions pass through.
 template <class Map, class Read, class Result>
 Result guardedRead(Map& map, Read read, Result otherwise) {
   try {
@@ -27,7 +27,7 @@ Result guardedRead(Map& map, Read read, Result otherwise) {
   }
 }
 
-/// The same without a copy: the record holds until the next look-up in the map.
+/// What `guardedLook` found: the record itself, valid until the next look-up in the map.
 template <class Record>
 struct Looked {
   bool found = false;
@@ -46,7 +46,7 @@ Looked<Record> guardedLook(Drift::DriftMap<Record>& map,
   return result;
 }
 
-/// A look-up; damage reads as a default record, with the found flag as the look-up left it.
+/// Looks a record up. Damage yields a default record, with the found flag as the look-up left it.
 template <class Record>
 Found<Record> guardedFind(Drift::DriftMap<Record>& map,
                           const typename Drift::DriftMap<Record>::Key& key) {
@@ -54,8 +54,8 @@ Found<Record> guardedFind(Drift::DriftMap<Record>& map,
   return {looked.found, *looked.record};
 }
 
-/// Of a configuration: calls `visit` with a copy of each record; damage ends the walk. The visit
-/// may change the collection.
+/// Walks a configuration, calling `visit` with a copy of each record. Damage ends the walk. The
+/// visitor may change the collection.
 template <class Record, class Visit>
 void guardedWalk(Drift::DriftMap<Record>& map, Visit visit) {
   typename Drift::DriftMap<Record>::Cursor cursor;

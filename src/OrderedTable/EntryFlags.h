@@ -5,7 +5,7 @@
 
 namespace Asic {
 
-/// What an operation does to a table. The two deletes never stand together.
+/// What an operation does to a table. At most one of the two delete flags is set.
 class QUARNBASTIL_EXPORT EntryFlags final : public Number<EntryFlags, std::uint8_t> {
  public:
   using Number::Number;

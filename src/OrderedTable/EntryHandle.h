@@ -16,30 +16,30 @@ namespace Asic {
 
 class OrderedSwTable;
 
-/// The life of one client operation as its handle shows it.
+/// Life cycle of a client operation, as reported by its handle.
 enum class QUARNBASTIL_EXPORT EntryState : std::uint8_t {
-  entryPending = 0,           ///< queued, not committed; who depends on it waits
-  entryInLog = 1,             ///< committed; the hardware has not acknowledged it yet
+  entryPending = 0,           ///< queued, not committed; dependent operations wait
+  entryInLog = 1,             ///< committed, not yet acknowledged by the hardware
   entryStateReserved = 2,     ///< never set
-  entryRejected = 3,          ///< failed for a reason from outside the table logic
-  entryDone = 4,              ///< nothing remains to be done
-  entryDependencyFailed = 5,  ///< given up because the entry that it depends on failed
+  entryRejected = 3,          ///< failed for a reason outside the table logic
+  entryDone = 4,              ///< complete
+  entryDependencyFailed = 5,  ///< abandoned because the entry it depends on failed
   entryResourceFailed = 6,    ///< a resource could not be resolved
 };
 
-/// "entryPending" and so on; "entryState(7)" for what is none.
+/// "entryPending" and so on; "entryState(7)" for an unknown value.
 QUARNBASTIL_EXPORT Fenrik::String entryStateName(EntryState state);
 
-/// Whether a state says that the operation failed.
+/// Whether the state is one of the failures.
 constexpr bool entryFailed(EntryState state) {
   return state == EntryState::entryRejected || state == EntryState::entryDependencyFailed ||
          state == EntryState::entryResourceFailed;
 }
 
-/// The part of a handle that a dependent operation sees, whatever table it belongs to.
+/// The part of a handle that a dependent operation uses, independent of the table's family.
 ///
-/// Whoever changes the state announces it under `kEntryStateField`, so that the resolver whose head
-/// waits for the handle looks again.
+/// Every change of the state is announced under `kEntryStateField`, so that a resolver waiting for
+/// this handle looks again.
 class QUARNBASTIL_EXPORT DependencyEntryHandle : public Fenrik::Publishing<Fenrik::Node> {
  public:
   static constexpr Fenrik::FieldId kEntryStateField{2};
@@ -50,14 +50,14 @@ class QUARNBASTIL_EXPORT DependencyEntryHandle : public Fenrik::Publishing<Fenri
   EntryState entryState() const noexcept { return entryState_; }
 
   virtual void handleEntryState();
-  /// Hardware index that an entry depending on this one needs; none in the software tables.
+  /// Hardware index that a dependent entry needs; none in software tables.
   virtual Index hwIndexForDependentField() const;
   virtual void handleIndexSuggestions(const std::set<Index>& indices) const;
-  /// The table of the operation and the log version at which it stands there.
+  /// Table of the operation, with the log version of the operation there.
   virtual TableVersion entryTableVersion() const = 0;
   virtual Fenrik::String tableName() const = 0;
   virtual SwTableId tableId() const = 0;
-  /// Text of the key, for whoever asks what an operation waits for.
+  /// Text form of the key, for diagnostics of waiting operations.
   virtual Fenrik::String keyText() const = 0;
 
  protected:

@@ -10,7 +10,7 @@
 
 namespace Asic {
 
-/// Base of the entry logs: the table's place in the agent and its two versions.
+/// Base class of entry logs: the table's identity and its two versions.
 class QUARNBASTIL_EXPORT EntryLogBase : public Fenrik::Publishing<Fenrik::Node> {
  public:
   static constexpr Fenrik::FieldId kTableVersionField{2};
@@ -27,13 +27,13 @@ class QUARNBASTIL_EXPORT EntryLogBase : public Fenrik::Publishing<Fenrik::Node> 
   const Fenrik::Ptr<GroupInterface>& groupInterface() const noexcept { return groupInterface_; }
   const Fenrik::String& agentName() const noexcept { return agentName_; }
 
-  /// Newest version that was issued.
+  /// Newest version issued.
   LogVersion tableVersion() const noexcept { return tableVersion_; }
-  /// Newest version up to which the log was cleaned; while it differs from `tableVersion`, the
-  /// hardware has still to write.
+  /// Newest version up to which the log has been cleaned. While it is below `tableVersion`, the
+  /// hardware has outstanding work.
   LogVersion tableStatusVersion() const noexcept { return tableStatusVersion_; }
 
-  /// Moves the newest version on and returns it.
+  /// Advances the newest version and returns it.
   LogVersion tableVersionInc(LogVersion delta) {
     tableVersionIs(LogVersion(tableVersion_.value() + delta.value()));
     return tableVersion_;

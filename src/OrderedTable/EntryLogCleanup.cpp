@@ -19,8 +19,8 @@ void EntryLogCore::cleanupEntryLog(LogVersion version) {
   groupInterface()->entryLogCleaned(tableId(), version);
 }
 
-/// The first cleaning of a process does not know how far the last one came: everything up to the
-/// version goes.
+/// The first clean-up of a process does not know where the previous process stopped, so it removes
+/// everything up to `version`.
 void EntryLogCore::cleanupAll(LogVersion version) {
   const LogVersion to = std::min(version, tableVersion());
   cleanupRead(log_->first(), std::min(to, lastFound_));
@@ -31,7 +31,7 @@ void EntryLogCore::cleanupRange(LogVersion from, LogVersion to) {
   const LogVersion last = std::min(to, tableVersion());
   const LogVersion first = log_->first();
   if (first < from) {
-    // A report went back and jumped: what lies below the range stays where it is.
+    // A report went back and then jumped ahead: records below the range are left in the log.
     cleanupRead(from, last);
     removalsDel(from, last);
     return;
@@ -40,14 +40,14 @@ void EntryLogCore::cleanupRange(LogVersion from, LogVersion to) {
   cleanupOwn(last);
 }
 
-/// Reads the log for what to apply; a record that cannot be read is passed over.
+/// Applies records by reading the log. Unreadable records are skipped.
 void EntryLogCore::cleanupRead(LogVersion from, LogVersion to) {
   for (std::uint64_t version = from.value(); version <= to.value(); ++version) {
     if (const LogRecord* const record = log_->look(LogVersion(version))) cleanupRecord(*record);
   }
 }
 
-/// Of what this process logged only the removals have anything to apply, and nothing is read.
+/// Of the records logged by this process only removals need work, and those are kept in memory.
 void EntryLogCore::cleanupOwn(LogVersion to) {
   for (const Removal* front = removals_.front(); front != nullptr && front->version <= to;
        front = removals_.front()) {
@@ -58,7 +58,7 @@ void EntryLogCore::cleanupOwn(LogVersion to) {
   if (to > lastFound_) log_->removeThrough(to);
 }
 
-/// Forgets the removals of a range that were applied from the log's own words.
+/// Drops the noted removals of a range that was applied from the log itself.
 void EntryLogCore::removalsDel(LogVersion from, LogVersion to) {
   for (std::uint32_t left = removals_.size(); left != 0; --left) {
     const Removal removal = removals_.deq();
@@ -66,8 +66,8 @@ void EntryLogCore::removalsDel(LogVersion from, LogVersion to) {
   }
 }
 
-/// The log record goes first: a death in between leaves an entry in deletion that the next mount
-/// purges.
+/// Removes the log record first: after a crash in between, the next mount purges the entry in
+/// deletion.
 void EntryLogCore::cleanupRecord(const LogRecord& record) {
   const LogVersion version = record.version();
   const EntryFlags flags = record.flags();

@@ -16,17 +16,17 @@
 
 namespace Asic {
 
-/// The entry log of one table, for all its units: the only one that changes the table's
-/// collections. Compiled once; entries and keys are given by address, keys as a `KeyImage`.
+/// The entry log of one table, for all its units, and the only writer of the table's collections.
+/// Compiled once for all families: entries are passed by address, keys as a `KeyImage`.
 ///
-/// Threads: the table thread. The hardware writer reads the collections meanwhile, and relies on
+/// Threads: the table thread. The hardware writer reads the collections concurrently and relies on
 /// the order of the stores: configuration record, log record, scratchpad, announcement.
 ///
-/// I1. A version is issued only when everything that it stores has room: a refusal is an exception
-///     that says what, need and room, and leaves configuration, log, versions and flags as they
-///     were.
-/// I2. A version stands in the log before it is announced, and what is configured beyond the log
-///     (its writer died) is logged before anything else is.
+/// I1. A version is issued only after room has been secured for everything that it stores. A
+///     refusal throws an exception that names the collection, the room needed and the room left;
+///     configuration, log, versions and flags are unchanged.
+/// I2. A version is in the log before it is announced. Configuration records beyond the end of the
+///     log, left by a writer that died, are logged before anything else.
 class QUARNBASTIL_EXPORT EntryLogCore : public EntryLogBase {
  public:
   using Word = FlatShape::Word;
@@ -37,56 +37,57 @@ class QUARNBASTIL_EXPORT EntryLogCore : public EntryLogBase {
 
   const TableDescriptor& descriptor() const noexcept { return descriptor_; }
 
-  /// The change log; mounted by the constructor.
+  /// The change log. The constructor mounts it.
   LogStore& log() const noexcept { return *log_; }
-  /// The unit's configuration, null while it is not mounted.
+  /// The unit's configuration, or null if it is not mounted.
   ConfigStore* config(UnitId unit) const noexcept {
     return unit.value() < configs_.size() ? configs_[unit.value()].get() : nullptr;
   }
-  /// The lowest mounted unit from `from` on; null if there is none.
+  /// The configuration of the lowest mounted unit >= `from`, or null.
   ConfigStore* configFrom(unsigned from) const noexcept;
 
-  /// Writes an entry: configuration, log, scratchpad, announcement. Returns the version under which
-  /// the value stands now, an older one when an identical write was suppressed. `resourceKeys` may
-  /// be null for a family that has none. Throws `Drift::CollectionFullException`,
+  /// Writes an entry: configuration, log, scratchpad, announcement. Returns the version of the
+  /// stored value, which is an older one if an identical write was suppressed. `resourceKeys` may
+  /// be null in a family without resources. Throws `Drift::CollectionFullException`,
   /// `Drift::NoSpaceException`.
   LogVersion entryIs(const void* logEntry, const void* resourceKeys, const NeededPtr& neededEntry,
                      UnitId unit, SwTableStats& stats, bool suppressIdenticalWrites);
-  /// Marks an entry as removed; 0 when there is nothing under the key. Throws as `entryIs` does.
+  /// Marks an entry as removed. Returns 0 if the key is absent. Throws as `entryIs` does.
   LogVersion entryDel(const Word* key, const NeededPtr& neededEntry, UnitId unit);
   /// Marks all live entries of a unit as removed, under one version. Throws as `entryIs` does.
   LogVersion tableDel(const NeededPtr& neededEntry, UnitId unit);
-  /// Throws what storing an operation would throw, in time for it to be refused before anybody is
-  /// told of it. Nothing to remove needs no room.
+  /// Throws what storing the operation would throw, so that it can be refused before anyone is
+  /// notified. Removing an absent entry needs no room.
   void operationRoom(const Word* key, EntryFlags flags, UnitId unit);
 
   bool entryHas(const Word* key, UnitId unit) const { return liveRecord(key, unit) != nullptr; }
-  /// The record for which `entryHas` is true, null if it is false. It holds until the next look-up
-  /// in the unit's configuration.
+  /// The live record of a key, or null if `entryHas` is false. Valid until the next look-up in the
+  /// unit's configuration.
   const ConfigRecord* liveRecord(const Word* key, UnitId unit) const;
-  /// Fills in the committed log entry; leaves a key that is absent or in deletion alone.
+  /// Copies the committed log entry. Leaves `logEntry` unchanged if the key is absent or in
+  /// deletion.
   void entry(const Word* key, UnitId unit, void* logEntry) const;
-  /// Fills in the record's resource keys, those of a record in deletion too.
+  /// Copies the record's resource keys, even from a record in deletion.
   void entryRsrcKeys(const Word* key, UnitId unit, void* resourceKeys) const;
-  /// The version of the record, one in deletion included; 0 for an absent key.
+  /// Version of the record, even of one in deletion; 0 if the key is absent.
   LogVersion entryLogVersion(const Word* key, UnitId unit) const;
   /// Numbers of records in deletion and of live ones. Both walk the unit's collection.
   std::uint32_t entrysInDeletion(UnitId unit) const;
   std::uint32_t entrys(UnitId unit) const;
 
-  /// Removes the log records up to a version that the hardware has acknowledged, and the entries
-  /// whose removal they tell of. Costs as much as the log holds, whatever the report says.
+  /// Removes the log records up to `version`, which the hardware has acknowledged, and the
+  /// configuration records whose removal they log. Cost: proportional to the records in the log,
+  /// whatever version is reported.
   void cleanupEntryLog(LogVersion version);
 
   void mountDriftChangeLog();
-  /// Mounts a unit's configuration, and removes what was in deletion and has been acknowledged.
+  /// Mounts a unit's configuration and drops the records in deletion that have been acknowledged.
   void mountDriftConfig(UnitId unit, LogVersion logVersion);
 
-  /// The operation that follows `ahead` others will be a change of that key: fetches what it
-  /// touches into the processor's cache.
+  /// Prefetches what a change of the key, `ahead` operations from now, will touch.
   void prefetch(const Word* key, UnitId unit, bool near, unsigned ahead) const noexcept;
 
-  /// The keyed attribute `tableConfigDrift`: null for an absent unit; a null value removes.
+  /// The keyed attribute `tableConfigDrift`: null if the unit is absent; setting null removes.
   ConfigEntity configEntity(UnitId unit) const;
   void configEntityIs(UnitId unit, ConfigEntity entity);
   ConfigEntity configEntityDel(UnitId unit);
@@ -105,7 +106,7 @@ class QUARNBASTIL_EXPORT EntryLogCore : public EntryLogBase {
   void handleInitialized();
 
  private:
-  /// A removal that was logged by this process and waits for the hardware.
+  /// A removal that this process logged and the hardware has not acknowledged.
   struct Removal {
     LogVersion version;
     EntryFlags flags;
@@ -135,7 +136,8 @@ class QUARNBASTIL_EXPORT EntryLogCore : public EntryLogBase {
   void cleanupRecord(const LogRecord& record);
   void apply(LogVersion version, EntryFlags flags, UnitId unit, const Word* key);
 
-  /// Records that no log record tells of, by version: the unit's configuration, and copies.
+  /// Configuration records that no log record covers, by version: the unit's configuration, and
+  /// copies.
   using Unlogged =
       std::map<LogVersion, std::pair<std::shared_ptr<ConfigStore>, std::vector<std::vector<Word>>>>;
 
@@ -157,10 +159,11 @@ class QUARNBASTIL_EXPORT EntryLogCore : public EntryLogBase {
   std::unique_ptr<LogStore> log_;
   std::vector<std::unique_ptr<ConfigStore>> configs_;
   std::uint32_t configCount_ = 0;
-  /// Canonical words of the entry that is being written.
+  /// Buffer for the canonical words of the entry being written.
   std::vector<Word> entry_;
+  /// Unacknowledged removals, oldest first.
   Fenrik::RQueue<Removal, false, QE_Removal> removals_;
-  /// Newest version that an earlier process logged; what is newer need not be read.
+  /// Newest version logged by an earlier process. Newer records need not be read from the log.
   LogVersion lastFound_;
 };
 

@@ -7,10 +7,10 @@
 
 namespace Asic {
 
-/// The change log of a table in shared memory: what happened, and in which order, over all units.
-/// `Self` is the family's final class.
+/// The change log of a table in shared memory: the changes of all its units, in order. `Self` is
+/// the family's final class.
 ///
-/// Process and thread: changed by the table's entry log alone, on the table thread; read by any
+/// Process and thread: changed only by the table's entry log, on the table thread; read by any
 /// process.
 template <class Self, class Record>
 class QUARNBASTIL_EXPORT EntryLogDrift : public KivSharedMem::DenseCollection<Self, Record> {
@@ -20,16 +20,16 @@ class QUARNBASTIL_EXPORT EntryLogDrift : public KivSharedMem::DenseCollection<Se
   using KivSharedMem::DenseCollection<Self, Record>::DenseCollection;
 
   /// Inserts the record under its version. Throws `Drift::CollectionFullException` or
-  /// `Drift::NoSpaceException` with nothing changed.
+  /// `Drift::NoSpaceException`; nothing has changed then.
   void entryLogConfigIs(const Record& record) { this->recordIs(record); }
-  /// The same without a record made first.
+  /// As above, storing the parts directly instead of copying a complete record.
   void entryLogConfigIs(LogVersion version, EntryFlags flags, UnitId unitId,
                         const decltype(Record::logEntry)& logEntry) {
     this->recordOfPartsIs(version, flags, unitId, logEntry);
   }
-  /// Sees to it that one more record can be appended: throws what appending it would throw.
+  /// Ensures that one more record can be appended. Throws what appending it would throw.
   void entryLogConfigRoom() { this->recordRoom(); }
-  /// Removes the record of that version, if there is one.
+  /// Removes the record with this version if it exists.
   void entryLogConfigDel(LogVersion version) { this->recordDel(version.value()); }
 };
 

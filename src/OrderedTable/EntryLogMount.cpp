@@ -131,7 +131,7 @@ std::function<void(KivDrift::MountInfo&)> EntryLogCore::configMountInfo() const 
   };
 }
 
-/// Mounts one of the table's collections; one that was wiped is reported under its item word.
+/// Mounts one of the table's collections. If it was wiped, reports that under `itemWord`.
 Fenrik::Ptr<KivSharedMem::Entity> EntryLogCore::mount(
     const Fenrik::String& path, const Fenrik::String& typeName,
     std::function<void(KivDrift::MountInfo&)> mountInfo, const char* itemWord) {
@@ -142,10 +142,10 @@ Fenrik::Ptr<KivSharedMem::Entity> EntryLogCore::mount(
       [&] { reportLost(itemWord); });
 }
 
-/// What is configured beyond the log. An earlier process died within a commit if that is the one
-/// version that follows; it is logged now. Anything else means that the log was lost: it goes on
-/// where the hardware is, and beyond everything that is configured, because a version that was
-/// reported or stored once must not be issued for something else.
+/// Handles configuration records whose version is beyond the end of the log. If there is exactly
+/// one such version and it is the next one, an earlier process died within a commit: the version is
+/// logged now. Otherwise the log was lost: versions continue above what the hardware reported and
+/// above all that are configured, so that no version is issued twice.
 void EntryLogCore::completeInterrupted() {
   auto& control = *log_->entity()->collectionControl();
   const LogVersion logged(control.scratchpad());
@@ -164,8 +164,8 @@ void EntryLogCore::completeInterrupted() {
   if (goesOnFrom != logged) control.scratchpadIs(goesOnFrom.value());
 }
 
-/// The records of all units with newer versions, by these. Opens every unit that has a
-/// configuration; one that cannot be opened is told of when its table is made.
+/// Records of all units with versions beyond `version`, grouped by version. Opens every unit that
+/// has a configuration; a failure to open one is reported when its table is created.
 EntryLogCore::Unlogged EntryLogCore::recordsBeyond(LogVersion version) const {
   Unlogged unlogged;
   const auto stored = sharedMemManager(*entityManager())
@@ -192,8 +192,8 @@ EntryLogCore::Unlogged EntryLogCore::recordsBeyond(LogVersion version) const {
   return unlogged;
 }
 
-/// One record is a write or a removal; several are a clear that did not come to its end: it is
-/// finished, so that the hardware drops the unit's entries at once and not some of them.
+/// A single record is a write or a removal. Several records are an interrupted clear, which is
+/// completed, so that the hardware drops all of the unit's entries at once.
 void EntryLogCore::completeVersion(ConfigStore& config, LogVersion version,
                                    const std::vector<std::vector<Word>>& records) {
   log_->makeRoom();

@@ -71,7 +71,7 @@ LogVersion EntryLogCore::entryDel(const Word* key, const NeededPtr& neededEntry,
   logRoom();
   neededRoom(neededEntry);
   const LogVersion version = tableVersionInc(LogVersion(1));
-  // The value stays readable for the hardware writer.
+  // The record keeps its value, which the hardware writer may still read.
   shapes().logEntry.toWords(record->words(), entry_.data());
   config->store(key, place, entry_.data(), record->resourceKeys(), version, true);
   noteRemoval(version, EntryFlags::kEntryDelete, unit, key);
@@ -94,8 +94,8 @@ LogVersion EntryLogCore::tableDel(const NeededPtr& neededEntry, UnitId unit) {
   return version;
 }
 
-/// Room to mark all live records of a unit. As many as there are records is enough; to know how
-/// many of them are live takes a walk, so that is asked only if memory is short.
+/// Makes room to mark all live records of a unit. Requests one slot per record; the live records
+/// are counted, which takes a walk, only if that fails.
 void EntryLogCore::clearRoom(ConfigStore& config) {
   try {
     config.replacementRoom(config.size());
@@ -116,7 +116,7 @@ void EntryLogCore::markAllDeleted(ConfigStore& config, LogVersion version) {
   });
 }
 
-/// The version of the identical record that makes a write superfluous; 0 if there is none.
+/// Version of the identical record that makes a write redundant; 0 if there is none.
 LogVersion EntryLogCore::identicalWrite(const ConfigStore& config, const Word* key,
                                         const void* logEntry, const void* resourceKeys,
                                         SwTableStats& stats) const {
@@ -138,7 +138,7 @@ LogVersion EntryLogCore::identicalWrite(const ConfigStore& config, const Word* k
   return record->logVersion();
 }
 
-/// The second half of every write: log, scratchpad, announcement.
+/// The common tail of every write: log, scratchpad, announcement.
 void EntryLogCore::logRecordIs(LogVersion version, std::uint8_t flags, UnitId unit,
                                const Word* logEntry, const NeededPtr& neededEntry) {
   log_->append(version, EntryFlags(flags), unit, logEntry);
@@ -146,8 +146,8 @@ void EntryLogCore::logRecordIs(LogVersion version, std::uint8_t flags, UnitId un
   groupInterface()->addLogEntry(tableId(), version, neededEntry);
 }
 
-/// Before the log record is stored, so that an exception leaves a removal too many, never one too
-/// few.
+/// Called before the log record is stored: an exception then leaves a superfluous note rather than
+/// a missing one.
 void EntryLogCore::noteRemoval(LogVersion version, std::uint8_t flags, UnitId unit,
                                const Word* key) {
   Removal removal{version, EntryFlags(flags), unit, {}};
@@ -155,8 +155,8 @@ void EntryLogCore::noteRemoval(LogVersion version, std::uint8_t flags, UnitId un
   removals_.enq(removal);
 }
 
-/// A record that could not be read when it was to be cleaned would keep a full log from moving on
-/// for ever: it goes when there is no other room.
+/// Makes room for one log record. An acknowledged record that could not be read during clean-up
+/// would block a full log forever, so if the log is full, all acknowledged records are dropped.
 void EntryLogCore::logRoom() {
   try {
     log_->makeRoom();

@@ -7,7 +7,7 @@
 
 namespace Asic {
 
-/// Counts operations in flight. A default value is not valid: there is none.
+/// Counts the operations in flight on a key. A default value is invalid.
 class QUARNBASTIL_EXPORT MajorVersion final
     : public Number<MajorVersion, std::uint64_t, std::numeric_limits<std::uint64_t>::max()> {
  public:
@@ -17,8 +17,8 @@ class QUARNBASTIL_EXPORT MajorVersion final
   constexpr MajorVersion next() const noexcept { return MajorVersion(value() + 1); }
 };
 
-/// Tells the operations apart that are in flight on one key at the same time. A default value is
-/// not valid.
+/// Distinguishes operations that are in flight on the same key at the same time. A default value is
+/// invalid.
 class QUARNBASTIL_EXPORT EntryVersion final {
  public:
   using KivModule = ValueTypesModule;
@@ -34,7 +34,7 @@ class QUARNBASTIL_EXPORT EntryVersion final {
   /// The version of the next operation on the key.
   constexpr EntryVersion next() const noexcept { return {major_.next(), minor_}; }
 
-  /// 17.0, major and minor
+  /// Appends major and minor version, as in "17.0".
   void textAppend(std::string& text) const;
   static bool isEq(const void* a, const void* b) noexcept {
     return *static_cast<const EntryVersion*>(a) == *static_cast<const EntryVersion*>(b);

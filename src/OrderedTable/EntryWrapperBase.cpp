@@ -13,7 +13,7 @@ void EntryWrapperBase::finalizeOnSuccess(const TableDescriptor& descriptor, Orde
   KIV_TRACE(descriptor.traces.table, 8, descriptor.names.wrapper, " key: {} isDeleted: {}",
             KeyText(descriptor, entryBytes_), isDeleted);
   if (!isDeleted) resolvedFieldsSet(descriptor);
-  // The hook may replace its own helper.
+  // Keeps the helper alive: the hook may replace it.
   const Fenrik::Ptr<Fenrik::Node> helper = table.core()->swTableHelper();
   descriptor.helper.finalizeOnSuccess(*helper, *this, isDeleted, table);
 }

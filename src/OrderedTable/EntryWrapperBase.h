@@ -10,8 +10,8 @@ namespace Asic {
 
 struct InFlightKey;
 
-/// The in-flight form of one client operation: its entry, which the family's class holds, and its
-/// handle. It lives in the table's transient state and in the queue until its commit.
+/// The in-flight form of one client operation: its handle, and its entry, which the family's class
+/// stores. It is held by the table's transient state and by the queue until it is committed.
 ///
 /// Threads: the table thread.
 class QUARNBASTIL_EXPORT EntryWrapperBase : public Fenrik::Node {
@@ -27,16 +27,16 @@ class QUARNBASTIL_EXPORT EntryWrapperBase : public Fenrik::Node {
   std::byte* entryBytes() noexcept { return entryBytes_; }
 
  protected:
-  /// `entryBytes` is where the derived object keeps its entry.
+  /// `entryBytes` is the address of the derived object's entry.
   EntryWrapperBase(std::byte* entryBytes,
                    const Fenrik::NonNullPtr<OrderedSwTable::EntryHandle>& entryHandle)
       : entryBytes_(entryBytes), entryHandle_(entryHandle) {}
 
-  /// The commit of a write or of a single remove goes ahead: tells the helper.
+  /// Notifies the helper that a write or single removal is about to be committed.
   void finalizeOnSuccess(const TableDescriptor& descriptor, OrderedSwTable& table, bool isDeleted);
-  /// Takes what comes of resources into the entry.
+  /// Copies resolved resource values into the entry.
   void resolvedFieldsSet(const TableDescriptor& descriptor);
-  /// A resource failed: asks the helper whether the operation goes on all the same.
+  /// A resource failed: asks the helper whether to commit the operation nevertheless.
   bool finalizeOnFailure(const TableDescriptor& descriptor, OrderedSwTable& table, bool isDeleted);
 
  private:
@@ -45,7 +45,7 @@ class QUARNBASTIL_EXPORT EntryWrapperBase : public Fenrik::Node {
 
   std::byte* entryBytes_;
   Fenrik::NonNullPtr<OrderedSwTable::EntryHandle> entryHandle_;
-  /// Where the wrapper stands in the transient state; null once it does not any more.
+  /// The wrapper's key in the transient state; null once the wrapper has been removed from it.
   InFlightKey* inFlight_ = nullptr;
 };
 

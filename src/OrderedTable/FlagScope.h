@@ -2,7 +2,7 @@
 
 namespace Asic {
 
-/// Sets a flag for the time of a scope.
+/// Sets a flag for the duration of a scope.
 class FlagScope {
  public:
   // NOLINTNEXTLINE(cppcoreguidelines-prefer-member-initializer): what is set is the flag itself

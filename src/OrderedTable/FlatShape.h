@@ -11,36 +11,40 @@
 
 namespace Asic {
 
-/// What compiled-once code knows of a flat type: which of its bytes mean something, and their
-/// names.
+/// Run-time description of a flat type for code compiled once: its significant bits and its named
+/// fields.
 struct QUARNBASTIL_EXPORT FlatShape {
   using Word = Drift::Format::Word;
 
+  /// Bytes of an object of the type.
   std::size_t size;
-  /// Per word, the bits that are a part of the value.
+  /// For each word, the bits that belong to the value.
   std::span<const Word> mask;
-  /// Fields that mean something only while their presence byte is set.
+  /// Groups of fields that are significant only while their presence byte is set.
   std::span<const Drift::Impl::OptionalGroup> groups;
+  /// The type's fields, in order.
   std::span<const Drift::RecordField> fields;
+  /// How the type is printed.
   Drift::TextForm form;
 
   std::size_t words() const noexcept { return mask.size(); }
   bool empty() const noexcept { return size == 0; }
 
-  /// Copies a value to whole words, with zero in padding, in absent groups and behind the end.
+  /// Copies a value to whole words; padding, absent groups and the bytes beyond its end become
+  /// zero.
   void toWords(const void* value, Word* out) const noexcept;
-  /// Clears padding and absent groups of a value that lies in whole words.
+  /// Clears the padding and absent groups of a value held in whole words.
   void makeCanonical(Word* words) const noexcept;
-  /// Copies whole words of any content to an object of the type, which is valid afterwards.
+  /// Copies whole words of any content to an object of the type; the object is valid afterwards.
   void fromWords(const Word* words, void* value) const noexcept;
-  /// Whether two objects of the type are equal; padding and absent groups have no say.
+  /// Whether two objects are equal, ignoring padding and absent groups.
   bool same(const void* a, const void* b) const noexcept;
   void textAppend(std::string& text, const void* value) const;
 };
 
 namespace Impl {
 
-/// The constants behind the spans of a shape.
+/// The constants that the spans of a type's shape refer to.
 template <class T>
 struct ShapeOf {
   using Word = FlatShape::Word;
@@ -66,7 +70,7 @@ struct ShapeOf {
 
 }  // namespace Impl
 
-/// A type that states no fields holds no data: its shape is empty.
+/// The shape of a type. A type without fields holds no data, and its shape is empty.
 template <Drift::Described T>
 constexpr FlatShape flatShapeOf() {
   if constexpr (Drift::kFieldsOf<T>.size() == 0) {

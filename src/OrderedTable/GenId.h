@@ -9,11 +9,11 @@
 
 namespace Asic {
 
-/// A generation: whoever watches it acts when the major id moves.
+/// A generation number. Watchers act when the major id changes.
 class QUARNBASTIL_EXPORT GenId final {
  public:
   using KivModule = ValueTypesModule;
-  /// Its name among the types of the state database.
+  /// Name of the type in the state database.
   static constexpr std::string_view kEntityName = "Asic::GenId";
 
   constexpr GenId() noexcept = default;
@@ -24,7 +24,7 @@ class QUARNBASTIL_EXPORT GenId final {
   constexpr std::uint32_t minorId() const noexcept { return minorId_; }
   constexpr void majorIdInc(unsigned short delta) noexcept { majorId_ += delta; }
 
-  /// 3.0, major and minor
+  /// Appends major and minor id, as in "3.0".
   void textAppend(std::string& text) const;
   friend constexpr auto operator<=>(const GenId&, const GenId&) noexcept = default;
 

@@ -9,7 +9,7 @@
 
 namespace Asic {
 
-/// Keeps the bells still during a pump and rings them at its end, however it ends.
+/// Defers rings during a pump; rings at its end, even after an exception.
 class GroupInterface::RingScope {
  public:
   explicit RingScope(GroupInterface& group)
@@ -49,7 +49,7 @@ const Fenrik::Ptr<KivDrift::CollectionControl>& GroupInterface::entryLogMounted(
 }
 
 const Fenrik::Ptr<TableAnnouncer>& GroupInterface::announcer(SwTableId tableId) const {
-  // As a rule it is the table that was asked for last.
+  // Usually the same table as last time.
   if (lastAnnouncer_ == nullptr || lastAnnouncer_->tableId() != tableId) {
     const auto* const node = announcers_[tableId];
     FENRIK_ASSERT(node != nullptr);

@@ -14,8 +14,8 @@
 
 namespace Asic {
 
-/// One group of tables: its resolver, the sets of its tables, what it announces to the hardware
-/// writer and what the hardware writer reports.
+/// One group of tables: its resolver, the sets of its tables, its announcements to the hardware
+/// writer and the hardware writer's reports.
 ///
 /// Threads: the table thread.
 class QUARNBASTIL_EXPORT GroupInterface final
@@ -38,8 +38,8 @@ class QUARNBASTIL_EXPORT GroupInterface final
   using HN_TakenVersion =
       Kiv::Hm2018NE<0x3c6ef372, SwTableId, LogVersion, Kiv::HashMap2018Alloc::slab>;
 
-  /// `canonicalName` is the group's name among all groups. `commitCount` is shared by the groups of
-  /// one agent.
+  /// `canonicalName` is unique among all groups. `commitCount` is shared by the groups of one
+  /// agent.
   GroupInterface(const Fenrik::String& canonicalName, std::uint16_t agentAndGroupId,
                  const Fenrik::Ptr<Stavro::EntityManager>& entityManager,
                  std::shared_ptr<CommitCount> commitCount);
@@ -52,26 +52,26 @@ class QUARNBASTIL_EXPORT GroupInterface final
   KIV_KEYED(kFieldBase + 2, swTableSet, HN_SwTableSet);
 
  public:
-  /// A table's log has been mounted: from here on its versions are announced. Returns the control
-  /// object of the needed sets, which are mounted with it.
+  /// A table's log has been mounted; its versions are announced from now on. Also mounts the needed
+  /// sets, and returns their control object.
   const Fenrik::Ptr<KivDrift::CollectionControl>& entryLogMounted(
       SwTableId tableId, const Fenrik::Ptr<KivSharedMem::Entity>& log);
-  /// A version has been logged, and needs these versions of other tables; the last step of a write.
-  /// The hardware writer is woken at once, or at the end of the pump that is under way.
+  /// Announces a logged version, which requires these versions of other tables: the last step of a
+  /// write. Wakes the hardware writer immediately, or at the end of the pump in progress.
   void addLogEntry(SwTableId tableId, LogVersion version,
                    const Fenrik::Ptr<const NeededEntry>& neededEntry);
-  /// Sees to it that the next `addLogEntry` of the table has room for a set of so many versions:
-  /// throws what it would throw.
+  /// Ensures that the next `addLogEntry` of the table has room for a set of so many versions.
+  /// Throws what it would throw.
   void addLogEntryRoom(SwTableId tableId, std::size_t versions);
-  /// The table's log was cleaned up to a version.
+  /// The table's log has been cleaned up to a version.
   void entryLogCleaned(SwTableId tableId, LogVersion version);
 
-  /// What the hardware writer reports for the tables of the group.
+  /// The hardware writer's reports for the tables of the group.
   const Fenrik::Ptr<TableVersionMap>& tableVersionMap() const noexcept { return versionMap_; }
-  /// Hands each report that moved to the tables of its table id and returns how many there were. A
-  /// report during which a handler throws is handed on again by the next call.
+  /// Passes each new report to the tables of its table id, and returns the number of reports. If a
+  /// handler throws, the next call passes that report again.
   unsigned takeReports();
-  /// The logs of its tables, in which the agent says that it sleeps.
+  /// Adds the logs of its tables, in which the agent marks itself asleep or awake.
   void logFilesAdd(std::vector<const Drift::DriftFile*>& files) const;
   /// Lets the resolver commit up to `budget` operations, then wakes the hardware writer.
   unsigned pump(unsigned budget);
@@ -86,15 +86,18 @@ class QUARNBASTIL_EXPORT GroupInterface final
   std::uint16_t agentAndGroupId_;
   Fenrik::Ptr<KivSharedMem::EntityManager> manager_;
   Fenrik::Ptr<GroupResolver> groupResolver_;
-  /// In which the hardware writer says that it sleeps; null if there is none.
+  /// The file in which the hardware writer marks itself asleep or awake; null if there is none.
   const Drift::DriftFile* reportFile() const noexcept { return versionMap_->bell().file; }
 
   Fenrik::Ptr<TableVersionMap> versionMap_;
   Kiv::Impl::KeyedMap<HN_Announcer> announcers_;
+  /// The announcer used last, which the next operation is likely to use.
   mutable Fenrik::Ptr<TableAnnouncer> lastAnnouncer_;
-  /// The last report that was handed on, by table id.
+  /// The last report passed to the tables, by table id.
   Kiv::Impl::KeyedMap<HN_TakenVersion> taken_;
+  /// Set during `takeReports`, to detect nested calls.
   bool taking_ = false;
+  /// Set during a pump, which rings at its end.
   bool ringLater_ = false;
 };
 

@@ -10,14 +10,14 @@ namespace Asic {
 
 namespace {
 
-/// The coarse clock: ages are for people, and every queued operation reads it.
+/// Uses the coarse clock: ages serve diagnostics only, and every queueing reads the time.
 std::chrono::nanoseconds coarseTime() noexcept {
   timespec now{};
   ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
-/// Counts a commit when it has ended, in whatever way.
+/// Counts a commit when it ends, even by an exception.
 class CommitScope {
  public:
   explicit CommitScope(CommitCount& count) : count_(count) {}
@@ -50,7 +50,7 @@ void GroupResolver::resolverQueueEnq(const Fenrik::Ptr<ResolverEntry>& entry) {
 }
 
 void GroupResolver::updateGenId() const noexcept {
-  // What is queued behind the head cannot change what the head answers; a new head is asked anyway.
+  // An operation queued after the head cannot change the head's answer; a new head is asked anyway.
   if (!queueing_) ++genId_;
 }
 
@@ -115,9 +115,9 @@ void GroupResolver::tableGone(const OrderedSwTable& table) {
   headIsNew();
 }
 
-/// Commits are bound by the memory that they touch at random; the queue tells early which it is.
+/// Commits are bound by random memory access; the queue gives the addresses in advance.
 void GroupResolver::prefetchBehind() const noexcept {
-  // About as many commits as a look behind the caches takes.
+  // Prefetch distances in commits: two take about as long as one cache miss.
   constexpr std::uint32_t kNear = 2;
   constexpr std::uint32_t kFar = 4;
   const std::uint32_t front = queue_.frontIndex();

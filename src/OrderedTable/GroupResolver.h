@@ -12,29 +12,30 @@
 
 namespace Asic {
 
-/// Counts what all groups of one agent have done: a commit anywhere may free a head that waits.
+/// What the groups of an agent have in common. A commit in one group may free the waiting head of
+/// another.
 struct CommitCount {
   std::uint64_t commits = 0;
-  /// Operations in all queues.
+  /// Operations in the queues of all groups.
   std::uint64_t queued = 0;
 };
 
-/// The queue of a group's operations. They are committed strictly in the order in which they were
-/// queued, by whoever pumps; queueing only queues.
+/// The queue of a group's operations. Operations are committed strictly in queueing order, and only
+/// by a pump; queueing commits nothing.
 ///
 /// Threads: the table thread.
 ///
-/// I1. The head is asked whether it is resolved only when something may have changed its answer:
-///     it has become the head, `updateGenId` was called for another reason than the queueing of an
-///     operation behind it, its dependency's state changed, or some group committed.
-/// I2. An operation leaves the queue before its commit begins: whatever the commit calls sees a
-///     consistent queue, and no exception makes it commit twice.
+/// I1. The head is asked whether it is resolved only if its answer may have changed: it has just
+///     become the head, `updateGenId` was called for a reason other than queueing an operation
+///     after it, the state of its dependency changed, or a group committed.
+/// I2. An operation leaves the queue before its commit begins: code called during the commit sees a
+///     consistent queue, and an exception cannot lead to a second commit.
 class QUARNBASTIL_EXPORT GroupResolver final : public Fenrik::NodeClass<GroupResolver> {
  public:
   explicit GroupResolver(std::shared_ptr<CommitCount> commitCount);
   ~GroupResolver() override;
 
-  /// Within the scope an operation is queued: what `updateGenId` is told then is that.
+  /// While in scope, calls of `updateGenId` are taken as the effect of queueing an operation.
   class QueueingScope {
    public:
     explicit QueueingScope(GroupResolver& resolver) noexcept : flag_(resolver.queueing_) {}
@@ -43,33 +44,34 @@ class QUARNBASTIL_EXPORT GroupResolver final : public Fenrik::NodeClass<GroupRes
     FlagScope flag_;
   };
 
-  /// Appends an operation. It is committed by a later `pump`.
+  /// Appends an operation. A later `pump` commits it.
   void resolverQueueEnq(const Fenrik::Ptr<ResolverEntry>& entry);
-  /// Told after every change that can alter what the head would answer.
+  /// Call after every change that can alter the answer of the head.
   void updateGenId() const noexcept;
-  /// Re-evaluates whether the group waits or may go on.
+  /// Re-evaluates whether the group waits or can proceed.
   void maybeUpdateSuspend() noexcept;
 
-  /// A table of the group is going: its operations pass without a commit.
+  /// A table of the group is being destroyed: its queued operations pass without a commit.
   void tableGone(const OrderedSwTable& table);
 
-  /// Commits up to `budget` operations and returns how many. Called from within a commit it does
-  /// nothing: the outer call goes on. An exception of a commit, or of a handler that it calls,
-  /// comes out with the queue consistent.
+  /// Commits up to `budget` operations and returns the number committed. A call from within a
+  /// commit does nothing; the outer call continues. If a commit, or a handler called by it, throws,
+  /// the exception passes through and the queue is consistent.
   unsigned pump(unsigned budget);
-  /// Whether a pump would ask the head: the queue is not empty and its answer may have changed.
+  /// Whether a pump would ask the head: the queue is not empty and the head's answer may have
+  /// changed.
   bool ready() const noexcept {
     return !queue_.empty() && (askedGenId_ != genId_ || askedCommits_ != commitCount_->commits);
   }
 
-  /// The head waits for something that only a change outside can bring.
+  /// Whether the head waits for something outside the group's control.
   bool suspended() const noexcept { return suspended_; }
   std::uint32_t length() const noexcept { return queue_.size(); }
   std::uint32_t greatestLength() const noexcept { return greatestLength_; }
-  /// How often a head was asked.
+  /// How many times a head has been asked.
   std::uint64_t looks() const noexcept { return looks_; }
 
-  /// What the head is and what it waits for; an empty table name when the queue is empty.
+  /// The head's identity and what it waits for. The table name is empty if the queue is empty.
   struct Head {
     ResolverEntry::Waiting waiting;
     std::chrono::nanoseconds age{};
@@ -79,7 +81,7 @@ class QUARNBASTIL_EXPORT GroupResolver final : public Fenrik::NodeClass<GroupRes
  private:
   struct QUARNBASTIL_EXPORT QE_ResolverQueue {};
 
-  /// Hears of the handle on which the head waits.
+  /// Subscription to the handle that the head waits for.
   struct DependencyWatch : Fenrik::Subscriber {
     explicit DependencyWatch(const GroupResolver& resolver) : resolver(resolver) {}
     const GroupResolver& resolver;
@@ -95,7 +97,9 @@ class QUARNBASTIL_EXPORT GroupResolver final : public Fenrik::NodeClass<GroupRes
   Fenrik::RQueue<Fenrik::Ptr<ResolverEntry>, false, QE_ResolverQueue> queue_;
   std::shared_ptr<CommitCount> commitCount_;
   DependencyWatch watch_;
+  /// Changes that may alter the head's answer, counted.
   mutable std::uint64_t genId_ = 0;
+  /// Values of `genId_` and of the commit count when the head was last asked.
   std::uint64_t askedGenId_ = UINT64_MAX;
   std::uint64_t askedCommits_ = 0;
   bool queueing_ = false;

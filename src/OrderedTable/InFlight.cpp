@@ -10,12 +10,12 @@ namespace Asic {
 
 namespace {
 
-/// Room for the window of a busy client without a growth.
+/// Enough for the window of a busy client without growing.
 constexpr std::uint32_t kFirstBuckets = 1024;
-/// Buckets emptied per insertion: a growth ends long before the next one is due.
+/// Buckets emptied per insertion: a growth completes long before the next one is due.
 constexpr std::uint32_t kMovesPerInsertion = 4;
 
-/// 2^64 divided by the golden ratio: multiplication by it spreads every bit upwards.
+/// 2^64 divided by the golden ratio; multiplying by it spreads every bit upwards.
 constexpr InFlight::Word kSpread = 0x9e3779b97f4a7c15;
 
 constexpr auto kPattern = OvSlab::SlabAllocationPattern::perWrite;

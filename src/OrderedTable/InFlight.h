@@ -8,15 +8,16 @@
 
 namespace Asic {
 
-/// One key with operations in flight: its newest write or remove, and the version that it has
-/// reached. The key's canonical words follow the object in memory.
+/// One key with operations in flight: its newest write and remove, and its current version. The
+/// key's canonical words follow the object in memory.
 struct InFlightKey {
-  /// The newest write that is not committed, or null.
+  /// The newest uncommitted write, or null.
   Fenrik::Ptr<EntryWrapperBase> add;
-  /// The newest remove that is not committed, or null.
+  /// The newest uncommitted remove, or null.
   Fenrik::Ptr<EntryWrapperBase> remove;
-  /// Invalid while no operation is counted.
+  /// Version of the newest operation. Invalid unless `counted`.
   EntryVersion version;
+  /// Whether the key has a version.
   bool counted = false;
 
   const FlatShape::Word* key() const noexcept {
@@ -27,41 +28,44 @@ struct InFlightKey {
  private:
   friend class InFlight;
 
+  /// Next key in the same bucket of the index.
   InFlightKey* nextInBucket_ = nullptr;
+  /// Neighbours in order of arrival.
   InFlightKey* before_ = nullptr;
   InFlightKey* behind_ = nullptr;
   std::uint32_t hash_ = 0;
-  /// Walks that stand here. A key that has left the index keeps its place for them.
+  /// Walks and holds on this key. While nonzero, a key removed from the index keeps its place.
   std::uint32_t walks_ = 0;
+  /// Whether the key is in the index.
   bool indexed_ = true;
 };
 
-/// The keys of one table that have operations in flight. What clients see as three keyed
-/// attributes (the adds, the removes, the versions) are views of this one index.
+/// The keys of one table that have operations in flight. Clients see this one index as three keyed
+/// attributes: adds, removes, versions.
 ///
-/// Threads: the table thread. Cost: a look-up touches one bucket and the key; growth moves a few
-/// keys per insertion, never all at once.
+/// Threads: the table thread. Cost: a look-up touches one bucket and the key. Growth is
+/// incremental: each insertion moves a few keys.
 ///
 /// I1. A key is in the index exactly while it is not `empty()`.
-/// I2. A walk survives every change: keys keep their places in order of arrival, and one that goes
-///     while a walk stands on it stays until the walk has moved on.
+/// I2. A walk survives every change. Keys keep their order of arrival, and a removed key stays in
+///     place until every walk on it has moved on.
 class QUARNBASTIL_EXPORT InFlight {
  public:
   using Word = FlatShape::Word;
 
-  /// `salt` makes the order of the buckets differ from other tables'.
+  /// `salt` makes the bucket order differ from that of other tables.
   InFlight(std::size_t keyWords, std::uint32_t salt);
   ~InFlight();
   InFlight(const InFlight&) = delete;
   InFlight& operator=(const InFlight&) = delete;
 
   InFlightKey* find(const Word* key) const noexcept;
-  /// The key, entered if it is absent. The caller makes it other than empty or calls `settle`.
+  /// The key, inserted if absent. The caller then makes it non-empty or calls `settle`.
   InFlightKey& obtain(const Word* key);
-  /// Takes the key out if it is empty.
+  /// Removes the key if it is empty.
   void settle(InFlightKey& key) noexcept;
 
-  /// Replace the wrapper under a key and return the former one; null empties the place.
+  /// Set the key's wrapper and return the previous one. Null removes the wrapper.
   Fenrik::Ptr<EntryWrapperBase> addIs(InFlightKey& key, Fenrik::Ptr<EntryWrapperBase> wrapper);
   Fenrik::Ptr<EntryWrapperBase> removeIs(InFlightKey& key, Fenrik::Ptr<EntryWrapperBase> wrapper);
   void versionIs(InFlightKey& key, const EntryVersion& version) noexcept;
@@ -71,7 +75,7 @@ class QUARNBASTIL_EXPORT InFlight {
   std::uint32_t removes() const noexcept { return removes_; }
   std::uint32_t versions() const noexcept { return versions_; }
 
-  /// Keeps a key in memory while somebody is told of its change, whatever he does.
+  /// Keeps a key in memory while its change is announced, whatever the subscribers do.
   class QUARNBASTIL_EXPORT Hold {
    public:
     Hold(InFlight& index, InFlightKey& key) noexcept : index_(index), key_(key) { ++key.walks_; }
@@ -84,14 +88,16 @@ class QUARNBASTIL_EXPORT InFlight {
     InFlightKey& key_;
   };
 
-  /// What a view shows.
+  /// The keyed attribute that a view presents.
   enum class View : std::uint8_t { adds, removes, versions };
   static bool shows(View view, const InFlightKey& key) noexcept;
 
-  /// A place in a view. It stays on its key when that goes: the key is readable, `gone()` is true.
+  /// A position in a view. If its key is removed, the walk stays on it: it can still be read, and
+  /// `gone()` is true.
   class QUARNBASTIL_EXPORT Walk {
    public:
-    /// On the first key of the view, or on `from`, or at the end if the view does not show that.
+    /// Starts at the first key of the view, or at `from`; at the end if the view does not contain
+    /// `from`.
     Walk(const InFlight& index, View view);
     Walk(const InFlight& index, View view, const InFlightKey* from);
     Walk(const Walk& other) noexcept;
@@ -134,8 +140,9 @@ class QUARNBASTIL_EXPORT InFlight {
   Word seed_;
   std::unique_ptr<Bucket[]> buckets_;
   std::uint32_t mask_;
-  /// The table before the last growth while keys of it have still to move; null otherwise.
+  /// The buckets before the last growth, until all their keys have moved; null otherwise.
   std::unique_ptr<Bucket[]> former_;
+  /// Buckets of `former_` already moved.
   std::uint32_t moved_ = 0;
   std::uint32_t keys_ = 0;
   InFlightKey* first_ = nullptr;

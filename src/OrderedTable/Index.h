@@ -5,7 +5,7 @@
 
 namespace Asic {
 
-/// Where the hardware keeps an entry.
+/// Position of an entry in the hardware.
 class QUARNBASTIL_EXPORT Index final : public Number<Index, std::uint32_t> {
  public:
   using Number::Number;

@@ -23,7 +23,7 @@ namespace {
 
 constexpr const char* kMakeSwTable = "makeSwTable";
 
-/// Writes one of a family's messages into the ring trace. The text is the family's own.
+/// Writes one of the family's messages to the ring trace.
 template <class... Numbers>
 void ringTrace(const char* className, Blipline::MsgId& msgId, const Fenrik::String& text,
                const Numbers&... numbers) {
@@ -77,8 +77,8 @@ void InterfaceCore::handleInitialized() {
   singleton->swTableIntfIs(key, Fenrik::Ptr<TableInterfaceBase>(this));
 }
 
-/// Before there is a log, so that whoever finds the log can read it. An agent without a catalogue
-/// works all the same.
+/// Called before the log is created, so that any process that finds the log can decode it. Without
+/// a catalogue the agent still works.
 void InterfaceCore::describeFamily() {
   try {
     describe(*ordTblIntf()->entityManager(), descriptor_);
@@ -87,8 +87,8 @@ void InterfaceCore::describeFamily() {
   }
 }
 
-/// Tables that clients still hold from an earlier interface of the family go on with their log: a
-/// second log over the same collections would issue its versions again.
+/// Reuses the log of tables that clients still hold from an earlier interface of the family: a
+/// second log over the same collections would issue the same versions again.
 bool InterfaceCore::adoptLiving(const Fenrik::Ptr<GroupInterface>& groupIntf) {
   const auto set = groupIntf->swTableSet(descriptor_.tableId);
   if (set == nullptr || set->swTableCount() == 0) return false;
@@ -221,8 +221,8 @@ Fenrik::Ptr<GroupInterface> InterfaceCore::group() const {
   return ordTblIntf()->groupIntf(canonicalGroupName());
 }
 
-/// Group, set, table and log hold one another. Where no client holds a table any more, the group
-/// lets go of them; otherwise they go on together.
+/// Group, set, table and log hold references to one another. If no client holds a table any more,
+/// removes them from the group; otherwise leaves them in place.
 void InterfaceCore::releaseTables(const Fenrik::Ptr<OrderedSwTableSet>& set) {
   const auto groupIntf = group();
   const SwTableId tableId = descriptor_.tableId;
@@ -238,14 +238,14 @@ void InterfaceCore::failSecond() const {
   const Fenrik::String condition =
       Fenrik::formatString("!singleton->swTableIntfHas( \"{}\" )", registeredAs());
   { Kiv::SassertHelper(condition.data()) << "Interface already created"; }
-  // The place that a reader looks for is the family's.
+  // The failure is attributed to the family's function, where a reader will look for it.
   const Fenrik::String function =
       Fenrik::formatString("void {}::handleInitialized()", registeredAs());
   Kiv::Impl::sassertFail(condition.data(), name(), __LINE__, function.data());
 }
 
-/// The log up to a version that the hardware acknowledged to an earlier agent. No configuration is
-/// mounted yet: what was removed up to there goes when the units' are.
+/// Cleans the log up to a version that the hardware acknowledged to an earlier agent.
+/// Configurations are not mounted yet; mounting a unit drops its acknowledged removals.
 void InterfaceCore::cleanTo(LogVersion acknowledged) {
   constexpr const char* kFunction = "handleInitialized";
   entryLog_->cleanupEntryLog(acknowledged);
@@ -257,7 +257,7 @@ void InterfaceCore::cleanTo(LogVersion acknowledged) {
   }
 }
 
-/// To count the entries means to walk them all: only where somebody is told.
+/// Counting the entries walks them all, so it is done only if the result will be traced.
 void InterfaceCore::tellRestored(const OrderedSwTable& table) {
   const bool told = trace().levelEnabled(2) || descriptor_.traces.log.levelEnabled(8) ||
                     Blipline::defaultBliplineHandle.load() != nullptr;

@@ -8,34 +8,34 @@
 
 namespace Asic {
 
-/// How a table family is brought up, compiled once: what exists once for its table id, and the way
-/// to the tables of the units.
+/// Brings a table family up, compiled once for all families: holds what exists once per table id
+/// and gives access to the tables of the units.
 ///
 /// Threads: the table thread.
 ///
-/// I1. An interface that is found in the registry has its log, its status and its set.
+/// I1. A registered interface has a log, a status and a set.
 class QUARNBASTIL_EXPORT InterfaceCore : public TableInterfaceBase {
  public:
   ~InterfaceCore() override;
 
   const TableDescriptor& descriptor() const noexcept { return descriptor_; }
 
-  /// The family's interface of this process; null before the first one is made.
+  /// The family's interface in this process, or null before one is made.
   static Fenrik::Ptr<TableInterfaceBase> registered(const TableDescriptor& descriptor);
 
   void handleInitialized();
-  /// The table of a unit, made at the first call over what an earlier agent left, or emptied with
-  /// `reset`. A helper that is not null is installed; for a table that is there already, too.
-  /// Throws `Drift::MountException`, and for a clear that has no room what the log throws.
+  /// The table of a unit. The first call creates it over the state that an earlier agent left, or
+  /// empties it if `reset` is set. A non-null helper is installed even if the table exists already.
+  /// Throws `Drift::MountException`, and what the log throws if there is no room for the clear.
   Fenrik::Ptr<OrderedSwTable> makeSwTable(UnitId unitId, Fenrik::Ptr<Fenrik::Node> swTableHelper,
                                           bool reset);
-  /// To be called once all tables are made. A unit for which there is a configuration and no table
-  /// gets one that is emptied through the log, so that the hardware writer empties it too.
+  /// Call once all tables are made. A unit with a configuration but without a table gets a table
+  /// that is emptied through the log, so that the hardware writer empties it as well.
   void reconcile() override;
   void onDelete();
 
-  // The object that is there, if it was made with these arguments; otherwise a new one in its
-  // place.
+  // Return the existing object if it was made with these arguments; otherwise replace it by a new
+  // one.
   const Fenrik::Ptr<EntryLogCore>& entryLogIs(
       SwTableId tableId, const Fenrik::Ptr<Stavro::EntityManager>& entityManager,
       const Fenrik::Ptr<GroupInterface>& groupInterface, const Fenrik::String& agentName);
@@ -53,7 +53,7 @@ class QUARNBASTIL_EXPORT InterfaceCore : public TableInterfaceBase {
  protected:
   static constexpr std::uint16_t kFieldBase = 128;
 
-  /// The ring trace's identifiers of the family's two messages.
+  /// Ring-trace identifiers of the family's two messages.
   struct RingMessages {
     Blipline::MsgId restored = 0;
     Blipline::MsgId clearing = 0;

@@ -4,7 +4,7 @@
 
 namespace Asic {
 
-/// The steps of an iteration in the family's own types; what they do stands in `TableCore`.
+/// The steps of an iteration in the family's own types. `TableCore` implements them.
 template <class State, class Table>
 class IterStateAccessor {
  public:
@@ -27,7 +27,7 @@ class IterStateAccessor {
     return state;
   }
 
-  /// One step: the next entry, or a default one at the end.
+  /// Advances by one: returns the next entry, or a default one at the end.
   Entry maybeUpdateCurrentEntry() {
     Entry entry{Key()};
     TableCore::maybeUpdateCurrentEntry(*iterState_, &entry);

@@ -7,8 +7,8 @@
 
 namespace Asic {
 
-/// A key as whole words with zero in its padding: what indexes and collections compare. Its first
-/// byte is the key's, so that it may stand where a key is asked for by address.
+/// A key as whole words with zero padding: the form that indexes and collections compare. Its
+/// address is also the address of the key.
 class KeyImage {
  public:
   using Word = FlatShape::Word;

@@ -12,20 +12,24 @@
 
 namespace Asic {
 
-/// One change of a table: the record of its entry log, which is shared by all units of the table.
-/// A table delete carries a default entry.
+/// One change of a table: the record of its entry log, which all units of the table share. A table
+/// delete carries a default entry.
 ///
-/// The hardware writer reads it in another process, so its layout is a format: it never changes.
+/// The hardware writer reads it in another process, so this layout is a format and must not change.
 template <class LogEntry>
 struct QUARNBASTIL_EXPORT LogDriftEntry : Drift::FlatValue<LogDriftEntry<LogEntry>> {
   using Key = LogVersion;
 
-  /// Of a record that concerns no unit yet.
+  /// Unit of a record that does not concern a unit.
   static constexpr UnitId kNoUnit{std::numeric_limits<std::uint16_t>::max()};
 
+  /// Position in the log; the record's key.
   LogVersion version;
+  /// The kind of change.
   EntryFlags flags;
+  /// The unit that changed.
   UnitId unitId = kNoUnit;
+  /// The entry written or removed.
   LogEntry logEntry;
 
   LogDriftEntry() = default;

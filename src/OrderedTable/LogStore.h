@@ -10,7 +10,7 @@
 
 namespace Asic {
 
-/// Where a log record of any family has its parts.
+/// Offsets in a log record, equal in all families.
 struct LogRecordLayout {
   static constexpr std::size_t kVersion = 0;
   static constexpr std::size_t kFlags = 8;
@@ -18,7 +18,7 @@ struct LogRecordLayout {
   static constexpr std::size_t kLogEntry = 12;
 };
 
-/// A record of a change log, read: whole words of any content.
+/// Read access to a log record. The words may hold any content, even an invalid value.
 class LogRecord {
  public:
   using Word = FlatShape::Word;
@@ -36,8 +36,8 @@ class LogRecord {
   const Word* words_;
 };
 
-/// The change log of a table: what happened, and in which order, over all its units. Damage is
-/// noted with the collection and reads as nothing.
+/// The change log of a table: the changes of all its units, in order. Damage is reported to the
+/// collection, and the read finds nothing.
 class LogStore {
  public:
   using Word = FlatShape::Word;
@@ -47,30 +47,32 @@ class LogStore {
 
   const Fenrik::Ptr<Entity>& entity() const noexcept { return entity_; }
 
-  /// Number of records. The one who writes knows it without a look at the shared memory.
+  /// Number of records. The writing process knows it without reading shared memory.
   Word records() const { return entity_->records(); }
-  /// The version behind the newest record that was ever stored.
+  /// The version after the newest one ever stored.
   LogVersion next() const { return LogVersion(entity_->writer().next()); }
-  /// The oldest version, or `next()` if there is none.
+  /// The oldest version, or `next()` if the log is empty.
   LogVersion first() const { return LogVersion(entity_->writer().first()); }
-  /// The record of a version, or the first one from there on; null if there is none. It holds until
-  /// the next look.
+  /// The record of a version; with `from`, the first record at or after it. Null if there is none.
+  /// Valid until the next look-up.
   const LogRecord* look(LogVersion version) const;
   const LogRecord* from(LogVersion version) const;
 
-  /// `logEntry` is canonical.
+  /// Appends a record. `logEntry` is canonical.
   void append(LogVersion version, EntryFlags flags, UnitId unit, const Word* logEntry);
   void remove(LogVersion version);
-  /// Removes all versions from the oldest one up to `version`, one after the other.
+  /// Removes all versions from the oldest up to `version`, in order.
   void removeThrough(LogVersion version);
-  /// Room for one more record: throws what appending it would throw, with nothing changed.
+  /// Ensures that one more record can be appended. Throws what appending it would throw; nothing
+  /// has changed then.
   void makeRoom();
-  /// Fetches the slot of the record that will be appended after `ahead` others.
+  /// Prefetches the slot of the record that will be appended `ahead` records from now.
   void prefetch(unsigned ahead) const noexcept;
 
  private:
   const TableDescriptor::Records& shapes_;
   Fenrik::Ptr<Entity> entity_;
+  /// Buffer of the record that was last looked up.
   mutable std::vector<Word> read_;
   LogRecord found_;
 };

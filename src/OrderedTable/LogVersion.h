@@ -5,8 +5,9 @@
 
 namespace Asic {
 
-/// A position in a table's entry log: the first record has 1, each further one the next number.
-/// 0 says that nothing was logged. Its alignment is 4, as that of the records in which it stands.
+/// A position in a table's entry log. The first record has version 1, and each further one the next
+/// number; 0 means that nothing has been logged. Aligned to 4 bytes, as the records that contain it
+/// are.
 class QUARNBASTIL_EXPORT LogVersion final : public Number<LogVersion, std::uint64_t, 0, 4> {
  public:
   using Number::Number;

@@ -19,9 +19,9 @@ Fenrik::Ptr<KivSharedMem::EntityManager> sharedMemManager(
 
 namespace {
 
-/// Asks whoever watches the agent's relaunch generation to restart the agents that depend on what
-/// was lost. Without such an entity in the state database, or with one that cannot be read, the
-/// request is lost.
+/// Requests a restart of the agents that depend on the lost collection, through the agent's
+/// relaunch generation in the state database. If that entity is absent or unreadable, the request
+/// is dropped.
 void requestRelaunch(const Stavro::EntityManager& entityManager, const Fenrik::String& agentName) {
   try {
     const auto entity =
@@ -32,7 +32,7 @@ void requestRelaunch(const Stavro::EntityManager& entityManager, const Fenrik::S
     next.majorIdInc(1);
     generation->set(next);
   } catch (const Fenrik::CorruptionDetectedException&) {
-    // What was lost has been reported; an agent that stays down would be worse.
+    // The loss itself has been reported; failing to start would be worse.
   }
 }
 

@@ -9,29 +9,29 @@
 
 namespace Asic {
 
-/// The agent's shared-memory manager: that of its state database's name. With "NOT_LOCAL_EM" in the
-/// environment, whatever its value, never one that the process made itself.
+/// The agent's shared-memory manager, found by the name of its state database. If "NOT_LOCAL_EM" is
+/// set in the environment, to any value, a manager that this process created is not used.
 QUARNBASTIL_EXPORT Fenrik::Ptr<KivSharedMem::EntityManager> sharedMemManager(
     const Stavro::EntityManager& entityManager);
 
 namespace Impl {
 
-/// Mounts one entity for writing and returns it; null if it is not there after the mount.
+/// Mounts one entity for writing. Null if the mount did not produce it.
 QUARNBASTIL_EXPORT Fenrik::Ptr<KivSharedMem::Entity> mountForWriting(
     const Stavro::EntityManager& entityManager, const Fenrik::String& typeName,
     const Fenrik::String& path, const std::function<void(KivDrift::MountInfo&)>& mountInfoFn);
 
 }  // namespace Impl
 
-/// What follows the mount of a collection: if it was wiped, that is reported once by `wipedFn`, and
-/// a relaunch is asked for.
+/// Call after mounting a collection. If the collection was wiped, calls `wipedFn` once and requests
+/// a relaunch.
 QUARNBASTIL_EXPORT void answerWiped(const Stavro::EntityManager& entityManager,
                                     const Fenrik::String& agentName,
                                     KivDrift::CollectionControl& control,
                                     const std::function<void()>& wipedFn);
 
-/// Mounts a collection for writing. If it was wiped, that is reported once, a relaunch is asked
-/// for, and the work goes on with the empty collection.
+/// Mounts a collection for writing. If it was wiped, reports that once, requests a relaunch, and
+/// continues with the empty collection.
 template <class T>
 Fenrik::Ptr<T> checkAndwriteMountDrift(
     const Fenrik::Ptr<Stavro::EntityManager>& entityManager, const Fenrik::String& typeName,

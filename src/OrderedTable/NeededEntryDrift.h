@@ -7,19 +7,22 @@
 
 namespace Asic {
 
-/// What one log record needs of other tables: the record may be applied when the hardware has each
-/// of these versions.
+/// The requirements of one log record: it may be applied once the hardware has each of these
+/// versions.
 struct QUARNBASTIL_EXPORT NeededEntryRecord final : Drift::FlatValue<NeededEntryRecord> {
-  /// Records are numbered on from 1, whatever versions they concern.
+  /// Records are numbered consecutively from 1, independent of the versions that they concern.
   using Key = LogVersion;
 
-  /// As many tables as an agent has; a larger set takes several records.
+  /// The number of tables of one agent; a larger set is split over several records.
   static constexpr std::size_t kVersions = 16;
 
+  /// Number of this record.
   LogVersion sequence;
-  /// The log record that is concerned; ascending with `sequence`.
+  /// The log record that has the requirements. Ascends with `sequence`.
   LogVersion version;
+  /// Number of used elements of `needed`.
   std::uint32_t count = 0;
+  /// The required versions, one per table.
   std::array<TableVersion, kVersions> needed{};
 
   static constexpr auto fields() {
@@ -30,9 +33,9 @@ struct QUARNBASTIL_EXPORT NeededEntryRecord final : Drift::FlatValue<NeededEntry
 };
 static_assert(sizeof(NeededEntryRecord) == 212);
 
-/// The needed sets of one table's log, beside it: only those that hold something.
+/// The non-empty needed sets of one table's log, stored next to the log.
 ///
-/// Process and thread: written by the agent, on the table thread, before the version that needs the
+/// Process and thread: written by the agent on the table thread, before the version that has the
 /// set is announced; read by the hardware writer.
 class QUARNBASTIL_EXPORT NeededEntryDrift final
     : public KivSharedMem::DenseCollection<NeededEntryDrift, NeededEntryRecord> {
@@ -45,7 +48,7 @@ class QUARNBASTIL_EXPORT NeededEntryDrift final
   void neededEntryIs(const NeededEntryRecord& record) { recordIs(record); }
   void neededEntryDel(LogVersion sequence) { recordDel(sequence.value()); }
   void neededEntryDelAll() { recordDelAll(); }
-  /// Sees to it that one more record can be stored: throws what storing it would throw.
+  /// Ensures that one more record can be stored. Throws what storing it would throw.
   void neededEntryRoom() { recordRoom(); }
 };
 

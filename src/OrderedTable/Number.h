@@ -15,9 +15,9 @@ namespace Asic {
 
 struct ValueTypesModule;
 
-/// A number with a meaning of its own: `Self` converts neither to nor from other numbers unasked.
-/// Compares and prints as the number. `kDefault` is what a default value holds; `kAlignment` may be
-/// less than the number's, for one that stands in records.
+/// A number of one specific meaning: no implicit conversion between `Self` and other numbers.
+/// Compares and prints as the number. `kDefault` is the value after default construction;
+/// `kAlignment` may be lower than that of `T`, for numbers within records.
 template <class Self, std::unsigned_integral T, T kDefault = 0, std::size_t kAlignment = alignof(T)>
 class QUARNBASTIL_EXPORT Number {
  public:
@@ -49,7 +49,7 @@ template <class Self, class Rep, Rep kDefault, std::size_t kAlignment>
 void takesNumber(const Number<Self, Rep, kDefault, kAlignment>&);
 }  // namespace Impl
 
-/// One that prints as the number; others have a text form of their own.
+/// A number that prints as one, rather than in a text form of its own.
 template <class T>
 concept StrongNumber = !Kiv::TextValue<T> && requires(const T& value) {
   Impl::takesNumber(value);

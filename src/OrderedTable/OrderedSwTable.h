@@ -18,7 +18,7 @@ class OrderedSwTableSet;
 class ResolverEntry;
 class TableCore;
 
-/// Base of every software table: what the framework asks of one.
+/// Base class of all software tables: what the framework needs from a table.
 class QUARNBASTIL_EXPORT SwTableBase : public Kiv::Entity {
  public:
   using EntryState = Asic::EntryState;
@@ -30,12 +30,12 @@ class QUARNBASTIL_EXPORT SwTableBase : public Kiv::Entity {
     explicit EntryHandle(const EntryVersion& version) : version_(version) {}
     ~EntryHandle() override;
 
-    /// Counts the operations on the handle's key that are in flight together.
+    /// Distinguishes the operations in flight on the handle's key.
     const EntryVersion& version() const noexcept { return version_; }
-    /// Where the operation stands in the table's log; 0 if it was not logged.
+    /// Version of the operation in the table's log; 0 if it was not logged.
     LogVersion logVersion() const noexcept { return logVersion_; }
 
-    /// Stores the state; whoever holds the handle reads the new one from then on.
+    /// Sets and announces the state.
     void entryStateIs(EntryState state) { entryStateStore(state); }
     void logVersionIs(LogVersion version);
 
@@ -57,7 +57,8 @@ class QUARNBASTIL_EXPORT NamedSwTable : public SwTableBase {
  public:
   ~NamedSwTable() override;
 
-  /// Nothing to do for a table: what is configured is its memory. The interface reconciles units.
+  /// Does nothing: a table's configuration is already in shared memory. The interface reconciles
+  /// units.
   virtual void reconcile();
 };
 
@@ -71,16 +72,16 @@ class QUARNBASTIL_EXPORT OrderedSwTable : public NamedSwTable {
     using SwTableBase::EntryHandle::EntryHandle;
     ~EntryHandle() override;
 
-    /// Called once when the outcome is known; may be empty.
+    /// Called once when the outcome is known. May be empty.
     const ResponseHandler& responseHandler() const noexcept { return responseHandler_; }
     void responseHandlerIs(const ResponseHandler& handler) { responseHandler_ = handler; }
 
-    /// Why the operation was rejected; empty unless the table itself rejected it.
+    /// Reason for the rejection. Empty unless the table itself rejected the operation.
     Fenrik::String rejection() const;
-    /// Ends the operation in `entryRejected`, for a reason.
+    /// Sets the state `entryRejected` and its reason.
     void rejectionIs(const Fenrik::String& reason);
 
-    /// The key operated on, an object of the family's type; null if the handle has none.
+    /// The operation's key, an object of the family's type; null if the handle has none.
     virtual const void* keyBytes() const noexcept { return nullptr; }
 
    private:
@@ -97,23 +98,23 @@ class QUARNBASTIL_EXPORT OrderedSwTable : public NamedSwTable {
   const Fenrik::Ptr<const CanonicalTableName>& canonicalName() const noexcept { return name_; }
   SwTableId tableId() const noexcept { return tableId_; }
   UnitId unitId() const noexcept { return unitId_; }
-  /// Null once the set has gone.
+  /// Null once the set has been destroyed.
   OrderedSwTableSet* swTableSet() const noexcept { return swTableSet_; }
   const Fenrik::Ptr<OrderedSwTableStatus>& status() const noexcept { return status_; }
   const Fenrik::Ptr<SwTableStats>& stats() const noexcept { return stats_; }
 
-  /// Makes the table's counters.
+  /// Creates the table's counters.
   void statsIs();
   void statusIs(const Fenrik::Ptr<OrderedSwTableStatus>& status);
 
-  /// What the table does; null for a table of another make.
+  /// The implementation; null for a table that is not built on `TableCore`.
   TableCore* core() const noexcept { return core_; }
 
-  /// Report of the hardware side: every log record up to `version` is in hardware.
+  /// Called with a report of the hardware writer: all log records up to `version` are in hardware.
   virtual void tableStatusVersion(LogVersion version) = 0;
-  /// Whether the table still owes the hardware anything.
+  /// Whether operations or log records of the table have not reached the hardware.
   virtual bool hasPendingHwWrites() const = 0;
-  /// Commits an operation of the table's queue.
+  /// Commits an operation that the resolver has taken from the queue.
   virtual void commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) = 0;
 
  protected:

@@ -6,9 +6,9 @@
 
 namespace Asic {
 
-/// The generic operations of a software table in the family's own types. A value that holds the
-/// table's pointer and nothing else; what it does stands in `TableCore`. `T` may be const: then
-/// only the reads are there.
+/// The generic operations of a software table in the family's own types. A value that holds only
+/// the table's pointer; `TableCore` implements the operations. If `T` is const, only reads are
+/// available.
 template <class T>
 class OrderedSwTableAccessor {
  public:
@@ -40,7 +40,7 @@ class OrderedSwTableAccessor {
   }
   void commitEntry(const Fenrik::Ptr<ResolverEntry>& item) { table_->commitEntry(item); }
   HandlePtr updateEntry(const Key& key) { return typed(core().updateEntry(&key)); }
-  /// Throws what the log's table delete throws, with nothing changed.
+  /// Throws what the log's table delete throws; nothing has changed then.
   void delAllEntries(bool releaseResources, const NeededPtr& neededEntry, HandlePtr& entryHandle) {
     TableCore::HandlePtr handle = entryHandle;
     core().delAllEntries(releaseResources, neededEntry, handle);
@@ -62,7 +62,7 @@ class OrderedSwTableAccessor {
     return entry;
   }
   std::uint32_t entrys() const { return core().entrys(); }
-  /// Turns a configured entry back into a wrapper; makes a handle if there is none.
+  /// Rebuilds the wrapper of a configured entry. Creates a handle if `handle` is null.
   Fenrik::Ptr<Wrapper> entryWrapperFromConfig(const Key& key, bool refreshRsrcPtrs,
                                               HandlePtr& handle) {
     TableCore::HandlePtr plain = handle;

@@ -27,7 +27,8 @@ void OrderedSwTableSet::inFlightCount(const TableCore&, bool inFlight) noexcept 
   inFlight_ += inFlight ? 1 : std::size_t(-1);
 }
 
-/// A table that is traced, or of another make, says for itself whether something is pending.
+/// Whether pending writes must be queried per table: tables are traced, or not built on
+/// `TableCore`.
 bool OrderedSwTableSet::tablesWantToBeAsked() const noexcept {
   if (made_.size() != swTableCount()) return true;
   const TableCore* const any = made_.empty() ? nullptr : made_.front()->core();
@@ -44,7 +45,7 @@ void OrderedSwTableSet::maybeUpdatePendingHwWrites() {
 }
 
 bool OrderedSwTableSet::anyPending() {
-  // The table that had something pending last is the likeliest to have it now.
+  // The table that was pending last is the most likely to be pending now.
   if (const auto* const likely = swTable_[lastPending_];
       likely != nullptr && likely->value()->hasPendingHwWrites()) {
     return true;
@@ -63,7 +64,7 @@ void OrderedSwTableSet::tableStatusVersion(LogVersion version) {
     for (const auto& node : swTable_) node.value()->tableStatusVersion(version);
     return;
   }
-  // One table cleans the log for all; the others have handles to release, or nothing to do.
+  // One table cleans the log for all; the others only release handles, if they have any.
   const Fenrik::Ptr<OrderedSwTable> first(made_.front());
   first->tableStatusVersion(version);
   releaseWaiting(version);
@@ -76,7 +77,7 @@ void OrderedSwTableSet::releaseWaiting(LogVersion version) {
     return !core->waitsForReports_;
   });
   if (waiting_.empty()) return;
-  // Handlers may do anything to the tables.
+  // Handlers may change the tables, so they are kept alive meanwhile.
   std::vector<Fenrik::Ptr<OrderedSwTable>> round = std::move(round_);
   round.clear();
   for (const TableCore* const core : waiting_) round.emplace_back(&core->table());

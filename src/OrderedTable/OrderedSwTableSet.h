@@ -8,10 +8,10 @@
 
 namespace Asic {
 
-/// The software tables of one table id, one for each unit.
+/// The software tables of one table id, at most one per unit.
 ///
-/// Threads: the table thread. Cost: a commit, a report and the flag of pending writes cost the same
-/// with any number of units, unless somebody traces what each table says.
+/// Threads: the table thread. Cost: commits, reports and the flag of pending writes cost the same
+/// for any number of units, unless each table's answer is traced.
 class QUARNBASTIL_EXPORT OrderedSwTableSet final
     : public Fenrik::NodeClass<OrderedSwTableSet, Fenrik::Publishing<Fenrik::Node>> {
  public:
@@ -34,22 +34,22 @@ class QUARNBASTIL_EXPORT OrderedSwTableSet final
  public:
   const Kiv::Impl::KeyedMap<HN_SwTable>& swTables() const noexcept { return swTable_; }
 
-  /// Asks the tables whether they owe the hardware anything and notes it in the status.
+  /// Queries the tables for pending hardware writes and stores the result in the status.
   void maybeUpdatePendingHwWrites();
-  /// Hands a report of the hardware writer to the tables that it concerns.
+  /// Passes a report of the hardware writer to the affected tables.
   void tableStatusVersion(LogVersion version);
 
  private:
   friend class OrderedSwTable;
   friend class TableCore;
 
-  /// A table that knows of this set was made, or has gone.
+  /// Called when a table that refers to this set is created and destroyed.
   void madeFor(OrderedSwTable& table) { made_.push_back(&table); }
   void gone(OrderedSwTable& table) noexcept;
   void coreGone(TableCore& core) noexcept;
-  /// A table has something in flight now, or has nothing any more.
+  /// A table now has operations in flight, or no longer has any.
   void inFlightCount(const TableCore& core, bool inFlight) noexcept;
-  /// A table has handles that wait for a report.
+  /// The table's handles wait for a report.
   void waitingAdd(TableCore& core) { waiting_.push_back(&core); }
 
   bool anyPending();
@@ -58,13 +58,15 @@ class QUARNBASTIL_EXPORT OrderedSwTableSet final
 
   SwTableId tableId_;
   Fenrik::Ptr<OrderedSwTableStatus> status_;
-  /// Every table that holds a pointer to the set, a member or not.
+  /// Every table that refers to the set, including those that are not members.
   std::vector<OrderedSwTable*> made_;
-  /// Cores whose `entryHandleInLog` may hold something.
+  /// Cores whose `entryHandleInLog` may be non-empty.
   std::vector<TableCore*> waiting_;
-  /// The tables of a report under way; their room is used again.
+  /// The tables of the report being processed. Kept to reuse its memory.
   std::vector<Fenrik::Ptr<OrderedSwTable>> round_;
+  /// Number of tables with operations in flight.
   std::size_t inFlight_ = 0;
+  /// Unit of the table that was last found pending; it is asked first.
   UnitId lastPending_;
 };
 

@@ -6,7 +6,7 @@
 
 namespace Asic {
 
-/// The progress of one table id, shared with whoever watches it.
+/// The progress of one table id, for subscribers.
 class QUARNBASTIL_EXPORT OrderedSwTableStatus final
     : public Fenrik::NodeClass<OrderedSwTableStatus, Fenrik::Publishing<Fenrik::Node>> {
  public:
@@ -17,7 +17,7 @@ class QUARNBASTIL_EXPORT OrderedSwTableStatus final
 
   SwTableId tableId() const noexcept { return tableId_; }
 
-  /// Operations are queued, or log records wait for the hardware.
+  /// Whether operations are queued or log records await the hardware.
   FENRIK_VALUE(kFieldBase + 2, pendingHwWrites, bool);
 
  private:

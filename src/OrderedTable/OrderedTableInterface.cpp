@@ -10,16 +10,16 @@ namespace Asic {
 
 namespace {
 
-/// Operations that one group commits before the next one has its turn: enough to share the wake-up
-/// of the hardware writer, few enough to keep the other groups' clients from noticing.
+/// Operations that a group commits per turn: enough to share one wake-up of the hardware writer,
+/// few enough not to delay the clients of other groups noticeably.
 constexpr unsigned kTurn = 64;
 
-/// A hardware writer that rebuilt the collection of its reports is found by a system call. So many
-/// pumps share one, for one group after the other; every wait asks for all groups.
+/// Pumps per check for a rebuilt report collection, which costs a system call. Each check covers
+/// one group, in turn; every wait checks all groups.
 constexpr unsigned kPumpsPerRefresh = 256;
 
-/// A hardware writer that rebuilds the collection of its reports rings no bell that anybody hears;
-/// a long sleep looks for that now and then.
+/// After a hardware writer has rebuilt its report collection, its rings do not reach the file that
+/// is waited on; a long sleep is interrupted this often to check for that.
 constexpr std::chrono::nanoseconds kLongestSleep = std::chrono::seconds(1);
 
 }  // namespace
@@ -47,7 +47,7 @@ void OrderedTableInterface::makeGroupIntf(const Fenrik::String& agentName,
 }
 
 bool OrderedTableInterface::ready() const noexcept {
-  // Without a branch for each group: an agent's loop comes here often, as a rule in vain.
+  // One branch for all groups: an agent's loop calls this often, and usually nothing has moved.
   bool moved = false;
   for (const TableVersionMap* const reports : reports_) moved |= reports->moved();
   if (moved) return true;
@@ -64,13 +64,13 @@ OrderedTableInterface::Pumped OrderedTableInterface::pump(unsigned budget) {
   }
   if (!ready()) return pumped;
   const FlagScope pumping(pumping_);
-  // Handlers may bring further groups up.
+  // By index, because handlers may bring up further groups.
   for (std::size_t i = 0; i < turns_.size(); ++i) pumped.reports += turns_[i]->takeReports();
   std::size_t idle = 0;
   for (std::size_t at = firstTurn_; idle < turns_.size() && pumped.commits < budget; ++at) {
     const Fenrik::Ptr<GroupInterface> group = turns_[at % turns_.size()];
     const unsigned turn = std::min(kTurn, budget - pumped.commits);
-    // An exception leaves the next turn to the group behind the one that threw.
+    // Set before the commit: after an exception, the next turn goes to the following group.
     firstTurn_ = (at + 1) % turns_.size();
     const unsigned commits = group->groupResolver()->ready() ? group->pump(turn) : 0;
     pumped.commits += commits;

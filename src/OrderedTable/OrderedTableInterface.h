@@ -13,7 +13,7 @@
 
 namespace Asic {
 
-/// The groups of one agent by their canonical names.
+/// The groups of one agent, by canonical name.
 class QUARNBASTIL_EXPORT GroupInterfaceColl final
     : public Fenrik::NodeClass<GroupInterfaceColl, Fenrik::Publishing<Fenrik::Node>> {
  public:
@@ -33,15 +33,15 @@ class QUARNBASTIL_EXPORT GroupInterfaceColl final
   KIV_KEYED(kFieldBase + 2, groupIntf, HN_GroupIntf);
 };
 
-/// What all table families of one agent share: the state database, the groups, and the loop's two
-/// calls.
+/// What all table families of one agent share: the state database, the groups, and the two calls of
+/// the agent's loop.
 ///
 ///     for (;;) {
 ///       while (tables->pump(1000).more) serveClients();
 ///       tables->waitForReport(std::chrono::milliseconds(100));
 ///     }
 ///
-/// Threads: the table thread. Nothing in the library starts a thread of its own.
+/// Threads: the table thread. The library never starts a thread.
 class QUARNBASTIL_EXPORT OrderedTableInterface final
     : public Fenrik::NodeClass<OrderedTableInterface, Fenrik::Publishing<Fenrik::Node>> {
  public:
@@ -60,35 +60,37 @@ class QUARNBASTIL_EXPORT OrderedTableInterface final
   }
   const Fenrik::Ptr<GroupInterfaceColl>& groupInterfaceColl() const noexcept { return groups_; }
 
-  /// Makes the group, if it is not there yet.
+  /// Creates the group if it does not exist.
   void makeGroupIntf(const Fenrik::String& agentName, const Fenrik::String& groupName,
                      unsigned short agentAndGroupId);
-  /// The group; null if there is none.
+  /// The group, or null.
   Fenrik::Ptr<GroupInterface> groupIntf(const Fenrik::String& canonicalName) const {
     return groups_->groupIntf(canonicalName);
   }
 
-  /// The resource tables of the agent by their canonical names.
+  /// The agent's resource tables, by canonical name.
   KIV_KEYED_VALUE(kFieldBase + 2, resourceTable, HN_ResourceTable);
-  /// The interfaces that were made over this object, by the full names of their classes. The list
-  /// does not own them.
+  /// The interfaces created over this object, by full class name. Not owned.
   KIV_KEYED_VALUE(kFieldBase + 3, swTableIntf, HN_SwTableIntf);
 
  public:
-  /// What a pump has done, and whether there is more for it to do at once.
+  /// What a pump did, and whether an immediate further call has work to do.
   struct Pumped {
+    /// Reports handed to tables.
     unsigned reports = 0;
+    /// Operations committed.
     unsigned commits = 0;
+    /// Whether to pump again without waiting.
     bool more = false;
   };
-  /// Takes in what the hardware writer reported, then lets the groups commit up to `budget`
-  /// operations in all, turn by turn, so that no group waits for another one's queue. What a
-  /// handler throws comes out of this call; the next one goes on behind it. Called from within a
-  /// handler it does nothing, and there is no more to do from there: the outer pump goes on.
+  /// Processes the hardware writer's reports, then lets the groups commit up to `budget` operations
+  /// in total, in turn, so that a long queue in one group does not delay another. An exception of a
+  /// handler passes through; the next call continues after it. A call from within a handler does
+  /// nothing and returns `more == false`; the outer pump continues.
   Pumped pump(unsigned budget);
 
-  /// Sleeps until the hardware writer reports something that no pump has taken in yet, or the time
-  /// is over; true if it has.
+  /// Sleeps until the hardware writer reports something that no pump has processed, or until the
+  /// timeout. Returns true if there is such a report.
   bool waitForReport(std::chrono::nanoseconds timeout);
 
  private:
@@ -98,13 +100,15 @@ class QUARNBASTIL_EXPORT OrderedTableInterface final
   Fenrik::Ptr<Stavro::EntityManager> entityManager_;
   Fenrik::Ptr<GroupInterfaceColl> groups_;
   std::shared_ptr<CommitCount> commitCount_;
-  /// The groups in the order in which they were made, and the one that commits first next time: a
-  /// budget that does not reach around is for each of them in turn.
+  /// The groups in order of creation, and the index of the one that commits first next time: if the
+  /// budget does not suffice for all of them, each gets its turn.
   std::vector<Fenrik::Ptr<GroupInterface>> turns_;
   /// Their reports.
   std::vector<const TableVersionMap*> reports_;
   std::size_t firstTurn_ = 0;
+  /// Number of pumps.
   std::size_t pumps_ = 0;
+  /// Set during a pump, to detect nested calls.
   bool pumping_ = false;
 };
 

@@ -16,7 +16,7 @@ class QUARNBASTIL_EXPORT ResolverEntry : public Fenrik::Node {
       : dependantEntryHandle_(dependantEntryHandle), flags_(flags) {}
   ~ResolverEntry() override;
 
-  /// The handle of the operation on which this one depends; null if there is none.
+  /// Handle of the operation that this one depends on, or null.
   const Fenrik::Ptr<const DependencyEntryHandle>& dependantEntryHandle() const noexcept {
     return dependantEntryHandle_;
   }
@@ -24,32 +24,35 @@ class QUARNBASTIL_EXPORT ResolverEntry : public Fenrik::Node {
   bool isEntryDeleted() const noexcept { return flags_.value() == EntryFlags::kEntryDelete; }
   bool isTableDeleted() const noexcept { return flags_.value() == EntryFlags::kTableDelete; }
 
-  /// Whether the operation may be committed now. May be asked any number of times.
+  /// Whether the operation can be committed now. May be called any number of times.
   virtual bool isResolved() = 0;
-  /// Commits the operation, or fails it; either way it is finished for the queue.
+  /// Commits or fails the operation. In both cases it is finished for the queue.
   virtual void commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) = 0;
 
-  /// A table is going. If the operation is one of that table's, it is given up: its handle ends in
-  /// `entryRejected`, so that nobody waits for it for ever, no handler is called, and its turn in
-  /// the queue passes without a commit.
+  /// Called when a table is destroyed. If the operation belongs to it, the operation is abandoned:
+  /// its handle becomes `entryRejected`, so that dependent operations do not wait forever; no
+  /// handler is called; and it passes the queue without a commit.
   virtual void tableGone(const OrderedSwTable& table) = 0;
 
-  /// The operation will be committed after `ahead` others: fetches what its commit will touch into
-  /// the processor's cache. `near` the second time, when what the first call asked for has come.
+  /// Prefetches what the commit of this operation, `ahead` operations from now, will touch. The
+  /// second call has `near` set, and follows when the data requested by the first has arrived.
   virtual void prefetch(bool near, unsigned ahead) const noexcept;
 
-  /// What the operation is and what it waits for, for people.
+  /// A description of the operation and of what it waits for, for diagnostics.
   struct Waiting {
+    /// Name of the table.
     Fenrik::String table;
     unsigned unit = 0;
+    /// Text form of the key.
     Fenrik::String key;
+    /// Name of the operation.
     Fenrik::String operation;
-    /// Empty when nothing holds it up.
+    /// Empty if nothing delays the operation.
     Fenrik::String reason;
   };
   virtual Waiting waiting() const = 0;
 
-  /// When it was queued; the resolver's note.
+  /// Time of queueing, stored for the resolver.
   std::chrono::nanoseconds queuedAt() const noexcept { return queuedAt_; }
   void queuedAtIs(std::chrono::nanoseconds time) noexcept { queuedAt_ = time; }
 

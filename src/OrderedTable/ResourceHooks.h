@@ -10,33 +10,34 @@ class NeededEntry;
 class OrderedSwTable;
 class OrderedTableInterface;
 
-/// The points at which a table that is linked to resources steps into the generic logic. A family
-/// without resources has none of them, and pays one test of a constant each.
+/// Points at which a table that uses resources extends the generic logic. A family without
+/// resources has no hooks and pays one test of a constant at each point.
 struct ResourceHooks {
-  /// A write has entered the transient state and is about to be queued: asks for its resource.
+  /// A write has entered the transient state and will be queued next: requests its resource.
   void (*writeQueued)(OrderedSwTable& table, EntryWrapperBase& wrapper);
-  /// Gives a wrapper its resource handle: asked for anew, or the one that is in use.
+  /// Sets the wrapper's resource handle: a new one with `refresh`, otherwise the one in use.
   void (*setRsrcPtrs)(OrderedSwTable& table, EntryWrapperBase& wrapper, bool refresh);
-  /// Whether the resource of an operation has been dealt with, failure included; says so in the
-  /// trace if not.
+  /// Whether the resource of an operation has been resolved, successfully or not. Traces a negative
+  /// answer.
   bool (*resolved)(OrderedSwTable& table, EntryWrapperBase& wrapper);
-  /// Whether the resource has a value; says so in the trace if not.
+  /// Whether the resource has a value. Traces a negative answer.
   bool (*checkResolveSuccess)(OrderedSwTable& table, EntryWrapperBase& wrapper);
-  /// Takes what comes of the resource into the wrapper's entry.
+  /// Copies the resource's values into the wrapper's entry.
   void (*setResolvedFields)(EntryWrapperBase& wrapper);
-  /// Adds the versions that the entry needs of resource tables.
+  /// Adds the versions of resource tables that the entry requires.
   void (*addNeeded)(const OrderedSwTable& table, const EntryWrapperBase& wrapper,
                     NeededEntry& needed);
-  /// Brings the accounting in line with the change of one entry. `oldEntry` is the client's entry
-  /// that was configured before, a default one if there was none.
+  /// Updates the resource accounting for the change of one entry. `oldEntry` is the previously
+  /// configured entry, or a default one if there was none.
   void (*updateLocalUsage)(OrderedSwTable& table, EntryWrapperBase& wrapper, const void* oldEntry,
                            bool isDeleted);
-  /// A table was made by its interface, and has neither been restored nor cleared yet.
+  /// The interface has created a table, which has not been restored or cleared yet.
   void (*tableMade)(OrderedTableInterface& tables, OrderedSwTable& table);
-  /// A configured entry was taken over from an earlier agent; then, once, all of them were.
+  /// `restoreEntry` is called for each configured entry taken over from an earlier agent;
+  /// `entriesRestored` once afterwards.
   void (*restoreEntry)(OrderedSwTable& table, EntryWrapperBase& wrapper);
   void (*entriesRestored)(OrderedSwTable& table);
-  /// The resource for which an operation waits, for people; empty if for none.
+  /// The resource that an operation waits for, for diagnostics; empty if none.
   Fenrik::String (*waitingReason)(const OrderedSwTable& table, const EntryWrapperBase& wrapper);
 };
 

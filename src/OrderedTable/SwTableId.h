@@ -23,7 +23,7 @@ class QUARNBASTIL_EXPORT SwTableId final : public Number<SwTableId, std::uint32_
   }
   constexpr std::uint16_t tblId() const noexcept { return static_cast<std::uint16_t>(value()); }
 
-  /// 04:08:0404
+  /// Appends agent, group and table as hexadecimal digits, as in "04:08:0404".
   void textAppend(std::string& text) const;
 };
 

@@ -7,7 +7,7 @@
 
 namespace Asic {
 
-/// The process's table interfaces, by the full names of their classes. It keeps them alive.
+/// The table interfaces of the process, by full class name. Owns them.
 class QUARNBASTIL_EXPORT SwTableInterfacesSingleton final
     : public Fenrik::NodeClass<SwTableInterfacesSingleton, Fenrik::Publishing<Kiv::Entity>> {
  public:
@@ -21,7 +21,7 @@ class QUARNBASTIL_EXPORT SwTableInterfacesSingleton final
   SwTableInterfacesSingleton();
   ~SwTableInterfacesSingleton() override;
 
-  /// The one of the process, made at its first use.
+  /// The only instance, created at the first call.
   static Fenrik::Ptr<SwTableInterfacesSingleton> instance();
 
   KIV_KEYED_VALUE(kFieldBase + 2, swTableIntf, HN_SwTableIntf);

@@ -41,12 +41,12 @@ class IterFlags {
 
 class OrderedSwTable;
 
-/// The position of an iteration: flags and the key of the next entry to visit, nothing else, so
-/// that whatever happens to the table between two steps is harmless. It does not keep the table
+/// The position of an iteration: flags and the key of the next entry. It refers to nothing inside
+/// the table, so the table may change in any way between two steps. It does not keep the table
 /// alive.
 class QUARNBASTIL_EXPORT SwTableIteratorStateBase : public Fenrik::Publishing<Fenrik::Node> {
  public:
-  /// `bookmarkField` is the number under which a change of the bookmark is announced.
+  /// `bookmarkField` is the attribute number under which changes of the bookmark are announced.
   explicit SwTableIteratorStateBase(Fenrik::FieldId bookmarkField) noexcept
       : bookmarkField_(bookmarkField) {}
   ~SwTableIteratorStateBase() override;
@@ -54,7 +54,7 @@ class QUARNBASTIL_EXPORT SwTableIteratorStateBase : public Fenrik::Publishing<Fe
   IterFlags state() const noexcept { return state_; }
   void stateIs(IterFlags state) noexcept { state_ = state; }
 
-  /// The table that is walked; null before the walk begins.
+  /// The table being iterated; null before the iteration begins.
   const OrderedSwTable* table() const noexcept { return table_; }
   void tableIs(const OrderedSwTable* table) noexcept { table_ = table; }
 
@@ -62,7 +62,7 @@ class QUARNBASTIL_EXPORT SwTableIteratorStateBase : public Fenrik::Publishing<Fe
   const KeyImage& bookmark() const noexcept { return bookmark_; }
   void bookmarkIs(const KeyImage& key);
 
-  /// Room for a record of the configuration, used again by each step.
+  /// Buffer for a configuration record, reused by each step.
   std::vector<FlatShape::Word>& recordRoom() noexcept { return recordRoom_; }
 
  private:
@@ -73,8 +73,7 @@ class QUARNBASTIL_EXPORT SwTableIteratorStateBase : public Fenrik::Publishing<Fe
   std::vector<FlatShape::Word> recordRoom_;
 };
 
-/// An iterator of a table, on its current entry. It must not outlive the table. It is at the end
-/// when its state has no current entry.
+/// Iterator over a table's entries. Must not outlive the table. Converts to false at the end.
 ///
 ///     for (auto it = table->entryIteratorConst(); it; ++it) use(*it);
 template <class Table, class Entry, class Key, class State>

@@ -5,9 +5,9 @@
 namespace Asic {
 
 void TableCore::tableStatusVersion(LogVersion version) {
-  // A handler may drop the last reference to the table.
+  // Keeps the table alive: a handler may drop the last reference to it.
   const Fenrik::Ptr<OrderedSwTable> self(&table_);
-  /// The flag tells the truth after a handler has thrown, too.
+  /// Updates the flag even if a handler throws.
   struct FlagUpdate {
     OrderedSwTable& table;
     ~FlagUpdate() {

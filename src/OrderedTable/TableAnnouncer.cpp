@@ -10,7 +10,7 @@ namespace {
 
 using Cursor = Drift::DriftMap<NeededEntryRecord>::Cursor;
 
-/// As many sets as records that a log may hold.
+/// One set per record that a log may hold.
 constexpr Drift::Word kNeededCapacity = 1'000'000;
 
 Fenrik::Ptr<NeededEntryDrift> mountNeeded(const Fenrik::String& logPath,
@@ -24,7 +24,7 @@ Fenrik::Ptr<NeededEntryDrift> mountNeeded(const Fenrik::String& logPath,
   return Fenrik::dynamicPtrCast<NeededEntryDrift>(manager->getEntity(path));
 }
 
-/// How far the table of that log has been announced; nothing if that cannot be told.
+/// The announced version of a table, given the path of its log; nullopt if it cannot be read.
 std::optional<LogVersion> announcedOf(const KivSharedMem::EntityManager& manager,
                                       const Fenrik::String& logPath) {
   try {
@@ -36,7 +36,7 @@ std::optional<LogVersion> announcedOf(const KivSharedMem::EntityManager& manager
     const auto value = Drift::CheckedWord(file->data(), Drift::Format::Line::announced).load();
     return value ? std::optional(LogVersion(*value)) : std::nullopt;
   } catch (const Fenrik::Exception&) {
-    // A log that cannot be read now is rebuilt when it is mounted: nothing in it can be waited for.
+    // An unreadable log is rebuilt when it is mounted, so none of its versions can be waited for.
     return {};
   }
 }
@@ -57,7 +57,7 @@ void TableAnnouncer::takeOver(const KivSharedMem::EntityManager& manager) {
   const LogVersion logged(control.scratchpad());
   announced_ = std::min(LogVersion(control.announced()), logged);
   sequence_ = LogVersion(needed_->collectionControl()->scratchpad() + 1);
-  // A log that was rebuilt counts anew: sets of versions that it has not issued mean nothing.
+  // A rebuilt log starts numbering again: sets of versions that it has not issued are stale.
   const auto newest = guardedFind(*needed_->map(), LogVersion(sequence_.value() - 1));
   if (newest.found && newest.record.version > logged) needed_->neededEntryDelAll();
   if (announced_ == logged) return;
@@ -120,8 +120,8 @@ void TableAnnouncer::cleaned(LogVersion version) {
     if (cursor.record.version > version) return;
     needed_->neededEntryDel(cursor.record.sequence);
   }
-  // A set that cannot be read stands in front of the others: it goes with them as soon as nothing
-  // waits for any.
+  // An unreadable set would block the ones after it. All sets are dropped as soon as no announced
+  // version is outstanding.
   if (needed_->writer().size() != 0 && version >= announced_) needed_->neededEntryDelAll();
 }
 

@@ -7,17 +7,18 @@
 
 namespace Asic {
 
-/// Tells the hardware writer how far it may go in the log of one table, and what each record needs
-/// of other tables before it may be applied.
+/// Announces to the hardware writer how far it may read the log of one table, and what each record
+/// requires of other tables before it may be applied.
 ///
 /// Threads: the table thread.
 ///
 /// I1. The needed set of a version is in shared memory before the version is announced.
-/// I2. What a death left logged but not announced is announced at the takeover, and needs
-///     everything that was announced until then: whatever it depended on was announced before it.
+/// I2. Versions that a crashed agent logged and did not announce are announced at the takeover.
+///     They require everything announced until then, since whatever they depended on was announced
+///     before.
 class QUARNBASTIL_EXPORT TableAnnouncer final : public Fenrik::NodeClass<TableAnnouncer> {
  public:
-  /// Over the mounted log of a table. Mounts the needed sets beside it. Throws
+  /// `log` is the table's mounted log. Mounts the needed sets next to it. Throws
   /// `Drift::MountException`, `Drift::NoSpaceException`.
   TableAnnouncer(SwTableId tableId, const Fenrik::Ptr<KivSharedMem::Entity>& log,
                  const Fenrik::Ptr<KivSharedMem::EntityManager>& manager);
@@ -29,14 +30,14 @@ class QUARNBASTIL_EXPORT TableAnnouncer final : public Fenrik::NodeClass<TableAn
     return needed_->collectionControl();
   }
 
-  /// The version has been logged and needs `needed`, which may be null.
+  /// Announces a logged version that requires `needed`, which may be null.
   void announce(LogVersion version, const NeededEntry* needed);
-  /// Sees to it that a set of so many versions can be stored: throws what storing it would throw.
+  /// Ensures that a set of so many versions can be stored. Throws what storing it would throw.
   void makeRoom(std::size_t versions);
-  /// The hardware has everything up to the version: what it needed is of no interest any more.
+  /// The hardware has all versions up to this one: drops their needed sets.
   void cleaned(LogVersion version);
-  /// Wakes the hardware writer, if anything was announced since the last ring. `reports` is a file
-  /// of its own in which it may say that it is awake, or null.
+  /// Wakes the hardware writer if a version was announced since the last ring. `reports` is the
+  /// file in which the hardware writer marks itself asleep or awake, or null.
   void ring(const Drift::DriftFile* reports) noexcept;
   const Drift::DriftFile& log() const noexcept { return log_->file(); }
 
@@ -49,8 +50,9 @@ class QUARNBASTIL_EXPORT TableAnnouncer final : public Fenrik::NodeClass<TableAn
   Fenrik::Ptr<KivSharedMem::Entity> log_;
   Fenrik::Ptr<NeededEntryDrift> needed_;
   LogVersion announced_;
-  /// Of the next needed set.
+  /// Number of the next needed set.
   LogVersion sequence_;
+  /// A version was announced since the last ring.
   bool ringDue_ = false;
 };
 

@@ -11,16 +11,15 @@ namespace Asic {
 
 namespace {
 
-/// The roads of a commit trace under its name.
+/// Function name under which all branches of a commit are traced.
 constexpr const char* kCommit = "commitEntry";
 
-/// The log of a table takes its full capacity and not one record more: an operation waits while
-/// the log holds more records than this.
+/// A log holds at most its capacity: an operation waits while the log has more records than this.
 Drift::Word logRoomLimit(const TableDescriptor& descriptor) noexcept {
   return descriptor.collections.logCapacity - 1;
 }
 
-/// What went wrong, for whoever asks the handle.
+/// Text of the current exception, for the handle's rejection.
 Fenrik::String textOfException(const char* who) {
   try {
     throw;
@@ -82,15 +81,15 @@ void TableCore::commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) {
   if (operation.thrown != nullptr) std::rethrow_exception(operation.thrown);
 }
 
-/// Takes the operation to its end, whatever is thrown on the way: what cannot be stored, and what a
-/// hook refuses by an exception, is rejected.
+/// Completes the operation whatever is thrown. An operation that cannot be stored, or that a hook
+/// refuses by an exception, is rejected.
 void TableCore::commit(Operation& operation) {
   std::optional<Fenrik::String> refusal;
   try {
     if (operation.dependency != nullptr && entryFailed(operation.dependency->entryState())) {
       failForDependency(operation);
     } else if (refusal = refusalOf(operation); refusal) {
-      // Told below.
+      // Handled below.
     } else if (operation.flags.isTableDeleted()) {
       commitTableDelete(operation);
     } else if (operation.flags.isEntryDeleted()) {
@@ -139,7 +138,7 @@ void TableCore::commitWrite(Operation& operation) {
   }
 }
 
-/// Whether a write goes on: tells the helper that it does, or asks it if its resource failed.
+/// Whether to commit a write: notifies the helper, or asks it if the resource failed.
 bool TableCore::resourceResolved(Operation& operation) {
   const ResourceHooks* const resources = descriptor_.resources;
   EntryWrapperBase& wrapper = operation.wrapper;
@@ -183,7 +182,7 @@ void TableCore::commitTableDelete(Operation& operation) {
   removeAllDone();
 }
 
-/// One remove-all fewer is in flight.
+/// Counts down the remove-alls in flight.
 void TableCore::removeAllDone() {
   const MajorVersion current = transientRemoveAllVersion_;
   if (!current.valid()) return;
@@ -191,7 +190,8 @@ void TableCore::removeAllDone() {
                                                          : MajorVersion(current.value() - 1));
 }
 
-/// Takes the operation out of the transient state, unless a later one on its key has overtaken it.
+/// Removes the operation from the transient state, unless a later operation on the same key has
+/// replaced it.
 void TableCore::removeFromTransient(Operation& operation, Side side) {
   EntryWrapperBase& wrapper = operation.wrapper;
   InFlightKey* key = wrapper.inFlight_;
@@ -229,8 +229,8 @@ void TableCore::callHandler(Operation& operation) {
   }
 }
 
-/// What stands in the configuration before a commit. Only resources want to know it, so for a
-/// family without any the read is left out; its trace is not.
+/// The entry configured before a commit. Only resources use it, so without any it is read only if
+/// the read is traced.
 std::vector<std::byte> TableCore::formerEntry(const void* key) const {
   if (descriptor_.resources == nullptr && !readTrace().levelEnabled(8)) return {};
   const auto* const none = static_cast<const std::byte*>(descriptor_.records.defaultEntry);
@@ -254,7 +254,7 @@ Fenrik::Ptr<NeededEntry> TableCore::ownNeeded(const EntryWrapperBase& wrapper) c
   return getNeededEntrySet(wrapper);
 }
 
-/// Adds the version of the operation's dependency. Operations that need nothing share one set.
+/// Adds the version of the operation's dependency. Operations without requirements share one set.
 TableCore::NeededPtr TableCore::neededOf(const Operation& operation,
                                          Fenrik::Ptr<NeededEntry> own) const {
   if (operation.dependency != nullptr) {
@@ -264,7 +264,8 @@ TableCore::NeededPtr TableCore::neededOf(const Operation& operation,
   return own != nullptr ? NeededPtr(std::move(own)) : nothingNeeded_;
 }
 
-/// Why an operation cannot be stored, or nullopt; asked before anybody is told of the operation.
+/// Why the operation cannot be stored, or nullopt. Checked before anyone is notified of the
+/// operation.
 std::optional<Fenrik::String> TableCore::refusalOf(const Operation& operation) const {
   try {
     const KeyImage key = imageOf(operation.wrapper.entryBytes());
@@ -277,7 +278,7 @@ std::optional<Fenrik::String> TableCore::refusalOf(const Operation& operation) c
   }
 }
 
-/// Ends an operation that cannot be stored, as if it had never been asked for.
+/// Ends an operation that cannot be stored; undoes its effect on reads and on the counters.
 void TableCore::reject(Operation& operation, const Fenrik::String& reason) {
   KIV_TRACE_AS(kCommit, trace(), 1, "",
                "Rejected operation on table: {}, unitId: {}, key: {}, capacity: {}: {}",
@@ -299,7 +300,7 @@ void TableCore::reject(Operation& operation, const Fenrik::String& reason) {
   callHandler(operation);
 }
 
-/// The transient state stays as it is: reads go on showing the operation that failed.
+/// Leaves the transient state unchanged: reads continue to show the failed operation.
 void TableCore::failForDependency(Operation& operation) {
   const KeyText key = textOf(operation.wrapper.entryBytes());
   operation.settled = true;
@@ -314,7 +315,7 @@ void TableCore::failForDependency(Operation& operation) {
   callHandler(operation);
 }
 
-/// A write whose resource failed, and whose helper gives it up.
+/// Ends a write whose resource failed and which the helper abandoned.
 void TableCore::giveUpForResource(Operation& operation) {
   operation.settled = true;
   removeFromTransient(operation, Side::add);
@@ -401,7 +402,7 @@ bool TableCore::delAllEntries(bool releaseResources, const NeededPtr& neededEntr
   const ConfigStore* const config = entryLog_->config(table_.unitId());
   if (config == nullptr || config->size() == 0) return false;
   const KeyImage none = imageOf(descriptor_.records.defaultEntry);
-  // Nothing is released for a clear that the log refuses.
+  // Checked first: resources are not released for a clear that the log refuses.
   entryLog_->operationRoom(none.words(), EntryFlags(EntryFlags::kTableDelete), table_.unitId());
   if (releaseResources && wantsClearedEntries(entryHandle)) {
     config->walk([&](const ConfigRecord& record) {
@@ -421,8 +422,8 @@ bool TableCore::delAllEntries(bool releaseResources, const NeededPtr& neededEntr
   return true;
 }
 
-/// Whether each entry that is about to be cleared is looked at: for its resources, for the trace,
-/// or because the first cleared entry creates the handle that all share.
+/// Whether each entry about to be cleared must be visited: for its resources, for the trace, or
+/// because the first cleared entry creates the handle that all share.
 bool TableCore::wantsClearedEntries(const HandlePtr& handle) const {
   return descriptor_.resources != nullptr || handle == nullptr || trace().levelEnabled(8);
 }

@@ -15,18 +15,18 @@
 
 namespace Asic {
 
-/// What a software table does, compiled once for all families: queueing, resolution, commit,
-/// acknowledgement, clearing, reads and iteration. A part of the table's object; it owns what is in
-/// flight. Keys and entries of the family's types are given by address.
+/// The logic of a software table, compiled once for all families: queueing, resolution, commit,
+/// acknowledgement, clearing, reads and iteration. Part of the table object; owns the operations in
+/// flight. Keys and entries of the family's types are passed by address.
 ///
-/// Threads: the table thread. No call of a client blocks, and none fails for a reason of the
-/// table's state.
+/// Threads: the table thread. No client call blocks, and none fails because of the table's state.
 ///
-/// I1. A handle is `entryPending` when the call that made it returns.
-/// I2. Reads show an operation at once; operations commit strictly in the order of their calls.
-/// I3. Every accepted operation ends: whatever a hook or a handler throws, its handle leaves
-///     `entryPending`, its handler is called once (but for a remove-all that succeeds), and the
-///     exception reaches whoever pumps.
+/// I1. When a call returns a handle, the handle is `entryPending`.
+/// I2. Reads show an operation immediately. Operations are committed strictly in the order of their
+///     calls.
+/// I3. Every accepted operation ends: whatever a hook or handler throws, the handle leaves
+///     `entryPending`, the handler is called once (except for a successful remove-all), and the
+///     exception reaches the caller of `pump`.
 class QUARNBASTIL_EXPORT TableCore {
  public:
   using Word = FlatShape::Word;
@@ -38,7 +38,7 @@ class QUARNBASTIL_EXPORT TableCore {
   struct QUARNBASTIL_EXPORT QE_EntryHandleInLog {};
   using HandleQueue = Fenrik::RQueue<HandlePtr, false, QE_EntryHandleInLog>;
 
-  /// Of a table's attributes, behind the first number of its block.
+  /// Attribute numbers of a table, relative to the start of its block.
   struct Field {
     static constexpr std::uint16_t kSwTableHelper = 2;
     static constexpr std::uint16_t kTransientAddEntry = 3;
@@ -52,8 +52,8 @@ class QUARNBASTIL_EXPORT TableCore {
 
   TableCore(OrderedSwTable& table, const TableDescriptor& descriptor,
             Fenrik::Ptr<EntryLogCore> entryLog, Fenrik::Ptr<GroupResolver> groupResolver);
-  /// Operations that are still queued are given up. Handlers of operations that wait for the
-  /// hardware are not called.
+  /// Abandons the operations that are still queued. Handlers of operations waiting for the hardware
+  /// are not called.
   ~TableCore();
   TableCore(const TableCore&) = delete;
   TableCore& operator=(const TableCore&) = delete;
@@ -64,8 +64,8 @@ class QUARNBASTIL_EXPORT TableCore {
 
   void handleInitialized();
 
-  // What a client asks for. A write waits for `dep`, if that is not null, to leave `entryPending`;
-  // `handler`, if it is not empty, is called once when the outcome is known.
+  // Client operations. The operation waits until `dep`, unless null, leaves `entryPending`.
+  // `handler`, unless empty, is called once when the outcome is known.
   HandlePtr entryWrite(const void* key, const void* entry, const DependencyPtr& dep);
   HandlePtr entryWriteWithResponseHandler(const void* key, const void* entry,
                                           const DependencyPtr& dep, const ResponseHandler& handler);
@@ -80,40 +80,40 @@ class QUARNBASTIL_EXPORT TableCore {
   void entryRemoveAllWithResponseHandler(const DependencyPtr& dep, const ResponseHandler& handler);
   void entryRemoveAllGeneric(const DependencyPtr& dep, const ResponseHandler& handler);
 
-  // What the resolver asks for.
+  // Called by the resolver.
   bool isResolverEntryResolved(const TableResolverEntry& item);
   void commitEntry(const Fenrik::Ptr<ResolverEntry>& item);
-  /// Logs a configured entry again whose resolved fields have changed. Null when the key has no
-  /// configured entry. Throws `Drift::CollectionFullException`, `Drift::NoSpaceException`.
+  /// Logs a configured entry again after its resolved fields have changed. Returns null if the key
+  /// has no configured entry. Throws `Drift::CollectionFullException`, `Drift::NoSpaceException`.
   HandlePtr updateEntry(const void* key);
-  /// Clears the unit through the log; one that has nothing configured is left alone. Throws as
-  /// `updateEntry` does, with nothing changed.
+  /// Clears the unit through the log. Does nothing if nothing is configured. Throws as
+  /// `updateEntry` does; nothing has changed then.
   void clearTable(bool releaseResources);
-  /// As above with a needed set. The handle, if there is one or the first cleared entry makes one,
-  /// is told of the version; it is left alone if nothing was configured. True if something was.
+  /// As `clearTable`, with a needed set. Returns whether anything was configured. If so, the handle
+  /// receives the version; if there is no handle, the first cleared entry may create one.
   bool delAllEntries(bool releaseResources, const NeededPtr& neededEntry, HandlePtr& entryHandle);
   Fenrik::Ptr<NeededEntry> getNeededEntrySet(const EntryWrapperBase& wrapper) const;
   void setRsrcPtrs(EntryWrapperBase& wrapper, bool refresh);
-  /// Turns a configured entry back into a wrapper; makes a handle if there is none.
+  /// Rebuilds the wrapper of a configured entry. Creates a handle if `handle` is null.
   WrapperPtr entryWrapperFromConfig(const void* key, bool refreshRsrcPtrs, HandlePtr& handle);
   void restoreEntries();
   ResolverEntry::Waiting waitingOf(const TableResolverEntry& item) const;
-  /// The table is going: an operation of its queue ends in `entryRejected`.
+  /// The table is being destroyed: ends a queued operation in `entryRejected`.
   void giveUp(const TableResolverEntry& item);
 
-  // The hardware's side.
+  // Hardware side.
   void tableStatusVersion(LogVersion version);
-  /// The part of a report that concerns this table alone: releases its handles.
+  /// Releases this table's handles for a report; the part of a report that no other unit shares.
   void handlesRelease(LogVersion version);
   bool hasPendingHwWrites() const;
-  /// As above without a trace, and without the log, which all units share.
+  /// As above, without tracing and without the log, which all units share.
   bool hasInFlight() const noexcept {
     return inFlight_.adds() != 0 || inFlight_.removes() != 0 || transientRemoveAllVersion_.valid();
   }
-  /// Whether somebody traces what `hasPendingHwWrites` and `tableStatusVersion` say.
+  /// Whether the answers of `hasPendingHwWrites` and `tableStatusVersion` are traced.
   bool traced() const noexcept;
 
-  // Reads. Each fills a default entry in, or leaves it as it is.
+  // Reads. Each takes a default entry and fills it in, or leaves it unchanged if there is none.
   bool entryHas(const void* key) const;
   void entryRead(const void* key, void* entry) const;
   void entryReadGeneric(const void* key, void* entry) const;
@@ -123,10 +123,10 @@ class QUARNBASTIL_EXPORT TableCore {
   // Iteration.
   void initIterState(SwTableIteratorStateBase& state) const;
   void initIterStateFromKey(SwTableIteratorStateBase& state, const void* key) const;
-  /// One step: fills the next entry in, or nothing at the end.
+  /// Advances by one: fills in the next entry; leaves `entry` unchanged at the end.
   static void maybeUpdateCurrentEntry(SwTableIteratorStateBase& state, void* entry);
 
-  // The attributes.
+  // Attributes.
   const Fenrik::Ptr<Fenrik::Node>& swTableHelper() const noexcept { return swTableHelper_; }
   void swTableHelperIs(Fenrik::Ptr<Fenrik::Node> helper);
   const Fenrik::Ptr<EntryLogCore>& entryLog() const noexcept { return entryLog_; }
@@ -158,16 +158,16 @@ class QUARNBASTIL_EXPORT TableCore {
  private:
   friend class OrderedSwTableSet;
 
-  /// What a commit works on.
+  /// The operation being committed.
   struct Operation {
     EntryWrapperBase& wrapper;
     const DependencyPtr& dependency;
     const HandlePtr& handle;
     EntryVersion version;
     EntryFlags flags;
-    /// Its outcome is known: it cannot be refused any more.
+    /// The outcome is final: the operation can no longer be refused.
     bool settled = false;
-    /// What a handler threw; goes on to the pump when the commit has come to its end.
+    /// Exception of a handler; rethrown to the pump when the commit is complete.
     std::exception_ptr thrown{};
   };
 
@@ -188,7 +188,7 @@ class QUARNBASTIL_EXPORT TableCore {
   void enqueue(const Fenrik::Ptr<ResolverEntry>& item);
   void updateGroup();
 
-  // The transient state. Each change is announced and counted for `hasPendingHwWrites`.
+  // The transient state. Each change is announced, and counted for `hasPendingHwWrites`.
   enum class Side : std::uint8_t { add, remove };
   WrapperPtr sideIs(Side side, InFlightKey& key, WrapperPtr wrapper);
   WrapperPtr sideDel(Side side, InFlightKey* key);
@@ -237,9 +237,9 @@ class QUARNBASTIL_EXPORT TableCore {
   Fenrik::Ptr<EntryLogCore> entryLog_;
   Fenrik::Ptr<GroupResolver> groupResolver_;
   HandleQueue entryHandleInLog_;
-  /// The set of an operation that needs nothing of other tables.
+  /// Shared set of operations that require nothing of other tables.
   NeededPtr nothingNeeded_;
-  /// What the table's set knows of it.
+  /// Last state reported to the table's set.
   bool countedInFlight_ = false;
   bool waitsForReports_ = false;
 };

@@ -9,12 +9,12 @@ namespace Asic {
 
 namespace {
 
-/// Libraries may be loaded by any thread.
+/// Locked, because any thread may load a library.
 struct Registry {
   std::mutex lock;
   std::map<SwTableId, const TableDescriptor*> byId;
 
-  /// Never destroyed: libraries unload in any order.
+  /// Never destroyed, because libraries unload in any order.
   static Registry& get() {
     static Registry& registry = *new Registry;
     return registry;

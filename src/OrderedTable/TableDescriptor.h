@@ -33,23 +33,24 @@ class EntryLogCore;
 class EntryWrapperBase;
 struct ResourceHooks;
 
-/// Everything that the compiled-once logic of a table knows about its family: a constant that the
-/// family's own source makes out of its traits.
+/// All facts about a family that the compiled-once table logic uses: a constant that the family's
+/// own source generates from its traits.
 ///
-/// An entry is an object of the client's type, addressed by its first byte, which is its key's.
+/// An entry is an object of the client's type. It is passed by its address, which is also that of
+/// its key.
 struct TableDescriptor {
-  /// The classes of the family as traces, registry and assertions name them.
+  /// Class names of the family, as used in traces, registry and assertions.
   struct Names {
     const char* table;
     const char* wrapper;
     const char* log;
     const char* interface;
-    /// Full name of the interface's class, its key in the registries.
+    /// Full name of the interface's class: its key in the registries.
     const char* registryKey;
   };
 
-  /// Where each part of the family traces. Generic code that reads and generic code that writes
-  /// have a handle of their own, both named after the table.
+  /// Trace handles of the family. Generic reads and generic writes have separate handles, both
+  /// named after the table.
   struct Traces {
     const Kiv::TraceHandle& table;
     const Kiv::TraceHandle& writes;
@@ -60,26 +61,28 @@ struct TableDescriptor {
     const Kiv::TraceHandle& handle;
   };
 
-  /// The records in shared memory.
+  /// Layout of the records in shared memory.
   struct Records {
     FlatShape key;
     FlatShape logEntry;
-    /// Empty for a family without resources.
+    /// Empty if the family has no resources.
     FlatShape resourceKeys;
-    /// Of the client's entry, behind its first byte.
+    /// Offset of the resource keys in the client's entry.
     std::size_t resourceKeysInEntry;
+    /// Size of the client's entry.
     std::size_t entrySize;
-    /// Of the configuration record, which begins with the log entry.
+    /// Offsets in the configuration record, which begins with the log entry.
     std::size_t resourceKeysOffset;
     std::size_t logVersionOffset;
     std::size_t isDeletedOffset;
+    /// Record sizes.
     std::size_t configSize;
     std::size_t logSize;
-    /// A client's entry that nobody has filled in.
+    /// A default-constructed client's entry.
     const void* defaultEntry;
   };
 
-  /// Names of the collections' types and attributes, and how much they hold.
+  /// Names of the collections' types, and capacities in records.
   struct Collections {
     std::string_view configType;
     std::string_view logType;
@@ -87,14 +90,14 @@ struct TableDescriptor {
     std::uint64_t logCapacity;
   };
 
-  /// Objects of the family's own classes.
+  /// Factories for objects of the family's classes.
   struct Makers {
     Fenrik::Ptr<OrderedSwTable::EntryHandle> (*handle)(const EntryVersion& version, const void* key,
                                                        OrderedSwTable& table);
-    /// A wrapper of a copy of `entry`, under `key`.
+    /// A wrapper with a copy of `entry`, under `key`.
     Fenrik::Ptr<EntryWrapperBase> (*wrapper)(
         const void* entry, const void* key, const Fenrik::Ptr<OrderedSwTable::EntryHandle>& handle);
-    /// A wrapper of an entry that holds the key alone.
+    /// A wrapper whose entry holds only the key.
     Fenrik::Ptr<EntryWrapperBase> (*keyWrapper)(
         const void* key, const Fenrik::Ptr<OrderedSwTable::EntryHandle>& handle);
     Fenrik::Ptr<ResolverEntry> (*resolverEntry)(
@@ -111,7 +114,8 @@ struct TableDescriptor {
                                      const Fenrik::String& agentName);
   };
 
-  /// The client's hooks, called with the family's own types. The helper is one of the family's.
+  /// The client's hooks. They are called with the family's own types; the helper is an object of
+  /// the family's helper class.
   struct Helper {
     void (*finalizeOnSuccess)(Fenrik::Node& helper, EntryWrapperBase& wrapper, bool isDelete,
                               OrderedSwTable& table);
@@ -121,7 +125,7 @@ struct TableDescriptor {
                                      OrderedSwTable& table, bool someResourceHasFailed);
   };
 
-  /// Salts of the keyed collections.
+  /// Hash salts of the keyed collections.
   struct Salts {
     std::uint32_t tableEntries;
     std::uint32_t transientAddEntry;
@@ -135,7 +139,7 @@ struct TableDescriptor {
   const char* tableNamespace;
   const char* agentName;
   const char* groupName;
-  /// The block of numbers in which the table's attributes lie.
+  /// First number of the block that holds the table's attributes.
   std::uint16_t tableFieldBase;
   Kiv::KivType tableType;
   const std::type_info& handleType;
@@ -149,30 +153,30 @@ struct TableDescriptor {
   Makers make;
   Helper helper;
   Salts salts;
-  /// The operator's message about a lost collection.
+  /// Operator message for a lost collection.
   Kiv::LogHandle* lostLog;
-  /// Null for a table that is not linked to resources.
+  /// Null if the table uses no resources.
   const ResourceHooks* resources;
 };
 
-/// Enters a family among those that this process knows, for as long as the object lives: a static
-/// one of the library that has the family.
+/// Registers a family in the process for the lifetime of the object, which is a static of the
+/// library that contains the family.
 class QUARNBASTIL_EXPORT TableRegistration {
  public:
-  /// Ends the process if another family has the table id.
+  /// Aborts if another family already has the table id.
   explicit TableRegistration(const TableDescriptor& descriptor);
   ~TableRegistration();
   TableRegistration(const TableRegistration&) = delete;
   TableRegistration& operator=(const TableRegistration&) = delete;
 
-  /// All families, by table id.
+  /// All registered families, by table id.
   static std::vector<const TableDescriptor*> all();
 
  private:
   SwTableId tableId_;
 };
 
-/// An entry's key for traces.
+/// Formats an entry's key for traces.
 struct KeyText {
   KeyText(const TableDescriptor& ofDescriptor, const void* ofKey) noexcept
       : descriptor(ofDescriptor), key(ofKey) {}
@@ -180,7 +184,7 @@ struct KeyText {
   const TableDescriptor& descriptor;
   const void* key;
 };
-/// A client's entry for traces: what goes to the log, then the resource keys where there are any.
+/// Formats a client's entry for traces: the log entry, then the resource keys if there are any.
 struct EntryText {
   EntryText(const TableDescriptor& ofDescriptor, const void* ofEntry) noexcept
       : descriptor(ofDescriptor), entry(ofEntry) {}
@@ -188,7 +192,7 @@ struct EntryText {
   const TableDescriptor& descriptor;
   const void* entry;
 };
-/// What goes to the log, for traces.
+/// Formats a log entry for traces.
 struct LogEntryText {
   LogEntryText(const TableDescriptor& ofDescriptor, const void* ofLogEntry) noexcept
       : descriptor(ofDescriptor), logEntry(ofLogEntry) {}

@@ -8,8 +8,8 @@
 
 namespace Asic {
 
-/// An entry as a client gives and gets it: what goes to the log, and the keys of the resources that
-/// it needs. The table logic interprets the key and the resource keys alone.
+/// An entry in the client's form: the log entry and the keys of the resources that it needs. The
+/// table logic interprets only the key and the resource keys.
 template <class LogEntryType, class ResourceKeysType>
 struct QUARNBASTIL_EXPORT TableEntry : LogEntryType, ResourceKeysType {
   using LogEntry = LogEntryType;
@@ -25,7 +25,7 @@ struct QUARNBASTIL_EXPORT TableEntry : LogEntryType, ResourceKeysType {
   const ResourceKeys& rsrcKeys() const noexcept { return *this; }
   void keyIs(const Key& key) noexcept { this->key = key; }
 
-  /// Whether it differs from a default entry.
+  /// Whether the entry differs from a default one.
   explicit operator bool() const noexcept { return !(*this == TableEntry()); }
 
   static bool isEq(const void* a, const void* b) noexcept {
@@ -44,7 +44,7 @@ concept ClientEntry = requires(const T& entry) {
 
 }  // namespace Asic
 
-/// Text form: that of the log entry, and that of the resource keys where there are any.
+/// Text form: the log entry's, followed by that of the resource keys if there are any.
 template <Asic::ClientEntry T>
 struct fmt::formatter<T> : Fenrik::TextFormatter {
   auto format(const T& entry, fmt::format_context& context) const noexcept {

@@ -7,7 +7,7 @@ namespace Asic {
 
 class QUARNBASTIL_EXPORT OrderedTableInterface;
 
-/// Base of the interfaces of the table families.
+/// Base class of the table families' interfaces.
 class QUARNBASTIL_EXPORT TableInterfaceBase : public Fenrik::Publishing<Fenrik::Node> {
  public:
   explicit TableInterfaceBase(const Fenrik::Ptr<OrderedTableInterface>& ordTblIntf);
@@ -15,7 +15,8 @@ class QUARNBASTIL_EXPORT TableInterfaceBase : public Fenrik::Publishing<Fenrik::
 
   const Fenrik::Ptr<OrderedTableInterface>& ordTblIntf() const noexcept { return ordTblIntf_; }
 
-  /// Clears, through the log, what an earlier agent configured for units that this one has not.
+  /// Clears, through the log, the configuration that an earlier agent left for units that this
+  /// agent does not have.
   virtual void reconcile() = 0;
 
  private:

@@ -8,7 +8,7 @@ namespace Asic {
 
 namespace {
 
-/// The parts of a step trace under its name.
+/// Function name under which all parts of a step are traced.
 constexpr const char* kStep = "maybeUpdateCurrentEntry";
 
 }  // namespace
@@ -45,7 +45,7 @@ void TableCore::maybeUpdateCurrentEntry(SwTableIteratorStateBase& state, void* e
   state.stateIs(state.state().withHasCurrent(false).withInAddColl(false).withInTblCfg(false));
 }
 
-/// True if it gave an entry; false if the transient adds are used up.
+/// Returns false when the transient adds are exhausted.
 bool TableCore::stepInAddColl(SwTableIteratorStateBase& state, void* entry) const {
   const SwTableIteratorStateBase* const iterState_ = &state;
   const Kiv::TraceHandle& trace = descriptor_.traces.iteration;
@@ -81,7 +81,7 @@ bool TableCore::stepInAddColl(SwTableIteratorStateBase& state, void* entry) cons
   return true;
 }
 
-/// True if it gave an entry; false at the end of the configured collection.
+/// Returns false at the end of the configured collection.
 bool TableCore::stepInTblCfg(SwTableIteratorStateBase& state, void* entry) const {
   const Kiv::TraceHandle& trace = descriptor_.traces.iteration;
   KIV_TRACE_AS(kStep, trace, 9, "", "  in cfgDrift collection");
@@ -115,7 +115,8 @@ bool TableCore::stepInTblCfg(SwTableIteratorStateBase& state, void* entry) const
   return true;
 }
 
-/// What is in flight is shown instead of what is configured.
+/// Whether a configured record is not shown: it is in deletion, or an operation is in flight on its
+/// key.
 bool TableCore::hidden(const ConfigRecord& record) const {
   if (record.isDeleted()) return true;
   const InFlightKey* const inFlight = inFlight_.find(imageOf(record.words()).words());

@@ -7,14 +7,14 @@
 
 namespace Asic {
 
-/// What kind of table a name stands for; it chooses the form of the name.
+/// Kind of table; determines the form of its name.
 enum class OrderedTableType : std::uint8_t {
   orderedTable = 0,
   partiallyOrderedTable = 1,
   resourceTable = 2,
 };
 
-/// The name of a table, in its parts.
+/// The name of a table.
 class QUARNBASTIL_EXPORT CanonicalTableName final : public Fenrik::NodeClass<CanonicalTableName> {
  public:
   CanonicalTableName(OrderedTableType type, const Fenrik::String& groupName,
@@ -22,13 +22,13 @@ class QUARNBASTIL_EXPORT CanonicalTableName final : public Fenrik::NodeClass<Can
   ~CanonicalTableName() override;
 
   OrderedTableType type() const noexcept { return type_; }
-  /// Canonical name of the table's group; empty for a table in none.
+  /// Canonical name of the table's group; empty if the table belongs to no group.
   const Fenrik::String& groupName() const noexcept { return groupName_; }
   const Fenrik::String& tableNamespace() const noexcept { return tableNamespace_; }
   const Fenrik::String& tableName() const noexcept { return tableName_; }
 
   /// "OrderedSwTable.<group>.<table>", "PartiallyOrderedSwTable.<table>" or
-  /// "ResourceTable.<namespace>::<table>". An undefined type ends the process.
+  /// "ResourceTable.<namespace>::<table>". Aborts if the type is undefined.
   Fenrik::String name() const;
 
  private:

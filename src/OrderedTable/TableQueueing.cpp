@@ -108,7 +108,7 @@ void TableCore::entryRemoveAllGeneric(const DependencyPtr& dep, const ResponseHa
   updateGroup();
 }
 
-/// Counts an operation among those in flight on its key.
+/// Assigns the version of a new operation on `key` and counts the operation as in flight.
 InFlightKey& TableCore::nextVersion(const char* function, const void* key, EntryVersion& version) {
   const KeyImage image = imageOf(key);
   InFlightKey& inFlight = inFlight_.obtain(image.words());

@@ -7,7 +7,7 @@ namespace Asic {
 
 namespace {
 
-/// Copies an entry of the family's type, whose bytes are all of it.
+/// Copies an entry of the family's type, which is trivially copyable.
 void entryCopy(const TableDescriptor& descriptor, const EntryWrapperBase& wrapper, void* entry) {
   std::memcpy(entry, wrapper.entryBytes(), descriptor.records.entrySize);
 }
@@ -37,7 +37,7 @@ void TableCore::entryReadGeneric(const void* key, void* entry) const {
     if (inFlight->add != nullptr) return entryCopy(descriptor_, *inFlight->add, entry);
     if (inFlight->remove != nullptr) return;
   }
-  // One look-up answers both questions that are asked of the log and of the configuration.
+  // One look-up serves both the question to the log and the read of the configuration.
   if (const ConfigRecord* const record = entryLog_->liveRecord(image.words(), table_.unitId())) {
     KIV_TRACE_AS("entryFromConfig", readTrace(), 8, "", "key: {}", textOf(key));
     record->entryTo(entry);

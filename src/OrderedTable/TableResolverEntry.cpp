@@ -12,7 +12,7 @@ bool TableResolverEntry::isResolved() {
 }
 
 void TableResolverEntry::commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) {
-  // A handler may drop the last reference to the table.
+  // Keeps the table alive: a handler may drop the last reference to it.
   const Fenrik::Ptr<OrderedSwTable> table(table_);
   if (table != nullptr) table->commitEntry(resolverEntry);
 }

@@ -5,8 +5,8 @@
 
 namespace Asic {
 
-/// A queued operation of a software table: binds its wrapper to the table. It is not changed but
-/// for the table's end.
+/// A queued operation of a software table. Immutable, except that the table pointer is cleared when
+/// the table is destroyed.
 ///
 /// Threads: the table thread.
 class QUARNBASTIL_EXPORT TableResolverEntry : public ResolverEntry {
@@ -17,7 +17,7 @@ class QUARNBASTIL_EXPORT TableResolverEntry : public ResolverEntry {
       : ResolverEntry(dependantEntryHandle, flags), table_(swTable), wrapper_(wrapper) {}
   ~TableResolverEntry() override;
 
-  /// Null once the table has gone.
+  /// Null once the table has been destroyed.
   OrderedSwTable* table() const noexcept { return table_; }
   const Fenrik::Ptr<EntryWrapperBase>& wrapper() const noexcept { return wrapper_; }
 

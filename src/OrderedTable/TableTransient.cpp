@@ -50,14 +50,15 @@ void TableCore::transientRemoveAllVersionIs(MajorVersion version) {
   noteInFlight();
 }
 
-/// The set counts its tables that have something in flight, so that nobody need ask them all.
+/// Reports to the set, which counts tables with operations in flight, so that it need not ask all.
 void TableCore::noteInFlight() {
   if (countedInFlight_ == hasInFlight()) return;
   countedInFlight_ = !countedInFlight_;
   if (auto* const set = table_.swTableSet()) set->inFlightCount(*this, countedInFlight_);
 }
 
-/// What is told stays valid for all subscribers, whatever one of them does to the table.
+/// Copies the value, so that it stays valid for all subscribers, whatever one of them does to the
+/// table.
 template <class Value>
 [[gnu::cold, gnu::noinline]] void TableCore::publishKeyed(std::uint16_t number, InFlightKey& key,
                                                           const Value& value, bool present) {

@@ -6,7 +6,7 @@
 
 namespace Asic {
 
-/// A position in the log of a named table: what an entry of one table needs from another.
+/// A version in the log of a given table: what an entry of another table may require.
 class QUARNBASTIL_EXPORT TableVersion final {
  public:
   using KivModule = ValueTypesModule;
@@ -18,7 +18,7 @@ class QUARNBASTIL_EXPORT TableVersion final {
   constexpr SwTableId tableId() const noexcept { return tableId_; }
   constexpr LogVersion logVersion() const noexcept { return logVersion_; }
 
-  /// 04:08:0404@17
+  /// Appends table id and version, as in "04:08:0404@17".
   void textAppend(std::string& text) const;
   friend constexpr auto operator<=>(const TableVersion&, const TableVersion&) noexcept = default;
 

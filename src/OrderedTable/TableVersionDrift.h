@@ -8,12 +8,13 @@
 
 namespace Asic {
 
-/// How far the hardware writer has come in the log of one table.
+/// The hardware writer's progress in the log of one table.
 struct QUARNBASTIL_EXPORT TableVersionRecord final : Drift::FlatValue<TableVersionRecord> {
   using Key = SwTableId;
 
+  /// The table that the report concerns.
   SwTableId tableId;
-  /// Every record of the log up to this version is in hardware.
+  /// All log records up to this version are in hardware.
   LogVersion logVersion;
 
   TableVersionRecord() = default;
@@ -27,27 +28,27 @@ struct QUARNBASTIL_EXPORT TableVersionRecord final : Drift::FlatValue<TableVersi
 };
 static_assert(sizeof(TableVersionRecord) == 12);
 
-/// The table-version map of a group: the reports of the hardware writer, one record a table.
+/// The table-version map of a group: the hardware writer's reports, one record per table.
 ///
-/// Process and thread: written by the hardware writer alone, which rings after it has written; read
-/// by the agent, for which it is input from outside.
+/// Process and thread: written only by the hardware writer, which rings the doorbell after each
+/// write; read by the agent, which treats it as untrusted input.
 class QUARNBASTIL_EXPORT TableVersionDrift final
     : public KivSharedMem::HashedCollection<TableVersionDrift, TableVersionRecord> {
  public:
   static constexpr std::string_view kEntityName = "Asic::TableVersionDrift";
   static constexpr std::string_view kAttributeName = "tableVersion";
-  /// Tables of one group, with room to spare.
+  /// More tables than any group has.
   static constexpr Drift::Word kCapacity = 256;
 
   using HashedCollection::HashedCollection;
 
-  /// The map of a group, mounted for writing through the hardware writer's manager. Throws
+  /// Mounts a group's map for writing, through the hardware writer's manager. Throws
   /// `Drift::MountException`.
   static Fenrik::Ptr<TableVersionDrift> mounted(
       const Fenrik::Ptr<KivSharedMem::EntityManager>& manager,
       const Fenrik::String& canonicalGroup);
 
-  /// Reports a version of a table.
+  /// Reports that the table's log is in hardware up to a version.
   void tableVersionIs(const TableVersion& version) { recordIs(TableVersionRecord(version)); }
   void tableVersionDel(SwTableId tableId) { recordDel(tableId); }
 };

@@ -16,7 +16,7 @@ KIV_LOG_DESCRIPTOR(
 
 namespace {
 
-/// At a record every nanosecond a log gets there in 292 years.
+/// A log with a record every nanosecond would reach this version in 292 years.
 constexpr LogVersion kGreatestReport(std::uint64_t{1} << 63);
 
 Drift::Geometry geometry() {
@@ -57,13 +57,14 @@ void TableVersionMap::open() {
   const auto openForReading = [&] {
     file_ = DriftFile::openForReading(directory, path_.view(), nullptr);
     map_ = Fenrik::ptrIsImpl<Drift::HashedMap<TableVersionRecord>>(*file_);
-    bell_ = file_->doorbellWord();
+    doorbell_ = file_->doorbellWord();
   };
   seen_ = kNever;
-  bell_ = &kSilent;
+  doorbell_ = &kSilent;
   map_ = nullptr;
   file_ = nullptr;
-  // First what the writer has made; then, if that cannot be used and no writer is at it, a new one.
+  // First tries the collection of the hardware writer; if that is unusable and no writer holds it,
+  // creates one.
   for (const bool make : {false, true}) {
     try {
       if (make)
@@ -71,13 +72,13 @@ void TableVersionMap::open() {
       openForReading();
       return;
     } catch (const Fenrik::Exception& e) {
-      // Looked at again by the next refresh.
+      // The next refresh tries again.
       if (make) tell(e.msg());
     }
   }
 }
 
-/// Without reports no operation is ever acknowledged: whoever waits for that is to know why.
+/// Logs why there are no reports: without them no operation is ever acknowledged.
 void TableVersionMap::tell(const Fenrik::String& trouble) {
   if (trouble_ == trouble) return;
   trouble_ = trouble;
@@ -95,7 +96,7 @@ Found<TableVersionRecord> TableVersionMap::find(SwTableId tableId) const {
   return {};
 }
 
-void TableVersionMap::seenIs() noexcept { seen_ = bellNow(); }
+void TableVersionMap::seenIs() noexcept { seen_ = doorbellNow(); }
 
 void TableVersionMap::refresh() {
   if (file_ == nullptr || file_->replaced()) open();

@@ -9,8 +9,8 @@
 namespace Asic {
 
 /// The agent's view of a group's table-version map. The hardware writer owns the collection and may
-/// come, go and rebuild it at any time; before its first start the agent makes it, empty, so that
-/// there is a doorbell to sleep at.
+/// start, stop and rebuild it at any time. Until it has started for the first time the agent
+/// provides an empty collection, so that there is a doorbell to wait on.
 ///
 /// Threads: the table thread.
 class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableVersionMap> {
@@ -19,28 +19,29 @@ class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableV
                   const Fenrik::String& path);
   ~TableVersionMap() override;
 
-  /// What the hardware writer reported for the table. Damage reads as not found, or as version 0;
-  /// a version that no log can have reached is damage, too.
+  /// The hardware writer's report for the table. Damage reads as not found or as version 0; a
+  /// version that no log can have reached counts as damage.
   Found<TableVersionRecord> find(SwTableId tableId) const;
 
-  /// Whether the bell was rung, or the collection replaced, since the last `seen`.
-  bool moved() const noexcept { return bellNow() != seen_; }
-  /// Takes note of the bell before a look behind it.
+  /// Whether the doorbell was rung, or the collection replaced, since the last `seenIs`.
+  bool moved() const noexcept { return doordoorbellNow() != seen_; }
+  /// Marks all rings so far as seen. Call before reading.
   void seenIs() noexcept;
-  /// The look was cut short: there is still something behind the bell.
+  /// Reading was interrupted; unread reports remain.
   void seenDel() noexcept { seen_ = kNever; }
-  /// Looks whether the collection was replaced, and opens the new one then. Costs a system call.
+  /// Checks whether the collection was replaced, and opens the new one if so. Costs a system call.
   void refresh();
 
-  /// What to sleep at; its file is null while there is no collection.
+  /// The doorbell to wait on. Its file is null while there is no collection.
   Drift::BellSeen bell() const noexcept { return {file_.get(), static_cast<std::uint32_t>(seen_)}; }
 
  private:
+  /// A doorbell that never rings.
   static constexpr std::uint32_t kSilent = 0;
-  /// What no bell says.
+  /// Differs from every 32-bit doorbell count.
   static constexpr std::uint64_t kNever = UINT64_MAX;
 
-  std::uint32_t bellNow() const noexcept { return __atomic_load_n(bell_, __ATOMIC_ACQUIRE); }
+  std::uint32_t doorbellNow() const noexcept { return __atomic_load_n(doorbell_, __ATOMIC_ACQUIRE); }
   void open();
   void tell(const Fenrik::String& trouble);
 
@@ -48,12 +49,12 @@ class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableV
   Fenrik::String path_;
   std::unique_ptr<Drift::DriftFile> file_;
   Fenrik::Ptr<Drift::DriftMap<TableVersionRecord>> map_;
-  /// Of the bell in `file_`, or of one that nobody rings. An idle pump asks every group: this word
-  /// and the next are all that it looks at.
-  const std::uint32_t* bell_ = &kSilent;
-  /// What the bell said before the last look behind it.
+  /// The doorbell of `file_`, or `kSilent`. An idle pump reads `doorbell_` and `seen_` of every
+  /// group and nothing else.
+  const std::uint32_t* doorbell_ = &kSilent;
+  /// Doorbell count at the last `seenIs`; `kNever` while reports may be unread regardless of it.
   std::uint64_t seen_ = kNever;
-  /// Why there is no collection; told once for each reason.
+  /// Why there is no collection. Each new reason is logged once.
   Fenrik::String trouble_;
 };
 

@@ -7,8 +7,8 @@ namespace Asic {
 
 struct TableDescriptor;
 
-/// The part of a handle that knows its table. A handle may outlive its table, and then still tells
-/// whose it was: others may depend on it.
+/// The part of a handle that identifies its table. It remains valid after the table is destroyed,
+/// because other operations may still depend on the handle.
 class QUARNBASTIL_EXPORT TableEntryHandle : public OrderedSwTable::EntryHandle {
  public:
   ~TableEntryHandle() override;
@@ -38,7 +38,7 @@ class QUARNBASTIL_EXPORT TypedEntryHandle : public TableEntryHandle {
   FENRIK_VALUE(kFieldBase + 3, swTable, SwTable*);
 
  public:
-  /// The key operated on; a zero key for the removal of everything.
+  /// The operation's key; a zero key for a remove-all.
   const Key& key() const noexcept { return key_; }
   const void* keyBytes() const noexcept override { return &key_; }
 

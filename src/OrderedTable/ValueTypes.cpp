@@ -8,7 +8,7 @@
 #include "OrderedTable/TableVersionDrift.h"
 #include "Stavro/ValueEntity.h"
 
-// What the value types look like to other processes, which find them in records.
+// Layout of the value types within records, which other processes read.
 namespace Asic {
 
 template <class T, std::size_t kSize, std::size_t kAlignment>
@@ -27,7 +27,7 @@ static_assert(!EntryVersion().valid() && EntryVersion(MajorVersion(0), 0).valid(
 namespace {
 
 const Stavro::ValueRegistration<GenId> kGenIdRegistration;
-// Known to the mount by name as soon as the library is loaded.
+// Registered when the library is loaded, so that a mount finds them by name.
 const KivSharedMem::EntityRegistrations<CatalogueDrift, NeededEntryDrift, TableVersionDrift>
     kEntities;
 

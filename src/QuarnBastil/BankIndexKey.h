@@ -10,11 +10,12 @@
 
 namespace QuarnBastil {
 
-/// The shape of a classification table's key: which bank, and where in it. `Self` is the table's
-/// own key type.
+/// Key of a classification table: a bank and a row within it. `Self` is the table's own key type.
 template <class Self>
 struct QUARNBASTIL_EXPORT BankIndexKey {
+  /// Bank of the hardware table.
   std::uint8_t bank = 0;
+  /// Row within the bank.
   std::uint16_t index = 0;
 
   constexpr BankIndexKey() noexcept = default;

@@ -7,7 +7,7 @@ namespace QuarnBastil {
 
 QUARNBASTIL_DECLARE_FAMILY(BigAds);
 
-/// The members of next-hop groups.
+/// The next-hop group members.
 struct QUARNBASTIL_EXPORT BigAdsFamily : PrefixFamily<BigAdsFamilyClasses> {
   static constexpr Asic::SwTableId kTableId{0x04, 0x09, 0x0401};
 

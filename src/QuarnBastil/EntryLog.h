@@ -5,8 +5,8 @@
 
 namespace QuarnBastil {
 
-/// The configurations of a log's units, in ascending order: `key()` is the unit, `value()` the
-/// collection.
+/// Iterates over the configurations of a log's units, in ascending order: `key()` is the unit,
+/// `value()` the collection.
 template <class ConfigDrift>
 class ConfigDriftIterator {
  public:
@@ -29,8 +29,7 @@ class ConfigDriftIterator {
   const Asic::ConfigStore* at_;
 };
 
-/// The entry log of one table in the family's own types; what it does stands in
-/// `Asic::EntryLogCore`.
+/// The entry log of one table in the family's own types. `Asic::EntryLogCore` implements it.
 ///
 /// Threads: the table thread.
 template <class Family>
@@ -64,7 +63,7 @@ class QUARNBASTIL_EXPORT EntryLog
   Fenrik::Ptr<ConfigDrift> tableConfigDrift(Asic::UnitId unitId) const {
     return typed(this->configEntity(unitId));
   }
-  /// A null collection removes the unit.
+  /// Null removes the unit.
   void tableConfigDriftIs(Asic::UnitId unitId, const Fenrik::Ptr<ConfigDrift>& config) {
     this->configEntityIs(unitId, config);
   }
@@ -78,26 +77,26 @@ class QUARNBASTIL_EXPORT EntryLog
     return ConfigDriftIterator<ConfigDrift>(*this);
   }
 
-  /// Writes an entry. Returns the version under which the value stands now, an older one when an
+  /// Writes an entry. Returns the version of the stored value, which is an older one if an
   /// identical write was suppressed. Throws `Drift::CollectionFullException` or
-  /// `Drift::NoSpaceException` with nothing changed.
+  /// `Drift::NoSpaceException`; nothing has changed then.
   Asic::LogVersion entryIs(const LogEntry& logEntry, const ResourceKeys& rsrcKeys,
                            const NeededPtr& neededEntry, Asic::UnitId unitId, const StatsPtr& stats,
                            bool suppressIdenticalWrites) {
     return Base::entryIs(&logEntry, &rsrcKeys, neededEntry, unitId, *stats,
                          suppressIdenticalWrites);
   }
-  /// Marks an entry as removed; 0 when there is nothing under the key. Throws as `entryIs` does.
+  /// Marks an entry as removed. Returns 0 if the key is absent. Throws as `entryIs` does.
   Asic::LogVersion entryDel(const Key& key, const NeededPtr& neededEntry, Asic::UnitId unitId) {
     return Base::entryDel(image(key).words(), neededEntry, unitId);
   }
 
-  /// Throws what storing an operation would throw.
+  /// Throws what storing the operation would throw.
   void operationRoom(const Key& key, Asic::EntryFlags flags, Asic::UnitId unitId) {
     Base::operationRoom(image(key).words(), flags, unitId);
   }
 
-  /// The committed value; a default one for a key that is absent or in deletion.
+  /// The committed value, or a default one if the key is absent or in deletion.
   LogEntry entry(const Key& key, Asic::UnitId unitId) const {
     LogEntry entry;
     Base::entry(image(key).words(), unitId, &entry);
@@ -111,7 +110,7 @@ class QUARNBASTIL_EXPORT EntryLog
     Base::entryRsrcKeys(image(key).words(), unitId, &keys);
     return keys;
   }
-  /// The version of the record, one in deletion included; 0 for an absent key.
+  /// Version of the record, even of one in deletion; 0 if the key is absent.
   Asic::LogVersion entryLogVersion(const Key& key, Asic::UnitId unitId) const {
     return Base::entryLogVersion(image(key).words(), unitId);
   }

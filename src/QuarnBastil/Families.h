@@ -10,8 +10,8 @@
 #include "QuarnBastil/TcamAction.h"
 #include "QuarnBastil/TcamEntry.h"
 
-/// The table families by their prefixes, one line each. The build, the tests and the kill points
-/// follow this list: CMake reads it too, for the sources.
+/// All table families by prefix, one per line. The build reads this list for its sources, and the
+/// tests and kill points are generated from it.
 #define QUARNBASTIL_FAMILIES(X) \
   X(TcamEntry)                  \
   X(TcamAction)                 \
@@ -26,7 +26,7 @@
 namespace QuarnBastil {
 
 #define QUARNBASTIL_FAMILY_TYPE(Prefix) , Prefix##Family
-/// A list of all families' traits, after others that the caller adds.
+/// A list of all families' traits, preceded by `Others`.
 template <template <class...> class List, class... Others>
 using FamilyList = List<Others... QUARNBASTIL_FAMILIES(QUARNBASTIL_FAMILY_TYPE)>;
 #undef QUARNBASTIL_FAMILY_TYPE

@@ -6,8 +6,8 @@
 #include "QuarnBastil/SwTable.h"
 #include "QuarnBastil/SwTableHelperBase.h"
 
-/// Declares the final classes of a family, so that its traits can derive from
-/// `PrefixFamilyClasses`, which names them.
+/// Declares the final classes of a family and defines `PrefixFamilyClasses`, from which its traits
+/// derive.
 #define QUARNBASTIL_DECLARE_FAMILY(Prefix)                                                  \
   class QUARNBASTIL_EXPORT Prefix##SwTable;                                                 \
   class QUARNBASTIL_EXPORT Prefix##EntryHandle;                                             \
@@ -24,7 +24,7 @@
                                    Prefix##EntryWrapper, Prefix##ResolverEntry,             \
                                    Prefix##SwTableHelperBase, Prefix##EntryLog, Prefix##Interface>
 
-/// One final class: the role's template over the family, and the names of its factory.
+/// Defines one final class from the role's template, with its factory names.
 #define QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, Role, Template)                            \
   class QUARNBASTIL_EXPORT Prefix##Role final : public ::QuarnBastil::Template<Prefix##Family> { \
    public:                                                                                       \
@@ -33,8 +33,9 @@
     FENRIK_FACTORY(lowerPrefix##Role, Prefix##Role);                                             \
   }
 
-/// The final classes of a family, behind its traits `PrefixFamily`. All is in their bases; what
-/// makes them classes of their own is their names in symbols, backtraces and declarations.
+/// Defines the final classes of a family. REQUIRES: its traits `PrefixFamily` are defined above.
+/// The classes add nothing to their bases; they exist for readable names in symbols, backtraces and
+/// declarations.
 #define QUARNBASTIL_FAMILY(Prefix, lowerPrefix)                                              \
   class QUARNBASTIL_EXPORT Prefix##EntryHandle final                                         \
       : public ::QuarnBastil::SwTableEntryHandle<Prefix##Family> {                           \
@@ -63,8 +64,8 @@
   QUARNBASTIL_FAMILY_CLASS(Prefix, lowerPrefix, Interface, Interface);                       \
   static_assert(::QuarnBastil::FamilyTraits<Prefix##Family>)
 
-/// What stands in a family's own source, outside of all namespaces: the ends of its classes, which
-/// anchor their tables, its descriptor, and its registration.
+/// The definitions in a family's own source, outside all namespaces: the classes' destructors,
+/// which anchor their vtables, the descriptor and the registration.
 #define QUARNBASTIL_DEFINE_FAMILY(Space, Prefix)                                                \
   Space::Prefix##EntryHandle::~Prefix##EntryHandle() = default;                                 \
   Space::Prefix##SwTableEntries_py::~Prefix##SwTableEntries_py() = default;                     \

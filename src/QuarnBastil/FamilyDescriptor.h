@@ -10,10 +10,10 @@
 #include "QuarnBastil/SwTable.h"
 #include "QuarnBastil/SwTableHelperBase.h"
 
-/// How a family's traits become its descriptor. Included by the family's own source alone.
+/// Generates a family's descriptor from its traits. Included only by the family's own source.
 namespace QuarnBastil {
 
-/// A family's class names: its prefix and the role.
+/// Class names of a family: its prefix and the role.
 template <class Family>
 struct FamilyNames {
   static constexpr auto kTable = Family::kPrefix + "SwTable";
@@ -23,8 +23,8 @@ struct FamilyNames {
   static constexpr auto kRegistryKey = Fenrik::FixedString("QuarnBastil::") + kInterface.text;
 };
 
-/// The log and trace handles of a family: those made when its library is loaded, these entered
-/// under their names by the first site that tests them.
+/// Log and trace handles of a family. Log handles are created when the library is loaded; trace
+/// handles are registered by the first trace site that tests them.
 template <class Family>
 struct FamilyHandles {
   using Handle = Kiv::TraceHandle;
@@ -39,8 +39,8 @@ struct FamilyHandles {
   inline static constinit Handle interface { Kiv::kConstantHandle, Names::kInterface.text };
 };
 
-/// Typed calls for code that knows no types: each casts and calls. What is made once a table is
-/// cold, compiled for size.
+/// Typed calls behind the descriptor's function pointers; each only casts and calls. Those used
+/// once per table are marked cold, so that they are optimized for size.
 template <class F>
 struct FamilyCalls {
   using Key = typename F::Key;

@@ -5,13 +5,12 @@
 
 namespace QuarnBastil {
 
-/// The three messages to the operator, one of each for all families, those outside the library
-/// too.
+/// The three operator messages, shared by all families, including those of other libraries.
 extern QUARNBASTIL_EXPORT const Kiv::LogDescriptor kHwAbstractionError;
 extern QUARNBASTIL_EXPORT const Kiv::LogDescriptor kHwAbstractionRelaunchError;
 extern QUARNBASTIL_EXPORT const Kiv::LogDescriptor kHwAbstractionException;
 
-/// The log handles of one family, made when the library is loaded. Only the first is ever raised.
+/// Log handles of one family, created when the library is loaded. Only `error` is ever logged.
 struct FamilyLogHandles {
   Kiv::LogHandle error{&kHwAbstractionError, Fenrik::Duration(), 1.0, 0, 0};
   Kiv::LogHandle relaunchError{&kHwAbstractionRelaunchError, Fenrik::Duration(), 1.0, 0, 0};

@@ -19,36 +19,36 @@ struct TableDescriptor;
 
 namespace QuarnBastil {
 
-/// What holds for most families. The traits of a family derive from `FamilyClasses`, which names
-/// its final classes, and state
+/// Defaults that hold for most families. A family's traits derive from `FamilyClasses`, which names
+/// its final classes, and define
 ///   identity:  kTableId
 ///   types:     Key, Entry, LogEntry, ResourceKeys, ConfigDriftEntry, LogDriftEntry, ConfigDrift,
 ///              EntryLogDrift, EntryHandleBase, Constants
-///   salts:     of its keyed collections
-/// and what differs from the facts here.
+///   salts:     hash salts of its keyed collections
+/// and whatever differs from these defaults.
 struct FamilyDefaults {
   static constexpr const char* kAgentName = "QuarnBastil";
   static constexpr const char* kTableNamespace = "QuarnBastil";
   static constexpr const char* kGroupName = "QuarnBastilGroup";
-  /// Of the table's attributes and of an iterator state's. A block of 128 numbers belongs to each
-  /// class between `Fenrik::Node` and the final one; a data model puts one more between.
+  /// First attribute numbers of the table and of an iterator state. Each class between
+  /// `Fenrik::Node` and the final class has a block of 128 numbers; a data model adds one class.
   static constexpr std::uint16_t kSwTableFieldBase = 640;
   static constexpr std::uint16_t kIteratorFieldBase = 256;
-  /// Live and deleted entries of one unit: its rows are numbered in 16 bits.
+  /// Entries of one unit, including those in deletion: rows have 16-bit numbers.
   static constexpr Drift::Format::Word kConfigCapacity = 65'536;
-  /// Records that wait for the hardware, over all units: seconds of it at full rate.
+  /// Unacknowledged records of all units: seconds of work for the hardware at full rate.
   static constexpr Drift::Format::Word kLogCapacity = 1'000'000;
-  /// Null: the table is not linked to resources.
+  /// Null if the table uses no resources.
   static constexpr const Asic::ResourceHooks* kResourceHooks = nullptr;
-  /// Rows that such a link adds to the table's attributes, at `SwTable::kLinkField`.
+  /// Number of attribute rows that the resource link adds, from `SwTable::kLinkField` on.
   static constexpr std::uint16_t kLinkFields = 0;
 
   using SwTableBase = Asic::OrderedSwTable;
   using IteratorStateBase = Asic::SwTableIteratorStateBase;
 };
 
-/// The classes of a family by their roles, and the modules in which they stand. The first argument
-/// is the family's prefix, which is also the name of its table.
+/// The classes of a family by role, and their modules. The first argument is the family's prefix,
+/// which is also the table's name.
 template <Fenrik::FixedString prefix, class SwTableClass, class EntryHandleClass,
           class SwTableEntriesClass, class IteratorStateClass, class EntryWrapperClass,
           class ResolverEntryClass, class SwTableHelperBaseClass, class EntryLogClass,
@@ -75,7 +75,7 @@ struct FamilyClasses : FamilyDefaults {
   using InterfaceModule = Kiv::Module<prefix + "Interface", Interface>;
 };
 
-/// What the families over the prefix data models have in common.
+/// Common facts of the families based on the prefix data models.
 template <class Classes>
 struct PrefixFamily : Classes {
   static constexpr const char* kGroupName = "QuarnBastilPrefixOuter";
@@ -83,7 +83,7 @@ struct PrefixFamily : Classes {
   static constexpr std::uint16_t kIteratorFieldBase = 384;
 };
 
-/// The family's facts for the compiled-once logic; defined in its own source.
+/// The family's descriptor; defined in the family's own source.
 template <class Family>
 QUARNBASTIL_EXPORT const Asic::TableDescriptor& descriptorOf();
 
@@ -104,7 +104,8 @@ class FamilyConstants {
   }
 };
 
-/// Stands under the traits of every family, so that what is missing is reported at its own line.
+/// Checked against the traits of every family, so that an omission is reported at the family's
+/// line.
 template <class F>
 concept FamilyTraits = requires {
   { F::kTableName } -> std::convertible_to<const char*>;

@@ -6,8 +6,8 @@
 
 namespace QuarnBastil {
 
-/// The in-flight form of one client operation: its entry and its handle. It lives in a transient
-/// collection of the table and in the queue until its commit.
+/// The in-flight form of one client operation: its entry and its handle. It is held by the table's
+/// transient state and by the queue until it is committed.
 ///
 /// Threads: the table thread.
 template <class Family>
@@ -26,25 +26,26 @@ class QUARNBASTIL_EXPORT EntryWrapper
                const Fenrik::NonNullPtr<Asic::OrderedSwTable::EntryHandle>& entryHandle)
       : Base(reinterpret_cast<std::byte*>(&entry_), entryHandle), entry_(entry) {}
 
-  /// The whole entry; a helper may change it until the commit has logged it, but for its key.
+  /// The complete entry. A helper may change it, except for the key, until the commit has logged
+  /// it.
   const Entry& entry() const noexcept { return entry_; }
   Entry& mutableEntry() noexcept { return entry_; }
 
   const Key& key() const noexcept { return entry_.key; }
   void keyIs(const Key& key) noexcept { entry_.keyIs(key); }
-  /// What goes to the log.
+  /// The part of the entry that is logged.
   const typename Family::LogEntry& logEntry() const noexcept { return entry_.logEntry(); }
   const typename Family::ResourceKeys& rsrcKeys() const noexcept { return entry_.rsrcKeys(); }
 
-  /// Takes what comes of resources into the entry; a family without resources has nothing to take.
+  /// Copies resolved resource values into the entry. Does nothing in a family without resources.
   void setResolvedFields() { this->resolvedFieldsSet(descriptorOf<Family>()); }
   void retrieveClientData() {}
 
-  /// The commit of a write or of a single remove goes ahead: tells the helper.
+  /// Notifies the helper that a write or single removal is about to be committed.
   void finalizeOnSuccess(const Fenrik::Ptr<SwTable>& swTable, bool isDeleted) {
     Base::finalizeOnSuccess(descriptorOf<Family>(), *swTable, isDeleted);
   }
-  /// A resource failed: asks the helper whether the operation goes on all the same.
+  /// A resource failed: asks the helper whether to commit the operation nevertheless.
   bool finalizeOnFailure(const Fenrik::Ptr<SwTable>& swTable, bool isDeleted) {
     return Base::finalizeOnFailure(descriptorOf<Family>(), *swTable, isDeleted);
   }
@@ -53,7 +54,7 @@ class QUARNBASTIL_EXPORT EntryWrapper
   Entry entry_;
 };
 
-/// A queued operation: binds a wrapper to its table.
+/// A queued operation: a wrapper and its table.
 template <class Family>
 class QUARNBASTIL_EXPORT ResolverEntry
     : public Fenrik::NodeClass<typename Family::ResolverEntry, Asic::TableResolverEntry,
@@ -69,7 +70,7 @@ class QUARNBASTIL_EXPORT ResolverEntry
                 Asic::EntryFlags flags, SwTable* swTable, const Fenrik::Ptr<Wrapper>& swTableEntry)
       : Base(dependantEntryHandle, flags, swTable, swTableEntry) {}
 
-  /// Null once the table has gone.
+  /// Null once the table has been destroyed.
   SwTable* swTable() const noexcept { return static_cast<SwTable*>(this->table()); }
   Fenrik::Ptr<Wrapper> swTableEntry() const noexcept {
     return Fenrik::Ptr<Wrapper>(static_cast<Wrapper*>(this->wrapper().get()));

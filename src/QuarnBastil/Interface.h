@@ -5,8 +5,8 @@
 
 namespace QuarnBastil {
 
-/// The front door of a table family. One object in a process; `getIntf` gives it. What it does
-/// stands in `Asic::InterfaceCore`.
+/// Entry point of a table family, with one instance per process, obtained from `getIntf`.
+/// `Asic::InterfaceCore` implements it.
 ///
 /// Threads: the table thread.
 template <class Family>
@@ -22,7 +22,7 @@ class QUARNBASTIL_EXPORT Interface
 
   static constexpr std::uint16_t kFieldBase = 128;
 
-  /// Brings the family up, short of its tables; a second interface of the family ends the process.
+  /// Brings the family up, except for its tables. Aborts if the family already has an interface.
   explicit Interface(const Fenrik::Ptr<Asic::OrderedTableInterface>& ordTblIntf)
       : Base(descriptorOf<Family>(), ringMessages_, ordTblIntf) {
     this->handleInitialized();
@@ -42,11 +42,11 @@ class QUARNBASTIL_EXPORT Interface
   static Fenrik::String agentName() { return Family::kAgentName; }
   static Fenrik::String tableNamespace() { return Family::kTableNamespace; }
 
-  /// The name under which the interface is registered.
+  /// Name under which the interface is registered.
   static Fenrik::String registryKey() { return descriptorOf<Family>().names.registryKey; }
 
-  /// The one interface of the process. The first call makes it, over `orderedTableIntf`; later ones
-  /// do not look at that.
+  /// The only interface of the process. The first call creates it over `orderedTableIntf`; later
+  /// calls ignore the argument.
   static Fenrik::Ptr<Self> getIntf(
       const Fenrik::Ptr<Asic::OrderedTableInterface>& orderedTableIntf) {
     const auto present = Asic::InterfaceCore::registered(descriptorOf<Family>());
@@ -54,8 +54,8 @@ class QUARNBASTIL_EXPORT Interface
                               : Fenrik::ptrIsImpl<Self>(orderedTableIntf);
   }
 
-  /// The table of a unit, made at the first call over what an earlier agent left, or emptied with
-  /// `reset`. A helper that is not null is installed; for a table that is there already, too.
+  /// The table of a unit. The first call creates it over the state that an earlier agent left, or
+  /// empties it if `reset` is set. A non-null helper is installed even if the table exists already.
   Fenrik::Ptr<SwTable> makeSwTable(Asic::UnitId unitId, const Fenrik::Ptr<Helper>& swTableHelper,
                                    bool reset) {
     const auto table = Base::makeSwTable(unitId, swTableHelper, reset);
@@ -71,7 +71,7 @@ class QUARNBASTIL_EXPORT Interface
     return typed(Base::entryLogIs(tableId, entityManager, groupInterface, agentName));
   }
 
-  /// Empties the attribute and returns what it held.
+  /// Clears the attribute and returns its previous value.
   Fenrik::Ptr<Log> entryLogDel() {
     auto former = entryLog();
     Base::entryLogIs(nullptr);

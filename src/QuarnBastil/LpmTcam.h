@@ -7,7 +7,7 @@ namespace QuarnBastil {
 
 QUARNBASTIL_DECLARE_FAMILY(LpmTcam);
 
-/// The prefixes that the blocks of the prefix search cannot hold.
+/// The prefixes that do not fit the blocks of the prefix search.
 struct QUARNBASTIL_EXPORT LpmTcamFamily : PrefixFamily<LpmTcamFamilyClasses> {
   static constexpr Asic::SwTableId kTableId{0x04, 0x09, 0x0403};
 

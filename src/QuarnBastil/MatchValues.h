@@ -9,11 +9,11 @@
 #include "Drift/RecordText.h"
 #include "Fenrik/Export.h"
 
-// The values of which a classification entry is made. They stand as densely as the hardware's table
-// has them, so that numbers in them are not aligned.
+// Building blocks of a classification entry. They are packed as in the hardware's table, so their
+// numbers are unaligned.
 namespace QuarnBastil {
 
-/// What to compare a station address with, under which bits, and how.
+/// Match on a station address: value, mask and mode of comparison.
 struct QUARNBASTIL_EXPORT ThirteenByteValue {
   std::array<std::uint8_t, 12> valueAndMask{};
   std::uint8_t mode = 0;
@@ -25,6 +25,7 @@ struct QUARNBASTIL_EXPORT ThirteenByteValue {
   }
 };
 
+/// Match on a number of 32 bits.
 struct QUARNBASTIL_EXPORT SixByteValue {
   Drift::PackedNumber<std::uint32_t, 2> value;
   std::uint16_t mask = 0;
@@ -36,6 +37,7 @@ struct QUARNBASTIL_EXPORT SixByteValue {
   }
 };
 
+/// A mode and a 16-bit number.
 struct QUARNBASTIL_EXPORT ByteAndWord {
   std::uint8_t mode = 0;
   Drift::PackedNumber<std::uint16_t> value;
@@ -47,6 +49,7 @@ struct QUARNBASTIL_EXPORT ByteAndWord {
   }
 };
 
+/// A 16-bit number and a mode.
 struct QUARNBASTIL_EXPORT WordAndByte {
   Drift::PackedNumber<std::uint16_t> value;
   std::uint8_t mode = 0;
@@ -58,13 +61,16 @@ struct QUARNBASTIL_EXPORT WordAndByte {
   }
 };
 
-/// A prefix that an entry may or may not match on. While it is not `present`, the other members
-/// mean nothing: they are neither copied nor compared.
+/// An optional match on a prefix. Unless `present`, the other members are meaningless and are
+/// neither copied nor compared.
 struct QUARNBASTIL_EXPORT OptionalPrefix : Drift::FlatValue<OptionalPrefix> {
+  /// Network address, most significant byte first.
   std::array<std::uint8_t, 16> address{};
   Drift::PackedNumber<std::uint32_t, 2> zone;
+  /// Prefix length in bits.
   std::uint8_t length = 0;
   Drift::Padding<3> unused;
+  /// Whether to match at all.
   bool present = false;
 
   OptionalPrefix() = default;

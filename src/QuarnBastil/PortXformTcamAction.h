@@ -7,7 +7,7 @@ namespace QuarnBastil {
 
 QUARNBASTIL_DECLARE_FAMILY(PortXformTcamAction);
 
-/// The numbers that port ranges are turned into.
+/// The transformations that port entries select.
 struct QUARNBASTIL_EXPORT PortXformTcamActionFamily : PortXformTcamActionFamilyClasses {
   static constexpr Asic::SwTableId kTableId{0x04, 0x08, 0x0401};
 

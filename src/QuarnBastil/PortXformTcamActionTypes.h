@@ -20,7 +20,7 @@ struct QUARNBASTIL_EXPORT PortXformTcamActionEntryKey final
   using BankIndexKey::BankIndexKey;
 };
 
-/// How the packets of a port are transformed.
+/// A transformation of a port's packets.
 struct QUARNBASTIL_EXPORT PortXformTcamActionLogEntry
     : Drift::FlatValue<PortXformTcamActionLogEntry> {
   using Key = PortXformTcamActionEntryKey;

@@ -20,7 +20,7 @@ struct QUARNBASTIL_EXPORT PortXformTcamEntryEntryKey final
   using BankIndexKey::BankIndexKey;
 };
 
-/// Which ports and VLANs have their packets transformed.
+/// Selects ports and VLANs whose packets are transformed.
 struct QUARNBASTIL_EXPORT PortXformTcamEntryLogEntry
     : Drift::FlatValue<PortXformTcamEntryLogEntry> {
   using Key = PortXformTcamEntryEntryKey;

@@ -7,7 +7,7 @@ namespace QuarnBastil {
 
 QUARNBASTIL_DECLARE_FAMILY(SmallAds);
 
-/// Next hops: where a packet leaves, and the address that it is sent to.
+/// Next hops: the output of a packet and the address to send it to.
 struct QUARNBASTIL_EXPORT SmallAdsFamily : PrefixFamily<SmallAdsFamilyClasses> {
   static constexpr Asic::SwTableId kTableId{0x04, 0x09, 0x0404};
 

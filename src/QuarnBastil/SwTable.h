@@ -10,7 +10,7 @@
 
 namespace QuarnBastil {
 
-/// The result of a client's operation, and its ticket for the outcome.
+/// Result of a client's operation; reports its outcome.
 template <class Family>
 class QUARNBASTIL_EXPORT SwTableEntryHandle
     : public Fenrik::NodeClass<typename Family::EntryHandle, typename Family::EntryHandleBase,
@@ -22,7 +22,7 @@ class QUARNBASTIL_EXPORT SwTableEntryHandle
   using Base::Base;
 };
 
-/// A copy of a whole table, for scripts and inspection.
+/// A copy of a complete table, for scripts and inspection.
 template <class Family>
 class QUARNBASTIL_EXPORT SwTableEntriesPy
     : public Fenrik::NodeClass<typename Family::SwTableEntries_py,
@@ -42,7 +42,7 @@ class QUARNBASTIL_EXPORT SwTableEntriesPy
   KIV_KEYED(kFieldBase + 2, tableEntries, HN_TableEntries);
 };
 
-/// The position of an iteration in the family's own types.
+/// The position of an iteration, in the family's own types.
 template <class Family>
 class QUARNBASTIL_EXPORT SwTableIteratorState
     : public Fenrik::NodeClass<typename Family::IteratorState, typename Family::IteratorStateBase> {
@@ -70,8 +70,9 @@ class QUARNBASTIL_EXPORT SwTableIteratorState
   const SwTable* swTable() const noexcept { return static_cast<const SwTable*>(this->table()); }
   void swTableIs(const SwTable* table) noexcept { this->tableIs(table); }
 
-  /// One step: the next entry, or a default one at the end. Some families' bases ask for it.
-  // NOLINTNEXTLINE(modernize-use-override): others do not know it
+  /// Advances by one: returns the next entry, or a default one at the end. A virtual
+  /// function of the base in some families.
+  // NOLINTNEXTLINE(modernize-use-override): not virtual in every family's base
   Entry maybeUpdateCurrentEntry() {
     using Self = typename Family::IteratorState;
     return Asic::IterStateAccessor<Self, SwTable>(static_cast<Self*>(this))
@@ -79,8 +80,8 @@ class QUARNBASTIL_EXPORT SwTableIteratorState
   }
 };
 
-/// A member of one of the three keyed attributes of operations in flight, and a place in a walk
-/// over them. A member that goes while a walk stands on it keeps its key; its value is then null.
+/// A member of one of the keyed attributes of operations in flight, and a position in a walk over
+/// them. If the member is removed during the walk, its key stays readable and its value is null.
 template <class Family, class Value>
 class InFlightIterator {
  public:
@@ -116,7 +117,7 @@ class InFlightIterator {
   Asic::InFlight::Walk walk_;
 };
 
-/// What a change of a keyed attribute of operations in flight is announced with.
+/// Payload of an announced change in a keyed attribute of operations in flight.
 template <std::uint32_t salt, class ValueType>
 struct InFlightNode {
   static constexpr std::uint32_t kSalt = salt;
@@ -133,14 +134,15 @@ struct InFlightNode {
   }
 };
 
-/// The software table of one hardware table on one ASIC unit: what a client writes to and reads.
-/// What is configured lives in shared memory behind `entryLog`; what is in flight, and everything
-/// that a table does, in its core.
+/// The software table of one hardware table on one ASIC unit, which clients write and read. The
+/// configuration is in shared memory and accessed through `entryLog`; the core holds the operations
+/// in flight and implements the table.
 ///
-/// Threads: the table thread. No call blocks, and none fails for a reason of the table's state.
+/// Threads: the table thread. No call blocks, and none fails because of the table's state.
 ///
-/// I1. A handle is `entryPending` when the call that made it returns.
-/// I2. Reads show an operation at once; operations commit strictly in the order of their calls.
+/// I1. When a call returns a handle, the handle is `entryPending`.
+/// I2. Reads show an operation immediately. Operations are committed strictly in the order of their
+///     calls.
 template <class Family>
 class QUARNBASTIL_EXPORT SwTable
     : public Fenrik::NodeClass<typename Family::SwTable, typename Family::SwTableBase> {
@@ -171,7 +173,7 @@ class QUARNBASTIL_EXPORT SwTable
   using VersionIterator = InFlightIterator<Family, Asic::EntryVersion>;
 
   static constexpr std::uint16_t kFieldBase = Family::kSwTableFieldBase;
-  /// Where the attributes of a link to resources are; those declared after them follow.
+  /// First attribute number of a link to resources. Attributes declared after the link follow it.
   static constexpr std::uint16_t kLinkField = kFieldBase + 31;
   static constexpr std::uint16_t kBehindLink = kLinkField + Family::kLinkFields;
 
@@ -213,19 +215,19 @@ class QUARNBASTIL_EXPORT SwTable
     handleInitialized();
   }
 
-  /// Queues a write of `entry` under `key`, which wins over the key that `entry` carries. It waits
-  /// for `dep`, if that is not null, to leave `entryPending`.
+  /// Queues a write of `entry` under `key`, which replaces the key in `entry`. The write waits
+  /// until `dep`, unless null, leaves `entryPending`.
   HandlePtr entryWrite(const Key& key, const Entry& entry, const DependencyPtr& dep) {
     return typed(core_.entryWrite(&key, &entry, dep));
   }
-  /// As above; `handler` is called once when the outcome is known.
+  /// As above. `handler` is called once when the outcome is known.
   HandlePtr entryWriteWithResponseHandler(const Key& key, const Entry& entry,
                                           const DependencyPtr& dep,
                                           const ResponseHandler& handler) {
     return typed(core_.entryWriteWithResponseHandler(&key, &entry, dep, handler));
   }
 
-  /// Queues a remove; a key that is nowhere is accepted all the same.
+  /// Queues a remove, even if the key does not exist.
   HandlePtr entryRemove(const Key& key, const DependencyPtr& dep) {
     return typed(core_.entryRemove(&key, dep));
   }
@@ -234,28 +236,28 @@ class QUARNBASTIL_EXPORT SwTable
     return typed(core_.entryRemoveWithResponseHandler(&key, dep, handler));
   }
 
-  /// Queues the removal of everything. Its handler is called only if it fails.
+  /// Queues the removal of all entries. The handler is called only on failure.
   void entryRemoveAll(const DependencyPtr& dep) { core_.entryRemoveAll(dep); }
   void entryRemoveAllWithResponseHandler(const DependencyPtr& dep, const ResponseHandler& handler) {
     core_.entryRemoveAllWithResponseHandler(dep, handler);
   }
 
-  /// The entry as the client sees it; a default one if there is none.
+  /// The entry as the client sees it, or a default one.
   Entry entryRead(const Key& key) const {
     Entry entry{Key()};
     core_.entryRead(&key, &entry);
     return entry;
   }
   Entry entry(const Key& key) const { return entryRead(key); }
-  /// Whether the key exists as the client sees the table.
+  /// Whether the key exists, as the client sees the table.
   bool entryHas(const Key& key) const { return core_.entryHas(&key); }
-  /// The configured entry, whatever is in flight; a default one if there is none.
+  /// The configured entry, ignoring operations in flight; or a default one.
   Entry entryFromConfig(const Key& key) const {
     Entry entry{Key()};
     core_.entryFromConfig(&key, &entry);
     return entry;
   }
-  /// Number of entries as the client sees them.
+  /// Number of entries, as the client sees the table.
   std::uint32_t entrys() const { return core_.entrys(); }
 
   Fenrik::Ptr<IteratorState> initIterState() const {
@@ -264,13 +266,13 @@ class QUARNBASTIL_EXPORT SwTable
   Fenrik::Ptr<IteratorState> initIterStateFromKey(const Key& key) const {
     return Asic::IterStateAccessor<IteratorState, Self>::initIterState(self(), key);
   }
-  /// An iterator on its first entry; it must not outlive the table.
+  /// An iterator at the first entry. Must not outlive the table.
   EntryIterator entryIteratorConst() const { return EntryIterator(self(), initIterState()); }
   EntryIterator entryIteratorConst(const Key& key) const {
     return EntryIterator(self(), initIterStateFromKey(key));
   }
 
-  /// A copy of all entries, by key.
+  /// A copy of all entries by key.
   Fenrik::Ptr<SwTableEntries_py> getTableEntries_py() const {
     auto snapshot = Fenrik::ptrIsImpl<SwTableEntries_py>();
     for (auto it = entryIteratorConst(); it; ++it) snapshot->tableEntriesIs(*it);
@@ -285,7 +287,7 @@ class QUARNBASTIL_EXPORT SwTable
   }
   HandlePtr updateEntry(const Key& key) { return typed(core_.updateEntry(&key)); }
   /// Clears the unit through the log. Throws `Drift::CollectionFullException` or
-  /// `Drift::NoSpaceException` with nothing changed.
+  /// `Drift::NoSpaceException`; nothing has changed then.
   void clearTable(bool releaseResources) { core_.clearTable(releaseResources); }
   Fenrik::Ptr<Asic::NeededEntry> getNeededEntrySet(
       const Fenrik::Ptr<const Wrapper>& wrapper) const {
@@ -301,7 +303,7 @@ class QUARNBASTIL_EXPORT SwTable
   void handleInitialized() { core_.handleInitialized(); }
   void restoreEntries() { core_.restoreEntries(); }
 
-  // The attributes.
+  // Attributes.
   Fenrik::Ptr<Helper> swTableHelper() const {
     return Fenrik::Ptr<Helper>(static_cast<Helper*>(core_.swTableHelper().get()));
   }
@@ -357,8 +359,8 @@ class QUARNBASTIL_EXPORT SwTable
     return {core_.inFlight(), View::removes, core_.inFlight(&key)};
   }
 
-  /// The version of the operations in flight on a key; an invalid one, or nothing, if there are
-  /// none.
+  /// Version of the newest operation in flight on a key; an invalid version, or nullopt, if there
+  /// is none.
   Asic::EntryVersion transientVersionForKey(const Key& key) const {
     return transientVersionForKeyGet(key).value_or(Asic::EntryVersion());
   }

@@ -5,10 +5,10 @@
 
 namespace QuarnBastil {
 
-/// Where a client steps into the commit of a table. This class does the neutral thing; a client
-/// derives from the family's class and hands its object to the bring-up of the table.
+/// Hooks through which a client takes part in a table's commits. The defaults change nothing. A
+/// client derives from the family's class and passes its object when the table is created.
 ///
-/// Threads: the table thread, from within a commit; a hook must not pump.
+/// Threads: the table thread, during a commit. A hook must not pump.
 template <class Family>
 class QUARNBASTIL_EXPORT SwTableHelperBase
     : public Fenrik::NodeClass<typename Family::SwTableHelperBase> {
@@ -17,18 +17,19 @@ class QUARNBASTIL_EXPORT SwTableHelperBase
   using SwTable = typename Family::SwTable;
   using KivModule = typename Family::SwTableHelperBaseModule;
 
-  /// A write (`isDelete` false) or a single remove is about to be logged. The wrapper's entry may
-  /// still be changed: what it is after the call is logged.
+  /// A write (`isDelete` false) or a single remove is about to be logged. The hook may change the
+  /// wrapper's entry; the changed entry is logged.
   virtual void finalizeOnSuccess(const Fenrik::Ptr<Wrapper>&, bool /*isDelete*/,
                                  const Fenrik::Ptr<SwTable>&) {}
 
-  /// The resource of an entry failed. True: log it as if it had not.
+  /// The entry's resource failed. Return true to log the entry nevertheless.
   virtual bool finalizeOnFailure(const Fenrik::Ptr<Wrapper>&, bool /*isDelete*/,
                                  const Fenrik::Ptr<SwTable>&) {
     return false;
   }
 
-  /// A configured entry changes for a reason outside the client's operations. True: log it.
+  /// A configured entry changes for a reason other than a client's operation. Return true to log
+  /// it.
   virtual bool finalizeOnResourceUpdate(const Fenrik::Ptr<Wrapper>&, const Fenrik::Ptr<SwTable>&,
                                         bool /*someResourceHasFailed*/) {
     return true;

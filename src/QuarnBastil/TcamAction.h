@@ -7,7 +7,7 @@ namespace QuarnBastil {
 
 QUARNBASTIL_DECLARE_FAMILY(TcamAction);
 
-/// What happens to a packet that a classification entry matches.
+/// The actions on packets that match a classification entry.
 struct QUARNBASTIL_EXPORT TcamActionFamily : TcamActionFamilyClasses {
   static constexpr Asic::SwTableId kTableId{0x04, 0x08, 0x0403};
   static constexpr std::uint16_t kLinkFields = 1;

@@ -20,12 +20,13 @@ struct QUARNBASTIL_EXPORT TcamActionEntryKey final : BankIndexKey<TcamActionEntr
   using BankIndexKey::BankIndexKey;
 };
 
-/// What happens to the packets of a classification entry. `destId` comes from the resource table
-/// when the entry is committed; a client leaves it unset.
+/// Actions on the packets of a classification entry. `destId` is set from the resource table when
+/// the entry is committed; clients leave it unset.
 struct QUARNBASTIL_EXPORT TcamActionLogEntry : Drift::FlatValue<TcamActionLogEntry> {
   using Key = TcamActionEntryKey;
 
   Key key;
+  /// Destination, as resolved by the resource table.
   std::uint32_t destId = 0;
   std::uint32_t flags = 0;
   std::uint32_t counterId = 0;
@@ -46,10 +47,9 @@ struct QUARNBASTIL_EXPORT TcamActionLogEntry : Drift::FlatValue<TcamActionLogEnt
 };
 static_assert(sizeof(TcamActionLogEntry) == 124);
 
-/// The record of the resource table that the entry points at. Not logged: the hardware gets
-/// `destId`.
+/// Key of the resource record that the entry uses. Not logged: the hardware receives `destId`.
 struct QUARNBASTIL_EXPORT TcamActionResourceKeys {
-  /// 0: the entry needs no resource.
+  /// 0 if the entry needs no resource.
   QuarnL3NiLib::ReqIdToFecResourceTableEntryKey requestId;
 
   friend bool operator==(const TcamActionResourceKeys&, const TcamActionResourceKeys&) = default;

@@ -7,7 +7,7 @@ namespace QuarnBastil {
 
 QUARNBASTIL_DECLARE_FAMILY(TcamEntry);
 
-/// What a packet is compared with, and what happens to it: the largest entries of all families.
+/// Matches packets and selects their treatment; the largest entry of all families.
 struct QUARNBASTIL_EXPORT TcamEntryFamily : TcamEntryFamilyClasses {
   static constexpr Asic::SwTableId kTableId{0x04, 0x08, 0x0404};
 

@@ -20,15 +20,14 @@ struct QUARNBASTIL_EXPORT TcamEntryEntryKey final : BankIndexKey<TcamEntryEntryK
   using BankIndexKey::BankIndexKey;
 };
 
-/// One classification entry: what a packet must look like, and what happens to it. The agent
-/// copies, compares and prints it, and interprets none of it but the key; the hardware writer knows
-/// more.
+/// One classification entry: the packets to match and their treatment. The agent copies, compares
+/// and prints it but interprets only the key; the remaining fields are the hardware writer's.
 struct QUARNBASTIL_EXPORT TcamEntryLogEntry : Drift::FlatValue<TcamEntryLogEntry> {
   using Key = TcamEntryEntryKey;
 
   Key key;
   std::uint8_t entryType = 0;
-  /// Rows of the hardware table that the entry takes; one, unless it is told otherwise.
+  /// Rows of the hardware table that the entry occupies.
   std::uint32_t slices = 1;
   std::uint8_t direction = 0;
   std::array<ThirteenByteValue, 2> station{};
@@ -62,7 +61,7 @@ struct QUARNBASTIL_EXPORT TcamEntryLogEntry : Drift::FlatValue<TcamEntryLogEntry
   std::uint16_t lookup = 0;
   std::uint8_t lookupMode = 0;
 
-  // Out of line: each is a kilobyte of code, a field after the other.
+  // Out of line: each copies field by field and takes a kilobyte of code.
   TcamEntryLogEntry() noexcept;
   explicit TcamEntryLogEntry(const Key& ofKey) noexcept;
   TcamEntryLogEntry(const TcamEntryLogEntry& other) noexcept;

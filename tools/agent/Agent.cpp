@@ -10,7 +10,7 @@ namespace Agent {
 namespace {
 
 constexpr unsigned kPumpBudget = 1024;
-/// Longest time until a signal or a finished file is noticed.
+/// Longest time until a signal or a completed file is noticed.
 constexpr std::chrono::milliseconds kLook{100};
 
 double millisecondsSince(std::chrono::steady_clock::time_point begin) {
@@ -47,13 +47,13 @@ bool Agent::ends() const {
   return requests_.end() || (options_.timeout != 0 && taken.count() >= options_.timeout);
 }
 
-/// Throws if it was the time that ended the work.
+/// Throws if the timeout was the reason for stopping.
 void Agent::checkTime() const {
   if (requests_.end() || !ends()) return;
   throw TimeOut(fmt::format("not done in {} s: {}", options_.timeout, tables_.waitsFor()));
 }
 
-/// What does not fit is refused before anything is removed.
+/// Plans first: a policy that does not fit is refused before anything is removed.
 void Agent::run() {
   auto plans = plansOf(options_.reset);
   relaunched();
@@ -87,8 +87,8 @@ bool Agent::carryOut(unsigned unit, const Policy::Plan& plan) {
       .carryOut(tables_.unit(unit), plan);
 }
 
-/// Empties the units that an earlier agent had and this one has not; with `--reset` all. Rules are
-/// removed before the prefixes at which they point, as in every change.
+/// Empties the units of an earlier agent that this one does not serve; with `--reset`, all units.
+/// As in every change, rules are removed before the prefixes that they refer to.
 bool Agent::emptyOthers() {
   // NOLINTNEXTLINE(readability-use-anyofallof): it does more than ask
   for (const unsigned unit : tables_.unitsFound()) {
@@ -131,7 +131,7 @@ void Agent::serve() {
   }
 }
 
-/// False if the agent is to end. A file that cannot be used leaves everything as it is.
+/// False if the agent shall end. If a file is unusable, nothing changes.
 bool Agent::reload(const std::set<std::size_t>& files) {
   began_ = Clock::now();
   try {
@@ -146,14 +146,14 @@ bool Agent::reload(const std::set<std::size_t>& files) {
   return true;
 }
 
-/// Reads the files and takes them for the policy. The others stay as they were last finished, in
-/// whatever state they are by now.
+/// Reads `files` and makes them the policy. Other files keep the content of their last completion,
+/// whatever their current state.
 void Agent::take(const std::set<std::size_t>& files) {
   auto contents = contents_;
   for (const std::size_t file : files) {
     const std::string& path = options_.files[file];
     auto content = Policy::contentOf(path);
-    // Another writer has begun meanwhile; its end will be noticed.
+    // It is being written again; its completion will be noticed.
     if (options_.watch && watch_.isBeingWritten(file)) continue;
     refuseEmpty(content.empty() && !contents[file].empty(), path + ": it holds no rule any more");
     contents[file] = std::move(content);
@@ -167,15 +167,15 @@ void Agent::refuseEmpty(bool becomesEmpty, const std::string& what) const {
   throw Policy::InputError(what + "; --allow-empty lets everything be removed");
 }
 
-/// False if the agent is to end.
+/// False if the agent shall end.
 bool Agent::followRelaunch() {
   if (!relaunched()) return true;
   began_ = Clock::now();
   return program(plansOf(false));
 }
 
-/// Whether a collection was found unusable and made anew since the last call. Plans that are made
-/// after that write again what it held.
+/// Whether a collection was unusable and has been replaced since the last call. Plans made
+/// afterwards write its content again.
 bool Agent::relaunched() {
   const auto generation = tables_.relaunchSeen();
   if (!generation) return false;

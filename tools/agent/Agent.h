@@ -13,45 +13,48 @@
 namespace Agent {
 
 struct Options {
+  /// Directory of the tables.
   std::string directory;
+  /// Units to program.
   std::vector<unsigned> units{0};
+  /// Rule and prefix files, in order.
   std::vector<std::string> files;
-  /// Applies files that are finished while the agent runs.
+  /// Apply files that are completed while the agent runs.
   bool watch = false;
-  /// A file may go from some rules to none.
+  /// Accept a file that changes from some rules to none.
   bool allowEmpty = false;
-  /// Empties the tables, in order, before anything is written.
+  /// Empty the tables, in order, before writing anything.
   bool reset = false;
-  /// Ends when all is committed.
+  /// Exit when everything is committed.
   bool once = false;
   /// Seconds after which `once` gives up; 0: never.
   double timeout = 0;
-  /// Rows a second at most; 0: as fast as it goes.
+  /// Maximum rows per second; 0: unlimited.
   unsigned rate = 0;
 };
 
-/// Brings the files' policy into the tables of some units, and serves them. Its lines on standard
-/// output:
+/// Programs the files' policy into the tables of some units, and runs their loop. It prints on
+/// standard output:
 ///
 ///     programmed: 942 rules, 368 prefixes, unit 0; 0 rows written, 4.1 ms after reading began
 ///     acknowledged: the hardware has everything, 15.0 ms after reading began
 ///
-/// the first line for each unit when its rows are committed, the second one when the hardware
-/// writer has reported them all.
+/// the first line for each unit when its rows are committed, the second when the hardware writer
+/// has reported all of them.
 class Agent {
  public:
-  /// What others ask of a running agent, by signals.
+  /// Requests made to a running agent by signals.
   struct Requests {
     std::function<bool()> end;
-    /// Read the files again; true once for each request.
+    /// Whether to read the files again; true once per request.
     std::function<bool()> reload;
   };
 
-  /// Reads the files before it touches the tables. Throws `Policy::InputError` and
+  /// Reads the files before touching the tables. Throws `Policy::InputError` and
   /// `Fenrik::Exception`.
   Agent(Options options, Requests requests);
 
-  /// Until the agent is to end. Throws `Policy::CapacityError` with nothing written, and
+  /// Runs until the agent shall end. Throws `Policy::CapacityError`, with nothing written, and
   /// `RowRejected`.
   void run();
 
@@ -75,10 +78,10 @@ class Agent {
   Options options_;
   Requests requests_;
   Clock::time_point started_ = Clock::now();
-  /// When reading began, the last time.
+  /// Start of the last reading of files.
   Clock::time_point began_ = started_;
   FileWatch watch_;
-  /// Each file as it was when it was last finished.
+  /// Content of each file at its last completion.
   std::vector<Policy::Content> contents_;
   Policy::Wanted wanted_;
   Tables tables_;

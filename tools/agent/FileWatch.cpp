@@ -27,7 +27,8 @@ FileWatch::FileWatch(std::span<const std::string> paths)
   watch();
 }
 
-/// Called again after each event: a link may lead elsewhere by now, or a directory be another one.
+/// Called again after each event, since a link may have another target or a directory may have been
+/// replaced.
 void FileWatch::watch() {
   names_.clear();
   for (std::size_t i = 0; i < paths_.size(); ++i) {

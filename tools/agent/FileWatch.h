@@ -10,21 +10,21 @@
 
 namespace Agent {
 
-/// Notices files that were finished: closed by a writer, or renamed into place. A file that is
-/// being written is none.
+/// Notices completed files: closed by a writer, or renamed to their path. Files still being written
+/// are not reported.
 ///
-/// It watches the directories, so that a file may be absent for a while, and follows symbolic links
-/// one level down: the link and the file that it leads to.
+/// Watches directories, so that a file may be absent for some time. Follows a symbolic link for one
+/// level: watches both the link and its target.
 class FileWatch {
  public:
-  /// Throws `std::runtime_error` if the system gives no watch.
+  /// Throws `std::runtime_error` if the system provides no watch.
   explicit FileWatch(std::span<const std::string> paths);
 
-  /// The files, by their places among the paths, that were finished since the last call and are not
-  /// being written again.
+  /// The files, as indices into `paths`, that were completed since the last call and are not being
+  /// written again.
   std::set<std::size_t> finished();
-  /// Whether somebody has begun to write the file since the last `finished`: what was read of it
-  /// may be half of it.
+  /// Whether writing has begun since the last `finished`, so that a read may have seen a partial
+  /// file.
   bool isBeingWritten(std::size_t file);
 
  private:

@@ -30,7 +30,7 @@ bool reloadIsAsked() {
   return true;
 }
 
-/// Throws `CLI::ValidationError` for a setting that cannot be read.
+/// Throws `CLI::ValidationError` if the setting is invalid.
 void traceIs(const std::string& setting) {
   try {
     Kiv::TraceControl::settingIs(setting);

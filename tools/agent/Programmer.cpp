@@ -16,13 +16,13 @@ using Policy::Step;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-/// Operations in flight: enough for the library to fetch ahead, few enough to stay in the cache.
+/// Operations in flight: enough for the library to prefetch, few enough to stay in the cache.
 constexpr std::size_t kWindow = 1024;
-/// Steps between two looks at how many there are.
+/// Steps between two checks of the number in flight.
 constexpr std::size_t kLook = 64;
 constexpr unsigned kPumpBudget = 1024;
 constexpr milliseconds kSleep{100};
-/// Silence of the hardware after which the user is told what is waited for.
+/// Time without progress of the hardware after which the user is told what is awaited.
 constexpr std::chrono::seconds kPatience{2};
 
 QuarnBastil::BigBbFamily::Key keyOf(const PrefixRow& row) {
@@ -37,7 +37,7 @@ QuarnBastil::TcamEntryEntry entryOf(const PlacedRule& placed) {
 
 }  // namespace
 
-/// One plan on its way into the tables of one unit.
+/// One plan being carried out in the tables of one unit.
 class Programmer::Run {
  public:
   Run(Programmer& programmer, Unit& unit, const Policy::Plan& plan)
@@ -48,7 +48,7 @@ class Programmer::Run {
         plan_(plan),
         progress_(fmt::format("unit {}", unit.id.value()), plan.steps.size()),
         handles_(plan.steps.size()),
-        // What the hardware has not taken of an earlier change goes first.
+        // Operations of an earlier change that the hardware has not reported come first.
         beforePrefixes_(isBehind(*unit.rules) ? Tables::loggedSoFar(*unit.rules) : nullptr),
         beforeRules_(isBehind(*unit.prefixes) ? Tables::loggedSoFar(*unit.prefixes) : nullptr),
         prefixesBehind_(isBehind(*unit.prefixes)),
@@ -82,7 +82,7 @@ class Programmer::Run {
     if ((step.onPrefixes() ? prefixesBehind_ : rulesBehind_) || step.again) {
       if (!awaitKey(table, key, step)) return false;
     }
-    const auto tell = [&table](const auto& handle) {  // outlives this run
+    const auto tell = [&table](const auto& handle) {  // may be called after this run
       if (Asic::entryFailed(handle->entryState())) fail(table, *handle);
     };
     Dependency& before = step.onPrefixes() ? beforePrefixes_ : beforeRules_;
@@ -104,7 +104,7 @@ class Programmer::Run {
         table.canonicalName()->name(), table.unitId().value(), own.keyText(), own.rejection()));
   }
 
-  /// Until the next row may be queued without more rows a second than asked for.
+  /// Waits until the next row may be queued without exceeding the requested rate.
   bool awaitTurn() {
     const auto due = began_ + next_ * Clock::duration(std::chrono::seconds(1)) / rate_;
     while (Clock::now() < due) {
@@ -116,8 +116,8 @@ class Programmer::Run {
     return true;
   }
 
-  /// Until the hardware has what was done to the key last, and, for a row that is new, until the
-  /// rows that are being removed leave room for it.
+  /// Waits until the hardware has reported the key's last operation and, for a new row, until rows
+  /// being removed leave room for it.
   template <class SwTable, class Key>
   bool awaitKey(SwTable& table, const Key& key, const Step& step) {
     if (step.again && !drain(0)) return false;
@@ -135,7 +135,7 @@ class Programmer::Run {
     return true;
   }
 
-  /// Pumps until no more than `left` operations are queued.
+  /// Pumps until at most `left` operations are queued.
   bool drain(std::size_t left) {
     while (tables_.queued() > left) {
       if (!pumpOrSleep()) return false;

@@ -9,35 +9,35 @@
 
 namespace Agent {
 
-/// A row could not be stored. Nothing that follows it in the plan has been.
+/// A row could not be stored. No later row of the plan has been stored.
 class RowRejected final : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// The time that was given is over.
+/// The permitted time has elapsed.
 class TimeOut final : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// Carries plans out: queues their steps with what they depend on, a bounded number at a time, and
-/// pumps until all are committed. The hardware may be behind, by any length.
+/// Carries out plans: queues their steps with their dependencies, a limited number at a time, and
+/// pumps until all are committed. The hardware may lag behind arbitrarily.
 ///
-/// I1. No key is touched again before the hardware has reported the last operation on it. A plan
-///     counts on its order for each row, and a hardware writer that lost its place in the log takes
-///     rows from the configuration, where only the newest value of a key is left.
+/// I1. A key is not changed again before the hardware has reported its last operation. Plans rely
+///     on their order for each row, but a hardware writer that has lost its place in the log reads
+///     rows from the configuration, which has only the newest value of a key.
 ///
 /// Threads: the table thread.
 class Programmer {
  public:
-  /// `ends` is asked now and then whether the agent is to end; `rate` limits the rows a second, 0
-  /// is no limit.
+  /// `ends` is called from time to time and returns whether to stop; `rate` limits rows per second,
+  /// 0 means no limit.
   Programmer(Tables& tables, std::function<bool()> ends, unsigned rate)
       : tables_(tables), ends_(std::move(ends)), rate_(rate) {}
 
-  /// False if the agent is to end: the plan is then done in part, and a later plan continues it.
-  /// Throws `RowRejected`.
+  /// False if stopped: the plan is then partly carried out, and a later plan continues it. Throws
+  /// `RowRejected`.
   bool carryOut(Unit& unit, const Policy::Plan& plan);
 
  private:

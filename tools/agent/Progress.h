@@ -6,17 +6,17 @@
 
 namespace Agent {
 
-/// Shows how far a long piece of work is: a bar on a terminal, a line a second elsewhere. Short
-/// work shows nothing.
+/// Shows the progress of a long operation: a bar on a terminal, otherwise a line per second. Short
+/// operations show nothing.
 class Progress {
  public:
-  /// `title` is what is being done, `total` how many rows it is about.
+  /// `title` names the operation; `total` is its number of rows.
   Progress(std::string title, std::size_t total);
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  /// So many rows are done. Cheap while it is not time to show it.
+  /// Reports the number of rows done. Cheap unless the display is due.
   void at(std::size_t done);
   /// Prints a line above the bar.
   void say(const std::string& text);
@@ -31,8 +31,9 @@ class Progress {
   std::size_t total_;
   bool terminal_;
   bool shown_ = false;
-  /// The count that was shown last.
+  /// Number shown last.
   std::size_t told_ = 0;
+  /// Time of the next display.
   Clock::time_point next_;
 };
 

@@ -15,7 +15,7 @@ using QuarnBastil::TcamEntryFamily;
 
 constexpr const char* kName = "agent";
 
-/// Units of one family that have a configuration.
+/// Units with a configuration of the family.
 template <class Family>
 void addUnits(const KivSharedMem::EntityManager& memory, std::vector<unsigned>& units) {
   const auto base = Asic::Constants::canonicalGroupTableConfigDriftPathBase(
@@ -77,7 +77,7 @@ Unit& Tables::unit(unsigned number) {
   unit.id = Asic::UnitId(static_cast<std::uint16_t>(number));
   unit.prefixes = prefixes_->makeSwTable(unit.id, nullptr, false);
   unit.rules = rules_->makeSwTable(unit.id, nullptr, false);
-  // After the rows that are there: rows before them may have been removed a moment ago.
+  // Starts after the existing rows: rows before them may have been removed only recently.
   for (auto it = unit.rules->entryIteratorConst(); it; ++it) {
     unit.nextIndex =
         std::max(unit.nextIndex,

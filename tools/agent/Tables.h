@@ -22,56 +22,56 @@ struct Unit {
   Asic::UnitId id;
   Fenrik::Ptr<QuarnBastil::TcamEntrySwTable> rules;
   Fenrik::Ptr<QuarnBastil::BigBbSwTable> prefixes;
-  /// Where the next change begins to look for free rows of rules.
+  /// Where the next change starts searching for free rule rows.
   std::uint16_t nextIndex = 0;
 
-  /// The rows of the tables, read back from them.
+  /// The current rows of both tables.
   Policy::Picture picture() const;
 };
 
-/// Whether the hardware has not reported everything of a table.
+/// Whether the hardware has not reported all versions of a table.
 template <class SwTable>
 bool isBehind(const SwTable& table) {
   return table.entryLog()->tableStatusVersion() < table.entryLog()->tableVersion();
 }
 
-/// Everything of the agent's that lives in shared memory: both families, over one directory.
+/// The agent's objects in shared memory: both families, in one directory.
 ///
 /// Threads: the table thread.
 class Tables {
  public:
-  /// Takes over what an earlier agent left, or begins anew. Throws `Fenrik::Exception` with a
-  /// message for the user, when another agent is at work there for instance.
+  /// Takes over the state of an earlier agent, or starts anew. Throws `Fenrik::Exception` with a
+  /// message for the user, for example if another agent uses the directory.
   explicit Tables(const std::string& directory);
 
-  /// The tables of a unit, brought up at the first call.
+  /// The tables of a unit, created at the first call.
   Unit& unit(unsigned number);
-  /// The units for which an earlier agent has left tables.
+  /// Units with tables left by an earlier agent.
   std::vector<unsigned> unitsFound() const;
-  /// Empties units without tables. Rules first: they point at prefixes.
+  /// Empties units without tables; rules before the prefixes that they refer to.
   void reconcile();
 
-  /// The agent's relaunch generation, if it has moved since the last call: then a collection was
-  /// found unusable and was made anew, empty.
+  /// The agent's relaunch generation if it has changed since the last call: a collection was
+  /// unusable and has been replaced by an empty one.
   std::optional<Asic::GenId> relaunchSeen();
 
   Asic::OrderedTableInterface& interface() const { return *tables_; }
-  /// Operations that are queued and not committed.
+  /// Number of queued, uncommitted operations.
   std::size_t queued() const;
-  /// Log records that the hardware has still to report, of both tables.
+  /// Number of log records of both tables that the hardware has not reported.
   std::uint64_t behind() const;
-  /// What the queues or the hardware wait for, for people.
+  /// What the queues or the hardware wait for, as text for people.
   std::string waitsFor() const;
 
-  /// A handle of everything that is logged in a table so far.
+  /// A handle for everything logged in a table so far.
   template <class SwTable>
   static Dependency loggedSoFar(const SwTable& table);
 
  private:
   Fenrik::Ptr<KivSharedMem::EntityManager> memory_;
   Fenrik::Ptr<Stavro::EntityManager> state_;
-  /// Advanced by whoever loses a collection. Made before the tables are: a request without it would
-  /// be lost.
+  /// Incremented when a collection is lost. Created before the tables, since a request without it
+  /// is dropped.
   Fenrik::Ptr<Stavro::ValueEntity<Asic::GenId>> relaunch_;
   Asic::GenId relaunchSeen_;
   Fenrik::Ptr<Asic::OrderedTableInterface> tables_;
@@ -80,8 +80,8 @@ class Tables {
   std::map<unsigned, Unit> units_;
 };
 
-/// A handle of all operations of a table up to a version, for operations that depend on those of an
-/// earlier agent.
+/// A handle for all operations of a table up to a version, for operations that depend on those of
+/// an earlier agent.
 class LoggedSoFar final : public Fenrik::NodeClass<LoggedSoFar, Asic::DependencyEntryHandle> {
  public:
   LoggedSoFar(const Fenrik::String& tableName, Asic::TableVersion version);

@@ -9,7 +9,7 @@ namespace {
 
 using Tables::TableKind;
 
-/// A configuration's capacity, twice: rows of one that was lost stay until they are removed.
+/// Twice a configuration's capacity: rows of a lost configuration remain until they are removed.
 constexpr Drift::Word kCapacity = 2 * 65'536;
 
 Drift::Geometry rowGeometry(const TableKind& kind) {

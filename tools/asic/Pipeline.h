@@ -6,17 +6,17 @@
 
 namespace SimAsic {
 
-/// What one unit does with packets: it looks their addresses up in the prefix table, then the rules
-/// over the labels that this gives. It reads the words of a row as `Policy` writes them; rows of
-/// another agent match what they happen to match. Rows of other tables take no part in it.
+/// Packet processing of one unit: looks up addresses in the prefix table, then rules by the
+/// resulting labels. Interprets rows as `Policy` writes them; rows written by other agents match
+/// accordingly. Ignores rows of other tables.
 class Pipeline {
  public:
-  /// Returns how many rows had to be moved.
+  /// Returns the number of rows moved.
   std::uint64_t written(const Tables::TableKind& kind, Tables::Words words);
   void removed(const Tables::TableKind& kind, Tables::Words key);
 
-  /// The order in which rows of one table are written together; they are removed in the opposite
-  /// one.
+  /// Order in which rows of one table are written when several are; they are removed in reverse
+  /// order.
   static std::uint64_t orderOf(const Tables::TableKind& kind, Tables::Words entry);
 
   Policy::Decision decide(const Policy::Packet& packet) const;

@@ -7,14 +7,13 @@
 
 namespace SimAsic {
 
-/// The prefix rows of one unit, with the longest match of an address. A row whose length no prefix
-/// has is never matched.
+/// The prefix rows of one unit, with longest-prefix match. Rows with an invalid length never match.
 class PrefixTable {
  public:
   void write(const Policy::PrefixRow& row);
   void remove(const Policy::Prefix& prefix);
 
-  /// The row of the longest prefix that holds the address; null if there is none.
+  /// The row of the longest prefix that contains the address, or null.
   const Policy::PrefixRow* lookup(std::uint32_t address) const;
 
  private:

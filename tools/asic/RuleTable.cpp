@@ -11,7 +11,7 @@ std::uint64_t rankOf(const RuleRow& row, RuleTable::Key key) {
   return std::uint64_t{row.priority} << 32 | key;
 }
 
-/// Counts a decision in or out; true if it is the first of its kind to come or the last to go.
+/// Adds or removes a decision. True if it is the first of its kind added, or the last one removed.
 bool counted(std::unordered_map<Policy::Decision, unsigned>& counts, Policy::Decision decision,
              bool there) {
   if (there) return ++counts[decision] == 1;
@@ -52,7 +52,7 @@ std::uint64_t RuleTable::write(Key key, const RuleRow& row) {
   slots_[key] = slot;
   rows_[slot] = row;
   count(row, true);
-  // The row starts at its old place, or after all others, and rotates to its new one.
+  // Rotates the row from its old position, or from the end, to its new one.
   const std::uint64_t rank = rankOf(row, key);
   std::size_t to = placeOf(rank);
   if (from == order_.size()) order_.push_back({rank, slot});

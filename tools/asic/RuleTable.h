@@ -7,7 +7,7 @@
 
 namespace SimAsic {
 
-/// Identifies a set of rules, independent of their order and multiplicity.
+/// Identifies a set of rules, independently of their order and multiplicity.
 struct RuleSetId {
   std::uint64_t count = 0;
   std::uint64_t sum = 0;
@@ -19,29 +19,29 @@ struct RuleSetId {
   friend bool operator==(const RuleSetId&, const RuleSetId&) = default;
 };
 
-/// The rule rows of one unit as a TCAM holds them: packed, in the order of their priorities, so
-/// that a row that comes between others moves those after it.
+/// The rule rows of one unit as held by a TCAM: packed, in order of priority, so that inserting a
+/// row moves those after it.
 class RuleTable {
  public:
-  /// The number of a row's place in the software table.
+  /// The number of a row's position in the software table.
   using Key = std::uint32_t;
 
-  /// Returns how many rows had to be moved.
+  /// Returns the number of rows moved.
   std::uint64_t write(Key key, const Policy::RuleRow& row);
-  /// Moves no rows: the place is marked as free.
+  /// Moves no rows: the position is marked as free.
   void remove(Key key);
 
   const Policy::RuleRow* find(Key key) const;
   std::size_t size() const noexcept { return order_.size(); }
   RuleSetId setId() const noexcept { return setId_; }
 
-  /// The decision for a packet whose addresses have these rows of the prefix table.
+  /// The decision for a packet, given the prefix rows of its addresses.
   Policy::Decision decide(const Policy::Packet& packet, const Policy::PrefixRow& source,
                           const Policy::PrefixRow& destination) const;
 
  private:
   struct Place {
-    /// Priority, and the key below it: rows of one priority have an order too.
+    /// Priority, and below it the key, which orders rows of equal priority.
     std::uint64_t rank;
     std::uint32_t slot;
   };

@@ -31,7 +31,7 @@ std::vector<std::string> filesOf(const std::string& argument) {
   return files;
 }
 
-/// Reads the file; false when it or a part of it is unreadable.
+/// Reads a file. False if it is unreadable, completely or in part.
 bool fileRead(const std::string& path, std::vector<Blipline::RingFile>& files) {
   try {
     files.emplace_back(path);

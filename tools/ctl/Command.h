@@ -9,7 +9,7 @@
 
 #include "tables/Collections.h"
 
-/// Looks at the collections below a directory and changes nothing.
+/// Inspects the collections below a directory without changing anything.
 namespace Ctl {
 
 using Json = nlohmann::ordered_json;
@@ -19,46 +19,49 @@ using Tables::Words;
 
 enum Exit : int { kFine = 0, kFinding = 1, kUsage = 2, kCannotOpen = 3 };
 
-/// The common arguments of all commands.
+/// The arguments common to all commands.
 struct Context {
-  const Drift::Directory& directory;
-  bool json;
-  /// Set by a signal: the command is to end.
+  const Drift::Directory& directory;  ///< directory of the tables
+  bool json;                          ///< print JSON
+  /// Set by a signal to end the command.
   const volatile std::sig_atomic_t& stop;
 
-  /// Data for standard output, a line or as it is. Throws `OutputError`.
+  /// Writes data to standard output, as a line or unchanged. Throws `OutputError`.
   static void line(const std::string& text) { Context::text(text + '\n'); }
   static void text(const std::string& text);
-  /// A remark for standard error.
+  /// Writes a remark to standard error.
   static void say(const std::string& text);
 };
 
-/// Standard output takes no more.
+/// Writing to standard output failed.
 struct OutputError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Wrong use that the command line's parser does not find.
+/// A usage error that the command line parser does not detect.
 struct UsageError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The family of that name. Throws `UsageError`, with the names that there are.
+/// The family with this name. Throws `UsageError`, which lists the existing names.
 const TableKind& tableOf(const std::string& name);
 
+/// Options of `top`: print once and exit.
 struct TopRequest {
   bool once = false;
 };
+/// Options of `log`.
 struct LogRequest {
-  std::string table;
-  /// The first version to show; nothing: the oldest one that is there.
+  std::string table;  ///< name of the table
+  /// The first version to show; nullopt: the oldest one available.
   std::optional<Word> since;
-  bool follow = false;
+  bool follow = false;  ///< continue with records as they are logged
 };
+/// Options of `config`.
 struct ConfigRequest {
-  std::string table;
-  std::uint16_t unit = 0;
-  std::string key;
+  std::string table;       ///< name of the table
+  std::uint16_t unit = 0;  ///< number of the unit
+  std::string key;         ///< text of the key; empty: all entries
 };
 
 int status(const Context& context);
@@ -66,7 +69,7 @@ int top(const Context& context, const TopRequest& request);
 int log(const Context& context, const LogRequest& request);
 int config(const Context& context, const ConfigRequest& request);
 int verify(const Context& context);
-/// Copies the collections to a directory that is absent or empty, as they were at one moment.
+/// Copies the collections, in their state at one moment, to a directory that is absent or empty.
 int snapshot(const Context& context, const std::string& to);
 
 }  // namespace Ctl

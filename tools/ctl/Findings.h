@@ -5,17 +5,19 @@
 
 namespace Ctl {
 
-/// What one look at the collections has brought up.
+/// Result of one look at the collections.
 struct Findings {
-  /// What is wrong.
+  /// Faults.
   std::set<std::string> wrong;
-  /// What a death or a loss may leave, and what the next agent or hardware writer sees to.
+  /// What a crash or a loss may leave, and the next agent or hardware writer repairs.
   std::set<std::string> notes;
+  /// Collections and records examined.
   std::size_t collections = 0;
   std::size_t records = 0;
 };
 
-/// What both looks have brought up: the rest was under way. The counts are those of the later one.
+/// The findings common to both looks; others were changes in progress. The counts are the later
+/// ones.
 Findings inBoth(const Findings& earlier, const Findings& later);
 
 }  // namespace Ctl

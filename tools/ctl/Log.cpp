@@ -11,7 +11,7 @@ const char* operationOf(const Tables::LogRow& row) {
   return row.entryDelete ? "remove" : "write";
 }
 
-/// Shows the records of one log, one after the other.
+/// Prints the records of one log in order.
 class LogPrinter {
  public:
   LogPrinter(const Context& context, const LogRequest& request)
@@ -25,7 +25,7 @@ class LogPrinter {
     if (!Tables::isWritten(context.directory, kind_.logPath)) tellDead();
   }
 
-  /// Prints the records that are there.
+  /// Prints the existing records.
   void print() {
     while (context_.stop == 0) {
       seen_ = log_.file().doorbell();
@@ -36,14 +36,14 @@ class LogPrinter {
       } catch (const Fenrik::CorruptionDetectedException& e) {
         context_.say(e.what());
         result_ = kFinding;
-        // Without the ends of the window there is no next version.
+        // Without the ends of the window the next version is unknown.
         if (!passable()) return;
       }
       ++version_;
     }
   }
 
-  /// Prints what comes, until the command is to end.
+  /// Prints records as they are logged, until the command shall end.
   void follow() {
     while (context_.stop == 0) {
       print();
@@ -73,7 +73,8 @@ class LogPrinter {
     result_ = kFinding;
   }
 
-  /// Nobody cleans the log of a dead agent, and nobody announces its last versions.
+  /// Reports that the agent is dead: its log is not cleaned, and its last versions are not
+  /// announced.
   void tellDead() const {
     const auto window = view_.window();
     const Word last = window.next - 1;

@@ -18,7 +18,8 @@ void askToStop(int /*signal*/) { stopAsked = 1; }
 constexpr const char* kStatus =
     "Exit status: 0 fine, 1 a finding, 2 wrong use, 3 something cannot be opened or written.";
 
-/// Throws unless the directory holds a collection of some table: otherwise no agent was there.
+/// Throws unless the directory contains a collection of a table, which shows that an agent has used
+/// it.
 void requireTables(const Drift::Directory& directory) {
   if (!directory.entities("hardware/").empty()) return;
   throw Drift::MountException(
@@ -49,7 +50,7 @@ int run(const std::string& path, bool json, Command command) {
   }
 }
 
-/// The command that the arguments ask for.
+/// The command requested by the arguments.
 struct Request {
   std::string directory;
   bool json = false;
@@ -90,7 +91,7 @@ void addCommands(CLI::App& app, Request& request) {
   for (auto* const sub : app.get_subcommands({})) sub->fallthrough();
 }
 
-/// Throws `CLI::ValidationError` if the first word is no command.
+/// Throws `CLI::ValidationError` if the first word is not a command.
 void checkCommand(const CLI::App& app, int argc, char** argv) {
   std::vector<std::string> names;
   for (const auto* const sub : app.get_subcommands({})) names.push_back(sub->get_name());

@@ -128,7 +128,7 @@ std::optional<Tables::Progress> progressOf(const Drift::Directory& directory,
     if (!Drift::HashedView(notes.file()).find({&key, 1}, words)) return {};
     return std::bit_cast<Tables::Progress>(words);
   } catch (const Drift::MountException&) {
-    return {};  // another hardware writer may keep no notes, or keep them elsewhere
+    return {};  // another hardware writer may store its progress elsewhere or not at all
   }
 }
 

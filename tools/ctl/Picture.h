@@ -8,7 +8,7 @@
 
 namespace Ctl {
 
-/// One unit of a table at a moment. `live` counts entries in deletion too if those were not
+/// One unit of a table at one moment. `live` includes entries in deletion unless those were
 /// counted.
 struct UnitPicture {
   Asic::UnitId unit;
@@ -17,23 +17,24 @@ struct UnitPicture {
   Word capacity = 0;
 };
 
-/// How far agent and hardware are with a table at a moment. A number that could not be read is 0
-/// and is among the problems.
+/// Progress of agent and hardware in a table at one moment. A number that could not be read is 0
+/// and listed among the problems.
 struct TablePicture {
   const TableKind* kind = nullptr;
+  /// Newest versions issued, announced and reported.
   Word issued = 0;
   Word announced = 0;
   Word reported = 0;
-  /// Records in the log, and how many it may hold.
+  /// Number of records in the log, and its capacity.
   Word logged = 0;
   Word logCapacity = 0;
-  /// The process that wrote last, and how often the log was taken over.
+  /// Process id of the last writer, and the number of takeovers of the log.
   Word agent = 0;
   Word generation = 0;
   /// Whether an agent has the log open, and a hardware writer the reports.
   bool agentAlive = false;
   bool writerAlive = false;
-  /// The hardware writer's own notes; nothing if it keeps none here.
+  /// The hardware writer's own progress record, if it keeps one here.
   std::optional<Tables::Progress> progress;
   std::vector<UnitPicture> units;
 
@@ -47,21 +48,20 @@ struct Picture {
 
 /// Entity path of the reports of a table's group.
 std::string reportPath(const TableKind& kind);
-/// The reports of a table's group. Throws `Drift::MountException`.
+/// Opens the reports of a table's group. Throws `Drift::MountException`.
 Tables::Collection reportsOf(const Drift::Directory& directory, const TableKind& kind);
-/// The version that the hardware writer has reported there for the table; 0 if none. Throws
-/// `Fenrik::CorruptionDetectedException`.
+/// The version reported for the table, or 0. Throws `Fenrik::CorruptionDetectedException`.
 Word reportedOf(const Tables::Collection& reports, const TableKind& kind);
-/// Both for one look.
+/// Both steps, for a single read.
 Word reportedOf(const Drift::Directory& directory, const TableKind& kind);
-/// The record of the reports that says so.
+/// The record with which a version is reported.
 std::vector<Word> reportRecord(const TableKind& kind, Word version);
-/// The hardware writer's notes on a table.
+/// The hardware writer's progress record of a table.
 std::optional<Tables::Progress> progressOf(const Drift::Directory& directory,
                                            const TableKind& kind);
 
-/// The tables that have a log or a configuration. `deletions`: entries in deletion are counted,
-/// which reads all entries.
+/// The tables with a log or a configuration. `deletions`: counts entries in deletion, which reads
+/// all entries.
 Picture pictureOf(const Drift::Directory& directory, bool deletions);
 
 /// "version 12 waits ..."; empty if the hardware writer does not wait.

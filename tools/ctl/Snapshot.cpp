@@ -13,10 +13,10 @@ using Drift::DriftFile;
 using Drift::Format::Line;
 using Record = std::vector<Word>;
 
-/// Rounds after which an agent is too busy. A round takes as long as the changes since the one
-/// before, so that a handful meets a moment between two of them.
+/// Number of rounds after which the agent counts as too busy. Each round takes as long as the
+/// changes since the previous one, so usually a few rounds suffice.
 constexpr unsigned kRounds = 100'000;
-/// Rows between two looks at the log, which loses records once the hardware has them.
+/// Rows between two reads of the log, which loses records once the hardware has reported them.
 constexpr std::size_t kRowsBetweenLooks = 256;
 
 std::unique_ptr<DriftFile> makeLike(const Drift::Directory& to, const std::string& path,
@@ -30,12 +30,11 @@ void lineIs(DriftFile& file, Line line, Word value) {
   word.set(value);
 }
 
-/// One table as it was at one version: log, needed sets and configurations, read while the agent
-/// goes on.
+/// A copy of one table at one version: log, needed sets and configurations, read while the agent
+/// continues.
 ///
-/// The configurations are walked while the log is followed; whatever the log says of a key
-/// afterwards makes that key be read again. The copy is whole when the log is read to the end and
-/// no row is newer.
+/// The configurations are walked while the log is followed; a key that the log names afterwards is
+/// read again. The copy is complete when the log has been read to its end and no row is newer.
 class TableCopy {
  public:
   TableCopy(const Drift::Directory& from, const TableKind& kind)
@@ -50,10 +49,10 @@ class TableCopy {
   }
 
   const TableKind& kind() const noexcept { return kind_; }
-  /// The version to which the copy belongs.
+  /// The version of the copy.
   Word cut() const noexcept { return cut_; }
 
-  /// Follows the agent; true if the copy is whole.
+  /// Follows the agent. Returns whether the copy is complete.
   bool advance() {
     if (!readLog()) {
       begin();
@@ -64,11 +63,11 @@ class TableCopy {
     }
     std::erase_if(early_, [&](const auto& row) { return row.second <= cut_; });
     if (!changed_.empty()) return false;
-    // What a dead agent configured and did not log stays so.
+    // Rows that a dead agent configured and did not log remain as they are.
     return early_.empty() || !Tables::isWritten(from_, kind_.logPath);
   }
 
-  /// Whether everything that the copy needs of other tables is in their copies.
+  /// Whether all versions of other tables that this copy requires are in their copies.
   bool isClosed(const std::vector<TableCopy>& all) const {
     for (const auto& [sequence, words] : needs_) {
       Asic::NeededEntryRecord record;
@@ -113,7 +112,8 @@ class TableCopy {
     for (const Asic::UnitId unit : Tables::configuredUnits(from_, kind_)) walk(unit);
   }
 
-  /// Reads the log up to what is announced. False if records have gone that were not read.
+  /// Reads the log up to the announced version. False if records were removed before they could be
+  /// read.
   bool readLog() {
     const auto announced = Tables::lineOf(log_.file(), Line::announced);
     if (!announced) throw Fenrik::CorruptionDetectedException("the announced version is damaged");
@@ -156,7 +156,7 @@ class TableCopy {
           if (++count % kRowsBetweenLooks == 0) whole = readLog() && whole;
         },
         [](const std::string& damage) { Context::say(damage); });
-    // What was lost of the log is asked for once more by the next round.
+    // If log records were lost meanwhile, the next round reads the unit again.
     if (!whole) changed_.emplace(unit, Record());
   }
 
@@ -200,21 +200,21 @@ class TableCopy {
   Drift::DenseView neededView_;
   std::map<Asic::UnitId, Tables::Config> configs_;
   std::map<Asic::UnitId, std::map<Record, Record>> rows_;
-  /// The log and the needed sets so far, and what is read next of each.
+  /// Log records and needed sets read so far, and the next number to read of each.
   Records records_;
   Records needs_;
   Word next_ = 0;
   Word nextNeed_ = 0;
   Word cut_ = 0;
-  /// Keys that the log named since they were read; without a key, a unit that was cleared.
+  /// Keys that the log has named since they were read; an empty key for a cleared unit.
   std::set<Key> changed_;
-  /// Rows that are newer than the cut, by their versions.
+  /// Rows newer than the copy's version, with their versions.
   std::map<Key, Word> early_;
   Record record_;
   Tables::LogRow row_;
 };
 
-/// The reports of each group: never more than what its copy has.
+/// Stores the reports of each group, limited to the versions of the copies.
 void storeReports(const Drift::Directory& from, const Drift::Directory& to,
                   const std::vector<TableCopy>& copies) {
   std::map<std::string, std::unique_ptr<DriftFile>> files;
@@ -228,7 +228,7 @@ void storeReports(const Drift::Directory& from, const Drift::Directory& to,
   }
 }
 
-/// What concerns no single table.
+/// Stores the collections that belong to no table.
 void storeState(const Drift::Directory& from, const Drift::Directory& to) {
   auto paths = from.entities("stavro/");
   std::ranges::copy(from.entities(Asic::CatalogueDrift::kPath), std::back_inserter(paths));

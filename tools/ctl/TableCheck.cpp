@@ -35,7 +35,7 @@ void TableCheck::check() {
       checkLogged(config);
       checkConfigured(config);
     } catch (const Drift::MountException&) {
-      // Found where all files are opened.
+      // Reported where all files are opened.
     }
   }
   for (const auto& [at, count] : cuts_) {
@@ -47,7 +47,7 @@ void TableCheck::check() {
   checkNeeded();
 }
 
-/// Units that the log or the chip knows and that have no configuration.
+/// Reports units that the log or the chip refers to but that have no configuration.
 void TableCheck::checkLost() {
   const auto units = Tables::configuredUnits(directory_, kind_);
   const auto programmed = Tables::programmedUnits(directory_, kind_);
@@ -100,7 +100,7 @@ void TableCheck::readLog(const Tables::Collection& log) {
         wrong(fmt::format("version {} is missing from the log", version));
       }
     } catch (const Fenrik::CorruptionDetectedException&) {
-      // Found where all records are read.
+      // Reported where all records are read.
     }
   }
 }
@@ -123,7 +123,7 @@ void TableCheck::checkLogged(const Tables::Config& config) {
     try {
       checkChange(key, change, config);
     } catch (const Fenrik::CorruptionDetectedException&) {
-      // Found where all records are read.
+      // Reported where all records are read.
     }
   }
 }
@@ -183,7 +183,7 @@ void TableCheck::checkNeeded() {
     try {
       if (!view.findFrom(sequence, words)) return;
     } catch (const Fenrik::CorruptionDetectedException&) {
-      continue;  // Found where all records are read.
+      continue;  // reported where all records are read
     }
     Layout::fromWords(words.data(), record);
     if (record.version.value() < last) {

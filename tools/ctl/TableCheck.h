@@ -7,22 +7,22 @@
 
 namespace Ctl {
 
-/// Holds what the collections of one table say against each other: the versions of the log, the
-/// log against the configuration, the needed sets against what was announced.
+/// Checks the collections of one table against each other: the versions of the log, log against
+/// configuration, needed sets against announced versions.
 ///
-/// An agent that is killed leaves at most the last operation in part: it may be configured and not
-/// logged, or logged and not announced. The version of one that was not logged is issued again for
-/// something else.
+/// A killed agent leaves at most its last operation incomplete: configured and not logged, or
+/// logged and not announced. The version of an operation that was not logged is issued again for
+/// another one.
 class TableCheck {
  public:
   TableCheck(const Drift::Directory& directory, const TableKind& kind, Findings& findings)
       : directory_(directory), kind_(kind), findings_(findings) {}
 
-  /// Throws `Drift::MountException` for a log that cannot be opened.
+  /// Throws `Drift::MountException` if the log cannot be opened.
   void check();
 
  private:
-  /// The newest thing that the log says of a key.
+  /// The newest change of a key in the log.
   struct Change {
     Word version = 0;
     bool isDelete = false;
@@ -53,9 +53,9 @@ class TableCheck {
   Word reported_ = 0;
   std::map<Key, Change> changes_;
   std::map<Asic::UnitId, Word> cleared_;
-  /// What each version of the log concerns; of a clear, no key.
+  /// The key changed by each version of the log; for a clear, no key.
   std::map<Word, Key> concerned_;
-  /// Entries that are configured under a version that is not theirs in the log.
+  /// Number of entries configured under a version that the log lacks, or has for another key.
   std::map<std::pair<Asic::UnitId, Word>, std::size_t> cuts_;
 };
 

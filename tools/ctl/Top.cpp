@@ -17,11 +17,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kPeriod(1);
-/// How often the versions are looked at: the resolution of the lag. 50 looks of some microseconds a
-/// second are far below one percent of a core.
+/// Interval between reads of the versions: the resolution of the lag. 50 reads per second of some
+/// microseconds each take far less than one percent of a core.
 constexpr std::chrono::milliseconds kLook(20);
 
-/// Keys come at once and unseen while this object lives, if standard input is a terminal.
+/// If standard input is a terminal, delivers keys immediately and without echo during the object's
+/// lifetime.
 class Keyboard {
  public:
   Keyboard() : terminal_(::isatty(STDIN_FILENO) == 1 && ::tcgetattr(STDIN_FILENO, &former_) == 0) {
@@ -36,7 +37,7 @@ class Keyboard {
   Keyboard(const Keyboard&) = delete;
   Keyboard& operator=(const Keyboard&) = delete;
 
-  /// Sleeps; true if 'q' was pressed.
+  /// Sleeps; returns true if 'q' was pressed.
   bool quitWithin(std::chrono::milliseconds time) const {
     struct pollfd input {
       terminal_ ? STDIN_FILENO : -1, POLLIN, 0
@@ -51,27 +52,27 @@ class Keyboard {
   bool terminal_;
 };
 
-/// The versions of one table over the last moments.
+/// Recent history of one table's versions.
 class Track {
  public:
   explicit Track(const TableKind& kind) : kind_(&kind) {}
 
   const TableKind& kind() const noexcept { return *kind_; }
 
-  /// Opens what is there now.
+  /// Opens the collections that exist now.
   void open(const Drift::Directory& directory) {
     const auto opened = [](std::optional<Tables::Collection>& collection, auto make) {
       try {
         if (!collection || collection->file().replaced()) collection.emplace(make());
       } catch (const Fenrik::Exception&) {
-        collection.reset();  // the picture tells
+        collection.reset();  // reported by the picture
       }
     };
     opened(log_, [&] { return Tables::Collection(directory, kind_->logPath, kind_->log); });
     opened(reports_, [&] { return reportsOf(directory, *kind_); });
   }
 
-  /// Cheap: two words of files that stay open.
+  /// Cheap: reads two words of open files.
   void look() {
     if (!log_ || !reports_) return;
     try {
@@ -79,12 +80,12 @@ class Track {
           Tables::lineOf(log_->file(), Drift::Format::Line::announced).value_or(announced_);
       reported_ = reportedOf(*reports_, *kind_);
     } catch (const Fenrik::CorruptionDetectedException&) {
-      // The picture tells.
+      // Reported by the picture.
     }
     const auto now = Clock::now();
     if (steps_.empty() || steps_.back().version != announced_) steps_.push_back({now, announced_});
     while (!steps_.empty() && steps_.front().version <= reported_) steps_.pop_front();
-    // Without reports every look may add a step: one in two is as good.
+    // Without reports every read may add a step; dropping some costs only resolution.
     constexpr std::size_t kSteps = 4096;
     if (steps_.size() > kSteps) steps_.erase(steps_.begin() + 1);
   }
@@ -95,7 +96,7 @@ class Track {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - steps_[0].time);
   }
 
-  /// Versions announced and reported a second since the last call.
+  /// Versions announced and reported per second since the last call.
   std::pair<double, double> rates() {
     const auto now = Clock::now();
     const double seconds = std::chrono::duration<double>(now - ratedAt_).count();
@@ -136,7 +137,7 @@ std::string clockText() {
   return text.data();
 }
 
-/// Lines that the terminal takes; plenty where there is none.
+/// Number of lines of the terminal; without one, plenty.
 std::size_t linesOfTerminal() {
   struct winsize size {};
   const bool known = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 4;
@@ -163,7 +164,7 @@ class Screen {
  public:
   explicit Screen(const Context& context) : context_(context) {}
 
-  /// Takes up what has come or was made anew.
+  /// Opens what is new or was replaced.
   void open() {
     catalogue_.learn(context_.directory, [&](const std::string& text) { problems_.insert(text); });
     const auto& kinds = Tables::tableKinds();

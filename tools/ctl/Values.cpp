@@ -17,7 +17,7 @@ namespace {
 using Drift::FieldKind;
 using Drift::RecordField;
 
-/// What a place begins with, wherever it is in the key.
+/// Name of the field that comes first in a position's text, regardless of its offset in the key.
 constexpr std::string_view kBank = "bank";
 
 std::optional<std::uint64_t> numberOf(std::string_view text) {
@@ -30,7 +30,7 @@ std::optional<std::uint64_t> numberOf(std::string_view text) {
   return number;
 }
 
-/// A plain number, or four of them with dots between.
+/// A plain number, or four separated by dots.
 std::optional<std::uint64_t> valueOf(std::string_view text) {
   if (text.find('.') == std::string_view::npos) return numberOf(text);
   std::uint64_t address = 0;
@@ -46,7 +46,7 @@ std::optional<std::uint64_t> valueOf(std::string_view text) {
   return parts == 4 ? std::optional(address) : std::nullopt;
 }
 
-/// The words of the text, without the marks between them.
+/// The words of the text, without separators.
 std::vector<std::string_view> wordsOf(std::string_view text) {
   constexpr std::string_view kSeparators = "{}/:, ";
   std::vector<std::string_view> words;
@@ -72,7 +72,8 @@ void fieldIs(std::vector<Word>& key, const RecordField& field, std::uint64_t val
   std::memcpy(reinterpret_cast<std::byte*>(key.data()) + field.offset, &value, field.size);
 }
 
-/// A prefix with bits beyond its length, or a length beyond its address, is nobody's key.
+/// Whether the key is possible: a prefix has no bits beyond its length, nor a length beyond its
+/// address.
 bool isKey(const TableKind& kind, const std::vector<Word>& key) {
   if (kind.key.form != Drift::TextForm::prefix) return true;
   const std::size_t words = kind.key.count - 1;
@@ -87,7 +88,7 @@ bool isKey(const TableKind& kind, const std::vector<Word>& key) {
   return true;
 }
 
-/// An IPv6 prefix, as printed. Nothing if the text is none, or the key has no room for it.
+/// Parses an IPv6 prefix as printed. Nullopt if the text is not one or the key cannot hold it.
 std::optional<std::vector<Word>> ipv6KeyOf(const TableKind& kind, const std::string& text) {
   const std::size_t slash = text.find('/');
   std::array<std::uint32_t, 4> address{};

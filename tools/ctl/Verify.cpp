@@ -11,7 +11,7 @@ namespace {
 using Drift::Format::Layout;
 using Drift::Format::Line;
 
-/// Far longer than the few stores of an operation take.
+/// Time between two looks: far longer than the few stores of an operation.
 constexpr std::chrono::milliseconds kUnderWay(100);
 
 constexpr const char* kStateDatabase = "stavro/entities";
@@ -74,7 +74,7 @@ void checkTable(const Drift::Directory& directory, const TableKind& kind, Findin
   try {
     TableCheck(directory, kind, findings).check();
   } catch (const Fenrik::CorruptionDetectedException&) {
-    // Found where all records are read.
+    // Reported where all records are read.
   } catch (const Drift::MountException& e) {
     findings.wrong.insert(e.what());
   }
@@ -117,7 +117,7 @@ void show(const Context& context, const Findings& findings) {
 
 int verify(const Context& context) {
   Findings findings = look(context.directory);
-  // A busy agent may be met at the same point twice, but hardly over the same record each time.
+  // A busy agent may be met at the same point twice, but hardly at the same record each time.
   for (int again = 0; again < 2 && !(findings.wrong.empty() && findings.notes.empty()); ++again) {
     std::this_thread::sleep_for(kUnderWay);
     findings = inBoth(findings, look(context.directory));

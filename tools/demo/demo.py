@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Shows the agent and the hardware writer at work on files of rules, kills both, and sums up.
+"""Demonstrates agent and hardware writer with files of rules, kills both, and prints a summary.
 
 Both are killed with SIGKILL in the middle of their work and started again; half the rules are
 replaced; packets are decided all the time by the simulated hardware and by a plain scan of the
@@ -19,21 +19,21 @@ import time
 
 UNITS = (0, 1)
 PACKETS = 20000
-# A load and a change are stretched to about this many seconds, for people and for the kills.
+# Approximate duration in seconds of a load and of a change, slowed down to be watched and killed.
 STRETCH = 2.0
 PATIENCE = 60.0
 
 
 class Failed(Exception):
-    """What was waited for did not happen."""
+    """An awaited event did not occur."""
 
 
 class Unfit(Exception):
-    """The files cannot be shown."""
+    """The files are unsuitable."""
 
 
 class Process:
-    """A program of ours; its lines are kept as they come, with the time at which they came."""
+    """One of the programs, with its output lines and the times at which they were printed."""
 
     def __init__(self, arguments, echo):
         self.began = time.monotonic()
@@ -53,7 +53,7 @@ class Process:
             echo(f"    {self.name}: {line.rstrip()}")
 
     def wait_for(self, found, what):
-        """The first result of `found` on a line that is not None, and when the line came."""
+        """The first result of `found` that is not None, and the time of its line."""
         end = time.monotonic() + PATIENCE
         seen = 0
         while True:
@@ -73,7 +73,7 @@ class Process:
                 return result, at - self.began
 
     def forget(self):
-        """From now on only lines to come are looked at."""
+        """Discards the lines so far."""
         with self.changed:
             self.lines.clear()
             self.began = time.monotonic()
@@ -86,7 +86,7 @@ class Process:
 
 
 def event_of(line, name):
-    """The facts of a line of JSON that tells of an event of that name."""
+    """The content of a JSON line with the given event, or None."""
     try:
         facts = json.loads(line)
     except ValueError:
@@ -95,7 +95,7 @@ def event_of(line, name):
 
 
 def rules_of(path):
-    """The rules of a file. Whether each is well formed is for the agent to say."""
+    """The rules of a file. The agent checks their syntax."""
     if os.path.isdir(path):
         raise Unfit(f"{path}: it is a directory; name the files in it")
     if not os.path.isfile(path):
@@ -113,7 +113,7 @@ def rules_of(path):
 
 
 def mirrored(rule):
-    """The rule of the way back: another rule of the same kind."""
+    """The rule for the opposite direction: another rule of the same kind."""
     fields = re.match(r"\s*@(\S+)\s+(\S+)\s+(\d+ *: *\d+)\s+(\d+ *: *\d+)\s+(.*)", rule)
     if fields is None:
         return rule
@@ -128,7 +128,7 @@ class Demo:
         self.page = {}
         self.writers = []
         self.processes = []
-        # Everything lies in memory, as it does on a switch.
+        # All files are in memory, as on a switch.
         parent = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
         self.work = tempfile.mkdtemp(prefix="bastil-demo.", dir=parent)
         self.directory = os.path.join(self.work, "tables")
@@ -184,7 +184,7 @@ class Demo:
         self.bar(None, 0)
 
     def bar(self, done, total):
-        """How far something is, on a terminal; away with it, when `done` is None."""
+        """Shows progress on a terminal; clears it if `done` is None."""
         if self.options.json or not sys.stdout.isatty():
             return
         if done is None:
@@ -199,7 +199,7 @@ class Demo:
             self.problems.append(problem)
 
     def rows_written(self, agent):
-        """The number of rows that the agent wrote, all units together."""
+        """The number of rows that the agent wrote in all units."""
         rows = 0
         for unit in UNITS:
             pattern = re.compile(rf"programmed: .* unit {unit}; (\d+) rows written")
@@ -207,7 +207,7 @@ class Demo:
         return rows
 
     def acknowledged(self, agent):
-        """Seconds from the agent's start, or its last change, to its word that all is done."""
+        """Seconds from the agent's start, or its last change, to complete acknowledgement."""
         pattern = re.compile(r"acknowledged: ")
         return agent.wait_for(pattern.match, "the hardware's acknowledgement")[1]
 
@@ -225,17 +225,17 @@ class Demo:
         raise Failed("the hardware writer left no summary")
 
     def started(self, writer):
-        """The version up to which the chip was programmed in all when the writer came."""
+        """The sum of the chip's programmed versions at the writer's start, and the time of it."""
         facts, at = writer.wait_for(lambda line: event_of(line, "started"), "its start")
         return sum(facts["programmed"].values()), at
 
-    # The acts, one after the other.
+    # The acts, in order.
 
     def prepare(self):
         rules = [rule for path in self.options.files for rule in rules_of(path)]
         if len(rules) < 4:
             raise Unfit("these files hold fewer than four rules: nothing to show")
-        # A row that changes twice waits for the hardware in between.
+        # A row that changes twice must wait for the hardware in between.
         writer = self.start("bastil-hwwriter", "--json", directory=self.path("trial"))
         self.try_out(self.options.files, "")
         changed = [mirrored(rule) if i % 2 else rule for i, rule in enumerate(rules)]
@@ -251,7 +251,7 @@ class Demo:
         self.say(f"{len(rules)} rules for {len(UNITS)} units; tables below {self.directory}")
 
     def try_out(self, files, what):
-        """Has an agent take the files, one change after the other, and tells what it refuses."""
+        """Checks that an agent accepts the files, one after the other; reports what it refuses."""
         tried = subprocess.run(
             [os.path.join(self.options.bin, "bastil-agent"), "--dir", self.path("trial"), "--once",
              "--timeout", str(PATIENCE), "--", *files],
@@ -260,7 +260,7 @@ class Demo:
             raise Unfit(what + tried.stderr.strip().removeprefix("bastil-agent: "))
 
     def measure(self):
-        """A load at full speed, in a directory of its own, and with it the number of rows."""
+        """Measures a load at full speed, in a separate directory; also gives the number of rows."""
         directory = self.path("speed")
         writer = self.start("bastil-hwwriter", "--json", directory=directory)
         agent = self.agent(directory=directory, rules="before.rules")
@@ -319,7 +319,7 @@ class Demo:
         first = self.end_writer(writer)
         writer = self.writer()
         _, self.page["writerTakeover"] = self.started(writer)
-        time.sleep(0.3)  # some packets more
+        time.sleep(0.3)  # allows some more packets
         self.expect(agent.end(signal.SIGTERM) == 0, "the agent did not end cleanly")
         last = self.end_writer(writer)
         self.page["rowsReprogrammedByRestart"] = sum(

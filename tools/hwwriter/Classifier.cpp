@@ -55,7 +55,7 @@ std::vector<Policy::Decision> Classifier::accepted(const SimAsic::RuleTable& rul
                                                    Asic::UnitId unit) {
   std::vector<Policy::Decision> result;
   const auto id = rules.setId();
-  // A rule that is being moved stands twice: its old place still counts.
+  // A rule being moved is present twice, and its old row is still in effect.
   const bool eachOnce = rules.size() == id.count;
   for (std::size_t i = 0; i < lists_.size(); ++i) {
     if (eachOnce && ids_[i] == id) result.push_back(Policy::firstMatch(lists_[i], packet));

@@ -7,24 +7,24 @@
 
 namespace HwWriter {
 
-/// Decides packets by the chip and by plain scans of the rule lists, and compares.
+/// Compares the chip's decisions on packets with those of plain scans of the rule lists.
 ///
-/// While a unit holds exactly the rules of one list, a packet must meet the decision of that list.
-/// Otherwise one list is on its way to another, and it must meet that of one of them; no decision
-/// at all is right only while the unit has not held any list yet.
+/// While a unit holds exactly the rules of one list, packets must get that list's decision.
+/// Otherwise the unit is being changed from one list to another, and they must get the decision of
+/// one of the lists; no decision is correct only before the unit has held any list.
 class Classifier {
  public:
-  /// Reads the files. Throws what the reader of rules throws.
+  /// Reads the files. Throws what reading rules throws.
   Classifier(const Options& options, const News& news);
 
-  /// A row has changed: one packet.
+  /// A row has changed: classifies one packet.
   void changed(const SimAsic::Chip& chip);
-  /// The tables are at rest: up to `count` packets, of those that are drawn at each rest. False if
-  /// none is left to draw.
+  /// The tables are at rest: classifies up to `count` of the packets drawn per rest. False if none
+  /// is left.
   bool rest(const SimAsic::Chip& chip, unsigned count);
 
   std::uint64_t packets() const noexcept { return complete_ + between_; }
-  /// Those of them that met a unit with exactly one of the lists.
+  /// Number of packets classified while the unit held exactly one of the lists.
   std::uint64_t complete() const noexcept { return complete_; }
   std::uint64_t mismatches() const noexcept { return mismatches_; }
 

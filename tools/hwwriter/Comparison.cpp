@@ -17,7 +17,8 @@ void Comparison::compare(const Config& config, Words key, const std::optional<Co
   const bool early = row && row->version > announced;
   const bool isLowest = kind.tier == 0;
   const auto present = chip_.find(kind, config.unit(), key);
-  // In the lowest tier a row in deletion that is early stays until the log removes it.
+  // In the lowest tier, a row in deletion under an unannounced version stays until the log removes
+  // it.
   const bool wanted = row && (early ? isLowest : !row->isDeleted);
   early_ += early && !isLowest && present ? 1 : 0;
   if (wanted ? present && std::ranges::equal(*present, row->entry) : !present) return;
@@ -37,7 +38,7 @@ void Comparison::add(const Config& config, Word announced) {
     try {
       if (!config.find(key)) compare(config, key, {}, announced);
     } catch (const Fenrik::CorruptionDetectedException& e) {
-      // What is configured there cannot be read: the row stays as it is.
+      // The configuration is unreadable there, so the chip's row is left unchanged.
       news_.warn(e.what());
     }
   }

@@ -8,29 +8,29 @@
 
 namespace HwWriter {
 
-/// Configuration and chip, compared row by row: for a chip that lost its rows and for a log that
-/// was lost. Everything else comes with the log.
+/// Compares configuration and chip row by row, after a chip has lost its rows or a log was lost.
+/// All other changes come with the log.
 ///
-/// A row that is configured under a version that was not announced yet is left to the log; what the
-/// announced version made of it is not to be had any more. In the lowest tier it is programmed all
-/// the same: a row there does no harm before others point at it. In a higher one the chip's row
-/// goes: a version that the chip is taken to have may have removed it, and what it points at is
-/// removed next. A comparison at a moment without such rows is the better one.
+/// A row configured under an unannounced version is left to the log; its value at the announced
+/// version is no longer available. In the lowest tier it is programmed nevertheless, since a row
+/// there has no effect until others refer to it. In a higher tier the chip's row is removed: a
+/// version that the chip counts as programmed may have removed it, and the rows that it refers to
+/// are removed next. Preferably compare when there are no such rows.
 class Comparison {
  public:
   Comparison(SimAsic::Chip& chip, const News& news) : chip_(chip), news_(news) {}
 
-  /// Compares one unit. `announced`: how far its table's log is announced.
+  /// Compares one unit. `announced` is the announced version of its table.
   void add(const Tables::Config& config, Tables::Word announced);
 
-  /// Rows that were compared.
+  /// Number of rows compared.
   std::size_t compared() const noexcept { return compared_; }
-  /// Rows that differ and are not left to the log.
+  /// Number of differing rows, except those left to the log.
   std::size_t differences() const noexcept { return differences_.size() - early_; }
-  /// Rows of the chip that go because the log will bring them.
+  /// Number of rows removed from the chip because the log will bring them.
   std::size_t early() const noexcept { return early_; }
-  /// Programs the differences: first the rows to which others point, then those others; removals
-  /// afterwards, in the opposite order. Returns how many there were.
+  /// Programs the differences: writes rows before those that refer to them, then removes rows in
+  /// the opposite order. Returns the number of differences.
   std::size_t program();
 
  private:
@@ -38,7 +38,7 @@ class Comparison {
     const Tables::TableKind* kind;
     Asic::UnitId unit;
     std::uint64_t order;
-    /// The entry to be written, or the key to be removed.
+    /// The entry to write, or the key to remove.
     std::vector<Tables::Word> words;
     bool write;
   };

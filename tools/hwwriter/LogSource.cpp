@@ -38,7 +38,7 @@ LogSource::Read LogSource::read(Word version, Tables::LogRow& row) const {
   }
 }
 
-/// Brings the next needed record into view; false if there is none yet.
+/// Reads the next needed record into `ahead_`. False if there is none yet.
 bool LogSource::nextNeeded() {
   using Layout = Asic::NeededEntryDrift::Layout;
   std::array<Word, Layout::kWords> words;

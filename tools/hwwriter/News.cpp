@@ -18,7 +18,7 @@ void News::tell(const char* event, const std::string& text, nlohmann::ordered_js
 
 void News::warn(const std::string& text) const {
   constexpr std::chrono::seconds kInterval(10);
-  // Texts that are remembered; a flood of different ones is cut off here.
+  // Maximum number of remembered texts; a flood of different warnings is cut off here.
   constexpr std::size_t kRemembered = 64;
   const auto now = Clock::now();
   std::erase_if(warned_, [&](const auto& warned) { return now - warned.second >= kInterval; });

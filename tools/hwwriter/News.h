@@ -8,14 +8,14 @@
 
 namespace HwWriter {
 
-/// What the program reports: a line of text on standard output, or a line of JSON with `"event"` in
-/// it. Warnings go to standard error in either case.
+/// Prints the program's reports: lines of text on standard output, or lines of JSON with an
+/// `"event"`. Warnings are printed on standard error in both cases.
 class News {
  public:
   explicit News(bool json) : json_(json) {}
 
   void tell(const char* event, const std::string& text, nlohmann::ordered_json facts) const;
-  /// The same warning is printed once in ten seconds.
+  /// Prints a warning; the same one at most once in ten seconds.
   void warn(const std::string& text) const;
 
  private:

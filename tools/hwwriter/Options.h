@@ -9,20 +9,25 @@ namespace HwWriter {
 
 /// The command line.
 struct Options {
+  /// Directory of the agent's tables.
   std::string directory;
-  /// Rows a second; 0: as fast as it goes.
+  /// Rows per second; 0: unlimited.
   std::uint64_t rate = 0;
-  /// Time that a batch takes on its way to the chip, before it is reported.
+  /// Duration of a batch's way to the chip, before it is reported.
   std::chrono::microseconds delay{0};
-  /// Rows of a table that are programmed before they are reported.
+  /// Rows of a table programmed before they are reported.
   unsigned batch = 256;
-  /// Packets at each rest; 0: none are drawn at all.
+  /// Packets classified per rest; 0: none.
   std::uint64_t classify = 0;
+  /// Seed of the packets.
   unsigned seed = 1;
+  /// Rule files that packets are compared with.
   std::vector<std::string> rules;
+  /// Print JSON.
   bool json = false;
+  /// Exit when everything announced is programmed.
   bool once = false;
-  /// Seconds after which `once` gives up; 0: as long as something moves.
+  /// Seconds after which `once` gives up; 0: as long as there is progress.
   double timeout = 0;
 };
 

@@ -9,21 +9,20 @@
 
 namespace HwWriter {
 
-/// The table-version maps, one for each group of tables: they tell the agent how far the chip is.
+/// The table-version maps, one per group, which report the chip's progress to the agent.
 class Reports {
  public:
   /// Throws `Drift::MountException`.
   explicit Reports(const std::string& directory);
 
-  /// Every record of the table's log up to the version is in hardware. A version that is not above
-  /// the last report changes nothing.
+  /// Reports that all log records of the table up to `version` are in hardware. Ignores a version
+  /// that is not above the last report.
   void report(const Tables::TableKind& kind, Tables::Word version);
-  /// Wakes the agent, if anything was reported since.
-  /// Wakes the agents behind new reports. `logOf` names a log of theirs in each group.
+  /// Wakes the agents for which there are new reports. `logOf` returns a log of the group.
   void ring(const std::function<const Drift::DriftFile*(const std::string& group)>& logOf);
-  /// The maps, in which this process says that it sleeps.
+  /// The maps, in which this process marks itself asleep or awake.
   std::vector<const Drift::DriftFile*> files() const;
-  /// Opens maps again that were removed or made anew; they hold no report then.
+  /// Opens maps again that were removed or replaced; those have no report yet.
   void refresh();
 
  private:

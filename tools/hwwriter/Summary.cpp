@@ -5,7 +5,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-/// The chip's contents beside the configuration's.
+/// Describes the chip's content, compared with the configuration.
 std::string describe(SimAsic::Chip& chip, const std::vector<Table>& tables, Json& facts) {
   Json programmed = Json::object();
   std::uint64_t ofChip = 0;
@@ -38,7 +38,7 @@ std::string describe(SimAsic::Chip& chip, const std::vector<Table>& tables, Json
 
 }  // namespace
 
-/// What `--once` has left, and why.
+/// What `--once` has left undone, and why.
 std::string Writer::undone() {
   if (chip_ == nullptr) {
     return fmt::format("{}: no agent has made any table there", options_.directory);

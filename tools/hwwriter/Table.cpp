@@ -6,7 +6,7 @@ namespace {
 using Drift::MountException;
 using Drift::MountStage;
 
-/// A collection that is being made is no news.
+/// Warns unless the collection is just being created.
 void tell(const MountException& e, const News& news) {
   const bool soon = e.stage() == MountStage::absent || e.stage() == MountStage::notReady;
   if (!soon) news.warn(e.what());

@@ -8,7 +8,7 @@
 
 namespace HwWriter {
 
-/// The agent's collections of one table: the log, and the configurations of its units.
+/// The agent's collections of one table: the log and the configurations of its units.
 ///
 /// Threads: one.
 class Table {
@@ -16,22 +16,23 @@ class Table {
   explicit Table(const TableKind& kind) : kind_(&kind) {}
 
   const TableKind& kind() const noexcept { return *kind_; }
-  /// The log; null while the agent has not made it.
+  /// The log, or null if the agent has not created it.
   LogSource* source() const noexcept { return source_.get(); }
-  /// Says that nothing may be read for long.
+  /// Call when no read may follow for some time.
   void rest() const;
-  /// Opens what is there and not open, or was made anew since; false if there is no log.
+  /// Opens collections that exist but are not open, or that were replaced. False if there is no
+  /// log.
   bool open(const Drift::Directory& directory, const News& news);
 
-  /// What the chip's rows were made from and is not there any more: the log, or the configuration
-  /// of a unit. Empty if they are the same, or the chip is new.
+  /// The lost source of the chip's rows: the log, or the configuration of a unit. Empty if the
+  /// sources are the same, or the chip is new.
   std::string lost(SimAsic::Chip& chip) const;
-  /// From now on the chip follows these collections.
+  /// Records in the chip that it follows these collections.
   void followedBy(SimAsic::Chip& chip) const;
 
   /// Adds all units to a comparison.
   void compare(Comparison& comparison, Word announced) const;
-  /// The sum of the configurations' digests.
+  /// Sum of the configurations' digests.
   std::uint64_t configDigest() const;
 
  private:

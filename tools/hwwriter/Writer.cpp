@@ -11,22 +11,23 @@ namespace {
 using Drift::MountException;
 using Drift::MountStage;
 
-/// How often the writer looks for files that came or were replaced: no bell tells of that.
+/// Interval of looking for new or replaced files, which no doorbell announces.
 constexpr std::chrono::milliseconds kLookInterval(100);
-/// The same while there is no table, or the agent may be about to make another.
+/// Interval while there is no table, or while the agent may be creating more.
 constexpr std::chrono::milliseconds kEagerLookInterval(5);
-/// How long a comparison waits for a moment at which the agent has announced what it configured.
+/// How long a comparison waits until everything configured has been announced.
 constexpr std::chrono::milliseconds kCalm(500);
 constexpr std::chrono::milliseconds kBetweenTries(1);
-/// Sleep after which the writer says that it reads nothing, so that the agent can give memory back.
+/// Length of a sleep after which the writer declares that it reads nothing, so that the agent can
+/// free memory.
 constexpr std::chrono::milliseconds kDoze(10);
-/// How long after a table came another may be expected.
+/// How long after a new table another one is expected.
 constexpr std::chrono::seconds kBringUp(1);
-/// Looks for which a foreign lock is tolerated.
+/// Number of looks for which another process's lock is tolerated.
 constexpr unsigned kBusyLooks = 20;
-/// How long `--once` waits, without `--timeout`, when nothing moves.
+/// How long `--once` waits without progress, if there is no `--timeout`.
 constexpr std::chrono::seconds kPatience(3);
-/// Standstill after which the user is told what is waited for.
+/// Time without progress after which the user is told what is awaited.
 constexpr std::chrono::seconds kSilence(1);
 
 }  // namespace
@@ -35,7 +36,7 @@ Writer::Writer(const Options& options) : options_(options), news_(options.json),
   if (options.classify != 0) classifier_.emplace(options_, news_);
 }
 
-/// Takes up the families that the agent has described since, those of the library first.
+/// Adds newly described families, after those of the library.
 void Writer::learn() {
   catalogue_.learn(*directory_, [&](const std::string& text) { news_.warn(text); });
   for (std::size_t i = tables_.size(); i < Tables::tableKinds().size(); ++i) {
@@ -44,7 +45,7 @@ void Writer::learn() {
   }
 }
 
-/// Opens what the agent has made; false as long as that is nothing.
+/// Opens what the agent has created. False if there is nothing yet.
 bool Writer::open() {
   if (!directory_) {
     try {
@@ -65,7 +66,7 @@ bool Writer::open() {
   return true;
 }
 
-/// Takes up what has appeared, or was replaced, since the last look.
+/// Opens what is new or was replaced since the last look.
 void Writer::look() {
   ++looks_;
   if (!open()) return;
@@ -107,7 +108,7 @@ void Writer::ring() {
   });
 }
 
-/// Reports what the chip has; nothing but the first time, and in a map that was made anew.
+/// Reports the chip's progress. Has an effect only at the first call and for replaced maps.
 void Writer::reportAll() {
   for (const Table& table : tables_) {
     if (table.source() == nullptr) continue;
@@ -118,8 +119,8 @@ void Writer::reportAll() {
   ring();
 }
 
-/// The place in a log is lost: brings the chip to the configuration, and goes on from the versions
-/// that are announced now.
+/// Called when the place in a log is lost: makes the chip equal to the configuration and continues
+/// from the versions announced now.
 void Writer::startOver(const std::string& why) {
   std::optional<Comparison> comparison;
   std::map<const Table*, Word> announced;
@@ -129,7 +130,7 @@ void Writer::startOver(const std::string& why) {
       if (table.source() != nullptr) announced[&table] = table.source()->announced();
     }
     comparison.emplace(*chip_, news_);
-    // The configurations are read after the versions: they hold what was announced.
+    // Read after the announced versions, so that the configurations include them.
     for (const auto& [table, version] : announced) table->compare(*comparison, version);
     if (comparison->early() == 0) break;
     std::this_thread::sleep_for(kBetweenTries);
@@ -155,7 +156,7 @@ bool Writer::satisfied(const TableKind& kind, Word version,
     const auto other = std::ranges::find(tables_, need.tableId(),
                                          [](const Table& table) { return table.kind().id; });
     if (other == tables_.end()) {
-      // A family is described before it has versions: after one more look it is known.
+      // A family is described before it has versions, so it is known after one more look.
       const unsigned met = unknown_.try_emplace(need.tableId(), looks_).first->second;
       if (looks_ == met) return false;
       news_.warn(fmt::format("{}: table {} is needed and not known here; going on without",
@@ -163,7 +164,7 @@ bool Writer::satisfied(const TableKind& kind, Word version,
       continue;
     }
     const Word announced = other->source() == nullptr ? 0 : other->source()->announced();
-    // A version that was never announced was in a log that is lost: nothing was built on it.
+    // A version that was never announced belonged to a lost log; nothing depends on it.
     const bool there = other->source() != nullptr;
     const Word needed =
         there ? std::min(need.logVersion().value(), announced) : need.logVersion().value();
@@ -186,7 +187,7 @@ void Writer::waits(const TableKind& kind, Word version, const Table& other, Word
                       : fmt::format("which is programmed to {}", chip_->programmed(other.kind())));
 }
 
-/// Rate limited by `News::warn`.
+/// `News::warn` limits the rate.
 void Writer::tellWaits() {
   if (Clock::now() - moved_ < kSilence) return;
   if (chip_ == nullptr) {
@@ -240,14 +241,14 @@ Writer::Step Writer::advance(Table& table) {
   return Step::some;
 }
 
-/// A batch of each table; false if there was nothing that could be done.
+/// Processes a batch of each table. False if nothing could be done.
 bool Writer::advance() {
   bool some = false;
   for (Table& table : tables_) {
     if (table.source() == nullptr) continue;
     try {
       const Step step = advance(table);
-      // Look first: what was lost may have been made anew.
+      // Looks first, since the lost collection may have been replaced.
       if (step == Step::lost) look();
       if (step == Step::lost) startOver(lost_);
       some = some || step != Step::nothing;
@@ -262,7 +263,7 @@ bool Writer::advance() {
   return true;
 }
 
-/// Whether everything that was announced is programmed.
+/// Whether everything announced has been programmed.
 bool Writer::drained() const {
   return std::ranges::all_of(tables_, [&](const Table& table) {
     return table.source() == nullptr ||
@@ -270,7 +271,7 @@ bool Writer::drained() const {
   });
 }
 
-/// Rows in which chip and configuration differ, those left out that are still to be announced.
+/// Number of rows in which chip and configuration differ, except those not announced yet.
 std::size_t Writer::differences() {
   Comparison comparison(*chip_, news_);
   for (const Table& table : tables_) {
@@ -297,7 +298,7 @@ void Writer::sleep() const {
   Drift::waitForAnyRing(bells, interval - doze, own);
 }
 
-/// True if there may be more to do at once.
+/// True if there may be more to do immediately.
 bool Writer::work() {
   constexpr unsigned kPacketsBetweenLooks = 64;
   if (options_.once && chip_ == nullptr && options_.timeout == 0) {
@@ -312,7 +313,7 @@ bool Writer::work() {
   return classifier_ && drained() && classifier_->rest(*chip_, kPacketsBetweenLooks);
 }
 
-/// Whether `--once` has come to its end: the chip has what was announced and is what is configured.
+/// Whether `--once` is complete: the chip has everything announced and equals the configuration.
 bool Writer::done() {
   if (!options_.once || chip_ == nullptr || !drained()) return false;
   complete_ = differences() == 0;
@@ -343,10 +344,10 @@ int Writer::run(const volatile std::sig_atomic_t& stop) {
     } catch (const Drift::NoSpaceException& e) {
       news_.warn(e.what());
     } catch (const MountException& e) {
-      // An agent that comes up holds the reports for a moment, to make them.
+      // An agent that is starting holds the reports for a moment to create them.
       if (e.stage() != MountStage::busy || ++busy_ > kBusyLooks) throw;
     }
-    // Not before the look: a process that was kept from the processor has not stood still.
+    // Checked after the look: a process that was not scheduled for some time has not stalled.
     if (givesUp()) break;
     tellWaits();
     sleep();

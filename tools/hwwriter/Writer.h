@@ -12,21 +12,21 @@
 
 namespace HwWriter {
 
-/// The hardware writer: takes what an agent commits to the chip.
+/// The hardware writer: brings an agent's commits to the chip.
 ///
-/// I1. A version is programmed after those before it in the log of its table, and after everything
-///     that it needs of other tables; it is reported after it is programmed.
-/// I2. Whatever the chip is programmed to is reported, also after a death between the two, and in a
-///     report map that was made anew.
-/// I3. The log alone moves the chip. Configuration and chip are compared only after the chip or one
-///     of the collections that it followed was lost, and only differences are programmed then.
+/// I1. A version is programmed after all earlier ones in its table's log and after all that it
+///     requires of other tables. It is reported after it is programmed.
+/// I2. Everything programmed is reported, even after a crash between programming and report, and to
+///     a report map that was replaced.
+/// I3. Only the log changes the chip. Configuration and chip are compared only if the chip or a
+///     collection that it followed was lost, and then only differences are programmed.
 class Writer {
  public:
   /// Throws what reading the rule files throws.
   explicit Writer(const Options& options);
 
-  /// Works until `stop` is set or, with `--once`, until everything announced is programmed. Returns
-  /// the exit status. Throws `Drift::MountException` when the directory cannot be used.
+  /// Runs until `stop` is set or, with `--once`, until everything announced is programmed. Returns
+  /// the exit status. Throws `Drift::MountException` if the directory cannot be used.
   int run(const volatile std::sig_atomic_t& stop);
 
  private:
@@ -66,22 +66,22 @@ class Writer {
   Tables::Catalogue catalogue_;
   std::unique_ptr<SimAsic::Chip> chip_;
   std::optional<Reports> reports_;
-  /// Of all families that are known; in their order.
+  /// All known families, in their order.
   std::vector<Table> tables_;
-  /// Tables with a log, and when their number last changed.
+  /// Number of tables with a log, and the time of its last change.
   std::size_t present_ = 0;
   Clock::time_point grew_;
   unsigned looks_ = 0;
-  /// Tables that were needed and not known, and after how many looks they were met.
+  /// Required tables that are unknown, with the number of looks at which they were first met.
   std::map<Asic::SwTableId, unsigned> unknown_;
   /// Why the place in a log is lost.
   std::string lost_;
-  /// For which version of another table a table waits, in words, by the waiting table.
+  /// For each waiting table, the version of another table that it waits for, as text.
   std::map<Asic::SwTableId, std::string> waits_;
   Clock::time_point began_ = Clock::now();
-  /// When something was last programmed.
+  /// Time at which something was last programmed.
   Clock::time_point moved_ = began_;
-  /// Looks in a row at which another process held a collection.
+  /// Number of consecutive looks at which another process held a collection.
   unsigned busy_ = 0;
   bool started_ = false;
   bool complete_ = false;

@@ -10,7 +10,7 @@ std::uint16_t narrow(std::uint32_t number) { return static_cast<std::uint16_t>(n
 PacketDraw::PacketDraw(const std::vector<std::vector<Rule>>& lists, unsigned seed)
     : lists_(lists), random_(seed) {}
 
-/// One of the ends, the number before or behind, or any between.
+/// Draws a bound, the number just outside of it, or any number in between.
 std::uint32_t PacketDraw::within(std::uint32_t first, std::uint32_t last) {
   switch (random_() % 8) {
     case 0:
@@ -38,7 +38,7 @@ std::uint32_t PacketDraw::address(const Prefix& prefix) {
 template <class Number>
 Number PacketDraw::matching(const Masked<Number>& masked) {
   auto number = static_cast<Number>((random_() & ~masked.mask) | masked.value);
-  // Now and then one bit that should not be.
+  // Sometimes flips one bit, possibly a masked one.
   if (random_() % 8 == 0) number = static_cast<Number>(number ^ (1U << random_() % 16));
   return number;
 }
@@ -63,7 +63,7 @@ Packet PacketDraw::next() {
   const auto& rules = lists_[random_() % lists_.size()];
   if (rules.empty()) return any();
   Packet packet = near(rules[random_() % rules.size()]);
-  // The source of one rule and the destination of another: where rules overlap.
+  // Combines the source of one rule with the destination of another: finds overlapping rules.
   if (random_() % 4 == 0) packet.destination = address(rules[random_() % rules.size()].destination);
   return packet;
 }

@@ -7,11 +7,11 @@
 
 namespace Policy {
 
-/// Draws packets that tell rules apart: at the corners of a rule's ranges and prefixes, just
-/// outside of them, and anywhere within; and packets that have nothing to do with any rule.
+/// Draws packets that distinguish rules: at the bounds of a rule's ranges and prefixes, just
+/// outside, and anywhere within; and packets unrelated to any rule.
 class PacketDraw {
  public:
-  /// The lists outlive it. Equal seeds over equal lists draw equal packets.
+  /// REQUIRES: the lists outlive the object. Equal seeds and lists yield equal packets.
   PacketDraw(const std::vector<std::vector<Rule>>& lists, unsigned seed);
 
   Packet next();

@@ -9,15 +9,15 @@
 namespace Policy {
 namespace {
 
-/// A choice and how often it is made, in parts of the sum of its table.
+/// A choice and its weight, relative to the sum over its table.
 template <class Value>
 struct Choice {
   Value value;
   unsigned weight;
 };
 
-// Lists of this kind are about hosts at both ends, with a share of whole networks and of "any". The
-// weights are set by eye to such lists and are not those of one.
+// Such lists mostly concern hosts at both ends, with a share of whole networks and of "any". The
+// weights approximate such lists by eye and are not taken from a particular one.
 constexpr Choice<std::uint8_t> kSourceLengths[] = {{0, 14}, {8, 2},   {12, 2}, {16, 6}, {20, 4},
                                                    {22, 4}, {24, 20}, {26, 4}, {27, 5}, {28, 8},
                                                    {29, 5}, {30, 4},  {32, 22}};
@@ -56,7 +56,7 @@ class Generator {
   static constexpr Masked<std::uint16_t> kNoSyn{0x0000, 0x0200};
   static constexpr Masked<std::uint16_t> kAnswer{0x1000, 0x1000};
 
-  /// Not one of the library's distributions, which differ between libraries.
+  /// Not a standard distribution: those differ between standard libraries.
   std::uint32_t below(std::uint32_t end) { return static_cast<std::uint32_t>(random_() % end); }
 
   template <class Value>
@@ -71,7 +71,7 @@ class Generator {
     return choices.back().value;
   }
 
-  /// A network of 16 bits: private ones as often as others.
+  /// A network with a 16-bit prefix; half of them are private.
   std::uint32_t network() {
     switch (below(6)) {
       case 0:
@@ -84,7 +84,7 @@ class Generator {
     }
   }
 
-  /// A network holds few subnets, and a subnet few hosts that anybody writes rules about.
+  /// Rules concern few subnets of a network and few hosts of a subnet.
   Prefix prefix(std::uint8_t length) {
     if (length == 0) return {};
     const std::uint32_t network = networks_[below(static_cast<std::uint32_t>(networks_.size()))];
@@ -115,7 +115,7 @@ class Generator {
   std::vector<std::uint32_t> networks_;
 };
 
-/// Coarse, so that the order stays as it was drawn between rules of one kind.
+/// Coarse, so that rules of similar width keep their order.
 int wideness(const Rule& rule) { return (64 - rule.source.length - rule.destination.length) / 12; }
 
 }  // namespace

@@ -7,18 +7,20 @@
 
 namespace Policy {
 
-/// What a made-up list of rules looks like.
+/// Parameters of a generated list of rules.
 struct Shape {
+  /// Number of rules.
   std::size_t rules = 1000;
+  /// Equal seeds produce equal lists.
   std::uint64_t seed = 1;
-  /// Networks that the addresses come from. The fewer there are, the more rules overlap.
+  /// Number of networks that addresses are drawn from. Fewer networks make more rules overlap.
   unsigned networks = 40;
 };
 
-/// Rules as operators write them: prefix lengths, ports and protocols as often as filter sets in
-/// use have them, many rules about few networks, hosts and services before whole networks. No rule
-/// twice. The same for the same shape, whatever the machine.
-/// REQUIRES: more rules are possible than are asked for; 100 a network always are.
+/// Generates rules like those of operators: prefix lengths, ports and protocols as frequent as in
+/// real filter sets, many rules about few networks, hosts and services before whole networks. No
+/// duplicates. Equal shapes give equal rules on every machine. REQUIRES: enough distinct rules
+/// exist, which 100 per network guarantees.
 std::vector<Rule> generate(const Shape& shape);
 
 }  // namespace Policy

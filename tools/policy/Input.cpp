@@ -21,7 +21,7 @@ namespace {
   throw InputError(fmt::format("{}: cannot be read: {}", path, std::strerror(error)));
 }
 
-/// Opens without waiting for a writer, as a FIFO would have it.
+/// Opens without blocking, which a FIFO would do until it has a writer.
 Drift::Descriptor openToRead(const std::string& path) {
   Drift::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (!file.valid()) failToRead(path, errno);
@@ -39,7 +39,7 @@ bool holdsRules(std::string_view text) {
   return false;
 }
 
-/// Which file asked for a prefix first, for the message about two that contradict each other.
+/// Remembers which file requested a prefix first, for the message about contradictions.
 class RouteBook {
  public:
   void add(const std::string& file, const std::vector<Route>& routes, std::vector<Route>& out) {

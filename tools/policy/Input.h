@@ -9,20 +9,20 @@
 
 namespace Policy {
 
-/// The policy that the tables of a unit are to carry out.
+/// The policy to be carried out by a unit's tables.
 struct Wanted {
-  /// In the order of their priority, no rule twice.
+  /// In order of priority, without duplicates.
   std::vector<Rule> rules;
-  /// No prefix twice.
+  /// Without duplicate prefixes.
   std::vector<Route> routes;
-  /// Rules that repeat an earlier one, and so can never decide. They are left out.
+  /// Number of omitted rules that repeat an earlier one and can therefore never decide.
   std::size_t repeated = 0;
 };
 
-/// The text of a regular file. Throws `InputError` if it cannot be read.
+/// Text of a regular file. Throws `InputError` if it cannot be read.
 std::string textOfFile(const std::string& path);
 
-/// The rules or the prefixes of one file.
+/// The rules or prefixes of one file.
 struct Content {
   std::string path;
   std::vector<Rule> rules;
@@ -31,10 +31,11 @@ struct Content {
   bool empty() const noexcept { return rules.empty() && routes.empty(); }
 };
 
-/// Reads one file. It is one of rules if a line of it begins with '@'. Throws `InputError`.
+/// Reads one file. A file with a line starting with '@' contains rules, otherwise prefixes. Throws
+/// `InputError`.
 Content contentOf(const std::string& path);
 
-/// The contents of files together, in their order: rules of an earlier file go first. Throws
+/// Combines the contents of files in order: rules of earlier files have priority. Throws
 /// `InputError` if they contradict each other.
 Wanted wantedOf(std::span<const Content> contents);
 

@@ -8,7 +8,7 @@
 namespace Policy {
 namespace {
 
-/// Enough of a line to recognise the place.
+/// Number of characters shown in messages, enough to recognize the place.
 constexpr std::size_t kShown = 40;
 
 std::string shown(std::string_view word) {
@@ -98,7 +98,7 @@ std::string_view LineReader::wordAt(std::size_t at) const noexcept {
 void LineReader::fail(std::string_view expected) const { failAt(at_, expected); }
 
 void LineReader::failAt(std::size_t at, std::string_view expected) const {
-  // A blank that should not be there is shown with what follows it.
+  // An unexpected blank is shown together with the text that follows it.
   const std::string_view rest = line_.substr(at);
   const std::string_view word = wordAt(at);
   const std::string found = shown(word.empty() ? rest : word);

@@ -9,41 +9,41 @@
 
 namespace Policy {
 
-/// An input file that cannot be used as it stands. The message begins with file, line and column
-/// as far as they are known, and says what was expected and what was found.
+/// An unusable input file. The message starts with file, line and column as far as known, and gives
+/// what was expected and found.
 class InputError final : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// One line of an input file, read from left to right. What does not fit ends in an `InputError`
-/// at the place where it begins.
+/// Parses one line of an input file from left to right. Invalid input throws `InputError` with the
+/// position where it starts.
 class LineReader {
  public:
-  /// `line` without its end; `file` outlives the reader.
+  /// `line` has no line end. REQUIRES: `file` outlives the reader.
   LineReader(const std::string& file, unsigned number, std::string_view line) noexcept
       : file_(file), number_(number), line_(line) {}
 
-  /// Passes blanks and tabs.
+  /// Skips blanks and tabs.
   void skipBlanks() noexcept;
-  /// Whether the rest of the line is blanks and a comment ('#').
+  /// Whether the rest of the line is only blanks and a comment ('#').
   bool atEnd() noexcept;
-  /// Passes the character if it is the next one.
+  /// Skips the next character if it is `character`, and returns whether it was.
   bool accept(char character) noexcept;
-  /// As above; fails if it is not.
+  /// As above; throws if it is not.
   void pass(char character, std::string_view expected);
-  /// A number up to `most`, decimal, or hexadecimal after "0x".
+  /// Parses a number of at most `most`, decimal, or hexadecimal after "0x".
   std::uint32_t number(std::uint32_t most, std::string_view expected);
-  /// Four octets with points between them.
+  /// Parses four octets separated by points.
   std::uint32_t address();
-  /// Address and length. Bits beyond the length are dropped.
+  /// Parses address and length. Bits beyond the length are cleared.
   Prefix prefix();
 
   [[noreturn]] void fail(std::string_view expected) const;
 
  private:
   [[noreturn]] void failAt(std::size_t at, std::string_view expected) const;
-  /// The characters from a position to the next blank.
+  /// The characters from a position up to the next blank.
   std::string_view wordAt(std::size_t at) const noexcept;
   std::uint32_t octet(std::size_t start);
 
@@ -53,7 +53,7 @@ class LineReader {
   std::size_t at_ = 0;
 };
 
-/// Calls `read` with each line that is not blank. Lines end with LF or CR LF.
+/// Calls `read` for each line that is not blank. Lines end with LF or CR LF.
 template <class Read>
 void readLines(const std::string& file, std::string_view text, Read read) {
   for (unsigned number = 1; !text.empty(); ++number) {

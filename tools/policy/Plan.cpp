@@ -13,7 +13,7 @@ namespace {
 
 using Node = PrefixTree::Node;
 
-/// Rows that no plan wrote may have any key.
+/// Whether the prefix is valid. Rows not written by a plan may have any key.
 bool isPrefix(const Prefix& prefix) {
   return prefix.length == 32 ||
          (prefix.length < 32 && (prefix.address & (~0U >> prefix.length)) == 0);
@@ -35,12 +35,12 @@ PrefixTree treeOf(const Picture& picture, const Wanted& wanted) {
     want(rule.destination, 0);
   }
   for (const Route& route : wanted.routes) want(route.prefix, route.nextHop);
-  // Addresses that no other prefix holds need a label too.
+  // Addresses outside all other prefixes need a label too.
   if (!wanted.rules.empty() || !wanted.routes.empty()) want({}, 0);
   return PrefixTree(nodes);
 }
 
-/// The rows of `TcamEntry` that nobody has.
+/// The unused rows of `TcamEntry`.
 class FreeRows {
  public:
   explicit FreeRows(const Picture& picture) : next_(picture.nextIndex) {
@@ -48,7 +48,7 @@ class FreeRows {
       if (rule.bank == 0) taken_[rule.index] = true;
     }
   }
-  /// REQUIRES: there is one.
+  /// REQUIRES: a row is unused.
   std::uint16_t take() {
     while (taken_[next_]) ++next_;
     taken_[next_] = true;
@@ -99,7 +99,7 @@ class Planner {
   }
 
  private:
-  /// Whether the row of 0.0.0.0/0 is there for the labels alone.
+  /// Whether the row of 0.0.0.0/0 exists only for its labels.
   bool defaultIsExtra() const {
     const auto named = [](const Rule& rule) {
       return rule.source.length == 0 || rule.destination.length == 0;
@@ -114,7 +114,7 @@ class Planner {
     std::uint32_t destination = 0;
   };
 
-  /// A row is of use if both of its prefixes stand.
+  /// Finds the rows that can be kept: both of their prefixes have rows.
   void findNodes() {
     for (const PlacedRule& placed : rows_) {
       const auto source = tree_.find(placed.rule.source);
@@ -145,8 +145,8 @@ class Planner {
         table, stand + come, stand, what, come, room_.rows));
   }
 
-  /// Chooses the numbering that all rows will mean, the one in use if the new prefixes have room in
-  /// it. Otherwise all prefixes are numbered anew in the other one, which no row means by then.
+  /// Chooses the numbering for all rows: the one in use if the new prefixes fit into it. Otherwise
+  /// all prefixes are renumbered in the other one, which no row refers to by then.
   void settleNumbering() {
     const auto ones = std::ranges::count_if(
         rows_, [](const PlacedRule& placed) { return placed.row.numbering == 1; });
@@ -170,9 +170,9 @@ class Planner {
     }
   }
 
-  /// Makes the rows that are there mean the numbering in use. With `moves` they get their new
-  /// priorities too, each in a step that jumps over no other row: those that go up from the highest
-  /// one down, then those that go down from the lowest one up.
+  /// Rewrites the existing rows for the chosen numbering. With `moves` they also get their new
+  /// priorities, in steps of which none passes another row: first those with rising priorities,
+  /// from the highest row down; then the others, from the lowest row up.
   void rewriteRows(bool moves) {
     const auto rises = [&](std::size_t i) {
       return moves && order_.rowPriority[i] > rows_[i].row.priority;
@@ -274,17 +274,18 @@ class Planner {
   const Wanted& wanted_;
   const Room& room_;
   PrefixTree tree_;
-  /// Rows of what is no prefix.
+  /// Rows with an invalid prefix.
   std::vector<PrefixRow> strange_;
-  /// By priority, as they stand after the steps so far.
+  /// The rows after the steps so far, ordered by priority.
   std::vector<PlacedRule> rows_;
   std::vector<Ends> rowEnds_;
   std::vector<bool> usable_;
   std::vector<bool> rowTouched_;
   std::vector<bool> nodeTouched_;
-  /// The last step that writes a prefix.
+  /// For each node, the last step that writes its prefix.
   std::vector<std::size_t> stepOfNode_;
-  /// The last step that numbers a prefix anew: an interval means all labels in it.
+  /// The last step that renumbers a prefix. A rule row needs all of them, since its interval covers
+  /// all labels in it.
   std::size_t numbered_ = Step::kNone;
   FreeRows free_;
   RuleOrder order_;

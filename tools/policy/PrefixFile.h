@@ -9,18 +9,18 @@
 
 namespace Policy {
 
-/// A prefix that is wanted in the prefix table for its own sake, and where it leads.
+/// A prefix requested explicitly for the prefix table, and its next hop.
 struct Route {
   Prefix prefix;
-  /// An IPv4 address; 0 if there is none.
+  /// An IPv4 address, or 0 for none.
   std::uint32_t nextHop = 0;
-  /// The line of the file that asks for it.
+  /// Line of the file.
   unsigned line = 0;
 };
 
-/// A file of prefixes, one a line, each followed by a next hop if it has one ("-" for none). Words
-/// after the next hop are ignored; '#' begins a comment. Throws `InputError` at the first line that
-/// is something else.
+/// Parses a file of prefixes, one per line, each optionally followed by a next hop ("-" for none).
+/// Words after the next hop are ignored; '#' starts a comment. Throws `InputError` at the first
+/// invalid line.
 std::vector<Route> routesOf(const std::string& file, std::string_view text);
 
 }  // namespace Policy

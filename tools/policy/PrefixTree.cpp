@@ -7,7 +7,7 @@ namespace {
 
 using Node = PrefixTree::Node;
 
-/// Orders prefixes as a preorder walk meets them.
+/// Sort key that yields preorder.
 std::uint64_t keyOf(const Prefix& prefix) noexcept {
   return std::uint64_t{prefix.address} << 8 | prefix.length;
 }
@@ -23,10 +23,9 @@ void merge(Node& into, const Node& node) noexcept {
   if (node.wantedNextHop != 0) into.wantedNextHop = node.wantedNextHop;
 }
 
-/// A walk of the tree opens a node, goes through what is below it, and closes it. The labels are
-/// numbers along the way: `first` where it opens, which no other may have, and `last` where it
-/// closes. Numbers that are fixed are posts; what lies between two posts is spread over the room
-/// between them.
+/// A walk of the tree opens a node, visits the nodes below it, and closes it. Labels are numbers
+/// assigned along the walk: `first` at the opening, which is unique, and `last` at the closing.
+/// Between two fixed numbers, all others are spread over the available range.
 class Numbering {
  public:
   Numbering(std::vector<Node>& nodes, unsigned numbering, std::uint32_t last, bool keep)
@@ -76,8 +75,8 @@ class Numbering {
     lowest_ = number;
   }
 
-  /// Gives numbers above `lowest_` and up to `highest` to what was met since the last post. False
-  /// if they do not suffice, or if this post stands before the last one.
+  /// Assigns numbers above `lowest_` and up to `highest` to the events since the last fixed number.
+  /// False if there are too few, or if the fixed numbers are out of order.
   bool spread(std::int64_t highest) {
     const std::int64_t room = highest - lowest_;
     if (opens_ > room) return false;
@@ -102,7 +101,7 @@ class Numbering {
   const bool keep_;
   std::vector<Event> pending_;
   std::int64_t opens_ = 0;
-  /// The highest number that is given away.
+  /// The highest number assigned so far.
   std::int64_t lowest_ = -1;
   bool good_ = true;
 };
@@ -110,7 +109,7 @@ class Numbering {
 }  // namespace
 
 PrefixTree::PrefixTree(const std::vector<Node>& nodes) {
-  // Sorted by places: a node is too large to be moved about.
+  // Sorts indices, since nodes are large.
   std::vector<std::pair<std::uint64_t, std::uint32_t>> order;
   order.reserve(nodes.size());
   for (std::uint32_t i = 0; i < nodes.size(); ++i) order.emplace_back(keyOf(nodes[i].prefix), i);

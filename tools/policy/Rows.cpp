@@ -9,7 +9,7 @@ using QuarnBastil::TcamEntryEntry;
 using QuarnBastil::TcamEntryEntryKey;
 using QuarnBastil::TcamEntryLogEntry;
 
-// The words of a rule row, in `userWords`.
+// Use of `userWords` in a rule row.
 enum Word { kPriority, kNumbering, kSourceFirst, kSourceLast, kDestinationFirst, kDestinationLast };
 
 OptionalPrefix shown(const Prefix& prefix) {

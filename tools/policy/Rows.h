@@ -9,9 +9,9 @@
 
 namespace Policy {
 
-/// Labels are numbers given to prefixes in a preorder walk of the tree that they form: the labels
-/// of a prefix and of everything below it are an interval that holds no other. Both ends belong to
-/// it.
+/// Interval of labels, both ends included. Labels are assigned to prefixes in a preorder walk of
+/// their tree, so the labels of a prefix and of all prefixes below it form an interval that
+/// contains no others.
 struct Labels {
   std::uint32_t first = 0;
   std::uint32_t last = 0;
@@ -20,14 +20,16 @@ struct Labels {
   friend bool operator==(const Labels&, const Labels&) = default;
 };
 
-/// Two sets of labels can stand side by side, so that everything can be numbered anew while packets
-/// are being decided: a rule row says which one it means.
+/// Two sets of labels can coexist, so that all labels can be renumbered while packets are
+/// processed: a rule row states which set it uses.
 inline constexpr unsigned kNumberings = 2;
 
-/// A row of `BigBb`. The row of the longest prefix that holds an address gives the address its
-/// label, which is the first one of the prefix's own interval, and its next hop.
+/// A row of `BigBb`. The longest matching prefix gives an address its next hop and its label, which
+/// is the first one of the prefix's interval.
 struct PrefixRow {
+  /// Key of the row.
   Prefix prefix;
+  /// The labels in each numbering.
   std::array<Labels, kNumberings> labels{};
   /// 0 if there is none.
   std::uint32_t nextHop = 0;
@@ -35,10 +37,11 @@ struct PrefixRow {
   friend bool operator==(const PrefixRow&, const PrefixRow&) = default;
 };
 
-/// A row of `TcamEntry`. Of the rows that match a packet the one with the lowest `priority` number
-/// decides, wherever it stands in the table.
+/// A row of `TcamEntry`. Of the matching rows the one with the lowest `priority` decides,
+/// regardless of its position in the table.
 struct RuleRow {
   std::uint32_t priority = 0;
+  /// The set of labels that `source` and `destination` refer to.
   unsigned numbering = 0;
   Labels source;
   Labels destination;
@@ -51,15 +54,15 @@ struct RuleRow {
   friend bool operator==(const RuleRow&, const RuleRow&) = default;
 };
 
-/// The rows as entries of their tables, and back. What an entry holds beside them is 0.
+/// Convert rows to entries of their tables and back. Other fields of the entries are 0.
 QuarnBastil::BigBbFamily::Entry entryOf(const PrefixRow& row);
 PrefixRow prefixRowOf(const QuarnBastil::BigBbFamily::LogEntry& entry);
 
-/// `rule` gives the entry its prefixes, for people who read the table.
+/// `rule` provides the prefixes, which are only for people reading the table.
 QuarnBastil::TcamEntryEntry entryOf(const RuleRow& row, const Rule& rule,
                                     QuarnBastil::TcamEntryEntryKey key);
 RuleRow ruleRowOf(const QuarnBastil::TcamEntryLogEntry& entry);
-/// The rule that such an entry was made of.
+/// The rule from which the entry was made.
 Rule ruleOf(const QuarnBastil::TcamEntryLogEntry& entry);
 
 }  // namespace Policy

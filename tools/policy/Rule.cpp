@@ -3,7 +3,7 @@
 namespace Policy {
 namespace {
 
-/// FNV-1a, 64 bits (Fowler, Noll and Vo; parameters of RFC 9923).
+/// 64-bit FNV-1a (Fowler, Noll and Vo; parameters of RFC 9923).
 class Fingerprint {
  public:
   void add(std::uint64_t number, unsigned bytes) noexcept {

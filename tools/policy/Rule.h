@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-/// Traffic policy as people write it, and the rows of the two hardware tables that carry it out.
+/// Traffic policy as written by people, and the rows of the two hardware tables that implement it.
 namespace Policy {
 
-/// An IPv4 prefix. Bits behind `length` are 0.
+/// An IPv4 prefix. Bits after `length` are 0.
 struct Prefix {
   std::uint32_t address = 0;
   std::uint8_t length = 0;
@@ -19,7 +19,7 @@ struct Prefix {
   friend auto operator<=>(const Prefix&, const Prefix&) = default;
 };
 
-/// Both ends belong to it.
+/// A range of ports, both ends included.
 struct PortRange {
   std::uint16_t first = 0;
   std::uint16_t last = 65535;
@@ -28,8 +28,8 @@ struct PortRange {
   friend bool operator==(const PortRange&, const PortRange&) = default;
 };
 
-/// A value under a mask: a number matches whose bits under the mask are those of the value. Bits of
-/// the value outside the mask are 0.
+/// A value and a mask: matches numbers that equal the value in the masked bits. Other bits of the
+/// value are 0.
 template <class Number>
 struct Masked {
   Number value = 0;
@@ -39,6 +39,7 @@ struct Masked {
   friend bool operator==(const Masked&, const Masked&) = default;
 };
 
+/// The fields of a packet that rules match.
 struct Packet {
   std::uint32_t source = 0;
   std::uint32_t destination = 0;
@@ -50,7 +51,7 @@ struct Packet {
   friend bool operator==(const Packet&, const Packet&) = default;
 };
 
-/// One line of a file of rules. Its place in the file is its priority: the first match wins.
+/// One line of a rule file. Its position in the file is its priority: the first match decides.
 struct Rule {
   Prefix source;
   Prefix destination;
@@ -68,12 +69,12 @@ struct Rule {
   friend bool operator==(const Rule&, const Rule&) = default;
 };
 
-/// What is done with a packet: a fingerprint of the rule that decided it, the same for equal rules
-/// wherever they stand; 0 when none did.
+/// Treatment of a packet: a fingerprint of the rule that decided, equal for equal rules in any
+/// position; 0 if no rule matched.
 using Decision = std::uint64_t;
 Decision decisionOf(const Rule& rule) noexcept;
 
-/// The plain scan that everything else is held against.
+/// Reference implementation: a plain scan.
 Decision firstMatch(const std::vector<Rule>& rules, const Packet& packet) noexcept;
 
 }  // namespace Policy

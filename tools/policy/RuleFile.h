@@ -9,19 +9,19 @@
 
 namespace Policy {
 
-/// A file of rules, one a line, the first that matches a packet decides:
+/// Parses a file of rules, one per line; the first match decides:
 ///
 ///     @192.0.2.0/24  0.0.0.0/0  0 : 65535  443 : 443  0x06/0xFF  0x0000/0x0200
 ///
-/// Source and destination prefix, source and destination ports, protocol under a mask and, where
-/// they are given, flags under a mask. Blanks or tabs stand between the fields and may stand at the
-/// end; '#' begins a comment. Throws `InputError` at the first line that is something else.
+/// Source and destination prefix, source and destination ports, protocol and mask, and optionally
+/// flags and mask. Fields are separated by blanks or tabs, which may also end the line; '#' starts
+/// a comment. Throws `InputError` at the first invalid line.
 std::vector<Rule> rulesOf(const std::string& file, std::string_view text);
 
-/// Reads the file at a path. Throws `InputError`, also if it cannot be read.
+/// Reads and parses a file. Throws `InputError`, also if it cannot be read.
 std::vector<Rule> readRules(const std::string& path);
 
-/// The line of a rule, with its end.
+/// The line of a rule, including its line end.
 std::string lineOf(const Rule& rule);
 
 }  // namespace Policy

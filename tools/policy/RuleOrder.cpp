@@ -8,8 +8,8 @@ namespace {
 
 constexpr std::uint32_t kNone = RuleOrder::kNone;
 
-/// For each row the position of its rule among those that are wanted, or kNone. A row that decides
-/// as another rule than its own would is none of them.
+/// For each row, the position of its rule among the requested ones, or kNone. A row whose decision
+/// is not that of its own rule has none.
 std::vector<std::uint32_t> positionsOf(std::span<const PlacedRule> rows,
                                        const std::vector<bool>& usable,
                                        std::span<const Rule> wanted) {
@@ -27,10 +27,10 @@ std::vector<std::uint32_t> positionsOf(std::span<const PlacedRule> rows,
   return positions;
 }
 
-/// The longest rising sequence of positions: these rows stay as they are, so that their order needs
-/// no row to jump over another one. Patience sorting.
+/// Keeps the longest ascending sequence of positions, found by patience sorting: these rows need
+/// not pass each other.
 void keepLongest(const std::vector<std::uint32_t>& positions, RuleOrder& order) {
-  std::vector<std::uint32_t> ends;  // of the best sequence of each length, its last row
+  std::vector<std::uint32_t> ends;  // for each length, the last row of the best sequence
   std::vector<std::uint32_t> before(positions.size(), kNone);
   for (std::uint32_t row = 0; row < positions.size(); ++row) {
     if (positions[row] == kNone) continue;
@@ -49,8 +49,8 @@ void keepLongest(const std::vector<std::uint32_t>& positions, RuleOrder& order) 
   }
 }
 
-/// Finds priorities for the wanted rules that have no row: for each run of them between two rows
-/// that stay, in the widest hole among the rows that go from there.
+/// Assigns priorities to requested rules without a row. Each run of them between two kept rows goes
+/// into the widest gap between the rows removed from there.
 class Priorities {
  public:
   Priorities(std::span<const PlacedRule> rows, RuleOrder& order, std::uint32_t last)
@@ -82,7 +82,7 @@ class Priorities {
     return true;
   }
 
-  /// The rules from `begin` to `end` go between the rows `from - 1` and `to`.
+  /// Assigns priorities to the rules [begin, end), which go between the rows `from - 1` and `to`.
   bool giveRun(std::size_t begin, std::size_t end, std::size_t from, std::size_t to) {
     const auto count = static_cast<std::int64_t>(end - begin);
     if (count == 0) return true;
@@ -106,7 +106,7 @@ class Priorities {
     return true;
   }
 
-  /// Spreads all rows, those that come before those that go, over all numbers.
+  /// Spreads all rows over all priorities, added rows before the removed ones.
   void giveAll() {
     const auto staying =
         static_cast<std::size_t>(std::count(order_.stays.begin(), order_.stays.end(), true));

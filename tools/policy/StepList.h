@@ -8,19 +8,19 @@
 
 namespace Policy {
 
-/// The steps of a plan so far, and what of the order between the tables they carry already: a table
-/// that waited for a step of the other one has waited for all before it.
+/// The steps of a plan so far. Omits dependencies between the tables that are already implied: a
+/// table that waited for a step of the other one has waited for all earlier ones.
 class StepList {
  public:
   static constexpr std::size_t kNone = Step::kNone;
 
   void reserve(std::size_t steps) { steps_.reserve(steps); }
-  /// Behind everything of the other table so far.
+  /// Appends a step that follows all steps of the other table so far.
   std::size_t add(Step step) {
     const std::size_t last = last_[step.onPrefixes() ? 1 : 0];
     return add(std::move(step), last);
   }
-  /// Behind one step of the other table, or none.
+  /// Appends a step that follows one step of the other table, or none.
   std::size_t add(Step step, std::size_t after) {
     const unsigned table = step.onPrefixes() ? 0 : 1;
     if (after != kNone && (carried_[table] == kNone || after > carried_[table])) {
@@ -33,6 +33,7 @@ class StepList {
 
  private:
   std::vector<Step> steps_;
+  /// By table: its last step, and the last step of the other table that it waits for.
   std::array<std::size_t, 2> last_{kNone, kNone};
   std::array<std::size_t, 2> carried_{kNone, kNone};
 };

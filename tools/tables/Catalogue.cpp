@@ -18,16 +18,17 @@ using Drift::RecordField;
 using Drift::TextForm;
 using Rows = std::map<std::pair<CataloguePart, std::uint16_t>, CatalogueRecord>;
 
+/// Limits of what another process may declare, in bytes.
 constexpr std::uint32_t kGreatestKey = 64;
 constexpr std::uint32_t kGreatestRecord = 65'536;
-/// Groups within groups.
+/// Maximum nesting of groups.
 constexpr unsigned kDeepest = 8;
 
 void require(bool condition, const char* what) {
   if (!condition) throw std::runtime_error(what);
 }
 
-/// What the fields of a family are made of, for as long as the process lives.
+/// Texts and field lists that families refer to; kept for the life of the process.
 struct Memory {
   std::deque<std::string> texts;
   std::deque<std::vector<RecordField>> lists;
@@ -50,7 +51,7 @@ bool isNumber(const RecordField& field, std::size_t size = 0) {
   return field.kind == FieldKind::number && (size == 0 || field.size == size);
 }
 
-/// Whether values of these fields can be shown in that form.
+/// Whether values with these fields can be printed in that form.
 bool isShownAs(TextForm form, const std::vector<RecordField>& fields) {
   const auto has = [&](std::string_view name) {
     return std::ranges::any_of(
@@ -70,7 +71,7 @@ bool isShownAs(TextForm form, const std::vector<RecordField>& fields) {
   return false;
 }
 
-/// One family's rows, read and proved: nothing that is made of them leads beyond a record.
+/// Reads and verifies one family's rows, so that no field or offset exceeds its record.
 class Reading {
  public:
   explicit Reading(const Rows& rows) : rows_(rows) {}
@@ -125,7 +126,7 @@ class Reading {
     return {fields.data(), fields.size(), of.form};
   }
 
-  /// The fields of a group of that size from `row` on, which ends behind the last one.
+  /// Reads the fields of a group of the given size, from `row` on; leaves `row` after the last one.
   const std::vector<RecordField>& group(Rows::const_iterator& row, CataloguePart part,
                                         std::size_t size, unsigned depth) const {
     require(depth <= kDeepest, "groups are nested too deep");

@@ -73,7 +73,7 @@ std::vector<Asic::UnitId> programmedUnits(const Drift::Directory& directory,
       if (unit && Drift::HashedView(*rows).size() != 0) units.push_back(*unit);
     }
   } catch (const Fenrik::Exception&) {
-    // No chip, or one that its hardware writer makes anew.
+    // There is no chip, or its hardware writer is replacing it.
   }
   return units;
 }
@@ -111,8 +111,8 @@ std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory,
 
 namespace {
 
-/// The first bucket from `from` on at which a walk does not meet the same damage. No record before
-/// it can be read.
+/// The first bucket from `from` on at which a walk does not meet the same damage. Records in
+/// buckets before it are unreadable.
 Word behindDamage(const Drift::HashedView& view, Word from, Word end, const std::string& damage) {
   std::vector<Word> record(view.recordWords());
   std::vector<Word> noKey(view.keyWords());

@@ -12,15 +12,15 @@
 
 namespace Tables {
 
-/// Opens a collection of another process for reading, whatever its capacity. Throws
-/// `Drift::MountException`; `wrongFormat` also for a collection of other records.
+/// Opens another process's collection for reading, with any capacity. Throws
+/// `Drift::MountException`, with stage `wrongFormat` also if the records are of another type.
 std::unique_ptr<Drift::DriftFile> openShaped(const Drift::Directory& directory,
                                              const std::string& path, const Shape& shape);
 
-/// A mutable word of the header; nothing if both of its copies are damaged.
+/// A mutable word of the header, or nullopt if both copies are damaged.
 std::optional<Word> lineOf(const Drift::DriftFile& file, Drift::Format::Line line);
 
-/// A collection with its entity path, open for reading.
+/// A collection and its entity path, open for reading.
 ///
 /// Threads: one.
 class Collection {
@@ -30,7 +30,7 @@ class Collection {
 
   const std::string& path() const noexcept { return path_; }
   const Drift::DriftFile& file() const noexcept { return *file_; }
-  /// Random, chosen when the file was made: tells it from one that takes its place.
+  /// Random number chosen when the file was created; distinguishes it from a replacement.
   Word seed() const noexcept { return file_->header().hashSeed; }
   std::size_t recordWords() const {
     return Drift::Format::paddedSize(file_->header().recordSize) / sizeof(Word);
@@ -50,18 +50,18 @@ class Config : public Collection {
   Asic::UnitId unit() const noexcept { return unit_; }
 
   Word size() const { return view_.size(); }
-  /// The record of the key; nothing if there is none. Throws
-  /// `Fenrik::CorruptionDetectedException`, as all reads do.
+  /// The record with this key, or nullopt. Throws `Fenrik::CorruptionDetectedException`, as all
+  /// reads do.
   std::optional<ConfigRow> find(Words key) const;
-  /// Calls `visit` with each record, and `damaged` with the message of each damage, after which the
+  /// Calls `visit` with each record, and `damaged` with a message for each damage, after which the
   /// walk continues.
   void walk(const std::function<void(const ConfigRow&)>& visit,
             const std::function<void(const std::string&)>& damaged) const;
 
-  /// Nothing may be read for long: the agent may give memory back.
+  /// Call when no read may follow for some time, so that the agent can free memory.
   void rest() const { view_.rest(); }
 
-  /// The sum of the live records' digests.
+  /// Sum of the live records' digests.
   std::uint64_t digest() const;
 
  private:
@@ -70,21 +70,21 @@ class Config : public Collection {
   Drift::HashedView view_;
 };
 
-/// The units for which the directory has a configuration of that family.
+/// Units with a configuration of the family in the directory.
 std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory, const TableKind& kind);
 
-/// The units of whose rows the chip below the directory holds some.
+/// Units with rows of the family in the chip below the directory.
 std::vector<Asic::UnitId> programmedUnits(const Drift::Directory& directory, const TableKind& kind);
 
-/// Whether a process has the collection open for writing. Takes no lock. False also if there is no
-/// such collection.
+/// Whether a process has the collection open for writing. Takes no lock. False if the collection
+/// does not exist.
 bool isWritten(const Drift::Directory& directory, const std::string& path);
 
-/// Walks any hashed collection; continues after damage.
+/// Walks any hashed collection, continuing after damage.
 void walkHashed(const Drift::DriftFile& file, const std::function<void(Words)>& visit,
                 const std::function<void(const std::string&)>& damaged);
 
-/// The shape of the collections of needed sets.
+/// Shape of the collections of needed sets.
 Shape neededShape();
 
 }  // namespace Tables

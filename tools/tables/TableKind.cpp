@@ -28,8 +28,8 @@ void addReference(std::vector<Reference>& to, const QuarnBastil::OptionalPrefix&
   to.push_back({QuarnBastil::BigBbFamily::kTableName, std::move(key)});
 }
 
-/// A classification entry matches on the outcome of the prefix search: the IPv4 prefixes that it
-/// names are rows of the prefix table.
+/// References of a classification entry, which matches the result of the prefix search: its IPv4
+/// prefixes are rows of the prefix table.
 std::vector<Reference> classified(Words words) {
   QuarnBastil::TcamEntryLogEntry entry;
   Drift::FlatLayout<QuarnBastil::TcamEntryLogEntry>::fromWords(words.data(), entry);
@@ -40,13 +40,13 @@ std::vector<Reference> classified(Words words) {
   return references;
 }
 
-/// What there is to say of a family that its descriptor does not: the rows that its entries need.
+/// Facts about a family that its descriptor lacks: the rows that its entries refer to.
 struct Tier {
   Asic::SwTableId table;
   unsigned tier;
   std::vector<Reference> (*references)(Words entry);
 };
-/// Families that are not here are of the lowest tier.
+/// Families not listed here are in the lowest tier.
 constexpr Tier kTiers[] = {{QuarnBastil::TcamEntryFamily::kTableId, 1, classified}};
 
 Fields fieldsOf(const Asic::FlatShape& shape) {
@@ -109,7 +109,7 @@ std::deque<TableKind>& kinds() {
   return kinds;
 }
 
-/// A round of splitmix64: every bit of the word affects every bit of the result.
+/// One round of splitmix64: every bit of the word affects every bit of the result.
 std::uint64_t mixed(std::uint64_t word) noexcept {
   word = (word ^ (word >> 30)) * 0xbf58476d1ce4e5b9;
   word = (word ^ (word >> 27)) * 0x94d049bb133111eb;

@@ -12,39 +12,40 @@
 #include "OrderedTable/SwTableId.h"
 #include "OrderedTable/UnitId.h"
 
-/// What a program outside of the agent must know of each table family, as plain facts, so that its
-/// code is the same for all of them.
+/// Facts about each table family for programs other than the agent, so that the same code handles
+/// all families.
 namespace Tables {
 
 using Drift::Format::Word;
-/// The bytes of an entry or a key in a collection, padded with zeros to whole words.
+/// The bytes of an entry or key in a collection, zero-padded to whole words.
 using Words = std::span<const Word>;
 
-/// What a collection must be for its records to be read.
+/// Required properties of a collection for its records to be readable.
 struct Shape {
-  Drift::Format::Layout layout;
-  std::string_view typeName;
-  std::uint32_t keySize;
-  std::uint32_t recordSize;
+  Drift::Format::Layout layout;  ///< dense or hashed
+  std::string_view typeName;     ///< type of the records
+  std::uint32_t keySize;         ///< bytes
+  std::uint32_t recordSize;      ///< bytes
 };
 
-/// The fields of a described type, for people.
+/// The fields of a type with a field list, for printing.
 struct Fields {
-  const Drift::RecordField* fields;
-  std::size_t count;
-  Drift::TextForm form;
+  const Drift::RecordField* fields;  ///< rows of the field list
+  std::size_t count;                 ///< number of rows
+  Drift::TextForm form;              ///< text form of the type
 
+  /// The value as text.
   std::string text(const void* value) const;
 };
 
-/// A row of another table to which an entry points: the table's name and the words of the key.
+/// A row of another table that an entry refers to: table name and words of the key.
 struct Reference {
-  std::string_view table;
-  std::vector<Word> key;
+  std::string_view table;  ///< name of the table
+  std::vector<Word> key;   ///< key of the row
 };
 
-/// What the rest of a family's facts follow from. The texts and the fields outlive the process's
-/// use of them.
+/// The facts from which the others are derived. Texts and fields must remain valid for the life of
+/// the process.
 struct KindFacts {
   Asic::SwTableId id;
   std::string_view agentName, groupName, tableNamespace, tableName;
@@ -59,46 +60,50 @@ struct KindFacts {
 struct TableKind {
   Asic::SwTableId id;
   std::string_view name;
+  /// Canonical name of the group.
   std::string group;
-  /// Entity paths. The configuration's is completed by the number of the unit.
+  /// Entity paths. Append the number of the unit to `configPath`.
   std::string logPath;
   std::string neededPath;
   std::string configPath;
+  /// Shapes of log and configuration.
   Shape log;
   Shape config;
   std::uint32_t keySize;
   std::uint32_t entrySize;
-  /// In the configuration record, after the entry; the mark of an entry in deletion follows.
+  /// Offset in the configuration record of the version, which follows the entry and is followed by
+  /// the deletion mark.
   std::size_t versionOffset;
+  /// Fields of key and entry.
   Fields key;
   Fields entry;
-  /// The rows to which an entry points are in tables of a lower tier.
+  /// Entries refer only to rows of tables in lower tiers.
   unsigned tier;
-  /// The rows to which an entry points, of the same unit; null for a table of the lowest tier.
+  /// The rows that an entry refers to, in the same unit; null in the lowest tier.
   std::vector<Reference> (*references)(Words entry);
 
   std::size_t entryWords() const { return Drift::Format::paddedSize(entrySize) / sizeof(Word); }
   std::size_t keyWords() const { return Drift::Format::paddedSize(keySize) / sizeof(Word); }
 };
 
-/// All families that this process knows: those of the library, the lowest tier first and by their
-/// ids within a tier, then what `Catalogue::learn` has learnt. None ever goes.
+/// All families known to this process: the library's, ordered by tier, then id; then those added by
+/// `Catalogue::learn`. Families are never removed.
 const std::deque<TableKind>& tableKinds();
-/// The family of that name or id; null if there is none.
+/// The family with this name or id, or null.
 const TableKind* kindOf(std::string_view name);
 const TableKind* kindOf(Asic::SwTableId id);
 
-/// Enters a family that `kindOf` does not know.
+/// Adds a family that `kindOf` does not know.
 void kindIs(const KindFacts& facts);
 
-/// The words of the key with which an entry begins. Bytes of the entry that share the key's last
-/// word are 0.
+/// The words of the key at the start of an entry. Bytes of the entry in the key's last word are
+/// cleared.
 std::vector<Word> keyOf(const TableKind& kind, Words entry);
 
-/// A number for a row. The sum over a table's rows, modulo 2^64, is the table's digest.
+/// Hash of a row. A table's digest is the sum over its rows modulo 2^64.
 std::uint64_t rowDigest(Asic::SwTableId table, Asic::UnitId unit, Words entry) noexcept;
 
-/// A configuration record, read.
+/// A decoded configuration record.
 struct ConfigRow {
   std::vector<Word> entry;
   std::uint64_t version = 0;
@@ -106,16 +111,16 @@ struct ConfigRow {
 };
 ConfigRow configRowOf(const TableKind& kind, Words record);
 
-/// A log record, read.
+/// A decoded log record.
 struct LogRow {
   std::uint64_t version = 0;
   bool entryDelete = false;
   bool tableDelete = false;
   Asic::UnitId unit;
-  /// Undefined in a table delete.
+  /// Undefined for a table delete.
   std::vector<Word> entry;
 };
-/// Reuses the memory of `row`.
+/// Decodes a log record, reusing the memory of `row`.
 void logRowIs(LogRow& row, const TableKind& kind, Words record);
 
 }  // namespace Tables

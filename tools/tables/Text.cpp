@@ -40,7 +40,7 @@ std::string addressText(int family, Bytes bytes) {
 
 bool isShort(TextForm form) { return form == TextForm::place || form == TextForm::prefix; }
 
-/// The address of a group of fields, if it has one.
+/// The address in a group of fields, if it has one.
 struct Address {
   const RecordField* field = nullptr;
   std::string text;
@@ -92,12 +92,12 @@ class Renderer {
     const std::string whole = fmt::format("{}/{}", address.text, address.length);
     result.erase("length");
     result.erase(address.field->name);
-    // What is left beside the prefix, a zone for instance, is shown with it.
+    // Other members of the group, for example a zone, are printed after the prefix.
     const std::string rest = Renderer::line(result, false);
     return rest == "{}" ? whole : fmt::format("{} {}", whole, rest);
   }
 
-  /// An object in one line; without the members that are zero, unless `whole`.
+  /// An object as one line; unless `whole`, without zero members.
   static std::string line(const Json& object, bool whole) {
     std::string text;
     for (const auto& [name, value] : object.items()) {

@@ -10,8 +10,8 @@ namespace Drift {
 
 namespace {
 
-/// Chunks that keep their memory while no version is in them: enough for a window that grows and
-/// shrinks by some thousands of records between two reports.
+/// Free chunks that keep their memory: enough for a window that grows and shrinks by some thousands
+/// of records between two reports.
 constexpr std::size_t kWarmChunks = 4;
 
 }  // namespace
@@ -36,7 +36,7 @@ bool ChunkTable::proves(Word version) const noexcept {
 
 ChunkRing::ChunkRing(DriftFile& file)
     : file_(file), table_(file), chunks_(table_.mask_ + 1, kNone) {
-  // No later operation needs the heap.
+  // Reserved, so that no later operation allocates.
   bare_.reserve(chunks_.size());
   warm_.reserve(chunks_.size());
 }
@@ -50,7 +50,7 @@ void ChunkRing::takeOver(Word first, Word next) {
   std::vector<bool> used(chunks_.size());
   from_ = to_ = chunkOf(first);
   if (first != next) to_ = chunkOf(next - 1) + 1;
-  // The ends of a full ring meet in one chunk.
+  // In a full ring, both ends of the window are in the same chunk.
   const Word end = std::min(to_, from_ + chunks_.size());
   for (Word number = from_; number < end; ++number) adopt(number & table_.mask_, used);
   for (Word number = from_; number < end; ++number) recover(number, first, next, used);
@@ -65,7 +65,7 @@ void ChunkRing::takeOver(Word first, Word next) {
   giveBackSurplus();
 }
 
-/// Notes the chunk of a word that proves itself and is the only one to lead there.
+/// Takes a table entry over if its checksum is correct and no other entry refers to its chunk.
 void ChunkRing::adopt(Word place, std::vector<bool>& used) {
   const Word word = loadWord(table_.table_ + place);
   const Word chunk = (word & 0xffffffff) - 1;
@@ -74,8 +74,8 @@ void ChunkRing::adopt(Word place, std::vector<bool>& used) {
   chunks_[place] = static_cast<std::uint32_t>(chunk);
 }
 
-/// The chunk of a damaged word is the one in which a version of its own lies; if there is none, its
-/// versions are lost, and a new chunk stands in for it.
+/// Recovers a damaged entry: its chunk is the one that contains one of its versions. If there is
+/// none, its versions are lost and a new chunk is assigned.
 void ChunkRing::recover(Word number, Word first, Word next, std::vector<bool>& used) {
   const Word place = number & table_.mask_;
   if (chunks_[place] != kNone) return;
@@ -100,11 +100,11 @@ bool ChunkRing::holds(Word chunk, Word version) const noexcept {
          Seal::lowOf(seal) == static_cast<std::uint32_t>(version);
 }
 
-/// Gives back what has memory and is not needed, as far as no reader can be in it.
+/// Frees unneeded memory that no reader can still be reading.
 void ChunkRing::giveBackSurplus() noexcept {
   if (bareSince_ != 0 && file_.leftSince(bareSince_)) {
     bareSince_ = 0;
-    // The numbers fall; chunks side by side go in one call.
+    // Numbers are in descending order; adjacent chunks are freed by one call.
     for (std::size_t i = 0; i < bare_.size();) {
       std::size_t end = i + 1;
       while (end < bare_.size() && bare_[end] + 1 == bare_[end - 1]) ++end;
@@ -153,7 +153,7 @@ void ChunkRing::releaseBehind(Word version) noexcept {
   for (const Word end = std::max(chunkOf(version) + 1, from_); to_ > end; --to_) release(to_ - 1);
 }
 
-/// One end of the run goes. In a full ring its chunk is that of the other end too.
+/// Drops the chunk at one end, unless the other end of a full ring shares it.
 void ChunkRing::release(Word number) noexcept {
   if (to_ - from_ > chunks_.size()) return;
   const Word place = number & table_.mask_;

@@ -6,22 +6,22 @@
 
 namespace Drift {
 
-/// The word of the chunk table that leads from a place in it to a chunk of the file.
+/// Entry of the chunk table: maps the table position `place` to a chunk of the file.
 QUARNBASTIL_EXPORT Word chunkWord(Word place, Word chunk) noexcept;
 
-/// Where the slots of a dense collection lie, for whoever reads: a version's chunk is found in the
-/// chunk table, its slot by the low bits of the version.
+/// Read access to the slots of a dense collection: the chunk table gives a version's chunk, the low
+/// bits of the version its slot.
 class ChunkTable {
  public:
   QUARNBASTIL_EXPORT explicit ChunkTable(const DriftFile& file);
 
-  /// Null while the version has no chunk, or its word in the table cannot be.
+  /// Null if the version has no chunk or its entry in the table is invalid.
   const Word* slotOf(Word version) const noexcept {
     const Word chunk = (loadWord(table_ + (version >> shift_ & mask_)) & 0xffffffff) - 1;
     return chunk > mask_ ? nullptr : slotIn(chunk, version);
   }
-  /// Whether the word that leads to the version's chunk proves itself. Readers need not ask: a word
-  /// that leads elsewhere leads to no record of that version.
+  /// Whether the checksum of the version's table entry is correct. Readers need not check: a wrong
+  /// entry does not lead to a record of that version.
   QUARNBASTIL_EXPORT bool proves(Word version) const noexcept;
   const Word* sideSlot() const noexcept {
     return reinterpret_cast<const Word*>(slots_ + (mask_ + 1) * chunkBytes_);
@@ -37,39 +37,38 @@ class ChunkTable {
 
   const Word* table_;
   const std::byte* slots_;
-  unsigned shift_;  ///< of a version to the number of its chunk
-  Word mask_;       ///< number of chunks in the file, less 1
+  unsigned shift_;  ///< log2 of the versions per chunk
+  Word mask_;       ///< number of chunks in the file - 1
   Word chunkBytes_;
   Word stride_;
 };
 
-/// The writer's side: gives chunks to the versions that come and takes them back from those that
-/// have gone. A chunk that has just been taken back is the next to be given, while its memory is
-/// there and in the processor's cache: a window that moves along costs no memory but its own.
+/// The writer's side: assigns chunks to new versions and reclaims those of removed ones. The chunk
+/// reclaimed last is assigned first, since its memory is still allocated and cached; a moving
+/// window therefore needs no more memory than it covers.
 ///
-/// I1. The chunks of the window and those that were made ready for it are one run of versions.
-/// I2. A chunk has memory before a word of the table leads to it, and when it is given to other
-///     versions none leads to it for the old ones: a reader still in it sees that its version is
-///     gone.
+/// I1. The chunks of the window and those prepared for it cover one contiguous range of versions.
+/// I2. A chunk has memory before a table entry refers to it. Before it is assigned to other
+///     versions, its old entry is removed, so a reader still in it sees that its version is gone.
 class ChunkRing {
  public:
   explicit ChunkRing(DriftFile& file);
 
-  /// Takes over what the window of the last writer holds; everything else is given back. A damaged
-  /// word is found anew by the seals of its versions. Throws `NoSpaceException` if a chunk that
-  /// cannot be found must be replaced and there is no memory for that.
+  /// Takes over the chunks of the last writer's window and frees all others. A damaged entry is
+  /// recovered from the seals of its versions. Throws `NoSpaceException` if a chunk that cannot be
+  /// found must be replaced and there is no memory.
   void takeOver(Word first, Word next);
 
-  /// REQUIRES: a chunk has been made ready for the version.
+  /// REQUIRES: a chunk has been prepared for the version.
   Word* slotOf(Word version) noexcept {
     const Word chunk = chunks_[version >> table_.shift_ & table_.mask_];
     return const_cast<Word*>(table_.slotIn(chunk, version));
   }
 
-  /// Makes chunks ready for these versions, both ends included. Throws `NoSpaceException`; what was
-  /// made ready before that stays so.
+  /// Prepares chunks for a closed range of versions. Throws `NoSpaceException`; chunks prepared
+  /// until then remain prepared.
   void reserveFor(Word firstVersion, Word lastVersion);
-  /// Takes back the chunks of which all versions lie before, or behind, the version's own chunk.
+  /// Free the chunks whose versions are all before, or all after, the version's own chunk.
   void releaseBefore(Word version) noexcept;
   void releaseBehind(Word version) noexcept;
 
@@ -90,22 +89,23 @@ class ChunkRing {
 
   DriftFile& file_;
   ChunkTable table_;
-  /// By place in the table: which chunk of the file, or `kNone`.
+  /// By position in the table: the chunk in the file, or `kNone`.
   std::vector<std::uint32_t> chunks_;
-  /// A chunk that was taken back and still has memory.
+  /// A free chunk that still has memory.
   struct Warm {
     std::uint32_t chunk;
-    Word since;  ///< moment from which on nothing led there
+    Word since;  ///< time from which on no table entry referred to it
   };
 
-  /// Chunks without memory, the lowest last.
+  /// Free chunks without memory, in descending order.
   std::vector<std::uint32_t> bare_;
-  /// In the order in which they were taken back.
+  /// Free chunks with memory, in the order of their release.
   std::vector<Warm> warm_;
-  /// The moment of the takeover, while the last writer left memory in bare chunks; 0 otherwise.
+  /// Time of the takeover while bare chunks may still have memory from the last writer; otherwise
+  /// 0.
   Word bareSince_ = 0;
-  /// The run of chunks in use, numbered on over the laps of the ring as versions are; the latter
-  /// end excluded.
+  /// The range of chunks in use, half open, numbered like versions: laps of the ring are counted
+  /// on.
   Word from_ = 0;
   Word to_ = 0;
 };

@@ -25,7 +25,7 @@ constexpr std::array<std::uint32_t, 256> crc32cTable() {
 }
 inline constexpr std::array<std::uint32_t, 256> kCrc32cTable = crc32cTable();
 
-/// The CRC register after the lowest `bytes` bytes of `value`, lowest first.
+/// Feeds the lowest `bytes` bytes of `value` into the CRC register, lowest byte first.
 constexpr std::uint32_t crc32cStep(std::uint32_t crc, std::uint64_t value, int bytes = 8) {
   for (; bytes > 0; --bytes, value >>= 8) {
     crc = (crc >> 8) ^ kCrc32cTable[(crc ^ value) & 0xff];
@@ -35,7 +35,7 @@ constexpr std::uint32_t crc32cStep(std::uint32_t crc, std::uint64_t value, int b
 
 }  // namespace Impl
 
-/// CRC32C of bytes as iSCSI defines it: register all ones at the start, inverted at the end.
+/// CRC32C as defined by iSCSI: the register starts with all ones and is inverted at the end.
 QUARNBASTIL_EXPORT std::uint32_t crc32c(std::span<const std::byte> bytes) noexcept;
 
 }  // namespace Drift

@@ -9,48 +9,48 @@
 
 namespace Drift {
 
-/// What a reader finds at a version.
+/// Result of reading a version.
 enum class DenseRead {
   found,
-  notYet,  ///< the version lies behind the newest record
-  gone,    ///< the version was removed, or lies before the oldest record
+  notYet,  ///< the version is after the newest record
+  gone,    ///< the version was removed, or is before the oldest record
 };
 
-/// Reads a dense collection: a ring of records that is addressed by the version itself.
+/// Reads a dense collection: a ring of records addressed by version.
 ///
-/// Process and thread: any number of readers in any process beside the one writer; a view belongs
-/// to one thread.
+/// Process and thread: any number of readers, in any process, alongside the single writer. A view
+/// belongs to one thread.
 ///
-/// I1. A record is given whole and under its own version, or not at all: its seal covers version
-///     and content, so that an older lap of the ring never passes for it.
-/// I2. Bytes that cannot be what a writer stored end in `Fenrik::CorruptionDetectedException`.
+/// I1. A read returns a complete record of the requested version or none. The seal covers version
+///     and content, so a record from an earlier lap of the ring is not mistaken for it.
+/// I2. Bytes that no writer can have stored cause `Fenrik::CorruptionDetectedException`.
 class QUARNBASTIL_EXPORT DenseView {
  public:
   explicit DenseView(const DriftFile& file);
 
   Word recordWords() const noexcept { return recordWords_; }
 
-  /// Oldest version of the window and the one behind its newest; equal when it is empty.
+  /// Oldest version in the window, and the version after the newest; equal if the window is empty.
   struct Window {
     Word first;
     Word next;
   };
   Window window() const;
 
-  /// Number of records. One load of each end as a rule; while the number of absent versions is
-  /// being changed, or after a death in the middle of that, they are counted along the window.
+  /// Number of records. Usually two loads; while the number of absent versions is being changed, or
+  /// after a crash during such a change, counts along the window.
   Word size() const;
 
-  /// Copies the version's record. What was in the window at an earlier look is in it until the low
-  /// end moves, so that one who follows the log asks for the high end, which the writer is at, only
-  /// when it has come to the one that it knew.
+  /// Copies the version's record. A version once seen in the window stays there until the low end
+  /// moves; therefore a follower reads the high end, which the writer keeps modifying, only after
+  /// reaching the one that it knows.
   DenseRead find(Word version, std::span<Word> out) const;
 
-  /// Says that no look-up may follow for long, so that the writer can give memory back.
+  /// Call when no look-up may follow for some time, so that the writer can free memory.
   void rest() const noexcept { pass_.drop(); }
 
-  /// Copies the first record whose version is not below `version`, and stores its version there;
-  /// false if there is none.
+  /// Copies the first record at or after `version` and sets `version` to its version. False if
+  /// there is none.
   bool findFrom(Word& version, std::span<Word> out) const;
 
  private:
@@ -74,46 +74,46 @@ class QUARNBASTIL_EXPORT DenseView {
   CheckedWord next_;
   CheckedWord holes_;
   CheckedWord redirect_;
-  /// The window at the last look for a record, and the stamp of its low end before that.
+  /// The window as last read, and the stamp of its low end from before that read.
   mutable Window known_{0, 0};
   mutable Word knownStamp_ = 0;
 };
 
-/// Writes a dense collection. At every instant a version has its old record or its new one, for
-/// readers and for the process that takes over after this one's death.
+/// Writes a dense collection. At every instant readers, and the process that takes over after a
+/// crash of this one, find a version's old record or its new one.
 class QUARNBASTIL_EXPORT DenseWriter {
  public:
-  /// Takes the collection over. Costs the same whatever the length of the log: no record is read,
-  /// but in the rare case that the last writer died while it changed the number of holes.
+  /// Takes the collection over. Cost: independent of the log's length, because no record is read,
+  /// unless the last writer died while it changed the number of holes.
   explicit DenseWriter(DriftFile& file);
 
   const DenseView& view() const noexcept { return view_; }
 
-  /// Stores the record under its version, with which the pieces begin. At the end of the window it
-  /// is appended; elsewhere it is inserted or replaces the record that is there. Throws
-  /// `CollectionFullException` or `NoSpaceException` with nothing changed.
+  /// Stores the record under its version, which must be at the start of the pieces. At the end of
+  /// the window the record is appended; elsewhere it is inserted or replaces the existing one.
+  /// Throws `CollectionFullException` or `NoSpaceException`; nothing has changed then.
   void set(Word version, Pieces pieces);
   void set(std::span<const Word> record);
-  /// Sees to it that so many records can be appended to the newest one: what `set` would throw is
-  /// thrown here, with nothing changed that a reader could see.
+  /// Ensures that so many records can be appended. Throws what `set` would throw; nothing visible
+  /// to readers has changed then.
   void makeRoom(Word records = 1);
-  /// Fetches the slot of the record that will be appended after `ahead` others.
+  /// Prefetches the slot of the record that will be appended `ahead` records from now.
   void prefetch(Word ahead) const noexcept;
-  /// Removes the version's record; false if there is none.
+  /// Removes the version's record. False if there is none.
   bool remove(Word version);
-  /// Removes the records up to and including that version, the oldest first. Each is a removal of
-  /// its own for readers and for a successor; none of them is read.
+  /// Removes the records up to `version`, oldest first, without reading them. For readers and a
+  /// successor each is a separate removal.
   void removeThrough(Word version);
-  /// Removes everything; the next version stays what it was.
+  /// Removes all records. The next version is unchanged.
   void removeAll();
 
-  /// Puts back header words that were damaged since this process took the collection over. Happens
-  /// by itself at every 256th version; to be called where a reader met damage.
+  /// Repairs header words that were damaged after this process took the collection over. Runs
+  /// automatically at every 256th version; call it when a reader has met damage.
   void restoreHeader() noexcept;
 
-  /// The version behind the newest record that was ever stored.
+  /// The version after the newest one ever stored.
   Word next() const noexcept { return next_.value(); }
-  /// The oldest version, or `next()` if there is none.
+  /// The oldest version, or `next()` if the collection is empty.
   Word first() const noexcept { return first_.value(); }
   /// Number of records.
   Word size() const noexcept { return next_.value() - first_.value() - holes_.value(); }

@@ -5,7 +5,7 @@ namespace Drift {
 
 namespace {
 
-/// As in the hashed collection: this many changes in one read are no changes.
+/// As in the hashed collection: so many changes during one read mean damage.
 constexpr int kAttempts = 10000;
 constexpr Word kHolesChanging = Word{1} << 63;
 
@@ -38,7 +38,7 @@ DenseView::Window DenseView::window() const {
     const Word first = line(first_, "the low end of the log does not prove itself");
     const Word next = line(next_, "the high end of the log does not prove itself");
     if (next >= first && next - first <= mask_ + 1) return {first, next};
-    // The two are changed one after the other: a window that cannot be is looked at again.
+    // The ends are changed one after the other: an impossible window is read again.
     if (line(first_, "the low end of the log does not prove itself") == first && attempt > 0) {
       if (next < first) return {first, first};
     }
@@ -46,7 +46,7 @@ DenseView::Window DenseView::window() const {
   corrupt("the ends of the log are further apart than the log is long", next_.load().value_or(0));
 }
 
-/// The window as it is, or as it was known, if the version was in it and the low end has not moved.
+/// The current window, or the known one if it contains the version and the low end has not moved.
 DenseView::Window DenseView::windowAround(Word version) const {
   const Word stamp = first_.stamp();
   if (version < known_.first || version >= known_.next || stamp != knownStamp_) {
@@ -115,7 +115,7 @@ DenseRead DenseView::find(Word version, std::span<Word> out) const {
     if (redirect_.stamp() != stamp) continue;
     if (slot == Slot::whole) return DenseRead::found;
     if (slot == Slot::absent) return DenseRead::gone;
-    // Nothing was being replaced: either the window has moved on, or it is damage.
+    // Nothing was being replaced, so either the window has moved on or the record is damaged.
     if (window().first <= version) corrupt("a record does not prove itself", version);
   }
   corrupt("it changes without end while it is read", version);

@@ -10,7 +10,7 @@ namespace Drift {
 namespace {
 
 constexpr Word kHolesChanging = Word{1} << 63;
-/// As in the hashed collection.
+/// As in the hashed collection: versions between two checks of the header.
 constexpr Word kCareEach = 256;
 
 }  // namespace
@@ -25,8 +25,8 @@ DenseWriter::DenseWriter(DriftFile& file)
       holes_(file.data(), Format::Line::holes),
       redirect_(file.data(), Format::Line::redirect) {
   FENRIK_ASSERT(first_.adopt() && next_.adopt() && holes_.adopt() && redirect_.adopt());
-  // Both ends prove themselves; a window that cannot be comes of a death between the two stores
-  // that move an empty window.
+  // Both ends are intact, so an impossible window results from a crash between the two stores that
+  // move an empty window.
   if (next_.value() < first_.value() || next_.value() - first_.value() > mask_ + 1) {
     first_.set(next_.value());
   }
@@ -34,12 +34,12 @@ DenseWriter::DenseWriter(DriftFile& file)
   file_.reserve(static_cast<Word>(side - file_.data()), file_.header().slotStride);
   chunks_.takeOver(first_.value(), next_.value());
   finishRedirect();
-  // A death between the two stores of a removal of everything leaves the number of holes behind.
+  // A crash between the two stores of `removeAll` leaves the old number of holes.
   if (empty() && holes_.value() != 0) holes_.set(0);
   if ((holes_.value() & kHolesChanging) != 0) recountHoles();
 }
 
-/// A death between publishing the side slot and putting the record in its place: done now.
+/// Completes a replacement interrupted after the side slot was published.
 void DenseWriter::finishRedirect() {
   if (redirect_.value() == 0) return;
   const Word version = redirect_.value() - 1;
@@ -72,7 +72,7 @@ void DenseWriter::restoreHeader() noexcept {
 }
 
 void DenseWriter::checkRoom(Word first, Word next) const {
-  // The highest number cannot be followed by another one.
+  // Also refuses the highest number, which has no successor.
   if (next > first && next - first <= mask_ + 1) return;
   throw CollectionFullException(Fenrik::formatString(
       "{}: full: versions {} to {} are {} places, the ring has {} for its limit of {}; let the low "
@@ -113,20 +113,20 @@ void DenseWriter::set(Word version, Pieces pieces) {
   }
 }
 
-/// At the end of the window, or as its only record; versions that are left out become absent.
+/// Appends at the end of the window, or as its only record. Skipped versions become absent.
 void DenseWriter::append(Word version, Pieces pieces) {
   const Word first = empty() ? version : first_.value();
   checkRoom(first, version + 1);
   const Word from = empty() ? version : next_.value();
   if (empty() && version != next_.value()) {
-    // Between an empty window and where it opens again nothing is needed.
+    // The chunks between an empty window and its new position are not needed.
     chunks_.releaseBefore(version);
     chunks_.releaseBehind(version);
   }
   chunks_.reserveFor(from, version);
   if (empty() && first_.value() != version) {
-    // Nothing lies in the window: it moves before it opens. `next` first if it moves up, so that
-    // an empty window is empty for whoever sees one end moved.
+    // The window is empty: moves it before opening it. When it moves up, `first` is stored first,
+    // so that a reader that sees only one end moved still finds it empty.
     if (version > next_.value()) {
       holes_.set(0);
       first_.set(version);
@@ -142,7 +142,7 @@ void DenseWriter::append(Word version, Pieces pieces) {
   moveEnd(next_, version + 1, version - from);
 }
 
-/// Moves an end of the window outwards, over versions that are absent.
+/// Moves an end of the window outwards, over absent versions.
 void DenseWriter::moveEnd(CheckedWordWriter& end, Word value, Word absent) noexcept {
   const Word holes = holes_.value() + absent;
   if (absent != 0) holes_.set(holes_.value() | kHolesChanging);
@@ -158,7 +158,7 @@ void DenseWriter::prepend(Word version, Pieces pieces) {
   moveEnd(first_, version, first_.value() - version - 1);
 }
 
-/// In its place, by way of the side slot: readers are sent there while the place is rewritten.
+/// Replaces in place: readers are redirected to the side slot while the slot is rewritten.
 void DenseWriter::replace(Word version, Pieces pieces) {
   Word* const side = const_cast<Word*>(view_.chunks_.sideSlot());
   fillSlot(side, version, pieces);
@@ -167,7 +167,7 @@ void DenseWriter::replace(Word version, Pieces pieces) {
   redirect_.set(0);
 }
 
-/// A version within the window comes or goes: the count is marked as uncertain meanwhile.
+/// Marks the number of holes as uncertain while a version within the window is added or removed.
 template <class Change>
 void DenseWriter::changeHoles(Word holes, Change change) {
   holes_.set(holes_.value() | kHolesChanging);
@@ -187,7 +187,7 @@ bool DenseWriter::remove(Word version) {
   return true;
 }
 
-/// The low end moves to the next version that is there.
+/// Moves the low end to the next version that is not absent.
 void DenseWriter::removeFirst() noexcept {
   const Word version = first_.value();
   Word first = version + 1;

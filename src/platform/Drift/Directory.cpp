@@ -28,7 +28,7 @@ namespace {
       Fenrik::formatString("the entity path \"{}\" {}: give it another name", entityPath, why));
 }
 
-/// Makes the directory and what is missing above it.
+/// Creates the directory and its missing parents.
 void makeDirectories(const std::string& path, mode_t mode) {
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
     const std::string part = path.substr(0, end);
@@ -46,10 +46,10 @@ bool isPlain(char c) {
   return byte > 0x20 && byte < 0x7f && c != '/' && c != '%';
 }
 
-/// Of a directory's mode: what says whether it is shared.
+/// Mode bits that determine whether a directory is shared.
 constexpr mode_t kSharedBits = S_ISGID | S_IWGRP | S_IWOTH;
 
-/// Names of the files that are still being made; no entity's name begins so.
+/// First character of temporary files' names; no entity's file name begins with it.
 constexpr char kTemporaryPrefix = '.';
 
 }  // namespace
@@ -107,7 +107,7 @@ std::string Directory::fileNameOf(std::string_view entityPath) {
       name += fmt::format("%{:02X}", byte);
     }
   }
-  // Room for the temporary name, which is longer by a dot, a process id and a number.
+  // Leaves room for the temporary name, which adds a dot, a process id and a number.
   if (name.size() > NAME_MAX - 24) refuse(entityPath, "is too long for a file's name");
   return name;
 }
@@ -142,7 +142,7 @@ std::string Directory::pathOf(std::string_view entityPath) const {
 }
 
 std::vector<std::string> Directory::fileNames() const {
-  // A stream of its own: the position of a shared descriptor would be shared too.
+  // Opens a separate stream, since duplicated descriptors share their position.
   const int copy = ::openat(fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   DIR* const opened = copy >= 0 ? ::fdopendir(copy) : nullptr;
   if (opened == nullptr) {

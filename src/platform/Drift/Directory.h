@@ -12,7 +12,7 @@
 
 namespace Drift {
 
-/// A file descriptor that is closed with its object.
+/// Owns a file descriptor and closes it.
 class QUARNBASTIL_EXPORT Descriptor {
  public:
   Descriptor() = default;
@@ -32,55 +32,55 @@ class QUARNBASTIL_EXPORT Descriptor {
   int fd_ = -1;
 };
 
-/// The directory that holds one entity manager's collections, a file each. It is opened once; every
-/// file is reached from its descriptor.
+/// The directory of one entity manager's collections, one file each. It is opened once; files are
+/// opened relative to its descriptor.
 ///
-/// It belongs to the agent's user. One whose group may write there, with the set-group-id bit, is
-/// shared: members of the group make collections of their own in it, and write those that are made
-/// for all of them.
+/// The directory belongs to the agent's user. If it is group-writable and has the set-group-id bit,
+/// it is shared: members of the group may create collections in it, and may write those created for
+/// the whole group.
 class QUARNBASTIL_EXPORT Directory {
  public:
   enum class Access { read, write };
 
-  /// 0750: the hardware writer reads through the group.
+  /// 0750: the hardware writer has read access through the group.
   static constexpr mode_t kDirectoryMode = 0750;
   static constexpr mode_t kFileMode = 0640;
-  /// Of a collection in a shared directory that any member may write.
+  /// Mode of a collection that any member of a shared directory's group may write.
   static constexpr mode_t kSharedFileMode = 0660;
 
-  /// Opens the directory; for writing it is made first, with those above it, if it is absent.
-  /// Throws `MountException` if it is not to be had, is none, or (for writing) is another user's
-  /// and not shared with this process.
+  /// Opens the directory. For writing, missing directories are created first. Throws
+  /// `MountException` if the path cannot be opened, is not a directory, or (for writing) belongs to
+  /// another user and is not shared with this process.
   Directory(std::string path, Access access, mode_t fileMode = kFileMode);
 
   int fd() const noexcept { return fd_->get(); }
-  /// The same, for objects that outlive this one.
+  /// Shared, for objects that outlive this one.
   const std::shared_ptr<const Descriptor>& descriptor() const noexcept { return fd_; }
   const std::string& path() const noexcept { return path_; }
   Access access() const noexcept { return access_; }
   mode_t fileMode() const noexcept { return fileMode_; }
   uid_t owner() const noexcept { return owner_; }
   bool isShared() const noexcept { return shared_; }
-  /// Whether a file of that user and group is one that belongs here.
+  /// Whether a file of this user and group may be used here.
   bool admits(uid_t user, gid_t group) const noexcept {
     return user == owner_ || (shared_ && group == group_);
   }
 
-  /// The name of the file that holds the entity: its path with '/', '%' and a leading '.' written
-  /// as '%' and two hexadecimal digits. Throws `MountException` (refused) for a path that is empty,
-  /// too long, has a component "." or "..", a NUL or a control character.
+  /// Name of the entity's file: the path with '/', '%' and a leading '.' replaced by '%' and two
+  /// hexadecimal digits. Throws `MountException` (refused) if the path is empty or too long, has a
+  /// component "." or "..", or contains a NUL or control character.
   static std::string fileNameOf(std::string_view entityPath);
-  /// The entity whose file bears this name; empty if it is no entity's.
+  /// Path of the entity whose file has this name; empty if the name is not that of an entity.
   static std::string entityPathOf(std::string_view fileName);
 
   /// Path of an entity's file, for messages.
   std::string pathOf(std::string_view entityPath) const;
 
-  /// The entities whose path begins with `prefix`, sorted.
+  /// The entities whose paths begin with `prefix`, sorted.
   std::vector<std::string> entities(std::string_view prefix) const;
 
-  /// Names of the files under which the file of that name is being made, or was when its maker
-  /// died.
+  /// Names of the temporary files under which `fileName` is being created, including those of
+  /// processes that died.
   std::vector<std::string> temporaries(std::string_view fileName) const;
 
  private:

@@ -33,8 +33,8 @@ void wake(const std::byte* data) noexcept {
 
 void DriftFile::ring(const DriftFile* listener) noexcept {
   moveBell(data_);
-  // The bell moves before the look, and the sleeper says so before its last look at the bell: one
-  // of the two sees the other.
+  // The ringer changes the bell before it checks the sleeper's mark; the sleeper sets its mark
+  // before its last check of the bell. So at least one of the two notices the other.
   __atomic_thread_fence(__ATOMIC_SEQ_CST);
   const bool awake =
       listener != nullptr && __atomic_load_n(sleepingOf(listener->data_), __ATOMIC_SEQ_CST) == 0;
@@ -61,13 +61,13 @@ timespec timespecOf(std::chrono::nanoseconds duration) {
   return result;
 }
 
-/// Sleeps on all bells at once; false if this kernel cannot (it came with Linux 5.16).
+/// Sleeps on all bells at once. False if the kernel does not support it (Linux before 5.16).
 bool sleepOnAll(std::span<const BellSeen> bells, std::chrono::steady_clock::time_point end) {
   std::vector<futex_waitv> waiters;
   for (const BellSeen& bell : bells) {
     waiters.push_back({.val = bell.seen,
                        .uaddr = reinterpret_cast<std::uintptr_t>(bellOf(bell.file->data())),
-                       // Not the private form: the ringer is another process.
+                       // Not FUTEX_PRIVATE: the ringer is another process.
                        .flags = FUTEX_32,
                        .__reserved = 0});
   }
@@ -78,7 +78,7 @@ bool sleepOnAll(std::span<const BellSeen> bells, std::chrono::steady_clock::time
   return result >= 0 || (errno != ENOSYS && errno != EINVAL && errno != EPERM);
 }
 
-/// Says in files of this process that it sleeps, as long as the object lives.
+/// Marks this process asleep in its own files for the lifetime of the object.
 class Sleeping {
  public:
   explicit Sleeping(std::span<const DriftFile* const> own) : own_(own) { say(1); }
@@ -104,12 +104,13 @@ bool waitForAnyRing(std::span<const BellSeen> bells, std::chrono::nanoseconds ti
   using std::chrono::milliseconds;
   const auto moved = [](const BellSeen& bell) { return bell.file->doorbell() != bell.seen; };
   if (std::ranges::any_of(bells, moved)) return true;
-  // A year is as good as for ever, and does not overflow.
+  // Limits the timeout to a year, which avoids overflow.
   const auto end = std::chrono::steady_clock::now() +
                    std::min<std::chrono::nanoseconds>(timeout, std::chrono::hours(24 * 365));
   const Sleeping sleeping(own);
-  // A ringer that looks at another listener's word, or at that of a file that somebody deleted,
-  // makes no call; where a thread can sleep on one bell only, it must look at the others.
+  // Upper limit of one sleep. A ringer makes no wake-up call if it checks the mark of another
+  // listener or that of a deleted file; and if the kernel can wait on only one bell, the others
+  // must be polled.
   std::chrono::nanoseconds slice = !own.empty() ? milliseconds(100) : milliseconds(20);
   bool together = bells.size() > 1;
   while (std::ranges::none_of(bells, moved)) {

@@ -5,23 +5,23 @@
 
 namespace Drift {
 
-/// How an attempt to open a collection ended.
+/// Outcome of opening a collection.
 enum class MountStage {
   absent,       ///< no file of that name
-  notReady,     ///< the file is still being made
-  wrongFormat,  ///< the file is none of ours, of another version, or of another record or size
-  damaged,      ///< the header was ours and does not prove itself any more
-  refused,      ///< not a regular file of ours: a link, a directory, another owner or mode
-  busy,         ///< another process writes it
-  noSpace,      ///< the file system has no room for it
+  notReady,     ///< the file is still being created
+  wrongFormat,  ///< another program's file, another version, or another record type or size
+  damaged,      ///< the header is of this format, but its checksum is wrong
+  refused,      ///< not a regular file of the expected owner and mode
+  busy,         ///< another process is writing it
+  noSpace,      ///< the file system has no space for it
   systemError,  ///< a system call failed
-  made,         ///< there was none: made anew and empty
-  rebuilt,      ///< what was there could not be used: made anew and empty, `wiped` set
-  ok,           ///< taken over as it was
+  made,         ///< did not exist; created, empty
+  rebuilt,      ///< was unusable; replaced by an empty one with `wiped` set
+  ok,           ///< taken over unchanged
 };
 QUARNBASTIL_EXPORT const char* mountStageName(MountStage stage) noexcept;
 
-/// A collection could not be opened; the message names the path, what was found and what to do.
+/// A collection could not be opened. The message gives the path, the finding and a remedy.
 class QUARNBASTIL_EXPORT MountException final : public Fenrik::Exception {
  public:
   MountException(MountStage stage, Fenrik::String message)
@@ -34,21 +34,21 @@ class QUARNBASTIL_EXPORT MountException final : public Fenrik::Exception {
   MountStage stage_;
 };
 
-/// A process that was forked from a collection's writer tried to write. Nothing was changed.
+/// A process forked from a collection's writer tried to write. Nothing has changed.
 class QUARNBASTIL_EXPORT ForkedException final : public Fenrik::Exception {
  public:
   using Exception::Exception;
   ~ForkedException() override;
 };
 
-/// A collection holds as many records as it may. Nothing was changed.
+/// A collection has reached its capacity. Nothing has changed.
 class QUARNBASTIL_EXPORT CollectionFullException final : public Fenrik::Exception {
  public:
   using Exception::Exception;
   ~CollectionFullException() override;
 };
 
-/// The file system has no room for further records. Nothing was changed.
+/// The file system has no space for further records. Nothing has changed.
 class QUARNBASTIL_EXPORT NoSpaceException final : public Fenrik::Exception {
  public:
   using Exception::Exception;

@@ -22,7 +22,7 @@ DriftFile::~DriftFile() {
 void DriftFile::reserve(Word offset, Word size) {
   if (options_.reserveAll) return;
   if (::fallocate(fd_.get(), 0, static_cast<off_t>(offset), static_cast<off_t>(size)) == 0) {
-    // Best effort, as where the file is made.
+    // Best effort, as when the file is created.
     const Word within = offset % Format::kPageSize;
     ::madvise(data_ + offset - within, size + within, MADV_POPULATE_WRITE);
     return;
@@ -55,17 +55,18 @@ Word DriftFile::moment() noexcept {
 }
 
 bool DriftFile::leftSince(Word moment) const noexcept {
-  // Clocks of two processors may differ by less than this.
+  // Upper limit of the difference between two processors' clocks, in nanoseconds.
   constexpr Word kMargin = 1'000'000;
   struct flock passes = lockOf(F_WRLCK, kWriterBytes, static_cast<off_t>(moment + kMargin));
   return ::fcntl(fd_.get(), F_OFD_GETLK, &passes) == 0 && passes.l_type == F_UNLCK;
 }
 
-/// A writer looks things up between its own changes.
+/// The writer takes no pass: it frees memory only between its own look-ups.
 bool DriftFile::passTake(Word moment) const noexcept {
   if (writable_ && mark_ == processMark()) return false;
   if (lockMark_ != processMark()) {
-    // The parent has the same description of the file: what the child locked would outlive it.
+    // Opens the file anew: parent and child share the open file description, and a lock taken
+    // through it would outlive the child.
     fd_ = Descriptor(
         ::open(fmt::format("/proc/self/fd/{}", fd_.get()).c_str(), O_RDONLY | O_CLOEXEC));
     lockMark_ = processMark();

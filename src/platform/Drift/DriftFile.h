@@ -15,35 +15,35 @@ namespace Drift {
 
 /// The mapped file of one collection.
 ///
-/// A writer holds an exclusive lock on it for as long as the object lives; the lock goes with the
-/// process, however that ends. A reader maps it `PROT_READ` and needs no right beyond reading.
+/// A writer holds an exclusive lock for the lifetime of the object; the kernel releases it when the
+/// process ends in any way. A reader maps the file `PROT_READ` and needs only read permission.
 ///
-/// After a fork the child may read through what it inherited; the parent's lock stays the parent's.
-/// A write is refused with `ForkedException`: the child opens the collection itself, once the
-/// parent has let go of it.
+/// After a fork the child may read through the inherited object; the lock remains the parent's. A
+/// write by the child is refused with `ForkedException`: it must open the collection itself, after
+/// the parent has closed it.
 ///
-/// I1. Type, owner, mode, link count, exact size and header are verified on the descriptor before
-///     the first access through the mapping.
-/// I2. A file appears under its name only when it is whole.
-/// I3. A failed call leaves the files as they were.
+/// I1. Type, owner, mode, link count, exact size and header are verified through the descriptor
+///     before the mapping is first accessed.
+/// I2. A file is visible under its name only when it is complete.
+/// I3. A failed call leaves all files unchanged.
 class QUARNBASTIL_EXPORT DriftFile {
  public:
   struct Options {
-    /// Memory for all records is reserved and mapped at once, and never given back.
+    /// Reserve and map memory for all records at once, and never free it.
     bool reserveAll = false;
-    /// In a shared directory any member of its group may write the collection, one at a time.
+    /// In a shared directory, let any member of the group write the collection, one at a time.
     bool groupWrites = false;
   };
 
-  /// Opens the entity's collection for writing: takes over what is there, makes it if it is absent,
-  /// or makes it anew with `wiped` set if what is there is damaged or of another format. `stage()`
-  /// says which. Throws `MountException`.
+  /// Opens the entity's collection for writing: takes over an existing one, creates it if it is
+  /// absent, or replaces it by an empty one with `wiped` set if it is damaged or of another format.
+  /// `stage()` tells which. Throws `MountException`.
   static std::unique_ptr<DriftFile> openForWriting(const Directory& directory,
                                                    std::string_view entityPath,
                                                    const Geometry& geometry, Options options);
 
-  /// Opens it for reading. `geometry` may be null: then the file's own is used, once it has proved
-  /// to be consistent. Throws `MountException`.
+  /// Opens it for reading. If `geometry` is null, the geometry in the file is used, after it has
+  /// been found consistent. Throws `MountException`.
   static std::unique_ptr<DriftFile> openForReading(const Directory& directory,
                                                    std::string_view entityPath,
                                                    const Geometry* geometry);
@@ -54,7 +54,7 @@ class QUARNBASTIL_EXPORT DriftFile {
 
   bool writable() const noexcept { return writable_; }
   MountStage stage() const noexcept { return stage_; }
-  /// Why the collection was rebuilt: the path and what was found. Empty otherwise.
+  /// Why the collection was rebuilt: path and finding. Empty otherwise.
   const Fenrik::String& reason() const noexcept { return reason_; }
   const std::string& path() const noexcept { return path_; }
   const Format::FixedHeader& header() const noexcept { return header_; }
@@ -67,39 +67,40 @@ class QUARNBASTIL_EXPORT DriftFile {
   }
   Word* words(Word offset) noexcept { return reinterpret_cast<Word*>(data_ + offset); }
 
-  /// Reserves memory behind a part of the file; throws `NoSpaceException`, with nothing changed,
-  /// when the file system has none.
+  /// Reserves memory for a part of the file. Throws `NoSpaceException` if the file system has none;
+  /// nothing has changed then.
   void reserve(Word offset, Word size);
-  /// Copies a part of the file by a system call, for which a hole stays one; false if that fails.
+  /// Copies a part of the file by a system call, which does not allocate memory for holes. False on
+  /// failure.
   bool read(Word offset, void* out, Word size) const noexcept;
-  /// Gives the memory behind a part of the file back; its bytes then read as zero. False where all
-  /// is reserved for good or the file system cannot do it: nothing has changed then. REQUIRES:
-  /// `leftSince` a moment at which nothing led there any more.
+  /// Frees the memory of a part of the file, which then reads as zero. False, with nothing changed,
+  /// if all memory is reserved permanently or the file system does not support it. REQUIRES:
+  /// `leftSince` is true for a time at which nothing referred to the part.
   bool giveBack(Word offset, Word size) noexcept;
 
-  /// The present moment, in nanoseconds, the same for all processes.
+  /// The current time in nanoseconds, comparable between processes.
   static Word moment() noexcept;
-  /// Whether every look-up has ended that a reader, in any process, had begun by that moment. A
-  /// reader that touched memory that was given back would allocate it anew, and die of a bus error
-  /// where the file system is full. Costs a system call.
+  /// Whether all look-ups that readers in any process had begun by that time have ended. A reader
+  /// touching freed memory would allocate it again, and would die of a bus error on a full file
+  /// system. Costs a system call.
   bool leftSince(Word moment) const noexcept;
 
-  /// Throws `ForkedException` in a process that inherited the file from its writer.
+  /// Throws `ForkedException` in a process that inherited the file from the writer.
   void requireOwner() const {
     if (mark_ != processMark()) refuseChild();
   }
 
-  /// True when the name leads to another file by now: this one was rebuilt or removed.
+  /// Whether the name now refers to another file, or none: this file was rebuilt or removed.
   bool replaced() const;
 
-  /// Moves the doorbell and wakes who sleeps on it. With one listener in mind, the writer of
-  /// `listener`, the system call that wakes is left out while that one says that it is awake;
-  /// others that sleep here notice within 20 ms then.
+  /// Rings the doorbell and wakes the processes sleeping on it. `listener`, if given, is a file
+  /// whose writer is the intended listener: while that writer is marked awake, the wake-up system
+  /// call is omitted, and other sleepers notice the ring within 20 ms.
   void ring(const DriftFile* listener = nullptr) noexcept;
   std::uint32_t doorbell() const noexcept;
-  /// The number in the file that moves, to be read with acquire order; stays for the object's life.
+  /// The doorbell's count in the file, for an acquire load. Valid while this object lives.
   const std::uint32_t* doorbellWord() const noexcept;
-  /// Sleeps until the doorbell differs from `seen` or the time is over; true if it differs.
+  /// Sleeps until the doorbell differs from `seen` or the timeout. Returns whether it differs.
   bool waitForRing(std::uint32_t seen, std::chrono::nanoseconds timeout) const;
 
  private:
@@ -115,8 +116,8 @@ class QUARNBASTIL_EXPORT DriftFile {
   std::string fileName_;
   std::string path_;
   mutable Descriptor fd_;
-  Word mark_ = processMark();              ///< of the process that opened the file
-  mutable Word lockMark_ = processMark();  ///< of the process to which the locks of `fd_` belong
+  Word mark_ = processMark();              ///< mark of the process that opened the file
+  mutable Word lockMark_ = processMark();  ///< mark of the process that owns the locks of `fd_`
   Options options_;
   bool writable_ = false;
   MountStage stage_ = MountStage::ok;
@@ -125,15 +126,15 @@ class QUARNBASTIL_EXPORT DriftFile {
   std::byte* data_ = nullptr;
 };
 
-/// A doorbell, and the number that it had when its owner last looked behind it.
+/// A doorbell, and its count when its owner last read what it announces.
 struct BellSeen {
-  const DriftFile* file;
-  std::uint32_t seen;
+  const DriftFile* file;  ///< file of the doorbell; null: none
+  std::uint32_t seen;     ///< count at that time
 };
 
-/// Sleeps until one of the doorbells has moved or the time is over; true if one has moved. Those of
-/// `own`, files that this process writes, say so meanwhile, so that others ring without a system
-/// call while it is awake.
+/// Sleeps until one of the doorbells has been rung or the timeout; returns whether one has.
+/// Meanwhile this process is marked asleep in the files of `own`, which it writes, so that others
+/// can omit the wake-up call while it is awake.
 QUARNBASTIL_EXPORT bool waitForAnyRing(std::span<const BellSeen> bells,
                                        std::chrono::nanoseconds timeout,
                                        std::span<const DriftFile* const> own = {});

@@ -35,8 +35,8 @@ const char* explain(int error) {
   }
 }
 
-/// Lets the process open as many files as it ever may; false if it does already. A mounted
-/// collection keeps a descriptor, to which its locks belong.
+/// Raises the process's limit of open files to the maximum; false if it is there already. A mounted
+/// collection keeps a descriptor open, which owns its locks.
 bool raiseLimitOfFiles() {
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return false;
@@ -44,12 +44,12 @@ bool raiseLimitOfFiles() {
   return ::setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }
 
-/// False, with errno set, if it cannot be read now: to go on with another id would throw a
-/// collection away at this mount or the next.
+/// False, with errno set, if the boot id exists but cannot be read. Continuing with another id
+/// would discard a collection at this mount or the next one.
 bool readBootId(std::uint8_t (&id)[16]) {
   Descriptor fd(::open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
   char text[36] = {};
-  // Where there is none all boots look alike, and files are taken over across them.
+  // Without a boot id all boots look alike, and files are taken over across reboots.
   if (!fd.valid()) return errno == ENOENT;
   const ssize_t size = ::read(fd.get(), text, sizeof text);
   if (size != sizeof text) {
@@ -76,7 +76,7 @@ std::string temporaryName(const std::string& fileName) {
   return fmt::format(".{}.{}.{}", fileName, ::getpid(), count++);
 }
 
-/// Removes the temporary file unless it has got its name.
+/// Removes the temporary file unless it has been renamed.
 struct TemporaryFile {
   int directory;
   std::string name;
@@ -85,8 +85,8 @@ struct TemporaryFile {
   }
 };
 
-/// What can be carried from a collection that is given up into the one that takes its place: the
-/// counters, so that versions go on and are not issued again.
+/// Counters carried over from a discarded collection to its replacement, so that no version is
+/// issued twice.
 struct Carried {
   Word next = 1;
   Word scratchpad = 0;
@@ -94,7 +94,7 @@ struct Carried {
 
 }  // namespace
 
-/// The steps of opening; apart from `DriftFile`, which holds only what is open.
+/// The steps of opening a file, kept apart from `DriftFile`, which holds the open state.
 class DriftFileOpener {
  public:
   DriftFileOpener(const Directory& directory, std::string_view entityPath)
@@ -140,7 +140,7 @@ class DriftFileOpener {
 
  private:
   const char* name() const { return file_->fileName_.c_str(); }
-  /// The mode that the file has.
+  /// Mode of the file to create.
   mode_t mode() const {
     return file_->options_.groupWrites && directory_.isShared() ? Directory::kSharedFileMode
                                                                 : directory_.fileMode();
@@ -169,7 +169,7 @@ class DriftFileOpener {
                                                               call, explain(error)));
   }
 
-  /// Type, links, owner and mode. A mode of 0 asks only that no stranger may write.
+  /// Checks type, links, owner and mode. Mode 0 requires only that nobody else may write.
   struct stat checkFile(int fd, mode_t mode) {
     struct stat found {};
     if (::fstat(fd, &found) != 0) fail(errno, "fstat");
@@ -206,8 +206,8 @@ class DriftFileOpener {
     refuse(Stage::busy, "another process writes it", "stop that one first");
   }
 
-  /// Whether the name still leads to the file that is locked now; a writer that rebuilt it between
-  /// our open and our lock has put another one there.
+  /// Whether the name still refers to the locked file. Another writer may have rebuilt the
+  /// collection between our open and our lock.
   bool stillNamed(const struct stat& opened) {
     struct stat found {};
     if (::fstatat(directory_.fd(), name(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -222,7 +222,7 @@ class DriftFileOpener {
     return text;
   }
 
-  /// Reads and checks the fixed header; empty if it fits.
+  /// Reads and checks the fixed header. Returns the fault, or an empty string.
   Fenrik::String readHeader(const struct stat& found, const Geometry* geometry) {
     Format::FixedHeader& header = file_->header_;
     const ssize_t size = ::pread(file_->fd_.get(), &header, sizeof header, 0);
@@ -248,7 +248,7 @@ class DriftFileOpener {
     return fault(Stage::wrongFormat, headerDifference(header, expected_));
   }
 
-  /// Checks what is there and maps it; empty if the collection can go on with it.
+  /// Checks the existing file and maps it. Returns the fault, or an empty string if it can be used.
   Fenrik::String takeOver(const struct stat& found) {
     const Format::FixedHeader wanted = expected_;
     Geometry geometry = *geometryOf(wanted);
@@ -263,7 +263,7 @@ class DriftFileOpener {
     if (loadWord(file_->words(Format::kReadyOffset)) != Format::kReady) {
       return "its making was not finished";
     }
-    // The last writer may have mounted it without.
+    // The last writer may have mounted it without `reserveAll`.
     if (file_->options_.reserveAll &&
         ::fallocate(file_->fd_.get(), 0, 0, static_cast<off_t>(file_->header_.fileSize)) != 0) {
       fail(errno, "reserve");
@@ -288,7 +288,7 @@ class DriftFileOpener {
     file_->writable_ = (protection & PROT_WRITE) != 0;
   }
 
-  /// Until this writer says that it is awake, it is rung for as if it slept.
+  /// Until this writer announces that it is awake, rings include the wake-up call.
   void sleepingIs() {
     __atomic_store_n(reinterpret_cast<std::uint32_t*>(file_->data() + Format::kSleepingOffset), 1,
                      __ATOMIC_RELEASE);
@@ -300,16 +300,16 @@ class DriftFileOpener {
     writer.set(static_cast<Word>(::getpid()));
   }
 
-  /// Bytes that a new file needs behind it before it can be used.
+  /// Bytes at the start of a new file that need memory before it can be used.
   Word beginSize() const { return Format::kHeaderSize + expected_.indexWords * sizeof(Word); }
 
-  /// Reads the counters of a file that is given up, as far as they prove themselves.
+  /// Reads the intact counters of a file that is being discarded.
   Carried salvage(const struct stat& found) {
     Carried carried;
     alignas(Format::kLineSize) std::byte page[Format::kHeaderSize] = {};
     if (static_cast<std::size_t>(found.st_size) < sizeof page) return carried;
     const ssize_t size = ::pread(file_->fd_.get(), page, sizeof page, 0);
-    // Not the file's damage: to go on would issue versions again.
+    // A read error is not damage; continuing would issue versions again.
     if (size < 0) fail(errno, "read");
     if (size != sizeof page) return carried;
     carried.scratchpad = CheckedWord(page, Format::Line::scratchpad).load().value_or(0);
@@ -320,12 +320,12 @@ class DriftFileOpener {
 
   void rebuild(const Fenrik::String& found, const struct stat& status) {
     const Carried carried = salvage(status);
-    // The old file stays open, and with it locked, until the new one bears its name.
+    // The old file stays open, and thereby locked, until the new one has its name.
     const Descriptor old = std::move(file_->fd_);
     if (file_->data_ != nullptr)
       ::munmap(std::exchange(file_->data_, nullptr), file_->header_.fileSize);
     make(Stage::rebuilt, carried);
-    // Whoever still rings for the old one must not take its writer for awake.
+    // Processes that still ring for the old file must not take its writer for awake.
     const std::uint32_t sleeping = 1;
     if (static_cast<Word>(status.st_size) >= Format::kHeaderSize) {
       (void)!::pwrite(old.get(), &sleeping, sizeof sleeping, Format::kSleepingOffset);
@@ -334,7 +334,7 @@ class DriftFileOpener {
         Fenrik::formatString("{}: {}; made anew and empty", file_->path_, found.view());
   }
 
-  /// Removes what processes left behind that died while they made this file.
+  /// Removes temporary files of this collection whose creators died.
   void removeLeftovers() {
     for (const std::string& left : directory_.temporaries(file_->fileName_)) {
       const Descriptor fd(
@@ -343,7 +343,7 @@ class DriftFileOpener {
     }
   }
 
-  /// Makes the file under a temporary name, fills it and gives it its name.
+  /// Creates the file under a temporary name, fills it and renames it.
   void make(Stage stage, const Carried& carried) {
     Format::FixedHeader& header = file_->header_;
     header = expected_;
@@ -388,7 +388,7 @@ class DriftFileOpener {
           .set(initial(i, stage, carried));
     }
     if (file_->options_.reserveAll) {
-      // Best effort: where the kernel cannot, the pages come one by one.
+      // Best effort: if the kernel cannot, pages are allocated one by one.
       ::madvise(file_->data(), file_->header_.fileSize, MADV_POPULATE_WRITE);
     }
     sleepingIs();

@@ -12,16 +12,16 @@
 
 namespace Drift {
 
-/// The untyped side of a collection's map: it keeps note of the damage that was met.
+/// The untyped part of a collection's map: counts the corruption found by reads.
 class QUARNBASTIL_EXPORT DriftMapBase : public Fenrik::Node {
  public:
   explicit DriftMapBase(Fenrik::String collection) : collection_(std::move(collection)) {}
   ~DriftMapBase() override;
 
-  /// Takes note that a read found the collection corrupt; `message` is the exception's.
+  /// Notes that a read found the collection corrupt. `message` is the exception's.
   void doCorruptionDetected(const Fenrik::String& message);
 
-  /// What was noted so far: how often, and the place that the last message named.
+  /// Corruption noted so far: number of cases, and the last message.
   struct Corruption {
     Fenrik::String collection;
     unsigned long long count = 0;
@@ -37,16 +37,16 @@ class QUARNBASTIL_EXPORT DriftMapBase : public Fenrik::Node {
   Fenrik::String lastMessage_;
 };
 
-/// Reads a collection of `Record`s in shared memory. No call keeps a pointer into shared memory.
+/// Reads a collection of `Record`s in shared memory. No pointer into shared memory outlives a call.
 ///
-/// Threads: one; other processes read beside it. A read that meets damage raises
+/// Threads: one. Other processes may read at the same time. A read that meets damage throws
 /// `Fenrik::CorruptionDetectedException`.
 template <class Record>
 class QUARNBASTIL_EXPORT DriftMap : public DriftMapBase {
  public:
   using Key = typename RecordLayout<Record>::Key;
 
-  /// A step of a walk: where it stands, and a copy of the record there.
+  /// Position of a walk, with a copy of the record there.
   struct Cursor {
     IterHint hint;
     Record record{};
@@ -56,13 +56,13 @@ class QUARNBASTIL_EXPORT DriftMap : public DriftMapBase {
 
   /// Number of records.
   virtual Format::Word driftMapSize() const = 0;
-  /// The record of the key, or a default record with `found` false. The reference holds until the
+  /// The key's record, or a default record with `found` false. The reference is valid until the
   /// next look-up in this map.
   virtual const Record& driftMapFind(const Key& key, bool& found, IterHint hint = 0) const = 0;
-  /// Puts the cursor on the first record; false if there is none.
+  /// Moves the cursor to the first record. False if there is none.
   virtual bool driftMapIterBegin(Cursor& cursor) const = 0;
-  /// Puts the cursor on the record behind the one of key `current`, which need not be there any
-  /// more; false at the end. A record that is there throughout a walk is met exactly once.
+  /// Moves the cursor to the record after `current`, whose record need not exist any more. False at
+  /// the end. A record that exists throughout a walk is visited exactly once.
   virtual bool driftMapIterNext(const Key& current, Cursor& cursor) const = 0;
 
  protected:
@@ -89,7 +89,7 @@ class QUARNBASTIL_EXPORT DriftMap : public DriftMapBase {
   mutable Record found_{};
 };
 
-/// A hashed collection, read.
+/// Reads a hashed collection.
 template <class Record>
 class QUARNBASTIL_EXPORT HashedMap final
     : public Fenrik::NodeClass<HashedMap<Record>, DriftMap<Record>> {
@@ -134,7 +134,7 @@ class QUARNBASTIL_EXPORT HashedMap final
   HashedView view_;
 };
 
-/// A dense collection, read; its records come in ascending order of version.
+/// Reads a dense collection, in ascending order of version.
 template <class Record>
 class QUARNBASTIL_EXPORT DenseMap final
     : public Fenrik::NodeClass<DenseMap<Record>, DriftMap<Record>> {

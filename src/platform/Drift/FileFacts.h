@@ -8,11 +8,11 @@
 #include "Drift/DriftError.h"
 #include "Drift/Format.h"
 
-/// What the sources of `DriftFile` share.
+/// Shared by the sources of `DriftFile`.
 namespace Drift {
 
-/// The bytes that a writer locks, from 0 on; behind them lie those of the readers' passes, one for
-/// each nanosecond.
+/// The writer locks the bytes from 0 up to here. Readers' passes lock bytes above, one per
+/// nanosecond.
 inline constexpr off_t kWriterBytes = off_t{1} << 62;
 
 inline struct flock lockOf(short type, off_t start, off_t size) {
@@ -41,7 +41,7 @@ inline MountStage stageOf(int error) {
   }
 }
 
-/// The room that the file system has, for messages.
+/// Free space of the file system in bytes, for messages.
 inline Format::Word roomOf(int fd) {
   struct statvfs facts {};
   return ::fstatvfs(fd, &facts) == 0 ? Format::Word{facts.f_bavail} * facts.f_frsize : 0;

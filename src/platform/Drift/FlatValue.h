@@ -5,10 +5,10 @@
 
 namespace Drift {
 
-/// Gives the flat type `Self` its comparison: padding and absent groups have no say.
+/// Adds comparison to the flat type `Self`, ignoring padding and absent groups.
 template <class Self>
 struct QUARNBASTIL_EXPORT FlatValue {
-  /// Whether two values of the type, given by address, are equal.
+  /// Whether two values, passed by address, are equal.
   static bool isEq(const void* a, const void* b) noexcept {
     return FlatLayout<Self>::same(*static_cast<const Self*>(a), *static_cast<const Self*>(b));
   }

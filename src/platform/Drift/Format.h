@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
-/// The layout of a collection's file. Plain facts: docs/shared-memory.md tells the same to a reader
-/// in another language, and the two must agree. All numbers are little-endian.
+/// The layout of a collection's file. docs/shared-memory.md describes it for readers in other
+/// languages; keep the two in agreement. All numbers are little-endian.
 ///
 ///     0        fixed header, then `ready`, then the mutable words, one cache line each
 ///     4096     hashed: index table 0, index table 1; dense: chunk table
@@ -16,9 +16,9 @@ using Word = std::uint64_t;
 /// "QBDRIFT1" as bytes in the file.
 inline constexpr Word kMagic = 0x3154464952444251;
 inline constexpr std::uint32_t kVersion = 2;
-/// Byte order and word size of the writer: reads differently on a machine that cannot share.
+/// Detects a different byte order or word size.
 inline constexpr Word kAbi = 0x0807060504030208;
-/// What `ready` holds once the file is whole ("QBREADY!").
+/// Value of `ready` once the file is complete ("QBREADY!").
 inline constexpr Word kReady = 0x2159444145524251;
 
 inline constexpr std::size_t kPageSize = 4096;
@@ -34,25 +34,25 @@ inline constexpr std::size_t kAttributeNameSize = 64;
 
 /// Written once, before `ready`.
 struct FixedHeader {
-  Word magic;
-  std::uint32_t formatVersion;
-  Layout layout;
-  Word abi;
-  std::uint32_t keySize;     ///< bytes of the key, which begins the record
-  std::uint32_t recordSize;  ///< bytes of the record
-  std::uint32_t slotStride;  ///< bytes from one slot to the next: seal word and padded record
-  std::uint32_t spare;
-  Word capacity;    ///< records that the collection may hold
-  Word slotCount;   ///< slots in the file; a power of two in a dense collection
-  Word indexWords;  ///< words of one index table or of the chunk table, a power of two
-  Word slotsOffset;
-  Word fileSize;
-  Word hashSeed;
-  std::uint8_t bootId[16];  ///< the boot in which the file was made
-  char typeName[kTypeNameSize];
-  char attributeName[kAttributeNameSize];
-  std::uint32_t spare2;
-  std::uint32_t checksum;  ///< CRC32C of everything before it
+  Word magic;                    ///< `kMagic`
+  std::uint32_t formatVersion;   ///< `kVersion`
+  Layout layout;                 ///< dense or hashed
+  Word abi;                      ///< `kAbi`
+  std::uint32_t keySize;         ///< bytes of the key, which is at the start of the record
+  std::uint32_t recordSize;      ///< bytes of the record
+  std::uint32_t slotStride;      ///< bytes from one slot to the next: seal word and padded record
+  std::uint32_t spare;           ///< 0
+  Word capacity;                 ///< maximum number of records
+  Word slotCount;                ///< slots in the file; a power of two in a dense collection
+  Word indexWords;               ///< words of one index table or of the chunk table, a power of two
+  Word slotsOffset;              ///< offset of the first slot; a multiple of the page size
+  Word fileSize;                 ///< bytes of the file
+  Word hashSeed;                 ///< start value of the key hash, random for each file
+  std::uint8_t bootId[16];       ///< boot id at the file's creation
+  char typeName[kTypeNameSize];  ///< type of the records
+  char attributeName[kAttributeNameSize];  ///< attribute that the collection stores
+  std::uint32_t spare2;                    ///< 0
+  std::uint32_t checksum;                  ///< CRC32C of everything before it
 };
 static_assert(sizeof(FixedHeader) == 304 && offsetof(FixedHeader, layout) == 12 &&
               offsetof(FixedHeader, keySize) == 24 && offsetof(FixedHeader, slotStride) == 32 &&
@@ -63,26 +63,27 @@ static_assert(sizeof(FixedHeader) == 304 && offsetof(FixedHeader, layout) == 12 
               offsetof(FixedHeader, attributeName) == 232 &&
               offsetof(FixedHeader, checksum) == 300);
 
-/// Offset of the word that says that the file is whole.
+/// Offset of the word that marks the file as complete.
 inline constexpr std::size_t kReadyOffset = 320;
 
-/// The mutable words, in the order of their lines. A line holds the value twice, each with a check
-/// word: value, check, value, check. The check's upper half is a running number, its lower half the
-/// CRC32C of running number, value and line; the first copy is always written first.
+/// The mutable words, in the order of their lines. A line holds the value twice, each copy followed
+/// by a check word: value, check, value, check. The upper half of the check is a running number,
+/// the lower half the CRC32C of running number, value and line. The first copy is always written
+/// first.
 enum class Line : std::uint32_t {
-  active = 0,      ///< hashed: bit 0 the index table in use, above it the number of switches
+  active = 0,      ///< hashed: bit 0 is the index table in use; above it the number of switches
   first = 1,       ///< dense: lowest version of the window
   next = 2,        ///< dense: version after the window
-  holes = 3,       ///< dense: versions within the window that are absent; bit 63: being changed
-  redirect = 4,    ///< dense: 1 plus the version whose record stands in the side slot, or 0
+  holes = 3,       ///< dense: absent versions within the window; bit 63: being changed
+  redirect = 4,    ///< dense: 1 plus the version whose record is in the side slot, or 0
   live0 = 5,       ///< hashed: records of index table 0
   live1 = 6,       ///< hashed: records of index table 1
-  reserved = 7,    ///< hashed: slots that have had memory behind them, a bound for readers
+  reserved = 7,    ///< hashed: number of slots that have had memory, an upper bound for readers
   scratchpad = 8,  ///< the owner's 64-bit value
-  wiped = 9,       ///< 1: what was here could not be used, and was rebuilt empty
-  writerGeneration = 10,  ///< how often a writer has mounted the file
-  announced = 11,         ///< dense: the version up to which a follower may go
-  writer = 12,            ///< process id of the last writer, for people
+  wiped = 9,       ///< 1: the previous content was unusable and was replaced by an empty collection
+  writerGeneration = 10,  ///< number of times that a writer has mounted the file
+  announced = 11,         ///< dense: the highest version that a follower may read
+  writer = 12,            ///< process id of the last writer, for diagnostics
 };
 inline constexpr std::size_t kLineCount = 13;
 inline constexpr std::size_t kLinesOffset = 384;
@@ -90,10 +91,11 @@ constexpr std::size_t lineOffset(Line line) {
   return kLinesOffset + static_cast<std::size_t>(line) * kLineSize;
 }
 
-/// A 32-bit number that moves with every ring of the bell; processes sleep on it (futex).
+/// A 32-bit number that changes with every ring; processes sleep on it (futex).
 inline constexpr std::size_t kDoorbellOffset = kLinesOffset + kLineCount * kLineSize;
-/// A 32-bit number that is 0 while the file's writer is awake, so that whoever rings a bell for it
-/// need not wake it. It is 1 until a writer says so, and for good in a file that was made anew.
+/// A 32-bit number: 0 while the file's writer is awake, so that a ring for it needs no wake-up
+/// call. It is 1 until a writer has announced that it is awake, and forever in a file that was
+/// replaced.
 inline constexpr std::size_t kSleepingOffset = kDoorbellOffset + kLineSize;
 static_assert(kSleepingOffset + kLineSize <= kHeaderSize);
 
@@ -102,7 +104,7 @@ static_assert(kSleepingOffset + kLineSize <= kHeaderSize);
 ///     bits  0..21  slot number plus 1; 0 in a tombstone
 ///          22..33  low bits of the record's running number
 ///          34..39  tag: bits 58..63 of the key's hash
-///          40..47  displacement: how far behind the key's home bucket the word stands
+///          40..47  displacement: distance from the key's home bucket
 ///          48..63  check: low half of the CRC32C of the six bytes below
 ///
 /// 0 is an empty bucket. The home bucket is the low bits of the key's hash.
@@ -114,27 +116,28 @@ static_assert(kSlotBits + kSequenceBits + kTagBits + kDisplacementBits == 48);
 inline constexpr std::size_t kMaxDisplacement = (1U << kDisplacementBits) - 1;
 inline constexpr Word kMaxSlots = (Word{1} << kSlotBits) - 2;
 
-/// Chunk word of a dense collection: the number of the chunk in the file plus 1, and above bit 32
-/// the CRC32C of that number, this value and the word's place in the table; 0 while the versions
+/// Chunk word of a dense collection: the chunk's number in the file plus 1; in the upper half the
+/// CRC32C of that number, this value and the word's position in the table. 0 while the versions
 /// have no chunk.
 inline constexpr Word kChunkMark = 0x4b4e554843;
 
-/// Slots above the capacity of a hashed collection: a replaced record's slot rests this long before
-/// it is used again, so that a reader that is copying it finishes undisturbed.
+/// Slots in excess of a hashed collection's capacity. A replaced record's slot is not reused before
+/// this many others, so that a reader copying it can finish.
 inline constexpr Word kRestingSlots = 64;
 
-/// The seal, first word of a slot: CRC32C in the upper half over the lower half and the padded
-/// record; the lower half is the record's running number (hashed) or the low half of its version
-/// (dense). An absent version within a dense window has this value added to its CRC's input.
+/// The seal, the first word of a slot: in the upper half the CRC32C over the lower half and the
+/// padded record; in the lower half the record's running number (hashed) or the low half of its
+/// version (dense). For an absent version within a dense window the CRC's input also contains this
+/// mark.
 inline constexpr std::size_t kSealSize = 8;
 
 constexpr std::size_t paddedSize(std::size_t size) { return (size + 7) / 8 * 8; }
 
-/// Memory behind slots is reserved and given back in pieces of this size at most: large enough that
-/// the system call vanishes among the records of a piece (1,024 of the largest), small enough that
-/// an idle table holds little.
+/// Memory for slots is reserved and freed in pieces of at most this size: large enough for the cost
+/// of the system call to disappear among the piece's records (1,024 of the largest), small enough
+/// for an idle table to hold little memory.
 #ifdef QUARNBASTIL_CHUNK_SIZE
-/// The kill tests' own: their short rings have several chunks.
+/// Set by the kill tests, so that their short rings have several chunks.
 inline constexpr std::size_t kChunkSize = QUARNBASTIL_CHUNK_SIZE;
 #else
 inline constexpr std::size_t kChunkSize = 1 << 20;

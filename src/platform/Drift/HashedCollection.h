@@ -12,31 +12,31 @@
 
 namespace Drift {
 
-/// A key's bytes as they stand in the file, padded with zeros to whole words.
+/// A key's bytes as stored in the file, zero-padded to whole words.
 using KeyWords = std::span<const Word>;
-/// Room for a record's bytes, whole words.
+/// Buffer for a record, in whole words.
 using RecordWords = std::span<Word>;
 
-/// The hash of a key in a collection with this seed. Home bucket: the low bits; tag: the top ones.
+/// Hash of a key, given the collection's seed. Low bits: home bucket; top bits: tag.
 QUARNBASTIL_EXPORT Word hashKey(KeyWords key, Word seed) noexcept;
 
-/// Where a walk stands: behind the record with this home bucket and key.
+/// Position of a walk: after the record with this home bucket and the key passed along.
 struct WalkPosition {
-  Word bucket = 0;
-  bool started = false;
+  Word bucket = 0;       ///< home bucket of the record
+  bool started = false;  ///< false before the first record
 };
 
 /// Reads a hashed collection: index words over copy-on-write slots.
 ///
-/// Process and thread: any number of readers in any process beside the one writer; a view belongs
-/// to one thread.
+/// Process and thread: any number of readers, in any process, alongside the single writer. A view
+/// belongs to one thread.
 ///
-/// I1. A read gives a record that was committed at some instant of the call, whole, or says that
-///     there was none.
-/// I2. Bytes that cannot be what a writer stored end in `Fenrik::CorruptionDetectedException`,
-///     which names path and place; never in a crash, an endless loop or a wrong record.
-/// I3. A walk visits each record that is there throughout exactly once, in the order of home bucket
-///     and key (bytes compared as little-endian words, first word first).
+/// I1. A read returns a complete record that was committed at some instant during the call, or
+///     reports that there was none.
+/// I2. Bytes that no writer can have stored cause `Fenrik::CorruptionDetectedException`, which
+///     gives path and position; never a crash, an endless loop or a wrong record.
+/// I3. A walk visits each record that exists throughout exactly once, ordered by home bucket and
+///     key (keys compared as little-endian words, first word first).
 class QUARNBASTIL_EXPORT HashedView {
  public:
   explicit HashedView(const DriftFile& file);
@@ -46,18 +46,18 @@ class QUARNBASTIL_EXPORT HashedView {
 
   Word size() const;
 
-  /// Copies the record of the key; false if there is none.
+  /// Copies the key's record. False if there is none.
   bool find(KeyWords key, RecordWords out) const;
 
-  /// Copies the first record behind `position`, which is the beginning or behind the record whose
-  /// key is `after`, and moves the position to it; false at the end. The record `after` need not be
-  /// there any more.
+  /// Copies the first record after `position` and advances the position to it. The position is
+  /// either the start or after the record with key `after`, which need not exist any more. False at
+  /// the end.
   bool next(WalkPosition& position, KeyWords after, RecordWords out) const;
 
-  /// The position behind a key, known or not.
+  /// The position after a key, whether or not it exists.
   WalkPosition positionOf(KeyWords key) const noexcept;
 
-  /// Says that no look-up may follow for long, so that the writer can give memory back.
+  /// Call when no look-up may follow for some time, so that the writer can free memory.
   void rest() const noexcept { pass_.drop(); }
 
  private:
@@ -66,7 +66,7 @@ class QUARNBASTIL_EXPORT HashedView {
   enum class Slot { whole, torn };
   using KeyRoom = std::array<Word, Format::kMaxKeySize / sizeof(Word)>;
 
-  /// The key with which a record begins. The record may go on within the key's last word.
+  /// The key at the start of a record. The record may continue within the key's last word.
   KeyWords keyOf(const Word* record, KeyRoom& room) const noexcept;
   const Word* table(Word active) const noexcept;
   const Word* slotWords(Word slot) const noexcept;
@@ -83,27 +83,27 @@ class QUARNBASTIL_EXPORT HashedView {
   const DriftFile* file_;
   mutable ReaderPass pass_;
   Word keyWords_;
-  Word lastKeyMask_;  ///< of the key's last word, the bytes that are the key's
+  Word lastKeyMask_;  ///< mask of the key's bytes within its last word
   Word recordWords_;
   Word mask_;
   CheckedWord activeWord_;
   CheckedWord reservedWord_;
-  /// Records of the walk's bucket that are compared.
+  /// Buffer for records compared during a walk's step.
   mutable std::vector<Word> candidate_;
 };
 
-/// Writes a hashed collection. At every instant each key has its old record or its new one, for
-/// readers and for the process that takes over after this one's death.
+/// Writes a hashed collection. At every instant readers, and the process that takes over after a
+/// crash of this one, find a key's old record or its new one.
 class QUARNBASTIL_EXPORT HashedWriter {
  public:
-  /// Takes the collection over: builds the free list from the index, drops index words that cannot
-  /// be, gives unused memory back. Costs time in the number of live records and index words.
+  /// Takes the collection over: builds the free list from the index, drops invalid index words,
+  /// frees unused memory. Cost: linear in live records and index words.
   explicit HashedWriter(DriftFile& file);
 
   const HashedView& view() const noexcept { return view_; }
 
-  /// The outcome of one search of the index: where a key's record is, or where it would go. Holds
-  /// until the writer's next change or look-up.
+  /// Result of one search of the index: the bucket of a key's record, or the one where it would be
+  /// inserted. Valid until the writer's next change or look-up.
   class Place {
    public:
     bool found() const noexcept { return seen_ != 0; }
@@ -118,57 +118,56 @@ class QUARNBASTIL_EXPORT HashedWriter {
     Word lookup_ = 0;
   };
 
-  /// Looks a key up, to read its record and to replace or remove it without another search. What is
-  /// damaged on the way is dropped.
+  /// Looks a key up, so that its record can be read, replaced or removed without another search.
+  /// Drops damaged index words on the way.
   Place lookUp(KeyWords key);
-  /// The record at a place, in shared memory; holds until the writer's next change. What this
-  /// process wrote, or has proved once, is not proved again. Throws
+  /// The record at a place, in shared memory. Valid until the writer's next change. The checksum is
+  /// verified once, and not for records that this process wrote. Throws
   /// `Fenrik::CorruptionDetectedException`. REQUIRES: found.
   const Word* record(const Place& place);
-  /// Copies the record of the key; false if there is none. Throws as `record` does.
+  /// Copies the key's record. False if there is none. Throws as `record` does.
   bool findRecord(KeyWords key, RecordWords out);
 
-  /// Inserts the record at its key's place, or replaces the one that is there. Throws
-  /// `CollectionFullException` or `NoSpaceException` with nothing changed. REQUIRES: the pieces
-  /// begin with the key that was looked up, in canonical form, and end within the record.
+  /// Inserts the record, or replaces the one with the same key. Throws `CollectionFullException` or
+  /// `NoSpaceException`; nothing has changed then. REQUIRES: the pieces begin with the looked-up
+  /// key in canonical form and end within the record.
   void set(const Place& place, Pieces pieces);
-  /// As above, with a search of its own; true if it replaced a record.
+  /// As above, including the look-up. Returns whether a record was replaced.
   bool set(KeyWords key, Pieces pieces);
   void set(std::span<const Word> record);
-  /// Sees to it that a record of the key can be stored: what `set` would throw is thrown here, with
-  /// nothing changed that a reader could see.
+  /// Ensures that a record with this key can be stored. Throws what `set` would throw; nothing
+  /// visible to readers has changed then.
   void makeRoom(KeyWords key);
-  /// As above; returns the place at which it can be stored.
+  /// As above. Returns the place for the record.
   Place placeFor(KeyWords key);
-  /// Whether a place still holds: nothing was changed or looked up since.
+  /// Whether the place is still valid: no change or look-up has happened since.
   bool holds(const Place& place) const noexcept { return place.lookup_ == lookups_; }
-  /// Sees to it that so many records of new keys can be inserted, and so many replaced, before
-  /// anything else is changed. Throws `CollectionFullException`, which says what was asked for and
-  /// what is left, or `NoSpaceException`, with nothing changed that a reader could see. Only
-  /// whether a bucket is free near a given key's home is not known before; there are twice as many
-  /// buckets as records.
+  /// Ensures that so many records with new keys can be inserted, and so many replaced, before any
+  /// other change. Throws `CollectionFullException`, which gives the request and the room left, or
+  /// `NoSpaceException`; nothing visible to readers has changed then. It does not guarantee a free
+  /// bucket near a given key's home; there are twice as many buckets as records.
   void makeRoom(Word inserts, Word replacements);
 
-  /// Whether a further key has no room.
+  /// Whether there is no room for a further key.
   bool full() const noexcept { return live() >= file_.header().capacity; }
 
-  /// Fetches what `set` of the key will touch into the processor's cache: its index word, and with
-  /// `near`, once that is there, the record to which it leads.
+  /// Prefetches what `set` of the key will touch: its index word; with `near`, once that has
+  /// arrived, the record that it refers to.
   void prefetch(KeyWords key, bool near) const noexcept;
-  /// Fetches the slot that the change after `ahead` others will write. Exact for a run of
-  /// replacements; a guess otherwise.
+  /// Prefetches the slot that will be written by the change `ahead` changes from now. Exact for a
+  /// series of replacements, otherwise a guess.
   void prefetchSlot(std::size_t ahead) const noexcept;
 
   /// Removes the record at a place. REQUIRES: found.
   void remove(const Place& place);
-  /// Removes the key's record; false if there was none.
+  /// Removes the key's record. False if there is none.
   bool remove(KeyWords key);
-  /// Removes everything in one step. Throws `NoSpaceException` with nothing changed.
+  /// Removes all records in one step. Throws `NoSpaceException`; nothing has changed then.
   void removeAll();
 
-  /// Copies of the live records that `wanted(const std::byte* record)` accepts, damaged ones left
-  /// out. Much quicker than a walk where few are accepted: `wanted` sees the slots as they are,
-  /// records that have gone among them, and what it accepts is proved by a look-up.
+  /// Copies of the live, undamaged records that `wanted(const std::byte* record)` accepts. Much
+  /// faster than a walk if few are accepted: `wanted` is first applied to all slots, including
+  /// those of removed records, and accepted ones are verified by a look-up.
   template <class Wanted>
   std::vector<std::vector<Word>> recordsWhere(Wanted wanted) {
     std::vector<std::vector<Word>> records;
@@ -182,16 +181,17 @@ class QUARNBASTIL_EXPORT HashedWriter {
     }
     return records;
   }
-  /// The live records that hold a number above `version` in the eight bytes from `offset` on, in
-  /// ascending order of it.
+  /// The live records whose eight-byte number at `offset` is above `version`, in ascending order of
+  /// that number.
   std::vector<std::vector<Word>> beyond(std::size_t offset, Word version);
 
-  /// Puts back header words that were damaged since this process took the collection over. Happens
-  /// by itself at every 256th removal or demand for room; to be called where a reader met damage.
+  /// Repairs header words that were damaged after this process took the collection over. Runs
+  /// automatically at every 256th removal or request for room; call it when a reader has met
+  /// damage.
   void restoreHeader() noexcept;
 
-  /// Index words that were dropped because they or their records were found damaged, at the
-  /// takeover or later; each may be a record that is lost.
+  /// Number of index words dropped because they or their records were damaged. Each may be a lost
+  /// record.
   Word dropped() const noexcept { return dropped_; }
 
  private:
@@ -231,17 +231,17 @@ class QUARNBASTIL_EXPORT HashedWriter {
   Word lookups_ = 0;
   Word changes_ = 0;
   std::vector<Word> scratch_;
-  /// By slot: this process wrote what is in it, or has proved it.
+  /// By slot: whether this process wrote or verified its content.
   std::vector<bool> trusted_;
-  /// Slots with memory behind them that nobody uses, last in first out: the warmest one next.
+  /// Unused slots with memory, used last in, first out, so that the next one is likely cached.
   std::vector<std::uint32_t> free_;
-  /// Slots whose record was replaced lately: a ring of `kRestingSlots`.
+  /// Slots of recently replaced records: a ring of `kRestingSlots`.
   std::vector<std::uint32_t> resting_;
   std::size_t restingHead_ = 0;
   std::size_t restingCount_ = 0;
   Word nextFresh_ = 0;
-  /// The moment from which on nothing led behind `nextFresh_`; 0: nothing there has memory to
-  /// spare.
+  /// Time from which on nothing referred to slots from `nextFresh_` on, while they may have memory
+  /// to free; otherwise 0.
   Word surplusSince_ = 0;
 };
 

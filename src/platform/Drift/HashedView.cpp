@@ -8,8 +8,8 @@ namespace Drift {
 
 namespace {
 
-/// A reader that meets this many changes in one read has met something else: a writer needs some
-/// hundred nanoseconds a change, a read less than one of them.
+/// A reader that meets so many changes in one read has met damage: a change takes the writer some
+/// hundred nanoseconds, a read less than that.
 constexpr int kAttempts = 10000;
 
 enum Outcome : int { kAbsent, kFound, kAgain };
@@ -103,15 +103,15 @@ HashedView::Slot HashedView::copySlot(const IndexWord& word, RecordWords out) co
   return Seal::sealWord(crc, Seal::lowOf(seal)) == seal ? Slot::whole : Slot::torn;
 }
 
-/// Whether the record is one that the index word at this bucket may lead to.
+/// Whether the record can belong to this index word in this bucket.
 bool HashedView::belongs(const IndexWord& word, Word bucket, RecordWords record) const noexcept {
   KeyRoom room{};
   const Word hash = hashKey(keyOf(record.data(), room), file_->header().hashSeed);
   return word.tag == IndexWord::tagOf(hash) && ((hash + word.displacement) & mask_) == bucket;
 }
 
-/// Copies the record to which the bucket's word `seen` leads. `torn` means that the bucket has
-/// changed since; a bucket that has not, over a record that is not whole, is damage.
+/// Copies the record that the index word `seen` of the bucket refers to. `torn`: the bucket has
+/// changed meanwhile. Throws if the bucket is unchanged and the record is not intact.
 HashedView::Slot HashedView::readSlot(const Word* bucket, Word seen, RecordWords out,
                                       Word reserved) const {
   const IndexWord word = IndexWord::from(seen);
@@ -125,11 +125,12 @@ HashedView::Slot HashedView::readSlot(const Word* bucket, Word seen, RecordWords
   }
   if (loadWord(bucket) != seen) return Slot::torn;
   if (!inside) {
-    // The bound may have moved before the word was published and after we read it.
+    // The bound may have been raised after we read it, before the word was published.
     if (word.slot < this->reserved()) return Slot::torn;
     corrupt("an index word leads behind the last slot", "bucket", position);
   }
-  // The same word may have come back over another record; a second look at rest decides.
+  // The same word may have reappeared for another record; reading again with an unchanged word
+  // decides.
   if (copySlot(word, out) == Slot::whole || loadWord(bucket) != seen) return Slot::torn;
   corrupt("a record does not prove itself", "slot", word.slot);
 }
@@ -176,8 +177,8 @@ WalkPosition HashedView::positionOf(KeyWords key) const noexcept {
   return {hashKey(key, file_->header().hashSeed) & mask_, true};
 }
 
-/// Finds, among the records whose home is `home`, the one with the smallest key behind `after`
-/// (null: the smallest of all).
+/// Finds the record with the smallest key after `after` (null: the smallest key) among the records
+/// whose home bucket is `home`.
 int HashedView::nextInBucket(Word active, Word home, const KeyWords* after, RecordWords out) const {
   const Word* const words = table(active);
   bool found = false;
@@ -208,7 +209,7 @@ int HashedView::nextInBucket(Word active, Word home, const KeyWords* after, Reco
 
 bool HashedView::next(WalkPosition& position, KeyWords after, RecordWords out) const {
   pass_.show();
-  // The caller may give the key within `out`, which is overwritten.
+  // `after` may point into `out`, which is overwritten.
   KeyRoom copy;
   std::ranges::copy(after, copy.begin());
   const KeyWords key(copy.data(), after.size());
@@ -219,16 +220,16 @@ bool HashedView::next(WalkPosition& position, KeyWords after, RecordWords out) c
     if (position.started) outcome = nextInBucket(before, bucket++, &key, out);
     const Word* const words = table(before);
     for (; outcome == kAbsent && bucket <= mask_; ++bucket) {
-      // Most buckets are empty: then no record is at home there.
+      // Most buckets are empty; an empty bucket is no record's home.
       if (loadWord(words + bucket) == IndexWord::kEmpty) continue;
       outcome = nextInBucket(before, bucket, nullptr, out);
     }
-    // Buckets that were passed count only if they belonged to the index in use until now.
+    // The buckets passed are valid only if the index table has not been switched meanwhile.
     if (outcome == kAgain || active() != before) continue;
     if (outcome == kFound) {
       position = {bucket - 1, true};
     } else {
-      // After a walk a reader often needs the collection no more.
+      // After a complete walk, readers often do not use the collection for some time.
       pass_.drop();
     }
     return outcome == kFound;

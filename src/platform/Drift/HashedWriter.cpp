@@ -11,8 +11,8 @@ namespace Drift {
 
 namespace {
 
-/// Changes after which surplus memory and the header are looked at again: a system call and a few
-/// cache lines vanish among them.
+/// Changes between two checks for surplus memory and header damage: enough to make the cost of a
+/// system call and a few cache lines negligible.
 constexpr std::size_t kCareEach = 256;
 
 }  // namespace
@@ -25,8 +25,8 @@ HashedWriter::HashedWriter(DriftFile& file)
       live_{CheckedWordWriter(file.data(), Format::Line::live0),
             CheckedWordWriter(file.data(), Format::Line::live1)},
       reserved_(file.data(), Format::Line::reserved),
-      // Each writer counts from a place of its own, so that a reader that outlived the last one
-      // does not take a new record for the one that it was reading.
+      // Each writer starts its numbers at a different value, so that a reader that outlived the
+      // last writer does not mistake a new record for the one that it was reading.
       runningNumber_(static_cast<std::uint32_t>(
           CheckedWord(file.data(), Format::Line::writerGeneration).load().value_or(0) *
           0x9e3779b1)),
@@ -54,7 +54,7 @@ void HashedWriter::takeOver() {
   Word* const end = table(activeTable()) + mask_ + 1;
   const Word step = std::min<Word>(Format::kLineSize / sizeof(Word), mask_ + 1);
   for (Word* line = end - mask_ - 1; line != end; line += step) {
-    // As a rule a whole line of the index is empty.
+    // Most lines of the index are completely empty.
     if (std::reduce(line, line + step, IndexWord::kEmpty, std::bit_or()) == IndexWord::kEmpty) {
       continue;
     }
@@ -66,8 +66,8 @@ void HashedWriter::takeOver() {
   fillFreeList(used);
 }
 
-/// Notes the slot of an index word that was found, and whether it has one; a word that cannot be is
-/// dropped.
+/// Takes an index word over, marking its slot as used. Returns false for a tombstone and for an
+/// invalid word, which it drops.
 bool HashedWriter::adoptWord(Word* bucket, std::vector<bool>& used) {
   const Word seen = loadWord(bucket);
   if (IndexWord::intact(seen)) {
@@ -87,8 +87,8 @@ bool HashedWriter::adoptWord(Word* bucket, std::vector<bool>& used) {
   return false;
 }
 
-/// Free slots are handed out from the lowest up, which keeps the used ones together; memory behind
-/// whole chunks of unused slots goes back.
+/// Free slots are used from the lowest up, which keeps used slots together. Memory of whole chunks
+/// of unused slots is freed.
 void HashedWriter::fillFreeList(const std::vector<bool>& used) {
   const Word bound = std::min(reserved_.value(), file_.header().slotCount);
   Word last = 0;
@@ -96,7 +96,7 @@ void HashedWriter::fillFreeList(const std::vector<bool>& used) {
     if (used[slot]) last = slot + 1;
   }
   nextFresh_ = last;
-  // No later operation needs the heap.
+  // Reserved, so that no later operation allocates.
   free_.reserve(file_.header().slotCount);
   for (Word slot = last; slot-- > 0;) {
     if (!used[slot]) free_.push_back(static_cast<std::uint32_t>(slot));
@@ -105,18 +105,18 @@ void HashedWriter::fillFreeList(const std::vector<bool>& used) {
   trim();
 }
 
-/// Gives back what lies behind the slots that were handed out, once no reader can be in it.
+/// Frees the memory after the last slot in use, once no reader can be reading it.
 void HashedWriter::trim() noexcept {
   if (surplusSince_ == 0 || !file_.leftSince(surplusSince_)) return;
   surplusSince_ = 0;
   const Word from = file_.header().slotsOffset + nextFresh_ * file_.header().slotStride;
   const Word begin = (from + Format::kPageSize - 1) / Format::kPageSize * Format::kPageSize;
-  // The bound first: what lies below it has memory, whenever this process ends.
+  // Stores the bound first, so that everything below it has memory even if this process dies here.
   if (!file_.options().reserveAll) reserved_.set(nextFresh_);
   file_.giveBack(begin, file_.header().fileSize - begin);
 }
 
-/// Where the key's index word is, or the first bucket that could take it.
+/// Finds the key's index word, or the first bucket where it can be inserted.
 HashedWriter::Place HashedWriter::locate(KeyWords key, Word hash) {
   const Word* const words = table(activeTable());
   const Word tag = IndexWord::tagOf(hash);
@@ -145,11 +145,12 @@ HashedWriter::Place HashedWriter::locate(KeyWords key, Word hash) {
         place.seen_ = seen;
         break;
       }
-      // Equal tags are rare enough to look even at what this process wrote: its own words may
-      // have been damaged since.
+      // Equal tags are rare enough to verify even records written by this process, which may have
+      // been damaged since.
       if (proves(bucket, word)) continue;
     }
-    // It may have been this key's: with it in the way the key could never be read again.
+    // The damaged word may have been this key's; left in place, it would make the key unreadable
+    // forever.
     drop(bucket);
     return locate(key, hash);
   }
@@ -180,14 +181,14 @@ bool HashedWriter::findRecord(KeyWords key, RecordWords out) {
   return place.found();
 }
 
-/// Whether the record of an index word is whole and belongs there.
+/// Whether the index word's record is intact and belongs to this bucket.
 bool HashedWriter::proves(Word bucket, const IndexWord& word) {
   return view_.copySlot(word, scratch_) == HashedView::Slot::whole &&
          view_.belongs(word, bucket, scratch_);
 }
 
-/// Gives up an index word that does not prove itself or whose record does not. Its slot is free
-/// again after the next takeover, which is the one to know that no other word leads there.
+/// Drops an index word that is damaged or whose record is. Its slot becomes free at the next
+/// takeover, which verifies that no other word refers to it.
 void HashedWriter::drop(Word bucket) {
   ++lookups_;
   Word* const words = table(activeTable());
@@ -202,10 +203,10 @@ void HashedWriter::drop(Word bucket) {
   live_[activeTable()].set(count);
 }
 
-/// The place of a key that is absent, once there is room for its record.
+/// The place of an absent key, after making room for its record.
 HashedWriter::Place HashedWriter::vacancy(Place place) {
   if (live() >= file_.header().capacity) full("its limit");
-  // A quarter of the buckets in tombstones makes searches long; live ones fill half at most.
+  // Tombstones in a quarter of the buckets make searches long; live words fill at most half.
   if (tombstones_ > (mask_ + 1) / 4) {
     switchTable(true);
     const Word* const words = table(activeTable());
@@ -230,7 +231,7 @@ void HashedWriter::checkRoom(Word inserts, Word replacements) const {
       file_.path(), inserts, live(), capacity, slots));
 }
 
-/// Memory for so many slots beyond those that rest, or, if there are not so many, for all.
+/// Ensures memory for so many slots in addition to the resting ones, or for all slots.
 void HashedWriter::reserveSlots(Word count) {
   const Word ready = free_.size() + (reserved_.value() - nextFresh_);
   if (count <= ready || reserved_.value() >= file_.header().slotCount) return;
@@ -258,11 +259,12 @@ void HashedWriter::makeRoom(Word inserts, Word replacements) {
   care();
   checkRoom(inserts, replacements);
   if (inserts != 0 && tombstones_ > (mask_ + 1) / 4) switchTable(true);
-  // Each replacement after the first that finds the ring of resting slots full gets one from there.
+  // Only the first replacements need fresh slots; once the ring of resting slots is full, each
+  // replacement frees one.
   reserveSlots(inserts + std::min(replacements, Format::kRestingSlots + 1));
 }
 
-/// Takes a slot with memory behind it off its list.
+/// Takes a slot with memory from the free list.
 Word HashedWriter::takeSlot() {
   if (!free_.empty()) {
     const Word slot = free_.back();
@@ -273,7 +275,7 @@ Word HashedWriter::takeSlot() {
     reserveSlots(1);
     return nextFresh_++;
   }
-  // Everything else is in use: the slot that has rested longest.
+  // All other slots are in use: takes the one that has rested longest.
   for (std::size_t i = 0; i < resting_.size(); ++i) {
     std::uint32_t& slot = resting_[(restingHead_ + i) % resting_.size()];
     if (slot == UINT32_MAX) continue;
@@ -283,7 +285,7 @@ Word HashedWriter::takeSlot() {
   full("and no slot is left");
 }
 
-/// Lets a slot rest whose record has just been replaced or removed.
+/// Puts the slot of a replaced or removed record into the resting ring.
 void HashedWriter::rest(Word slot) {
   std::uint32_t& place = resting_[restingHead_++ % resting_.size()];
   if (place != UINT32_MAX) {
@@ -294,7 +296,7 @@ void HashedWriter::rest(Word slot) {
   place = static_cast<std::uint32_t>(slot);
 }
 
-/// Not called by `set`: memory that was promised stays.
+/// Not called by `set`, since it could free memory that `makeRoom` has promised.
 void HashedWriter::care() noexcept {
   if (++changes_ % kCareEach != 0) return;
   trim();
@@ -362,7 +364,7 @@ void HashedWriter::prefetch(KeyWords key, bool near) const noexcept {
 
 void HashedWriter::prefetchSlot(std::size_t ahead) const noexcept {
   Word slot = UINT32_MAX;
-  // A replacement lets the slot that has rested longest go, which the next change takes.
+  // Each replacement frees the slot that has rested longest; the next change uses it.
   if (ahead > 0) slot = resting_[(restingHead_ + ahead - 1) % resting_.size()];
   if (slot == UINT32_MAX) {
     if (ahead < free_.size()) {
@@ -416,7 +418,8 @@ bool HashedWriter::remove(KeyWords key) {
   return place.found();
 }
 
-/// A tombstone before an empty bucket has nothing behind it to lead to: it may become empty too.
+/// Turns tombstones in front of an empty bucket into empty buckets: no search needs to continue
+/// past them.
 void HashedWriter::sweepTombstones(Word bucket) {
   Word* const words = table(activeTable());
   if (loadWord(words + ((bucket + 1) & mask_)) != IndexWord::kEmpty) return;
@@ -427,8 +430,7 @@ void HashedWriter::sweepTombstones(Word bucket) {
   }
 }
 
-/// Empties an index table that is not in use any more, and gives its memory back if no reader can
-/// be in it.
+/// Empties the unused index table, freeing its memory if no reader can be reading it.
 void HashedWriter::emptyTable(Word which) noexcept {
   const Word size = (mask_ + 1) * sizeof(Word);
   const Word offset = Format::kHeaderSize + which * size;
@@ -439,7 +441,8 @@ void HashedWriter::emptyTable(Word which) noexcept {
   std::array<Word, Format::kPageSize / sizeof(Word)> page;
   const Word step = std::min<Word>(page.size(), mask_ + 1);
   for (Word begin = 0; begin <= mask_; begin += step) {
-    // A hole must stay one: the file system may have no page for it.
+    // Reading by system call leaves holes as they are: a full file system may have no page for
+    // them.
     if (!file_.read(offset + begin * sizeof(Word), page.data(), step * sizeof(Word))) page.fill(1);
     for (Word i = 0; i < step; ++i) {
       if (page[i] != 0) storeWord(table(which) + begin + i, 0);
@@ -447,8 +450,8 @@ void HashedWriter::emptyTable(Word which) noexcept {
   }
 }
 
-/// Changes to the other index table by one store: with the live words, which rids it of tombstones,
-/// or without them, which removes everything.
+/// Switches to the other index table by one store: with `keep`, copies the live words, which
+/// eliminates tombstones; otherwise removes all records.
 void HashedWriter::switchTable(bool keep) {
   ++lookups_;
   const Word from = activeTable();
@@ -466,7 +469,7 @@ void HashedWriter::switchTable(bool keep) {
     }
     IndexWord word = IndexWord::from(seen);
     const Word home = position - word.displacement;
-    // Bounded: as many words as there are buckets at most come over.
+    // Terminates, because at most as many words as there are buckets are copied.
     for (word.displacement = 0; loadWord(target + ((home + word.displacement) & mask_)) != 0;) {
       ++word.displacement;
     }
@@ -489,7 +492,7 @@ void HashedWriter::removeAll() {
   free_.clear();
   std::ranges::fill(resting_, UINT32_MAX);
   restingCount_ = 0;
-  // The slots begin again from the lowest.
+  // Slots are used from the lowest up again.
   fillFreeList(std::vector<bool>(file_.header().slotCount));
 }
 

@@ -47,11 +47,11 @@ namespace {
 
 Word roundUp(Word value, Word step) { return (value + step - 1) / step * step; }
 
-/// A dense ring has room above its capacity for writers that do not ask first: at least a 64th of
-/// it, up to the next power of two.
+/// A dense ring exceeds its capacity by at least a 64th, rounded up to a power of two, for writers
+/// that do not check for room first.
 Word denseSlots(Word capacity) { return std::bit_ceil(capacity + capacity / 64 + 1); }
 
-/// No record of the system comes near; bounds what a foreign header can ask for.
+/// Above any record of the system; limits what a foreign header can request.
 constexpr std::uint32_t kMaxRecordSize = 1 << 16;
 
 template <std::size_t size>
@@ -89,13 +89,13 @@ Format::FixedHeader headerOf(const Geometry& geometry) {
   if (dense) {
     header.indexWords = header.slotCount / slotsPerChunk(header);
   } else {
-    // Half full at most: a search ends after 1.5 buckets in the mean (Knuth, vol. 3, 6.4).
+    // At most half full: a search takes 1.5 buckets on average (Knuth, vol. 3, 6.4).
     header.indexWords = std::bit_ceil(2 * geometry.capacity);
   }
   const Word tables = dense ? 1 : 2;
   header.slotsOffset =
       roundUp(Format::kHeaderSize + tables * header.indexWords * sizeof(Word), Format::kPageSize);
-  // A dense collection has one more slot: the side slot.
+  // A dense collection has an additional slot, the side slot.
   const Word slots = dense ? header.indexWords * chunkBytes(header) + header.slotStride
                            : header.slotCount * header.slotStride;
   header.fileSize = roundUp(header.slotsOffset + slots, Format::kPageSize);

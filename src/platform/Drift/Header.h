@@ -11,43 +11,43 @@
 
 namespace Drift {
 
-/// Bound of the declared capacity: twice as many buckets must be numbered.
+/// Limit of the declared capacity: twice as many buckets must be addressable.
 inline constexpr Word kMaxCapacity = Format::kMaxSlots / 2 - 1;
 
-/// What a collection is made of, as its user states it.
+/// The shape of a collection, as declared by its user.
 struct Geometry {
   Format::Layout layout = Format::Layout::hashed;
-  std::uint32_t keySize = 0;     ///< bytes; the key begins the record
+  std::uint32_t keySize = 0;     ///< bytes; the key is at the start of the record
   std::uint32_t recordSize = 0;  ///< bytes
-  Word capacity = 0;             ///< records
+  Word capacity = 0;             ///< maximum number of records
   std::string_view typeName;
   std::string_view attributeName;
 };
 
-/// The fixed header that a collection of this geometry has, without seed, boot id and checksum.
-/// REQUIRES: names and sizes within the bounds of the format.
+/// The fixed header for this geometry, without seed, boot id and checksum. REQUIRES: names and
+/// sizes are within the limits of the format.
 QUARNBASTIL_EXPORT Format::FixedHeader headerOf(const Geometry& geometry);
 
-/// The geometry that a header states; empty if its sizes are out of bounds. The names refer to the
-/// header's own.
+/// The geometry declared by a header, or nullopt if its sizes are out of range. The names point
+/// into the header.
 QUARNBASTIL_EXPORT std::optional<Geometry> geometryOf(const Format::FixedHeader& header);
 
-/// Slots of a dense collection that lie side by side, a power of two, and the bytes that they take.
+/// Slots per chunk of a dense collection, a power of two, and the chunk's size in bytes.
 QUARNBASTIL_EXPORT Word slotsPerChunk(const Format::FixedHeader& header) noexcept;
 QUARNBASTIL_EXPORT Word chunkBytes(const Format::FixedHeader& header) noexcept;
 
-/// Completes a header: its checksum.
+/// Checksum that completes a header.
 QUARNBASTIL_EXPORT std::uint32_t headerChecksum(const Format::FixedHeader& header) noexcept;
 
-/// Empty if `found` is a whole header of the format; otherwise what is wrong with it.
+/// Empty if `found` is a valid header; otherwise the fault.
 QUARNBASTIL_EXPORT Fenrik::String headerFault(const Format::FixedHeader& found, Word fileSize);
 
-/// Empty if `found` describes the collection `expected`; otherwise the first difference.
+/// Empty if `found` matches `expected`; otherwise the first difference.
 QUARNBASTIL_EXPORT Fenrik::String headerDifference(const Format::FixedHeader& found,
                                                    const Format::FixedHeader& expected);
 
-/// A mutable word of the header as seen by a reader. It stands in the file twice, with checks, and
-/// one of the two copies is whole at every instant (Format.h says how).
+/// Reads a mutable word of the header. The file holds it twice with checks, and at least one copy
+/// is valid at every instant (see Format.h).
 ///
 /// Writer: the one writing process. Readers: any process.
 class CheckedWord {
@@ -56,7 +56,7 @@ class CheckedWord {
       : words_(reinterpret_cast<const Word*>(base + Format::lineOffset(line))),
         line_(static_cast<Word>(line)) {}
 
-  /// The value; empty if both copies are damaged.
+  /// The value, or nullopt if both copies are damaged.
   std::optional<Word> load() const noexcept {
     const Word firstCheck = loadWord(words_ + 1);
     const Word firstValue = loadWord(words_);
@@ -77,10 +77,10 @@ class CheckedWord {
     return {};
   }
 
-  /// Moves with every change: what was read between two equal stamps belongs together.
+  /// Changes whenever the word is written: reads between two equal stamps are consistent.
   Word stamp() const noexcept { return loadWord(words_ + 1); }
 
-  /// The running number of the copy that `load` would take; 0 if both are damaged.
+  /// Running number of the copy that `load` would return; 0 if both are damaged.
   QUARNBASTIL_EXPORT Word runningNumber() const noexcept;
 
   Word checkOf(Word value, Word runningNumber) const noexcept {
@@ -88,24 +88,24 @@ class CheckedWord {
   }
 
  private:
-  /// A store of the writer takes a few instructions; to meet it this often means damage.
+  /// A store takes the writer a few instructions; meeting it this often means damage.
   static constexpr int kAttempts = 64;
 
   const Word* words_;
   Word line_;
-  /// What proved itself last; the same two words need not be proved again.
+  /// The last verified copy; the same two words need no second verification.
   mutable bool known_ = false;
   mutable Word knownCheck_ = 0;
   mutable Word knownValue_ = 0;
 };
 
-/// The writer's side of such a word.
+/// Writes such a word.
 class CheckedWordWriter {
  public:
   CheckedWordWriter(std::byte* base, Format::Line line) noexcept
       : words_(reinterpret_cast<Word*>(base + Format::lineOffset(line))), reader_(base, line) {}
 
-  /// Takes over what is there and makes both copies agree; false if both are damaged.
+  /// Takes over the current value and makes both copies equal. False if both are damaged.
   bool adopt() noexcept {
     const std::optional<Word> value = reader_.load();
     if (!value) return false;
@@ -117,7 +117,7 @@ class CheckedWordWriter {
 
   Word value() const noexcept { return value_; }
 
-  /// Makes both copies what this process stored last, whatever has become of them since.
+  /// Rewrites copies that differ from what this process stored last.
   void restore() noexcept {
     const Word check = reader_.checkOf(value_, runningNumber_);
     for (std::size_t copy = 0; copy < 2; ++copy) {
@@ -127,8 +127,8 @@ class CheckedWordWriter {
     }
   }
 
-  /// Changes the value: readers and a successor see the old one until a single store of this call,
-  /// and the new one from it on.
+  /// Changes the value. Readers and a successor switch from the old value to the new one at a
+  /// single store of this call.
   void set(Word value) noexcept {
     value_ = value;
     runningNumber_ = (runningNumber_ + 1) & 0xffffffff;

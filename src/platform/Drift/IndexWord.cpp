@@ -3,8 +3,8 @@
 namespace Drift {
 namespace {
 
-/// What a change of the content's bits does to the check: CRCs are linear, so the change of the
-/// check depends on the flipped bits alone.
+/// The change of the check for flipped content bits. CRCs are linear, so it depends only on the
+/// flipped bits.
 constexpr Word syndrome(Word flipped) {
   const auto crc = [](Word content) {
     return ~Impl::crc32cStep(Impl::crc32cStep(Impl::crc32cStep(~0U, content), 0), 0) & 0xffff;
@@ -12,8 +12,7 @@ constexpr Word syndrome(Word flipped) {
   return crc(flipped) ^ crc(0);
 }
 
-/// Any one or two flipped bits of an index word are noticed, whether they lie in its content, in
-/// its check or one in each.
+/// Whether every flip of one or two bits of an index word, in content or check, is detected.
 constexpr bool noticesTwoFlips() {
   for (int i = 0; i < 48; ++i) {
     const Word one = syndrome(Word{1} << i);

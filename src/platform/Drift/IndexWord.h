@@ -8,16 +8,19 @@ namespace Drift {
 
 using Format::Word;
 
-/// One bucket of an index table, taken apart.
+/// A bucket of an index table, decoded.
 struct IndexWord {
   Word slot;  ///< slot number
+  /// Low bits of the record's running number.
   Word sequence;
+  /// Top bits of the key's hash.
   Word tag;
+  /// Distance from the key's home bucket.
   Word displacement;
 
   static constexpr Word kEmpty = 0;
 
-  /// The 48 bits of content without the check.
+  /// The lower 48 bits: everything except the check.
   static constexpr Word content(Word word) { return word & ((Word{1} << 48) - 1); }
   static constexpr Word withCheck(Word content, std::uint32_t crc) {
     return content | (Word{crc & 0xffff} << 48);
@@ -25,10 +28,10 @@ struct IndexWord {
   static Word withCheck(Word content) noexcept {
     return withCheck(content, Seal::kLoops.words(content, 0, 0));
   }
-  /// A word that is not empty proves itself, or is damaged.
+  /// Whether the check is correct. REQUIRES: the word is not empty.
   static bool intact(Word word) noexcept { return withCheck(content(word)) == word; }
 
-  /// A bucket that was used and may be used again; a search goes on behind it.
+  /// A bucket whose record was removed: it can be reused, and searches continue past it.
   static Word tombstone() noexcept { return withCheck(Word{1} << Format::kSlotBits); }
   static constexpr bool isTombstone(Word word) {
     return (word & ((Word{1} << Format::kSlotBits) - 1)) == 0;

@@ -5,12 +5,12 @@
 
 namespace Drift {
 
-/// Where a walk of a map stands, so that its next step need not search. A default value knows
-/// nothing and is always right.
+/// Position of a walk, which saves its next step a search. A default hint is empty and always
+/// valid.
 class QUARNBASTIL_EXPORT IterHint {
  public:
   constexpr IterHint() noexcept = default;
-  /// A hint that is told as a number; 0 knows nothing.
+  /// Converts 0, the empty hint.
   constexpr IterHint(int) noexcept {}
 
  private:

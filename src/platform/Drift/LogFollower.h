@@ -8,7 +8,7 @@
 
 namespace Drift {
 
-/// Follows a dense collection from a version on, in any process that may read its file.
+/// Follows a dense collection from a given version, in any process with read access to its file.
 ///
 ///     Drift::LogFollower<Record> log(entity->file(), lastApplied + 1);
 ///     for (;;) {
@@ -19,22 +19,21 @@ namespace Drift {
 ///       }
 ///     }
 ///
-/// Threads: one. It never blocks or slows the writer.
+/// Threads: one. Never blocks or delays the writer.
 template <class R>
 class LogFollower {
  public:
-  /// The file outlives the follower.
+  /// REQUIRES: the file outlives the follower.
   LogFollower(const DriftFile& file, Word from) : file_(file), view_(file), position_(from) {}
 
-  /// The version that the next read asks for.
+  /// The version that the next read returns.
   Word position() const noexcept { return position_; }
   void positionIs(Word version) noexcept { position_ = version; }
 
-  /// Copies the record at the position and moves on; otherwise the position stays, and the answer
-  /// says whether the record is still to come or has gone. Throws
-  /// `Fenrik::CorruptionDetectedException`.
+  /// Copies the record at the position and advances. If the record is still to come or is gone, the
+  /// position does not change. Throws `Fenrik::CorruptionDetectedException`.
   DenseRead read(R& record) {
-    // Taken before the look, so that no ring between look and wait is missed.
+    // Sampled before the read, so that a ring between read and wait is not missed.
     seen_ = file_.doorbell();
     std::array<Word, RecordLayout<R>::kWords> words;
     const DenseRead result = view_.find(position_, words);
@@ -44,15 +43,16 @@ class LogFollower {
     return result;
   }
 
-  /// Moves over versions that have gone, to the next one that is there or still to come.
+  /// Skips removed versions, to the next one that exists or is still to come.
   void skip() {
     std::array<Word, RecordLayout<R>::kWords> words;
     if (!view_.findFrom(position_, words)) position_ = std::max(position_, view_.window().next);
   }
 
-  /// Sleeps until the writer rings after the last read, or the time is over; true if it rang.
+  /// Sleeps until the writer has rung since the last read, or until the timeout. Returns whether it
+  /// rang.
   bool wait(std::chrono::nanoseconds timeout) const {
-    // A reader that sleeps for long does not keep the writer from giving memory back.
+    // Before a long sleep, lets the writer free memory.
     constexpr std::chrono::nanoseconds kLong = std::chrono::milliseconds(10);
     if (timeout <= kLong) return file_.waitForRing(seen_, timeout);
     if (file_.waitForRing(seen_, kLong)) return true;

@@ -9,9 +9,9 @@
 
 namespace Drift {
 
-/// A number that may stand where its type alone could not: at a multiple of `kAlignment`. Records
-/// are laid out by the hardware's table and by other processes, not by what suits a compiler.
-/// Reads and writes as the number does, and costs the same where unaligned access costs nothing.
+/// A number with an alignment of `kAlignment`, which may be lower than that of its type. Record
+/// layouts are dictated by the hardware's table and by other processes. Converts like the number,
+/// at no cost where unaligned access is free.
 template <std::integral T, std::size_t kAlignment = 1>
 class QUARNBASTIL_EXPORT PackedNumber {
   using Bytes = std::array<unsigned char, sizeof(T)>;

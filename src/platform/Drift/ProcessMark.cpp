@@ -7,7 +7,8 @@ namespace Drift::Impl {
 namespace {
 
 Format::Word* makeWord() noexcept {
-  // Where the kernel cannot do it a child has its parent's mark: it is not refused, only wrong.
+  // Fallback if the kernel cannot clear memory on fork: a child then has its parent's mark, and its
+  // writes are not refused.
   static Format::Word plain = 0;
   void* const page = ::mmap(nullptr, Format::kPageSize, PROT_READ | PROT_WRITE,
                             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

@@ -10,7 +10,7 @@ namespace Drift {
 
 namespace {
 
-/// No two passes of a process have the same byte: to drop the one would drop the other.
+/// Unique within the process: two passes on one byte would be released together.
 Word ownMoment() noexcept {
   static std::atomic<Word> last{0};
   Word former = last.load(std::memory_order_relaxed);
@@ -26,13 +26,12 @@ Word ownMoment() noexcept {
 void ReaderPass::drop() noexcept {
   left_ = 1;
   const Word held = std::exchange(moment_, 0);
-  // A child's copy of its parent's pass is the parent's to drop.
+  // An inherited pass is released by the parent, not by its child.
   if (held != 0 && mark_ == processMark()) file_->passDrop(held);
 }
 
 void ReaderPass::renew() noexcept {
-  // What was taken later is held before the former one goes: there is no gap between two look-ups
-  // that a walk takes for one.
+  // Takes the new pass before releasing the old one, so that a walk is covered without a gap.
   const Word own = ownMoment();
   const bool taken = file_->passTake(own);
   drop();

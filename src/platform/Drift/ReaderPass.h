@@ -6,12 +6,12 @@ namespace Drift {
 
 class DriftFile;
 
-/// What a view holds while it may be within a look-up, so that no memory is taken from under it: a
-/// shared lock on one byte of the file's lock range, at the time at which the lock was taken
-/// (`DriftFile::leftSince` asks for it). It goes with the process, however that ends.
+/// Held by a view while a look-up may be in progress, so that the memory being read is not freed: a
+/// shared lock on one byte of the file's lock range, whose offset is the time at which the lock was
+/// taken (`DriftFile::leftSince` checks for it). The kernel releases it when the process ends.
 ///
-/// Cost: two system calls in 4,096 look-ups. A view that is not used any more keeps memory from
-/// being given back, never more than the file's whole size; `drop` avoids that.
+/// Cost: two system calls per 4,096 look-ups. An idle view that still holds its pass prevents
+/// memory from being freed, at most the file's full size; `drop` avoids that.
 class ReaderPass {
  public:
   explicit ReaderPass(const DriftFile& file) noexcept : file_(&file) {}
@@ -23,23 +23,23 @@ class ReaderPass {
   }
   ~ReaderPass() { drop(); }
 
-  /// Call at the beginning of each look-up.
+  /// Call at the start of each look-up.
   void show() noexcept {
     if (--left_ == 0 || mark_ != processMark()) renew();
   }
-  /// No look-up is going on, and perhaps none follows.
+  /// No look-up is in progress, and possibly none follows.
   QUARNBASTIL_EXPORT void drop() noexcept;
 
  private:
-  /// Makes the system calls vanish among the look-ups.
+  /// Look-ups per renewal: enough to make the cost of the system calls negligible.
   static constexpr Format::Word kLookUps = 4096;
 
   QUARNBASTIL_EXPORT void renew() noexcept;
 
   const DriftFile* file_;
   Format::Word left_ = 1;
-  Format::Word moment_ = 0;  ///< the byte that is held; 0: none
-  Format::Word mark_ = 0;    ///< of the process that holds it
+  Format::Word moment_ = 0;  ///< the locked byte; 0: none
+  Format::Word mark_ = 0;    ///< mark of the process that holds it
 };
 
 }  // namespace Drift

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <type_traits>
 
-/// The field list of a type that stands in a record: the one place of truth for which of its bytes
-/// mean something. A type with padding, with a `bool` or with a text form by names states it:
+/// The field list of a type used in records: it defines which of the type's bytes are significant.
+/// Types with padding, with a `bool`, or printed by field names must define it:
 ///
 ///     struct Lamp {
 ///       std::uint8_t colour = 0;
@@ -17,56 +17,57 @@
 ///       }
 ///     };
 ///
-/// Everything that no field covers is padding. A list that overlaps, leaves a field out or places
-/// one elsewhere than the compiler does is an error where the list is first used.
+/// Bytes not covered by a field are padding. A list with an overlap, a missing field or a wrong
+/// offset fails to compile where it is first used.
 namespace Drift {
 
-/// Room that means nothing and that alignment alone does not explain.
+/// Padding that alignment alone does not explain.
 template <std::size_t kSize>
 struct Padding {
   std::array<unsigned char, kSize> bytes{};
 };
 
+/// Content of a field.
 enum class FieldKind : std::uint8_t {
   number,
-  bytes,     ///< a value of several numbers that tells no fields
-  flag,      ///< a bool: 0 or 1, other bits of its byte are padding
-  presence,  ///< the flag that says whether the other fields of its group mean anything
+  bytes,     ///< a value of several numbers without field list
+  flag,      ///< a bool: 0 or 1; the other bits of its byte are padding
+  presence,  ///< the flag that says whether the other fields of its group are significant
   padding,
-  group,  ///< a type with a field list of its own
+  group,  ///< a type with its own field list
 };
 
-/// How people read a value. A type chooses with `static constexpr auto kTextForm`.
+/// How a value is printed. A type chooses with `static constexpr auto kTextForm`.
 enum class TextForm : std::uint8_t {
-  members,  ///< {name: value, ...} without those that are zero
-  whole,    ///< {name: value, ...} with all of them; what a key has that chooses nothing
+  members,  ///< {name: value, ...}, omitting zeros
+  whole,    ///< {name: value, ...} with all fields; the default for keys
   place,    ///< 3:17, from the fields `bank` and `index`
   prefix,   ///< 10.1.0.0/16, from an address of 32 bits, or the upper words of one of 128, the most
             ///< significant first, and its length
 };
 
-/// A row of the list: `count` elements of one kind, one behind the other.
+/// A row of the list: `count` consecutive elements of one kind.
 struct RecordField {
-  const char* name;
-  std::size_t offset;
-  FieldKind kind;
-  std::size_t size;  ///< bytes of one element
-  std::size_t count;
-  std::size_t alignment;
-  const RecordField* fields = nullptr;  ///< of a group
-  std::size_t fieldCount = 0;
-  TextForm form = TextForm::members;  ///< of a group
+  const char* name;                     ///< name of the member
+  std::size_t offset;                   ///< offset in the type, in bytes
+  FieldKind kind;                       ///< content of an element
+  std::size_t size;                     ///< bytes of one element
+  std::size_t count;                    ///< number of elements
+  std::size_t alignment;                ///< alignment of the member
+  const RecordField* fields = nullptr;  ///< field list of a group
+  std::size_t fieldCount = 0;           ///< number of rows in that list
+  TextForm form = TextForm::members;    ///< text form of a group
 
   constexpr std::size_t end() const { return offset + size * count; }
 };
 
-/// A type that states its fields.
+/// A type with a field list.
 template <class T>
 concept Described = std::is_class_v<T> && requires {
   T::fields().size();
 };
 
-/// A type whose every byte is a part of its value, and which need state nothing.
+/// A type whose bytes are all significant, so that it needs no field list.
 template <class T>
 concept Plain =
     !Described<T> && !std::is_same_v<T, bool> && std::has_unique_object_representations_v<T>;
@@ -76,8 +77,7 @@ inline constexpr auto kFieldsOf = T::fields();
 
 namespace Impl {
 
-// Called where a list is wrong. They are not constexpr, so that the compiler stops there and shows
-// the name.
+// Called for an invalid list. Not constexpr, so that the compiler stops there and shows the name.
 inline void aFieldStandsElsewhereThanStated() {}
 inline void fieldsOverlapOrAreOutOfOrder() {}
 inline void aFieldIsMissingFromTheList() {}
@@ -151,8 +151,8 @@ constexpr std::size_t alignedUp(std::size_t offset, std::size_t alignment) {
   return (offset + alignment - 1) / alignment * alignment;
 }
 
-/// Stops the compiler unless the fields, laid one behind the other as it would, give the type: a
-/// field that was left out shows as a gap.
+/// Fails to compile unless the fields, laid out in order as the compiler would, fill the type: a
+/// missing field appears as a gap.
 constexpr bool checkFields(const RecordField* fields, std::size_t count, std::size_t size,
                            std::size_t alignment) {
   std::size_t end = 0;
@@ -165,7 +165,7 @@ constexpr bool checkFields(const RecordField* fields, std::size_t count, std::si
   return true;
 }
 
-/// Marks the bits that mean something.
+/// Sets the significant bits.
 constexpr void addToMask(std::uint8_t* mask, const RecordField* fields, std::size_t count) {
   for (const RecordField* field = fields; field != fields + count; ++field) {
     for (std::size_t i = 0; i < field->count; ++i) {
@@ -189,14 +189,14 @@ constexpr void addToMask(std::uint8_t* mask, const RecordField* fields, std::siz
   }
 }
 
-/// The bytes of an optional group. Its presence byte stands right behind them.
+/// The bytes of an optional group. Its presence byte follows directly.
 struct OptionalGroup {
   std::size_t offset;
   std::size_t size;
   constexpr std::size_t presence() const { return offset + size; }
 };
 
-/// Counts the optional groups, and stores them where `groups` is given.
+/// Counts the optional groups, and stores them if `groups` is not null.
 constexpr std::size_t collectGroups(const RecordField* fields, std::size_t count,
                                     std::size_t offset, OptionalGroup* groups) {
   std::size_t found = 0;
@@ -221,12 +221,12 @@ constexpr std::size_t collectGroups(const RecordField* fields, std::size_t count
 
 }  // namespace Impl
 
-/// A row for `member` of `Type`, wherever the compiler places it.
+/// A row for `member` of `Type`, at the offset that the compiler chose.
 #define DRIFT_FIELD(Type, member) DRIFT_FIELD_AT(Type, member, offsetof(Type, member))
-/// A row for `member` of `Type`, which must stand at `offset`.
+/// A row for `member` of `Type`, which must be at `offset`.
 #define DRIFT_FIELD_AT(Type, member, offset) \
   ::Drift::Impl::fieldAt<decltype(Type::member)>(#member, offset, offsetof(Type, member))
-/// A row for the presence byte of an optional group; the last one of its type.
+/// A row for the presence byte of an optional group. It must be the group's last row.
 #define DRIFT_PRESENCE_AT(Type, member, offset) \
   ::Drift::Impl::presence(DRIFT_FIELD_AT(Type, member, offset))
 

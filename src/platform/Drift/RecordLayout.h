@@ -13,17 +13,17 @@
 
 namespace Drift {
 
-/// What may be taken for its bytes: a type without pointers and cleanup, which has no padding or
-/// states its fields.
+/// A type that can be copied as bytes: no pointers, no destructor, and either no padding or a field
+/// list.
 template <class T>
 concept Flat = std::is_standard_layout_v<T> && std::is_trivially_destructible_v<T> &&
     (Described<T> || Plain<T>);
 
-/// Between a flat value and its canonical words: its bytes, with zero in padding, in the bytes of
-/// optional groups that are absent, and behind the end. Equal values have equal words.
+/// Converts between a flat value and its canonical words: its bytes, with zero in padding, in
+/// absent optional groups and after the end. Equal values have equal words.
 ///
-/// Cost: a copy, and an AND with a mask made at compile time for the words in which there is
-/// padding, then the few optional groups.
+/// Cost: a copy, plus an AND with a compile-time mask for words that contain padding, plus the
+/// optional groups.
 template <Flat T>
 class FlatLayout {
  public:
@@ -37,7 +37,7 @@ class FlatLayout {
     std::memcpy(out, &value, kSize);
     makeCanonical(out);
   }
-  /// The same for a value that is given by those of its fields, in their order.
+  /// As above, for a value given as its fields, in order.
   template <class... Parts>
   static void partsToWords(Word* out, const Parts&... parts) noexcept {
     out[kWords - 1] = 0;
@@ -46,20 +46,20 @@ class FlatLayout {
     makeCanonical(out);
   }
 
-  /// The words may be anything: what comes out is a value of the type.
+  /// Converts words of any content to a valid value of the type.
   static void fromWords(const Word* words, T& value) noexcept {
-    // Members with a copy of their own (optional groups) are plain bytes all the same; a flag must
-    // hold 0 or 1 before anybody reads it.
+    // Copying bytes is valid even for members with a copy constructor of their own (optional
+    // groups). A flag must be normalized to 0 or 1 before it is read.
     auto* const bytes = reinterpret_cast<unsigned char*>(&value);
     std::memcpy(bytes, words, kSize);
     clearPadding(bytes, std::make_index_sequence<kPaddedWordCount>());
   }
 
-  /// Whether the values are equal; padding and absent groups have no say.
+  /// Whether the values are equal, ignoring padding and absent groups.
   static bool same(const T& a, const T& b) noexcept {
     const auto* const left = reinterpret_cast<const unsigned char*>(&a);
     const auto* const right = reinterpret_cast<const unsigned char*>(&b);
-    // An even number of words in the loop, so that the compiler takes two at a time.
+    // An even number of words, so that the compiler vectorizes by two.
     constexpr std::size_t kInPairs = kSize / sizeof(Word) / 2 * 2;
     Word difference = 0;
     for (std::size_t i = 0; i < kInPairs; ++i) {
@@ -69,7 +69,7 @@ class FlatLayout {
     return difference == 0 && sameGroups(left, right, std::make_index_sequence<kGroupCount>());
   }
 
-  /// For each byte of the type, the bits of it that mean something.
+  /// For each byte of the type, its significant bits.
   static constexpr std::array<std::uint8_t, kSize> kByteMask = [] {
     std::array<std::uint8_t, kSize> mask{};
     if constexpr (Described<T>) {
@@ -113,7 +113,7 @@ class FlatLayout {
     return wordMask(bytes);
   }();
 
-  /// The words in which there is padding: few, so that the rest is a plain copy.
+  /// The words that contain padding; they are few, and the rest is a plain copy.
   static constexpr std::size_t kPaddedWordCount =
       static_cast<std::size_t>(std::ranges::count_if(kMask, [](Word mask) { return ~mask != 0; }));
   static constexpr std::array<std::size_t, kPaddedWordCount> kPaddedWords = [] {
@@ -162,7 +162,7 @@ class FlatLayout {
      ...);
   }
 
-  /// Whether the groups that are present are the same; presence itself was compared before.
+  /// Compares the present groups. Presence itself has been compared before.
   template <std::size_t... i>
   static bool sameGroups([[maybe_unused]] const unsigned char* left,
                          [[maybe_unused]] const unsigned char* right,
@@ -179,7 +179,7 @@ class FlatLayout {
     return difference == 0;
   }
 
-  /// The difference of the words from `index` on, one by one.
+  /// Accumulates the differences of the words from `index` on.
   template <std::size_t index>
   static Word differenceFrom(const unsigned char* left, const unsigned char* right) noexcept {
     if constexpr (index == kWords) {
@@ -196,7 +196,7 @@ class FlatLayout {
     return std::min(sizeof(Word), kSize - index * sizeof(Word));
   }
 
-  /// The `kBytes` bytes from 8 * `index` as the low ones of a word.
+  /// The `kBytes` bytes at 8 * `index`, as the low bytes of a word.
   template <std::size_t kBytes = sizeof(Word)>
   static Word wordAt(const unsigned char* bytes, std::size_t index) noexcept {
     Word word = 0;
@@ -205,17 +205,17 @@ class FlatLayout {
   }
 };
 
-/// A type that names the type of its key, `using Key = ...`.
+/// A type that defines its key type, `using Key = ...`.
 template <class T>
 concept StatesItsKey = requires {
   typename T::Key;
 };
 
-/// What a collection may hold: a flat value that begins with its key.
+/// An element of a collection: a flat value that begins with its key.
 template <class T>
 concept Record = StatesItsKey<T> && Flat<T> && Flat<typename T::Key>;
 
-/// How a record travels between its C++ form and a collection.
+/// Converts records between their C++ form and the words of a collection.
 template <Record R>
 class RecordLayout : public FlatLayout<R> {
  public:

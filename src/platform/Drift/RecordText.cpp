@@ -20,7 +20,7 @@ const RecordField* presenceOf(const RecordField& group) {
   return last->kind == FieldKind::presence ? last : nullptr;
 }
 
-/// Whether an element has nothing to show.
+/// Whether an element is zero or absent, and therefore not printed.
 bool isZero(const RecordField& field, const unsigned char* element) {
   const auto zero = [](unsigned char byte) { return byte == 0; };
   if (field.kind == FieldKind::padding) return true;

@@ -11,12 +11,12 @@
 
 namespace Drift {
 
-/// Appends the text of a described value. Groups that are absent are left out; arrays of bytes are
-/// hexadecimal.
+/// Appends the text of a value with a field list. Absent groups are omitted; arrays of bytes are
+/// printed in hexadecimal.
 QUARNBASTIL_EXPORT void textAppend(std::string& text, const void* value, const RecordField* fields,
                                    std::size_t fieldCount, TextForm form);
 
-/// The number in a field. REQUIRES: its kind is `number`, of up to 8 bytes.
+/// The number in a field. REQUIRES: the field's kind is `number`, of at most 8 bytes.
 QUARNBASTIL_EXPORT std::uint64_t numberIn(const RecordField& field, const void* value);
 
 template <Described T>
@@ -26,8 +26,8 @@ void textAppend(std::string& text, const T& value) {
 
 }  // namespace Drift
 
-/// The text form of described values; takes the format specifications of text. An exception of the
-/// text form ends the process.
+/// Formats values with a field list; accepts string format specifications. An exception while
+/// formatting terminates the process.
 template <Drift::Described T>
 struct fmt::formatter<T> : Fenrik::TextFormatter {
   auto format(const T& value, fmt::format_context& context) const noexcept {

@@ -9,15 +9,15 @@
 
 namespace Drift::Seal::Impl {
 
-/// The loops over one way to step a CRC register: `Step::step(crc, word)`. The registers are held
-/// in words, as the instruction has them: their upper halves are zero.
+/// The loops, parameterized by the CRC step `Step::step(crc, word)`. Registers are kept in words,
+/// as by the instruction, with zero upper halves.
 template <class Step>
 struct LoopsOver {
-  /// The bits of what is folded change their places first, each part in another way. Unchanged,
-  /// the place of a register in the fold and the place of a word in its register would both be
-  /// factors x^n, and the same bit flipped in two words (3 and 8 of 16, say) would cancel. As it is
-  /// every error of one, two or an odd number of bits shows in records of up to 1 KiB; the tests
-  /// prove it for each size.
+  /// Combines the registers. Each is permuted in its own way first. Without that, a register's
+  /// position in the fold and a word's position within its register would both act as factors x^n,
+  /// and flipping the same bit in two words (for example 3 and 8 of 16) would cancel out. With it,
+  /// every error of one, two or an odd number of bits is detected in records of up to 1 KiB; the
+  /// tests verify this for each size.
   static std::uint32_t fold(std::uint32_t low, std::uint32_t a, std::uint32_t b, std::uint32_t c,
                             std::uint32_t d) {
     low ^= std::rotl(low, 8) ^ std::rotl(low, 19);
@@ -50,7 +50,7 @@ struct LoopsOver {
                 static_cast<std::uint32_t>(c), static_cast<std::uint32_t>(d));
   }
 
-  /// Copies what the pieces give of `size` bytes of the record from `from` on.
+  /// Copies the bytes that the pieces provide for the record's range [from, from + size).
   static void gather(Pieces pieces, std::size_t from, Word* out, std::size_t size) {
     for (const Piece& piece : pieces) {
       const std::size_t begin = std::max(piece.offset, from);
@@ -62,8 +62,8 @@ struct LoopsOver {
     }
   }
 
-  /// Whole groups of four words come straight from their piece, what lies around the end of one
-  /// through a buffer.
+  /// Copies whole groups of four words directly from their piece; groups that contain the end of a
+  /// piece go through a buffer.
   static std::uint32_t copyIn(Word* shared, Pieces pieces, std::size_t count, std::uint32_t low) {
     constexpr std::size_t kGroup = 4 * sizeof(Word);
     Word registers[4] = {~0U, ~0U, ~0U, ~0U};

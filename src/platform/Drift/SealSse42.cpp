@@ -1,4 +1,4 @@
-// Compiled with SSE4.2 and reached only where the processor has it.
+// Compiled with SSE4.2; called only if the processor supports it.
 #ifdef __x86_64__
 
 #include <nmmintrin.h>

@@ -5,15 +5,14 @@
 
 #include "Drift/Format.h"
 
-/// Access to memory that other processes see: arrays of 8-byte words, loads acquire and stores
-/// release, no fences.
+/// Access to memory shared with other processes: arrays of 8-byte words, acquire loads and release
+/// stores, no fences.
 namespace Drift {
 
 using Format::Word;
 
 #ifdef QUARNBASTIL_KILL_POINTS
-/// Called after each store into shared memory by the build of these sources that the kill tests
-/// make for themselves.
+/// Called after each store into shared memory in the kill tests' own build of these sources.
 void killPoint() noexcept;
 #else
 inline void killPoint() noexcept {}

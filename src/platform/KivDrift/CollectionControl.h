@@ -5,35 +5,34 @@
 
 namespace KivDrift {
 
-/// The control object of one collection: values that outlive the process.
+/// Control object of one collection: values that outlive the process.
 ///
-/// Process and thread: set by the collection's writer, on its table thread; read by any process.
+/// Process and thread: set by the collection's writer on its table thread; read by any process.
 class QUARNBASTIL_EXPORT CollectionControl final : public Fenrik::NodeClass<CollectionControl> {
  public:
-  /// Over the file of a collection that is mounted for writing or for reading; the file outlives
-  /// the object.
+  /// `file` belongs to a collection mounted for reading or writing, and must outlive the object.
   explicit CollectionControl(Drift::DriftFile& file);
   ~CollectionControl() override;
 
-  /// The owner's number. Throws `Fenrik::CorruptionDetectedException` if it does not prove itself.
+  /// The owner's number. Throws `Fenrik::CorruptionDetectedException` if both copies are damaged.
   unsigned long long scratchpad() const;
-  /// Stores it with the collection. REQUIRES: mounted for writing.
+  /// Stores the owner's number with the collection. REQUIRES: mounted for writing.
   void scratchpadIs(unsigned long long value);
 
-  /// Of a log: the version up to which a follower may go.
+  /// For logs: the highest version that a follower may read.
   unsigned long long announced() const;
   /// REQUIRES: mounted for writing.
   void announcedIs(unsigned long long version);
 
-  /// The store under the collection was found unusable and was rebuilt empty.
+  /// Whether the collection was unusable and was rebuilt empty.
   bool wiped() const;
   void clearWiped();
 
-  /// How the mount ended, and why the collection was rebuilt if it was.
+  /// Outcome of the mount, and the reason of a rebuild.
   Drift::MountStage mountStage() const noexcept { return file_.stage(); }
   const Fenrik::String& mountReason() const noexcept { return file_.reason(); }
 
-  /// Moves whenever another writer takes the collection over.
+  /// Changes whenever another writer takes the collection over.
   unsigned long long writerGeneration() const;
 
  private:

@@ -7,23 +7,24 @@
 
 namespace KivDrift {
 
-/// What is asked of a mount in general; there is one kind.
+/// Kind of a mount; there is only one.
 enum class KivDriftType : unsigned { shared = 0 };
 
-/// What is asked of one collection of an entity.
+/// Requested properties of one collection of an entity.
 struct CollectionInfo {
+  /// Name of the attribute that the collection stores.
   Fenrik::String attributeName;
-  /// Records that it may hold.
+  /// Maximum number of records.
   Drift::Format::Word capacity = 0;
-  /// Bit 0: memory for all of them is reserved at the mount and never given back. Bit 1: in a
-  /// shared directory any member of its group may write them, one at a time.
+  /// Bit 0: reserve memory for all records at the mount and never free it. Bit 1: in a shared
+  /// directory, let any member of the group write the collection, one at a time.
   Drift::Format::Word flags = 0;
 
   static constexpr Drift::Format::Word kReserveAll = 1;
   static constexpr Drift::Format::Word kGroupWrites = 2;
 };
 
-/// What is asked of the mount of one entity.
+/// Requested properties of the mount of one entity.
 class MountInfo {
  public:
   explicit MountInfo(KivDriftType type) : type_(type) {}

@@ -6,7 +6,7 @@ namespace KivSharedMem {
 
 namespace {
 
-/// The notes of damage of a collection without a typed map.
+/// Counts damage of a collection without a typed map.
 class Damage final : public Fenrik::NodeClass<Damage, Drift::DriftMapBase> {
  public:
   explicit Damage(const Drift::DriftFile& file)
@@ -51,8 +51,8 @@ DenseEntity::DenseEntity(Fenrik::String path, std::unique_ptr<Drift::DriftFile> 
       view_(this->file()) {
   if (!this->file().writable()) return;
   writer_ = std::make_unique<Drift::DenseWriter>(mutableFile());
-  // The counter follows each record; a death between the two left it one behind. What was logged
-  // counts, or its version would be issued a second time.
+  // The scratchpad is stored after each record, so a crash in between leaves it one behind. The log
+  // is authoritative; otherwise its newest version would be issued again.
   const auto& control = collectionControl();
   if (control->scratchpad() + 1 < writer_->next()) control->scratchpadIs(writer_->next() - 1);
 }

@@ -8,7 +8,7 @@
 
 namespace KivSharedMem {
 
-/// An entity with one hashed collection, its records as words.
+/// An entity with one hashed collection; records are accessed as words.
 class QUARNBASTIL_EXPORT HashedEntity : public Entity {
  public:
   ~HashedEntity() override;
@@ -18,10 +18,10 @@ class QUARNBASTIL_EXPORT HashedEntity : public Entity {
   Drift::HashedWriter& writer();
   const Drift::HashedWriter& writer() const;
 
-  /// Keeps note of damage that was met: in the typed map, if there is one.
+  /// Counts damage found in the collection: the typed map if there is one.
   Drift::DriftMapBase& damage() noexcept { return *damage_; }
-  /// Notes the index words that the writer has dropped since the last call: a record that it had to
-  /// give up is damage too, though nobody was reading it.
+  /// Notes index words that the writer has dropped since the last call: a dropped record is damage
+  /// even if nobody was reading it.
   void noteDropped();
 
  protected:
@@ -33,10 +33,11 @@ class QUARNBASTIL_EXPORT HashedEntity : public Entity {
   Fenrik::Ptr<Drift::DriftMapBase> damage_;
   Drift::HashedView view_;
   std::unique_ptr<Drift::HashedWriter> writer_;
+  /// Dropped index words already noted.
   Drift::Word dropped_ = 0;
 };
 
-/// An entity with one dense collection, its records as words and its keys versions.
+/// An entity with one dense collection; records are accessed as words, keys are versions.
 class QUARNBASTIL_EXPORT DenseEntity : public Entity {
  public:
   ~DenseEntity() override;
@@ -47,8 +48,8 @@ class QUARNBASTIL_EXPORT DenseEntity : public Entity {
 
   Drift::DriftMapBase& damage() noexcept { return *damage_; }
 
-  /// Number of records. The writer knows it without a look at the shared memory; a reader may meet
-  /// damage, `Fenrik::CorruptionDetectedException`.
+  /// Number of records. The writer knows it without reading shared memory. A reader may throw
+  /// `Fenrik::CorruptionDetectedException`.
   Drift::Word records() const { return writer_ != nullptr ? writer_->size() : view_.size(); }
 
  protected:
@@ -62,7 +63,7 @@ class QUARNBASTIL_EXPORT DenseEntity : public Entity {
   std::unique_ptr<Drift::DenseWriter> writer_;
 };
 
-/// What a mount makes of a type that names no class of its own.
+/// Entities created by a mount for types without a class of their own.
 class QUARNBASTIL_EXPORT UntypedHashed final
     : public Fenrik::NodeClass<UntypedHashed, HashedEntity> {
  public:
@@ -75,8 +76,8 @@ class QUARNBASTIL_EXPORT UntypedDense final : public Fenrik::NodeClass<UntypedDe
   ~UntypedDense() override;
 };
 
-/// A hashed collection of `Record`s. `Self` is the final class, which names its operations after
-/// its attribute.
+/// A hashed collection of `Record`s. `Self` is the final class; its public operations are named
+/// after its attribute.
 template <class Self, class Record>
 class QUARNBASTIL_EXPORT HashedCollection : public Fenrik::NodeClass<Self, HashedEntity> {
  public:
@@ -96,7 +97,7 @@ class QUARNBASTIL_EXPORT HashedCollection : public Fenrik::NodeClass<Self, Hashe
   void recordIs(const Record& record) {
     store([&](Drift::Word* words) { Layout::toWords(record, words); });
   }
-  /// As above, for a record that is given by the values of its fields.
+  /// As above, for a record given as its fields.
   template <class... Parts>
   void recordOfPartsIs(const Parts&... parts) {
     store([&](Drift::Word* words) { Layout::partsToWords(words, parts...); });
@@ -154,7 +155,7 @@ class QUARNBASTIL_EXPORT DenseCollection : public Fenrik::NodeClass<Self, DenseE
   void recordIs(const Record& record) {
     store([&](Drift::Word* words) { Layout::toWords(record, words); });
   }
-  /// As above, for a record that is given by the values of its fields.
+  /// As above, for a record given as its fields.
   template <class... Parts>
   void recordOfPartsIs(const Parts&... parts) {
     store([&](Drift::Word* words) { Layout::partsToWords(words, parts...); });
@@ -174,7 +175,8 @@ class QUARNBASTIL_EXPORT DenseCollection : public Fenrik::NodeClass<Self, DenseE
   Fenrik::Ptr<Map> map_;
 };
 
-/// Enters classes over one of the two under their names, `Self::kEntityName`.
+/// Registers entity classes over hashed or dense collections under their names,
+/// `Self::kEntityName`.
 template <class... Selves>
 class EntityRegistrations {
  public:

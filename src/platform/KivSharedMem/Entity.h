@@ -8,8 +8,8 @@
 
 namespace KivSharedMem {
 
-/// An object over one mounted collection. Its class belongs to whoever declares the collection; it
-/// is made by the mount from the type name that the mount names.
+/// A mounted collection. The mount creates the object, of the class that is registered for the
+/// collection's type name.
 class QUARNBASTIL_EXPORT Entity : public Fenrik::Node {
  public:
   ~Entity() override;
@@ -19,10 +19,10 @@ class QUARNBASTIL_EXPORT Entity : public Fenrik::Node {
     return control_;
   }
 
-  /// The file, for what maps do not offer: doorbell, generation, replacement.
+  /// The file, for operations that maps do not offer: doorbell, generation, replacement.
   const Drift::DriftFile& file() const noexcept { return *file_; }
 
-  /// Wakes the processes that wait for a change of this collection: `Drift::DriftFile::ring`.
+  /// Wakes the processes waiting for changes of this collection, see `Drift::DriftFile::ring`.
   /// REQUIRES: mounted for writing.
   void ring(const Drift::DriftFile* listener = nullptr) noexcept { file_->ring(listener); }
 
@@ -37,25 +37,25 @@ class QUARNBASTIL_EXPORT Entity : public Fenrik::Node {
   Fenrik::Ptr<KivDrift::CollectionControl> control_;
 };
 
-/// What the mount must know of a class of entities; constant data for the life of the program.
+/// Description of an entity class for the mount: constant data for the lifetime of the program.
 struct EntityType {
   std::string_view typeName;
   std::string_view attributeName;
   Drift::Format::Layout layout;
   std::uint32_t keySize;     ///< bytes
   std::uint32_t recordSize;  ///< bytes
-  /// Null: the entity offers its records as words (`UntypedHashed`, `UntypedDense`).
+  /// Creates the entity. Null: records are accessed as words (`UntypedHashed`, `UntypedDense`).
   Fenrik::Ptr<Entity> (*make)(const Fenrik::String& path,
                               std::unique_ptr<Drift::DriftFile> file) = nullptr;
 };
 
-/// Enters a class of entities under its type name, for the life of the program. Meant for objects
-/// of static storage; a name that is entered twice must mean the same class.
+/// Registers an entity class under its type name, for the lifetime of the program. Intended for
+/// static objects. Registering a name twice requires the same class.
 class QUARNBASTIL_EXPORT EntityRegistration {
  public:
   explicit EntityRegistration(const EntityType& type);
 
-  /// The class of that name; null if there is none.
+  /// The class registered under the name, or null.
   static const EntityType* find(std::string_view typeName);
 };
 

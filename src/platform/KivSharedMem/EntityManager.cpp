@@ -7,8 +7,8 @@ namespace KivSharedMem {
 
 namespace {
 
-/// The managers that this process made, by name, the newest one of each; not owned. Never
-/// destroyed: managers that a program keeps in globals may go later than anything of this library.
+/// The managers that this process created, the newest of each name; not owned. Never destroyed,
+/// because a program's global managers may outlive the library's static objects.
 std::map<Fenrik::String, EntityManager*>& localManagers() {
   static auto& all = *new std::map<Fenrik::String, EntityManager*>;
   return all;
@@ -71,7 +71,7 @@ EntityManager::~EntityManager() {
 }
 
 Fenrik::Ptr<EntityManager> EntityManager::getEntityManager(const Fenrik::String& name, bool local) {
-  // The machine's managers stay for the life of the process, as their directories do.
+  // Managers of the machine are kept for the lifetime of the process.
   static std::map<Fenrik::String, Fenrik::Ptr<EntityManager>> machine;
   if (local) {
     const auto found = localManagers().find(name);

@@ -15,13 +15,13 @@ namespace KivSharedMem {
 
 class QUARNBASTIL_EXPORT EntityManager;
 
-/// Which entities are looked for.
+/// Selects the entities to find.
 enum class KivSharedMemType : unsigned {
-  mounted = 0,  ///< those that this process has mounted
-  stored = 1,   ///< those that have a collection in the directory, mounted or not
+  mounted = 0,  ///< entities mounted by this process
+  stored = 1,   ///< entities with a collection in the directory, mounted or not
 };
 
-/// The paths of the entities that were found.
+/// The paths of the entities found.
 class QUARNBASTIL_EXPORT EntityColl final : public Fenrik::NodeClass<EntityColl> {
  public:
   struct QUARNBASTIL_EXPORT PathOfEntity {
@@ -34,7 +34,7 @@ class QUARNBASTIL_EXPORT EntityColl final : public Fenrik::NodeClass<EntityColl>
   ~EntityColl() override;
 
   unsigned entityCount() const noexcept { return paths_.memberCount(); }
-  /// In no order that may be relied on.
+  /// In unspecified order.
   const Map& paths() const noexcept { return paths_; }
 
  private:
@@ -49,30 +49,32 @@ class QUARNBASTIL_EXPORT MountGroup : public Fenrik::NodeClass<MountGroup> {
   explicit MountGroup(Fenrik::Ptr<EntityManager> manager);
   ~MountGroup() override;
 
-  /// One mount that was asked for.
+  /// One requested mount.
   class QUARNBASTIL_EXPORT Request : public Fenrik::NodeClass<Request> {
    public:
     Request(Fenrik::String path, Fenrik::String typeName, KivDrift::MountInfo info,
             const EntityType* type = nullptr);
     ~Request() override;
 
+    /// Path of the entity.
     const Fenrik::String path;
+    /// Name of the entity's type.
     const Fenrik::String typeName;
+    /// Requested properties.
     const KivDrift::MountInfo info;
-    /// Null: no type is entered under the name.
+    /// Null if no type is registered under the name.
     const EntityType* const type;
   };
 
-  /// Asks for the mount of one entity; it is carried out by `doClose`.
+  /// Requests the mount of one entity; `doClose` carries it out.
   virtual Fenrik::Ptr<Request> mount(const Fenrik::String& path, const Fenrik::String& typeName,
                                      const KivDrift::MountInfo& info);
-  /// As above, of a type that need not be entered under its name and outlives the entity.
+  /// As above, for a type that need not be registered. REQUIRES: `type` outlives the entity.
   Fenrik::Ptr<Request> mount(const Fenrik::String& path, const EntityType& type,
                              const KivDrift::MountInfo& info);
 
-  /// Carries the mounts out, in the order in which they were asked for; they are complete on
-  /// return. An entity that is mounted already stays as it is. Throws `Drift::MountException`, with
-  /// the mounts before the failed one in place.
+  /// Carries out the mounts in the order of the requests. Entities already mounted are unchanged.
+  /// Throws `Drift::MountException`; mounts before the failed one remain.
   void doClose();
 
  private:
@@ -80,37 +82,37 @@ class QUARNBASTIL_EXPORT MountGroup : public Fenrik::NodeClass<MountGroup> {
   std::vector<Fenrik::Ptr<Request>> requests_;
 };
 
-/// The shared-memory manager: a directory whose files are collections, and the entities of it that
+/// The shared-memory manager: a directory whose files are collections, and the entities in it that
 /// this process has mounted.
 ///
-/// Threads: the table thread. Any number of managers, in any processes, may stand over one
-/// directory; a collection has one writer at a time.
+/// Threads: the table thread. Any number of managers, in any processes, can use one directory; a
+/// collection has one writer at a time.
 class QUARNBASTIL_EXPORT EntityManager final : public Fenrik::NodeClass<EntityManager> {
  public:
-  /// Where the machine's managers have their directories.
+  /// Parent of the directories of the machine's managers.
   static constexpr const char* kDefaultRoot = "/dev/shm";
 
-  /// Over a directory; an empty one means the manager's name below the default root. Throws
-  /// `Drift::MountException`.
+  /// Opens `directory`; if it is empty, the directory with the manager's name below the default
+  /// root. Throws `Drift::MountException`.
   EntityManager(const Fenrik::String& name, const Fenrik::String& directory,
                 Drift::Directory::Access access);
   ~EntityManager() override;
 
-  /// The manager of a name, for writing. With `local` true the one that this process made itself
-  /// under the name, while it lives; otherwise, and with `local` false in any case, the machine's:
-  /// the directory of that name below the default root.
+  /// The manager with this name, for writing. If `local` is set and a manager created by this
+  /// process under the name exists, returns that; otherwise the machine's manager, whose directory
+  /// has that name below the default root.
   static Fenrik::Ptr<EntityManager> getEntityManager(const Fenrik::String& name, bool local);
 
   Fenrik::Ptr<MountGroup> getMountGroup();
 
-  /// The mounted entity of the path, or null.
+  /// The mounted entity with this path, or null.
   Fenrik::Ptr<Entity> getEntity(const Fenrik::String& path) const;
 
-  /// The entities whose path begins with `path`. Throws `Drift::MountException` if the directory
+  /// The entities whose paths begin with `path`. Throws `Drift::MountException` if the directory
   /// cannot be read.
   Fenrik::Ptr<EntityColl> findEntities(const Fenrik::String& path, KivSharedMemType type) const;
 
-  /// Lets go of a mounted entity; its collection stays.
+  /// Unmounts an entity. Its collection remains.
   void entityDel(const Fenrik::String& path);
 
   const Fenrik::String& name() const noexcept { return name_; }

@@ -8,27 +8,28 @@
 
 namespace Kiv {
 
-/// One class in the report of what is allocated.
+/// One class in the allocation report.
 struct AllocTrackRow {
+  /// Name of the class.
   std::string typeName;
-  /// Bytes of one object or array element, and its alignment (0 where only arrays were told).
+  /// Bytes of an object or array element, and its alignment (0 if only arrays were tracked).
   unsigned size;
   unsigned alignment;
-  /// Objects and array elements: alive now, alive at most at one time, ever made.
+  /// Objects and array elements: currently alive, most alive at one time, ever created.
   std::uint64_t live;
   std::uint64_t peak;
   std::uint64_t total;
-  /// Arrays alive; their elements are counted above.
+  /// Arrays alive. Their elements are included in `live`.
   std::uint64_t liveArrays;
   /// `live` times `size`.
   std::uint64_t liveBytes;
 };
 
-/// Every class that was ever tracked, those first that hold the most bytes.
+/// All tracked classes, in descending order of bytes held.
 QUARNBASTIL_EXPORT std::vector<AllocTrackRow> allocTrackRows();
 
-/// What is allocated, as text for a person: a line for every tracked class, those first that hold
-/// the most bytes, then a line for every size class of the slab, then what the slab holds in all.
+/// The allocation report as text: a line per tracked class in descending order of bytes held, a
+/// line per size class of the slab, and the slab's totals.
 QUARNBASTIL_EXPORT std::string allocReport();
 
 }  // namespace Kiv

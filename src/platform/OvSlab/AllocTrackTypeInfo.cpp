@@ -15,7 +15,7 @@
 namespace Kiv {
 namespace {
 
-/// All records by class. It is never destroyed: objects of static storage are told to it, too.
+/// All records by class. Never destroyed, because static objects are tracked too.
 struct Registry {
   std::mutex mutex;
   std::unordered_map<std::type_index, AllocTrackTypeInfo*> records;
@@ -26,7 +26,7 @@ Registry& registry() {
   return all;
 }
 
-/// Held where a peak and the limit above it move together. A new peak is rare, a report rarer.
+/// Held while a peak and the limit derived from it change. New peaks are rare, reports rarer.
 constinit std::mutex peakMutex;
 
 const Fenrik::ForkGuard forkGuard(
@@ -75,7 +75,7 @@ void AllocTrackTypeInfo::goneIncShared(Count count) noexcept {
   std::atomic_ref(madeLimit_).fetch_add(count);
 }
 
-/// What has gone is read before what was made, so that no more are ever gone than made.
+/// Reads `gone` before `made`, so that `gone` never exceeds `made`.
 AllocTrackRow AllocTrackTypeInfo::row() const {
   const auto read = [](const Count& count) {
     return std::atomic_ref(const_cast<Count&>(count)).load();

@@ -11,28 +11,30 @@ namespace Kiv {
 
 struct AllocTrackRow;
 
-/// What one tracked class holds: one record per class, made by its first allocation and never gone.
+/// Allocation record of one tracked class, created at its first allocation and never destroyed.
 ///
-/// Threads: those of `Fenrik::ThreadControl::tsp_`; a report may be taken on any thread at any
-/// time, and each of its figures then is one that held.
+/// Threads: as for `Fenrik::ThreadControl::tsp_`. Reports may be taken on any thread at any time;
+/// each figure in them was true at some instant of the call.
 ///
-/// I1. All trackers of one class point at the same record.
-/// I2. An object or array counts from before its storage is taken until after it was destroyed.
+/// I1. All trackers of a class point to the same record.
+/// I2. An object or array is counted from before its storage is allocated until after its
+///     destruction.
 ///
-/// Cost: a few plain additions while threads are off, atomic ones while they are on.
+/// Cost: a few plain additions with threads off, atomic ones with threads on.
 class QUARNBASTIL_EXPORT AllocTrackTypeInfo {
  public:
   AllocTrackTypeInfo(const AllocTrackTypeInfo&) = delete;
   AllocTrackTypeInfo& operator=(const AllocTrackTypeInfo&) = delete;
 
-  /// Tells one object. `*tracker` is null before the class's first, and points at its record after.
+  /// Counts one object. `*tracker` is null before the class's first object and points to the record
+  /// afterwards.
   static void _trackAllocation(AllocTrackTypeInfo** tracker, const std::type_info& type,
                                unsigned size, unsigned alignment) {
     record(tracker, type, size, alignment).madeInc(1);
   }
   static void trackDeallocation(AllocTrackTypeInfo* tracker) noexcept { tracker->goneInc(1); }
 
-  /// Tells one array of `count` elements, which may be none.
+  /// Counts one array of `count` elements, which may be 0.
   static void trackArrayAllocation(AllocTrackTypeInfo** tracker, const std::type_info& type,
                                    unsigned elementSize, unsigned count) {
     AllocTrackTypeInfo& info = record(tracker, type, elementSize, 0);
@@ -44,10 +46,10 @@ class QUARNBASTIL_EXPORT AllocTrackTypeInfo {
     tracker->goneInc(count);
   }
 
-  /// Objects and array elements that are alive.
+  /// Objects and array elements alive.
   unsigned long long liveCount() const;
 
-  /// All figures, as `OvSlab/AllocReport.h` explains them.
+  /// All figures, as described in `OvSlab/AllocReport.h`.
   AllocTrackRow row() const;
 
  private:
@@ -72,7 +74,7 @@ class QUARNBASTIL_EXPORT AllocTrackTypeInfo {
     madeLimit_ += count;
   }
 
-  /// Arrays are counted alive only; a step of -1 wraps.
+  /// Only live arrays are counted; adding -1 wraps.
   void arraysInc(Count step) noexcept {
     if (Fenrik::ThreadControl::tsp_) [[unlikely]] {
       Fenrik::AtomicRef(arrays_).fetchAdd(step);
@@ -96,20 +98,20 @@ class QUARNBASTIL_EXPORT AllocTrackTypeInfo {
   static AllocTrackTypeInfo& makeRecord(AllocTrackTypeInfo** tracker, const std::type_info& type,
                                         unsigned size, unsigned alignment);
 
-  /// Objects and elements ever made.
+  /// Objects and elements ever created.
   Count made_ = 0;
-  /// gone + peak: a count of made objects above it is a new peak. So making costs one comparison
-  /// and dropping one addition.
+  /// gone + peak: a count of created objects above it is a new peak. Creating costs one comparison,
+  /// destroying one addition.
   Count madeLimit_ = 0;
   /// Most objects alive at one time.
   Count peak_ = 0;
   /// Arrays alive.
   Count arrays_ = 0;
-  /// Never freed, as the record is.
+  /// Never freed, like the record.
   const char* const typeName_;
   /// Bytes of an object or element.
   const unsigned size_;
-  /// 0 where only arrays were reported.
+  /// 0 if only arrays were tracked.
   const unsigned alignment_;
 };
 

@@ -24,7 +24,7 @@ namespace {
 constexpr unsigned kListCount = static_cast<unsigned>(SlabState::current);
 constexpr std::uint64_t kNever = ~std::uint64_t{0};
 
-/// The current slab of a head that has none: nothing is free in it, nothing to be carved.
+/// Stands in for a head's missing current slab: no free object, nothing left to carve.
 constinit Slab noSlab{.free = nullptr,
                       .given = 0,
                       .givenLimit = kNever,
@@ -38,7 +38,7 @@ constinit Slab noSlab{.free = nullptr,
                       .headIndex = 0,
                       .state = SlabState::current};
 
-/// What a head has beside its current slab.
+/// The slabs of a head other than its current one.
 struct HeadLists {
   std::mutex mutex;
   SlabList lists[kListCount];
@@ -69,7 +69,7 @@ constexpr Heads emptyHeads() {
 
 std::uint64_t liveIn(const Slab& slab) noexcept { return slab.taken - slab.given; }
 
-/// Makes the next page of a slab into free objects; false when the slab has been carved up.
+/// Turns the next page of a slab into free objects. False if the slab is completely carved.
 bool carve(Slab& slab) noexcept {
   if (slab.carved == slab.capacity) return false;
   const unsigned batch = std::max(1u, 4096u / slab.objectSize);
@@ -97,9 +97,9 @@ void enterClass(Slab& slab, unsigned headIndex) noexcept {
   slab.headIndex = static_cast<std::uint8_t>(headIndex);
 }
 
-/// Puts a slab that is not taken from into the list that fits it, and sets how far it may fall
-/// before it is due for the next. A full slab stays one until an eighth of it is free: objects are
-/// taken from it only when that pays.
+/// Adds a slab, other than a current one, to the list for its fill level, and sets the limit at
+/// which it moves to the next list. A full slab stays in its list until an eighth of it is free, so
+/// that taking objects from it pays off.
 void enlist(Slab& slab) noexcept {
   const std::uint64_t live = liveIn(slab);
   const unsigned capacity = slab.capacity;
@@ -118,7 +118,7 @@ void enlist(Slab& slab) noexcept {
   headLists[slab.headIndex].of(slab.state).pushFront(slab);
 }
 
-/// The slab to take from next: the fullest first, so that the emptiest may run empty.
+/// The next slab to take objects from: the fullest, so that the emptiest can become empty.
 Slab* nextSlab(unsigned headIndex) noexcept {
   for (const SlabState state : {SlabState::high, SlabState::middle, SlabState::low}) {
     if (Slab* const slab = headLists[headIndex].of(state).popFront()) return slab;
@@ -128,7 +128,8 @@ Slab* nextSlab(unsigned headIndex) noexcept {
   return slab;
 }
 
-/// Gives a head whose current slab has no free object one that has; false when there is none.
+/// Ensures a free object in a head's current slab, replacing the slab if need be. False if memory
+/// is exhausted.
 bool refill(unsigned headIndex) noexcept {
   Slab*& current = SlabHeap::heads_[headIndex].current;
   if (carve(*current)) return true;
@@ -141,7 +142,7 @@ bool refill(unsigned headIndex) noexcept {
   return slab->free != nullptr || carve(*slab);
 }
 
-/// Moves a slab whose free objects reached its limit to where it belongs now.
+/// Moves a slab that has reached its limit to the list for its new fill level.
 void relocate(Slab& slab) noexcept {
   headLists[slab.headIndex].of(slab.state).remove(slab);
   if (liveIn(slab) != 0) {
@@ -151,8 +152,8 @@ void relocate(Slab& slab) noexcept {
   }
 }
 
-/// Whether an object stands in its slab's free list or has never been taken. The mark alone does
-/// not say: the owner's data may look like it.
+/// Whether an object is in its slab's free list or has never been taken. The mark is not
+/// sufficient, because user data may contain the same value.
 bool isFree(const Slab& slab, const void* storage) noexcept {
   const auto* const start = static_cast<const char*>(SlabMemory::startOf(slab));
   const auto* const carvedEnd = start + std::size_t{slab.carved} * slab.objectSize;
@@ -167,7 +168,7 @@ bool isFree(const Slab& slab, const void* storage) noexcept {
   return false;
 }
 
-/// Says why the process ends, without the heap, and ends it.
+/// Prints a message without using the heap, and aborts.
 [[noreturn, gnu::format(printf, 1, 2)]] void stop(const char* format, ...) noexcept {
   std::va_list args;
   va_start(args, format);

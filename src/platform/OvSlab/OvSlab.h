@@ -6,39 +6,39 @@
 #include "Fenrik/Export.h"
 #include "OvSlab/SlabHeap.h"
 
-/// The allocator of the system's objects. A slab is 64 KiB of objects of one size class and one
-/// pattern; empty slabs go back to the system, apart from a few that are kept for what comes next.
+/// Allocator of the system's objects. A slab holds 64 KiB of objects of one size class and pattern.
+/// Memory of empty slabs is returned to the system, except for a few that are kept for reuse.
 ///
-/// Threads: one, or any number with `Fenrik::ThreadControl::tsp_` set; an object may be freed on
-/// another thread than made it.
+/// Threads: one, or any number with `Fenrik::ThreadControl::tsp_` set. An object may be freed on
+/// another thread than the one that allocated it.
 ///
-/// I1. Storage is aligned to 16 bytes. Size 0 is good and gives storage of its own.
-/// I2. A second free of an object, and a free of what is no object's start, end the process with a
-///     message, as long as the storage is still free, or lies in a slab.
+/// I1. Storage is aligned to 16 bytes. Size 0 is valid and yields distinct storage.
+/// I2. A double free, and a free of an address that is not an object's start, abort with a message,
+///     provided that the storage is still free, or lies in a slab.
 ///
-/// Cost: a handful of instructions, inlined, while threads are off; an uncontended lock beside them
-/// while they are on. Objects above 8 KiB come from the heap.
+/// Cost: a few inlined instructions with threads off; in addition an uncontended lock with threads
+/// on. Objects above 8 KiB come from the heap.
 namespace OvSlab {
 
-/// Storage for a long-lived object. Never null: exhausted memory ends the process with a message
-/// that names the size and the reason.
+/// Allocates a long-lived object. Never null: exhausted memory aborts with a message that gives the
+/// size and the reason.
 inline void* slabAlloc(unsigned size);
 
-/// The same for an object that lives as long as `pattern` says.
+/// As above, for an object with the lifetime given by `pattern`.
 inline void* slabAlloc(unsigned size, SlabAllocationPattern pattern);
 
-/// Raw storage, from the slab where the size fits one and from the heap otherwise. Null when
-/// memory is exhausted.
+/// Raw storage from the slab if the size fits, otherwise from the heap. Null if memory is
+/// exhausted.
 inline void* slabAllocOrStdMalloc(unsigned size, SlabAllocationPattern pattern);
 
-/// Frees what `slabAlloc` gave.
+/// Frees storage from `slabAlloc`.
 inline void slabFree(void* storage, const std::type_info& type) noexcept;
 
-/// The same where the caller knows the size and the pattern that it gave to `slabAlloc`: quicker.
+/// As above, faster, for a caller that knows the size and pattern passed to `slabAlloc`.
 inline void slabFree(void* storage, const std::type_info& type, unsigned size,
                      SlabAllocationPattern pattern) noexcept;
 
-/// Frees what any operation above or `std::malloc` gave; null is let pass.
+/// Frees storage from any function above or `std::malloc`. Null is ignored.
 inline void slabFreeOrStdFree(void* storage, const std::type_info& type) noexcept;
 inline void slabFreeOrStdFree(void* storage) noexcept;
 

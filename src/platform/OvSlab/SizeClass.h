@@ -4,13 +4,13 @@
 
 namespace OvSlab::Impl {
 
-/// Alignment of every object, and the least room that holds a free object's two words.
+/// Alignment of every object, and the smallest size that holds a free object's two words.
 inline constexpr unsigned kGranule = 16;
-/// Up to this size there is a class for every granule; above it four for every doubling, so that
-/// at most a fifth of an object is unused.
+/// Up to this size there is one class per granule; above it four classes per doubling, so that at
+/// most a fifth of an object is unused.
 inline constexpr unsigned kFineLimit = 256;
 inline constexpr unsigned kFineClassCount = kFineLimit / kGranule;
-/// The largest object that comes from a slab; eight of them fill one.
+/// The largest object allocated from a slab; a slab holds eight of them.
 inline constexpr unsigned kSlabObjectLimit = 8192;
 
 /// The class of the smallest objects that hold `size` bytes. REQUIRES: size <= kSlabObjectLimit.
@@ -21,7 +21,7 @@ constexpr unsigned sizeClassOf(unsigned size) noexcept {
   return kFineClassCount + (log - 8) * 4 + ((last >> (log - 2)) & 3);
 }
 
-/// The size of a class's objects.
+/// Object size of a class.
 constexpr unsigned objectSizeOf(unsigned sizeClass) noexcept {
   if (sizeClass < kFineClassCount) return (sizeClass + 1) * kGranule;
   const unsigned coarse = sizeClass - kFineClassCount;

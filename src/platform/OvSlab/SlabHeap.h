@@ -9,15 +9,15 @@
 #include "OvSlab/SizeClass.h"
 #include "OvSlab/SlabPoison.h"
 
-/// The part of the slab that is inlined where objects are made and dropped. A user includes
+/// The inlined part of the slab: allocation and deallocation of objects. Users include
 /// `OvSlab/OvSlab.h`.
 namespace OvSlab {
 
-/// How long the object lives, as its class knows it.
+/// Expected lifetime of the objects of a class.
 enum class SlabAllocationPattern : std::uint8_t {
-  /// Tables, interfaces, chunks: made seldom, kept long.
+  /// Tables, interfaces, chunks: created rarely, kept long.
   longLived = 0,
-  /// Handles, wrappers, resolver entries: made and gone with every write.
+  /// Handles, wrappers, resolver entries: created and destroyed with every write.
   perWrite = 1,
 };
 
@@ -26,71 +26,76 @@ namespace Impl {
 inline constexpr unsigned kPatternCount = 2;
 inline constexpr unsigned kHeadCount = kPatternCount * kSizeClassCount;
 inline constexpr unsigned kSlabShift = 16;
-/// 64 KiB: hundreds of the usual objects, and small enough that slabs run empty.
+/// 64 KiB: holds hundreds of typical objects, and is small enough to become empty.
 inline constexpr std::size_t kSlabBytes = std::size_t{1} << kSlabShift;
 
-/// What stands in an object of a free list.
+/// Content of an object in a free list.
 struct FreeObject {
   FreeObject* next;
-  /// `kFreeMark`: detects double frees. Overlays the use count of a live node, and is as wide: a
-  /// wider load would wait for the store of the count.
+  /// `kFreeMark`: detects double frees. Overlays the use count of a live node and has its width,
+  /// because a wider load would stall on the store of the count.
   std::uint32_t mark;
 };
 
 /// A value that no live object is expected to hold at this offset.
 inline constexpr std::uint32_t kFreeMark = 0x9e3779b9;
 
-/// Where a slab stands. Each of the first four is a list of the slab's head.
+/// List of its head that a slab is in; `current` and `empty` slabs are in none.
 enum class SlabState : std::uint8_t { full, high, middle, low, current, empty };
 
-/// The descriptor of one slab. Descriptors stand in an array of their own: packed, so that a
-/// free at random touches few cache lines, and not a page of the slab's.
+/// Descriptor of one slab. Descriptors are kept in a separate array, so that frees in random order
+/// touch few cache lines and no page of the slab.
 ///
-/// I1. `taken - given` objects of it live.
-/// I2. `given` reaches `givenLimit` when the slab is due for another list; a free looks at nothing
-///     else. It cannot in the slab that objects are taken from.
-/// I3. `inverse` is zero while the slab belongs to no size class.
+/// I1. The slab has `taken - given` live objects.
+/// I2. `given` reaches `givenLimit` when the slab must move to another list; a free checks nothing
+///     else. In a current slab it never reaches it.
+/// I3. `inverse` is zero while the slab has no size class.
 struct alignas(64) Slab {
+  /// First free object.
   FreeObject* free;
+  /// Frees so far, and the number at which the slab changes lists.
   std::uint64_t given;
   std::uint64_t givenLimit;
+  /// Allocations so far.
   std::uint64_t taken;
   Slab* next;
   Slab* prev;
-  /// 2^32 / object size, rounded up: an offset is an object's start exactly if its product with
-  /// this, modulo 2^32, is below it.
+  /// 2^32 / object size, rounded up. An offset is an object's start exactly if its product with
+  /// this, modulo 2^32, is less than this.
   std::uint32_t inverse;
   std::uint16_t objectSize;
-  /// Objects handed out at least once; they are the first of the slab.
+  /// Number of objects handed out at least once, from the start of the slab.
   std::uint16_t carved;
+  /// Number of objects that fit the slab.
   std::uint16_t capacity;
   std::uint8_t headIndex;
   SlabState state;
 };
 static_assert(sizeof(Slab) == 64);
 
-/// The objects of one size class and pattern, as the fast path sees them.
+/// Objects of one size class and pattern; the part that the fast path uses.
 struct Head {
-  /// The slab that objects are taken from, never null.
+  /// The slab to take objects from; never null.
   Slab* current;
-  /// One freed object that its slab still counts as taken, or null. A caller that frees one and
-  /// makes one, over and over, touches no free list: two dependent loads and stores in each would
-  /// take longer than everything else together.
+  /// One freed object that its slab still counts as taken, or null. A caller that alternately frees
+  /// and allocates does not touch the free list, whose two dependent loads and stores would
+  /// dominate the cost.
   void* spare;
 };
 
-/// The heads of all patterns and size classes, by `headIndexOf`.
+/// The heads of all patterns and size classes, indexed by `headIndexOf`.
 struct Heads {
   Head all[kHeadCount];
   Head& operator[](unsigned headIndex) noexcept { return all[headIndex]; }
 };
 
-/// Where slabs are: one range of addresses, reserved once, so that a comparison tells whether
-/// storage came from a slab.
+/// Address range of all slabs, reserved once, so that a comparison tells whether storage is from a
+/// slab.
 struct Range {
-  /// Zero until the first slab is needed. Stored last with release, and where threads are on read
-  /// first with acquire; the others never change after that.
+  /// Zero until the first slab is needed. With threads on it is stored last, with release, and read
+  /// first, with acquire; the other members do not change afterwards.
   std::size_t bytes;
+  /// Start of the slabs, and their descriptors.
   std::uintptr_t base;
   Slab* slabs;
 };
@@ -104,7 +109,7 @@ constexpr unsigned headIndexOf(unsigned size, SlabAllocationPattern pattern) noe
   return static_cast<unsigned>(pattern) * kSizeClassCount + sizeClassOf(size);
 }
 
-/// Takes a free object of the head; null when neither it nor its current slab has one.
+/// Takes a free object of the head. Null if neither the head nor its current slab has one.
 inline void* take(Head& head, [[maybe_unused]] unsigned size) noexcept {
   if (void* const storage = head.spare) [[likely]] {
     head.spare = nullptr;
@@ -124,29 +129,29 @@ inline void* take(Head& head, [[maybe_unused]] unsigned size) noexcept {
   return object;
 }
 
-/// Whether the storage lies in a slab, as a caller knows that read the range's extent.
+/// Whether the storage lies in a slab, given the range's size as the caller has read it.
 inline bool inRange(const void* storage, std::size_t bytes) noexcept {
   return reinterpret_cast<std::uintptr_t>(storage) - SlabHeap::range_.base < bytes;
 }
 
-/// The descriptor of the slab that the storage lies in. REQUIRES: it lies in one.
+/// The slab of the storage. REQUIRES: the storage lies in a slab.
 inline Slab& slabOf(const void* storage) noexcept {
   const std::uintptr_t offset = reinterpret_cast<std::uintptr_t>(storage) - SlabHeap::range_.base;
   return SlabHeap::range_.slabs[offset >> kSlabShift];
 }
 
-/// What came of giving an object back.
+/// Outcome of freeing an object.
 enum class GiveResult : std::uint8_t {
   given,
-  /// Given, and the slab is due for another list.
+  /// Freed; the slab must move to another list.
   attend,
-  /// Not given: no object starts there.
+  /// Not freed: no object starts at the address.
   noObject,
-  /// Not given: the object looks as if it were free already.
+  /// Not freed: the object may be free already.
   suspect,
 };
 
-/// Puts an object into its slab's free list.
+/// Adds an object to its slab's free list.
 inline GiveResult putFree(Slab& slab, void* storage) noexcept {
   auto* const object = static_cast<FreeObject*>(storage);
   object->next = slab.free;
@@ -156,8 +161,8 @@ inline GiveResult putFree(Slab& slab, void* storage) noexcept {
   return ++slab.given == slab.givenLimit ? GiveResult::attend : GiveResult::given;
 }
 
-/// Keeps a freed object as the spare one of its head; false when there is one, or when the object
-/// looks as if it were free already.
+/// Keeps a freed object as its head's spare. False if the head has a spare, or if the object may be
+/// free already.
 inline bool keepSpare(Head& head, void* storage, [[maybe_unused]] unsigned objectSize) noexcept {
   if (head.spare != nullptr) [[unlikely]]
     return false;
@@ -168,7 +173,7 @@ inline bool keepSpare(Head& head, void* storage, [[maybe_unused]] unsigned objec
   return true;
 }
 
-/// Gives an object back to its head or its slab, after a look at it.
+/// Checks an object and frees it to its head or slab.
 inline GiveResult give(Slab& slab, void* storage) noexcept {
   const auto offset = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(storage)) &
                       static_cast<std::uint32_t>(kSlabBytes - 1);
@@ -184,15 +189,15 @@ inline GiveResult give(Slab& slab, void* storage) noexcept {
   return putFree(slab, storage);
 }
 
-/// Allocation where the current slab has nothing, threads are on, or the size is above the slab's:
-/// null when memory is exhausted. Sizes above go to the heap.
+/// Allocates when the inlined path cannot: the current slab is exhausted, threads are on, or the
+/// size exceeds the slab's limit and is taken from the heap. Null if memory is exhausted.
 QUARNBASTIL_EXPORT void* allocOutOfLine(unsigned size, SlabAllocationPattern pattern) noexcept;
 
-/// Frees storage of any source where the inline path did not. `type` is for the message of a
-/// free that is wrong.
+/// Frees storage of any origin when the inlined path cannot. `type` is for the message of an
+/// invalid free.
 QUARNBASTIL_EXPORT void freeOutOfLine(void* storage, const std::type_info& type) noexcept;
 
-/// Completes or refuses what `give` began.
+/// Handles the outcomes of `give` other than `given`.
 QUARNBASTIL_EXPORT void giveOutOfLine(Slab& slab, void* storage, GiveResult result,
                                       const std::type_info& type) noexcept;
 
@@ -217,7 +222,7 @@ inline void free(void* storage, const std::type_info& type) noexcept {
     giveOutOfLine(slab, storage, result, type);
 }
 
-/// Frees where the caller knows the size: no look-up of the slab to find the head.
+/// Frees storage of known size, which gives the head without looking the slab up.
 inline void free(void* storage, const std::type_info& type, unsigned size,
                  SlabAllocationPattern pattern) noexcept {
   if (size <= kSlabObjectLimit && !Fenrik::ThreadControl::tsp_ &&

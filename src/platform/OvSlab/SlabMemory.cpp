@@ -9,12 +9,12 @@
 namespace OvSlab::Impl {
 namespace {
 
-/// Addresses cost nothing until they are used: 64 GiB is more than the nine tables hold at their
-/// declared size. Where a limit on addresses forbids it, half as much is tried, and so on.
+/// Addresses cost nothing until used: 64 GiB is more than the nine tables hold at their declared
+/// size. If a limit on address space forbids it, half as much is tried, and so on.
 constexpr std::size_t kReserveMost = std::size_t{1} << 36;
 constexpr std::size_t kReserveLeast = std::size_t{1} << 28;
 
-/// Slabs become usable in steps whose descriptors fill one page, 4 MiB of slabs.
+/// Slabs are made accessible in steps whose descriptors fill one page: 4 MiB of slabs.
 constexpr std::size_t kPageBytes = 4096;
 constexpr std::size_t kGrowth = kPageBytes / sizeof(Slab);
 

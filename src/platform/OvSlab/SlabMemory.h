@@ -8,7 +8,7 @@
 
 namespace OvSlab::Impl {
 
-/// Holds a lock while threads are on, and nothing while they are off.
+/// Locks a mutex while threads are on; does nothing while they are off.
 class ModeLock {
  public:
   explicit ModeLock(std::mutex& mutex) noexcept
@@ -22,11 +22,11 @@ class ModeLock {
   }
 
  private:
-  /// Held by every operation while threads are on.
+  /// The locked mutex, or null.
   std::mutex* mutex_;
 };
 
-/// Slabs linked through their descriptors; a slab stands in one list at most.
+/// A list of slabs, linked through their descriptors. A slab is in at most one list.
 class SlabList {
  public:
   Slab* front() const noexcept { return first_; }
@@ -43,21 +43,22 @@ class SlabList {
   std::size_t count_ = 0;
 };
 
-/// Where slabs come from and empty ones go to.
+/// Supplies slabs and takes empty ones back.
 ///
-/// Threads: any when `tsp_` is set; a caller may hold the lock of one head.
+/// Threads: any with `tsp_` set. The caller may hold the lock of one head.
 ///
-/// I1. At most `keepLimit()` empty slabs keep their memory; when one more comes, the half that has
-///     been empty longest gives it back. So a load that moves by less than that half, up and down
-///     for ever, asks the system for nothing.
+/// I1. At most `keepLimit()` empty slabs keep their memory. When the limit is exceeded, the half
+///     that has been empty longest is released. A load that oscillates by less than that half
+///     therefore causes no system calls.
 class SlabMemory {
  public:
-  /// Kept however little is in use: half a mebibyte. Above that, an eighth of what is in use.
+  /// Empty slabs kept at least: half a MiB. The limit is an eighth of the slabs in use if that is
+  /// more.
   static constexpr std::size_t kKeepAtLeast = 8;
 
-  /// An empty slab that belongs to no class; null when the system gives no more.
+  /// An empty slab without a class. Null if the system has no memory.
   Slab* slabTake() noexcept;
-  /// Takes back a slab in which nothing lives.
+  /// Takes back a slab without live objects.
   void slabGive(Slab& slab) noexcept;
 
   struct Counts {
@@ -69,7 +70,7 @@ class SlabMemory {
 
   static void* startOf(const Slab& slab) noexcept;
 
-  /// Around a fork.
+  /// Called around a fork.
   void lock() { mutex_.lock(); }
   void unlock() { mutex_.unlock(); }
 
@@ -80,17 +81,17 @@ class SlabMemory {
   std::size_t keepLimit() const noexcept;
 
   std::mutex mutex_;
-  /// Empty slabs with memory, newest first.
+  /// Empty slabs with memory, most recently emptied first.
   SlabList kept_;
-  /// Empty slabs whose memory was given back.
+  /// Empty slabs whose memory has been released.
   SlabList released_;
-  /// Slabs that belong to a class.
+  /// Slabs with a class.
   std::size_t inUse_ = 0;
-  /// Slabs ever handed out, slabs whose addresses may be used, slabs reserved.
+  /// Numbers of slabs ever handed out, made accessible, and reserved.
   std::size_t begun_ = 0;
   std::size_t usable_ = 0;
   std::size_t reserved_ = 0;
-  /// The one reservation was made, or refused.
+  /// The only attempt to reserve addresses has been made.
   bool reserveTried_ = false;
 };
 

@@ -2,8 +2,8 @@
 
 #include <cstddef>
 
-// Free objects are poisoned where the address sanitizer watches, so that it reports their use as it
-// does for the heap, and slabs are told to its leak check as memory that may hold pointers.
+// Under the address sanitizer, free objects are poisoned, so that their use is reported as for the
+// heap, and slabs are registered with its leak check as memory that may contain pointers.
 #if defined(__SANITIZE_ADDRESS__)
 #define OVSLAB_POISON 1
 #elif defined(__has_feature)

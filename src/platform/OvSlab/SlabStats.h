@@ -8,32 +8,33 @@
 
 namespace OvSlab {
 
-/// What the slabs of one size class and pattern hold.
+/// Usage of the slabs of one size class and pattern.
 struct SlabClassStats {
+  /// Bytes of an object.
   unsigned objectSize;
   SlabAllocationPattern pattern;
   std::size_t slabs;
   std::size_t objectsLive;
-  /// Room for objects in the same slabs.
+  /// Free room for objects in these slabs.
   std::size_t objectsFree;
   std::size_t bytesHeld;
 };
 
-/// What the whole slab holds of the system.
+/// Memory that the slab allocator holds.
 struct SlabStats {
-  /// The classes that have slabs: by pattern, then by size.
+  /// The classes that have slabs, ordered by pattern, then size.
   std::vector<SlabClassStats> classes;
-  /// Slabs that belong to a class.
+  /// Slabs with a class.
   std::size_t slabsInUse;
-  /// Empty slabs that keep their memory for what comes next.
+  /// Empty slabs kept with their memory for reuse.
   std::size_t slabsKept;
-  /// Empty slabs whose memory went back to the system.
+  /// Empty slabs whose memory has been released.
   std::size_t slabsReleased;
-  /// Memory of the first two.
+  /// Bytes of the slabs in use and kept.
   std::size_t bytesHeld;
 };
 
-/// The slab at this moment. While other threads work, each row is exact in itself.
+/// Current usage. While other threads allocate, each row is consistent in itself.
 QUARNBASTIL_EXPORT SlabStats stats();
 
 }  // namespace OvSlab

@@ -5,7 +5,7 @@
 
 namespace OvSlab::Impl {
 
-/// The name of a type as a programmer writes it.
+/// The demangled name of a type.
 std::string typeName(const std::type_info& type);
 
 }  // namespace OvSlab::Impl

@@ -5,8 +5,8 @@
 
 namespace QuarnL3NiLib {
 
-/// Names a record of the resource table that turns a request into a destination; 0 names none. Its
-/// alignment is 4, as that of the records in which it stands.
+/// Key of the resource table that maps a request to a destination; 0 means none. Aligned to 4
+/// bytes, as the records that contain it are.
 class QUARNBASTIL_EXPORT ReqIdToFecResourceTableEntryKey final
     : public Asic::Number<ReqIdToFecResourceTableEntryKey, std::uint64_t, 0, 4> {
  public:

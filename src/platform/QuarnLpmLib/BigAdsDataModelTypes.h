@@ -19,7 +19,7 @@ struct QUARNBASTIL_EXPORT BigAdsDataModelEntryKey final : PrefixKey<BigAdsDataMo
   using PrefixKey::PrefixKey;
 };
 
-/// What a 32-bit prefix leads to.
+/// Result of the prefix search for a 32-bit prefix.
 struct QUARNBASTIL_EXPORT BigAdsDataModelLogEntry : Drift::FlatValue<BigAdsDataModelLogEntry> {
   using Key = BigAdsDataModelEntryKey;
 

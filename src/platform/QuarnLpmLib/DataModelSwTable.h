@@ -6,8 +6,8 @@
 
 namespace QuarnLpmLib {
 
-/// Base of the software tables of one data model. `Self` is the model's own class, and brings the
-/// handle type with key, table pointer and table identity.
+/// Base class of a data model's software tables. `Self` is the model's own class; the handle type
+/// has its key type and table pointer.
 template <class Self, class KeyType>
 class QUARNBASTIL_EXPORT DataModelSwTableBase : public Asic::OrderedSwTable {
  public:
@@ -16,13 +16,13 @@ class QUARNBASTIL_EXPORT DataModelSwTableBase : public Asic::OrderedSwTable {
   using Asic::OrderedSwTable::OrderedSwTable;
 };
 
-/// Base of the iterations over the tables of one data model.
+/// Base class of the iterator states of a data model's tables.
 template <class EntryType>
 class QUARNBASTIL_EXPORT DataModelSwTableIteratorState : public Asic::SwTableIteratorStateBase {
  public:
   using Asic::SwTableIteratorStateBase::SwTableIteratorStateBase;
 
-  /// One step: the next entry, or a default one at the end.
+  /// Advances by one: returns the next entry, or a default one at the end.
   virtual EntryType maybeUpdateCurrentEntry() = 0;
 };
 

@@ -10,7 +10,7 @@
 
 namespace QuarnLpmLib {
 
-/// The shape of a key that is a place in a bank. `Self` is the table's own key type.
+/// Key that is a row within a bank. `Self` is the table's own key type.
 template <class Self>
 struct QUARNBASTIL_EXPORT IndexBankKey {
   std::uint16_t index = 0;

@@ -8,8 +8,8 @@
 
 namespace QuarnLpmLib {
 
-/// What one block of the prefix search compares, and where its branches lead. The agent interprets
-/// none of it.
+/// One block of the prefix search: values to compare, their masks, and the targets of the block's
+/// branches. The agent does not interpret it.
 struct QUARNBASTIL_EXPORT PrefixBlock {
   std::array<std::uint32_t, 4> value{};
   std::array<std::uint32_t, 4> mask{};

@@ -10,8 +10,7 @@
 
 namespace QuarnLpmLib {
 
-/// The shape of a key that is a prefix of 32 bits and its length. `Self` is the table's own key
-/// type.
+/// Key that is a 32-bit prefix and its length. `Self` is the table's own key type.
 template <class Self>
 struct QUARNBASTIL_EXPORT PrefixKey {
   std::uint32_t prefix = 0;
@@ -35,7 +34,7 @@ struct QUARNBASTIL_EXPORT PrefixKey {
   }
 };
 
-/// The same of 64 bits, in two words.
+/// Key that is a 64-bit prefix, in two words, and its length.
 template <class Self>
 struct QUARNBASTIL_EXPORT WidePrefixKey {
   std::uint32_t high = 0;

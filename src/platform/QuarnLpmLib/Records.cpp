@@ -7,8 +7,8 @@
 namespace QuarnLpmLib {
 namespace {
 
-// Known to the mount by name as soon as the library is loaded. A record that is laid out wrongly
-// stops this source and not its first user.
+// Registered when the library is loaded, so that a mount finds them by name. A wrong record layout
+// fails to compile here rather than at its first use.
 const KivSharedMem::EntityRegistrations<
     BigBbDataModelConfigDrift, BigBbDataModelEntryLogDrift, SmallBbDataModelConfigDrift,
     SmallBbDataModelEntryLogDrift, BigAdsDataModelConfigDrift, BigAdsDataModelEntryLogDrift,

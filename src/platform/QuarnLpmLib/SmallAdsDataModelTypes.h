@@ -20,7 +20,7 @@ struct QUARNBASTIL_EXPORT SmallAdsDataModelEntryKey final
   using IndexBankKey::IndexBankKey;
 };
 
-/// What a row of the small search leads to.
+/// Result of the small prefix search for a row.
 struct QUARNBASTIL_EXPORT SmallAdsDataModelLogEntry : Drift::FlatValue<SmallAdsDataModelLogEntry> {
   using Key = SmallAdsDataModelEntryKey;
 

@@ -19,7 +19,7 @@ struct QUARNBASTIL_EXPORT TcamDataModelEntryKey final : PrefixKey<TcamDataModelE
   using PrefixKey::PrefixKey;
 };
 
-/// A prefix that is matched by content instead of by search.
+/// A prefix matched by content, not by search.
 struct QUARNBASTIL_EXPORT TcamDataModelLogEntry : Drift::FlatValue<TcamDataModelLogEntry> {
   using Key = TcamDataModelEntryKey;
 

@@ -55,7 +55,7 @@ std::string directoryOf(const Fenrik::String& name, const Fenrik::String& direct
 }  // namespace
 
 StateKey StateKey::of(std::string_view path) noexcept {
-  // 64-bit FNV-1a (offset basis and prime of its authors), and the same from another basis.
+  // 64-bit FNV-1a (its published offset basis and prime), and a variant with another basis.
   constexpr std::uint64_t kPrime = 0x100000001b3;
   StateKey key{0xcbf29ce484222325, 0x84222325cbf29ce4};
   for (const char c : path) {
@@ -100,7 +100,7 @@ EntityManager::EntityManager(const Fenrik::String& name, bool local,
 }
 
 EntityManager::~EntityManager() {
-  // An entity that is still held must not store into what is gone.
+  // Entities may outlive the manager; without a manager they store nothing.
   for (const auto& [path, entity] : entities_) entity->manager_ = nullptr;
 }
 

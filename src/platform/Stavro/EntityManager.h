@@ -17,8 +17,8 @@ namespace Stavro {
 
 class QUARNBASTIL_EXPORT EntityManager;
 
-/// A typed object of the state database, known by its path. Its class says how its value is
-/// written; what its mutators change is stored at once.
+/// A typed object of the state database, identified by its path. Its class defines how the value is
+/// stored; mutators store it immediately.
 class QUARNBASTIL_EXPORT Entity : public Fenrik::Node {
  public:
   ~Entity() override;
@@ -28,24 +28,24 @@ class QUARNBASTIL_EXPORT Entity : public Fenrik::Node {
  protected:
   Entity(Fenrik::String path, EntityManager* manager);
 
-  /// Stores the value: readers in other processes see the old one or the new one. Throws
-  /// `Drift::NoSpaceException` or `Drift::CollectionFullException` with nothing changed.
+  /// Stores the value. Readers in other processes see the old or the new one. Throws
+  /// `Drift::NoSpaceException` or `Drift::CollectionFullException`; nothing has changed then.
   void store();
 
  private:
   friend class EntityManager;
 
   virtual std::string_view typeName() const noexcept = 0;
-  /// The value as bytes, at most `StateRecord::kValueSize`.
+  /// The value as at most `StateRecord::kValueSize` bytes.
   virtual std::span<const std::byte> value() const noexcept = 0;
-  /// Takes the value from bytes; false if they are none of this class.
+  /// Sets the value from bytes. False if they are not a value of this class.
   virtual bool valueIs(std::span<const std::byte> bytes) noexcept = 0;
 
   Fenrik::String path_;
   EntityManager* manager_;
 };
 
-/// Enters a class of entities under its type name, for the life of the program.
+/// Registers an entity class under its type name, for the lifetime of the program.
 class QUARNBASTIL_EXPORT EntityRegistration {
  public:
   using Make = Fenrik::Ptr<Entity> (*)(const Fenrik::String& path, EntityManager* manager);
@@ -54,17 +54,17 @@ class QUARNBASTIL_EXPORT EntityRegistration {
   static Make find(std::string_view typeName);
 };
 
-/// The state database: typed entities by path, kept in one collection of the agent's directory, so
-/// that they outlive the process and another process sees them move.
+/// The state database: typed entities by path, stored in one collection of the agent's directory,
+/// so that they outlive the process and other processes can observe them.
 ///
 /// Threads: the table thread. One process writes; any number read.
 class QUARNBASTIL_EXPORT EntityManager final : public Fenrik::NodeClass<EntityManager> {
  public:
-  /// Entities that the database may hold; an agent has a handful.
+  /// Maximum number of entities; an agent uses a handful.
   static constexpr Drift::Word kCapacity = 1024;
 
-  /// `name` and `local` are handed on to the shared-memory manager of the agent. An empty
-  /// directory means the name's below the default root. Throws `Drift::MountException`.
+  /// `name` and `local` select the agent's shared-memory manager. An empty `directory` means the
+  /// one with that name below the default root. Throws `Drift::MountException`.
   EntityManager(const Fenrik::String& name, bool local, const Fenrik::String& directory,
                 Drift::Directory::Access access);
   ~EntityManager() override;
@@ -72,12 +72,12 @@ class QUARNBASTIL_EXPORT EntityManager final : public Fenrik::NodeClass<EntityMa
   const Fenrik::String& name() const noexcept { return name_; }
   bool local() const noexcept { return local_; }
 
-  /// The entity of the path with its present value, or null if there is none, or none of a class
-  /// that this process knows. Throws `Fenrik::CorruptionDetectedException`.
+  /// The entity at the path with its current value; null if there is none, or if its class is
+  /// unknown in this process. Throws `Fenrik::CorruptionDetectedException`.
   Fenrik::Ptr<Entity> getEntity(const Fenrik::String& path) const;
 
-  /// The entity of class `T` at the path, made with its default value if there is none. An entity
-  /// of another class there gives way.
+  /// The entity of class `T` at the path, created with its default value if absent. Replaces an
+  /// entity of another class.
   template <class T>
   Fenrik::Ptr<T> entityIs(const Fenrik::String& path) {
     const auto found = Fenrik::dynamicPtrCast<T>(getEntity(path));
@@ -87,10 +87,11 @@ class QUARNBASTIL_EXPORT EntityManager final : public Fenrik::NodeClass<EntityMa
     return made;
   }
 
-  /// Removes the entity; false if there was none.
+  /// Removes the entity. False if it does not exist.
   bool entityDel(const Fenrik::String& path);
 
-  /// Sleeps until something changes behind `seen`, a former `changes()`; true if it has.
+  /// `changes` is a count of changes. `waitForChange` sleeps until it differs from `seen` or the
+  /// timeout, and returns whether it differs.
   std::uint32_t changes() const noexcept { return file_->doorbell(); }
   bool waitForChange(std::uint32_t seen, std::chrono::nanoseconds timeout) const {
     return file_->waitForRing(seen, timeout);
@@ -101,7 +102,7 @@ class QUARNBASTIL_EXPORT EntityManager final : public Fenrik::NodeClass<EntityMa
  private:
   friend class Entity;
 
-  /// The name of the collection's file within the directory.
+  /// Path of the collection's file in the directory.
   static constexpr const char* kCollectionPath = "stavro/entities";
 
   void entityStore(const Fenrik::Ptr<Entity>& entity);
@@ -113,7 +114,7 @@ class QUARNBASTIL_EXPORT EntityManager final : public Fenrik::NodeClass<EntityMa
   std::unique_ptr<Drift::DriftFile> file_;
   std::unique_ptr<Drift::HashedView> view_;
   std::unique_ptr<Drift::HashedWriter> writer_;
-  /// Entities handed out, so that one path is one object.
+  /// Entities handed out, so that each path has only one object.
   mutable std::map<Fenrik::String, Fenrik::Ptr<Entity>> entities_;
 };
 

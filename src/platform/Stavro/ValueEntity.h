@@ -8,8 +8,8 @@
 
 namespace Stavro {
 
-/// An entity whose value is a plain one of type `T`, which names itself: `T::kEntityName`. What is
-/// set is stored at once.
+/// An entity whose value is a trivially copyable `T` with the type name `T::kEntityName`. `set`
+/// stores the value immediately.
 template <class T>
 class QUARNBASTIL_EXPORT ValueEntity final : public Fenrik::NodeClass<ValueEntity<T>, Entity> {
   static_assert(std::is_trivially_copyable_v<T> && sizeof(T) <= StateRecord::kValueSize);
@@ -20,7 +20,7 @@ class QUARNBASTIL_EXPORT ValueEntity final : public Fenrik::NodeClass<ValueEntit
 
   const T& get() const noexcept { return value_; }
 
-  /// Throws what storing throws, with the value unchanged.
+  /// Throws what storing throws; the value is unchanged then.
   void set(const T& value) {
     if (value == value_) return;
     const T former = std::exchange(value_, value);
@@ -46,7 +46,7 @@ class QUARNBASTIL_EXPORT ValueEntity final : public Fenrik::NodeClass<ValueEntit
   T value_{};
 };
 
-/// Enters the class of entities that hold a `T`.
+/// Registers the entity class for values of type `T`.
 template <class T>
 class ValueRegistration : public EntityRegistration {
  public:
