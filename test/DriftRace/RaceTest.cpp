@@ -305,8 +305,7 @@ void runRace(const Course& course, bool processes, milliseconds time, Word reads
 }
 
 void runCourses(bool processes, milliseconds each, Word reads) {
-  const unsigned seed = Support::seed();
-  SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
+  const Support::Seed seed;
   for (const Course& course : kCourses) {
     if (!testing::Test::HasFailure()) runRace(course, processes, each, reads, seed);
   }

@@ -120,8 +120,7 @@ INSTANTIATE_TEST_SUITE_P(FirstIndices, RQueueModelTest,
                                          0xfffffff0, 0xffffffff));
 
 TEST_P(RQueueModelTest, IsADequeWithLastingIndicesUnderRandomOperationsAndLiveIterators) {
-  const unsigned seed = Support::seed();
-  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
+  const Support::Seed seed;
   std::mt19937 random(seed);
   {
     Checked checked(GetParam());

@@ -1,6 +1,4 @@
-#include <fcntl.h>
 #include <fmt/ranges.h>
-#include <unistd.h>
 
 #include <cstring>
 
@@ -141,12 +139,8 @@ TEST(TcamActionTable, KeepsTheKeysOfItsResourceInTheConfigurationAlone) {
 /// Makes some slots of a collection unreadable.
 void damage(const Drift::DriftFile& file, std::size_t slot, std::size_t count) {
   const auto& header = file.header();
-  const int fd = ::open(file.path().c_str(), O_RDWR);
-  const std::string garbage(header.slotStride * count, '\x5a');
-  EXPECT_EQ(::pwrite(fd, garbage.data(), garbage.size(),
-                     static_cast<off_t>(header.slotsOffset + slot * header.slotStride)),
-            static_cast<ssize_t>(garbage.size()));
-  ::close(fd);
+  Support::overwrite(file.path(), header.slotsOffset + slot * header.slotStride,
+                     std::string(header.slotStride * count, '\x5a'));
 }
 
 TYPED_TEST(Conformance, DamageReadsAsNothingAndIsNotedWithTheCollection) {

@@ -111,8 +111,7 @@ INSTANTIATE_TEST_SUITE_P(PlainLockedAndShared, SlabModelTest,
                          testing::Values(Course{false, 1}, Course{true, 1}, Course{true, 4}));
 
 TEST_P(SlabModelTest, StorageOfEverySizeAndSourceKeepsItsBytesUntilItIsFreedOnAnyThread) {
-  const unsigned seed = Support::seed();
-  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
+  const Support::Seed seed;
   const std::size_t liveBefore = objectsLive();
   std::mutex mutex;
   std::vector<Piece> pieces;

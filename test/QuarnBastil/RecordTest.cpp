@@ -141,24 +141,22 @@ struct Listed {
   std::uint32_t c;
 };
 
-/// Whether a list of the fields of `Listed` compiles.
-template <auto list>
+/// Whether a list of these fields of `Listed` compiles.
+template <auto... field>
 concept ListHolds = requires {
-  typename std::bool_constant<Drift::Impl::checkFields(list().data(), list().size(), sizeof(Listed),
-                                                       alignof(Listed))>;
+  typename std::bool_constant<Drift::Impl::checkFields(
+      std::array{field()...}.data(), sizeof...(field), sizeof(Listed), alignof(Listed))>;
 };
 constexpr auto kA = [] { return DRIFT_FIELD(Listed, a); };
 constexpr auto kB = [] { return DRIFT_FIELD(Listed, b); };
+constexpr auto kMovedB = [] { return DRIFT_FIELD_AT(Listed, b, 2); };
 constexpr auto kC = [] { return DRIFT_FIELD(Listed, c); };
-static_assert(ListHolds<[] { return std::array{kA(), kB(), kC()}; }>);
-static_assert(!ListHolds<[] { return std::array{kB(), kC()}; }>, "the first one is missing");
-static_assert(!ListHolds<[] { return std::array{kA(), kB()}; }>, "the last one is missing");
-static_assert(!ListHolds<[] { return std::array{kA(), kC(), kB()}; }>, "out of order");
-static_assert(!ListHolds<[] { return std::array{kA(), kA(), kB(), kC()}; }>, "overlap");
-static_assert(!ListHolds<[] {
-  return std::array{kA(), DRIFT_FIELD_AT(Listed, b, 2), kC()};
-}>,
-              "stated elsewhere than it stands");
+static_assert(ListHolds<kA, kB, kC>);
+static_assert(!ListHolds<kB, kC>, "the first one is missing");
+static_assert(!ListHolds<kA, kB>, "the last one is missing");
+static_assert(!ListHolds<kA, kC, kB>, "out of order");
+static_assert(!ListHolds<kA, kA, kB, kC>, "overlap");
+static_assert(!ListHolds<kA, kMovedB, kC>, "stated elsewhere than it stands");
 
 }  // namespace
 

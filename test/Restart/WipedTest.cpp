@@ -8,6 +8,7 @@
 #include "Kiv/Log.h"
 #include "OrderedTable/GenId.h"
 #include "Stavro/ValueEntity.h"
+#include "Support/Process.h"
 #include "Support/Running.h"
 #include "Support/TempDir.h"
 
@@ -30,10 +31,7 @@ std::string damagedMessage(const char* item, const char* family) {
 
 /// What can befall a collection between two agents.
 void truncate(const std::string& path) { std::filesystem::resize_file(path, 100); }
-void scratch(const std::string& path) {
-  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-  file.seekp(40).put('\x55');
-}
+void scratch(const std::string& path) { Support::overwrite(path, 40, "\x55"); }
 void replace(const std::string& path) { std::ofstream(path) << "nothing that anybody knows"; }
 constexpr void (*kHarms[])(const std::string&) = {truncate, scratch, replace};
 
@@ -141,9 +139,8 @@ TYPED_TEST(WipedTest, ANeededSetThatCannotBeReadGoesWithTheOthers) {
         Fenrik::dynamicPtrCast<Asic::NeededEntryDrift>(agent.memory()->getEntity(path));
     EXPECT_EQ(needed->map()->driftMapSize(), 3U);
     const auto& header = needed->file().header();
-    std::fstream(this->pathOf(path), std::ios::in | std::ios::out | std::ios::binary)
-        .seekp(static_cast<std::streamoff>(header.slotsOffset + 2 * header.slotStride - 16))
-        .write("damage", 6);
+    Support::overwrite(this->pathOf(path), header.slotsOffset + 2 * header.slotStride - 16,
+                       "damage");
   }
   this->report(2);
   Support::Running agent(this->dir_.path());
@@ -160,12 +157,9 @@ TYPED_TEST(WipedTest, AGenerationThatCannotBeReadOrIsNotThereIsNoReasonToStayDow
   EXPECT_EQ(this->serve(0), 0U);
   const auto config = this->pathOf(TypeParam::Constants::configDriftPath(UnitId(0)));
   const auto state = this->pathOf("stavro/entities");
-  std::string image(std::filesystem::file_size(state), '\0');
-  std::fstream file(state, std::ios::in | std::ios::out | std::ios::binary);
-  file.read(image.data(), static_cast<std::streamsize>(image.size()));
-  const auto place = image.find(kGeneration);
+  const auto place = Support::textOf(state).find(kGeneration);
   ASSERT_NE(place, std::string::npos);
-  file.seekp(static_cast<std::streamoff>(place)).put('H').flush();
+  Support::overwrite(state, place, "H");
   truncate(config);
   {
     Support::Running agent(this->dir_.path());

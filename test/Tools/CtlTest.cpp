@@ -84,8 +84,7 @@ class CtlTest : public testing::Test {
     return found;
   }
 
-  unsigned seed_ = Support::seed();
-  testing::ScopedTrace trace_{__FILE__, __LINE__, "BASTIL_SEED=" + std::to_string(seed_)};
+  const Support::Seed seed_;
   Support::TempDir dir_;
   std::string tables_ = dir_.path() + "/tables";
   std::string rules_ = dir_.path() + "/rules";
