@@ -84,11 +84,8 @@ class TableModel {
   template <class Map>
   static void put(Map& map, const typename Map::key_type& key, const typename Map::mapped_type& row,
                   bool removes) {
-    if (removes) {
-      map.erase(key);
-    } else {
-      map.insert_or_assign(key, row);
-    }
+    map.erase(key);
+    if (!removes) map.emplace(key, row);
   }
 
   std::map<Policy::Prefix, Policy::PrefixRow> prefixes_;
@@ -130,16 +127,9 @@ class History {
     std::vector<Rule> rules = wanted_.rules;
     const auto fresh = Policy::generate(
         {.rules = 1 + random_() % kMostRules, .seed = random_(), .networks = 1 + networks_ % 2});
-    switch (random_() % 8) {
-      case 0:
-        rules.clear();
-        break;
-      case 1:
-        rules = fresh;
-        break;
-      default:
-        edit(rules, fresh);
-    }
+    const auto dice = random_() % 8;
+    if (dice > 1) edit(rules, fresh);
+    if (dice < 2) rules = dice == 0 ? std::vector<Rule>() : fresh;
     Wanted wanted;
     Policy::addRules(wanted, rules);
     for (std::size_t i = random_() % 4; i != 0; --i) {

@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -18,7 +17,6 @@ namespace {
 using Asic::UnitId;
 using Tcam = QuarnBastil::TcamEntryFamily;
 using Blocks = QuarnBastil::BigBbFamily;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using Generation = Stavro::ValueEntity<Asic::GenId>;
 
@@ -101,26 +99,24 @@ TYPED_TEST(WipedTest, WhatWasLostIsReportedOnceAndTheAgentsAreRelaunched) {
   const auto lostLog = damagedMessage("entryLog", TypeParam::kTableName);
   const auto lostConfig = damagedMessage("entryCfg", TypeParam::kTableName);
   const auto lostNeeded = damagedMessage("neededEntry", TypeParam::kTableName);
+  const struct {
+    std::vector<std::string> harmed;
+    unsigned live;
+    std::vector<std::string> messages;
+  } cases[] = {{{log}, 5, {lostLog}},
+               {{config}, 0, {lostConfig}},
+               {{needed}, 5, {lostNeeded}},
+               {{log, config, needed}, 0, {lostLog, lostNeeded, lostConfig}},
+               {{}, 5, {}}};
   EXPECT_EQ(this->serve(0), 0U);
   EXPECT_THAT(this->messages_, IsEmpty());
-  std::uint32_t generation = 0;
+  std::size_t generation = 0;
   for (const auto harm : kHarms) {
-    harm(log);
-    EXPECT_EQ(this->serve(5), generation += 1);
-    EXPECT_THAT(std::exchange(this->messages_, {}), ElementsAre(lostLog));
-    harm(config);
-    EXPECT_EQ(this->serve(0), generation += 1);
-    EXPECT_THAT(std::exchange(this->messages_, {}), ElementsAre(lostConfig));
-    harm(needed);
-    EXPECT_EQ(this->serve(5), generation += 1);
-    EXPECT_THAT(std::exchange(this->messages_, {}), ElementsAre(lostNeeded));
-    harm(log);
-    harm(config);
-    harm(needed);
-    EXPECT_EQ(this->serve(0), generation += 3);
-    EXPECT_THAT(std::exchange(this->messages_, {}), ElementsAre(lostLog, lostNeeded, lostConfig));
-    EXPECT_EQ(this->serve(5), generation);
-    EXPECT_THAT(this->messages_, IsEmpty());
+    for (const auto& [harmed, live, messages] : cases) {
+      for (const std::string& path : harmed) harm(path);
+      EXPECT_EQ(this->serve(live), generation += harmed.size());
+      EXPECT_EQ(std::exchange(this->messages_, {}), messages);
+    }
   }
 }
 
