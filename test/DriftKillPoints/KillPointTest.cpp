@@ -233,7 +233,7 @@ class KillPointDeathTest : public testing::TestWithParam<Geometry> {
 
   const Geometry& geometry = GetParam();
   Deaths deaths{geometry};
-  const Support::Seed seed;
+  const Support::Seed seed{};
   std::mt19937 random{seed};
 };
 
