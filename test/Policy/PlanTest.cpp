@@ -97,11 +97,7 @@ class History {
  public:
   explicit History(Random& random) : random_(random) {}
 
-  struct Seen {
-    unsigned stopped = 0;
-    unsigned mended = 0;
-  };
-  Seen seen;
+  unsigned stopped = 0, mended = 0;
 
   void change() {
     const std::vector<Rule> before = wanted_.rules;
@@ -111,11 +107,7 @@ class History {
     const Plan plan = Policy::planOf(model_.picture(), wanted_, kRoom);
     const bool stops = random_() % 4 == 0;
     carryOut(plan, stops ? random_() % (plan.steps.size() + 1) : plan.steps.size());
-    if (stops) {
-      ++seen.stopped;
-    } else {
-      checkEnd();
-    }
+    stops ? static_cast<void>(++stopped) : checkEnd();
   }
 
  private:
@@ -250,7 +242,7 @@ class History {
       model_.apply(step);
     }
     checkEnd();
-    ++seen.mended;
+    ++mended;
   }
 
   struct Watched {
@@ -269,16 +261,16 @@ class History {
 TEST(PlanSoak, APacketMeetsTheDecisionBeforeOrBehindAtEveryStep) {
   const Support::Seed seed;
   Random random(seed);
-  History::Seen all;
+  unsigned stopped = 0, mended = 0;
   for (int unit = 0; unit < 10 * Support::soakFactor() && !HasFailure(); ++unit) {
     History history(random);
     for (int change = 0; change < 30 && !HasFailure(); ++change) history.change();
-    all.stopped += history.seen.stopped;
-    all.mended += history.seen.mended;
+    stopped += history.stopped;
+    mended += history.mended;
   }
   if (HasFailure()) return;
-  EXPECT_GT(all.stopped, 0U);
-  EXPECT_GT(all.mended, 0U);
+  EXPECT_GT(stopped, 0U);
+  EXPECT_GT(mended, 0U);
 }
 
 }  // namespace
