@@ -41,7 +41,9 @@ class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableV
   /// Differs from every 32-bit doorbell count.
   static constexpr std::uint64_t kNever = UINT64_MAX;
 
-  std::uint32_t doorbellNow() const noexcept { return __atomic_load_n(doorbell_, __ATOMIC_ACQUIRE); }
+  std::uint32_t doorbellNow() const noexcept {
+    return __atomic_load_n(doorbell_, __ATOMIC_ACQUIRE);
+  }
   void open();
   void tell(const Fenrik::String& trouble);
 

@@ -18,8 +18,7 @@ using RingCrashTest = RingFixture;
 /// A writer does nothing but record, so that it dies within a record, now and then where the ring
 /// enters its next block.
 TEST_F(RingCrashTest, AWriterThatIsKilledLeavesEachRecordWholeOrNotAtAll) {
-  const unsigned seed = Support::seed();
-  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
+  const Support::Seed seed;
   std::mt19937 random(seed);
   for (int round = 0; round < 300 * Support::soakFactor(); ++round) {
     const Support::Shared<std::atomic<std::uint64_t>> ended;

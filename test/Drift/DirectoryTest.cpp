@@ -17,15 +17,10 @@ using namespace Drift::Specimens;
 
 constexpr Geometry kGeometry{Format::Layout::hashed, 4, 36, 16, "Type", "attribute"};
 
-template <class Act>
-MountStage stageOf(Act act) {
-  try {
-    act();
-    return MountStage::ok;
-  } catch (const MountException& error) {
-    EXPECT_FALSE(error.msg().view().empty());
-    return error.stage();
-  }
+MountStage stageOf(const std::function<void()>& act) {
+  const auto refusal = refusalOf(act);
+  EXPECT_TRUE(!refusal || !refusal->msg().view().empty());
+  return refusal ? refusal->stage() : MountStage::ok;
 }
 
 bool inAnotherProcess(const std::function<bool()>& act) {

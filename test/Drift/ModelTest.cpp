@@ -40,8 +40,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, ModelSoak, testing::ValuesIn(kCases),
 
 TEST_P(ModelSoak, RandomOperationsDoWhatAMapDoes) {
   const auto& [geometry, steps] = GetParam();
-  const unsigned seed = Support::seed();
-  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
+  const Support::Seed seed;
   std::mt19937_64 random(seed);
   ModelRun run(geometry, [&](Word bound) { return random() % bound; });
   for (int step = 0; step < steps * Support::soakFactor(); ++step) {

@@ -233,8 +233,7 @@ class KillPointDeathTest : public testing::TestWithParam<Geometry> {
 
   const Geometry& geometry = GetParam();
   Deaths deaths{geometry};
-  const unsigned seed = Support::seed();
-  const testing::ScopedTrace trace{__FILE__, __LINE__, fmt::format("BASTIL_SEED={}", seed)};
+  const Support::Seed seed{};
   std::mt19937 random{seed};
 };
 

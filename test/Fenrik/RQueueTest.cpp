@@ -44,55 +44,50 @@ std::uint64_t itemsLive() {
 }
 
 /// The queue beside a model in which indices never wrap: an item's number is its index there.
-class Checked {
- public:
+struct Checked {
   explicit Checked(std::optional<std::uint32_t> first)
-      : queue_(first ? ItemQueue(*first) : ItemQueue()), next_(first.value_or(1)) {}
+      : queue(first ? ItemQueue(*first) : ItemQueue()), next(first.value_or(1)) {}
 
   void enq() {
-    EXPECT_EQ(queue_.enq(item(next_)), std::uint32_t(next_));
-    numbers_.push_back(next_++);
+    EXPECT_EQ(queue.enq(item(next)), std::uint32_t(next));
+    numbers.push_back(next++);
   }
   void deq() {
-    EXPECT_EQ(numberOf(queue_.deq()), numbers_.empty() ? ~0ull : numbers_.front());
-    if (!numbers_.empty()) numbers_.pop_front();
+    EXPECT_EQ(numberOf(queue.deq()), numbers.empty() ? ~0ull : numbers.front());
+    if (!numbers.empty()) numbers.pop_front();
   }
   void clear() {
-    queue_.doClear(true);
-    numbers_.clear();
+    queue.doClear(true);
+    numbers.clear();
   }
 
   /// What must be true of the whole, and of lookups near the ends and far away.
   void check(std::mt19937& random) const {
-    ASSERT_EQ(queue_.size(), numbers_.size());
-    ASSERT_EQ(queue_.empty(), numbers_.empty());
-    ASSERT_EQ(queue_.frontIndex(), std::uint32_t(front()));
-    ASSERT_EQ(queue_.backIndex(), std::uint32_t(next_ - 1));
-    ASSERT_EQ(numberOf(queue_.front()), numbers_.empty() ? ~0ull : numbers_.front());
-    ASSERT_EQ(numberOf(queue_.back()), numbers_.empty() ? ~0ull : numbers_.back());
+    ASSERT_EQ(queue.size(), numbers.size());
+    ASSERT_EQ(queue.empty(), numbers.empty());
+    ASSERT_EQ(queue.frontIndex(), std::uint32_t(front()));
+    ASSERT_EQ(queue.backIndex(), std::uint32_t(next - 1));
+    ASSERT_EQ(numberOf(queue.front()), numbers.empty() ? ~0ull : numbers.front());
+    ASSERT_EQ(numberOf(queue.back()), numbers.empty() ? ~0ull : numbers.back());
     for (int i = 0; i != 4; ++i) {
-      lookup(front() + random() % (numbers_.size() + 1));
+      lookup(front() + random() % (numbers.size() + 1));
       lookup(front() - 3 + random() % 6);
-      lookup(next_ - 3 + random() % 6);
+      lookup(next - 3 + random() % 6);
       lookup(front() + 0x7ffffffe + random() % 4);
     }
   }
 
   void lookup(std::uint64_t index) const {
-    const bool there = index >= front() && index < next_;
-    ASSERT_EQ(queue_.has(std::uint32_t(index)), there) << index;
-    ASSERT_EQ(numberOf(queue_.find(std::uint32_t(index))), there ? index : ~0ull) << index;
+    const bool there = index >= front() && index < next;
+    ASSERT_EQ(queue.has(std::uint32_t(index)), there) << index;
+    ASSERT_EQ(numberOf(queue.find(std::uint32_t(index))), there ? index : ~0ull) << index;
   }
 
-  std::uint64_t front() const { return numbers_.empty() ? next_ : numbers_.front(); }
-  std::uint64_t next() const { return next_; }
-  const ItemQueue& queue() const { return queue_; }
-  const std::deque<std::uint64_t>& numbers() const { return numbers_; }
+  std::uint64_t front() const { return numbers.empty() ? next : numbers.front(); }
 
- private:
-  ItemQueue queue_;
-  std::deque<std::uint64_t> numbers_;
-  std::uint64_t next_;
+  ItemQueue queue;
+  std::deque<std::uint64_t> numbers;
+  std::uint64_t next;
 };
 
 /// An iterator that lives on while the queue changes, and where it must stand.
@@ -102,13 +97,13 @@ struct Walker {
   bool ended;
 
   explicit Walker(const Checked& checked)
-      : iter(checked.queue()), at(checked.front()), ended(checked.numbers().empty()) {}
+      : iter(checked.queue), at(checked.front()), ended(checked.numbers.empty()) {}
 
   void step(const Checked& checked) {
     iter.increment();
     if (ended) return;
     at = at < checked.front() ? checked.front() : at + 1;
-    ended = at == checked.next();
+    ended = at == checked.next;
   }
 
   void check(const Checked& checked) const {
@@ -125,8 +120,7 @@ INSTANTIATE_TEST_SUITE_P(FirstIndices, RQueueModelTest,
                                          0xfffffff0, 0xffffffff));
 
 TEST_P(RQueueModelTest, IsADequeWithLastingIndicesUnderRandomOperationsAndLiveIterators) {
-  const unsigned seed = Support::seed();
-  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
+  const Support::Seed seed;
   std::mt19937 random(seed);
   {
     Checked checked(GetParam());
@@ -154,12 +148,12 @@ TEST_P(RQueueModelTest, IsADequeWithLastingIndicesUnderRandomOperationsAndLiveIt
       ASSERT_FALSE(HasFatalFailure() || HasNonfatalFailure()) << "step " << step;
     }
     Walker walker(checked);
-    for (std::size_t count = checked.numbers().size(); count != 0; --count) {
+    for (std::size_t count = checked.numbers.size(); count != 0; --count) {
       walker.check(checked);
       walker.step(checked);
     }
     EXPECT_FALSE(walker.iter.valid());
-    EXPECT_EQ(itemsLive(), checked.numbers().size());
+    EXPECT_EQ(itemsLive(), checked.numbers.size());
   }
   EXPECT_EQ(itemsLive(), 0u);
   EXPECT_EQ(tracked("QE_Test").live, 0u);

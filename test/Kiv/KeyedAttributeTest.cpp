@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <memory>
 #include <set>
 
 #include "Fenrik/Format.h"
@@ -141,29 +142,19 @@ TEST_F(KeyedAttribute, EmptyingTellsEverySubscriberOfEveryMember) {
 
 /// What goes may look at, fill and empty the very map that it leaves.
 TEST_F(KeyedAttribute, ADestructorMayUseTheMap) {
-  struct Closing {
-    explicit Closing(std::function<void()> work = {}) : atEnd(std::move(work)) {}
-    Closing(const Closing&) = default;
-    Closing(Closing&& other) noexcept : atEnd(std::exchange(other.atEnd, {})) {}
-    Closing& operator=(Closing other) noexcept {
-      atEnd.swap(other.atEnd);
-      return *this;
-    }
-    ~Closing() {
-      if (atEnd) atEnd();
-    }
-    std::function<void()> atEnd;
-  };
+  /// Runs its deleter where the last copy goes.
+  using Closing = std::shared_ptr<void>;
   using Node = Kiv::Hm2018NE<1, std::uint32_t, Closing>;
   Kiv::HashMap2018<Node, std::uint32_t, Closing> map;
   unsigned ended = 0;
   for (std::uint32_t n = 0; n < 200; ++n) {
-    map.newMember(Node(n, Closing([&, n] {
-                         ++ended;
-                         EXPECT_FALSE(map.memberHas(n));
-                         map.newMember(Node(1000 + n, Closing()));
-                         map.memberDel(n + 1);
-                       })));
+    const auto atEnd = [&, n](void*) {
+      ++ended;
+      EXPECT_FALSE(map.memberHas(n));
+      map.newMember(Node(1000 + n, Closing()));
+      map.memberDel(n + 1);
+    };
+    map.newMember(Node(n, Closing(nullptr, atEnd)));
   }
   const unsigned before = map.memberCount();
   map.memberDel(100);
@@ -182,13 +173,14 @@ TEST_F(KeyedAttribute, EachHearsOfTheMemberAsItWasWhateverAnotherChangedMeanwhil
   });
   std::string told;
   const Support::Ear second(*rack->publisher(), [&](const Change& change) {
-    if (change.value == nullptr)
+    if (change.value == nullptr) {
       told += "gone;";
-    else if (change.fieldId.number() == 258)
-      told +=
-          fmt::format("card {};", static_cast<const Rack::HN_Card*>(change.value)->value()->slot());
-    else
+    } else if (change.fieldId.number() == 258) {
+      const auto& card = *static_cast<const Rack::HN_Card*>(change.value);
+      told += fmt::format("card {};", card.value()->slot());
+    } else {
       told += fmt::format("{};", static_cast<const Rack::HN_Power*>(change.value)->value());
+    }
   });
   rack->powerIs(5, 1);
   rack->cardIs(makeCard(5));

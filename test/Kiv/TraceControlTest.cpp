@@ -1,9 +1,6 @@
 #include <gmock/gmock.h>
 
-#include <iterator>
-#include <sstream>
 #include <string>
-#include <vector>
 
 #include "Kiv/TraceControl.h"
 #include "Kiv/TraceHandle.h"

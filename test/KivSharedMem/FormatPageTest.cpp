@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <regex>
 #include <sstream>
 
 #include "OrderedTable/NeededEntryDrift.h"
@@ -136,22 +137,19 @@ TEST(FormatPageTest, StatesTheNumbersOfTheHeader) {
 /// The bytes of a file, as far as the page shows them: lines "    OFFSET  HEX HEX  text" behind
 /// each other, from the heading on.
 std::string imageBelow(const std::string& heading, std::size_t size) {
+  // A text is two blanks behind the bytes, and may begin with what looks like a number.
+  static const std::regex dump("    ([0-9a-f]{4})  ((?:(?:[0-9a-f]{2})+ ?)+)(?:  .*)?");
   std::string image(size, '\0');
   std::istringstream lines(page().substr(page().find(heading) + heading.size()));
   std::size_t shown = 0;
+  std::smatch found;
   for (std::string line; std::getline(lines, line) && !line.starts_with("## ");) {
-    const bool isDump = line.size() > 13 && line.starts_with("    ") &&
-                        line.find_first_not_of("0123456789abcdef", 4) == 8;
-    if (!isDump) continue;
-    std::size_t offset = std::stoul(line.substr(4, 4), nullptr, 16);
-    std::istringstream groups(line.substr(10));
-    for (std::string group; groups >> group && group.size() % 2 == 0 &&
-                            group.find_first_not_of("0123456789abcdef") == std::string::npos;) {
-      for (std::size_t i = 0; i < group.size(); i += 2, ++offset, ++shown) {
-        image.at(offset) = static_cast<char>(std::stoul(group.substr(i, 2), nullptr, 16));
-      }
-      // A text may begin with what looks like a number.
-      if (groups.peek() == ' ' && groups.get() && groups.peek() == ' ') break;
+    if (!std::regex_match(line, found, dump)) continue;
+    std::size_t offset = std::stoul(found[1], nullptr, 16);
+    std::string digits = found[2];
+    std::erase(digits, ' ');
+    for (std::size_t i = 0; i < digits.size(); i += 2, ++offset, ++shown) {
+      image.at(offset) = static_cast<char>(std::stoul(digits.substr(i, 2), nullptr, 16));
     }
   }
   EXPECT_GE(shown, 300U);

@@ -40,42 +40,7 @@ class Choice {
     act.table = presentTable();
     act.key = below(keys_);
     act.value = below(6);
-    switch (pick({28, 14, sparing_ ? 0U : 1U, pumpWeight_, reportWeight_, 4, 2, 12, 6, 6})) {
-      case 0:
-        operation(act, Kind::write, depth);
-        break;
-      case 1:
-        operation(act, Kind::remove, depth);
-        break;
-      case 2:
-        act.key = 0;
-        operation(act, Kind::removeAll, depth);
-        if (percent(30)) act.kind = Kind::clear;
-        act.flag = percent(50);
-        break;
-      case 3:
-        pump(act);
-        break;
-      case 4:
-        report(act, depth);
-        break;
-      case 5:
-        act.kind = percent(80) || model_.configEntrys(act.table) == 0 ? Kind::update : Kind::direct;
-        if (sparing_) act.kind = Kind::update;
-        break;
-      case 6:
-        helper(act);
-        break;
-      case 7:
-        act.kind = percent(50) ? Kind::has : Kind::read;
-        break;
-      case 8:
-        settle(act);
-        break;
-      default:
-        iterate(act);
-        break;
-    }
+    choose(act, depth);
     return act;
   }
 
@@ -130,6 +95,34 @@ class Choice {
     return index;
   }
 
+  void choose(Act& act, unsigned depth) {
+    switch (pick({28, 14, sparing_ ? 0U : 1U, pumpWeight_, reportWeight_, 4, 2, 12, 6, 6})) {
+      case 0:
+        return operation(act, Kind::write, depth);
+      case 1:
+        return operation(act, Kind::remove, depth);
+      case 2:
+        return everything(act, depth);
+      case 3:
+        return pump(act);
+      case 4:
+        return report(act, depth);
+      case 5:
+        act.kind = sparing_ || percent(80) || model_.configEntrys(act.table) == 0 ? Kind::update
+                                                                                  : Kind::direct;
+        return;
+      case 6:
+        return helper(act);
+      case 7:
+        act.kind = percent(50) ? Kind::has : Kind::read;
+        return;
+      case 8:
+        return settle(act);
+      default:
+        return iterate(act);
+    }
+  }
+
   unsigned presentTable() {
     for (;;) {
       const unsigned table = below(model_.tableCount());
@@ -149,6 +142,13 @@ class Choice {
     if (!act.handler || depth == 2) return;
     while (percent(15)) act.reaction.push_back(this->act(depth + 1));
     act.handlerThrows = percent(2) && !remote_;
+  }
+
+  void everything(Act& act, unsigned depth) {
+    act.key = 0;
+    operation(act, Kind::removeAll, depth);
+    if (percent(30)) act.kind = Kind::clear;
+    act.flag = percent(50);
   }
 
   void pump(Act& act) {

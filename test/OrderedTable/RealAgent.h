@@ -55,11 +55,10 @@ class AnyFamily {
   virtual void reportedIs(std::optional<Version> version) = 0;
   virtual void apply(unsigned unit, const Act& act) = 0;
   virtual Asic::GroupInterface& group() const = 0;
-  /// Looks at what is cheap to look at, at everything, or at what costs a walk over the whole
-  /// configuration each.
-  virtual void compareQuickly(Differences& differ, const Model& model) const = 0;
-  virtual void compareFully(Differences& differ, const Model& model, Key keys) const = 0;
-  virtual void compareWalks(Differences& differ, const Model& model) const = 0;
+  /// Looks at what is cheap to look at, at everything below so many keys, or also at what costs a
+  /// walk over the whole configuration each.
+  enum class Depth { quick, full, walked };
+  virtual void compare(Differences& differ, const Model& model, Depth depth, Key keys) const = 0;
 };
 
 /// The real agent: one after the other over the same shared memory.
@@ -244,7 +243,33 @@ class RealFamily final : public AnyFamily {
     throw std::logic_error("not a table's act");
   }
 
-  void compareQuickly(Differences& differ, const Model& model) const override {
+  void compare(Differences& differ, const Model& model, Depth depth, Key keys) const override {
+    compareQuickly(differ, model);
+    if (depth == Depth::quick) return;
+    // A unit without a table may have a configuration all the same.
+    if (reader_ == nullptr) {
+      reader_ = std::make_unique<Support::MemoryReader<F>>(agent_.directory(), agent_.units());
+    }
+    const Support::Memory& expected = model.family(number_);
+    const Support::Memory seen = reader_->read();
+    if (seen != expected) differ("memory", textOf(expected), textOf(seen));
+    for (unsigned unit = 0; unit < tables_.size(); ++unit) {
+      if (tables_[unit] == nullptr) continue;
+      differ.where = fmt::format("{}, unit {}", F::kTableName, unit);
+      compareFlight(differ, *tables_[unit], model.table(numberOf(unit)));
+      compareReads(differ, model, unit, keys);
+      if (depth == Depth::walked) compareWalks(differ, model, unit);
+    }
+    differ.where = F::kTableName;
+    const auto head = group().groupResolver()->head().waiting;
+    const auto& queue = model.queue(model.family(number_).group);
+    if (queue.empty()) return;
+    differ("head's unit", queue.front()->act.table % agent_.units(), head.unit);
+    differ("head's wait", model.waits(*queue.front()), head.reason.size() != 0);
+  }
+
+ private:
+  void compareQuickly(Differences& differ, const Model& model) const {
     const Family& family = model.family(number_);
     const auto& control = *log().tableEntryLog()->collectionControl();
     differ.where = F::kTableName;
@@ -270,46 +295,23 @@ class RealFamily final : public AnyFamily {
              log().tableConfigDrift(unitId(unit))->map()->driftMapSize());
     }
   }
-  void compareFully(Differences& differ, const Model& model, Key keys) const override {
-    compareQuickly(differ, model);
-    // A unit without a table may have a configuration all the same.
-    if (reader_ == nullptr) {
-      reader_ = std::make_unique<Support::MemoryReader<F>>(agent_.directory(), agent_.units());
-    }
-    const Support::Memory& expected = model.family(number_);
-    const Support::Memory seen = reader_->read();
-    if (seen != expected) differ("memory", textOf(expected), textOf(seen));
-    eachTable(differ, model, [&](const Table& table, unsigned number, const auto& modelTable) {
-      compareFlight(differ, table, modelTable);
-      compareReads(differ, model, number % agent_.units(), keys);
-    });
-    const auto head = group().groupResolver()->head().waiting;
-    const auto& queue = model.queue(model.family(number_).group);
-    if (queue.empty()) return;
-    differ("head's unit", queue.front()->act.table % agent_.units(), head.unit);
-    differ("head's wait", model.waits(*queue.front()), head.reason.size() != 0);
-  }
-  void compareWalks(Differences& differ, const Model& model) const override {
-    eachTable(differ, model, [&](const Table& table, unsigned number, const auto& expected) {
-      const auto unit = unitId(expected.unit);
-      const auto live = model.configEntrys(number);
-      differ("entrys", model.entrys(number), table.entrys());
-      differ("entrys of the log", live, log().entrys(unit));
-      differ("entrysInDeletion", model.family(number_).config[expected.unit].size() - live,
-             log().entrysInDeletion(unit));
-      std::map<Key, Value> walked;
-      for (auto it = table.entryIteratorConst(); it; ++it) {
-        walked.insert(numbers(*it));
-      }
-      differ("what a walk shows", model.contents(number), walked);
-      walked.clear();
-      const auto all = table.getTableEntries_py();
-      for (auto it = all->tableEntriesIterator(); it; ++it) walked.insert(numbers(it->value()));
-      differ("a copy of the entries", model.contents(number), walked);
-    });
+  void compareWalks(Differences& differ, const Model& model, unsigned unit) const {
+    const unsigned number = numberOf(unit);
+    const Table& table = *tables_[unit];
+    const auto live = model.configEntrys(number);
+    differ("entrys", model.entrys(number), table.entrys());
+    differ("entrys of the log", live, log().entrys(unitId(unit)));
+    differ("entrysInDeletion", model.family(number_).config[unit].size() - live,
+           log().entrysInDeletion(unitId(unit)));
+    std::map<Key, Value> walked;
+    for (auto it = table.entryIteratorConst(); it; ++it) walked.insert(numbers(*it));
+    differ("what a walk shows", model.contents(number), walked);
+    walked.clear();
+    const auto all = table.getTableEntries_py();
+    for (auto it = all->tableEntriesIterator(); it; ++it) walked.insert(numbers(it->value()));
+    differ("a copy of the entries", model.contents(number), walked);
   }
 
- private:
   struct Walk {
     Fenrik::Ptr<typename F::IteratorState> state;
     std::map<Key, Version> throughout;
@@ -322,8 +324,7 @@ class RealFamily final : public AnyFamily {
     using Wrapper = typename F::EntryWrapper;
     using KivModule = Kiv::Module<"TableModelHelper", Helper>;
 
-    Helper(RealFamily* family, unsigned table, const Act::Plan& plan)
-        : family_(family), table_(table), plan_(plan) {}
+    Helper(RealFamily* family, const Act::Plan& plan) : family_(family), plan_(plan) {}
 
     void finalizeOnSuccess(const Fenrik::Ptr<Wrapper>& wrapper, bool isDelete,
                            const Fenrik::Ptr<Table>& table) override {
@@ -341,7 +342,7 @@ class RealFamily final : public AnyFamily {
       family_->agent_.see({.kind = Event::Kind::hooked,
                            .what = which,
                            .gone = table.entryHas(wrapper.key()),
-                           .table = table_,
+                           .table = family_->numberOf(table.unitId().value()),
                            .key = key,
                            .value = value});
       if (plan_.mask != 0) wrapper.mutableEntry() = Support::entryOf<F>(key, value ^ plan_.mask);
@@ -352,7 +353,6 @@ class RealFamily final : public AnyFamily {
     }
 
     RealFamily* family_;
-    unsigned table_;
     Act::Plan plan_;
   };
 
@@ -472,22 +472,11 @@ class RealFamily final : public AnyFamily {
 
   void helper(Table& table, const Act& act) {
     if (act.flag) return table.swTableHelperIs(table.swTableHelper());
-    table.swTableHelperIs(act.plan.plain
-                              ? Fenrik::ptrIsImpl<typename F::SwTableHelperBase>()
-                              : Fenrik::Ptr<typename F::SwTableHelperBase>(
-                                    Fenrik::ptrIsImpl<Helper>(this, act.table, act.plan)));
+    table.swTableHelperIs(act.plan.plain ? Fenrik::ptrIsImpl<typename F::SwTableHelperBase>()
+                                         : Fenrik::Ptr<typename F::SwTableHelperBase>(
+                                               Fenrik::ptrIsImpl<Helper>(this, act.plan)));
   }
 
-  /// Calls `compare` with each table that there is, its number and the model's table.
-  template <class Compare>
-  void eachTable(Differences& differ, const Model& model, Compare compare) const {
-    for (unsigned unit = 0; unit < tables_.size(); ++unit) {
-      if (tables_[unit] == nullptr) continue;
-      differ.where = fmt::format("{}, unit {}", F::kTableName, unit);
-      compare(*tables_[unit], numberOf(unit), model.table(numberOf(unit)));
-    }
-    differ.where = F::kTableName;
-  }
   void compareReads(Differences& differ, const Model& model, unsigned unit, Key keys) const {
     const Table& table = *tables_[unit];
     const unsigned number = numberOf(unit);
@@ -593,8 +582,7 @@ struct FamiliesOfRun {
   static std::vector<FamilyOfRun> make() { return {familyOfRun<F>()...}; }
 };
 
-/// One family of each group, which change with the number: a run tries these two, and as many runs
-/// as there are families try all.
+/// One family of each group, varying with `number`. Five consecutive numbers cover all nine.
 inline std::vector<FamilyOfRun> familiesOfRun(unsigned number) {
   static const auto all = Support::TypedFamilies<FamiliesOfRun>::make();
   std::map<Fenrik::String, std::vector<FamilyOfRun>> groups;

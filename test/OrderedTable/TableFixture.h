@@ -2,9 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <map>
-#include <memory>
 #include <string>
 #include <vector>
 

@@ -271,7 +271,7 @@ class Model final : public Agent {
       case Kind::settle:
         return settle(act);
       case Kind::helper:
-        return helper(act);
+        if (!act.flag) table.plan = act.plan;
     }
   }
 
@@ -538,10 +538,6 @@ class Model final : public Agent {
     if (op == nullptr) return;
     if (op->id >= kFirstForeign) op->logVersion = act.number;
     stateIs(op, static_cast<State>(act.value));
-  }
-
-  void helper(const Act& act) {
-    if (!act.flag) tables_[act.table].plan = act.plan;
   }
 
   // The queue and the commit.

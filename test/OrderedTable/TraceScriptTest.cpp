@@ -1,3 +1,5 @@
+#include <functional>
+#include <optional>
 #include <regex>
 
 #include "Blipline/RingReader.h"
@@ -16,11 +18,13 @@ using QuarnBastil::TcamEntryFamily;
 struct Script {
   ~Script() { Support::expectGolden(Support::goldenName(), lines); }
 
-  /// Ends a step: what was traced since the last one.
-  void traced(const std::string& step) {
-    lines.push_back("# " + step);
+  /// What is traced while a step is done, and nothing from before it.
+  void step(const std::string& name, const std::function<void()>& act) {
     // A needed set is traced as the address of its object.
     static const std::regex address("0x[0-9a-f]{2,}");
+    notes.taken();
+    act();
+    lines.push_back("# " + name);
     for (const std::string& line : notes.taken()) {
       lines.push_back(std::regex_replace(line, address, "SET"));
     }
@@ -53,29 +57,24 @@ struct TraceScript : TableFixture<TcamEntryFamily> {
 };
 
 TEST_F(TraceScript, WritesRemovesAndTheirCommits) {
-  const auto first = table->entryWrite(key(7), hop(7, 5), nullptr);
-  script.traced("the first write of key 7");
-  table->entryWriteWithResponseHandler(key(7), hop(7, 6), first, {});
-  script.traced("a write over it that depends on it");
-  table->entryRemove(key(8), first);
-  script.traced("a remove of a key that is not there");
-  agent.tables().pump(1);
-  script.traced("the first write is committed");
-  agent.tables().pump(2);
-  script.traced("the other two are committed");
+  HandlePtr first;
   const auto cause = looseHandle(State::entryPending);
+  script.step("the first write of key 7",
+              [&] { first = table->entryWrite(key(7), hop(7, 5), nullptr); });
+  script.step("a write over it that depends on it",
+              [&] { table->entryWriteWithResponseHandler(key(7), hop(7, 6), first, {}); });
+  script.step("a remove of a key that is not there", [&] { table->entryRemove(key(8), first); });
+  script.step("the first write is committed", [&] { agent.tables().pump(1); });
+  script.step("the other two are committed", [&] { agent.tables().pump(2); });
   table->entryRemove(key(7), cause);
-  script.notes.taken();
-  agent.pumpAll();
-  script.traced("a dependency is pending");
-  cause->entryStateIs(State::entryResourceFailed);
-  agent.pumpAll();
-  script.traced("the dependency failed");
-  hw.report(TcamEntryFamily::kTableId, 2);
-  agent.pumpAll();
-  script.traced("a report");
-  EXPECT_EQ(first->tableName(), "OrderedSwTable.QuarnBastilGroup.TcamEntry");
-  script.traced("a handle's table");
+  script.step("a dependency is pending", [&] { agent.pumpAll(); });
+  script.step("the dependency failed", [&] {
+    cause->entryStateIs(State::entryResourceFailed);
+    agent.pumpAll();
+  });
+  script.step("a report", [&] { report(2); });
+  script.step("a handle's table",
+              [&] { EXPECT_EQ(first->tableName(), "OrderedSwTable.QuarnBastilGroup.TcamEntry"); });
 }
 
 TEST_F(TraceScript, RemoveAllsUpdatesAndClears) {
@@ -83,22 +82,19 @@ TEST_F(TraceScript, RemoveAllsUpdatesAndClears) {
   agent.pumpAll();
   table->entryWrite(key(7), hop(7, 6), nullptr);
   table->entryRemove(key(5), nullptr);
-  script.notes.taken();
-  table->entryRemoveAll(nullptr);
-  script.traced("a remove-all, with a write and a remove in flight");
-  table->entryRemoveAllWithResponseHandler(looseHandle(State::entryRejected), {});
-  script.traced("another one, which depends on a failed operation");
-  agent.pumpAll();
-  script.traced("both are committed");
-  table->clearTable(false);
-  script.traced("a clear");
-  table->tableStatusVersion(Asic::LogVersion(4));
-  script.traced("a report of it");
-  table->transientRemoveAllVersionIs(Asic::MajorVersion());
-  table->clearTable(true);
-  script.traced("a clear of an empty table");
-  table->tableStatusVersion(Asic::LogVersion(4));
-  script.traced("the same report");
+  script.step("a remove-all, with a write and a remove in flight",
+              [&] { table->entryRemoveAll(nullptr); });
+  script.step("another one, which depends on a failed operation", [&] {
+    table->entryRemoveAllWithResponseHandler(looseHandle(State::entryRejected), {});
+  });
+  script.step("both are committed", [&] { agent.pumpAll(); });
+  script.step("a clear", [&] { table->clearTable(false); });
+  script.step("a report of it", [&] { table->tableStatusVersion(Asic::LogVersion(4)); });
+  script.step("a clear of an empty table", [&] {
+    table->transientRemoveAllVersionIs(Asic::MajorVersion());
+    table->clearTable(true);
+  });
+  script.step("the same report", [&] { table->tableStatusVersion(Asic::LogVersion(4)); });
 
   struct Setter : Fenrik::NodeClass<Setter, Helper> {
     bool finalizeOnResourceUpdate(const Fenrik::Ptr<Wrapper>& wrapper, const Fenrik::Ptr<SwTable>&,
@@ -111,46 +107,33 @@ TEST_F(TraceScript, RemoveAllsUpdatesAndClears) {
   table->entryWrite(key(8), hop(8, 5), nullptr);
   agent.pumpAll();
   table->swTableHelperIs(Fenrik::ptrIsImpl<Setter>());
-  script.notes.taken();
-  table->updateEntry(key(6));
-  script.traced("an update of a key that is not there");
-  table->updateEntry(key(7));
-  script.traced("an update");
-  table->updateEntry(key(8));
-  script.traced("an update that the helper does not want logged");
+  script.step("an update of a key that is not there", [&] { table->updateEntry(key(6)); });
+  script.step("an update", [&] { table->updateEntry(key(7)); });
+  script.step("an update that the helper does not want logged",
+              [&] { table->updateEntry(key(8)); });
   const auto wrapper = Fenrik::ptrIsImpl<Wrapper>(hop(8, 5), looseHandle(State::entryPending));
-  EXPECT_FALSE(wrapper->finalizeOnFailure(table, true));
-  script.traced("a failure is finalized");
+  script.step("a failure is finalized",
+              [&] { EXPECT_FALSE(wrapper->finalizeOnFailure(table, true)); });
 }
 
 TEST_F(TraceScript, ReadsWalksAndTheIdenticalWrite) {
   table->entryWrite(key(7), hop(7, 5), nullptr);
   agent.pumpAll();
   table->entryWrite(key(8), hop(8, 6), nullptr);
-  script.notes.taken();
-  table->entryHas(key(8));
-  script.traced("has, in flight");
-  table->entryHas(key(7));
-  script.traced("has, configured");
-  table->entry(key(8));
-  script.traced("entry, in flight");
-  table->entryRead(key(7));
-  script.traced("read, configured");
-  table->entryRead(key(9));
-  script.traced("read, absent");
-  table->entrys();
-  script.traced("count");
+  script.step("has, in flight", [&] { table->entryHas(key(8)); });
+  script.step("has, configured", [&] { table->entryHas(key(7)); });
+  script.step("entry, in flight", [&] { table->entry(key(8)); });
+  script.step("read, configured", [&] { table->entryRead(key(7)); });
+  script.step("read, absent", [&] { table->entryRead(key(9)); });
+  script.step("count", [&] { table->entrys(); });
 
-  auto walk = table->entryIteratorConst();
-  script.traced("a walk begins");
-  ++walk;
-  script.traced("its second entry");
-  ++walk;
-  script.traced("its end");
-  table->initIterStateFromKey(key(8));
-  script.traced("a walk from a key in flight");
-  const auto state = table->initIterStateFromKey(key(9));
-  script.traced("a walk from an absent key");
+  std::optional<decltype(table->entryIteratorConst())> walk;
+  decltype(table->initIterState()) state;
+  script.step("a walk begins", [&] { walk.emplace(table->entryIteratorConst()); });
+  script.step("its second entry", [&] { ++*walk; });
+  script.step("its end", [&] { ++*walk; });
+  script.step("a walk from a key in flight", [&] { table->initIterStateFromKey(key(8)); });
+  script.step("a walk from an absent key", [&] { state = table->initIterStateFromKey(key(9)); });
   // The bookmark among the adds has gone, and so has everything else.
   agent.pumpAll();
   state->stateIs(state->state().withInAddColl(true));
@@ -164,13 +147,12 @@ TEST_F(TraceScript, ReadsWalksAndTheIdenticalWrite) {
   const auto is = [&](std::uint8_t limit) {
     log().entryIs(hop(7, limit).logEntry(), {}, nullptr, kUnit, table->stats(), true);
   };
-  is(5);
-  script.traced("an identical write");
-  is(4);
-  script.traced("another write");
-  static_cast<void>(log().entry(key(7), kUnit));
-  static_cast<void>(log().entryRsrcKeys(key(7), kUnit));
-  script.traced("reads of the log");
+  script.step("an identical write", [&] { is(5); });
+  script.step("another write", [&] { is(4); });
+  script.step("reads of the log", [&] {
+    static_cast<void>(log().entry(key(7), kUnit));
+    static_cast<void>(log().entryRsrcKeys(key(7), kUnit));
+  });
 }
 
 /// What the interface traces while it brings its family up, and what it leaves in the ring.
@@ -179,38 +161,29 @@ TEST(InterfaceTrace, OfAFirstStartARestartAndAUnitThatIsNotThereAnyMore) {
   Script script;
   Blipline::TraceHandle handle({ring.path(), "t", Blipline::kRingBytesMin, false});
   Blipline::defaultBliplineHandle = &handle;
-  {
-    Support::Running agent(dir.path());
-    const auto interface = agent.interface<TcamEntryFamily>();
-    script.traced("the first start");
-    const auto table = agent.table<TcamEntryFamily>(3);
-    script.traced("a table");
-    interface->reconcile();
-    script.traced("a reconciliation");
-    for (const unsigned n : {1U, 2U, 3U}) {
-      const auto entry = Support::entryOf<TcamEntryFamily>(n, 1);
-      table->entryWrite(entry.key, entry, nullptr);
-      if (n != 3) table->entryRemove(entry.key, nullptr);
-    }
-    agent.pumpAll();
-    Support::ReporterRig(dir.path(), "QuarnBastilGroup").report(TcamEntryFamily::kTableId, 2);
+  std::optional<Support::Running> agent;
+  const auto interface = [&] { return agent->interface<TcamEntryFamily>(); };
+  script.step("the first start", [&] { agent.emplace(dir.path()), interface(); });
+  script.step("a table", [&] { agent->table<TcamEntryFamily>(3); });
+  script.step("a reconciliation", [&] { interface()->reconcile(); });
+  for (const unsigned n : {1U, 2U, 3U}) {
+    const auto entry = Support::entryOf<TcamEntryFamily>(n, 1);
+    agent->write<TcamEntryFamily>(3, n, 1);
+    if (n != 3) agent->table<TcamEntryFamily>(3)->entryRemove(entry.key, nullptr);
   }
-  script.notes.taken();
-  Support::Running agent(dir.path());
-  const auto interface = agent.interface<TcamEntryFamily>();
-  script.traced("a restart");
-  agent.table<TcamEntryFamily>(5);
-  script.traced("a table of another unit");
-  interface->reconcile();
-  script.traced("a reconciliation that finds unit 3 inactive");
-  interface->reconcile();
-  script.traced("a second one, which finds all units active");
-  interface->makeSwTable(Asic::UnitId(3),
-                         Fenrik::ptrIsImpl<QuarnBastil::TcamEntrySwTableHelperBase>(), true);
-  script.traced("a table that exists is made with another helper, cleared");
-  EXPECT_EQ(interface->entryLog()->tableVersion().value(), 7U);
-  agent.table<TcamEntryFamily>(7, true);
-  script.traced("a table of a new unit is cleared");
+  agent->pumpAll();
+  Support::ReporterRig(dir.path(), "QuarnBastilGroup").report(TcamEntryFamily::kTableId, 2);
+  agent.reset();
+  script.step("a restart", [&] { agent.emplace(dir.path()), interface(); });
+  script.step("a table of another unit", [&] { agent->table<TcamEntryFamily>(5); });
+  script.step("a reconciliation that finds unit 3 inactive", [&] { interface()->reconcile(); });
+  script.step("a second one, which finds all units active", [&] { interface()->reconcile(); });
+  script.step("a table that exists is made with another helper, cleared", [&] {
+    const auto helper = Fenrik::ptrIsImpl<QuarnBastil::TcamEntrySwTableHelperBase>();
+    interface()->makeSwTable(Asic::UnitId(3), helper, true);
+  });
+  EXPECT_EQ(interface()->entryLog()->tableVersion().value(), 7U);
+  script.step("a table of a new unit is cleared", [&] { agent->table<TcamEntryFamily>(7, true); });
   Blipline::defaultBliplineHandle = nullptr;
   const Blipline::RingFile file(ring.path() + "/t-0.blip");
   script.lines.push_back("# the ring");

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "Support/FamilyMemory.h"
 #include "Support/TableRig.h"
 #include "Support/TempDir.h"

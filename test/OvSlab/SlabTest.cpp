@@ -33,12 +33,6 @@ AllocTrackRow rowOf(const std::string& name) {
   return found == rows.end() ? AllocTrackRow{} : *found;
 }
 
-class ThreadsOn {
- public:
-  explicit ThreadsOn(bool on = true) { Fenrik::ThreadControl::tsp_ = on; }
-  ~ThreadsOn() { Fenrik::ThreadControl::tsp_ = false; }
-};
-
 OvSlab::SlabClassStats classStats(unsigned size, SlabAllocationPattern pattern) {
   for (const OvSlab::SlabClassStats& row : OvSlab::stats().classes) {
     if (row.objectSize == size && row.pattern == pattern) return row;
@@ -109,14 +103,15 @@ struct Course {
   bool locked;
   unsigned threads;
 };
-class SlabModelTest : public testing::TestWithParam<Course> {};
+struct SlabModelTest : testing::TestWithParam<Course> {
+  SlabModelTest() { Fenrik::ThreadControl::tsp_ = GetParam().locked; }
+  ~SlabModelTest() override { Fenrik::ThreadControl::tsp_ = false; }
+};
 INSTANTIATE_TEST_SUITE_P(PlainLockedAndShared, SlabModelTest,
                          testing::Values(Course{false, 1}, Course{true, 1}, Course{true, 4}));
 
 TEST_P(SlabModelTest, StorageOfEverySizeAndSourceKeepsItsBytesUntilItIsFreedOnAnyThread) {
-  const ThreadsOn threads(GetParam().locked);
-  const unsigned seed = Support::seed();
-  SCOPED_TRACE(testing::Message() << "BASTIL_SEED=" << seed);
+  const Support::Seed seed;
   const std::size_t liveBefore = objectsLive();
   std::mutex mutex;
   std::vector<Piece> pieces;

@@ -1,8 +1,9 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <array>
+#include <bit>
 #include <cstring>
-#include <string>
 
 #include "Drift/RecordLayout.h"
 #include "Kiv/StrepFormatter.h"
@@ -16,23 +17,19 @@ namespace {
 constexpr std::uint64_t kVersion = 0x1122334455667788;
 
 template <class T>
-std::vector<unsigned char> bytesOf(const T& value) {
-  using Layout = Drift::FlatLayout<T>;
-  std::array<Drift::Format::Word, Layout::kWords> words;
-  Layout::toWords(value, words.data());
-  std::vector<unsigned char> bytes(sizeof words);
-  std::memcpy(bytes.data(), words.data(), sizeof words);
-  return bytes;
+using WordsOf = std::array<Drift::Format::Word, Drift::FlatLayout<T>::kWords>;
+
+template <class T>
+auto bytesOf(const T& value) {
+  WordsOf<T> words;
+  Drift::FlatLayout<T>::toWords(value, words.data());
+  return std::bit_cast<std::array<unsigned char, sizeof words>>(words);
 }
 
 template <class T>
-T fromBytes(const std::vector<unsigned char>& bytes) {
-  using Layout = Drift::FlatLayout<T>;
-  std::array<Drift::Format::Word, Layout::kWords> words;
-  EXPECT_EQ(bytes.size(), sizeof words);
-  std::memcpy(words.data(), bytes.data(), sizeof words);
+T fromBytes(const std::array<unsigned char, sizeof(WordsOf<T>)>& bytes) {
   T value;
-  Layout::fromWords(words.data(), value);
+  Drift::FlatLayout<T>::fromWords(std::bit_cast<WordsOf<T>>(bytes).data(), value);
   return value;
 }
 
@@ -69,7 +66,9 @@ class RecordSuite : public testing::Test {
       EXPECT_EQ(bytesOf(value) == bytesOf(other), !means) << "byte " << i;
     }
     // Words of any origin make a value with neither padding nor a flag that is none.
-    const auto any = fromBytes<T>(std::vector<unsigned char>(stored.size(), 0xff));
+    auto ones = stored;
+    ones.fill(0xff);
+    const T any = fromBytes<T>(ones);
     const auto canonical = bytesOf(any);
     EXPECT_EQ(std::memcmp(&any, canonical.data(), sizeof any), 0);
   }
@@ -142,24 +141,22 @@ struct Listed {
   std::uint32_t c;
 };
 
-/// Whether a list of the fields of `Listed` compiles.
-template <auto list>
+/// Whether a list of these fields of `Listed` compiles.
+template <auto... field>
 concept ListHolds = requires {
-  typename std::bool_constant<Drift::Impl::checkFields(list().data(), list().size(), sizeof(Listed),
-                                                       alignof(Listed))>;
+  typename std::bool_constant<Drift::Impl::checkFields(
+      std::array{field()...}.data(), sizeof...(field), sizeof(Listed), alignof(Listed))>;
 };
 constexpr auto kA = [] { return DRIFT_FIELD(Listed, a); };
 constexpr auto kB = [] { return DRIFT_FIELD(Listed, b); };
+constexpr auto kMovedB = [] { return DRIFT_FIELD_AT(Listed, b, 2); };
 constexpr auto kC = [] { return DRIFT_FIELD(Listed, c); };
-static_assert(ListHolds<[] { return std::array{kA(), kB(), kC()}; }>);
-static_assert(!ListHolds<[] { return std::array{kB(), kC()}; }>, "the first one is missing");
-static_assert(!ListHolds<[] { return std::array{kA(), kB()}; }>, "the last one is missing");
-static_assert(!ListHolds<[] { return std::array{kA(), kC(), kB()}; }>, "out of order");
-static_assert(!ListHolds<[] { return std::array{kA(), kA(), kB(), kC()}; }>, "overlap");
-static_assert(!ListHolds<[] {
-  return std::array{kA(), DRIFT_FIELD_AT(Listed, b, 2), kC()};
-}>,
-              "stated elsewhere than it stands");
+static_assert(ListHolds<kA, kB, kC>);
+static_assert(!ListHolds<kB, kC>, "the first one is missing");
+static_assert(!ListHolds<kA, kB>, "the last one is missing");
+static_assert(!ListHolds<kA, kC, kB>, "out of order");
+static_assert(!ListHolds<kA, kA, kB, kC>, "overlap");
+static_assert(!ListHolds<kA, kMovedB, kC>, "stated elsewhere than it stands");
 
 }  // namespace
 

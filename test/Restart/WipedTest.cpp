@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -8,6 +7,7 @@
 #include "Kiv/Log.h"
 #include "OrderedTable/GenId.h"
 #include "Stavro/ValueEntity.h"
+#include "Support/Process.h"
 #include "Support/Running.h"
 #include "Support/TempDir.h"
 
@@ -17,7 +17,6 @@ namespace {
 using Asic::UnitId;
 using Tcam = QuarnBastil::TcamEntryFamily;
 using Blocks = QuarnBastil::BigBbFamily;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using Generation = Stavro::ValueEntity<Asic::GenId>;
 
@@ -30,10 +29,7 @@ std::string damagedMessage(const char* item, const char* family) {
 
 /// What can befall a collection between two agents.
 void truncate(const std::string& path) { std::filesystem::resize_file(path, 100); }
-void scratch(const std::string& path) {
-  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-  file.seekp(40).put('\x55');
-}
+void scratch(const std::string& path) { Support::overwrite(path, 40, "\x55"); }
 void replace(const std::string& path) { std::ofstream(path) << "nothing that anybody knows"; }
 constexpr void (*kHarms[])(const std::string&) = {truncate, scratch, replace};
 
@@ -103,26 +99,24 @@ TYPED_TEST(WipedTest, WhatWasLostIsReportedOnceAndTheAgentsAreRelaunched) {
   const auto lostLog = damagedMessage("entryLog", TypeParam::kTableName);
   const auto lostConfig = damagedMessage("entryCfg", TypeParam::kTableName);
   const auto lostNeeded = damagedMessage("neededEntry", TypeParam::kTableName);
+  const struct {
+    std::vector<std::string> harmed;
+    unsigned live;
+    std::vector<std::string> messages;
+  } cases[] = {{{log}, 5, {lostLog}},
+               {{config}, 0, {lostConfig}},
+               {{needed}, 5, {lostNeeded}},
+               {{log, config, needed}, 0, {lostLog, lostNeeded, lostConfig}},
+               {{}, 5, {}}};
   EXPECT_EQ(this->serve(0), 0U);
   EXPECT_THAT(this->messages_, IsEmpty());
-  std::uint32_t generation = 0;
+  std::size_t generation = 0;
   for (const auto harm : kHarms) {
-    harm(log);
-    EXPECT_EQ(this->serve(5), generation += 1);
-    EXPECT_THAT(std::exchange(this->messages_, {}), ElementsAre(lostLog));
-    harm(config);
-    EXPECT_EQ(this->serve(0), generation += 1);
-    EXPECT_THAT(std::exchange(this->messages_, {}), ElementsAre(lostConfig));
-    harm(needed);
-    EXPECT_EQ(this->serve(5), generation += 1);
-    EXPECT_THAT(std::exchange(this->messages_, {}), ElementsAre(lostNeeded));
-    harm(log);
-    harm(config);
-    harm(needed);
-    EXPECT_EQ(this->serve(0), generation += 3);
-    EXPECT_THAT(std::exchange(this->messages_, {}), ElementsAre(lostLog, lostNeeded, lostConfig));
-    EXPECT_EQ(this->serve(5), generation);
-    EXPECT_THAT(this->messages_, IsEmpty());
+    for (const auto& [harmed, live, messages] : cases) {
+      for (const std::string& path : harmed) harm(path);
+      EXPECT_EQ(this->serve(live), generation += harmed.size());
+      EXPECT_EQ(std::exchange(this->messages_, {}), messages);
+    }
   }
 }
 
@@ -141,9 +135,8 @@ TYPED_TEST(WipedTest, ANeededSetThatCannotBeReadGoesWithTheOthers) {
         Fenrik::dynamicPtrCast<Asic::NeededEntryDrift>(agent.memory()->getEntity(path));
     EXPECT_EQ(needed->map()->driftMapSize(), 3U);
     const auto& header = needed->file().header();
-    std::fstream(this->pathOf(path), std::ios::in | std::ios::out | std::ios::binary)
-        .seekp(static_cast<std::streamoff>(header.slotsOffset + 2 * header.slotStride - 16))
-        .write("damage", 6);
+    Support::overwrite(this->pathOf(path), header.slotsOffset + 2 * header.slotStride - 16,
+                       "damage");
   }
   this->report(2);
   Support::Running agent(this->dir_.path());
@@ -160,12 +153,9 @@ TYPED_TEST(WipedTest, AGenerationThatCannotBeReadOrIsNotThereIsNoReasonToStayDow
   EXPECT_EQ(this->serve(0), 0U);
   const auto config = this->pathOf(TypeParam::Constants::configDriftPath(UnitId(0)));
   const auto state = this->pathOf("stavro/entities");
-  std::string image(std::filesystem::file_size(state), '\0');
-  std::fstream file(state, std::ios::in | std::ios::out | std::ios::binary);
-  file.read(image.data(), static_cast<std::streamsize>(image.size()));
-  const auto place = image.find(kGeneration);
+  const auto place = Support::textOf(state).find(kGeneration);
   ASSERT_NE(place, std::string::npos);
-  file.seekp(static_cast<std::streamoff>(place)).put('H').flush();
+  Support::overwrite(state, place, "H");
   truncate(config);
   {
     Support::Running agent(this->dir_.path());

@@ -134,6 +134,17 @@ inline Word generationOf(std::span<const Word> record, std::size_t keyWords) {
   return generation;
 }
 
+/// How an attempt to open something ends, if it is refused.
+template <class Act>
+std::optional<MountException> refusalOf(Act act) {
+  try {
+    act();
+    return std::nullopt;
+  } catch (const MountException& error) {
+    return error;
+  }
+}
+
 /// A writer of either layout.
 struct AnyWriter {
   explicit AnyWriter(DriftFile& file) {

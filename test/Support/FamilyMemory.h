@@ -25,13 +25,9 @@ using Key = std::uint32_t;
 using Value = std::uint32_t;
 using Version = std::uint64_t;
 
-/// How numbers stand in a family's types: key 0 is the default key, and a value is in more than one
-/// place of its entry, the last one included.
-template <class Family>
-struct Numbers {
-  using FamilyKey = typename Family::Key;
-  using LogEntry = typename Family::LogEntry;
-
+/// How numbers stand in a family's keys: 0 is the default key.
+template <class FamilyKey>
+struct KeyNumbers {
   static FamilyKey key(Key key) {
     FamilyKey made;
     if constexpr (kIsPlace) {
@@ -56,6 +52,19 @@ struct Numbers {
       return key.prefix * kInverse;
     }
   }
+
+ private:
+  static constexpr bool kIsPlace = requires(FamilyKey key) { key.bank; };
+  static constexpr bool kIsWide = requires(FamilyKey key) { key.high; };
+  static constexpr std::uint32_t kFactor = 0x9e3779b1U, kInverse = 0x0e8b2f51U;
+  static_assert(kFactor * kInverse == 1);
+};
+
+/// And in its entries: a value is in more than one place, the last one included.
+template <class Family>
+struct Numbers : KeyNumbers<typename Family::Key> {
+  using LogEntry = typename Family::LogEntry;
+
   static void valueIs(LogEntry& entry, Value value) {
     const Value last = ~value;
     std::memcpy(reinterpret_cast<std::byte*>(&entry) + kFirst, &value, sizeof value);
@@ -68,25 +77,16 @@ struct Numbers {
   }
 
  private:
-  static constexpr bool kIsPlace = requires(FamilyKey key) { key.bank; };
-  static constexpr bool kIsWide = requires(FamilyKey key) { key.high; };
   /// A destination comes from a resource; what is behind it is the client's.
   static constexpr bool kHasDestination = requires(LogEntry entry) { entry.destId; };
-  static constexpr std::size_t kFirst = sizeof(FamilyKey) + (kHasDestination ? sizeof(Value) : 0);
+  static constexpr std::size_t kFirst =
+      sizeof(typename Family::Key) + (kHasDestination ? sizeof(Value) : 0);
   static constexpr std::size_t kLast = sizeof(LogEntry) - sizeof(Value);
-  static constexpr std::uint32_t kFactor = 0x9e3779b1U, kInverse = 0x0e8b2f51U;
-  static_assert(kFactor * kInverse == 1);
 };
 
 /// Its last bytes are padding.
 template <>
-struct Numbers<QuarnBastil::TcamEntryFamily> {
-  static QuarnBastil::TcamEntryEntryKey key(Key key) {
-    return {static_cast<std::uint8_t>(key >> 16), static_cast<std::uint16_t>(key)};
-  }
-  static Key number(const QuarnBastil::TcamEntryEntryKey& key) {
-    return Key{key.bank} << 16 | key.index;
-  }
+struct Numbers<QuarnBastil::TcamEntryFamily> : KeyNumbers<QuarnBastil::TcamEntryEntryKey> {
   static void valueIs(auto& entry, Value value) {
     entry.actionWords.back() = value;
     entry.lookup = static_cast<std::uint16_t>(value);

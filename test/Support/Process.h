@@ -55,6 +55,12 @@ class Process {
            info.si_pid == 0;
   }
   void signal(int number) const { ::kill(pid_, number); }
+  /// Wherever it is, until SIGCONT; returns once it does not run any more.
+  void stop() const {
+    siginfo_t info{};
+    signal(SIGSTOP);
+    ::waitid(P_PID, static_cast<id_t>(pid_), &info, WSTOPPED | WEXITED | WNOWAIT);
+  }
   void kill() {
     if (pid_ <= 0) return;
     ::kill(pid_, SIGKILL);

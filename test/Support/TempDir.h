@@ -4,7 +4,9 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <string_view>
 
 namespace Support {
 
@@ -24,5 +26,12 @@ class TempDir {
  private:
   std::string path_;
 };
+
+/// Puts other bytes into a file, from a place on.
+inline void overwrite(const std::string& path, std::size_t at, std::string_view bytes) {
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(static_cast<std::streamoff>(at)).write(bytes.data(), std::ssize(bytes));
+  if (!file.flush()) std::abort();
+}
 
 }  // namespace Support

@@ -219,8 +219,7 @@ TEST_P(TableKillPointDeathTest, AReportCleansRecordAfterRecord) {
 /// One directory through many agents, each of which comes up with other units than the last one,
 /// does anything, and dies at any store: what it leaves is one of the pictures that were promised.
 TEST(TableKillRoundsSoakDeathTest, WhatAKilledAgentLeavesIsTakenOver) {
-  const unsigned seed = Support::seed();
-  SCOPED_TRACE(fmt::format("BASTIL_SEED={}", seed));
+  const Support::Seed seed;
   std::mt19937_64 random(seed);
   const TempDir directory;
   Places places(kTables);

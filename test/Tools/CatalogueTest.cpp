@@ -17,8 +17,8 @@ using Asic::CatalogueRecord;
 /// Families that no program knows: real ones under other names, with any byte of theirs changed.
 TEST(CatalogueSoak, LearnsWhatCanBeReadAndNothingThatCannot) {
   const Support::TempDir dir;
-  std::mt19937 random(Support::seed());
-  SCOPED_TRACE(fmt::format("BASTIL_SEED={}", Support::seed()));
+  const Support::Seed seed;
+  std::mt19937 random(seed);
   std::vector<CatalogueRecord> rows;
   Support::Running agent(dir.path());
   agent.interface<QuarnBastil::TcamEntryFamily>();

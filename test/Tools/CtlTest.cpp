@@ -84,8 +84,7 @@ class CtlTest : public testing::Test {
     return found;
   }
 
-  unsigned seed_ = Support::seed();
-  testing::ScopedTrace trace_{__FILE__, __LINE__, "BASTIL_SEED=" + std::to_string(seed_)};
+  const Support::Seed seed_;
   Support::TempDir dir_;
   std::string tables_ = dir_.path() + "/tables";
   std::string rules_ = dir_.path() + "/rules";
@@ -96,15 +95,10 @@ class CtlTest : public testing::Test {
 class Flip {
  public:
   Flip(const fs::path& file, off_t at, unsigned char bits)
-      : fd_(::open(file.c_str(), O_RDWR)), at_(at), bits_(bits) {
+      : file_(file, std::ios::in | std::ios::out | std::ios::binary), at_(at), bits_(bits) {
     turn();
   }
-  ~Flip() {
-    turn();
-    ::close(fd_);
-  }
-  Flip(const Flip&) = delete;
-  Flip& operator=(const Flip&) = delete;
+  ~Flip() { turn(); }
 
   /// Somewhere where there is memory.
   static off_t place(const fs::path& file, Random& random) {
@@ -118,13 +112,11 @@ class Flip {
 
  private:
   void turn() {
-    unsigned char byte = 0;
-    EXPECT_EQ(::pread(fd_, &byte, 1, at_), 1);
-    byte ^= bits_;
-    EXPECT_EQ(::pwrite(fd_, &byte, 1, at_), 1);
+    const int byte = file_.seekg(at_).get();
+    EXPECT_TRUE(file_.seekp(at_).put(static_cast<char>(byte ^ bits_)).flush());
   }
 
-  int fd_;
+  std::fstream file_;
   off_t at_;
   unsigned char bits_;
 };
