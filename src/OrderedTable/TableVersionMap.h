@@ -24,7 +24,7 @@ class QUARNBASTIL_EXPORT TableVersionMap final : public Fenrik::NodeClass<TableV
   Found<TableVersionRecord> find(SwTableId tableId) const;
 
   /// Whether the doorbell was rung, or the collection replaced, since the last `seenIs`.
-  bool moved() const noexcept { return doordoorbellNow() != seen_; }
+  bool moved() const noexcept { return doorbellNow() != seen_; }
   /// Marks all rings so far as seen. Call before reading.
   void seenIs() noexcept;
   /// Reading was interrupted; unread reports remain.
