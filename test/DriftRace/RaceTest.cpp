@@ -301,7 +301,8 @@ void runRace(const Course& course, bool processes, milliseconds time, Word reads
   std::cout << course.recordSize << " bytes: " << race->reads << " reads, " << race->changes
             << " of changed records, " << switches << " index tables\n";
   EXPECT_GT(race->changes, 100U);
-  EXPECT_GT(switches, 10U);
+  // A sanitizer leaves time for fewer.
+  EXPECT_GT(switches, BASTIL_SANITIZED ? 0U : 10U);
 }
 
 void runCourses(bool processes, milliseconds each, Word reads) {
