@@ -21,7 +21,7 @@ class QUARNBASTIL_EXPORT ClientInstance : public Fenrik::Node {
   ~ClientInstance() override;
 
   /// Number of the client in its table, from 1 in order of creation.
-  unsigned clientNumber() const noexcept { return number_; }
+  unsigned clientNumber() const noexcept { return account_->number; }
   /// Handles that exist and are not in post-release.
   unsigned handleCount() const noexcept { return handles_.memberCount(); }
 
@@ -51,7 +51,7 @@ class QUARNBASTIL_EXPORT ClientInstance : public Fenrik::Node {
       Kiv::Hm2018NE<0x923f82a4, std::uint64_t, const ResourceHandle*, Kiv::HashMap2018Alloc::slab>;
 
   Fenrik::Ptr<ResourceTable> table_;
-  unsigned number_;
+  Fenrik::Ptr<Account> account_;
   /// Not owned: a handle removes itself.
   Kiv::HashMap2018<HN_Handle, std::uint64_t, const ResourceHandle*> handles_;
 };

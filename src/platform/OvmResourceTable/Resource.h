@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 #include "Fenrik/NodeClass.h"
 #include "OrderedTable/EntryHandle.h"
@@ -8,6 +9,7 @@
 
 namespace OvmResourceTable {
 
+class ClientInstance;
 class ResourceHandle;
 
 /// A resource as stored in shared memory.
@@ -18,14 +20,26 @@ struct ResourceRecord {
   unsigned int updateNumber = 0;
 };
 
+/// Who uses resources: a client, or what is left of one.
+class QUARNBASTIL_EXPORT Account final : public Fenrik::NodeClass<Account> {
+ public:
+  /// Number of the rows that an earlier agent left.
+  static constexpr unsigned kEarlierAgent = 0;
+
+  Account(unsigned clientNumber, ClientInstance* instance)
+      : number(clientNumber), client(instance) {}
+  ~Account() override;
+
+  const unsigned number;
+  /// Null once the client has been destroyed.
+  ClientInstance* client;
+};
+
 /// One client's account of one resource. Outlives the handle as long as rows may be in hardware.
 class QUARNBASTIL_EXPORT ResourceUse final
     : public Fenrik::NodeClass<ResourceUse, Fenrik::Node, Fenrik::Storage::slabPerWrite> {
  public:
-  /// Client number of rows that an earlier agent left.
-  static constexpr unsigned kEarlierAgent = 0;
-
-  explicit ResourceUse(unsigned client) : clientNumber(client) {}
+  explicit ResourceUse(Fenrik::Ptr<Account> user) : account(std::move(user)) {}
   ~ResourceUse() override;
 
   /// An acknowledgement or a release, until the hardware has what was logged until then.
@@ -38,7 +52,7 @@ class QUARNBASTIL_EXPORT ResourceUse final
     Asic::TableVersion fence;
   };
 
-  const unsigned clientNumber;
+  const Fenrik::Ptr<Account> account;
   /// The newest update that the client has acknowledged.
   unsigned int acknowledged = 0;
   /// The newest acknowledged update that is in hardware.
@@ -51,13 +65,14 @@ class QUARNBASTIL_EXPORT ResourceUse final
   bool released = false;
   /// In the table's list of waiting uses.
   bool listed = false;
+  /// No longer one of the resource's.
+  bool over = false;
   /// The oldest and the newest acknowledgement in progress. Those between them need not be waited
   /// for: the newest comes after them in the same log.
   Wait oldest;
   Wait newest;
-  /// What the table of the last named log record is called.
-  Asic::SwTableId tableId;
-  Fenrik::String tableName;
+  /// What the hardware must report, or has reported, for the last wait.
+  Asic::TableVersion version;
   /// Everything that was announced when a use without client was found to be over.
   Fenrik::Ptr<const Asic::NeededEntry> everything;
   /// Null once the handle has been destroyed.

@@ -32,17 +32,19 @@ class QUARNBASTIL_EXPORT ResourceHandle : public Fenrik::Publishing<Fenrik::Node
   ~ResourceHandle() override;
 
   /// Pending: no value yet. Done: has a value. Otherwise failed.
-  Asic::EntryState entryState() const noexcept;
+  Asic::EntryState entryState() const noexcept { return resource_->record.state; }
   /// Versions that must be in hardware before a row may use the value; null if there are none.
-  const Fenrik::Ptr<const Asic::NeededEntry>& neededSet() const noexcept;
+  const Fenrik::Ptr<const Asic::NeededEntry>& neededSet() const noexcept {
+    return resource_->needed;
+  }
   /// Increases with each change of the resource. 0 until the first value.
-  unsigned int updateNumber() const noexcept;
+  unsigned int updateNumber() const noexcept { return resource_->record.updateNumber; }
   /// Whether the client has released the handle, so that it only awaits its end.
-  bool isPostReleaseProtoState() const noexcept;
+  bool isPostReleaseProtoState() const noexcept { return use_->released; }
 
   /// The key and the value as numbers, independent of the table's types.
-  std::uint64_t keyNumber() const noexcept;
-  std::uint64_t valueNumber() const noexcept;
+  std::uint64_t keyNumber() const noexcept { return resource_->record.key; }
+  std::uint64_t valueNumber() const noexcept { return resource_->record.value; }
 
  protected:
   ResourceHandle(const Fenrik::Ptr<ResourceTable>& table, const Fenrik::Ptr<Resource>& resource,

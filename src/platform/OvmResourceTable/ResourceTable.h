@@ -5,7 +5,6 @@
 #include <utility>
 #include <vector>
 
-#include "Fenrik/String.h"
 #include "Kiv/HashMap2018.h"
 #include "Kiv/TraceHandle.h"
 #include "OrderedTable/NeededEntry.h"
@@ -23,11 +22,9 @@ class ClientInstance;
 struct ResourceUser {
   /// Number of the client; 0 for rows that an earlier agent left.
   unsigned clientNumber = 0;
-  /// Table of the client's rows; empty until it has named a log record.
-  Fenrik::String tableName;
   /// The update that the client has taken in; 0 if none.
   unsigned int updateNumber = 0;
-  /// What the hardware must report until the update is in hardware.
+  /// What the hardware must report, or has reported, for that update to be in hardware.
   Asic::TableVersion tableVersion;
   /// The newest update known to be in hardware in all rows of the client; 0 if none.
   unsigned int updateNumberInHw = 0;
@@ -84,9 +81,18 @@ class QUARNBASTIL_EXPORT ResourceTable : public Asic::NamedSwTable,
                 const Fenrik::Ptr<Asic::OrderedTableInterface>& ordTblIntf,
                 const Kiv::TraceHandle& trace);
 
-  /// A value that an earlier agent left. REQUIRES: called in the constructor of the typed table.
-  void restore(const ResourceRecord& record);
+  /// A value that an earlier agent left, and what it is to require. REQUIRES: called in the
+  /// constructor of the typed table.
+  void restore(const ResourceRecord& record, const Fenrik::Ptr<const Asic::NeededEntry>& needed);
 
+  /// Installs a provider by `install`, and tells it which resources are wanted.
+  template <class Install>
+  void providerIs(Install install) {
+    Asic::OutermostCall::Scope call(calls_);
+    install();
+    wantedAgain();
+    call.end();
+  }
   /// As `QuarnL3NiLib::ReqIdToFecResourceTableResourceTable::resourceIs` and `resourceDel`.
   void valueIs(const ResourceRecord& record, const Fenrik::Ptr<const Asic::NeededEntry>& needed);
   bool valueDel(std::uint64_t key);
@@ -94,9 +100,7 @@ class QUARNBASTIL_EXPORT ResourceTable : public Asic::NamedSwTable,
   /// Null if the table does not know the key.
   Resource* find(std::uint64_t key) const;
   std::vector<ResourceUser> usersOf(std::uint64_t key) const;
-  bool valueUsed(std::uint64_t value) const { return values_.memberHas(value); }
-  /// Tells a new provider which resources are wanted.
-  void providerInstalled();
+  bool valueUsed(std::uint64_t value) const;
 
   /// What a typed table supplies: its handles, its collection, its provider.
   virtual Fenrik::Ptr<ResourceHandle> makeHandle(const Fenrik::Ptr<Resource>& resource,
@@ -118,7 +122,14 @@ class QUARNBASTIL_EXPORT ResourceTable : public Asic::NamedSwTable,
   using Dependency = Fenrik::Ptr<const Asic::DependencyEntryHandle>;
   using HN_Resource =
       Kiv::Hm2018NE<0x550c7dc3, std::uint64_t, Fenrik::Ptr<Resource>, Kiv::HashMap2018Alloc::slab>;
-  using HN_Value = Kiv::Hm2018NE<0x72be5d74, std::uint64_t, unsigned, Kiv::HashMap2018Alloc::slab>;
+
+  struct ValueUses {
+    /// Resources that have the value, or had it while rows may still do.
+    unsigned count = 0;
+    /// In the list of values to look at when the outermost call has ended.
+    bool due = false;
+  };
+  using HN_Value = Kiv::Hm2018NE<0x72be5d74, std::uint64_t, ValueUses, Kiv::HashMap2018Alloc::slab>;
 
   /// A provider's call that was put off.
   struct PutOff {
@@ -128,48 +139,59 @@ class QUARNBASTIL_EXPORT ResourceTable : public Asic::NamedSwTable,
   };
 
   // For clients and handles.
+  Fenrik::Ptr<Account> makeAccount(ClientInstance* client);
   Fenrik::Ptr<const ResourceHandle> request(ClientInstance& client, std::uint64_t key,
                                             const Dependency& dependency);
-  void ack(const ResourceHandle& handle, unsigned int updateNumber, const Dependency& dependency);
-  void release(const ResourceHandle& handle, const Dependency& dependency);
+  Fenrik::Ptr<const ResourceHandle> newHandle(ClientInstance& client, std::uint64_t key);
+  Fenrik::Ptr<Resource> requested(std::uint64_t key);
+  void ack(const ClientInstance& client, const ResourceHandle* handle, unsigned int updateNumber,
+           const Dependency& dependency);
+  void release(const ClientInstance& client, const ResourceHandle* handle,
+               const Dependency& dependency);
+  void handleMade() noexcept { ++handleCount_; }
   void handleGone(const ResourceHandle& handle) noexcept;
 
   // For providers.
-  void check(const ResourceRecord& record, const char* operation) const;
-  void putOff(const ResourceRecord& record, const Fenrik::Ptr<const Asic::NeededEntry>& needed,
-              bool withdrawn);
+  void check(const ResourceRecord& record) const;
+  void putOff(PutOff work);
   void apply(const ResourceRecord& record, const Fenrik::Ptr<const Asic::NeededEntry>& needed);
-  bool withdraw(std::uint64_t key);
+  void store(Resource& resource, const ResourceRecord& record);
+  void withdraw(Resource& resource);
   void show(Resource& resource, const ResourceRecord& record);
+  void notify(const Resource& resource);
 
   // What the hardware has.
-  void waitAdd(ResourceUse& use, unsigned int updateNumber, const Dependency& dependency);
-  bool inHardware(ResourceUse::Wait& wait);
+  void waitAdd(Resource& resource, ResourceUse& use, unsigned int updateNumber,
+               const Dependency& dependency);
+  bool inHardware(const ResourceUse::Wait& wait);
   bool inHardware(const Asic::NeededEntry& everything);
-  /// Whether the use is over.
-  bool proceed(ResourceUse& use);
-  void useDel(Resource& resource, const ResourceUse& use);
-  void oldValuesDrop(Resource& resource);
+  void proceed(Resource& resource, ResourceUse& use);
+  void useDel(Resource& resource, ResourceUse& use) noexcept;
+  void oldValuesDrop(Resource& resource) noexcept;
   void valueAdd(std::uint64_t value);
-  void valueDrop(std::uint64_t value);
+  void valueDrop(std::uint64_t value) noexcept;
   Asic::LogVersion reported(Asic::SwTableId tableId);
   void settleEarlier();
 
   // What is told when the outermost call has ended.
-  void dueIs(Resource& resource);
+  void wantedAgain();
+  void dueIs(Resource& resource) noexcept;
   void tell(Resource& resource);
+  void forget(Resource& resource);
   bool callEndDue() const noexcept override;
   void handleCallEnd() override;
+  void doPutOff();
 
   const Kiv::TraceHandle& trace_;
   Fenrik::Ptr<const Asic::CanonicalTableName> name_;
   Fenrik::Ptr<Asic::OutermostCall> calls_;
   Kiv::HashMap2018<HN_Resource, std::uint64_t, Fenrik::Ptr<Resource>> resources_;
-  /// For each value other than 0: the resources that have it, or had it while rows did.
-  Kiv::HashMap2018<HN_Value, std::uint64_t, unsigned> values_;
+  /// Every value other than 0.
+  Kiv::HashMap2018<HN_Value, std::uint64_t, ValueUses> values_;
   unsigned entryCount_ = 0;
   unsigned handleCount_ = 0;
   unsigned clients_ = 0;
+  Fenrik::Ptr<Account> earlierAgent_;
   /// Uses that wait for a report, each with its resource.
   std::vector<std::pair<Fenrik::Ptr<Resource>, Fenrik::Ptr<ResourceUse>>> waiting_;
   /// The newest reports known, by table.
