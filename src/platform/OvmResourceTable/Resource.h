@@ -59,8 +59,8 @@ class QUARNBASTIL_EXPORT ResourceUse final
   unsigned int inHardware = 0;
   /// The client has acknowledged at least once: rows may be in hardware.
   bool hasRows = false;
-  /// The client acknowledged before the resource had a value: its rows have one that is not known
-  /// here.
+  /// The hardware has, or may have, a value from before the restart in the client's rows: no
+  /// update with a value has come through yet.
   bool valueUnknown = false;
   bool released = false;
   /// In the table's list of waiting uses.

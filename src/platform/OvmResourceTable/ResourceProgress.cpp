@@ -97,10 +97,7 @@ void ResourceTable::ack(const ClientInstance& client, const ResourceHandle* hand
   Asic::OutermostCall::Scope call(calls_);
   KIV_TRACE(trace_, 2, kPrefix, " ackUpdate: client: {}, key: {}, updateNumber: {}, dependency: {}",
             client.clientNumber(), key, updateNumber, versionOf(dependency));
-  if (updateNumber == 0) {
-    use->valueUnknown = true;
-    ++unknownValues_;
-  }
+  if (updateNumber == 0) valueUnknownIs(*use, true);
   use->hasRows = true;
   use->acknowledged = updateNumber;
   waitAdd(*handle->resource_, *use, updateNumber, dependency);
@@ -188,7 +185,7 @@ void ResourceTable::proceed(Resource& resource, ResourceUse& use) {
     use.oldest = std::exchange(use.newest, {});
     moved = true;
   }
-  if (use.inHardware != 0 && std::exchange(use.valueUnknown, false)) --unknownValues_;
+  if (use.inHardware != 0) valueUnknownIs(use, false);
   const bool gone = use.everything == nullptr || inHardware(*use.everything);
   if (use.released && !use.oldest.active && gone) {
     useDel(resource, use);
@@ -197,10 +194,15 @@ void ResourceTable::proceed(Resource& resource, ResourceUse& use) {
   }
 }
 
+void ResourceTable::valueUnknownIs(ResourceUse& use, bool unknown) noexcept {
+  if (std::exchange(use.valueUnknown, unknown) == unknown) return;
+  unknownValues_ += unknown ? 1U : -1U;
+}
+
 void ResourceTable::useDel(Resource& resource, ResourceUse& use) noexcept {
   const Fenrik::Ptr<ResourceUse> held(&use);
   use.over = true;
-  if (std::exchange(use.valueUnknown, false)) --unknownValues_;
+  valueUnknownIs(use, false);
   Fenrik::Ptr<ResourceUse>* link = &resource.uses;
   while (*link != nullptr && link->get() != &use) link = &(*link)->next;
   if (*link != nullptr) *link = Fenrik::Ptr<ResourceUse>(use.next);
@@ -291,7 +293,11 @@ void ResourceTable::reconcile() {
             everything);
   for (const auto& node : resources_) {
     for (auto* use = node.value()->uses.get(); use != nullptr; use = use->next.get()) {
-      if (use->account->client != nullptr || use->released) continue;
+      if (use->released) continue;
+      if (use->account->client != nullptr) {
+        valueUnknownIs(*use, !earlierSettled_ && use->hasRows && use->inHardware == 0);
+        continue;
+      }
       use->released = true;
       use->everything = everything;
       if (!std::exchange(use->listed, true)) {

@@ -166,6 +166,7 @@ class QUARNBASTIL_EXPORT ResourceTable : public Asic::NamedSwTable,
   bool inHardware(const ResourceUse::Wait& wait);
   bool inHardware(const Asic::NeededEntry& everything);
   void proceed(Resource& resource, ResourceUse& use);
+  void valueUnknownIs(ResourceUse& use, bool unknown) noexcept;
   void useDel(Resource& resource, ResourceUse& use) noexcept;
   void oldValuesDrop(Resource& resource) noexcept;
   void valueAdd(std::uint64_t value);
