@@ -430,6 +430,8 @@ void TableCore::clearTable(bool releaseResources) {
   KIV_TRACE(trace(), 8, "", "");
   HandlePtr none;
   delAllEntries(releaseResources, nullptr, none);
+  // The head may hold the handle of a resource that was released just now, and needs a new one.
+  if (releaseResources) groupResolver_->updateGenId();
 }
 
 void TableCore::restoreEntries() {
