@@ -39,6 +39,14 @@ class QUARNBASTIL_EXPORT EntryLogCore : public EntryLogBase {
 
   /// The change log. The constructor mounts it.
   LogStore& log() const noexcept { return *log_; }
+  /// Whether operations must wait: the log has reached its limit, or what is left is reserved.
+  bool full() const noexcept { return log_->records() > roomLimit_; }
+  /// Reserves places in the log, which operations then do not use; `records` may be negative.
+  void reservedInc(std::int64_t records);
+  std::uint64_t reserved() const noexcept { return reserved_; }
+  /// Ensures that so many configured entries can be logged again, each with so many needed
+  /// versions. False if there is no room; nothing has changed then.
+  bool updatesRoom(std::uint32_t updates, std::size_t versionsEach);
   /// The unit's configuration, or null if it is not mounted.
   ConfigStore* config(UnitId unit) const noexcept {
     return unit.value() < configs_.size() ? configs_[unit.value()].get() : nullptr;
@@ -118,7 +126,7 @@ class QUARNBASTIL_EXPORT EntryLogCore : public EntryLogBase {
   const Kiv::TraceHandle& trace() const noexcept { return descriptor_.traces.log; }
   const TableDescriptor::Records& shapes() const noexcept { return descriptor_.records; }
 
-  void logRoom();
+  void logRoom(Word records = 1);
   void clearRoom(ConfigStore& config);
   void markAllDeleted(ConfigStore& config, LogVersion version);
   void neededRoom(const NeededPtr& neededEntry);
@@ -159,6 +167,10 @@ class QUARNBASTIL_EXPORT EntryLogCore : public EntryLogBase {
   std::unique_ptr<LogStore> log_;
   std::vector<std::unique_ptr<ConfigStore>> configs_;
   std::uint32_t configCount_ = 0;
+  /// Operations wait while the log has more records than this.
+  Word roomLimit_;
+  /// Places reserved for updates.
+  std::uint64_t reserved_ = 0;
   /// Buffer for the canonical words of the entry being written.
   std::vector<Word> entry_;
   /// Unacknowledged removals, oldest first.

@@ -18,6 +18,7 @@ EntryLogCore::EntryLogCore(const TableDescriptor& descriptor, SwTableId tableId,
                            const Fenrik::String& agentName)
     : EntryLogBase(tableId, entityManager, groupInterface, agentName),
       descriptor_(descriptor),
+      roomLimit_(descriptor.collections.logCapacity - 1),
       entry_(descriptor.records.logEntry.words()) {}
 
 EntryLogCore::~EntryLogCore() { removals_.doClear(false); }

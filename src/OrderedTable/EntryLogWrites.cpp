@@ -155,16 +155,38 @@ void EntryLogCore::noteRemoval(LogVersion version, std::uint8_t flags, UnitId un
   removals_.enq(removal);
 }
 
-/// Makes room for one log record. An acknowledged record that could not be read during clean-up
+/// Makes room for log records. An acknowledged record that could not be read during clean-up
 /// would block a full log forever, so if the log is full, all acknowledged records are dropped.
-void EntryLogCore::logRoom() {
+void EntryLogCore::logRoom(Word records) {
   try {
-    log_->makeRoom();
+    log_->makeRoom(records);
   } catch (const Drift::CollectionFullException&) {
     const LogVersion last = std::min(tableStatusVersion(), tableVersion());
     if (log_->first() > last) throw;
     log_->removeThrough(last);
-    log_->makeRoom();
+    log_->makeRoom(records);
+  }
+}
+
+/// The limit leaves room for the record of an operation that passes it, and for all reservations.
+void EntryLogCore::reservedInc(std::int64_t records) {
+  reserved_ += static_cast<std::uint64_t>(records);
+  const Word places = log_->places();
+  const Word usable = places > reserved_ ? places - reserved_ - 1 : 0;
+  roomLimit_ = std::min<Word>(descriptor_.collections.logCapacity - 1, usable);
+}
+
+bool EntryLogCore::updatesRoom(std::uint32_t updates, std::size_t versionsEach) {
+  constexpr std::size_t kPerRecord = NeededEntryRecord::kVersions;
+  const std::size_t sets = (versionsEach + kPerRecord - 1) / kPerRecord;
+  try {
+    logRoom(updates);
+    if (sets != 0) groupInterface()->addLogEntryRoom(tableId(), sets * kPerRecord * updates);
+    return true;
+  } catch (const Drift::CollectionFullException&) {
+    return false;
+  } catch (const Drift::NoSpaceException&) {
+    return false;
   }
 }
 

@@ -65,6 +65,20 @@ void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
   if (!ringLater_) told->ring(reportFile());
 }
 
+LogVersion GroupInterface::announcedVersion(SwTableId tableId) const {
+  const auto* const node = announcers_[tableId];
+  return node != nullptr ? node->value()->announced() : LogVersion(0);
+}
+
+void GroupInterface::announcedVersionsAdd(NeededEntry& versions) const {
+  for (const auto& node : announcers_) {
+    const auto& told = *node.value();
+    if (told.announced() != LogVersion(0)) {
+      versions.add(TableVersion(told.tableId(), told.announced()));
+    }
+  }
+}
+
 void GroupInterface::logFilesAdd(std::vector<const Drift::DriftFile*>& files) const {
   for (const auto& node : announcers_) files.push_back(&node.value()->log());
 }

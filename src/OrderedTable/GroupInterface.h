@@ -63,6 +63,10 @@ class QUARNBASTIL_EXPORT GroupInterface final
   /// Ensures that the next `addLogEntry` of the table has room for a set of so many versions.
   /// Throws what it would throw.
   void addLogEntryRoom(SwTableId tableId, std::size_t versions);
+  /// The newest announced version of a table; 0 if it is not one of the group.
+  LogVersion announcedVersion(SwTableId tableId) const;
+  /// Adds that of each table of the group.
+  void announcedVersionsAdd(NeededEntry& versions) const;
   /// The table's log has been cleaned up to a version.
   void entryLogCleaned(SwTableId tableId, LogVersion version);
 

@@ -37,7 +37,7 @@ GroupResolver::GroupResolver(std::shared_ptr<CommitCount> commitCount)
 }
 
 GroupResolver::~GroupResolver() {
-  unwatchDependency();
+  unwatch();
   commitCount_->queued -= queue_.size();
 }
 
@@ -57,7 +57,7 @@ void GroupResolver::updateGenId() const noexcept {
 void GroupResolver::maybeUpdateSuspend() noexcept { suspended_ = !queue_.empty() && !ready(); }
 
 void GroupResolver::headIsNew() noexcept {
-  unwatchDependency();
+  unwatch();
   askedGenId_ = UINT64_MAX;
 }
 
@@ -67,25 +67,26 @@ bool GroupResolver::askHead() {
   askedCommits_ = commitCount_->commits;
   const Fenrik::Ptr<ResolverEntry> head = *queue_.front();
   if (head->isResolved()) return true;
-  watchDependency(head->dependantEntryHandle());
+  watch(head->awaited());
   return false;
 }
 
-void GroupResolver::watchDependency(const Fenrik::Ptr<const DependencyEntryHandle>& handle) {
-  if (watch_.handle == handle || handle == nullptr) return;
-  unwatchDependency();
-  watch_.handle = handle;
-  watch_.dispatchIs([](const Fenrik::Publisher&, Fenrik::Subscriber& self,
+void GroupResolver::watch(ResolverEntry::Awaited awaited) {
+  if (watch_.awaited.object == awaited.object) return;
+  unwatch();
+  if (awaited.object == nullptr) return;
+  watch_.awaited = std::move(awaited);
+  watch_.dispatchIs([](const Fenrik::Publisher&, Fenrik::Subscriber& subscriber,
                        const Fenrik::Change& change) noexcept {
-    if (change.fieldId != DependencyEntryHandle::kEntryStateField) return;
-    ++static_cast<DependencyWatch&>(self).resolver.genId_;
+    const auto& self = static_cast<const HeadWatch&>(subscriber);
+    if (change.fieldId == self.awaited.field) ++self.resolver.genId_;
   });
-  handle->publisher()->subscriberAdd(watch_, false);
+  watch_.awaited.object->publisher()->subscriberAdd(watch_, false);
 }
 
-void GroupResolver::unwatchDependency() {
+void GroupResolver::unwatch() {
   watch_.unsubscribe();
-  watch_.handle = nullptr;
+  watch_.awaited.object = nullptr;
 }
 
 unsigned GroupResolver::pump(unsigned budget) {

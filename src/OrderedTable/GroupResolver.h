@@ -27,7 +27,7 @@ struct CommitCount {
 ///
 /// I1. The head is asked whether it is resolved only if its answer may have changed: it has just
 ///     become the head, `updateGenId` was called for a reason other than queueing an operation
-///     after it, the state of its dependency changed, or a group committed.
+///     after it, the dependency or the resource that it waits for changed, or a group committed.
 /// I2. An operation leaves the queue before its commit begins: code called during the commit sees a
 ///     consistent queue, and an exception cannot lead to a second commit.
 class QUARNBASTIL_EXPORT GroupResolver final : public Fenrik::NodeClass<GroupResolver> {
@@ -81,22 +81,22 @@ class QUARNBASTIL_EXPORT GroupResolver final : public Fenrik::NodeClass<GroupRes
  private:
   struct QUARNBASTIL_EXPORT QE_ResolverQueue {};
 
-  /// Subscription to the handle that the head waits for.
-  struct DependencyWatch : Fenrik::Subscriber {
-    explicit DependencyWatch(const GroupResolver& resolver) : resolver(resolver) {}
+  /// Subscription to what the head waits for.
+  struct HeadWatch : Fenrik::Subscriber {
+    explicit HeadWatch(const GroupResolver& resolver) : resolver(resolver) {}
     const GroupResolver& resolver;
-    Fenrik::Ptr<const DependencyEntryHandle> handle;
+    ResolverEntry::Awaited awaited;
   };
 
   bool askHead();
   void prefetchBehind() const noexcept;
-  void watchDependency(const Fenrik::Ptr<const DependencyEntryHandle>& handle);
-  void unwatchDependency();
+  void watch(ResolverEntry::Awaited awaited);
+  void unwatch();
   void headIsNew() noexcept;
 
   Fenrik::RQueue<Fenrik::Ptr<ResolverEntry>, false, QE_ResolverQueue> queue_;
   std::shared_ptr<CommitCount> commitCount_;
-  DependencyWatch watch_;
+  HeadWatch watch_;
   /// Changes that may alter the head's answer, counted.
   mutable std::uint64_t genId_ = 0;
   /// Values of `genId_` and of the commit count when the head was last asked.

@@ -70,7 +70,7 @@ void LogStore::removeThrough(LogVersion version) {
   entity_->writer().removeThrough(version.value());
 }
 
-void LogStore::makeRoom() { entity_->writer().makeRoom(); }
+void LogStore::makeRoom(Word records) { entity_->writer().makeRoom(records); }
 
 void LogStore::prefetch(unsigned ahead) const noexcept { entity_->writer().prefetch(ahead); }
 

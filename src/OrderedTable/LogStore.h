@@ -63,9 +63,11 @@ class LogStore {
   void remove(LogVersion version);
   /// Removes all versions from the oldest up to `version`, in order.
   void removeThrough(LogVersion version);
-  /// Ensures that one more record can be appended. Throws what appending it would throw; nothing
+  /// Records for which there are places, more than its capacity.
+  Word places() const noexcept { return entity_->file().header().slotCount; }
+  /// Ensures that so many records can be appended. Throws what appending it would throw; nothing
   /// has changed then.
-  void makeRoom();
+  void makeRoom(Word records = 1);
   /// Prefetches the slot of the record that will be appended `ahead` records from now.
   void prefetch(unsigned ahead) const noexcept;
 

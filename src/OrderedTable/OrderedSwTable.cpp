@@ -83,6 +83,9 @@ SwTableStats::~SwTableStats() = default;
 OrderedSwTableStatus::~OrderedSwTableStatus() = default;
 ResolverEntry::~ResolverEntry() = default;
 void ResolverEntry::prefetch(bool, unsigned) const noexcept {}
+ResolverEntry::Awaited ResolverEntry::awaited() const {
+  return {dependantEntryHandle_, DependencyEntryHandle::kEntryStateField};
+}
 SwTableIteratorStateBase::~SwTableIteratorStateBase() = default;
 
 void SwTableIteratorStateBase::bookmarkIs(const KeyImage& key) {

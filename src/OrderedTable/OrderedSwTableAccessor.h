@@ -2,6 +2,7 @@
 
 #include <type_traits>
 
+#include "Fenrik/Assert.h"
 #include "OrderedTable/TableCore.h"
 
 namespace Asic {
@@ -19,13 +20,22 @@ class OrderedSwTableAccessor {
   using Handle = typename Table::EntryHandle;
   using HandlePtr = Fenrik::Ptr<Handle>;
   using Wrapper = typename Types::EntryWrapper;
+  using Linkage = typename Types::ResourceLinkage;
   using DependencyPtr = Fenrik::Ptr<const DependencyEntryHandle>;
   using NeededPtr = Fenrik::Ptr<const NeededEntry>;
 
   explicit OrderedSwTableAccessor(T* table) noexcept : table_(table) {}
 
   HandlePtr entryWriteGeneric(const Key& key, const Entry& entry, const DependencyPtr& dep,
-                              const ResponseHandler& handler) {
+                              const ResponseHandler& handler) requires std::is_void_v<Linkage> {
+    return typed(core().entryWriteGeneric(&key, &entry, dep, handler));
+  }
+  /// In a family with resources. REQUIRES: `linkage` is that of the table.
+  template <class OwnLinkage>
+  HandlePtr entryWriteGeneric(
+      const Key& key, const Entry& entry, const DependencyPtr& dep, const ResponseHandler& handler,
+      const Fenrik::Ptr<OwnLinkage>& linkage) requires std::is_same_v<OwnLinkage, Linkage> {
+    FENRIK_ASSERT(linkage != nullptr && linkage->swTable() == table_);
     return typed(core().entryWriteGeneric(&key, &entry, dep, handler));
   }
   HandlePtr entryRemoveGeneric(const Key& key, const DependencyPtr& dep,

@@ -73,7 +73,7 @@ void OrderedSwTableSet::tableStatusVersion(LogVersion version) {
 
 void OrderedSwTableSet::releaseWaiting(LogVersion version) {
   std::erase_if(waiting_, [](TableCore* core) {
-    core->waitsForReports_ = !core->entryHandleInLog().empty();
+    core->waitsForReports_ = core->awaitsReport();
     return !core->waitsForReports_;
   });
   if (waiting_.empty()) return;

@@ -31,9 +31,31 @@ OrderedTableInterface::OrderedTableInterface(
     const Fenrik::Ptr<Stavro::EntityManager>& entityManager)
     : entityManager_(entityManager),
       groups_(Fenrik::ptrIsImpl<GroupInterfaceColl>()),
+      outermostCall_(Fenrik::ptrIsImpl<OutermostCall>(this)),
       commitCount_(std::make_shared<CommitCount>()) {}
 
-OrderedTableInterface::~OrderedTableInterface() = default;
+OrderedTableInterface::~OrderedTableInterface() { outermostCall_->tablesDel(); }
+
+LogVersion OrderedTableInterface::announcedVersion(SwTableId tableId) const {
+  LogVersion version;
+  for (const auto& group : turns_) version = std::max(version, group->announcedVersion(tableId));
+  return version;
+}
+
+Fenrik::Ptr<const NeededEntry> OrderedTableInterface::announcedVersions() const {
+  auto versions = Fenrik::ptrIsImpl<NeededEntry>();
+  for (const auto& group : turns_) group->announcedVersionsAdd(*versions);
+  return versions;
+}
+
+LogVersion OrderedTableInterface::reportedVersion(SwTableId tableId) const {
+  LogVersion version;
+  for (const auto& group : turns_) {
+    const auto reported = group->tableVersionMap()->find(tableId);
+    if (reported.found) version = std::max(version, reported.record.logVersion);
+  }
+  return version;
+}
 
 void OrderedTableInterface::makeGroupIntf(const Fenrik::String& agentName,
                                           const Fenrik::String& groupName,
@@ -46,11 +68,15 @@ void OrderedTableInterface::makeGroupIntf(const Fenrik::String& agentName,
   groups_->groupIntfIs(turns_.back());
 }
 
-bool OrderedTableInterface::ready() const noexcept {
+bool OrderedTableInterface::reportsMoved() const noexcept {
   // One branch for all groups: an agent's loop calls this often, and usually nothing has moved.
   bool moved = false;
   for (const TableVersionMap* const reports : reports_) moved |= reports->moved();
-  if (moved) return true;
+  return moved;
+}
+
+bool OrderedTableInterface::ready() const noexcept {
+  if (reportsMoved() || outermostCall_->due()) return true;
   return commitCount_->queued != 0 && std::ranges::any_of(turns_, [](const auto& group) {
            return group->groupResolver()->ready();
          });
@@ -64,8 +90,11 @@ OrderedTableInterface::Pumped OrderedTableInterface::pump(unsigned budget) {
   }
   if (!ready()) return pumped;
   const FlagScope pumping(pumping_);
+  OutermostCall::Scope call(outermostCall_);
+  const bool reported = reportsMoved();
   // By index, because handlers may bring up further groups.
   for (std::size_t i = 0; i < turns_.size(); ++i) pumped.reports += turns_[i]->takeReports();
+  if (reported) outermostCall_->handleReports();
   std::size_t idle = 0;
   for (std::size_t at = firstTurn_; idle < turns_.size() && pumped.commits < budget; ++at) {
     const Fenrik::Ptr<GroupInterface> group = turns_[at % turns_.size()];
@@ -76,6 +105,7 @@ OrderedTableInterface::Pumped OrderedTableInterface::pump(unsigned budget) {
     pumped.commits += commits;
     idle = commits != 0 ? 0 : idle + 1;
   }
+  call.end();
   pumped.more = ready();
   return pumped;
 }

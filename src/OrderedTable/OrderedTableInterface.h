@@ -8,6 +8,7 @@
 #include "Fenrik/NodeClass.h"
 #include "Kiv/KeyedAttribute.h"
 #include "OrderedTable/GroupInterface.h"
+#include "OrderedTable/OutermostCall.h"
 #include "OrderedTable/TableInterfaceBase.h"
 #include "Stavro/EntityManager.h"
 
@@ -68,6 +69,16 @@ class QUARNBASTIL_EXPORT OrderedTableInterface final
     return groups_->groupIntf(canonicalName);
   }
 
+  /// The calls in progress, for whoever has to put work off.
+  const Fenrik::Ptr<OutermostCall>& outermostCall() const noexcept { return outermostCall_; }
+
+  /// The newest version of a table that the hardware writer may read; 0 if the table is unknown.
+  LogVersion announcedVersion(SwTableId tableId) const;
+  /// That of every table.
+  Fenrik::Ptr<const NeededEntry> announcedVersions() const;
+  /// The version up to which a table's log is reported to be in hardware; 0 if none is.
+  LogVersion reportedVersion(SwTableId tableId) const;
+
   /// The agent's resource tables, by canonical name.
   KIV_KEYED_VALUE(kFieldBase + 2, resourceTable, HN_ResourceTable);
   /// The interfaces created over this object, by full class name. Not owned.
@@ -94,11 +105,13 @@ class QUARNBASTIL_EXPORT OrderedTableInterface final
   bool waitForReport(std::chrono::nanoseconds timeout);
 
  private:
+  bool reportsMoved() const noexcept;
   bool ready() const noexcept;
   bool sleepForReport(std::chrono::nanoseconds timeout);
 
   Fenrik::Ptr<Stavro::EntityManager> entityManager_;
   Fenrik::Ptr<GroupInterfaceColl> groups_;
+  Fenrik::Ptr<OutermostCall> outermostCall_;
   std::shared_ptr<CommitCount> commitCount_;
   /// The groups in order of creation, and the index of the one that commits first next time: if the
   /// budget does not suffice for all of them, each gets its turn.

@@ -26,6 +26,14 @@ class QUARNBASTIL_EXPORT ResolverEntry : public Fenrik::Node {
 
   /// Whether the operation can be committed now. May be called any number of times.
   virtual bool isResolved() = 0;
+  /// What the operation waits for after a negative answer: a change of one attribute of an object.
+  struct Awaited {
+    /// Null if only the table or its log can change the answer.
+    Fenrik::Ptr<const Fenrik::Node> object;
+    Fenrik::FieldId field;
+  };
+  /// The dependency, unless an operation knows better.
+  virtual Awaited awaited() const;
   /// Commits or fails the operation. In both cases it is finished for the queue.
   virtual void commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) = 0;
 

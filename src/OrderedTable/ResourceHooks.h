@@ -2,6 +2,7 @@
 
 #include "Fenrik/Ptr.h"
 #include "Fenrik/String.h"
+#include "OrderedTable/ResolverEntry.h"
 
 namespace Asic {
 
@@ -37,6 +38,12 @@ struct ResourceHooks {
   /// `entriesRestored` once afterwards.
   void (*restoreEntry)(OrderedSwTable& table, EntryWrapperBase& wrapper);
   void (*entriesRestored)(OrderedSwTable& table);
+  /// What announces that the resource of a waiting operation has changed; a null object if the
+  /// operation does not wait for a resource.
+  ResolverEntry::Awaited (*awaited)(const OrderedSwTable& table, const EntryWrapperBase& wrapper);
+  /// The hardware has reported something, which may have made room in the log. Called only after
+  /// `TableCore::reportWantedIs(true)`.
+  void (*roomMade)(OrderedSwTable& table);
   /// The resource that an operation waits for, for diagnostics; empty if none.
   Fenrik::String (*waitingReason)(const OrderedSwTable& table, const EntryWrapperBase& wrapper);
 };

@@ -1,5 +1,6 @@
 #include "Kiv/Trace.h"
 #include "OrderedTable/OrderedSwTableSet.h"
+#include "OrderedTable/ResourceHooks.h"
 #include "OrderedTable/TableCore.h"
 
 namespace Asic {
@@ -30,6 +31,20 @@ void TableCore::handlesRelease(LogVersion version) {
     handle->entryStateIs(EntryState::entryDone);
     if (handle->responseHandler()) handle->responseHandler()(handle);
   }
+  if (reportWanted_) [[unlikely]]
+    descriptor_.resources->roomMade(table_);
+}
+
+void TableCore::reportWantedIs(bool wanted) {
+  reportWanted_ = wanted;
+  if (wanted) waitForReports();
+}
+
+/// Reports reach only the tables that wait for some.
+void TableCore::waitForReports() {
+  if (waitsForReports_ || table_.swTableSet() == nullptr) return;
+  waitsForReports_ = true;
+  table_.swTableSet()->waitingAdd(*this);
 }
 
 bool TableCore::hasPendingHwWrites() const {

@@ -52,6 +52,20 @@ TableAnnouncer::TableAnnouncer(SwTableId tableId, const Fenrik::Ptr<KivSharedMem
 
 TableAnnouncer::~TableAnnouncer() = default;
 
+Fenrik::Ptr<const NeededEntry> TableAnnouncer::everythingAnnounced(
+    const KivSharedMem::EntityManager& manager, SwTableId except) {
+  auto everything = Fenrik::ptrIsImpl<NeededEntry>();
+  const auto stored =
+      manager.findEntities(Constants::kRoot, KivSharedMem::KivSharedMemType::stored);
+  for (const auto& node : stored->paths()) {
+    const auto tableId = Constants::getTableIdFromEntryLogPath(node.value());
+    if (!tableId || *tableId == except) continue;
+    const auto version = announcedOf(manager, node.value());
+    if (version && *version != LogVersion(0)) everything->add(TableVersion(*tableId, *version));
+  }
+  return everything;
+}
+
 void TableAnnouncer::takeOver(const KivSharedMem::EntityManager& manager) {
   const auto& control = *log_->collectionControl();
   const LogVersion logged(control.scratchpad());
@@ -62,17 +76,9 @@ void TableAnnouncer::takeOver(const KivSharedMem::EntityManager& manager) {
   if (newest.found && newest.record.version > logged) needed_->neededEntryDelAll();
   if (announced_ == logged) return;
 
-  NeededEntry everything;
-  const auto stored =
-      manager.findEntities(Constants::kRoot, KivSharedMem::KivSharedMemType::stored);
-  for (const auto& node : stored->paths()) {
-    const auto tableId = Constants::getTableIdFromEntryLogPath(node.value());
-    if (!tableId || *tableId == tableId_) continue;
-    const auto version = announcedOf(manager, node.value());
-    if (version && *version != LogVersion(0)) everything.add(TableVersion(*tableId, *version));
-  }
+  const auto everything = everythingAnnounced(manager, tableId_);
   // Later versions follow in order, so one set suffices.
-  if (!everything.empty()) neededStore(LogVersion(announced_.value() + 1), everything);
+  if (!everything->empty()) neededStore(LogVersion(announced_.value() + 1), *everything);
   announce(logged, nullptr);
   ring(nullptr);
 }

@@ -24,6 +24,11 @@ class QUARNBASTIL_EXPORT TableAnnouncer final : public Fenrik::NodeClass<TableAn
                  const Fenrik::Ptr<KivSharedMem::EntityManager>& manager);
   ~TableAnnouncer() override;
 
+  /// The announced versions of all tables, whether their logs are mounted or not, except of one.
+  /// Throws `Drift::MountException` if the directory cannot be read.
+  static Fenrik::Ptr<const NeededEntry> everythingAnnounced(
+      const KivSharedMem::EntityManager& manager, SwTableId except);
+
   SwTableId tableId() const noexcept { return tableId_; }
   LogVersion announced() const noexcept { return announced_; }
   const Fenrik::Ptr<KivDrift::CollectionControl>& neededControl() const noexcept {

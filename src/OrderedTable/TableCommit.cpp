@@ -14,11 +14,6 @@ namespace {
 /// Function name under which all branches of a commit are traced.
 constexpr const char* kCommit = "commitEntry";
 
-/// A log holds at most its capacity: an operation waits while the log has more records than this.
-Drift::Word logRoomLimit(const TableDescriptor& descriptor) noexcept {
-  return descriptor.collections.logCapacity - 1;
-}
-
 /// Text of the current exception, for the handle's rejection.
 Fenrik::String textOfException(const char* who) {
   try {
@@ -37,7 +32,7 @@ Fenrik::String textOfException(const char* who) {
 bool TableCore::isResolverEntryResolved(const TableResolverEntry& item) {
   EntryWrapperBase& wrapper = *item.wrapper();
   const void* const key = wrapper.entryBytes();
-  if (entryLog_->log().records() > logRoomLimit(descriptor_)) {
+  if (entryLog_->full()) {
     KIV_TRACE(trace(), 1, "", "key: {}, isEntryDeleted: {} : no space in entryLog!", textOf(key),
               item.isEntryDeleted());
     return false;
@@ -120,7 +115,7 @@ void TableCore::commitWrite(Operation& operation) {
   if (!resourceResolved(operation)) return giveUpForResource(operation);
   removeFromTransient(operation, Side::add);
   auto own = ownNeeded(wrapper);
-  const std::vector<std::byte> former = formerEntry(wrapper.entryBytes());
+  const std::byte* const former = formerEntry(wrapper.entryBytes());
   const NeededPtr neededEntry = neededOf(operation, std::move(own));
   const std::byte* const entry = wrapper.entryBytes();
   const LogVersion logVersion =
@@ -134,7 +129,7 @@ void TableCore::commitWrite(Operation& operation) {
     finish(operation);
   }
   if (descriptor_.resources != nullptr) {
-    descriptor_.resources->updateLocalUsage(table_, wrapper, former.data(), false);
+    descriptor_.resources->updateLocalUsage(table_, wrapper, former, false);
   }
 }
 
@@ -153,7 +148,7 @@ bool TableCore::resourceResolved(Operation& operation) {
 void TableCore::commitRemove(Operation& operation) {
   EntryWrapperBase& wrapper = operation.wrapper;
   const KeyImage key = imageOf(wrapper.entryBytes());
-  const std::vector<std::byte> former = formerEntry(wrapper.entryBytes());
+  const std::byte* const former = formerEntry(wrapper.entryBytes());
   const NeededPtr neededEntry = neededOf(operation, nullptr);
   removeFromTransient(operation, Side::remove);
   wrapper.finalizeOnSuccess(descriptor_, table_, true);
@@ -166,7 +161,7 @@ void TableCore::commitRemove(Operation& operation) {
     finish(operation);
   }
   if (descriptor_.resources != nullptr) {
-    descriptor_.resources->updateLocalUsage(table_, wrapper, former.data(), true);
+    descriptor_.resources->updateLocalUsage(table_, wrapper, former, true);
   }
 }
 
@@ -230,13 +225,13 @@ void TableCore::callHandler(Operation& operation) {
 }
 
 /// The entry configured before a commit. Only resources use it, so without any it is read only if
-/// the read is traced.
-std::vector<std::byte> TableCore::formerEntry(const void* key) const {
-  if (descriptor_.resources == nullptr && !readTrace().levelEnabled(8)) return {};
+/// the read is traced. Valid until the next commit.
+const std::byte* TableCore::formerEntry(const void* key) {
+  if (descriptor_.resources == nullptr && !readTrace().levelEnabled(8)) return nullptr;
   const auto* const none = static_cast<const std::byte*>(descriptor_.records.defaultEntry);
-  std::vector<std::byte> entry(none, none + descriptor_.records.entrySize);
-  entryFromConfig(key, entry.data());
-  return entry;
+  former_.assign(none, none + descriptor_.records.entrySize);
+  entryFromConfig(key, former_.data());
+  return former_.data();
 }
 
 Fenrik::Ptr<NeededEntry> TableCore::getNeededEntrySet(const EntryWrapperBase& wrapper) const {
@@ -340,7 +335,9 @@ Fenrik::Ptr<OrderedSwTable::EntryHandle> TableCore::updateEntry(const void* key)
   HandlePtr handle;
   const WrapperPtr wrapper = entryWrapperFromConfig(image.words(), false, handle);
   const TableDescriptor::Records& shapes = descriptor_.records;
-  std::vector<Word> oldLogEntry(shapes.logEntry.words());
+  // Taken from the table meanwhile: the helper may update another entry.
+  std::vector<Word> oldLogEntry = std::move(oldLogEntry_);
+  oldLogEntry.resize(shapes.logEntry.words());
   shapes.logEntry.toWords(wrapper->entryBytes(), oldLogEntry.data());
   const ResourceHooks* const resources = descriptor_.resources;
   bool failed = false;
@@ -356,6 +353,7 @@ Fenrik::Ptr<OrderedSwTable::EntryHandle> TableCore::updateEntry(const void* key)
     table_.stats()->updateWithFailedResourceCntInc(1);
   }
   const bool changed = !shapes.logEntry.same(wrapper->entryBytes(), oldLogEntry.data());
+  oldLogEntry_ = std::move(oldLogEntry);
   if (changed && commitToLog) {
     const auto neededEntry = getNeededEntrySet(*wrapper);
     const std::byte* const entry = wrapper->entryBytes();
@@ -432,6 +430,8 @@ void TableCore::clearTable(bool releaseResources) {
   KIV_TRACE(trace(), 8, "", "");
   HandlePtr none;
   delAllEntries(releaseResources, nullptr, none);
+  // The head may hold the handle of a resource that was released just now, and needs a new one.
+  if (releaseResources) groupResolver_->updateGenId();
 }
 
 void TableCore::restoreEntries() {
@@ -447,6 +447,16 @@ void TableCore::restoreEntries() {
   resources->entriesRestored(table_);
 }
 
+/// Follows the order of the checks: an operation waits for its resource only after its dependency.
+ResolverEntry::Awaited TableCore::awaitedBy(const TableResolverEntry& item) const {
+  const ResourceHooks* const resources = descriptor_.resources;
+  const DependencyPtr& dependency = item.dependantEntryHandle();
+  const bool afterDependency =
+      dependency == nullptr || dependency->entryState() != EntryState::entryPending;
+  if (resources != nullptr && afterDependency) return resources->awaited(table_, *item.wrapper());
+  return {dependency, DependencyEntryHandle::kEntryStateField};
+}
+
 ResolverEntry::Waiting TableCore::waitingOf(const TableResolverEntry& item) const {
   ResolverEntry::Waiting waiting;
   waiting.table = table_.canonicalName()->name();
@@ -460,9 +470,15 @@ ResolverEntry::Waiting TableCore::waitingOf(const TableResolverEntry& item) cons
 }
 
 Fenrik::String TableCore::waitingReason(const TableResolverEntry& item) const {
-  const Drift::Word records = entryLog_->log().records();
-  if (records > logRoomLimit(descriptor_)) {
-    return Fenrik::formatString("no room in the log: {} records wait for the hardware", records);
+  if (entryLog_->full()) {
+    const Drift::Word records = entryLog_->log().records();
+    const std::uint64_t reserved = entryLog_->reserved();
+    return reserved == 0 ? Fenrik::formatString(
+                               "no room in the log: {} records wait for the hardware", records)
+                         : Fenrik::formatString(
+                               "no room in the log: {} records wait for the hardware, and "
+                               "changed resources for {} more",
+                               records, reserved);
   }
   const auto& dependency = item.dependantEntryHandle();
   if (dependency != nullptr && dependency->entryState() == EntryState::entryPending) {

@@ -97,6 +97,7 @@ class QUARNBASTIL_EXPORT TableCore {
   /// Rebuilds the wrapper of a configured entry. Creates a handle if `handle` is null.
   WrapperPtr entryWrapperFromConfig(const void* key, bool refreshRsrcPtrs, HandlePtr& handle);
   void restoreEntries();
+  ResolverEntry::Awaited awaitedBy(const TableResolverEntry& item) const;
   ResolverEntry::Waiting waitingOf(const TableResolverEntry& item) const;
   /// The table is being destroyed: ends a queued operation in `entryRejected`.
   void giveUp(const TableResolverEntry& item);
@@ -105,6 +106,9 @@ class QUARNBASTIL_EXPORT TableCore {
   void tableStatusVersion(LogVersion version);
   /// Releases this table's handles for a report; the part of a report that no other unit shares.
   void handlesRelease(LogVersion version);
+  /// Whether the resource hooks are to be called after each report.
+  void reportWantedIs(bool wanted);
+  bool awaitsReport() const noexcept { return reportWanted_ || !entryHandleInLog_.empty(); }
   bool hasPendingHwWrites() const;
   /// As above, without tracing and without the log, which all units share.
   bool hasInFlight() const noexcept {
@@ -218,7 +222,7 @@ class QUARNBASTIL_EXPORT TableCore {
   std::optional<Fenrik::String> refusalOf(const Operation& operation) const;
   NeededPtr neededOf(const Operation& operation, Fenrik::Ptr<NeededEntry> own) const;
   Fenrik::Ptr<NeededEntry> ownNeeded(const EntryWrapperBase& wrapper) const;
-  std::vector<std::byte> formerEntry(const void* key) const;
+  const std::byte* formerEntry(const void* key);
   bool wantsClearedEntries(const HandlePtr& handle) const;
 
   // Iteration.
@@ -227,6 +231,7 @@ class QUARNBASTIL_EXPORT TableCore {
   bool stepInTblCfg(SwTableIteratorStateBase& state, void* entry) const;
   bool hidden(const ConfigRecord& record) const;
 
+  void waitForReports();
   Fenrik::String waitingReason(const TableResolverEntry& item) const;
 
   OrderedSwTable& table_;
@@ -242,6 +247,10 @@ class QUARNBASTIL_EXPORT TableCore {
   /// Last state reported to the table's set.
   bool countedInFlight_ = false;
   bool waitsForReports_ = false;
+  bool reportWanted_ = false;
+  /// Buffers of the configured entry before a commit, and of the log entry before an update.
+  std::vector<std::byte> former_;
+  std::vector<Word> oldLogEntry_;
 };
 
 }  // namespace Asic

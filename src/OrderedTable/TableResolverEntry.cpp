@@ -11,6 +11,10 @@ bool TableResolverEntry::isResolved() {
   return table_ == nullptr || table_->core()->isResolverEntryResolved(*this);
 }
 
+ResolverEntry::Awaited TableResolverEntry::awaited() const {
+  return table_ != nullptr ? table_->core()->awaitedBy(*this) : ResolverEntry::awaited();
+}
+
 void TableResolverEntry::commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) {
   // Keeps the table alive: a handler may drop the last reference to it.
   const Fenrik::Ptr<OrderedSwTable> table(table_);

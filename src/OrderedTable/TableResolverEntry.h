@@ -22,6 +22,7 @@ class QUARNBASTIL_EXPORT TableResolverEntry : public ResolverEntry {
   const Fenrik::Ptr<EntryWrapperBase>& wrapper() const noexcept { return wrapper_; }
 
   bool isResolved() override;
+  Awaited awaited() const override;
   void commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) override;
   void tableGone(const OrderedSwTable& table) override;
   void prefetch(bool near, unsigned ahead) const noexcept override;

@@ -167,10 +167,7 @@ void TableCore::transientVersionForKeyDelAll() {
 }
 
 void TableCore::entryHandleInLogEnq(const HandlePtr& handle) {
-  if (!waitsForReports_ && table_.swTableSet() != nullptr) {
-    waitsForReports_ = true;
-    table_.swTableSet()->waitingAdd(*this);
-  }
+  if (!waitsForReports_) waitForReports();
   const std::uint32_t index = entryHandleInLog_.enq(handle);
   table_.publisher_.publishChange(field(Field::kEntryHandleInLog), &index);
 }

@@ -13,6 +13,7 @@
 #include "OrderedTable/TypedEntryHandle.h"
 
 namespace Asic {
+class EntryWrapperBase;
 struct ResourceHooks;
 struct TableDescriptor;
 }  // namespace Asic
@@ -44,6 +45,9 @@ struct FamilyDefaults {
   static constexpr std::uint16_t kLinkFields = 0;
 
   using SwTableBase = Asic::OrderedSwTable;
+  using EntryWrapperBase = Asic::EntryWrapperBase;
+  /// The link to the resource table; void if the table uses no resources.
+  using ResourceLinkage = void;
   using IteratorStateBase = Asic::SwTableIteratorStateBase;
 };
 

@@ -12,22 +12,22 @@ namespace QuarnBastil {
 /// Threads: the table thread.
 template <class Family>
 class QUARNBASTIL_EXPORT EntryWrapper
-    : public Fenrik::NodeClass<typename Family::EntryWrapper, Asic::EntryWrapperBase,
+    : public Fenrik::NodeClass<typename Family::EntryWrapper, typename Family::EntryWrapperBase,
                                Fenrik::Storage::slabPerWrite> {
  public:
   using Key = typename Family::Key;
   using Entry = typename Family::Entry;
   using SwTable = typename Family::SwTable;
   using KivModule = typename Family::InfraTypesModule;
-  using Base = Fenrik::NodeClass<typename Family::EntryWrapper, Asic::EntryWrapperBase,
+  using Base = Fenrik::NodeClass<typename Family::EntryWrapper, typename Family::EntryWrapperBase,
                                  Fenrik::Storage::slabPerWrite>;
 
   EntryWrapper(const Entry& entry,
                const Fenrik::NonNullPtr<Asic::OrderedSwTable::EntryHandle>& entryHandle)
       : Base(reinterpret_cast<std::byte*>(&entry_), entryHandle), entry_(entry) {}
 
-  /// The complete entry. A helper may change it, except for the key, until the commit has logged
-  /// it.
+  /// The complete entry. A helper may change it, except for the key and the resource keys, until
+  /// the commit has logged it.
   const Entry& entry() const noexcept { return entry_; }
   Entry& mutableEntry() noexcept { return entry_; }
 

@@ -5,6 +5,7 @@
 #include "Kiv/KeyedAttribute.h"
 #include "OrderedTable/IterStateAccessor.h"
 #include "OrderedTable/OrderedSwTableAccessor.h"
+#include "OrderedTable/OutermostCall.h"
 #include "OrderedTable/TableCore.h"
 #include "QuarnBastil/FamilyTraits.h"
 
@@ -201,6 +202,10 @@ class QUARNBASTIL_EXPORT SwTable
   FENRIK_FUNCTION(kFieldBase + 28, entryFromConfig);
   FENRIK_FUNCTION(kFieldBase + 29, restoreEntries);
   FENRIK_FUNCTION(kFieldBase + 30, clearTable);
+  static constexpr Kiv::AttributeFact attributeFact(Fenrik::FieldIndex<kLinkField>) noexcept
+      requires(Family::kLinkFields == 1) {
+    return {Fenrik::FieldId(kLinkField), Family::kLinkName, Kiv::AttributeKind::pointer};
+  }
   FENRIK_FUNCTION(kBehindLink, initIterState);
   FENRIK_FUNCTION(kBehindLink + 1, initIterStateFromKey);
   FENRIK_FUNCTION(kBehindLink + 2, handleInitialized);
@@ -283,12 +288,18 @@ class QUARNBASTIL_EXPORT SwTable
     return core_.isResolverEntryResolved(*item);
   }
   void commitEntry(const Fenrik::Ptr<Asic::ResolverEntry>& item) override {
-    core_.commitEntry(item);
+    oneCall([&] { core_.commitEntry(item); });
   }
-  HandlePtr updateEntry(const Key& key) { return typed(core_.updateEntry(&key)); }
+  HandlePtr updateEntry(const Key& key) {
+    HandlePtr handle;
+    oneCall([&] { handle = typed(core_.updateEntry(&key)); });
+    return handle;
+  }
   /// Clears the unit through the log. Throws `Drift::CollectionFullException` or
   /// `Drift::NoSpaceException`; nothing has changed then.
-  void clearTable(bool releaseResources) { core_.clearTable(releaseResources); }
+  void clearTable(bool releaseResources) {
+    oneCall([&] { core_.clearTable(releaseResources); });
+  }
   Fenrik::Ptr<Asic::NeededEntry> getNeededEntrySet(
       const Fenrik::Ptr<const Wrapper>& wrapper) const {
     return core_.getNeededEntrySet(*wrapper);
@@ -408,6 +419,17 @@ class QUARNBASTIL_EXPORT SwTable
   using View = Asic::InFlight::View;
 
   const Self* self() const noexcept { return static_cast<const Self*>(this); }
+  /// Resources do not change during a call. A family without resources has nothing to put off.
+  template <class Call>
+  [[gnu::always_inline]] void oneCall(const Call& call) {
+    if constexpr (std::is_void_v<typename Family::ResourceLinkage>) {
+      call();
+    } else {
+      Asic::OutermostCall::Scope scope(this->outermostCall());
+      call();
+      scope.end();
+    }
+  }
   const Asic::TableCore::HandleQueue& handles() const noexcept { return core_.entryHandleInLog(); }
 
   static Fenrik::Ptr<EntryHandle> typed(const Asic::TableCore::HandlePtr& handle) {

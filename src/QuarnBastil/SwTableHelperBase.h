@@ -18,7 +18,7 @@ class QUARNBASTIL_EXPORT SwTableHelperBase
   using KivModule = typename Family::SwTableHelperBaseModule;
 
   /// A write (`isDelete` false) or a single remove is about to be logged. The hook may change the
-  /// wrapper's entry; the changed entry is logged.
+  /// wrapper's entry, except for its keys; the changed entry is logged.
   virtual void finalizeOnSuccess(const Fenrik::Ptr<Wrapper>&, bool /*isDelete*/,
                                  const Fenrik::Ptr<SwTable>&) {}
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "QuarnBastil/FamilyClasses.h"
+#include "QuarnBastil/ResourceTableLinkage.h"
 #include "QuarnBastil/TcamActionTypes.h"
 
 namespace QuarnBastil {
@@ -11,7 +12,12 @@ QUARNBASTIL_DECLARE_FAMILY(TcamAction);
 struct QUARNBASTIL_EXPORT TcamActionFamily : TcamActionFamilyClasses {
   static constexpr Asic::SwTableId kTableId{0x04, 0x08, 0x0403};
   static constexpr std::uint16_t kLinkFields = 1;
+  static constexpr const char* kLinkName = "requestIdToFecLinkage";
+  static constexpr const Asic::ResourceHooks* kResourceHooks = &kTcamActionResourceHooks;
 
+  using SwTableBase = TcamActionResourceSwTable;
+  using EntryWrapperBase = TcamActionResourceWrapper;
+  using ResourceLinkage = TcamActionRequestIdToFecLinkage;
   using Key = TcamActionEntryKey;
   using Entry = TcamActionEntry;
   using LogEntry = TcamActionLogEntry;

@@ -56,6 +56,11 @@ TYPED_TEST(Conformance, IsWhatOthersKnowItBy) {
       numbersOf<typename Family::SwTableHelperBase>(),
       numbersOf<typename Family::EntryLog>(),
       numbersOf<typename Family::Interface>()};
+  if constexpr (!std::is_void_v<typename Family::ResourceLinkage>) {
+    using Linkage = typename Family::ResourceLinkage;
+    lines.push_back(numbersOf<typename Linkage::LocalUsageUpdateSm>());
+    lines.push_back(numbersOf<Linkage>());
+  }
   if (!std::is_same_v<Family, ToyFamily>) {
     const std::string page = Support::textOf(BASTIL_TABLES_PAGE);
     EXPECT_THAT(page, testing::HasSubstr(fmt::format("| `{}` | {} | {} | {}, {} |", is.tableName,
@@ -121,7 +126,9 @@ TEST(TcamActionTable, KeepsTheKeysOfItsResourceInTheConfigurationAlone) {
   auto entry = table.entry(5, 7);
   entry.requestId = QuarnL3NiLib::ReqIdToFecResourceTableEntryKey(0x1122334455667788);
   table.table->entryWrite(entry.key, entry, nullptr);
+  table.agent.resources().valueIs(entry.requestId, 9, nullptr);
   table.agent.pumpAll();
+  entry.destId = 9;
   EXPECT_EQ(table.table->entryRead(entry.key), entry);
   EXPECT_EQ(table.log().entryRsrcKeys(entry.key, table.kUnit), entry.rsrcKeys());
   const auto again = [&](bool withKeys) {

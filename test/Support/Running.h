@@ -22,6 +22,7 @@ class Running : public AgentRig {
   template <class Family>
   Fenrik::Ptr<typename Family::Interface> interface() {
     ends_[Family::kTableName] = [this] { end<Family>(); };
+    readyFor<Family>();
     return Family::Interface::getIntf(Fenrik::Ptr<Asic::OrderedTableInterface>(&tables()));
   }
   template <class Family>

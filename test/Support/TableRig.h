@@ -2,7 +2,10 @@
 
 #include "KivSharedMem/EntityManager.h"
 #include "OrderedTable/OrderedTableInterface.h"
+#include "OrderedTable/ResourceHooks.h"
 #include "OrderedTable/TableVersionDrift.h"
+#include "QuarnBastil/FamilyTraits.h"
+#include "QuarnL3NiLib/ReqIdToFecResourceTableResourceTable.h"
 #include "Stavro/EntityManager.h"
 
 /// Tables on real shared memory, put together by hand. No test framework: the benchmarks use the
@@ -25,6 +28,21 @@ class AgentRig {
   const Fenrik::Ptr<Stavro::EntityManager>& state() const { return state_; }
   Asic::OrderedTableInterface& tables() const { return *tables_; }
 
+  using Resources = QuarnL3NiLib::ReqIdToFecResourceTableResourceTable;
+  /// The agent's resource table, made at its first use.
+  Resources& resources() {
+    if (resources_ == nullptr) {
+      resources_ = Fenrik::ptrIsImpl<Resources>(tables_);
+      tables_->resourceTableIs(resources_->canonicalName()->name(), resources_);
+    }
+    return *resources_;
+  }
+  /// What a family needs before its tables are made.
+  template <class Family>
+  void readyFor() {
+    if constexpr (!std::is_void_v<typename Family::ResourceLinkage>) resources();
+  }
+
   /// Commits whatever can be committed.
   void pumpAll() {
     while (tables_->pump(1000).more) {
@@ -35,6 +53,7 @@ class AgentRig {
   Fenrik::Ptr<KivSharedMem::EntityManager> memory_;
   Fenrik::Ptr<Stavro::EntityManager> state_;
   Fenrik::Ptr<Asic::OrderedTableInterface> tables_;
+  Fenrik::Ptr<Resources> resources_;
 };
 
 /// One family of an agent: its log, its set and a table for each unit.
@@ -45,7 +64,8 @@ class TableRig {
   using EntryLog = typename Family::EntryLog;
 
   explicit TableRig(AgentRig& agent)
-      : group_([&] {
+      : agent_(agent),
+        group_([&] {
           agent.tables().makeGroupIntf(Family::kAgentName, Family::kGroupName,
                                        Family::kTableId.agentAndGroupId());
           return agent.tables().groupIntf(Family::Constants::canonicalGroupName());
@@ -75,6 +95,11 @@ class TableRig {
     const auto table = Fenrik::ptrIsImpl<SwTable>(name, Family::kTableId, unitId, set_.get(), log_,
                                                   group_->groupResolver());
     table->statusIs(status_);
+    if (const auto* const resources = QuarnBastil::descriptorOf<Family>().resources) {
+      agent_.readyFor<Family>();
+      resources->tableMade(agent_.tables(), *table);
+      table->restoreEntries();
+    }
     set_->swTableIs(table);
     return table;
   }
@@ -86,6 +111,7 @@ class TableRig {
   const Fenrik::Ptr<Asic::OrderedSwTableSet>& set() const { return set_; }
 
  private:
+  AgentRig& agent_;
   Fenrik::Ptr<Asic::GroupInterface> group_;
   Fenrik::Ptr<EntryLog> log_;
   Fenrik::Ptr<Asic::OrderedSwTableStatus> status_;

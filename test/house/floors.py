@@ -25,6 +25,7 @@ BESIDE = {
     "KivDrift": ("Drift/",),
     "KivSharedMem": ("Drift/", "KivDrift/"),
     "Stavro": ("Drift/",),
+    "QuarnL3NiLib": ("OvmResourceTable/",),
 }
 FLOOR_OF = {room: floor for floor, rooms in enumerate(FLOORS, 1) for room in rooms}
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
