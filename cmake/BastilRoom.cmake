@@ -45,6 +45,22 @@ function(bastil_version_script file)
   file(CONFIGURE OUTPUT "${file}" CONTENT "{\n  global:\n${patterns}  local: *;\n};\n" @ONLY)
 endfunction()
 
+# bastil_room_sources(OUTPUT ROOM): the sources of a room as absolute paths, with their own compile
+# options, for a target in another directory that compiles them once more.
+function(bastil_room_sources output room)
+  get_target_property(sources room_${room} SOURCES)
+  get_target_property(folder room_${room} SOURCE_DIR)
+  list(TRANSFORM sources PREPEND "${folder}/")
+  foreach(source IN LISTS sources)
+    get_source_file_property(options ${source} TARGET_DIRECTORY room_${room} COMPILE_OPTIONS)
+    if(options)
+      set_source_files_properties(${source} PROPERTIES COMPILE_OPTIONS "${options}"
+                                  SKIP_PRECOMPILE_HEADERS ON)
+    endif()
+  endforeach()
+  set(${output} ${sources} PARENT_SCOPE)
+endfunction()
+
 function(bastil_library)
   get_property(rooms GLOBAL PROPERTY BASTIL_ROOMS)
   add_library(quarnbastil SHARED)

@@ -17,6 +17,8 @@ using Linkage = TcamActionRequestIdToFecLinkage;
 using UsageSm = Linkage::LocalUsageUpdateSm;
 using Accessor = Asic::SwTableResourceAccessor<Linkage>;
 
+static_assert(Linkage::kTableField.number() == TcamActionSwTable::kLinkField);
+
 }  // namespace
 
 TcamActionResourceWrapper::~TcamActionResourceWrapper() = default;

@@ -20,9 +20,8 @@ class ResourceTable;
 ///
 /// I1. A client has at most one handle of a key that is not in post-release.
 /// I2. A handle that was never acknowledged ends with its last pointer, and its request with it.
-/// One
-///     that was acknowledged keeps its account in the table until it is released: its rows are in
-///     hardware, whoever has forgotten the handle.
+///     The account of an acknowledged handle stays in the table until it is released, even if
+///     nobody holds the handle: its rows are in hardware.
 class QUARNBASTIL_EXPORT ResourceHandle : public Fenrik::Publishing<Fenrik::Node> {
  public:
   static constexpr std::uint16_t kFieldBase = 512;
