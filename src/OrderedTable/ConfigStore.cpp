@@ -54,6 +54,14 @@ const ConfigRecord* ConfigStore::look(const Word* key) const {
   return guarded(read, false) ? &found_ : nullptr;
 }
 
+const ConfigRecord* ConfigStore::lookOwn(const Word* key) {
+  Drift::HashedWriter& writer = entity_->writer();
+  const auto read = [&] { return writer.findRecord({key, shapes_.key.words()}, read_); };
+  const bool found = guarded(read, false);
+  entity_->noteDropped();
+  return found ? &found_ : nullptr;
+}
+
 ConfigStore::Word ConfigStore::size() const {
   return guarded([&] { return entity_->view().size(); }, Word{0});
 }
@@ -110,7 +118,10 @@ void ConfigStore::replacementRoom(std::size_t records) { entity_->writer().makeR
 
 void ConfigStore::prefetch(const Word* key, bool near, unsigned ahead) const noexcept {
   const Drift::HashedWriter& writer = entity_->writer();
-  writer.prefetch({key, shapes_.key.words()}, near);
+  using Prefetch = Drift::HashedWriter::Prefetch;
+  // A table that uses resources reads the record that it replaces.
+  const Prefetch replaced = shapes_.resourceKeys.empty() ? Prefetch::key : Prefetch::record;
+  writer.prefetch({key, shapes_.key.words()}, near ? replaced : Prefetch::index);
   if (near) writer.prefetchSlot(ahead);
 }
 

@@ -53,6 +53,8 @@ class ConfigStore {
 
   /// The key's record, or null if there is none. Valid until the next look-up.
   const ConfigRecord* look(const Word* key) const;
+  /// The same for a writer, which does not verify again what it has written itself.
+  const ConfigRecord* lookOwn(const Word* key);
   /// Number of records, including those in deletion; 0 if the collection is damaged.
   Word size() const;
   /// Visits a copy of each record. The visitor may change the collection.

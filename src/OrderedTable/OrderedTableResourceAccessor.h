@@ -17,7 +17,7 @@ namespace Asic {
 ///   types:       SwTable, EntryWrapper, Entry, EntryKey, ResourceKey, LocalUsageUpdateSm
 ///   members:     swTable, resTblClient, entryUsageSm, entryUsageSmIs, entryUsageSmDel,
 ///                resourceKey, resourceKeyFromEntry, resourceHandle, traceHandle
-///   postponing:  updatesRoom, updatesPostpone, updatesDone
+///   updates:     updatePrefetch, updatesRoom, updatesPostpone, updatesDone
 ///
 /// Threads: the table thread.
 ///
@@ -154,9 +154,14 @@ class SwTableResourceAccessor {
     if (!linkage_->updatesRoom(*sm)) return linkage_->updatesPostpone(*sm);
     const Fenrik::Ptr<typename ResourceLinkage::SwTable> swTable(linkage_->swTable());
     DependencyPtr last;
+    // Updates are bound by random memory access. Prefetch distances as in the queue's commits.
+    constexpr unsigned kNear = 2, kFar = 4;
+    auto near = ahead(*sm, kNear), far = ahead(*sm, kFar);
     try {
       for (auto it = sm->entryUsageIterator(); it; ++it) {
         const EntryKey key = it.key();
+        if (far) linkage_->updatePrefetch(far.key(), false, kFar), ++far;
+        if (near) linkage_->updatePrefetch(near.key(), true, kNear), ++near;
         KIV_TRACE(trace(), 3, "", "Updating sw table entry for key: {}", key);
         if (auto handle = swTable->updateEntry(key); handle != nullptr) last = std::move(handle);
       }
@@ -177,6 +182,13 @@ class SwTableResourceAccessor {
   }
   static DependencyPtr handleOf(const WrapperPtr& wrapper) {
     return wrapper != nullptr ? DependencyPtr(wrapper->entryHandle()) : nullptr;
+  }
+
+  /// An iterator so many users ahead.
+  static auto ahead(const LocalUsageUpdateSm& sm, unsigned count) {
+    auto it = sm.entryUsageIterator();
+    while (it && count-- != 0) ++it;
+    return it;
   }
 
   ResourceLinkage* linkage_;

@@ -25,6 +25,8 @@ struct ResourceHooks {
   bool (*checkResolveSuccess)(OrderedSwTable& table, EntryWrapperBase& wrapper);
   /// Copies the resource's values into the wrapper's entry.
   void (*setResolvedFields)(EntryWrapperBase& wrapper);
+  /// Whether the entry's resource requires any versions.
+  bool (*needsAny)(const EntryWrapperBase& wrapper);
   /// Adds the versions of resource tables that the entry requires.
   void (*addNeeded)(const OrderedSwTable& table, const EntryWrapperBase& wrapper,
                     NeededEntry& needed);

@@ -230,7 +230,10 @@ const std::byte* TableCore::formerEntry(const void* key) {
   if (descriptor_.resources == nullptr && !readTrace().levelEnabled(8)) return nullptr;
   const auto* const none = static_cast<const std::byte*>(descriptor_.records.defaultEntry);
   former_.assign(none, none + descriptor_.records.entrySize);
-  entryFromConfig(key, former_.data());
+  KIV_TRACE_AS("entryFromConfig", readTrace(), 8, "", "key: {}", textOf(key));
+  ConfigStore* const config = entryLog_->config(table_.unitId());
+  const ConfigRecord* const record = config->lookOwn(imageOf(key).words());
+  if (record != nullptr && !record->isDeleted()) record->entryTo(former_.data());
   return former_.data();
 }
 
@@ -243,9 +246,10 @@ Fenrik::Ptr<NeededEntry> TableCore::getNeededEntrySet(const EntryWrapperBase& wr
   return neededEntry;
 }
 
-/// Null when the set is empty by construction and tracing is off.
+/// Null when the set would be empty and tracing is off.
 Fenrik::Ptr<NeededEntry> TableCore::ownNeeded(const EntryWrapperBase& wrapper) const {
-  if (descriptor_.resources == nullptr && !ownTrace().levelEnabled(8)) return nullptr;
+  const bool any = descriptor_.resources != nullptr && descriptor_.resources->needsAny(wrapper);
+  if (!any && !ownTrace().levelEnabled(8)) return nullptr;
   return getNeededEntrySet(wrapper);
 }
 
@@ -355,7 +359,8 @@ Fenrik::Ptr<OrderedSwTable::EntryHandle> TableCore::updateEntry(const void* key)
   const bool changed = !shapes.logEntry.same(wrapper->entryBytes(), oldLogEntry.data());
   oldLogEntry_ = std::move(oldLogEntry);
   if (changed && commitToLog) {
-    const auto neededEntry = getNeededEntrySet(*wrapper);
+    const auto own = ownNeeded(*wrapper);
+    const NeededPtr neededEntry = own != nullptr ? NeededPtr(own) : nothingNeeded_;
     const std::byte* const entry = wrapper->entryBytes();
     const LogVersion logVersion =
         entryLog->entryIs(entry, entry + shapes.resourceKeysInEntry, neededEntry, table_.unitId(),
@@ -377,13 +382,30 @@ Fenrik::Ptr<OrderedSwTable::EntryHandle> TableCore::updateEntry(const void* key)
 
 TableCore::WrapperPtr TableCore::entryWrapperFromConfig(const void* key, bool refreshRsrcPtrs,
                                                         HandlePtr& handle) {
-  KIV_TRACE(trace(), 8, "", "key: {}, refreshRsrcPtrs: {}", textOf(key), refreshRsrcPtrs);
-  constexpr EntryVersion kFirstVersion(MajorVersion(0), 0);
-  if (handle == nullptr) handle = descriptor_.make.handle(kFirstVersion, key, table_);
-  WrapperPtr wrapper = descriptor_.make.keyWrapper(key, handle);
+  WrapperPtr wrapper = keyWrapper(key, refreshRsrcPtrs, handle);
   entryFromConfig(key, wrapper->entryBytes());
   setRsrcPtrs(*wrapper, refreshRsrcPtrs);
   return wrapper;
+}
+
+/// As `entryWrapperFromConfig`, for a record that a walk has just copied.
+TableCore::WrapperPtr TableCore::wrapperOf(const ConfigRecord& record, bool refreshRsrcPtrs,
+                                           HandlePtr& handle) {
+  const KeyImage key = imageOf(record.words());
+  WrapperPtr wrapper = keyWrapper(key.words(), refreshRsrcPtrs, handle);
+  KIV_TRACE_AS("entryFromConfig", readTrace(), 8, "", "key: {}", textOf(key.words()));
+  record.entryTo(wrapper->entryBytes());
+  setRsrcPtrs(*wrapper, refreshRsrcPtrs);
+  return wrapper;
+}
+
+TableCore::WrapperPtr TableCore::keyWrapper(const void* key, bool refreshRsrcPtrs,
+                                            HandlePtr& handle) {
+  KIV_TRACE_AS("entryWrapperFromConfig", trace(), 8, "", "key: {}, refreshRsrcPtrs: {}",
+               textOf(key), refreshRsrcPtrs);
+  constexpr EntryVersion kFirstVersion(MajorVersion(0), 0);
+  if (handle == nullptr) handle = descriptor_.make.handle(kFirstVersion, key, table_);
+  return descriptor_.make.keyWrapper(key, handle);
 }
 
 void TableCore::setRsrcPtrs(EntryWrapperBase& wrapper, bool refresh) {
@@ -405,8 +427,7 @@ bool TableCore::delAllEntries(bool releaseResources, const NeededPtr& neededEntr
   if (releaseResources && wantsClearedEntries(entryHandle)) {
     config->walk([&](const ConfigRecord& record) {
       if (record.isDeleted()) return;
-      const KeyImage key = imageOf(record.words());
-      const WrapperPtr wrapper = entryWrapperFromConfig(key.words(), false, entryHandle);
+      const WrapperPtr wrapper = wrapperOf(record, false, entryHandle);
       if (descriptor_.resources == nullptr) return;
       descriptor_.resources->updateLocalUsage(table_, *wrapper, wrapper->entryBytes(), true);
     });
@@ -440,11 +461,14 @@ void TableCore::restoreEntries() {
   entryLog_->config(table_.unitId())->walk([&](const ConfigRecord& record) {
     if (record.isDeleted()) return;
     HandlePtr handle;
-    const KeyImage key = imageOf(record.words());
-    const WrapperPtr wrapper = entryWrapperFromConfig(key.words(), true, handle);
+    const WrapperPtr wrapper = wrapperOf(record, true, handle);
     resources->restoreEntry(table_, *wrapper);
   });
   resources->entriesRestored(table_);
+}
+
+void TableCore::prefetch(const void* key, bool near, unsigned ahead) const noexcept {
+  entryLog_->prefetch(imageOf(key).words(), table_.unitId(), near, ahead);
 }
 
 /// Follows the order of the checks: an operation waits for its resource only after its dependency.

@@ -97,6 +97,8 @@ class QUARNBASTIL_EXPORT TableCore {
   /// Rebuilds the wrapper of a configured entry. Creates a handle if `handle` is null.
   WrapperPtr entryWrapperFromConfig(const void* key, bool refreshRsrcPtrs, HandlePtr& handle);
   void restoreEntries();
+  /// Prefetches what a change of the key, `ahead` changes from now, will touch.
+  void prefetch(const void* key, bool near, unsigned ahead) const noexcept;
   ResolverEntry::Awaited awaitedBy(const TableResolverEntry& item) const;
   ResolverEntry::Waiting waitingOf(const TableResolverEntry& item) const;
   /// The table is being destroyed: ends a queued operation in `entryRejected`.
@@ -223,6 +225,8 @@ class QUARNBASTIL_EXPORT TableCore {
   NeededPtr neededOf(const Operation& operation, Fenrik::Ptr<NeededEntry> own) const;
   Fenrik::Ptr<NeededEntry> ownNeeded(const EntryWrapperBase& wrapper) const;
   const std::byte* formerEntry(const void* key);
+  WrapperPtr wrapperOf(const ConfigRecord& record, bool refreshRsrcPtrs, HandlePtr& handle);
+  WrapperPtr keyWrapper(const void* key, bool refreshRsrcPtrs, HandlePtr& handle);
   bool wantsClearedEntries(const HandlePtr& handle) const;
 
   // Iteration.

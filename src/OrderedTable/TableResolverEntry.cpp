@@ -28,10 +28,7 @@ void TableResolverEntry::tableGone(const OrderedSwTable& table) {
 }
 
 void TableResolverEntry::prefetch(bool near, unsigned ahead) const noexcept {
-  if (table_ == nullptr) return;
-  const TableCore& core = *table_->core();
-  const KeyImage key(core.descriptor().records.key, wrapper_->entryBytes());
-  core.log().prefetch(key.words(), table_->unitId(), near, ahead);
+  if (table_ != nullptr) table_->core()->prefetch(wrapper_->entryBytes(), near, ahead);
 }
 
 ResolverEntry::Waiting TableResolverEntry::waiting() const {

@@ -165,6 +165,9 @@ class QUARNBASTIL_EXPORT TcamActionRequestIdToFecLinkage final
   /// Removes the object, which then ignores its resource; null if the key is absent.
   SmPtr entryUsageSmDel(const ResourceKey& resKey);
 
+  /// Prefetches what the update of a user, `ahead` updates from now, will touch.
+  void updatePrefetch(const EntryKey& key, bool near, unsigned ahead) const noexcept;
+
   // Changes that wait for room in the log. While one does, the log keeps room for it: operations of
   // the table wait as with a full log.
   /// Whether the log has room for an update of all users.

@@ -122,6 +122,10 @@ Linkage::SmPtr Linkage::entryUsageSmDel(const ResourceKey& resKey) {
   return sm;
 }
 
+void Linkage::updatePrefetch(const EntryKey& key, bool near, unsigned ahead) const noexcept {
+  swTable_->core()->prefetch(&key, near, ahead);
+}
+
 bool Linkage::updatesRoom(const LocalUsageUpdateSm& sm) const {
   const auto& needed = sm.resPtr()->neededSet();
   return swTable_->core()->log().updatesRoom(sm.entryUsageCount(),
@@ -218,6 +222,11 @@ bool checkResolveSuccess(Asic::OrderedSwTable& table, Asic::EntryWrapperBase& wr
 
 void setResolvedFields(Asic::EntryWrapperBase& wrapper) { typed(wrapper).destIdStore(); }
 
+bool needsAny(const Asic::EntryWrapperBase& wrapper) {
+  const auto& handle = typed(wrapper).requestIdResPtr();
+  return handle != nullptr && handle->neededSet() != nullptr && handle->neededSet()->count() != 0;
+}
+
 void addNeeded(const Asic::OrderedSwTable& table, const Asic::EntryWrapperBase& wrapper,
                Asic::NeededEntry& needed) {
   needed.merge(linkageOf(table).getNeededEntrySet(Linkage::WrapperPtr(&typed(wrapper))));
@@ -288,6 +297,7 @@ constinit const Asic::ResourceHooks kTcamActionResourceHooks{
     .resolved = &resolved,
     .checkResolveSuccess = &checkResolveSuccess,
     .setResolvedFields = &setResolvedFields,
+    .needsAny = &needsAny,
     .addNeeded = &addNeeded,
     .updateLocalUsage = &updateLocalUsage,
     .tableMade = &tableMade,

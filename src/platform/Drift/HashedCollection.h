@@ -151,9 +151,10 @@ class QUARNBASTIL_EXPORT HashedWriter {
   /// Whether there is no room for a further key.
   bool full() const noexcept { return live() >= file_.header().capacity; }
 
-  /// Prefetches what `set` of the key will touch: its index word; with `near`, once that has
-  /// arrived, the record that it refers to.
-  void prefetch(KeyWords key, bool near) const noexcept;
+  /// Prefetches what `set` of the key will touch: its index word; once that has arrived, the key of
+  /// the record that it refers to; or that whole record, for those who read it before they set it.
+  enum class Prefetch : std::uint8_t { index, key, record };
+  void prefetch(KeyWords key, Prefetch what) const noexcept;
   /// Prefetches the slot that will be written by the change `ahead` changes from now. Exact for a
   /// series of replacements, otherwise a guess.
   void prefetchSlot(std::size_t ahead) const noexcept;

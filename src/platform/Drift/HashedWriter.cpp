@@ -348,18 +348,19 @@ void HashedWriter::set(std::span<const Word> record) {
   set(view_.keyOf(record.data(), room), Pieces(&whole, 1));
 }
 
-void HashedWriter::prefetch(KeyWords key, bool near) const noexcept {
+void HashedWriter::prefetch(KeyWords key, Prefetch what) const noexcept {
   const Word hash = hashKey(key, file_.header().hashSeed);
   const Word* const bucket = view_.table(active_.value()) + (hash & mask_);
-  if (!near) {
+  if (what == Prefetch::index) {
     __builtin_prefetch(bucket);
     return;
   }
   const Word seen = loadWord(bucket);
   const Word slot = IndexWord::from(seen).slot;
-  if (seen != IndexWord::kEmpty && slot < file_.header().slotCount) {
-    __builtin_prefetch(view_.slotWords(slot));
-  }
+  if (seen == IndexWord::kEmpty || slot >= file_.header().slotCount) return;
+  const auto* const source = reinterpret_cast<const std::byte*>(view_.slotWords(slot));
+  const Word size = what == Prefetch::key ? 1 : file_.header().slotStride;
+  for (Word line = 0; line < size; line += Format::kLineSize) __builtin_prefetch(source + line);
 }
 
 void HashedWriter::prefetchSlot(std::size_t ahead) const noexcept {

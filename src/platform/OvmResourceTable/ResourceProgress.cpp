@@ -34,12 +34,18 @@ Fenrik::Ptr<Account> ResourceTable::makeAccount(ClientInstance* client) {
 
 Fenrik::Ptr<const ResourceHandle> ResourceTable::request(ClientInstance& client, std::uint64_t key,
                                                          const Dependency& dependency) {
+  const auto traced = [&](const ResourceHandle& handle) {
+    KIV_TRACE_AS("request", trace_, 2, kPrefix,
+                 " request: client: {}, key: {}, updateNumber: {}, dependency: {}",
+                 client.clientNumber(), key, handle.updateNumber(), versionOf(dependency));
+  };
+  if (const auto* const node = client.handles_[key]) {
+    traced(*node->value());
+    return Fenrik::Ptr<const ResourceHandle>(node->value());
+  }
   Asic::OutermostCall::Scope call(calls_);
-  const auto* const node = client.handles_[key];
-  const Fenrik::Ptr<const ResourceHandle> handle =
-      node != nullptr ? Fenrik::Ptr<const ResourceHandle>(node->value()) : newHandle(client, key);
-  KIV_TRACE(trace_, 2, kPrefix, " request: client: {}, key: {}, updateNumber: {}, dependency: {}",
-            client.clientNumber(), key, handle->updateNumber(), versionOf(dependency));
+  const Fenrik::Ptr<const ResourceHandle> handle = newHandle(client, key);
+  traced(*handle);
   call.end();
   return handle;
 }
