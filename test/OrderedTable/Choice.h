@@ -96,7 +96,9 @@ class Choice {
   }
 
   void choose(Act& act, unsigned depth) {
-    switch (pick({28, 14, sparing_ ? 0U : 1U, pumpWeight_, reportWeight_, 4, 2, 12, 6, 6})) {
+    const unsigned giveWeight = model_.shape().users.empty() ? 0 : 6;
+    switch (pick(
+        {28, 14, sparing_ ? 0U : 1U, pumpWeight_, reportWeight_, 4, 2, 12, 6, 6, giveWeight})) {
       case 0:
         return operation(act, Kind::write, depth);
       case 1:
@@ -118,6 +120,8 @@ class Choice {
         return;
       case 8:
         return settle(act);
+      case 10:
+        return give(act);
       default:
         return iterate(act);
     }
@@ -132,6 +136,10 @@ class Choice {
 
   void operation(Act& act, Kind kind, unsigned depth) {
     act.kind = kind;
+    if (kind == Kind::write && model_.usesResources(model_.table(act.table)) && percent(75)) {
+      act.value |= (1 + below(kResources)) << Support::kRequestShift;
+      if (percent(20)) act.value = withDestination(act.value, below(16));
+    }
     if (percent(dependentShare_)) {
       const OpId next = model_.nextOp();
       act.dependency = percent(20) ? kFirstForeign + below(kForeigns)
@@ -170,7 +178,8 @@ class Choice {
     act.plan.plain = percent(30);
     act.plan.mask = percent(50) ? 1 + below(7) : 0;
     act.plan.answer = percent(80);
-    act.plan.throws = percent(10);
+    // In an update that follows a resource it would end the process.
+    act.plan.throws = percent(10) && !model_.usesResources(model_.table(act.table));
     act.plan.rejects = percent(70);
   }
 
@@ -190,6 +199,20 @@ class Choice {
     if (waitedFor.id < kFirstForeign) return;
     act.dependency = waitedFor.id;
     act.value = static_cast<Value>(states[1 + below(5)]);
+  }
+
+  void give(Act& act) {
+    act.kind = Kind::give;
+    act.key = 1 + below(kResources);
+    const State states[] = {State::resourceFailed, State::pending, State::inLog, State::rejected,
+                            State::dependencyFailed};
+    act.value = static_cast<Value>(percent(60) ? State::done : states[below(5)]);
+    act.destId = percent(20) ? 0 : 1 + below(3);
+    act.number = percent(50) ? 0 : 1 + below(1000);
+    const auto& queue = model_.queue(below(model_.groupCount()));
+    if (queue.empty() || !model_.waitsForResource(*queue.front()) || percent(30)) return;
+    act.key = requestOf(queue.front()->value);
+    act.value = static_cast<Value>(percent(80) ? State::done : State::resourceFailed);
   }
 
   void iterate(Act& act) {

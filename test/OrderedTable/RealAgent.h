@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "Kiv/TraceControl.h"
 #include "OrderedTable/TableModel.h"
 #include "Support/Ear.h"
 #include "Support/Running.h"
@@ -74,11 +75,23 @@ class RealAgent : public Agent {
       : directory_(std::move(directory)), plan_(plan) {
     for (unsigned i = 0; i < kForeigns; ++i)
       foreigns_.push_back(Fenrik::ptrIsImpl<ForeignHandle>());
+    if (plan_.shape.users.empty()) return;
+    Kiv::TraceControl::settingIs(
+        "TcamActionRequestIdToFecLinkage/3,ReqIdToFecResourceTableResourceTable/1-2");
+    Kiv::TraceControl::sinkIs(
+        [this](const Kiv::TraceLine& line) { traced(std::string(line.text)); });
+  }
+  ~RealAgent() override {
+    if (plan_.shape.users.empty()) return;
+    Kiv::TraceControl::settingDelAll();
+    Kiv::TraceControl::sinkDel();
   }
 
   void start(const Model::Start& start) {
     end();
     running_ = std::make_unique<Support::Running>(directory_, "table-model");
+    clients_.clear();
+    if (!plan_.shape.users.empty()) running_->resources();
     for (const Make make : plan_.families) {
       families.push_back(make(*this, static_cast<unsigned>(families.size())));
     }
@@ -113,8 +126,14 @@ class RealAgent : public Agent {
       return;
     }
     if (act.kind == Kind::settle) return settle(act);
+    if (act.kind == Kind::give) return give(act);
     families[act.table / units()]->apply(act.table % units(), act);
   }
+
+  /// The table that makes the next client of the resource table.
+  void clientIs(unsigned table) { clients_.push_back(table); }
+  /// How the tables updated the users of their resources, since it was last asked.
+  std::deque<Round> takenRounds() { return std::exchange(rounds_, {}); }
 
   OpId nextOp() { return nextOp_++; }
   void handleIs(OpId id, const HandlePtr& handle) {
@@ -145,6 +164,41 @@ class RealAgent : public Agent {
     return families[static_cast<std::size_t>(first)]->group();
   }
 
+  /// What tables tell the resource table, and whom they update before they do.
+  void traced(const std::string& text) {
+    unsigned bank = 0, index = 0, client = 0, number = 0;
+    unsigned long long id = 0;
+    if (std::sscanf(text.c_str(), "Updating sw table entry for key: %u:%u", &bank, &index) == 2) {
+      return updated_.push_back(bank << 16 | index);
+    }
+    const bool isRelease = text.find(" release") != std::string::npos;
+    const auto facts = text.find("client: ");
+    if ((!isRelease && text.find(" ackUpdate") == std::string::npos) ||
+        std::sscanf(text.c_str() + facts, "client: %u, key: %llu, updateNumber: %u", &client, &id,
+                    &number) != 3) {
+      return;
+    }
+    const auto at = text.rfind('@');
+    const unsigned table = clients_.at(client - 1);
+    const auto resource = static_cast<Key>(id);
+    see({.kind = Event::Kind::told,
+         .what = isRelease,
+         .table = table,
+         .key = resource,
+         .number = number,
+         .value = at == std::string::npos ? kNoVersion : std::stoull(text.substr(at + 1))});
+    if (!updated_.empty()) rounds_.push_back({table, resource, std::exchange(updated_, {})});
+  }
+
+  void give(const Act& act) {
+    const auto needed = Fenrik::ptrIsImpl<Asic::NeededEntry>();
+    if (act.number != 0) {
+      needed->add({Asic::SwTableId(kForeignTable), Asic::LogVersion(act.number)});
+    }
+    running_->resources().resourceIs(QuarnL3NiLib::ReqIdToFecResourceTableEntryKey(act.key),
+                                     static_cast<Asic::EntryState>(act.value), act.destId, needed);
+  }
+
   /// As the party that owns the handle.
   void settle(const Act& act) {
     const auto outcome = static_cast<Asic::EntryState>(act.value);
@@ -163,6 +217,10 @@ class RealAgent : public Agent {
   std::map<OpId, HandlePtr> handles_;
   std::vector<Fenrik::Ptr<ForeignHandle>> foreigns_;
   OpId nextOp_ = 0;
+  /// Tables in the order of their clients, whom of their entries one updates, and what was so far.
+  std::vector<unsigned> clients_;
+  std::vector<Key> updated_;
+  std::deque<Round> rounds_;
 };
 
 template <class F>
@@ -171,6 +229,8 @@ class RealFamily final : public AnyFamily {
   using Table = typename F::SwTable;
   using Entry = typename F::Entry;
   using FamilyKey = typename F::Key;
+
+  static constexpr bool kUsesResources = !std::is_void_v<typename F::ResourceLinkage>;
 
  public:
   RealFamily(RealAgent& agent, unsigned number)
@@ -199,6 +259,7 @@ class RealFamily final : public AnyFamily {
   }
 
   void mountTable(unsigned unit, bool reset) override {
+    if (kUsesResources) agent_.clientIs(numberOf(unit));
     tables_[unit] = interface_->makeSwTable(unitId(unit), nullptr, reset);
     reader_ = nullptr;  // there is more to be seen
   }
@@ -237,6 +298,7 @@ class RealFamily final : public AnyFamily {
         return helper(table, act);
       case Kind::pump:
       case Kind::hear:
+      case Kind::give:
       case Kind::settle:
         break;
     }
@@ -332,7 +394,12 @@ class RealFamily final : public AnyFamily {
     }
     bool finalizeOnResourceUpdate(const Fenrik::Ptr<Wrapper>& wrapper,
                                   const Fenrik::Ptr<Table>& table, bool failed) override {
-      called(*wrapper, *table, failed ? 3 : 2);
+      called(*wrapper, *table, failed ? kOnFailedUpdate : kOnResourceUpdate);
+      return plan_.answer;
+    }
+    bool finalizeOnFailure(const Fenrik::Ptr<Wrapper>& wrapper, bool,
+                           const Fenrik::Ptr<Table>& table) override {
+      called(*wrapper, *table, kOnFailure);
       return plan_.answer;
     }
 
@@ -486,6 +553,7 @@ class RealFamily final : public AnyFamily {
         stats.tableClearCnt(),  stats.updateCnt(),          stats.updateWithFailedResourceCnt(),
         stats.resolveFailCnt(), stats.suppressedWriteCnt(), stats.suppressCheckDiffCnt()};
     differ("stats", model.table(number).counters, counters);
+    differ("users of resources", model.table(number).users, usersOf(table));
     differ("hasPendingHwWrites", model.hasPendingHwWrites(number), table.hasPendingHwWrites());
     const auto& config = model.family(number_).config[unit];
     for (Key key = 0; key < keys; ++key) {
@@ -502,6 +570,18 @@ class RealFamily final : public AnyFamily {
       differ("entryLogVersion", found != config.end() ? found->second.logVersion : 0,
              log().entryLogVersion(familyKey, unitId(unit)).value());
     }
+  }
+  static std::map<Key, std::set<Key>> usersOf(const Table& table) {
+    std::map<Key, std::set<Key>> users;
+    if constexpr (kUsesResources) {
+      for (auto it = table.requestIdToFecLinkage()->entryUsageSmIterator(); it; ++it) {
+        auto& of = users[static_cast<Key>(it.key().value())];
+        for (auto user = it->value()->entryUsageIterator(); user; ++user) {
+          of.insert(Numbers::number(user.key()));
+        }
+      }
+    }
+    return users;
   }
   void compareFlight(Differences& differ, const Table& table,
                      const TableModel::Table& expected) const {
@@ -551,6 +631,7 @@ struct FamilyOfRun {
   const char* name;
   std::uint32_t tableId;
   Fenrik::String group;
+  bool usesResources;
   RealAgent::Make make;
   /// Words of a log record.
   std::size_t logWords;
@@ -565,6 +646,7 @@ FamilyOfRun familyOfRun() {
   return {F::kTableName,
           F::kTableId.value(),
           F::Constants::canonicalGroupName(),
+          !std::is_void_v<typename F::ResourceLinkage>,
           [](RealAgent& agent, unsigned number) -> std::unique_ptr<AnyFamily> {
             return std::make_unique<RealFamily<F>>(agent, number);
           },

@@ -30,6 +30,7 @@ using Support::Version;
 using OpId = std::uint32_t;
 
 inline constexpr OpId kNoOp = UINT32_MAX;
+inline constexpr Version kNoVersion = UINT64_MAX;
 /// Handles that belong to no table of the model: from here on, and the table that they name.
 inline constexpr OpId kFirstForeign = 0x80000000;
 inline constexpr unsigned kForeigns = 4;
@@ -62,6 +63,7 @@ struct Act {
     read,
     iterBegin,  ///< slot, of this table alone; flag: from the key
     iterStep,   ///< slot
+    give,       ///< key: a resource gets the state `value`, a destination and what it needs
     settle,     ///< dependency: a handle gets the state `value` and, if foreign, a log version
     helper,     ///< plan; flag: the one that is there once more
   };
@@ -74,6 +76,7 @@ struct Act {
   Version number = 0;
   unsigned slot = 0;
   bool flag = false;
+  unsigned destId = 0;
   /// What the response handler does. An operation without handler has neither.
   bool handler = false;
   bool handlerThrows = false;
@@ -90,10 +93,10 @@ struct Act {
 
 /// Something that was seen to happen.
 struct Event {
-  enum class Kind : std::uint8_t { flagged, hooked, handled, answered, threw };
+  enum class Kind : std::uint8_t { flagged, hooked, handled, answered, threw, told };
 
   Kind kind;
-  /// Of an answer: to what. Of a hook: which.
+  /// Of an answer: to what. Of a hook: which. Of what a resource table is told: a release or not.
   std::uint8_t what = 0;
   bool gone = false;
   unsigned table = 0;
@@ -115,6 +118,22 @@ enum Counter : std::uint8_t {
   kSuppressed,
   kSuppressDiffs,
   kCounters
+};
+
+/// A resource: what its provider gave.
+struct Resource {
+  bool given = false;
+  State state = State::pending;
+  unsigned destId = 0;
+  Version number = 0;
+  Needed needed;
+};
+
+/// The order in which a table updates the users of a changed resource: that of a hash map.
+struct Round {
+  unsigned table = 0;
+  Key resource = 0;
+  std::vector<Key> users;
 };
 
 /// What a handler or a helper throws.
@@ -191,6 +210,8 @@ struct Table {
   std::deque<OpPtr> handlesInLog;
   std::array<Version, kCounters> counters{};
   Act::Plan plan;
+  /// Keys by the resource that they use.
+  std::map<Key, std::set<Key>> users;
 };
 
 inline bool failed(State state) {
@@ -205,13 +226,22 @@ struct Raised {
   bool& flag;
 };
 
-inline constexpr unsigned kOnSuccess = 0, kOnSuccessOfRemove = 1, kOnResourceUpdate = 2;
+inline constexpr unsigned kOnSuccess = 0, kOnSuccessOfRemove = 1, kOnResourceUpdate = 2,
+                          kOnFailedUpdate = 3, kOnFailure = 4;
+inline constexpr Key kResources = 5;
+
+inline Key requestOf(Value value) { return value >> Support::kRequestShift; }
+inline Value withDestination(Value value, unsigned destId) {
+  return (value & ~Support::kDestMask) | destId << Support::kDestShift;
+}
 
 class Model final : public Agent {
  public:
   struct Shape {
     std::vector<std::uint32_t> tableIds;
     std::vector<unsigned> groupOfFamily;
+    /// Families whose entries use resources.
+    std::set<unsigned> users;
     unsigned units = 2;
     /// Records in the log from which on nothing is resolved.
     Version logLimit = 1'000'000;
@@ -251,8 +281,11 @@ class Model final : public Agent {
         return accept(act);
       case Kind::update:
         return update(act);
-      case Kind::clear:
-        return delAllEntries(table, {}, nullptr);
+      case Kind::clear: {
+        Call call(*this, usesResources(table));
+        delAllEntries(table, {}, nullptr, act.flag);
+        return call.end();
+      }
       case Kind::direct:
         return direct(act);
       case Kind::pump:
@@ -268,6 +301,8 @@ class Model final : public Agent {
       case Kind::iterBegin:
       case Kind::iterStep:
         return;  // Its order is that of a hash map: the real walk is held against the real table.
+      case Kind::give:
+        return give(act);
       case Kind::settle:
         return settle(act);
       case Kind::helper:
@@ -280,9 +315,12 @@ class Model final : public Agent {
     groups_.assign(1 + *std::max_element(shape_.groupOfFamily.begin(), shape_.groupOfFamily.end()),
                    {});
     operations_.clear();
+    putOff_.clear();
+    std::erase_if(resources_, [](const auto& member) { return !member.second.given; });
+    for (auto& member : resources_) member.second.needed = everythingBut({});
     for (Family& family : families_) {
       family.mounted.assign(shape_.units, false);
-      family.takeOver(everythingBut(family));
+      family.takeOver(everythingBut(static_cast<unsigned>(&family - families_.data())));
       family.statusVersion = 0;
       family.pendingHwWrites = false;
       family.taken.reset();
@@ -308,8 +346,17 @@ class Model final : public Agent {
     const Version version = family.reported.value_or(0);
     family.mounted[table.unit] = true;
     if (version != 0) roads[kPurged] += family.purge(table.unit, version);
-    if (reset) delAllEntries(table, {}, nullptr);
+    reset ? delAllEntries(table, {}, nullptr, false) : restoreUsers(table);
     report(table, version);
+  }
+
+  /// Does what an exception kept from being done.
+  void doPutOff() {
+    while (!putOff_.empty()) {
+      const Act act = putOff_.front();
+      putOff_.pop_front();
+      change(act);
+    }
   }
 
   const Shape& shape() const { return shape_; }
@@ -335,8 +382,18 @@ class Model final : public Agent {
   /// Whether the operation, were it the head of its queue, could not be committed now.
   bool waits(const Operation& op) const {
     return familyOf(op.act.table).log.size() >= shape_.logLimit ||
-           (op.dependency != nullptr && op.dependency->state == State::pending);
+           (op.dependency != nullptr && op.dependency->state == State::pending) ||
+           waitsForResource(op);
   }
+  bool waitsForResource(const Operation& op) const {
+    const State state = resource(requestOf(op.value)).state;
+    return requestOf(op.value) != 0 && (state == State::pending || state == State::inLog);
+  }
+  Resource resource(Key id) const {
+    const auto found = resources_.find(id);
+    return found != resources_.end() ? found->second : Resource();
+  }
+  bool usesResources(const Table& table) const { return shape_.users.contains(table.family); }
 
   bool entryHas(unsigned number, Key key) const {
     const Table& table = tables_[number];
@@ -399,6 +456,9 @@ class Model final : public Agent {
     return all;
   }
 
+  /// How the real tables updated the users of their resources.
+  std::deque<Round> rounds;
+
   /// Operations whose handle changed since the list was last emptied.
   std::vector<OpPtr> touched;
 
@@ -425,6 +485,13 @@ class Model final : public Agent {
     kNeeded,
     kNeededOwn,
     kIdentical,
+    kOfResources,
+    kWaitedForResource = kOfResources,
+    kResourceFailed,
+    kFailureAccepted,
+    kFlipped,
+    kGivePutOff,
+    kLastUserGone,
     kUsualRoads,
     kWaitedForRoom = kUsualRoads,
     kConfigFull,
@@ -436,6 +503,19 @@ class Model final : public Agent {
   struct Group {
     std::deque<OpPtr> queue;
     bool pumping = false;
+  };
+
+  /// A call into a table: resources do not change before the outermost one has ended.
+  struct Call {
+    Call(Model& ofModel, bool isCounted) : model(ofModel), counted(isCounted) {
+      model.calls_ += counted;
+    }
+    ~Call() { model.calls_ -= counted; }
+    void end() {
+      if (counted && model.calls_ == 1) model.doPutOff();
+    }
+    Model& model;
+    const unsigned counted;
   };
 
   Family& familyFor(const Table& table) { return families_[table.family]; }
@@ -495,25 +575,136 @@ class Model final : public Agent {
 
   void update(const Act& act) {
     Table& table = tables_[act.table];
-    if (!configHas(act.table, act.key)) return answer(act, act.key, kNoOp);
+    Call call(*this, usesResources(table));
+    const OpPtr op = updateEntry(table, act.key);
+    call.end();
+    if (op == nullptr) return answer(act, act.key, kNoOp);
+    op->id = nextOp_++;
+    operations_[op->id] = op;
+    answer(act, act.key, op->id);
+  }
+
+  OpPtr updateEntry(Table& table, Key key) {
+    if (!configHas(number(table), key)) return nullptr;
     const auto op = std::make_shared<Operation>();
-    op->act = act;
-    op->value = entryFromConfig(act.table, act.key).second;
-    const Value old = op->value;
-    const bool commitToLog = hook(table, op, act.key, old, kOnResourceUpdate).second;
+    op->act.table = number(table);
+    op->act.key = key;
+    const Value old = entryFromConfig(number(table), key).second;
+    const bool linked = table.users.contains(requestOf(old));
+    const Resource source = linked ? resource(requestOf(old)) : Resource();
+    const bool failed = linked && source.state != State::done;
+    op->value = withDestination(old, source.destId);
+    const unsigned which = failed ? kOnFailedUpdate : kOnResourceUpdate;
+    const bool commitToLog = hook(table, op, key, op->value, which).second;
+    if (failed) count(table, kFailedUpdates);
     if (op->value != old && commitToLog) {
-      op->logVersion = familyFor(table).write(table.unit, act.key, op->value, {});
+      op->logVersion = familyFor(table).write(table.unit, key, op->value, source.needed);
       stateIs(op, State::inLog);
       count(table, kUpdates);
       ++roads[kUpdated];
     } else {
       ++roads[op->value != old ? kUpdateRefused : kUpdateUnchanged];
-      op->logVersion = configFor(table).at(act.key).logVersion;
+      op->logVersion = configFor(table).at(key).logVersion;
       stateIs(op, State::inLog);
     }
-    op->id = nextOp_++;
-    operations_[op->id] = op;
-    answer(act, act.key, op->id);
+    return op;
+  }
+
+  // Resources, and who uses them.
+  void give(const Act& act) {
+    const auto sameKey = [&](const Act& other) { return other.key == act.key; };
+    if (calls_ != 0) {
+      ++roads[kGivePutOff];
+      const auto earlier = std::ranges::find_if(putOff_, sameKey);
+      earlier != putOff_.end() ? void(*earlier = act) : putOff_.push_back(act);
+      return;
+    }
+    std::erase_if(putOff_, sameKey);
+    Call call(*this, true);
+    change(act);
+    call.end();
+  }
+
+  void change(const Act& act) {
+    Resource& changed = resources_[act.key];
+    const State state = static_cast<State>(act.value);
+    const bool differs = changed.state != state || changed.destId != act.destId;
+    const Needed needed = act.number != 0 ? Needed{{kForeignTable, act.number}} : Needed{};
+    changed = {true, state, act.destId, changed.number + differs, needed};
+    if (!differs) return;
+    auto left = std::ranges::count_if(
+        tables_, [&](const Table& table) { return table.users.contains(act.key); });
+    for (; left != 0; --left) {
+      const Round round = nextRound();
+      if (round.resource != act.key) throw std::logic_error("another resource changed");
+      updateUsers(tables_[round.table], round);
+    }
+  }
+
+  Round nextRound() {
+    if (rounds.empty()) throw std::logic_error("a change of a resource was not taken in");
+    const Round round = rounds.front();
+    rounds.pop_front();
+    return round;
+  }
+
+  void updateUsers(Table& table, const Round& round) {
+    ++roads[kFlipped];
+    const std::set<Key> updated(round.users.begin(), round.users.end());
+    if (updated != table.users[round.resource] || updated.size() != round.users.size()) {
+      throw std::logic_error("a change was not taken in by each user once");
+    }
+    Version last = kNoVersion;
+    for (const Key key : round.users) {
+      if (const OpPtr op = updateEntry(table, key)) last = op->logVersion;
+    }
+    tell(table, round.resource, false, last);
+  }
+
+  void restoreUsers(Table& table) {
+    if (!usesResources(table)) return;
+    for (const auto& [key, record] : configFor(table)) {
+      const Key id = requestOf(record.value);
+      if (!record.isDeleted && id != 0) table.users[id].insert(key);
+    }
+    for (auto left = table.users.size(); left != 0; --left) updateUsers(table, nextRound());
+  }
+
+  /// What the resource table is told, with the version that it may ask for later.
+  void tell(const Table& table, Key id, bool isRelease, Version version) {
+    see({.kind = Event::Kind::told,
+         .what = isRelease,
+         .table = number(table),
+         .key = id,
+         .number = resource(id).number,
+         .value = version});
+  }
+
+  void accountFor(Table& table, const OpPtr& op, std::optional<Value> former, bool isDeleted) {
+    if (!usesResources(table)) return;
+    const Key key = op->act.key;
+    const Key next = isDeleted ? 0 : requestOf(op->value);
+    if (former && (isDeleted || requestOf(*former) != next)) {
+      userGone(table, requestOf(*former), key, op->logVersion);
+    }
+    if (next == 0 || (former && requestOf(*former) == next)) return;
+    if (!table.users.contains(next)) tell(table, next, false, op->logVersion);
+    table.users[next].insert(key);
+  }
+
+  void userGone(Table& table, Key id, Key key, Version version) {
+    const auto found = table.users.find(id);
+    if (found == table.users.end()) return;
+    found->second.erase(key);
+    if (!found->second.empty()) return;
+    ++roads[kLastUserGone];
+    table.users.erase(found);
+    tell(table, id, true, version);
+  }
+
+  std::optional<Value> formerValue(const Table& table, Key key) const {
+    if (!configHas(number(table), key)) return std::nullopt;
+    return entryFromConfig(number(table), key).second;
   }
 
   void direct(const Act& act) {
@@ -561,12 +752,14 @@ class Model final : public Agent {
   bool resolved(const Operation& op) {
     if (!waits(op)) return true;
     const bool full = familyOf(op.act.table).log.size() >= shape_.logLimit;
-    ++roads[full ? kWaitedForRoom : kWaitedForDependency];
+    const bool depends = op.dependency != nullptr && op.dependency->state == State::pending;
+    ++roads[full ? kWaitedForRoom : depends ? kWaitedForDependency : kWaitedForResource];
     return false;
   }
 
   void commit(const OpPtr& op) {
     Table& table = tables_[op->act.table];
+    Call call(*this, usesResources(table));
     const OpPtr dependency = std::exchange(op->dependency, nullptr);
     bool counts = true;
     bool threw = false;
@@ -591,6 +784,7 @@ class Model final : public Agent {
     updateFlag(familyFor(table));
     if (counts) count(table, kCommits);
     if (threw) throw Thrown();
+    call.end();
   }
 
   /// Ends the operation as if it had never been asked for.
@@ -610,21 +804,43 @@ class Model final : public Agent {
       refuse(table, op);
       return false;
     }
-    hook(table, op, key, op->value, kOnSuccess);
+    const Key id = requestOf(op->value);
+    const Resource source = resource(id);
+    if (id != 0 && source.state != State::done) {
+      ++roads[kResourceFailed];
+      count(table, kResolveFails);
+      const bool plain = table.plan.plain;
+      const bool accepted = hook(table, op, key, op->value, kOnFailure).second && !plain;
+      if (!accepted) {
+        removeFromTransient(table, *op);
+        end(op, State::dependencyFailed);
+        return true;
+      }
+      ++roads[kFailureAccepted];
+    } else {
+      if (usesResources(table)) op->value = withDestination(op->value, source.destId);
+      hook(table, op, key, op->value, kOnSuccess);
+    }
     removeFromTransient(table, *op);
-    op->logVersion =
-        familyFor(table).write(table.unit, key, op->value, neededFor(table, dependency));
+    const auto former = formerValue(table, key);
+    Needed needed = neededFor(table, dependency);
+    for (const auto& [table, version] : source.needed) {
+      needed[table] = std::max(needed[table], version);
+    }
+    op->logVersion = familyFor(table).write(table.unit, key, op->value, needed);
     if (familyFor(table).statusVersion < op->logVersion) {
       waitInLog(table, op);
     } else {
       ++roads[kDoneAtCommit];
       end(op, State::done);
     }
+    accountFor(table, op, former, false);
     return true;
   }
 
   void commitRemove(Table& table, const OpPtr& op, const OpPtr& dependency) {
     const Key key = op->act.key;
+    const auto former = formerValue(table, key);
     removeFromTransient(table, *op);
     hook(table, op, key, op->value, kOnSuccessOfRemove);
     op->logVersion = familyFor(table).remove(table.unit, key, neededFor(table, dependency));
@@ -634,11 +850,12 @@ class Model final : public Agent {
       ++roads[kRemovedNothing];
       end(op, State::done);
     }
+    accountFor(table, op, former, true);
   }
 
   void commitRemoveAll(Table& table, const OpPtr& op, const OpPtr& dependency) {
     const Version current = table.removeAll.value();
-    delAllEntries(table, neededFor(table, dependency), op);
+    delAllEntries(table, neededFor(table, dependency), op, true);
     table.removeAll = current == 0 ? std::nullopt : std::optional(current - 1);
   }
 
@@ -701,10 +918,15 @@ class Model final : public Agent {
     throw Thrown();
   }
 
-  void delAllEntries(Table& table, const Needed& needed, const OpPtr& op) {
+  void delAllEntries(Table& table, const Needed& needed, const OpPtr& op, bool releases) {
     if (configFor(table).empty()) {
       ++roads[kClearedNothing];
       return;
+    }
+    // The handle that all releases carry is not logged yet.
+    for (const Key key : familyFor(table).walk(table.unit)) {
+      const auto former = formerValue(table, key);
+      if (releases && former) userGone(table, requestOf(*former), key, 0);
     }
     const Version version = familyFor(table).removeAll(table.unit, needed);
     if (op != nullptr) {
@@ -724,11 +946,11 @@ class Model final : public Agent {
   }
 
   /// What was announced so far of all other tables that anything is known of.
-  Needed everythingBut(const Family& family) const {
+  Needed everythingBut(std::optional<unsigned> family) const {
     Needed everything;
     for (unsigned f = 0; f < families_.size(); ++f) {
       const Version announced = families_[f].announced;
-      if (&families_[f] != &family && announced != 0) everything[shape_.tableIds[f]] = announced;
+      if (f != family && announced != 0) everything[shape_.tableIds[f]] = announced;
     }
     return everything;
   }
@@ -779,6 +1001,7 @@ class Model final : public Agent {
 
   /// The tables hear of it in any order.
   void hear(const Act& act) {
+    Call call(*this, true);
     if (act.flag) familyFor(tables_[act.table]).reportedIs(act.number);
     for (Family& family : families_) {
       if (!family.reported || family.taken == family.reported) continue;
@@ -789,6 +1012,7 @@ class Model final : public Agent {
         }
       }
     }
+    call.end();
   }
 
   unsigned number(const Table& table) const {
@@ -802,12 +1026,17 @@ class Model final : public Agent {
   std::map<OpId, OpPtr> operations_;
   std::vector<OpPtr> foreigns_;
   OpId nextOp_ = 0;
+  std::map<Key, Resource> resources_;
+  /// Calls of tables that use resources, one within the other, and what comes behind them.
+  unsigned calls_ = 0;
+  std::deque<Act> putOff_;
   /// While a commit runs: where it notes that a handler threw.
   bool* handlerThrew_ = nullptr;
 };
 
 inline std::string toText(const Event& event) {
-  static constexpr const char* kNames[] = {"flagged", "hooked", "handled", "answered", "threw"};
+  static constexpr const char* kNames[] = {"flagged",  "hooked", "handled",
+                                           "answered", "threw",  "told"};
   return fmt::format(
       "{} what {}{} table {} key {} number {} value {}", kNames[static_cast<unsigned>(event.kind)],
       event.what, event.gone ? " gone" : "", event.table, event.key,

@@ -60,20 +60,39 @@ struct KeyNumbers {
   static_assert(kFactor * kInverse == 1);
 };
 
+/// Of a value of an entry that uses resources, the destination and the request id; the rest is a
+/// client's.
+inline constexpr unsigned kDestShift = 24, kRequestShift = 28;
+inline constexpr Value kDestMask = 15U << kDestShift, kRequestMask = 15U << kRequestShift;
+
 /// And in its entries: a value is in more than one place, the last one included.
 template <class Family>
 struct Numbers : KeyNumbers<typename Family::Key> {
   using LogEntry = typename Family::LogEntry;
 
-  static void valueIs(LogEntry& entry, Value value) {
+  static void valueIs(auto& entry, Value value) {
+    if constexpr (kHasDestination) {
+      entry.destId = (value & kDestMask) >> kDestShift;
+      if constexpr (requires { entry.requestId; }) entry.requestId = requestId(value);
+      value &= ~(kDestMask | kRequestMask);
+      if (value == 0) return;
+    }
     const Value last = ~value;
     std::memcpy(reinterpret_cast<std::byte*>(&entry) + kFirst, &value, sizeof value);
     std::memcpy(reinterpret_cast<std::byte*>(&entry) + kLast, &last, sizeof last);
   }
-  static Value value(const LogEntry& entry) {
+  static Value value(const auto& entry) {
     Value value;
     std::memcpy(&value, reinterpret_cast<const std::byte*>(&entry) + kFirst, sizeof value);
+    if constexpr (kHasDestination) value |= entry.destId << kDestShift;
+    if constexpr (requires { entry.requestId; }) value |= requestBits(entry.requestId);
     return value;
+  }
+  static auto requestId(Value value) {
+    return QuarnL3NiLib::ReqIdToFecResourceTableEntryKey(value >> kRequestShift);
+  }
+  static Value requestBits(const auto& requestId) {
+    return static_cast<Value>(requestId.value()) << kRequestShift;
   }
 
  private:
@@ -195,7 +214,7 @@ struct Changing : Memory {
   Version write(unsigned unit, Key key, Value value, const Needed& needs) {
     config[unit][key] = {value, scratchpad + 1, false};
     tell();
-    return append({LogFlags::write, unit, key, value}, needs);
+    return append({LogFlags::write, unit, key, logged(value)}, needs);
   }
   void reportedIs(Version version) {
     reported = version;
@@ -206,8 +225,10 @@ struct Changing : Memory {
     const auto found = config[unit].find(key);
     if (found == config[unit].end()) return 0;
     mark(found->second);
-    return append({LogFlags::entryDelete, unit, key, found->second.value}, needs);
+    return append({LogFlags::entryDelete, unit, key, logged(found->second.value)}, needs);
   }
+  /// What a log record shows of a value: no request id.
+  static Value logged(Value value) { return value & ~kRequestMask; }
   Version removeAll(unsigned unit, const Needed& needs) {
     for (const Key key : walk(unit)) {
       if (!config[unit][key].isDeleted) mark(config[unit][key]);
@@ -263,6 +284,17 @@ struct Changing : Memory {
     announce(announced + 1, everything);
   }
 
+  /// The keys of a unit in the order of its walk; those of no known place come last.
+  std::vector<Key> walk(unsigned unit) const {
+    std::vector<Key> keys;
+    for (const auto& member : config[unit]) keys.push_back(member.first);
+    if (unit >= places.size()) return keys;
+    const auto& known = places[unit];
+    const auto place = [&](Key key) { return key < known.size() ? known[key] : UINT32_MAX; };
+    std::ranges::stable_sort(keys, {}, place);
+    return keys;
+  }
+
  private:
   /// One record beyond the log is a write or a removal; several are a clear, which is finished.
   void complete() {
@@ -274,7 +306,7 @@ struct Changing : Memory {
       if (beyond.empty()) continue;
       const ConfigRecord first = config[unit].at(beyond.front());
       LogRecord record{first.isDeleted ? LogFlags::entryDelete : LogFlags::write, unit,
-                       beyond.front(), first.value};
+                       beyond.front(), logged(first.value)};
       if (beyond.size() > 1) {
         for (const Key key : walk(unit)) {
           if (!config[unit].at(key).isDeleted) mark(config[unit].at(key));
@@ -317,16 +349,6 @@ struct Changing : Memory {
     tell();
     announced = scratchpad;
     tell();
-  }
-  /// The keys of a unit in the order of its walk; those of no known place come last.
-  std::vector<Key> walk(unsigned unit) const {
-    std::vector<Key> keys;
-    for (const auto& member : config[unit]) keys.push_back(member.first);
-    if (unit >= places.size()) return keys;
-    const auto& known = places[unit];
-    const auto place = [&](Key key) { return key < known.size() ? known[key] : UINT32_MAX; };
-    std::ranges::stable_sort(keys, {}, place);
-    return keys;
   }
 };
 
@@ -439,7 +461,10 @@ class MemoryReader {
   }
   template <class Record, class See>
   static void seeRecord(const Record& record, See see) {
-    const auto [key, value] = numbersOf<Family>(record.logEntry);
+    auto [key, value] = numbersOf<Family>(record.logEntry);
+    if constexpr (requires { record.rsrcKeys.requestId; }) {
+      value |= Numbers<Family>::requestBits(record.rsrcKeys.requestId);
+    }
     see(key, ConfigRecord{value, record.logVersion.value(), record.isDeleted});
   }
 

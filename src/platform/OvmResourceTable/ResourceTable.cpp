@@ -94,6 +94,7 @@ void ResourceTable::valueIs(const ResourceRecord& record,
     putOff({record, needed, false});
     return;
   }
+  putOffDel(record.key);
   Asic::OutermostCall::Scope call(calls_);
   apply(record, needed);
   call.end();
@@ -108,7 +109,8 @@ bool ResourceTable::valueDel(std::uint64_t key) {
     putOff({{key}, nullptr, true});
     return true;
   }
-  if (resource == nullptr || !resource->given) return false;
+  const bool wouldHave = putOffDel(key);
+  if (resource == nullptr || !resource->given) return wouldHave;
   Asic::OutermostCall::Scope call(calls_);
   withdraw(*resource);
   call.end();
@@ -126,6 +128,11 @@ void ResourceTable::putOff(PutOff work) {
   } else {
     putOff_.push_back(std::move(work));
   }
+}
+
+/// An exception of the outermost call leaves what was put off to the next one, which may be newer.
+bool ResourceTable::putOffDel(std::uint64_t key) {
+  return std::erase_if(putOff_, [&](const PutOff& work) { return work.record.key == key; }) != 0;
 }
 
 void ResourceTable::apply(const ResourceRecord& record,

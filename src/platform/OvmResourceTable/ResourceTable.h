@@ -154,6 +154,7 @@ class QUARNBASTIL_EXPORT ResourceTable : public Asic::NamedSwTable,
   // For providers.
   void check(const ResourceRecord& record) const;
   void putOff(PutOff work);
+  bool putOffDel(std::uint64_t key);
   void apply(const ResourceRecord& record, const Fenrik::Ptr<const Asic::NeededEntry>& needed);
   void store(Resource& resource, const ResourceRecord& record);
   void withdraw(Resource& resource);
