@@ -37,11 +37,11 @@ TEST(Chip, CountsWhatComesBeforeWhatItPointsToOrStaysBehindIt) {
   auto chip = std::make_unique<SimAsic::Chip>(dir.path());
   chip->write(kRules, unit, ruleWords);
   EXPECT_EQ(chip->meters().violations, 2U) << "its source and its destination";
-  EXPECT_EQ(chip->decide(unit, packet), 0U);
+  EXPECT_EQ(chip->decide(unit, packet).decision, 0U);
   chip->write(kPrefixes, unit, prefixWords);
   chip->write(kRules, unit, ruleWords);
   EXPECT_EQ(chip->meters().violations, 2U);
-  EXPECT_EQ(chip->decide(unit, packet), 5U);
+  EXPECT_EQ(chip->decide(unit, packet).decision, 5U);
   chip->remove(kPrefixes, unit, key);
   EXPECT_EQ(chip->meters().violations, 3U);
   chip->metersStore();

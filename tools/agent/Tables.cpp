@@ -10,7 +10,10 @@
 namespace Agent {
 namespace {
 
+using QuarnBastil::BigAdsFamily;
 using QuarnBastil::BigBbFamily;
+using QuarnBastil::SmallAdsFamily;
+using QuarnBastil::TcamActionFamily;
 using QuarnBastil::TcamEntryFamily;
 
 constexpr const char* kName = "agent";
@@ -30,19 +33,7 @@ void addUnits(const KivSharedMem::EntityManager& memory, std::vector<unsigned>& 
   }
 }
 
-template <class Interface>
-std::uint64_t behindOf(const Interface& interface) {
-  const auto& log = *interface.entryLog();
-  const std::uint64_t reported = log.tableStatusVersion().value();
-  return log.tableVersion().value() - std::min(reported, log.tableVersion().value());
-}
-
 }  // namespace
-
-LoggedSoFar::LoggedSoFar(const Fenrik::String& tableName, Asic::TableVersion version)
-    : tableName_(tableName), version_(version) {
-  entryStateStore(Asic::EntryState::entryInLog);
-}
 
 Policy::Picture Unit::picture() const {
   Policy::Picture picture;
@@ -54,10 +45,14 @@ Policy::Picture Unit::picture() const {
     const auto& key = it->key;
     picture.rules.push_back({key.bank, key.index, Policy::ruleOf(*it), Policy::ruleRowOf(*it)});
   }
+  if (actions == nullptr) return picture;
+  for (auto it = actions->entryIteratorConst(); it; ++it) {
+    picture.actions.push_back({it->key.bank, it->key.index, it->requestId.value()});
+  }
   return picture;
 }
 
-Tables::Tables(const std::string& directory)
+Tables::Tables(const std::string& directory, const NextHops::Options* redirects)
     : memory_(Fenrik::ptrIsImpl<KivSharedMem::EntityManager>(kName, Fenrik::String(directory),
                                                              Drift::Directory::Access::write)),
       state_(Fenrik::ptrIsImpl<Stavro::EntityManager>(kName, true, Fenrik::String(directory),
@@ -68,7 +63,13 @@ Tables::Tables(const std::string& directory)
       relaunchSeen_(relaunch_->get()),
       tables_(Fenrik::ptrIsImpl<Asic::OrderedTableInterface>(state_)),
       rules_(QuarnBastil::TcamEntryInterface::getIntf(tables_)),
-      prefixes_(QuarnBastil::BigBbInterface::getIntf(tables_)) {}
+      prefixes_(QuarnBastil::BigBbInterface::getIntf(tables_)) {
+  std::vector<unsigned> left;
+  addUnits<TcamActionFamily>(*memory_, left);
+  if (redirects == nullptr && left.empty()) return;
+  nextHops_ =
+      std::make_unique<NextHops>(tables_, redirects == nullptr ? NextHops::Options() : *redirects);
+}
 
 Unit& Tables::unit(unsigned number) {
   const auto [at, isNew] = units_.try_emplace(number);
@@ -77,6 +78,9 @@ Unit& Tables::unit(unsigned number) {
   unit.id = Asic::UnitId(static_cast<std::uint16_t>(number));
   unit.prefixes = prefixes_->makeSwTable(unit.id, nullptr, false);
   unit.rules = rules_->makeSwTable(unit.id, nullptr, false);
+  if (nextHops_ != nullptr) {
+    unit.actions = nextHops_->unitAdd(unit.id);
+  }
   // Starts after the existing rows: rows before them may have been removed only recently.
   for (auto it = unit.rules->entryIteratorConst(); it; ++it) {
     unit.nextIndex =
@@ -89,6 +93,12 @@ Unit& Tables::unit(unsigned number) {
 void Tables::reconcile() {
   rules_->reconcile();
   prefixes_->reconcile();
+  if (nextHops_ != nullptr) nextHops_->reconcile();
+}
+
+void Tables::destinationsDel(const Unit& unit) {
+  if (nextHops_ == nullptr) return;
+  nextHops_->destinationsDel(unit.id, loggedSoFar(*unit.actions));
 }
 
 std::optional<Asic::GenId> Tables::relaunchSeen() {
@@ -101,6 +111,9 @@ std::vector<unsigned> Tables::unitsFound() const {
   std::vector<unsigned> units;
   addUnits<TcamEntryFamily>(*memory_, units);
   addUnits<BigBbFamily>(*memory_, units);
+  addUnits<TcamActionFamily>(*memory_, units);
+  addUnits<SmallAdsFamily>(*memory_, units);
+  addUnits<BigAdsFamily>(*memory_, units);
   std::ranges::sort(units);
   units.erase(std::unique(units.begin(), units.end()), units.end());
   return units;
@@ -115,7 +128,10 @@ std::size_t Tables::queued() const {
   return length;
 }
 
-std::uint64_t Tables::behind() const { return behindOf(*rules_) + behindOf(*prefixes_); }
+std::uint64_t Tables::behind() const {
+  const std::uint64_t ofNextHops = nextHops_ == nullptr ? 0 : nextHops_->behind();
+  return behindOf(*rules_) + behindOf(*prefixes_) + ofNextHops;
+}
 
 std::string Tables::waitsFor() const {
   const auto& groups = tables_->groupInterfaceColl();
