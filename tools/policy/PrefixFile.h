@@ -15,10 +15,10 @@ struct Route {
   Prefix prefix;
   /// An IPv4 address, or 0 for none.
   std::uint32_t nextHop = 0;
-  /// Name of the next hop that packets to the prefix are redirected to.
-  Redirect redirect;
   /// Line of the file.
   unsigned line = 0;
+  /// The next hop that packets to the prefix are redirected to.
+  Redirect redirect;
 };
 
 /// Parses a file of prefixes, one per line, each optionally followed by a next hop ("-" for none).
