@@ -86,6 +86,7 @@ void Agent::run() {
   if (!programNextHops()) return checkTime();
   if (options_.reset) plans = plansOf(false);
   if (!program(plans)) return checkTime();
+  tidy();
   if (!options_.once) serve();
 }
 

@@ -75,7 +75,7 @@ struct Tier {
 };
 /// Families not listed here are in the lowest tier.
 constexpr Tier kTiers[] = {{QuarnBastil::TcamActionFamily::kTableId, 1, redirected},
-                           {QuarnBastil::TcamEntryFamily::kTableId, 2, classified}};
+                           {QuarnBastil::TcamEntryFamily::kTableId, kHighestTier, classified}};
 
 Fields fieldsOf(const Asic::FlatShape& shape) {
   return {shape.fields.data(), shape.fields.size(), shape.form};
