@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "program/Program.h"
 
@@ -87,6 +88,7 @@ void Agent::run() {
   if (options_.reset) plans = plansOf(false);
   if (!program(plans)) return checkTime();
   tidy();
+  note();
   if (!options_.once) serve();
 }
 
@@ -148,6 +150,7 @@ bool Agent::program(const std::vector<Policy::Plan>& plans) {
 bool Agent::programNextHops() {
   NextHops* const nextHops = tables_.nextHops();
   if (nextHops == nullptr) return true;
+  unnote();
   const auto outcome = nextHops->change(wanted_.nextHops, options_.units,
                                         [this](std::size_t rows) { return pumpFor(rows); });
   if (!outcome.complete) return false;
@@ -164,9 +167,25 @@ bool Agent::pumpFor(std::size_t rows) {
   do {
     if (ends()) return false;
     if (tables_.interface().pump(kPumpBudget).more) continue;
-    if (rows == 0 || Clock::now() < due) tables_.interface().waitForReport(kMoment);
+    if (rows == 0 || Clock::now() < due) tables_.waitForReport(kMoment);
   } while (Clock::now() < due);
   return true;
+}
+
+/// Tells other programs about the next hops, if something has moved.
+void Agent::note() {
+  if (tables_.nextHops() == nullptr) return;
+  const std::uint64_t behind = tables_.behind();
+  if (std::exchange(noted_, behind) == behind) return;
+  tables_.nextHops()->note(*tables_.notes());
+  tables_.notes()->atRestIs(tables_.queued() == 0);
+}
+
+/// Before anything changes.
+void Agent::unnote() {
+  if (tables_.notes() == nullptr) return;
+  tables_.notes()->atRestIs(false);
+  noted_.reset();
 }
 
 /// Takes down what the hardware does not use any more.
@@ -183,13 +202,14 @@ void Agent::serve() {
     while (tables_.interface().pump(kPumpBudget).more && !ends()) continue;
     tidy();
     tellAcknowledged();
+    note();
     auto files = options_.watch ? watch_.finished() : std::set<std::size_t>();
     if (requests_.reload()) {
       for (std::size_t i = 0; i < sources_.size(); ++i) files.insert(i);
     }
     if (!files.empty() && !reload(files)) return;
     if (!followRelaunch()) return;
-    tables_.interface().waitForReport(kLook);
+    tables_.waitForReport(kLook);
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -77,6 +78,8 @@ class Agent {
   bool programNextHops();
   bool pumpFor(std::size_t rows);
   void tidy();
+  void note();
+  void unnote();
   bool carryOut(unsigned unit, const Policy::Plan& plan);
   void serve();
   bool reload(const std::set<std::size_t>& files);
@@ -106,6 +109,8 @@ class Agent {
   Policy::Wanted wanted_;
   Tables tables_;
   bool acknowledged_ = false;
+  /// Number of unreported records at the last note.
+  std::optional<std::uint64_t> noted_;
 };
 
 }  // namespace Agent

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <unordered_set>
 #include <utility>
 
 #include "QuarnL3NiLib/ReqIdToFecResourceDrift.h"
@@ -290,7 +291,7 @@ NextHops::Outcome NextHops::change(const std::vector<NextHop>& wanted,
   Standing standing(*this);
   std::vector<std::uint32_t> placed;
   for (const NextHop& nextHop : wanted) {
-    wanted_.insert(nextHop.id);
+    wanted_.emplace(nextHop.id, nextHop.name);
     const std::uint32_t current = currentDestination(nextHop.id);
     if (nextHop.down()) {
       ++outcome.down;
@@ -304,7 +305,7 @@ NextHops::Outcome NextHops::change(const std::vector<NextHop>& wanted,
   for (std::size_t i = 0; i < wanted.size(); ++i) {
     if (!give(wanted[i], placed[i])) continue;
     ++outcome.changed;
-    if (!pump(usersOf(wanted[i].id))) return outcome;
+    if (!pump(userCount(wanted[i].id))) return outcome;
   }
   // Rows that ask for a next hop that is gone are about to go; until then it has failed.
   for (const std::uint64_t id : std::exchange(provider_->asked, {})) {
@@ -317,7 +318,7 @@ NextHops::Outcome NextHops::change(const std::vector<NextHop>& wanted,
   return outcome;
 }
 
-std::size_t NextHops::usersOf(std::uint64_t id) const {
+std::size_t NextHops::userCount(std::uint64_t id) const {
   std::size_t users = 0;
   for (const auto& [unit, tables] : units_) {
     const auto usage = tables.actions->requestIdToFecLinkage()->entryUsageSm(Key(id));
@@ -350,6 +351,23 @@ std::size_t NextHops::tidy() {
     down += rows == 0 ? 0 : 1;
   }
   return down;
+}
+
+void NextHops::note(Notes& notes) const {
+  for (const auto& record : resources_->drift()->resources()) {
+    Tables::NextHopNote note;
+    note.id = record.requestId.value();
+    note.update = note.acknowledged = note.inHardware = record.updateNumber;
+    for (const auto& user : resources_->users(record.requestId)) {
+      if (user.released) continue;
+      note.acknowledged = std::min<Tables::Word>(note.acknowledged, user.updateNumber);
+      note.inHardware = std::min<Tables::Word>(note.inHardware, user.updateNumberInHw);
+    }
+    note.users = userCount(note.id);
+    const auto wanted = wanted_.find(note.id);
+    notes.nextHopIs(note, wanted != wanted_.end() ? wanted->second : "");
+  }
+  notes.othersDel();
 }
 
 std::uint64_t NextHops::behind() const {

@@ -3,13 +3,15 @@
 #include <functional>
 #include <map>
 #include <set>
-#include <unordered_set>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "QuarnBastil/BigAds.h"
 #include "QuarnBastil/SmallAds.h"
 #include "QuarnBastil/TcamAction.h"
 #include "agent/LoggedSoFar.h"
+#include "agent/Notes.h"
 #include "policy/Destination.h"
 
 namespace Agent {
@@ -76,6 +78,8 @@ class NextHops {
   /// number of destinations taken down.
   std::size_t tidy();
 
+  /// Writes what other programs are told.
+  void note(Notes& notes) const;
   /// Number of log records of these tables that the hardware has not reported.
   std::uint64_t behind() const;
 
@@ -99,7 +103,7 @@ class NextHops {
   bool drain(const Pump& pump);
   std::size_t queued() const;
   bool give(const Policy::NextHop& nextHop, std::uint32_t destId);
-  std::size_t usersOf(std::uint64_t id) const;
+  std::size_t userCount(std::uint64_t id) const;
   void retire();
   Fenrik::Ptr<const Asic::NeededEntry> everythingCommitted() const;
 
@@ -114,8 +118,8 @@ class NextHops {
   std::map<Asic::UnitId, UnitTables> units_;
   /// Units that have the rows of all destinations.
   std::vector<Asic::UnitId> served_;
-  /// Request ids of the file's next hops.
-  std::unordered_set<std::uint64_t> wanted_;
+  /// The file's next hops: request ids and names.
+  std::unordered_map<std::uint64_t, std::string> wanted_;
 };
 
 }  // namespace Agent

@@ -66,7 +66,7 @@ class Programmer::Run {
 
   bool done() {
     for (const ActionRow& action : plan_.lostActions) {
-      if (!mayQueue() || !awaitAction(action, false)) return false;
+      if (!mayQueue() || !awaitAction(action)) return false;
       write(*unit_.actions, action, nullptr);
     }
     for (const Step& step : plan_.steps) {
@@ -76,7 +76,7 @@ class Programmer::Run {
     }
     if (!plan_.looseActions.empty() && !drain(0)) return false;
     for (const ActionRow& action : plan_.looseActions) {
-      if (!mayQueue() || !awaitAction(action, true)) return false;
+      if (!mayQueue()) return false;
       remove(*unit_.actions, action, loggedSoFar(*unit_.rules));
     }
     return drain(0);
@@ -109,9 +109,10 @@ class Programmer::Run {
     auto& table = *unit_.rules;
     const PlacedRule& row = std::get<PlacedRule>(step.row);
     if ((rulesBehind_ || step.again) && !awaitKey(table, keyOf(row), step)) return false;
-    if (step.withAction && !awaitAction(actionOf(row), step.removes)) return false;
+    const bool writesAction = step.withAction && !step.removes;
+    if (writesAction && !awaitAction(actionOf(row))) return false;
     Dependency before = beforeOf(step, beforeRules_);
-    if (step.withAction && !step.removes) before = write(*unit_.actions, actionOf(row), before);
+    if (writesAction) before = write(*unit_.actions, actionOf(row), before);
     const Dependency handle = step.removes ? remove(table, row, before) : write(table, row, before);
     if (step.withAction && step.removes) remove(*unit_.actions, actionOf(row), handle);
     queued(handle);
@@ -147,14 +148,15 @@ class Programmer::Run {
       if (ends_()) return false;
       progress_.at(next_ - std::min(next_, tables_.queued()));
       if (tables_.interface().pump(kPumpBudget).more) continue;
-      tables_.interface().waitForReport(std::min<Clock::duration>(due - Clock::now(), kSleep));
+      tables_.waitForReport(std::min<Clock::duration>(due - Clock::now(), kSleep));
     }
     return true;
   }
 
-  bool awaitAction(const ActionRow& action, bool removes) {
-    if (!actionsBehind_) return true;
-    return awaitKey(*unit_.actions, keyOf(action), {.row = {}, .removes = removes});
+  /// Before an action is written. It may go at any time after its rule, also one that has just
+  /// followed its next hop.
+  bool awaitAction(const ActionRow& action) {
+    return !actionsBehind_ || awaitKey(*unit_.actions, keyOf(action), {});
   }
 
   /// Waits until the hardware has reported the key's last operation and, for a new row, until rows
@@ -191,7 +193,7 @@ class Programmer::Run {
     if (pumped.commits != 0 || pumped.reports != 0) {
       lastMove_ = Clock::now();
     } else if (!pumped.more) {
-      tables_.interface().waitForReport(kSleep);
+      tables_.waitForReport(kSleep);
       complain();
     }
     return true;

@@ -33,6 +33,11 @@ void addUnits(const KivSharedMem::EntityManager& memory, std::vector<unsigned>& 
   }
 }
 
+std::string textOf(const Asic::ResolverEntry::Waiting& head) {
+  return fmt::format("{} unit {}, {} of {}: {}", head.table, head.unit, head.operation, head.key,
+                     head.reason);
+}
+
 }  // namespace
 
 Policy::Picture Unit::picture() const {
@@ -69,6 +74,17 @@ Tables::Tables(const std::string& directory, const NextHops::Options* redirects)
   if (redirects == nullptr && left.empty()) return;
   nextHops_ =
       std::make_unique<NextHops>(tables_, redirects == nullptr ? NextHops::Options() : *redirects);
+  notes_ = std::make_unique<Notes>(directory);
+}
+
+void Tables::waitForReport(std::chrono::steady_clock::duration time) const {
+  unsigned group = 0;
+  const auto& groups = tables_->groupInterfaceColl();
+  for (auto it = groups->groupIntfIterator(); notes_ != nullptr && it; ++it, ++group) {
+    const auto head = it->value()->groupResolver()->head();
+    notes_->waitIs(group, head.waiting.reason.empty() ? "" : textOf(head.waiting), head.age);
+  }
+  tables_->waitForReport(time);
 }
 
 Unit& Tables::unit(unsigned number) {
@@ -138,8 +154,7 @@ std::string Tables::waitsFor() const {
   for (auto it = groups->groupIntfIterator(); it; ++it) {
     const auto head = it->value()->groupResolver()->head().waiting;
     if (head.table.empty() || head.reason.empty()) continue;
-    return fmt::format("{} unit {}, {} of {}: {}", head.table, head.unit, head.operation, head.key,
-                       head.reason);
+    return textOf(head);
   }
   return fmt::format("{} log records that it has not reported", behind());
 }

@@ -50,6 +50,10 @@ class Tables {
   std::vector<unsigned> unitsFound() const;
   /// The next hops, or null.
   NextHops* nextHops() const noexcept { return nextHops_.get(); }
+  /// The notes for other programs, or null without next hops.
+  Notes* notes() const noexcept { return notes_.get(); }
+  /// Sleeps until there is something to do, and notes before that which heads wait.
+  void waitForReport(std::chrono::steady_clock::duration time) const;
   /// Empties units without tables; rows before those that they refer to.
   void reconcile();
   /// Removes the destinations of a unit, after its actions.
@@ -79,6 +83,7 @@ class Tables {
   Fenrik::Ptr<QuarnBastil::BigBbInterface> prefixes_;
   /// Null without next hops.
   std::unique_ptr<NextHops> nextHops_;
+  std::unique_ptr<Notes> notes_;
   std::map<unsigned, Unit> units_;
 };
 
