@@ -218,6 +218,11 @@ bool Agent::reload(const std::set<std::size_t>& files) {
   began_ = Clock::now();
   try {
     take(files);
+    if (std::ranges::all_of(files, [&](std::size_t file) {
+          return sources_[file].kind == Policy::FileKind::nextHops;
+        })) {
+      return programNextHops();
+    }
     const auto plans = plansOf(false);
     return programNextHops() && program(plans);
   } catch (const Policy::InputError& error) {

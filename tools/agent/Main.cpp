@@ -71,7 +71,7 @@ void addOptions(CLI::App& app, Agent::Options& options) {
           {"keep", Agent::OnDown::keep}, {"drop", Agent::OnDown::drop}}))
       ->needs("--next-hops");
   app.set_version_flag("--version", Program::versionOf("bastil-agent"));
-  app.add_option("FILE", options.files, "Files of rules, or of prefixes")->required();
+  app.add_option("FILE", options.files, "Files of rules, or of prefixes");
 }
 
 int run(const Agent::Options& options) {
@@ -100,6 +100,9 @@ int main(int argc, char** argv) {
   addOptions(app, options);
   try {
     app.parse(argc, argv);
+    if (options.files.empty() && options.redirects.empty()) {
+      throw CLI::RequiredError("FILE");
+    }
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : 2;
   }

@@ -9,6 +9,8 @@ namespace Policy {
 namespace {
 
 constexpr std::uint32_t kLastPort = 65535;
+/// As many as the resource table holds.
+constexpr std::size_t kMostNextHops = 65'536;
 
 Adjacency adjacencyOf(LineReader& line) {
   Adjacency adjacency;
@@ -54,6 +56,9 @@ std::vector<NextHop> nextHopsOf(const std::string& file, std::string_view text) 
   std::unordered_map<std::uint64_t, std::size_t> known;
   readLines(file, text, [&](LineReader& line, unsigned number) {
     LineReader begin = line;
+    if (nextHops.size() == kMostNextHops) {
+      begin.fail(fmt::format("at most {} next hops", kMostNextHops));
+    }
     NextHop nextHop;
     nextHop.line = number;
     nextHop.name = line.name("the name of a next hop");
