@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
 """Kills the agent or the hardware writer at a random moment of a churn, round after round.
 
-The rules change between two lists all the time, packets are decided all the time: each must meet the
-decision of one of the lists. In between everything comes to rest, and hardware and configuration
+The rules change between two lists all the time, and so do next hops; packets are decided all the
+time: each must meet the decision of one of the lists, and go to the next hop of one of the files. In between everything comes to rest, and hardware and configuration
 must be the same. Usage: kill_rounds.py DEMO BIN RULES [AGENT|--losses]
 
-With --losses deaths cost more: the chip is another and empty, the log of a table is damaged, or the
-next agent empties its tables first. Packets meet anything then, but each rest is as before.
+With --losses deaths cost more: the chip is another and empty, the log of a table or what next hops
+have is damaged, or the next agent empties its tables first. Packets meet anything then, but each rest is as before.
 
 With AGENT, one that counts its stores into shared memory, it is the agent that dies: in mid-change,
 at one store after the other of some rows on end, now and then together with the hardware writer.
@@ -29,6 +29,10 @@ demo = importlib.util.module_from_spec(spec)
 sys.dont_write_bytecode = True
 spec.loader.exec_module(demo)
 
+# Few, so that a round is short; one next hop comes and goes, one is a group now and then.
+demo.PREFIXES = {"core": 60, "west": 12, "east": 8, "spare": 4}
+demo.NEXT_HOPS["after"] |= {"west": "7:192.0.2.9 8:192.0.2.21", "east": "down",
+                            "spare": "4:192.0.2.13"}
 seed = int(os.environ.get("BASTIL_SEED") or random.SystemRandom().randrange(2**32))
 chance = random.Random(seed)
 # A writer that is slow now and then is killed with work before it.
@@ -41,19 +45,24 @@ class Options:
 
 class Rounds(demo.Demo):
     packets = killed_agents = killed_writers = rests = 0
-    shown = 0
+    shown = flips = 0
 
     def writer(self):
         writer = self.start("bastil-hwwriter", "--json", "--classify", 2000, "--seed",
-                            chance.randrange(2**31), "--rules", self.path("before.rules"),
-                            "--rules", self.path("after.rules"), *chance.choice(PACES))
+                            chance.randrange(2**31), *self.reference(), *chance.choice(PACES))
         self.writers.append(writer)
         return writer
 
     def change(self):
-        self.shown = 1 - self.shown
-        shutil.copy(self.path(("before", "after")[self.shown] + ".rules"), self.path("next"))
-        os.replace(self.path("next"), self.path("live.rules"))
+        """Changes rules, next hops or both."""
+        what = chance.randrange(3)
+        if what != 0:
+            self.shown = 1 - self.shown
+            shutil.copy(self.path(("before", "after")[self.shown] + ".rules"), self.path("next"))
+            os.replace(self.path("next"), self.path("live.rules"))
+        if what != 1:
+            self.flips += 1
+            self.flip(("before", "after")[self.flips % 2])
 
     def rest(self, agent, writer):
         """Everything is acknowledged: the writer ends, and tells what it has seen."""
@@ -113,8 +122,9 @@ class Rounds(demo.Demo):
         for problem in self.problems:
             print(f"PROBLEM: {problem}")
         print(f"BASTIL_SEED={seed}: {self.killed_agents} agents and {self.killed_writers} writers "
-              f"killed, {self.packets} packets decided between the kills, {self.rests} rests")
-        enough = self.enough() and self.killed_agents > 0 and self.killed_writers > 0
+              f"killed in {self.flips} flips, {self.packets} packets decided between the kills, "
+              f"{self.rests} rests")
+        enough = self.enough() and min(self.killed_agents, self.killed_writers, self.flips) > 0
         return 0 if enough and not self.problems else 1
 
     def enough(self):
@@ -133,7 +143,8 @@ class Losses(Rounds):
         """The next agent finds what it has, what it cannot use, or nothing that it keeps."""
         fate = chance.randrange(4)
         if fate == 0 and os.path.isdir(self.directory):
-            damaged = chance.choice(("entryLog%2F04080404", "TcamEntry%2Fconfig%2F0"))
+            damaged = chance.choice(("entryLog%2F04080404", "TcamEntry%2Fconfig%2F0",
+                                     "hardware%2Fresource"))
             for name in os.listdir(self.directory):
                 if damaged in name:
                     with open(os.path.join(self.directory, name), "r+b") as log:
@@ -170,7 +181,8 @@ class EveryStore(Rounds):
         """Runs an agent to its end, or to a store; the number of its stores, if it did not die."""
         if die_at is not None:
             os.environ["BASTIL_DIE_AT_STORE"] = str(die_at)
-        command = [*variant, "--dir", self.directory, "--once", self.path("live.rules")]
+        command = [*variant, "--dir", self.directory, "--once", *self.redirects(),
+                   self.path("live.rules"), self.path("prefixes")]
         agent = demo.Process(command, self.echo)
         os.environ.pop("BASTIL_DIE_AT_STORE", None)
         self.processes.append(agent)

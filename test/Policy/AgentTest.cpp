@@ -6,8 +6,11 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include "Drift/RecordLayout.h"
+#include "QuarnBastil/SmallAds.h"
+#include "QuarnBastil/TcamAction.h"
 #include "Support/Process.h"
 #include "policy/Generate.h"
 #include "policy/Plan.h"
@@ -153,6 +156,59 @@ TEST_F(AgentTest, AChangedFileIsAppliedAndABadOneIsNot) {
   EXPECT_EQ(versionsIn(tables()), after);
   EXPECT_EQ(AgentRun(tables(), {"--once", "--allow-empty", none}).wait(), 0);
   expectCarriedOut(0, {});
+}
+
+TEST_F(AgentTest, ANextHopThatIsDownKeepsItsPacketsOrDropsThem) {
+  const auto hardware = hardwareWriter();
+  const std::string up = "core 1:192.0.2.1\nnever down\n";
+  const auto hops = file("hops", up);
+  const auto path = file("rules", Policy::lineOf(Policy::generate({.rules = 1})[0]));
+  const auto redirects = file("redirects",
+                              "@10.0.0.0/8 0.0.0.0/0 0:9 0:9 6/255 core\n"
+                              "@10.0.0.0/8 0.0.0.0/0 0:9 0:9 7/255 never\n");
+  /// The destinations that rows have, and how many rows destinations have.
+  const auto held = [&] {
+    std::multiset<std::uint32_t> destinations;
+    const Drift::Directory directory(tables(), Drift::Directory::Access::read);
+    eachEntry<QuarnBastil::TcamActionFamily>(
+        directory, 0, [&](const auto& entry) { destinations.insert(entry.destId); });
+    std::size_t rows = 0;
+    eachEntry<QuarnBastil::SmallAdsFamily>(directory, 0, [&](const auto&) { ++rows; });
+    return std::pair(destinations, rows);
+  };
+  const std::pair<std::multiset<std::uint32_t>, std::size_t> standing{{0, 1}, 1}, none{{0, 0}, 0};
+  const auto start = [&](const std::string& onDown) {
+    return AgentRun(tables(), {"--watch", "--next-hops", hops, "--redirect", redirects, "--on-down",
+                               onDown, path});
+  };
+  {
+    AgentRun agent = start("keep");
+    EXPECT_NE(agent.await("acknowledged"), "");
+    EXPECT_EQ(held(), standing);
+    const auto isRefused = [&](const std::string& why) {
+      EXPECT_THAT(agent.await(dir_.path()), HasSubstr(why));
+      EXPECT_NE(agent.await("the rules before stay in force"), "");
+      EXPECT_EQ(held(), standing);
+    };
+    file("hops", "never down\n");
+    isRefused(redirects + ":1:37: expected one of the 1 next hops, found \"core\"");
+    file("hops", "core 1:192.0.2.2\ncore down\n");
+    isRefused(hops + ":2:1: expected each next hop once");
+    file("hops", "core down\nnever down\n");
+    EXPECT_NE(agent.await("next hops: 2, 1 changed, 2 down; 0 rows written"), "");
+    EXPECT_NE(agent.await("acknowledged"), "");
+    EXPECT_EQ(held(), standing) << "it goes where it went";
+    agent.signal(SIGKILL);
+  }
+  AgentRun agent = start("drop");
+  EXPECT_NE(agent.await("next hops: 2, 1 changed, 2 down; 0 rows written"), "");
+  EXPECT_NE(agent.await("taken down: 1 destinations"), "");
+  EXPECT_NE(agent.await("acknowledged"), "");
+  EXPECT_EQ(held(), none);
+  file("hops", up);
+  EXPECT_NE(agent.await("next hops: 2, 1 changed, 1 down; 1 rows written"), "");
+  EXPECT_NE(agent.await("acknowledged"), "");
+  EXPECT_EQ(held(), standing);
 }
 
 TEST_F(AgentTest, UnitsComeGoAndAreReset) {

@@ -107,6 +107,61 @@ TEST(Input, ABadRuleIsToldWithItsPlace) {
   }
 }
 
+TEST(Input, ABadNextHopOrRedirectIsToldWithItsPlace) {
+  using enum Policy::FileKind;
+  const Files files;
+  const std::string rule = "@10.0.0.0/8 10.0.0.0/8 0 : 1 0 : 1 6/255 ";
+  const auto failure = [&](Policy::FileKind kind, const std::string& line) -> std::string {
+    const auto hops = files.file("hops", "core 1:192.0.2.1\n");
+    const auto path = files.file("bad", "# a comment\n" + line + "\n");
+    try {
+      const Policy::Content contents[] = {Policy::contentOf(hops, nextHops),
+                                          Policy::contentOf(path, kind)};
+      Policy::wantedOf(contents);
+      return "";
+    } catch (const Policy::InputError& error) {
+      return std::string(error.what()).substr(path.size());
+    }
+  };
+  const struct {
+    Policy::FileKind kind;
+    std::string line;
+    std::string message;
+  } cases[] = {
+      {nextHops, "-", ":2:1: expected the name of a next hop, found \"-\""},
+      {nextHops, "a/b 1:1.1.1.1", ":2:1: expected the name of a next hop, found \"a/b\""},
+      {nextHops, std::string(48, 'n') + " down", ":2:1: expected a name of at most 47 bytes"},
+      {nextHops, "core", ":2:5: expected an adjacency, PORT:ADDRESS, or \"down\""},
+      {nextHops, "core 1", ":2:7: expected ':' between port and address, found the end"},
+      {nextHops, "core up", ":2:6: expected a port from 0 to 65535 and an address"},
+      {nextHops, "core 65536:1.1.1.1", ":2:6: expected a port from 0 to 65535"},
+      {nextHops, "core 1:1.1.1.1/8", ":2:15: expected a blank after the address"},
+      {nextHops, "core 1:1.1.1.1 down", ":2:16: expected a port"},
+      {nextHops, "core down 1:1.1.1.1", ":2:11: expected nothing after \"down\""},
+      {nextHops, "core 1:1.1.1.1  1:1.1.1.1", ":2:17: expected each adjacency once"},
+      {nextHops, "a down\nb down # \n a 1:1.1.1.1",
+       ":4:2: expected each next hop once; it is in line 2 already, found \"a\""},
+      {redirects, rule, ":2:42: expected the name of a next hop, found the end of the line"},
+      {redirects, rule + "0x0/0x0 # none", ":2:50: expected the name of a next hop, found"},
+      {redirects, rule + "core core", ":2:47: expected the end of the rule, found \"core\""},
+      {redirects, rule + "edge", ":2:42: expected one of the 1 next hops, found \"edge\""},
+      {redirectingPolicy, rule + "0x0/0x0 edge", ":2:50: expected one of the 1 next hops"},
+      {redirectingPolicy, "1.0.0.0/8 - eth0 edge", ":2:18: expected one of the 1 next hops"},
+      {redirectingPolicy, "1.0.0.0/8 - eth0 *", ":2:18: expected the name of a next hop, or '-'"},
+      {redirectingPolicy, "1.0.0.0/8 - - -\n1.0.0.0/8 - - core",
+       ":3:1: expected one next hop for each prefix"},
+      {policy, rule + "core", ":2:42: expected flags from 0 to 0xffff"},
+      {redirects, rule + "0x0/0x0 core # fine", ""},
+      {redirectingPolicy, "1.0.0.0/8 - eth0 -\n2.0.0.0/8 -\n3.0.0.0/8 - x core ucst", ""},
+      {nextHops, "a 0:1.1.1.1\t2:1.1.1.1 \r\n-b down", ""},
+  };
+  for (const auto& bad : cases) {
+    const std::string told = failure(bad.kind, bad.line);
+    EXPECT_THAT(told, StartsWith(bad.message)) << bad.line;
+    EXPECT_EQ(told.empty(), bad.message.empty()) << told;
+  }
+}
+
 TEST(Input, PrefixListsInEitherForm) {
   Files files;
   const auto routes =

@@ -21,7 +21,7 @@ using Policy::Step;
 using Policy::Wanted;
 using Random = std::mt19937_64;
 
-/// Both tables of a unit as a packet meets them, in plain maps.
+/// The tables of a unit as a packet meets them, in plain maps.
 class TableModel {
  public:
   Decision decide(const Packet& packet) const {
@@ -46,8 +46,13 @@ class TableModel {
       put(prefixes_, row.prefix, row, step.removes);
     } else {
       const auto& placed = std::get<1>(step.row);
-      put(rules_, {placed.bank, placed.index}, placed, step.removes);
+      const std::pair<unsigned, unsigned> place(placed.bank, placed.index);
+      if (step.withAction) put(actions_, place, placed.row.redirect, step.removes);
+      put(rules_, place, placed, step.removes);
     }
+  }
+  void apply(const Policy::ActionRow& action, bool removes) {
+    put(actions_, {action.bank, action.index}, action.redirect, removes);
   }
 
   /// Whether the prefixes that each rule row is about stand, under the labels that it means.
@@ -58,7 +63,9 @@ class TableModel {
         const auto at = prefixes_.find(prefix);
         return at != prefixes_.end() && at->second.labels[placed.row.numbering] == labels;
       };
-      return stands(placed.rule.source, placed.row.source) &&
+      const auto action = actions_.find(member.first);
+      const bool acts = action != actions_.end() && action->second == placed.row.redirect;
+      return (acts || placed.row.redirect == 0) && stands(placed.rule.source, placed.row.source) &&
              stands(placed.rule.destination, placed.row.destination);
     });
   }
@@ -66,6 +73,10 @@ class TableModel {
     Policy::Picture picture;
     for (const auto& [prefix, row] : prefixes_) picture.prefixes.push_back(row);
     for (const auto& [place, placed] : rules_) picture.rules.push_back(placed);
+    for (const auto& [place, redirect] : actions_) {
+      picture.actions.push_back({static_cast<std::uint8_t>(place.first),
+                                 static_cast<std::uint16_t>(place.second), redirect});
+    }
     return picture;
   }
 
@@ -90,6 +101,7 @@ class TableModel {
 
   std::map<Policy::Prefix, Policy::PrefixRow> prefixes_;
   std::map<std::pair<unsigned, unsigned>, Policy::PlacedRule> rules_;
+  std::map<std::pair<unsigned, unsigned>, std::uint64_t> actions_;
 };
 
 /// A unit whose rules change again and again, under the eyes of packets.
@@ -117,8 +129,9 @@ class History {
 
   Wanted nextWanted() {
     std::vector<Rule> rules = wanted_.rules;
-    const auto fresh = Policy::generate(
+    auto fresh = Policy::generate(
         {.rules = 1 + random_() % kMostRules, .seed = random_(), .networks = 1 + networks_ % 2});
+    for (Rule& rule : fresh) rule.redirect = random_() % 2 * (random_() % 3);
     const auto dice = random_() % 8;
     if (dice > 1) edit(rules, fresh);
     if (dice < 2) rules = dice == 0 ? std::vector<Rule>() : fresh;
@@ -128,7 +141,7 @@ class History {
       const Rule& rule = fresh[random_() % fresh.size()];
       if (rule.source.length == 0) continue;
       std::erase_if(wanted.routes, [&](const auto& route) { return route.prefix == rule.source; });
-      wanted.routes.push_back({rule.source, static_cast<std::uint32_t>(random_() % 3), 0});
+      wanted.routes.push_back({rule.source, static_cast<std::uint32_t>(random_() % 3), 0, {}});
     }
     return wanted;
   }
@@ -161,6 +174,7 @@ class History {
   /// In any order that the plan leaves to the hardware: each table's steps one after the other, and
   /// none before the step of the other table that it is to come after.
   void carryOut(const Plan& plan, std::size_t stopAfter) {
+    for (const auto& action : plan.lostActions) model_.apply(action, false);
     std::vector<bool> done(plan.steps.size());
     std::array<std::size_t, 2> next{0, 0};
     const auto seek = [&](unsigned table) {
@@ -182,6 +196,8 @@ class History {
       done[next[table]] = true;
       take(plan.steps[next[table]++], count);
     }
+    if (stopAfter != plan.steps.size()) return;
+    for (const auto& action : plan.looseActions) model_.apply(action, true);
   }
 
   void take(const Step& step, std::size_t number) {
@@ -210,7 +226,7 @@ class History {
     if (!prefixes.empty()) prefixes.insert(Policy::Prefix{});
     EXPECT_EQ(picture.prefixes.size(), prefixes.size());
     const Plan again = Policy::planOf(picture, wanted_, kRoom);
-    EXPECT_EQ(again.steps.size(), 0U) << "nothing has changed, so nothing is to be written";
+    EXPECT_EQ(again.rows(), 0U) << "nothing has changed, so nothing is to be written";
     EXPECT_EQ(again.rules, picture.rules.size());
     EXPECT_EQ(again.prefixes, wantedPrefixes.size()) << "0.0.0.0/0 counts where it was asked for";
   }
@@ -238,10 +254,17 @@ class History {
       if (one(16)) placed.bank = 1;
       if (!one(8)) model_.apply({.row = placed});
     }
-    for (const Step& step : Policy::planOf(model_.picture(), wanted_, kRoom).steps) {
-      model_.apply(step);
+    for (auto action : picture.actions) {
+      if (one(8)) action.redirect = number();
+      if (one(16)) action.bank = 1;
+      if (!one(8)) model_.apply(action, false);
     }
+    const Plan plan = Policy::planOf(model_.picture(), wanted_, kRoom);
+    for (const auto& action : plan.lostActions) model_.apply(action, false);
+    for (const Step& step : plan.steps) model_.apply(step);
+    for (const auto& action : plan.looseActions) model_.apply(action, true);
     checkEnd();
+    EXPECT_TRUE(model_.everyRulePointsToRows());
     ++mended;
   }
 

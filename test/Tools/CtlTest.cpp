@@ -28,6 +28,8 @@ const std::vector<std::vector<std::string>> kCommands = {{"status"},
                                                          {"config", "BigBb", "0"},
                                                          {"config", "BigBb", "1", "0.0.0.0/0"},
                                                          {"config", "TcamEntry", "1"},
+                                                         {"config", "TcamAction", "0"},
+                                                         {"resources"},
                                                          {"verify"}};
 
 /// A directory with what an agent left that was killed at work, and a hardware writer before it.
@@ -45,17 +47,28 @@ class CtlTest : public testing::Test {
   }
 
   Support::Program startAgent() const {
-    return Support::Program(
-        {BASTIL_AGENT, "--dir", tables_, "--unit", "0", "--unit", "1", "--watch", rules_});
+    return Support::Program({BASTIL_AGENT, "--dir", tables_, "--unit", "0", "--unit", "1",
+                             "--next-hops", rules_ + ".hops", "--watch", rules_});
   }
-  /// Gives the agent other rules.
+  /// Gives the agent other rules, a third of which redirect, and other next hops.
   void change() {
+    flip();
     std::ofstream file(rules_ + ".new");
     for (const auto& rule : Policy::generate({.rules = 60, .seed = random_(), .networks = 4})) {
-      file << Policy::lineOf(rule);
+      std::string line = Policy::lineOf(rule);
+      if (random_() % 3 == 0) line.insert(line.size() - 1, random_() % 2 == 0 ? " one" : " other");
+      file << line;
     }
     file.close();
     fs::rename(rules_ + ".new", rules_);
+  }
+  void flip() {
+    std::ofstream file(rules_ + ".new");
+    ++flips_;
+    file << "one " << flips_ << ":192.0.2.1\nother " << flips_ << ":192.0.2.1 1:192.0.2.5\n"
+         << "third " << (flips_ % 2 == 0 ? "down\n" : "1:192.0.2.1\n");
+    file.close();
+    fs::rename(rules_ + ".new", rules_ + ".hops");
   }
 
   Outcome ctl(const std::string& directory, std::vector<std::string> command, bool json = false) {
@@ -88,6 +101,7 @@ class CtlTest : public testing::Test {
   Support::TempDir dir_;
   std::string tables_ = dir_.path() + "/tables";
   std::string rules_ = dir_.path() + "/rules";
+  int flips_ = 0;
   Random random_{seed_};
 };
 
@@ -142,12 +156,11 @@ TEST_F(CtlTest, ShowsWhatADeadAgentLeftAndACopyOfItAsWell) {
                 unit["live"].get<long>() + unit["inDeletion"].get<long>());
       if (config.out.empty()) continue;
       const json first = json::parse(config.out.substr(0, config.out.find('\n')));
-      std::vector<std::string> values;
+      std::string key;
       for (const auto& [name, value] : first["key"].items()) {
-        values.push_back(value.is_string() ? value.get<std::string>() : value.dump());
+        key += name + ':' + (value.is_string() ? value.get<std::string>() : value.dump()) + ',';
       }
-      const auto one =
-          ctl(tables_, {"config", table["table"], number, values[0] + "/" + values[1]}, true);
+      const auto one = ctl(tables_, {"config", table["table"], number, key}, true);
       EXPECT_EQ(one.out, config.out.substr(0, config.out.find('\n') + 1)) << one.err;
     }
   }
@@ -168,7 +181,8 @@ TEST_F(CtlTest, AnswersEachUseAsItShould) {
   } uses[] = {
       {ctl, 2, "A subcommand is required"},
       {ctl + "frobnicate", 2,
-       "there is no command \"frobnicate\"; there are status, top, log, config, verify, snapshot"},
+       "there is no command \"frobnicate\"; there are status, top, log, config, resources, "
+       "verify, snapshot"},
       {ctl + "log Tcam", 2, "there is no table \"Tcam\"; there are PortXformTcamAction, "},
       {ctl + "log BigBb --since 0", 2, "\"0\" is no number above 0"},
       {ctl + "log BigBb --since 7x", 2, "\"7x\" is no number above 0"},
@@ -224,7 +238,8 @@ TEST_F(CtlTest, KnowsWhatIsNoAgents) {
 }
 
 TEST_F(CtlTest, FindsEachDamageThatMatters) {
-  for (const char* const part : {"entryLog", "config", "needed", "tableVersion"}) {
+  for (const char* const part :
+       {"entryLog", "config", "needed", "tableVersion", "resource", "nextHops"}) {
     for (const fs::path& file : collections(tables_, part)) {
       // The sizes in the header, and each copy of a word that changes.
       const Flip size(file, 40, 1);
@@ -239,6 +254,29 @@ TEST_F(CtlTest, FindsEachDamageThatMatters) {
   }
   // Everything was put back.
   expectFine(tables_, {"verify"});
+  // Values of another time, and rows that are not all there.
+  Support::Program agent = startAgent();
+  const Process writer({BASTIL_HWWRITER, "--dir", tables_}, "/dev/null", "/dev/null");
+  const auto settle = [&] {
+    EXPECT_NE(agent.await("acknowledged"), "");
+    ::usleep(300'000);
+    return snapshotOf(tables_);
+  };
+  settle();
+  fs::rename(tables_ + ".copy", dir_.path() + "/earlier");
+  flip();
+  const std::string later = settle();
+  expectFine(later, {"verify"});
+  const auto exchange = [&](const std::string& part, const std::string& found) {
+    const fs::path file = collections(later, part).at(0);
+    fs::rename(file, dir_.path() + "/lost");
+    fs::copy(fs::path(dir_.path() + "/earlier") / file.filename(), file);
+    EXPECT_THAT(ctl(later, {"verify"}).out, HasSubstr(found));
+    fs::rename(dir_.path() + "/lost", file);
+  };
+  exchange("TcamAction%2Fconfig%2F0", "entries do not have destination ");
+  fs::resize_file(collections(later, "TcamAction%2Fconfig%2F0").at(0), 0);
+  EXPECT_THAT(ctl(later, {"verify"}).out, HasSubstr(" users, the agent counted "));
   for (const fs::path& file : collections(tables_, "entryLog")) {
     constexpr off_t kAnnounced = 384 + 11 * 64;
     const Flip first(file, kAnnounced, 0x10);

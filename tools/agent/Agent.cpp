@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "program/Program.h"
 
@@ -12,6 +13,8 @@ namespace {
 constexpr unsigned kPumpBudget = 1024;
 /// Longest time until a signal or a completed file is noticed.
 constexpr std::chrono::milliseconds kLook{100};
+/// The same while rows are written.
+constexpr std::chrono::milliseconds kMoment{10};
 
 double millisecondsSince(std::chrono::steady_clock::time_point begin) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin)
@@ -22,25 +25,47 @@ void say(const std::string& text) { Program::print(text + '\n'); }
 
 void complain(const std::string& text) { fmt::print(stderr, "bastil-agent: {}\n", text); }
 
-bool contentsEmpty(const std::vector<Policy::Content>& contents) {
-  return std::ranges::all_of(contents, &Policy::Content::empty);
+bool rulesEmpty(const std::vector<Policy::Content>& contents) {
+  return std::ranges::all_of(contents, [](const Policy::Content& content) {
+    return content.rules.empty() && content.routes.empty();
+  });
 }
 
-std::vector<Policy::Content> contentsOf(const std::vector<std::string>& paths) {
+template <class Sources>
+std::vector<Policy::Content> contentsOf(const Sources& sources) {
   std::vector<Policy::Content> contents;
-  for (const std::string& path : paths) contents.push_back(Policy::contentOf(path));
+  for (const auto& [path, kind] : sources) contents.push_back(Policy::contentOf(path, kind));
   return contents;
 }
 
 }  // namespace
 
+std::vector<Agent::Source> Agent::sourcesOf(const Options& options) {
+  using Policy::FileKind;
+  const bool redirecting = !options.nextHops.empty();
+  std::vector<Source> sources;
+  if (redirecting) sources.push_back({options.nextHops, FileKind::nextHops});
+  for (const auto& path : options.redirects) sources.push_back({path, FileKind::redirects});
+  for (const auto& path : options.files) {
+    sources.push_back({path, redirecting ? FileKind::redirectingPolicy : FileKind::policy});
+  }
+  return sources;
+}
+
+std::vector<std::string> Agent::pathsOf(const std::vector<Source>& sources) {
+  std::vector<std::string> paths;
+  for (const Source& source : sources) paths.push_back(source.path);
+  return paths;
+}
+
 Agent::Agent(Options options, Requests requests)
     : options_(std::move(options)),
       requests_(std::move(requests)),
-      watch_(options_.files),
-      contents_(contentsOf(options_.files)),
+      sources_(sourcesOf(options_)),
+      watch_(pathsOf(sources_)),
+      contents_(contentsOf(sources_)),
       wanted_(Policy::wantedOf(contents_)),
-      tables_(options_.directory) {}
+      tables_(options_.directory, options_.nextHops.empty() ? nullptr : &options_.nextHopOptions) {}
 
 bool Agent::ends() const {
   const std::chrono::duration<double> taken = Clock::now() - started_;
@@ -59,8 +84,11 @@ void Agent::run() {
   relaunched();
   if (!emptyOthers()) return checkTime();
   tables_.reconcile();
+  if (!programNextHops()) return checkTime();
   if (options_.reset) plans = plansOf(false);
   if (!program(plans)) return checkTime();
+  tidy();
+  note();
   if (!options_.once) serve();
 }
 
@@ -68,7 +96,7 @@ std::vector<Policy::Plan> Agent::plansOf(bool fromNothing) {
   std::vector<Policy::Plan> plans;
   for (const unsigned unit : options_.units) {
     const auto standing = tables_.unit(unit).picture();
-    refuseEmpty(contentsEmpty(contents_) && !(standing.rules.empty() && standing.prefixes.empty()),
+    refuseEmpty(rulesEmpty(contents_) && !(standing.rules.empty() && standing.prefixes.empty()),
                 fmt::format("the files hold no rule, and unit {} has some", unit));
     static const Policy::Picture kNothing;
     const Policy::Picture& picture = fromNothing ? kNothing : standing;
@@ -96,7 +124,8 @@ bool Agent::emptyOthers() {
     if (served && !options_.reset) continue;
     const auto plan = Policy::planOf(tables_.unit(unit).picture(), {});
     if (!carryOut(unit, plan)) return false;
-    say(fmt::format("emptied: unit {}; {} rows removed", unit, plan.steps.size()));
+    tables_.destinationsDel(tables_.unit(unit));
+    say(fmt::format("emptied: unit {}; {} rows removed", unit, plan.rows()));
   }
   return true;
 }
@@ -111,23 +140,76 @@ bool Agent::program(const std::vector<Policy::Plan>& plans) {
     say(
         fmt::format("programmed: {} rules, {} prefixes, unit {}; {} rows written, {:.1f} ms after "
                     "reading began",
-                    plans[i].rules, plans[i].prefixes, options_.units[i], plans[i].steps.size(),
+                    plans[i].rules, plans[i].prefixes, options_.units[i], plans[i].rows(),
                     millisecondsSince(began_)));
   }
   return true;
 }
 
+/// Before the rules, which may name new ones.
+bool Agent::programNextHops() {
+  NextHops* const nextHops = tables_.nextHops();
+  if (nextHops == nullptr) return true;
+  unnote();
+  const auto outcome = nextHops->change(wanted_.nextHops, options_.units,
+                                        [this](std::size_t rows) { return pumpFor(rows); });
+  if (!outcome.complete) return false;
+  acknowledged_ = false;
+  say(fmt::format("next hops: {}, {} changed, {} down; {} rows written", wanted_.nextHops.size(),
+                  outcome.changed, outcome.down, outcome.rows));
+  return true;
+}
+
+/// Pumps, and takes the time that so many rows take at the requested rate.
+bool Agent::pumpFor(std::size_t rows) {
+  auto due = Clock::now();
+  if (options_.rate != 0) due += rows * Clock::duration(std::chrono::seconds(1)) / options_.rate;
+  do {
+    if (ends()) return false;
+    if (tables_.interface().pump(kPumpBudget).more) continue;
+    if (rows == 0 || Clock::now() < due) tables_.waitForReport(kMoment);
+  } while (Clock::now() < due);
+  return true;
+}
+
+/// Tells other programs about the next hops, if something has moved.
+void Agent::note() {
+  if (tables_.nextHops() == nullptr) return;
+  const std::uint64_t behind = tables_.behind();
+  if (std::exchange(noted_, behind) == behind) return;
+  tables_.nextHops()->note(*tables_.notes());
+  tables_.notes()->atRestIs(tables_.queued() == 0);
+}
+
+/// Before anything changes.
+void Agent::unnote() {
+  if (tables_.notes() == nullptr) return;
+  tables_.notes()->atRestIs(false);
+  noted_.reset();
+}
+
+/// Takes down what the hardware does not use any more.
+void Agent::tidy() {
+  if (tables_.nextHops() == nullptr) return;
+  const std::size_t down = tables_.nextHops()->tidy();
+  if (down == 0) return;
+  say(fmt::format("taken down: {} destinations that no row uses any more", down));
+  while (tables_.interface().pump(kPumpBudget).more && !ends()) continue;
+}
+
 void Agent::serve() {
   while (!ends()) {
     while (tables_.interface().pump(kPumpBudget).more && !ends()) continue;
+    tidy();
     tellAcknowledged();
+    note();
     auto files = options_.watch ? watch_.finished() : std::set<std::size_t>();
     if (requests_.reload()) {
-      for (std::size_t i = 0; i < options_.files.size(); ++i) files.insert(i);
+      for (std::size_t i = 0; i < sources_.size(); ++i) files.insert(i);
     }
     if (!files.empty() && !reload(files)) return;
     if (!followRelaunch()) return;
-    tables_.interface().waitForReport(kLook);
+    tables_.waitForReport(kLook);
   }
 }
 
@@ -136,7 +218,13 @@ bool Agent::reload(const std::set<std::size_t>& files) {
   began_ = Clock::now();
   try {
     take(files);
-    return program(plansOf(false));
+    if (std::ranges::all_of(files, [&](std::size_t file) {
+          return sources_[file].kind == Policy::FileKind::nextHops;
+        })) {
+      return programNextHops();
+    }
+    const auto plans = plansOf(false);
+    return programNextHops() && program(plans);
   } catch (const Policy::InputError& error) {
     complain(error.what());
   } catch (const Policy::CapacityError& error) {
@@ -151,11 +239,13 @@ bool Agent::reload(const std::set<std::size_t>& files) {
 void Agent::take(const std::set<std::size_t>& files) {
   auto contents = contents_;
   for (const std::size_t file : files) {
-    const std::string& path = options_.files[file];
-    auto content = Policy::contentOf(path);
+    const auto& [path, kind] = sources_[file];
+    auto content = Policy::contentOf(path, kind);
     // It is being written again; its completion will be noticed.
     if (options_.watch && watch_.isBeingWritten(file)) continue;
-    refuseEmpty(content.empty() && !contents[file].empty(), path + ": it holds no rule any more");
+    const bool emptied = content.empty() && !contents[file].empty();
+    refuseEmpty(emptied && kind != Policy::FileKind::nextHops,
+                path + ": it holds no rule any more");
     contents[file] = std::move(content);
   }
   wanted_ = Policy::wantedOf(contents);
@@ -171,7 +261,7 @@ void Agent::refuseEmpty(bool becomesEmpty, const std::string& what) const {
 bool Agent::followRelaunch() {
   if (!relaunched()) return true;
   began_ = Clock::now();
-  return program(plansOf(false));
+  return programNextHops() && program(plansOf(false));
 }
 
 /// Whether a collection was unusable and has been replaced since the last call. Plans made

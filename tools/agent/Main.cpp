@@ -58,8 +58,20 @@ void addOptions(CLI::App& app, Agent::Options& options) {
       ->check(Program::positiveNumber);
   app.add_option_function<std::string>("--trace", traceIs,
                                        "Trace levels, like \"TcamEntry*/1-3 SwTable*/*\"");
+  app.add_option("--next-hops", options.nextHops,
+                 "File of next hops; rules and prefixes may then name one, in their last column");
+  app.add_option("--redirect", options.redirects,
+                 "Files of rules that name next hops, before others")
+      ->allow_extra_args(false)
+      ->needs("--next-hops");
+  app.add_option("--on-down", options.nextHopOptions.onDown,
+                 "What becomes of packets for a next hop that is down: \"keep\" lets them go where "
+                 "they went, \"drop\" drops them")
+      ->transform(CLI::CheckedTransformer(std::map<std::string, Agent::OnDown>{
+          {"keep", Agent::OnDown::keep}, {"drop", Agent::OnDown::drop}}))
+      ->needs("--next-hops");
   app.set_version_flag("--version", Program::versionOf("bastil-agent"));
-  app.add_option("FILE", options.files, "Files of rules, or of prefixes")->required();
+  app.add_option("FILE", options.files, "Files of rules, or of prefixes");
 }
 
 int run(const Agent::Options& options) {
@@ -88,6 +100,9 @@ int main(int argc, char** argv) {
   addOptions(app, options);
   try {
     app.parse(argc, argv);
+    if (options.files.empty() && options.redirects.empty()) {
+      throw CLI::RequiredError("FILE");
+    }
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : 2;
   }

@@ -10,6 +10,7 @@
 namespace Agent {
 namespace {
 
+using Policy::ActionRow;
 using Policy::PlacedRule;
 using Policy::PrefixRow;
 using Policy::Step;
@@ -31,6 +32,10 @@ QuarnBastil::BigBbFamily::Key keyOf(const PrefixRow& row) {
 QuarnBastil::TcamEntryEntryKey keyOf(const PlacedRule& placed) {
   return {placed.bank, placed.index};
 }
+QuarnBastil::TcamActionEntryKey keyOf(const ActionRow& row) { return {row.bank, row.index}; }
+ActionRow actionOf(const PlacedRule& placed) {
+  return {placed.bank, placed.index, placed.row.redirect};
+}
 QuarnBastil::TcamEntryEntry entryOf(const PlacedRule& placed) {
   return Policy::entryOf(placed.row, placed.rule, keyOf(placed));
 }
@@ -46,26 +51,33 @@ class Programmer::Run {
         rate_(programmer.rate_),
         unit_(unit),
         plan_(plan),
-        progress_(fmt::format("unit {}", unit.id.value()), plan.steps.size()),
+        progress_(fmt::format("unit {}", unit.id.value()), plan.rows()),
         handles_(plan.steps.size()),
         // Operations of an earlier change that the hardware has not reported come first.
-        beforePrefixes_(isBehind(*unit.rules) ? Tables::loggedSoFar(*unit.rules) : nullptr),
-        beforeRules_(isBehind(*unit.prefixes) ? Tables::loggedSoFar(*unit.prefixes) : nullptr),
+        beforePrefixes_(isBehind(*unit.rules) ? loggedSoFar(*unit.rules) : nullptr),
+        beforeRules_(isBehind(*unit.prefixes) ? loggedSoFar(*unit.prefixes) : nullptr),
         prefixesBehind_(isBehind(*unit.prefixes)),
-        rulesBehind_(isBehind(*unit.rules)) {
+        rulesBehind_(isBehind(*unit.rules)),
+        actionsBehind_(unit.actions != nullptr && isBehind(*unit.actions)) {
     for (const Step& step : plan.steps) {
       if (step.after != Step::kNone) handles_[step.after].isNeeded = true;
     }
   }
 
   bool done() {
-    for (next_ = 0; next_ < plan_.steps.size(); ++next_) {
-      const Step& step = plan_.steps[next_];
-      if (rate_ != 0 && !awaitTurn()) return false;
-      const bool queued = step.onPrefixes() ? queue(*unit_.prefixes, std::get<0>(step.row), step)
-                                            : queue(*unit_.rules, std::get<1>(step.row), step);
-      if (!queued) return false;
-      if (next_ % kLook == 0 && tables_.queued() >= kWindow && !drain(kWindow / 2)) return false;
+    for (const ActionRow& action : plan_.lostActions) {
+      if (!mayQueue() || !awaitAction(action)) return false;
+      write(*unit_.actions, action, nullptr);
+    }
+    for (const Step& step : plan_.steps) {
+      if (!mayQueue()) return false;
+      if (!(step.onPrefixes() ? queuePrefix(step) : queueRule(step))) return false;
+      ++step_;
+    }
+    if (!plan_.looseActions.empty() && !drain(0)) return false;
+    for (const ActionRow& action : plan_.looseActions) {
+      if (!mayQueue()) return false;
+      remove(*unit_.actions, action, loggedSoFar(*unit_.rules));
     }
     return drain(0);
   }
@@ -76,32 +88,57 @@ class Programmer::Run {
     Dependency handle;
   };
 
-  template <class SwTable, class Row>
-  bool queue(SwTable& table, const Row& row, const Step& step) {
-    const auto key = keyOf(row);
-    if ((step.onPrefixes() ? prefixesBehind_ : rulesBehind_) || step.again) {
-      if (!awaitKey(table, key, step)) return false;
-    }
-    const auto tell = [&table](const auto& handle) {  // may be called after this run
-      if (Asic::entryFailed(handle->entryState())) fail(table, *handle);
-    };
-    Dependency& before = step.onPrefixes() ? beforePrefixes_ : beforeRules_;
-    Dependency dependency = step.after == Step::kNone ? before : handles_[step.after].handle;
-    before = nullptr;
-    const Dependency handle =
-        step.removes ? table.entryRemoveWithResponseHandler(key, dependency, tell)
-                     : table.entryWriteWithResponseHandler(key, entryOf(row), dependency, tell);
-    if (handles_[next_].isNeeded) handles_[next_].handle = handle;
+  /// Waits for the next row's turn, and for room among the operations in flight.
+  bool mayQueue() {
+    if (rate_ != 0 && !awaitTurn()) return false;
+    return next_ % kLook != 0 || tables_.queued() < kWindow || drain(kWindow / 2);
+  }
+
+  bool queuePrefix(const Step& step) {
+    auto& table = *unit_.prefixes;
+    const PrefixRow& row = std::get<PrefixRow>(step.row);
+    if ((prefixesBehind_ || step.again) && !awaitKey(table, keyOf(row), step)) return false;
+    const Dependency before = beforeOf(step, beforePrefixes_);
+    queued(step.removes ? remove(table, row, before) : write(table, row, before));
     return true;
   }
 
-  template <class SwTable, class Handle>
-  [[noreturn]] static void fail(SwTable& table, const Handle& handle) {
-    const auto& own = dynamic_cast<const typename SwTable::EntryHandle&>(handle);
-    throw RowRejected(fmt::format(
-        "{} unit {}, row {}: {}. What was written before it stays; started again when there is "
-        "room, the agent goes on from there",
-        table.canonicalName()->name(), table.unitId().value(), own.keyText(), own.rejection()));
+  /// A redirecting rule has its action before it, which waits for what the rule needs, and after it
+  /// when both go.
+  bool queueRule(const Step& step) {
+    auto& table = *unit_.rules;
+    const PlacedRule& row = std::get<PlacedRule>(step.row);
+    if ((rulesBehind_ || step.again) && !awaitKey(table, keyOf(row), step)) return false;
+    const bool writesAction = step.withAction && !step.removes;
+    if (writesAction && !awaitAction(actionOf(row))) return false;
+    Dependency before = beforeOf(step, beforeRules_);
+    if (writesAction) before = write(*unit_.actions, actionOf(row), before);
+    const Dependency handle = step.removes ? remove(table, row, before) : write(table, row, before);
+    if (step.withAction && step.removes) remove(*unit_.actions, actionOf(row), handle);
+    queued(handle);
+    return true;
+  }
+
+  Dependency beforeOf(const Step& step, Dependency& before) const {
+    const Dependency earlier = std::exchange(before, nullptr);
+    return step.after == Step::kNone ? earlier : handles_[step.after].handle;
+  }
+
+  void queued(const Dependency& handle) {
+    if (handles_[step_].isNeeded) handles_[step_].handle = handle;
+  }
+
+  template <class SwTable, class Row>
+  Dependency write(SwTable& table, const Row& row, const Dependency& before) {
+    ++next_;
+    return table.entryWriteWithResponseHandler(keyOf(row), entryOf(row), before,
+                                               rejectionTeller(table));
+  }
+
+  template <class SwTable, class Row>
+  Dependency remove(SwTable& table, const Row& row, const Dependency& before) {
+    ++next_;
+    return table.entryRemoveWithResponseHandler(keyOf(row), before, rejectionTeller(table));
   }
 
   /// Waits until the next row may be queued without exceeding the requested rate.
@@ -111,9 +148,15 @@ class Programmer::Run {
       if (ends_()) return false;
       progress_.at(next_ - std::min(next_, tables_.queued()));
       if (tables_.interface().pump(kPumpBudget).more) continue;
-      tables_.interface().waitForReport(std::min<Clock::duration>(due - Clock::now(), kSleep));
+      tables_.waitForReport(std::min<Clock::duration>(due - Clock::now(), kSleep));
     }
     return true;
+  }
+
+  /// Before an action is written. It may go at any time after its rule, also one that has just
+  /// followed its next hop.
+  bool awaitAction(const ActionRow& action) {
+    return !actionsBehind_ || awaitKey(*unit_.actions, keyOf(action), {});
   }
 
   /// Waits until the hardware has reported the key's last operation and, for a new row, until rows
@@ -150,7 +193,7 @@ class Programmer::Run {
     if (pumped.commits != 0 || pumped.reports != 0) {
       lastMove_ = Clock::now();
     } else if (!pumped.more) {
-      tables_.interface().waitForReport(kSleep);
+      tables_.waitForReport(kSleep);
       complain();
     }
     return true;
@@ -175,6 +218,9 @@ class Programmer::Run {
   Dependency beforeRules_;
   bool prefixesBehind_;
   bool rulesBehind_;
+  bool actionsBehind_;
+  /// Position of the step at work, and number of rows queued.
+  std::size_t step_ = 0;
   std::size_t next_ = 0;
   Clock::time_point lastMove_ = Clock::now();
   bool complained_ = false;

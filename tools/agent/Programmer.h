@@ -4,16 +4,11 @@
 #include <stdexcept>
 
 #include "agent/Progress.h"
+#include "agent/Rejection.h"
 #include "agent/Tables.h"
 #include "policy/Plan.h"
 
 namespace Agent {
-
-/// A row could not be stored. No later row of the plan has been stored.
-class RowRejected final : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 /// The permitted time has elapsed.
 class TimeOut final : public std::runtime_error {

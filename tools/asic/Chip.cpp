@@ -212,15 +212,14 @@ Chip::Word Chip::rowCount(const TableKind& kind, UnitId unit) {
 
 std::uint64_t Chip::digest(const TableKind& kind, UnitId unit) { return table(kind, unit).digest; }
 
-Policy::Decision Chip::decide(UnitId unit, const Policy::Packet& packet) const {
-  const auto found = units_.find(unit);
-  return found == units_.end() ? 0 : found->second.decide(packet);
+Verdict Chip::decide(UnitId unit, const Policy::Packet& packet) const {
+  return pipeline(unit).decide(packet);
 }
 
-const RuleTable& Chip::rules(UnitId unit) const {
+const Pipeline& Chip::pipeline(UnitId unit) const {
   static const Pipeline kEmpty;
   const auto found = units_.find(unit);
-  return found == units_.end() ? kEmpty.rules() : found->second.rules();
+  return found == units_.end() ? kEmpty : found->second;
 }
 
 Meters Chip::meters() const {

@@ -76,9 +76,9 @@ class Chip {
   /// Sum of `Tables::rowDigest` over the rows.
   std::uint64_t digest(const TableKind& kind, UnitId unit);
 
-  Policy::Decision decide(UnitId unit, const Policy::Packet& packet) const;
-  /// The rules of a unit; empty if it has none.
-  const RuleTable& rules(UnitId unit) const;
+  Verdict decide(UnitId unit, const Policy::Packet& packet) const;
+  /// The pipeline of a unit; empty if it has no rows.
+  const Pipeline& pipeline(UnitId unit) const;
 
   Meters meters() const;
   /// The last violation counted by this process, as text for people; empty if there was none.

@@ -79,8 +79,8 @@ const RuleRow* RuleTable::find(Key key) const {
   return found == slots_.end() ? nullptr : &rows_[found->second];
 }
 
-Policy::Decision RuleTable::decide(const Policy::Packet& packet, const Policy::PrefixRow& source,
-                                   const Policy::PrefixRow& destination) const {
+RuleTable::Match RuleTable::match(const Policy::Packet& packet, const Policy::PrefixRow& source,
+                                  const Policy::PrefixRow& destination) const {
   for (const Place& place : order_) {
     const RuleRow& row = rows_[place.slot];
     if (row.source.contains(source.labels[row.numbering].first) &&
@@ -88,10 +88,10 @@ Policy::Decision RuleTable::decide(const Policy::Packet& packet, const Policy::P
         row.sourcePorts.contains(packet.sourcePort) &&
         row.destinationPorts.contains(packet.destinationPort) &&
         row.protocol.matches(packet.protocol) && row.flags.matches(packet.flags)) {
-      return row.decision;
+      return {&row, static_cast<Key>(place.rank)};
     }
   }
-  return 0;
+  return {};
 }
 
 }  // namespace SimAsic

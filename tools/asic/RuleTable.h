@@ -35,9 +35,19 @@ class RuleTable {
   std::size_t size() const noexcept { return order_.size(); }
   RuleSetId setId() const noexcept { return setId_; }
 
-  /// The decision for a packet, given the prefix rows of its addresses.
-  Policy::Decision decide(const Policy::Packet& packet, const Policy::PrefixRow& source,
-                          const Policy::PrefixRow& destination) const;
+  /// A row and its key; null if there is none.
+  struct Match {
+    const Policy::RuleRow* row = nullptr;
+    Key key = 0;
+  };
+  /// The row that decides on a packet, given the prefix rows of its addresses.
+  Match match(const Policy::Packet& packet, const Policy::PrefixRow& source,
+              const Policy::PrefixRow& destination) const;
+  /// Calls `visit` with the key and the row of each rule.
+  template <class Visit>
+  void walk(Visit visit) const {
+    for (const auto& [key, slot] : slots_) visit(key, rows_[slot]);
+  }
 
  private:
   struct Place {

@@ -68,6 +68,7 @@ int status(const Context& context);
 int top(const Context& context, const TopRequest& request);
 int log(const Context& context, const LogRequest& request);
 int config(const Context& context, const ConfigRequest& request);
+int resources(const Context& context);
 int verify(const Context& context);
 /// Copies the collections, in their state at one moment, to a directory that is absent or empty.
 int snapshot(const Context& context, const std::string& to);

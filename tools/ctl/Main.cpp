@@ -83,6 +83,7 @@ void addCommands(CLI::App& app, Request& request) {
   config->add_option("TABLE", request.config.table)->required();
   config->add_option("UNIT", request.config.unit)->required();
   config->add_option("KEY", request.config.key, "as printed, or its values: 10.0.0.0/8");
+  add("resources", "the next hops that actions follow, and who uses them", resources);
   add("verify", "checks every header, record and number against the others", verify);
   add("snapshot", "copies the collections, as they were at one moment, to another directory",
       [&](const Context& context) { return snapshot(context, request.to); })

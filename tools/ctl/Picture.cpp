@@ -2,6 +2,7 @@
 
 #include "OrderedTable/Constants.h"
 #include "OrderedTable/TableVersionDrift.h"
+#include "ctl/Resources.h"
 
 #include <algorithm>
 #include <bit>
@@ -136,6 +137,8 @@ Picture pictureOf(const Drift::Directory& directory, bool deletions) {
   Picture picture;
   Painter painter(directory, picture, deletions);
   for (const TableKind& kind : Tables::tableKinds()) painter.paint(kind);
+  const bool alive = std::ranges::any_of(picture.tables, &TablePicture::agentAlive);
+  if (alive) picture.waits = waitsOfAgent(directory);
   return picture;
 }
 
@@ -178,7 +181,7 @@ Json jsonOf(const Picture& picture) {
                       {"generation", table.generation},
                       {"units", units}});
   }
-  return {{"tables", tables}, {"problems", picture.problems}};
+  return {{"tables", tables}, {"waits", picture.waits}, {"problems", picture.problems}};
 }
 
 }  // namespace Ctl

@@ -43,6 +43,8 @@ struct TablePicture {
 
 struct Picture {
   std::vector<TablePicture> tables;
+  /// The agent's waiting heads, as text.
+  std::vector<std::string> waits;
   std::vector<std::string> problems;
 };
 

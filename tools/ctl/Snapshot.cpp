@@ -5,6 +5,7 @@
 
 #include "OrderedTable/Catalogue.h"
 #include "ctl/Picture.h"
+#include "tables/AgentNotes.h"
 
 namespace Ctl {
 namespace {
@@ -228,17 +229,63 @@ void storeReports(const Drift::Directory& from, const Drift::Directory& to,
   }
 }
 
-/// Stores the collections that belong to no table.
+/// The records of a hashed collection and its scratchpad.
+struct HashedCopy {
+  std::vector<Record> records;
+  Word scratchpad = 0;
+
+  friend bool operator==(const HashedCopy&, const HashedCopy&) = default;
+};
+
+HashedCopy copyOf(const DriftFile& file) {
+  HashedCopy copy;
+  Tables::walkHashed(
+      file, [&](Words record) { copy.records.emplace_back(record.begin(), record.end()); },
+      [](const std::string& damage) { Context::say(damage); });
+  std::ranges::sort(copy.records);
+  copy.scratchpad = Tables::lineOf(file, Line::scratchpad).value_or(0);
+  return copy;
+}
+
+void store(const Drift::Directory& to, const std::string& path, const DriftFile& like,
+           const HashedCopy& copy) {
+  const auto file = makeLike(to, path, like);
+  Drift::HashedWriter writer(*file);
+  for (const Record& record : copy.records) writer.set(record);
+  lineIs(*file, Line::scratchpad, copy.scratchpad);
+}
+
+/// What the agent notes of next hops. It is that of the tables only if the agent was at rest while
+/// they were copied, with the same notes before and after.
+class NotesCopy {
+ public:
+  explicit NotesCopy(const Drift::Directory& from) {
+    if (from.entities(kPath).empty()) return;
+    file_ = DriftFile::openForReading(from, kPath, nullptr);
+    before_ = copyOf(*file_);
+  }
+
+  void store(const Drift::Directory& to) const {
+    if (file_ == nullptr) return;
+    HashedCopy copy = copyOf(*file_);
+    if (copy != before_) copy.scratchpad = 0;
+    Ctl::store(to, kPath, *file_, copy);
+  }
+
+ private:
+  const std::string kPath{Tables::kNextHopNotes};
+  std::unique_ptr<DriftFile> file_;
+  HashedCopy before_;
+};
+
+/// Stores the collections that belong to no table; resources after the entries that follow them.
 void storeState(const Drift::Directory& from, const Drift::Directory& to) {
   auto paths = from.entities("stavro/");
   std::ranges::copy(from.entities(Asic::CatalogueDrift::kPath), std::back_inserter(paths));
+  std::ranges::copy(from.entities("hardware/resource/"), std::back_inserter(paths));
   for (const std::string& path : paths) {
     const auto file = DriftFile::openForReading(from, path, nullptr);
-    const auto copy = makeLike(to, path, *file);
-    Drift::HashedWriter writer(*copy);
-    Tables::walkHashed(
-        *file, [&](Words record) { writer.set(record); },
-        [](const std::string& damage) { Context::say(damage); });
+    store(to, path, *file, copyOf(*file));
   }
 }
 
@@ -250,6 +297,7 @@ int snapshot(const Context& context, const std::string& path) {
   if (!to.entities("").empty()) {
     throw UsageError(fmt::format("{} is not empty; give a new directory", path));
   }
+  const NotesCopy notes(from);
   std::vector<TableCopy> copies;
   copies.reserve(Tables::tableKinds().size());
   for (const TableKind& kind : Tables::tableKinds()) {
@@ -271,6 +319,7 @@ int snapshot(const Context& context, const std::string& path) {
   for (const TableCopy& copy : copies) records += copy.store(to);
   storeReports(from, to, copies);
   storeState(from, to);
+  notes.store(to);
   context.line(fmt::format("{} records of {} tables copied to {}", records, copies.size(), path));
   return kFine;
 }

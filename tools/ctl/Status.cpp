@@ -29,6 +29,7 @@ std::string textOf(const Picture& picture) {
     const std::string wait = waitOf(table);
     if (!wait.empty()) text += "\n  " + wait;
   }
+  for (const std::string& wait : picture.waits) text += '\n' + wait;
   return text;
 }
 

@@ -186,6 +186,7 @@ class Screen {
           tracks_, [&](const Track& candidate) { return &candidate.kind() == table.kind; });
       text += '\n' + rowOf(table, *track);
     }
+    for (const std::string& wait : picture.waits) text += '\n' + wait;
     for (const std::string& problem : picture.problems) text += "\nproblem: " + problem;
     std::size_t end = 0;
     for (std::size_t lines = linesOfTerminal(); lines != 0 && end != std::string::npos; --lines) {

@@ -2,6 +2,7 @@
 
 #include "OrderedTable/Catalogue.h"
 #include "ctl/Findings.h"
+#include "ctl/Resources.h"
 #include "ctl/TableCheck.h"
 #include "tables/Catalogue.h"
 
@@ -17,7 +18,7 @@ constexpr std::chrono::milliseconds kUnderWay(100);
 constexpr const char* kStateDatabase = "stavro/entities";
 
 bool isOurs(const std::string& path) {
-  return path.starts_with("hardware/") || path.starts_with("stavro/");
+  return path.starts_with("hardware/") || path.starts_with("stavro/") || path.starts_with("agent/");
 }
 
 void checkLines(const Drift::DriftFile& file, Findings& findings) {
@@ -88,6 +89,7 @@ Findings look(const Drift::Directory& directory) {
   Tables::Catalogue().learn(directory,
                             [&](const std::string& text) { findings.wrong.insert(text); });
   for (const TableKind& kind : Tables::tableKinds()) checkTable(directory, kind, findings);
+  checkResources(directory, findings);
   const auto require = [&](const char* what, std::string_view path) {
     if (!directory.entities(path).empty()) return;
     findings.wrong.insert(

@@ -2,15 +2,17 @@
 """Demonstrates agent and hardware writer with files of rules, kills both, and prints a summary.
 
 Both are killed with SIGKILL in the middle of their work and started again; half the rules are
-replaced; packets are decided all the time by the simulated hardware and by a plain scan of the
-rules. Exit status: 0 all as it should be, 1 something is wrong, 2 the files cannot be shown.
+replaced; the next hop with the most prefixes changes, and changes back; packets are decided all the
+time by the simulated hardware and by a plain scan of the rules and the next hops. Exit status: 0 all as it should be, 1 something is wrong, 2 the files cannot be shown.
 """
 import argparse
 import json
+import mmap
 import os
 import re
 import shutil
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
@@ -22,6 +24,13 @@ PACKETS = 20000
 # Approximate duration in seconds of a load and of a change, slowed down to be watched and killed.
 STRETCH = 2.0
 PATIENCE = 60.0
+# The redirected prefixes by next hop: two units have a row of TcamAction for each.
+PREFIXES = {"core": 1000, "west": 60, "east": 60, "spare": 30}
+NEXT_HOPS = {"before": {"core": "1:192.0.2.1  2:192.0.2.5", "west": "3:192.0.2.9",
+                        "east": "4:192.0.2.13", "spare": "down"},
+             "after": {"core": "5:192.0.2.17"}}
+# How often a death in the middle of a change is tried: it takes milliseconds.
+TRIES = 30
 
 
 class Failed(Exception):
@@ -112,6 +121,30 @@ def rules_of(path):
     return lines
 
 
+def prefixes():
+    """A list of prefixes: each with a next hop, no interface, and a name to be redirected to."""
+    names = [name for name, count in PREFIXES.items() for _ in range(count)]
+    return [f"172.{16 + i // 256}.{i % 256}.0/24 192.0.2.1 - {name}" for i, name in enumerate(names)]
+
+
+def next_hops(which):
+    return [f"{name} {way}" for name, way in (NEXT_HOPS["before"] | NEXT_HOPS[which]).items()]
+
+
+class LogEnd:
+    """How far a log goes, read from the header of its file: faster than a program can be asked."""
+
+    NEXT = 384 + 64 * 2
+
+    def __init__(self, directory, table):
+        name, = (name for name in os.listdir(directory) if f"entryLog%2F{table}" in name)
+        with open(os.path.join(directory, name), "rb") as file:
+            self.data = mmap.mmap(file.fileno(), 4096, prot=mmap.PROT_READ)
+
+    def version(self):
+        return struct.unpack_from("<Q", self.data, self.NEXT)[0] - 1
+
+
 def mirrored(rule):
     """The rule for the opposite direction: another rule of the same kind."""
     fields = re.match(r"\s*@(\S+)\s+(\S+)\s+(\d+ *: *\d+)\s+(\d+ *: *\d+)\s+(.*)", rule)
@@ -152,14 +185,33 @@ class Demo:
 
     def writer(self):
         writer = self.start("bastil-hwwriter", "--json", "--classify", PACKETS, "--seed",
-                            self.options.seed, "--rules", self.path("before.rules"), "--rules",
-                            self.path("after.rules"))
+                            self.options.seed, *self.reference())
         self.writers.append(writer)
         return writer
 
+    def reference(self):
+        """What the hardware writer holds packets against."""
+        files = [("--rules", "before.rules"), ("--rules", "after.rules"), ("--next-hops", "before.hops"),
+                 ("--next-hops", "after.hops"), ("--redirect", "redirects"), ("--prefixes", "prefixes")]
+        return [word for option, name in files for word in (option, self.path(name))]
+
+    def redirects(self, hops="live.hops"):
+        """What tells an agent about next hops."""
+        return ["--next-hops", self.path(hops), "--redirect", self.path("redirects")]
+
     def agent(self, *arguments, directory=None, rules="live.rules"):
         units = [word for unit in UNITS for word in ("--unit", str(unit))]
-        return self.start("bastil-agent", *units, *arguments, self.path(rules), directory=directory)
+        return self.start("bastil-agent", *units, *self.redirects(), *arguments, self.path(rules),
+                          self.path("prefixes"), directory=directory)
+
+    def store(self, name, lines):
+        """Under its name at once."""
+        with open(self.path("next"), "w", encoding="utf-8") as file:
+            file.write("\n".join(lines) + "\n")
+        os.replace(self.path("next"), self.path(name))
+
+    def flip(self, which):
+        self.store("live.hops", next_hops(which))
 
     def status(self):
         shown = subprocess.run([os.path.join(self.options.bin, "bastilctl"), "--dir",
@@ -168,6 +220,9 @@ class Demo:
             return json.loads(shown.stdout)["tables"]
         except (ValueError, KeyError):
             return []
+
+    def reported(self, name):
+        return sum(table["reported"] for table in self.status() if table["table"] == name)
 
     def issued(self):
         return sum(table["issued"] for table in self.status())
@@ -237,6 +292,12 @@ class Demo:
             raise Unfit("these files hold fewer than four rules: nothing to show")
         # A row that changes twice must wait for the hardware in between.
         writer = self.start("bastil-hwwriter", "--json", directory=self.path("trial"))
+        self.store("redirects", ["@172.16.0.0/14 0.0.0.0/0 0 : 65535 53 : 53 0x11/0xFF east",
+                                 "@0.0.0.0/0 172.16.0.0/16 0 : 65535 25 : 25 0x06/0xFF spare"])
+        self.store("prefixes", prefixes())
+        for which in NEXT_HOPS:
+            self.store(which + ".hops", next_hops(which))
+        self.flip("before")
         self.try_out(self.options.files, "")
         changed = [mirrored(rule) if i % 2 else rule for i, rule in enumerate(rules)]
         for name, lines in (("before", rules), ("after", changed)):
@@ -248,13 +309,15 @@ class Demo:
         shutil.rmtree(self.path("trial"))
         shutil.copy(self.path("before.rules"), self.path("live.rules"))
         self.page["rules"] = len(rules)
-        self.say(f"{len(rules)} rules for {len(UNITS)} units; tables below {self.directory}")
+        self.page["redirects"] = {"prefixes": sum(PREFIXES.values()), "largest": PREFIXES["core"]}
+        self.say(f"{len(rules)} rules and {self.page['redirects']['prefixes']} redirected prefixes for "
+                 f"{len(UNITS)} units; tables below {self.directory}")
 
     def try_out(self, files, what):
         """Checks that an agent accepts the files, one after the other; reports what it refuses."""
         tried = subprocess.run(
             [os.path.join(self.options.bin, "bastil-agent"), "--dir", self.path("trial"), "--once",
-             "--timeout", str(PATIENCE), "--", *files],
+             "--timeout", str(PATIENCE), *self.redirects(), "--", *files, self.path("prefixes")],
             capture_output=True, text=True, errors="replace")
         if tried.returncode != 0:
             raise Unfit(what + tried.stderr.strip().removeprefix("bastil-agent: "))
@@ -297,7 +360,7 @@ class Demo:
         agent.forget()
         shutil.copy(self.path("after.rules"), self.path("next"))
         os.replace(self.path("next"), self.path("live.rules"))
-        self.await_issued(issued + self.page["rows"] // 8, "the change")
+        self.await_issued(issued + self.page["rules"] // 3, "the change")
         writer.end(signal.SIGKILL)
         writer = self.writer()
         version, took = self.started(writer)
@@ -306,6 +369,58 @@ class Demo:
         self.page["writerBack"] = took
         self.say(f"  the next one went on at version {version}, {took:.2f} s after its start; "
                  f"{self.page['changedRows']} rows were changed in all")
+        return writer, agent
+
+    def flip_and_kill_the_agent(self, writer, agent):
+        """The largest next hop changes: each of its rows is written once. The agent dies half-way."""
+        self.say("the largest next hop changes; the agent dies in the middle of it")
+        log = LogEnd(self.directory, "04080403")
+        rows = PREFIXES["core"] * len(UNITS)
+        for attempt in range(TRIES):
+            which = ("after", "before")[attempt % 2]
+            begin = log.version()
+            agent.forget()
+            self.flip(which)
+            end = time.monotonic() + PATIENCE
+            while log.version() < begin + rows // 4 and time.monotonic() < end:
+                pass
+            agent.end(signal.SIGKILL)
+            written = log.version() - begin
+            agent = self.agent("--watch")
+            self.expect(self.rows_written(agent) == 0, "the next agent wrote rules")
+            took = self.acknowledged(agent)
+            self.expect(log.version() == begin + rows,
+                        f"{log.version() - begin} rows were written for {rows} users")
+            if 0 < written < rows or self.problems:
+                break
+        self.expect(0 < written < rows, "the agent was never killed in the middle of a flip")
+        self.page["flipKilledAgent"] = {"rows": rows, "before": written, "back": took}
+        self.say(f"  {written} of {rows} rows followed before it died; the next one wrote the other "
+                 f"{rows - written}, {took:.2f} s after its start")
+        return which, writer, agent
+
+    def flip_and_kill_the_writer(self, which, writer, agent):
+        self.say("it changes again; the hardware writer dies in the middle of it")
+        rows = PREFIXES["core"] * len(UNITS)
+        for _ in range(TRIES):
+            which = "before" if which == "after" else "after"
+            begin = self.reported("TcamAction")
+            agent.forget()
+            self.flip(which)
+            end = time.monotonic() + PATIENCE
+            while self.reported("TcamAction") == begin and time.monotonic() < end:
+                pass
+            writer.end(signal.SIGKILL)
+            done = self.reported("TcamAction") - begin
+            writer = self.writer()
+            took = self.started(writer)[1]
+            self.acknowledged(agent)
+            if 0 < done < rows or self.problems:
+                break
+        self.expect(0 < done < rows, "the hardware writer was never killed in the middle of a flip")
+        self.page["flipKilledWriter"] = {"rows": rows, "before": done, "back": took}
+        self.say(f"  {done} of {rows} rows were in hardware before it died; the next one went on "
+                 f"{took:.2f} s after its start")
         return writer, agent
 
     def restart_without_change(self, writer, agent):
@@ -355,8 +470,10 @@ class Demo:
             return 2
         try:
             self.measure()
-            first, last = self.restart_without_change(
-                *self.change_and_kill_the_writer(*self.load_and_kill_the_agent()))
+            writer, agent = self.change_and_kill_the_writer(*self.load_and_kill_the_agent())
+            writer, agent = self.flip_and_kill_the_writer(
+                *self.flip_and_kill_the_agent(writer, agent))
+            first, last = self.restart_without_change(writer, agent)
             self.sum_up(first, last)
         except Failed as failed:
             self.problems.append(str(failed))
@@ -381,14 +498,22 @@ class Demo:
         if "tables" in page:
             rows = ", ".join(f"{count} in {name}" for name, count in page["tables"].items())
             digest = page["digest"]
+            by_agent, by_writer = page["flipKilledAgent"], page["flipKilledWriter"]
             lines = [
                 ("rules", f"{page['rules']} on each of {len(UNITS)} units"),
+                ("redirected prefixes", f"{page['redirects']['prefixes']}, of them "
+                                        f"{page['redirects']['largest']} to one next hop"),
                 ("rows", rows),
                 ("speed", f"{page['rowsPerSecond']} rows a second, from reading to acknowledged"),
                 ("agent killed in mid-load", f"everything in hardware {page['agentBack']:.2f} s "
                                              f"after its restart, at {self.rate} rows a second"),
                 ("writer killed in mid-churn", f"caught up {page['writerBack']:.2f} s after its "
                                                "restart"),
+                ("next hop changed", f"{by_agent['rows']} rows written, one for each that uses it"),
+                ("  agent killed meanwhile", f"after {by_agent['before']}; the others in hardware "
+                                             f"{by_agent['back']:.2f} s after its restart"),
+                ("  writer killed meanwhile", f"after {by_writer['before']}; back "
+                                              f"{by_writer['back']:.2f} s after its restart"),
                 ("restart without change", f"agent {page['takeover']:.2f} s, writer "
                                            f"{page['writerTakeover']:.2f} s"),
                 ("  rows written, reprogrammed", f"{page['versionsIssuedByRestart']}, "

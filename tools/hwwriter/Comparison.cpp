@@ -15,12 +15,12 @@ void Comparison::compare(const Config& config, Words key, const std::optional<Co
   const Tables::TableKind& kind = config.kind();
   ++compared_;
   const bool early = row && row->version > announced;
-  const bool isLowest = kind.tier == 0;
+  const bool referredTo = kind.tier < Tables::kHighestTier;
   const auto present = chip_.find(kind, config.unit(), key);
-  // In the lowest tier, a row in deletion under an unannounced version stays until the log removes
-  // it.
-  const bool wanted = row && (early ? isLowest : !row->isDeleted);
-  early_ += early && !isLowest && present ? 1 : 0;
+  // Where others may refer to it, a row in deletion under an unannounced version stays until the
+  // log removes it.
+  const bool wanted = row && (early ? referredTo : !row->isDeleted);
+  early_ += early && !referredTo && present ? 1 : 0;
   if (wanted ? present && std::ranges::equal(*present, row->entry) : !present) return;
   const Words words = wanted ? Words(row->entry) : *present;
   const auto order = SimAsic::Pipeline::orderOf(kind, words);

@@ -12,10 +12,10 @@ namespace HwWriter {
 /// All other changes come with the log.
 ///
 /// A row configured under an unannounced version is left to the log; its value at the announced
-/// version is no longer available. In the lowest tier it is programmed nevertheless, since a row
-/// there has no effect until others refer to it. In a higher tier the chip's row is removed: a
-/// version that the chip counts as programmed may have removed it, and the rows that it refers to
-/// are removed next. Preferably compare when there are no such rows.
+/// version is no longer available. Below the highest tier it is programmed nevertheless: others may
+/// refer to it, and what it refers to is programmed in the same way. In the highest tier the chip's
+/// row is removed: a version that the chip counts as programmed may have removed it, and the rows
+/// that it refers to are removed next. Preferably compare when there are no such rows.
 class Comparison {
  public:
   Comparison(SimAsic::Chip& chip, const News& news) : chip_(chip), news_(news) {}

@@ -33,6 +33,16 @@ int main(int argc, char** argv) {
   app.add_option("--classify", options.classify,
                  "decide this many packets at each rest, and one at each change")
       ->needs(rules);
+  auto* const nextHops =
+      app.add_option("--next-hops", options.nextHops, "files of the next hops that may hold")
+          ->check(CLI::ExistingFile)
+          ->needs(rules);
+  app.add_option("--redirect", options.redirects, "files of rules that redirect, before the others")
+      ->check(CLI::ExistingFile)
+      ->needs(nextHops);
+  app.add_option("--prefixes", options.prefixes, "files of prefixes that redirect, after the rules")
+      ->check(CLI::ExistingFile)
+      ->needs(nextHops);
   app.add_option("--seed", options.seed, "of the packets");
   app.add_flag("--json", options.json, "tell in lines of JSON");
   auto* const once =

@@ -23,6 +23,12 @@ struct Options {
   unsigned seed = 1;
   /// Rule files that packets are compared with.
   std::vector<std::string> rules;
+  /// Rule files that redirect, and prefix files, which belong to each of the rule files: those
+  /// before its rules, these after them.
+  std::vector<std::string> redirects;
+  std::vector<std::string> prefixes;
+  /// Next-hop files, of which one at a time applies.
+  std::vector<std::string> nextHops;
   /// Print JSON.
   bool json = false;
   /// Exit when everything announced is programmed.

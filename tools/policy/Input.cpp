@@ -5,11 +5,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
+#include <iterator>
 #include <map>
 #include <new>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "Drift/Directory.h"
 #include "policy/RuleFile.h"
@@ -47,7 +51,8 @@ class RouteBook {
       const auto [at, isNew] = known_.try_emplace(route.prefix, Known{route, &file});
       if (isNew) {
         out.push_back(route);
-      } else if (at->second.route.nextHop != route.nextHop) {
+      } else if (at->second.route.nextHop != route.nextHop ||
+                 at->second.route.redirect.name != route.redirect.name) {
         fail(file, route, at->second);
       }
     }
@@ -67,6 +72,35 @@ class RouteBook {
 
   std::map<Prefix, Known> known_;
 };
+
+void checkNames(std::span<const Content> contents, const std::vector<NextHop>& nextHops) {
+  std::unordered_set<std::uint64_t> known;
+  for (const NextHop& nextHop : nextHops) known.insert(nextHop.id);
+  const auto check = [&](const std::string& path, unsigned line, const Redirect& redirect) {
+    if (redirect.name.empty() || known.contains(requestIdOf(redirect.name))) return;
+    throw InputError(fmt::format("{}:{}:{}: expected one of the {} next hops, found \"{}\"", path,
+                                 line, redirect.column, nextHops.size(), redirect.name));
+  };
+  for (const Content& content : contents) {
+    for (const auto& named : content.named) check(content.path, named.line, named.redirect);
+    for (const Route& route : content.routes) check(content.path, route.line, route.redirect);
+  }
+}
+
+/// Rules that do what a search for the longest prefix does.
+std::vector<Rule> redirectsOf(const std::vector<Route>& routes) {
+  std::vector<Rule> rules;
+  for (const Route& route : routes) {
+    if (route.redirect.name.empty()) continue;
+    Rule rule;
+    rule.destination = route.prefix;
+    rule.redirect = requestIdOf(route.redirect.name);
+    rules.push_back(rule);
+  }
+  std::ranges::stable_sort(rules, std::greater<>(),
+                           [](const Rule& rule) { return rule.destination.length; });
+  return rules;
+}
 
 }  // namespace
 
@@ -108,13 +142,18 @@ void addRules(Wanted& wanted, std::span<const Rule> rules) {
   }
 }
 
-Content contentOf(const std::string& path) try {
+Content contentOf(const std::string& path, FileKind kind) try {
   const std::string text = textOfFile(path);
-  Content content{.path = path, .rules = {}, .routes = {}};
-  if (holdsRules(text)) {
-    content.rules = rulesOf(path, text);
+  Content content;
+  content.path = path;
+  const bool redirects = kind != FileKind::policy;
+  if (kind == FileKind::nextHops) {
+    content.nextHops = nextHopsOf(path, text);
+  } else if (kind == FileKind::redirects || holdsRules(text)) {
+    content.rules =
+        rulesOf(path, text, redirects ? &content.named : nullptr, kind == FileKind::redirects);
   } else {
-    content.routes = routesOf(path, text);
+    content.routes = routesOf(path, text, redirects);
   }
   return content;
 } catch (const std::bad_alloc&) {
@@ -127,7 +166,10 @@ Wanted wantedOf(std::span<const Content> contents) {
   for (const Content& content : contents) {
     addRules(wanted, content.rules);
     book.add(content.path, content.routes, wanted.routes);
+    std::ranges::copy(content.nextHops, std::back_inserter(wanted.nextHops));
   }
+  checkNames(contents, wanted.nextHops);
+  addRules(wanted, redirectsOf(wanted.routes));
   return wanted;
 }
 

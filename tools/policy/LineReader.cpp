@@ -24,6 +24,12 @@ std::string shown(std::string_view word) {
 
 bool isBlank(char character) noexcept { return character == ' ' || character == '\t'; }
 
+bool isOfName(char character) noexcept {
+  return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+         (character >= '0' && character <= '9') ||
+         std::string_view("._:-").find(character) != std::string_view::npos;
+}
+
 }  // namespace
 
 void LineReader::skipBlanks() noexcept {
@@ -55,6 +61,25 @@ std::uint32_t LineReader::number(std::uint32_t most, std::string_view expected) 
   if (error != std::errc() || number > most) fail(expected);
   at_ += static_cast<std::size_t>(end - rest.data());
   return number;
+}
+
+std::string_view LineReader::word() noexcept {
+  const std::string_view word = wordAt(at_);
+  at_ += word.size();
+  return word;
+}
+
+bool LineReader::wordHas(char character) const noexcept {
+  return wordAt(at_).find(character) != std::string_view::npos;
+}
+
+std::string LineReader::name(std::string_view expected) {
+  const std::string_view word = wordAt(at_);
+  const bool good = !word.empty() && word != "-" && std::ranges::all_of(word, isOfName);
+  if (!good) fail(expected);
+  if (word.size() > kLongestName) fail(fmt::format("a name of at most {} bytes", kLongestName));
+  at_ += word.size();
+  return std::string(word);
 }
 
 std::uint32_t LineReader::octet(std::size_t start) {

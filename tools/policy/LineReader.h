@@ -20,6 +20,9 @@ class InputError final : public std::runtime_error {
 /// position where it starts.
 class LineReader {
  public:
+  /// Names are stored in records of this size, with a zero at the end.
+  static constexpr std::size_t kLongestName = 47;
+
   /// `line` has no line end. REQUIRES: `file` outlives the reader.
   LineReader(const std::string& file, unsigned number, std::string_view line) noexcept
       : file_(file), number_(number), line_(line) {}
@@ -34,6 +37,16 @@ class LineReader {
   void pass(char character, std::string_view expected);
   /// Parses a number of at most `most`, decimal, or hexadecimal after "0x".
   std::uint32_t number(std::uint32_t most, std::string_view expected);
+  /// Parses a name of at most `kLongestName` letters, digits and "._:-", which is not "-".
+  std::string name(std::string_view expected);
+  /// The characters up to the next blank, which are skipped.
+  std::string_view word() noexcept;
+  /// Whether the next character is a blank, or there is none.
+  bool atBlankOrEnd() const noexcept { return wordAt(at_).empty(); }
+  /// Whether the word that begins here contains the character.
+  bool wordHas(char character) const noexcept;
+  /// Position in the line, from 1.
+  unsigned column() const noexcept { return static_cast<unsigned>(at_) + 1; }
   /// Parses four octets separated by points.
   std::uint32_t address();
   /// Parses address and length. Bits beyond the length are cleared.

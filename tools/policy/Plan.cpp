@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <map>
 
 #include "policy/PrefixTree.h"
 #include "policy/StepList.h"
@@ -69,6 +70,9 @@ class Planner {
         tree_(treeOf(picture, wanted)),
         rows_(picture.rules),
         free_(picture) {
+    for (const ActionRow& action : picture.actions) {
+      actions_[{action.bank, action.index}] = action.redirect;
+    }
     std::ranges::stable_sort(rows_, {}, [](const PlacedRule& rule) { return rule.row.priority; });
     rowTouched_.assign(rows_.size(), false);
     std::ranges::copy_if(picture.prefixes, std::back_inserter(strange_),
@@ -90,6 +94,7 @@ class Planner {
     removePrefixes();
     Plan plan;
     plan.steps = steps_.take();
+    settleActions(plan);
     plan.rules = wanted_.rules.size();
     plan.prefixes =
         static_cast<std::size_t>(std::ranges::count(tree_.nodes(), true, &Node::wanted)) -
@@ -235,8 +240,31 @@ class Planner {
       PlacedRule placed{.index = free_.take(), .rule = rule, .row = rowOf(rule)};
       placed.row.priority = order_.priorityOf[i];
       mean(placed.row, ends);
-      steps_.add({.row = placed}, laterOf(numbered_, laterOf(stepOfNode_[ends.source],
-                                                             stepOfNode_[ends.destination])));
+      steps_.add(
+          {.row = placed, .withAction = rule.redirect != 0},
+          laterOf(numbered_, laterOf(stepOfNode_[ends.source], stepOfNode_[ends.destination])));
+    }
+  }
+
+  using Position = std::pair<std::uint8_t, std::uint16_t>;
+  static Position positionOf(const PlacedRule& placed) { return {placed.bank, placed.index}; }
+
+  /// Compares the actions that the steps leave alone with the rules that keep their rows.
+  void settleActions(Plan& plan) {
+    for (std::size_t i = 0; i < rows_.size(); ++i) {
+      const std::uint64_t redirect = rows_[i].row.redirect;
+      if (!order_.stays[i] || redirect == 0) continue;
+      const auto [bank, index] = positionOf(rows_[i]);
+      const auto present = actions_.find({bank, index});
+      const bool lost = present == actions_.end() || present->second != redirect;
+      if (lost) plan.lostActions.push_back({bank, index, redirect});
+      if (present != actions_.end()) actions_.erase(present);
+    }
+    for (const Step& step : plan.steps) {
+      if (step.withAction) actions_.erase(positionOf(std::get<PlacedRule>(step.row)));
+    }
+    for (const auto& [at, redirect] : actions_) {
+      plan.looseActions.push_back({at.first, at.second, redirect});
     }
   }
 
@@ -247,6 +275,7 @@ class Planner {
     row.protocol = rule.protocol;
     row.flags = rule.flags;
     row.decision = decisionOf(rule);
+    row.redirect = rule.redirect;
     return row;
   }
   static std::size_t laterOf(std::size_t one, std::size_t other) {
@@ -257,7 +286,11 @@ class Planner {
   void removeRules() {
     for (std::size_t i = rows_.size(); i-- != 0;) {
       if (order_.stays[i]) continue;
-      steps_.add({.row = rows_[i], .removes = true, .again = rowTouched_[i]}, Step::kNone);
+      steps_.add({.row = rows_[i],
+                  .removes = true,
+                  .again = rowTouched_[i],
+                  .withAction = actions_.contains(positionOf(rows_[i]))},
+                 Step::kNone);
     }
   }
 
@@ -288,12 +321,19 @@ class Planner {
   /// all labels in it.
   std::size_t numbered_ = Step::kNone;
   FreeRows free_;
+  /// The actions, by position, and their next hops.
+  std::map<Position, std::uint64_t> actions_;
   RuleOrder order_;
   unsigned use_ = 0;
   StepList steps_;
 };
 
 }  // namespace
+
+std::size_t Plan::rows() const {
+  const auto pairs = static_cast<std::size_t>(std::ranges::count(steps, true, &Step::withAction));
+  return steps.size() + pairs + lostActions.size() + looseActions.size();
+}
 
 Plan planOf(const Picture& picture, const Wanted& wanted, const Room& room) {
   return Planner(picture, wanted, room).plan();

@@ -11,10 +11,11 @@
 
 namespace Policy {
 
-/// Content of the two tables of one unit.
+/// Content of the tables of one unit.
 struct Picture {
   std::vector<PrefixRow> prefixes;
   std::vector<PlacedRule> rules;
+  std::vector<ActionRow> actions;
   /// Where the search for a free row starts, so that freed rows are reused last.
   std::uint16_t nextIndex = 0;
 };
@@ -33,7 +34,8 @@ class CapacityError final : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// One operation on one of the two tables.
+/// One operation on the prefix table, or on the rule table and, for a redirecting rule, on the
+/// table of actions.
 struct Step {
   static constexpr std::size_t kNone = SIZE_MAX;
 
@@ -42,6 +44,8 @@ struct Step {
   bool removes = false;
   /// Whether an earlier step of the plan has the same key.
   bool again = false;
+  /// Whether the rule's action is written before it, or removed after it.
+  bool withAction = false;
   /// The step of the other table that must be in hardware before this one; kNone if an earlier step
   /// of the same table already waits for it.
   std::size_t after = kNone;
@@ -54,11 +58,18 @@ struct Step {
 /// or the new rules.
 struct Plan {
   std::vector<Step> steps;
+  /// Actions of rules that keep their rows, to be written before the steps: they were lost.
+  std::vector<ActionRow> lostActions;
+  /// Actions without a rule, to be removed after the steps.
+  std::vector<ActionRow> looseActions;
   /// Numbers of requested rules and prefixes. The prefix table has one more row if 0.0.0.0/0 is not
   /// requested, which gives a label to all other addresses.
   std::size_t rules = 0;
   std::size_t prefixes = 0;
   std::uint16_t nextIndex = 0;
+
+  /// Number of rows written or removed.
+  std::size_t rows() const;
 };
 
 /// Throws `CapacityError`. Accepts any picture, including that of an interrupted change, and

@@ -5,6 +5,8 @@ namespace {
 
 using QuarnBastil::BigBbFamily;
 using QuarnBastil::OptionalPrefix;
+using QuarnBastil::TcamActionEntry;
+using QuarnBastil::TcamActionEntryKey;
 using QuarnBastil::TcamEntryEntry;
 using QuarnBastil::TcamEntryEntryKey;
 using QuarnBastil::TcamEntryLogEntry;
@@ -80,7 +82,13 @@ TcamEntryEntry entryOf(const RuleRow& row, const Rule& rule, TcamEntryEntryKey k
   entry.tunnel[0].mask = row.flags.mask;
   entry.actionWords[0] = static_cast<std::uint32_t>(row.decision);
   entry.actionWords[1] = static_cast<std::uint32_t>(row.decision >> 32);
+  entry.actionWords[2] = static_cast<std::uint32_t>(row.redirect);
+  entry.actionWords[3] = static_cast<std::uint32_t>(row.redirect >> 32);
   return entry;
+}
+
+std::uint64_t redirectOf(const TcamEntryLogEntry& entry) {
+  return std::uint64_t{entry.actionWords[3]} << 32 | entry.actionWords[2];
 }
 
 RuleRow ruleRowOf(const TcamEntryLogEntry& entry) {
@@ -95,6 +103,7 @@ RuleRow ruleRowOf(const TcamEntryLogEntry& entry) {
                   static_cast<std::uint8_t>(entry.protocol.mask)};
   row.flags = {static_cast<std::uint16_t>(entry.tunnel[0].value), entry.tunnel[0].mask};
   row.decision = std::uint64_t{entry.actionWords[1]} << 32 | entry.actionWords[0];
+  row.redirect = redirectOf(entry);
   return row;
 }
 
@@ -105,7 +114,14 @@ Rule ruleOf(const TcamEntryLogEntry& entry) {
           row.sourcePorts,
           row.destinationPorts,
           row.protocol,
-          row.flags};
+          row.flags,
+          row.redirect};
+}
+
+TcamActionEntry entryOf(const ActionRow& row) {
+  TcamActionEntry entry(TcamActionEntryKey(row.bank, row.index));
+  entry.requestId = ActionRow::RequestId(row.redirect);
+  return entry;
 }
 
 }  // namespace Policy

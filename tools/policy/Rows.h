@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "QuarnBastil/BigBb.h"
+#include "QuarnBastil/TcamAction.h"
 #include "QuarnBastil/TcamEntry.h"
 #include "policy/Rule.h"
 
@@ -50,8 +51,24 @@ struct RuleRow {
   Masked<std::uint8_t> protocol;
   Masked<std::uint16_t> flags;
   Decision decision = 0;
+  /// Request id of the next hop that the row of `TcamAction` with the same key asks for; 0 without
+  /// such a row.
+  std::uint64_t redirect = 0;
 
   friend bool operator==(const RuleRow&, const RuleRow&) = default;
+};
+
+/// A row of `TcamAction`: the action of the redirecting rule in the row of `TcamEntry` with the
+/// same key.
+struct ActionRow {
+  using RequestId = QuarnL3NiLib::ReqIdToFecResourceTableEntryKey;
+
+  std::uint8_t bank = 0;
+  std::uint16_t index = 0;
+  /// Request id of the next hop.
+  std::uint64_t redirect = 0;
+
+  friend auto operator<=>(const ActionRow&, const ActionRow&) = default;
 };
 
 /// Convert rows to entries of their tables and back. Other fields of the entries are 0.
@@ -62,6 +79,8 @@ PrefixRow prefixRowOf(const QuarnBastil::BigBbFamily::LogEntry& entry);
 QuarnBastil::TcamEntryEntry entryOf(const RuleRow& row, const Rule& rule,
                                     QuarnBastil::TcamEntryEntryKey key);
 RuleRow ruleRowOf(const QuarnBastil::TcamEntryLogEntry& entry);
+std::uint64_t redirectOf(const QuarnBastil::TcamEntryLogEntry& entry);
+QuarnBastil::TcamActionEntry entryOf(const ActionRow& row);
 /// The rule from which the entry was made.
 Rule ruleOf(const QuarnBastil::TcamEntryLogEntry& entry);
 

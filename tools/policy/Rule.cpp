@@ -33,14 +33,20 @@ Decision decisionOf(const Rule& rule) noexcept {
   print.add(rule.protocol.mask, 1);
   print.add(rule.flags.value, 2);
   print.add(rule.flags.mask, 2);
+  if (rule.redirect != 0) print.add(rule.redirect, 8);
   return print.value() == 0 ? 1 : print.value();
 }
 
-Decision firstMatch(const std::vector<Rule>& rules, const Packet& packet) noexcept {
+const Rule* firstMatchingRule(const std::vector<Rule>& rules, const Packet& packet) noexcept {
   for (const Rule& rule : rules) {
-    if (rule.matches(packet)) return decisionOf(rule);
+    if (rule.matches(packet)) return &rule;
   }
-  return 0;
+  return nullptr;
+}
+
+Decision firstMatch(const std::vector<Rule>& rules, const Packet& packet) noexcept {
+  const Rule* const rule = firstMatchingRule(rules, packet);
+  return rule == nullptr ? 0 : decisionOf(*rule);
 }
 
 }  // namespace Policy

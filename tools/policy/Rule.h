@@ -59,6 +59,8 @@ struct Rule {
   PortRange destinationPorts;
   Masked<std::uint8_t> protocol;
   Masked<std::uint16_t> flags;
+  /// Request id of the next hop that packets are redirected to; 0: they are not.
+  std::uint64_t redirect = 0;
 
   bool matches(const Packet& packet) const noexcept {
     return source.contains(packet.source) && destination.contains(packet.destination) &&
@@ -74,7 +76,8 @@ struct Rule {
 using Decision = std::uint64_t;
 Decision decisionOf(const Rule& rule) noexcept;
 
-/// Reference implementation: a plain scan.
+/// Reference implementation: a plain scan. Null if no rule matches.
+const Rule* firstMatchingRule(const std::vector<Rule>& rules, const Packet& packet) noexcept;
 Decision firstMatch(const std::vector<Rule>& rules, const Packet& packet) noexcept;
 
 }  // namespace Policy

@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <limits>
 
-#include "policy/Input.h"
-
 namespace Policy {
 namespace {
 
@@ -38,7 +36,12 @@ Masked<Number> maskedOf(LineReader& line, std::string_view expected) {
   return masked;
 }
 
-Rule ruleOf(LineReader& line) {
+struct Names {
+  std::vector<NamedNextHop>* named;
+  bool all;
+};
+
+Rule ruleOf(LineReader& line, unsigned number, const Names& names) {
   Rule rule;
   line.pass('@', "'@' and a source prefix");
   rule.source = line.prefix();
@@ -47,7 +50,17 @@ Rule ruleOf(LineReader& line) {
   rule.sourcePorts = portsOf(line);
   rule.destinationPorts = portsOf(line);
   rule.protocol = maskedOf<std::uint8_t>(line, "a protocol from 0 to 0xff");
-  if (!line.atEnd()) rule.flags = maskedOf<std::uint16_t>(line, "flags from 0 to 0xffff");
+  const bool redirects = names.named != nullptr;
+  if (!line.atEnd() && (!redirects || line.wordHas('/'))) {
+    rule.flags = maskedOf<std::uint16_t>(line, "flags from 0 to 0xffff");
+  }
+  if (names.all || (redirects && !line.atEnd())) {
+    line.atEnd();
+    const unsigned column = line.column();
+    const std::string name = line.name("the name of a next hop");
+    rule.redirect = requestIdOf(name);
+    names.named->push_back({number, {name, column}});
+  }
   if (!line.atEnd()) line.fail("the end of the rule");
   return rule;
 }
@@ -59,14 +72,15 @@ std::string textOf(const Prefix& prefix) {
 
 }  // namespace
 
-std::vector<Rule> rulesOf(const std::string& file, std::string_view text) {
+std::vector<Rule> rulesOf(const std::string& file, std::string_view text,
+                          std::vector<NamedNextHop>* named, bool allRedirect) {
   std::vector<Rule> rules;
   rules.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
-  readLines(file, text, [&](LineReader& line, unsigned) { rules.push_back(ruleOf(line)); });
+  readLines(file, text, [&](LineReader& line, unsigned number) {
+    rules.push_back(ruleOf(line, number, {named, allRedirect}));
+  });
   return rules;
 }
-
-std::vector<Rule> readRules(const std::string& path) { return rulesOf(path, textOfFile(path)); }
 
 std::string lineOf(const Rule& rule) {
   return fmt::format("@{}\t{}\t{} : {}\t{} : {}\t0x{:02x}/0x{:02X}\t0x{:04x}/0x{:04X}\n",

@@ -91,7 +91,7 @@ bool isWritten(const Drift::Directory& directory, const std::string& path) {
   const Drift::Descriptor file(::openat(directory.fd(), Drift::Directory::fileNameOf(path).c_str(),
                                         O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
   struct flock range {};
-  range.l_type = F_WRLCK;
+  range.l_type = F_RDLCK;  // compatible with the locks of readers, of which this process may be one
   range.l_whence = SEEK_SET;
   return file.valid() && ::fcntl(file.get(), F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
 }

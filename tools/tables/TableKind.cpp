@@ -7,7 +7,10 @@
 #include "OrderedTable/LogStore.h"
 #include "OrderedTable/TableDescriptor.h"
 #include "QuarnBastil/BigBb.h"
+#include "QuarnBastil/TcamAction.h"
 #include "QuarnBastil/TcamEntry.h"
+#include "policy/Destination.h"
+#include "policy/Rows.h"
 #include "tables/Text.h"
 
 namespace Tables {
@@ -18,25 +21,49 @@ using Drift::Format::Layout;
 
 constexpr std::uint16_t kEtherTypeIpv6 = 0x86dd;
 
-void addReference(std::vector<Reference>& to, const QuarnBastil::OptionalPrefix& prefix) {
-  using Key = QuarnBastil::BigBbFamily::Key;
+template <class Family>
+void addReference(std::vector<Reference>& to, const typename Family::Key& key) {
+  using Layout = Drift::FlatLayout<typename Family::Key>;
+  std::vector<Word> words(Layout::kWords);
+  Layout::toWords(key, words.data());
+  to.push_back({Family::kTableName, std::move(words)});
+}
+
+void addPrefix(std::vector<Reference>& to, const QuarnBastil::OptionalPrefix& prefix) {
   if (!prefix.present || prefix.length > 32) return;
   std::uint32_t address = 0;
   for (unsigned i = 0; i < 4; ++i) address = address << 8 | prefix.address[i];
-  std::vector<Word> key(Drift::FlatLayout<Key>::kWords);
-  Drift::FlatLayout<Key>::toWords(Key(address, prefix.length), key.data());
-  to.push_back({QuarnBastil::BigBbFamily::kTableName, std::move(key)});
+  addReference<QuarnBastil::BigBbFamily>(to, {address, prefix.length});
 }
 
-/// References of a classification entry, which matches the result of the prefix search: its IPv4
-/// prefixes are rows of the prefix table.
+/// References of a classification entry. It matches the result of the prefix search: its IPv4
+/// prefixes are rows of the prefix table. If it redirects, its action has the same key.
 std::vector<Reference> classified(Words words) {
   QuarnBastil::TcamEntryLogEntry entry;
   Drift::FlatLayout<QuarnBastil::TcamEntryLogEntry>::fromWords(words.data(), entry);
   std::vector<Reference> references;
+  if (Policy::redirectOf(entry) != 0) {
+    addReference<QuarnBastil::TcamActionFamily>(references, {entry.key.bank, entry.key.index});
+  }
   if (entry.etherType == kEtherTypeIpv6) return references;
-  addReference(references, entry.sourcePrefix);
-  addReference(references, entry.destinationPrefix);
+  addPrefix(references, entry.sourcePrefix);
+  addPrefix(references, entry.destinationPrefix);
+  return references;
+}
+
+/// References of an action: the rows of its destination.
+std::vector<Reference> redirected(Words words) {
+  QuarnBastil::TcamActionLogEntry entry;
+  Drift::FlatLayout<QuarnBastil::TcamActionLogEntry>::fromWords(words.data(), entry);
+  const Policy::Destination destination(entry.destId);
+  std::vector<Reference> references;
+  for (std::uint32_t i = 0; i < destination.rows(); ++i) {
+    if (destination.isGroup()) {
+      addReference<QuarnBastil::BigAdsFamily>(references, destination.memberKey(i));
+    } else {
+      addReference<QuarnBastil::SmallAdsFamily>(references, destination.adjacencyKey());
+    }
+  }
   return references;
 }
 
@@ -47,7 +74,8 @@ struct Tier {
   std::vector<Reference> (*references)(Words entry);
 };
 /// Families not listed here are in the lowest tier.
-constexpr Tier kTiers[] = {{QuarnBastil::TcamEntryFamily::kTableId, 1, classified}};
+constexpr Tier kTiers[] = {{QuarnBastil::TcamActionFamily::kTableId, 1, redirected},
+                           {QuarnBastil::TcamEntryFamily::kTableId, kHighestTier, classified}};
 
 Fields fieldsOf(const Asic::FlatShape& shape) {
   return {shape.fields.data(), shape.fields.size(), shape.form};

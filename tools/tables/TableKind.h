@@ -44,6 +44,9 @@ struct Reference {
   std::vector<Word> key;   ///< key of the row
 };
 
+/// The tier of tables whose rows no other rows refer to.
+inline constexpr unsigned kHighestTier = 2;
+
 /// The facts from which the others are derived. Texts and fields must remain valid for the life of
 /// the process.
 struct KindFacts {
@@ -77,7 +80,7 @@ struct TableKind {
   /// Fields of key and entry.
   Fields key;
   Fields entry;
-  /// Entries refer only to rows of tables in lower tiers.
+  /// Entries refer only to rows of tables in lower tiers. 0 to `kHighestTier`.
   unsigned tier;
   /// The rows that an entry refers to, in the same unit; null in the lowest tier.
   std::vector<Reference> (*references)(Words entry);
