@@ -437,13 +437,15 @@ void TableCore::clearTable(bool releaseResources) {
 void TableCore::restoreEntries() {
   const ResourceHooks* const resources = descriptor_.resources;
   if (resources == nullptr) return;
-  entryLog_->config(table_.unitId())->walk([&](const ConfigRecord& record) {
-    if (record.isDeleted()) return;
+  const auto records = entryLog_->config(table_.unitId())->recordsWhere([](const auto& record) {
+    return record.needsResources() && !record.isDeleted();
+  });
+  for (const auto& record : records) {
     HandlePtr handle;
-    const KeyImage key = imageOf(record.words());
+    const KeyImage key = imageOf(record.data());
     const WrapperPtr wrapper = entryWrapperFromConfig(key.words(), true, handle);
     resources->restoreEntry(table_, *wrapper);
-  });
+  }
   resources->entriesRestored(table_);
 }
 
