@@ -39,7 +39,9 @@ def dense():
         need(low == version & 0xFFFFFFFF and whole, f"version {version} is damaged")
         if not absent: yield record
 def hashed():
-    table = struct.unpack_from(f"<{places}Q", data, 4096 + 8 * places * (line(0) & 1))
+    used = 1 << (line(0) >> 1 & 31)  # the words of the table that are in use
+    need(used <= places, "the index is larger than its table")
+    table = struct.unpack_from(f"<{used}Q", data, 4096 + 8 * places * (line(0) & 1))
     for entry in filter(None, table):
         number, content = (entry & 0x3FFFFF) - 1, entry & 0xFFFFFFFFFFFF
         good = entry >> 48 == crc32c("<QQQ", content, 0, 0) & 0xFFFF and number < line(7)
@@ -50,7 +52,7 @@ def hashed():
         yield record
 def collection():
     need(len(data) >= 4096 and data[:8] + data[320:328] == b"QBDRIFT1QBREADY!", "no collection")
-    need(struct.unpack_from("<I4xQ", data, 8) == (2, 0x0807060504030208), "of another version")
+    need(struct.unpack_from("<I4xQ", data, 8) == (3, 0x0807060504030208), "of another version")
     need(word(72) == len(data), "it is cut off or longer than it was")
     need(data[300:304] == struct.pack("<I", crc32c("300s", data[:300])), "the header is damaged")
     return struct.unpack_from("<I8xIIIIQQQQQQ16s128s64s", data, 12)

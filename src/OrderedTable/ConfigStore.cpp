@@ -1,5 +1,6 @@
 #include "OrderedTable/ConfigStore.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "Fenrik/Exception.h"
@@ -21,6 +22,11 @@ bool ConfigRecord::isDefault() const noexcept {
   const auto* const entry = static_cast<const std::byte*>(shapes_->defaultEntry);
   return shapes_->logEntry.same(words_, entry) &&
          shapes_->resourceKeys.same(resourceKeys(), entry + shapes_->resourceKeysInEntry);
+}
+
+bool ConfigRecord::needsResources() const noexcept {
+  return std::any_of(resourceKeys(), resourceKeys() + shapes_->resourceKeys.size,
+                     [](std::byte byte) { return byte != std::byte{0}; });
 }
 
 void ConfigRecord::entryTo(void* entry) const noexcept {

@@ -26,6 +26,8 @@ class ConfigRecord {
   bool isDeleted() const noexcept;
   /// Whether the record equals a default-constructed one.
   bool isDefault() const noexcept;
+  /// Whether any of the resource keys is set.
+  bool needsResources() const noexcept;
   const std::byte* resourceKeys() const noexcept { return bytes() + shapes_->resourceKeysOffset; }
   /// Copies the record into a client's entry. REQUIRES: the entry is default-constructed.
   void entryTo(void* entry) const noexcept;

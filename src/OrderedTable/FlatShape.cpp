@@ -7,20 +7,60 @@
 
 namespace Asic {
 
+namespace {
+
+using Word = FlatShape::Word;
+
+template <class Number>
+void takePart(const unsigned char*& bytes, Word& word, unsigned& bits) noexcept {
+  Number part = 0;
+  std::memcpy(&part, bytes, sizeof part);
+  word |= Word{part} << bits;
+  bytes += sizeof part;
+  bits += 8 * sizeof part;
+}
+
+/// The bytes of an incomplete word. Put together in a register, since a word that was stored in
+/// parts is loaded as a whole only once the stores are done.
+Word partialWord(const unsigned char* bytes, std::size_t size) noexcept {
+  Word word = 0;
+  unsigned bits = 0;
+  if ((size & 4) != 0) takePart<std::uint32_t>(bytes, word, bits);
+  if ((size & 2) != 0) takePart<std::uint16_t>(bytes, word, bits);
+  if ((size & 1) != 0) takePart<std::uint8_t>(bytes, word, bits);
+  return word;
+}
+
+void clearAbsent(std::span<const Drift::Impl::OptionalGroup> groups, Word* words) noexcept {
+  auto* const bytes = reinterpret_cast<unsigned char*>(words);
+  for (const auto& group : groups) {
+    if (bytes[group.presence()] == 0) std::memset(bytes + group.offset, 0, group.size);
+  }
+}
+
+}  // namespace
+
 void FlatShape::toWords(const void* value, Word* out) const noexcept {
   if (empty()) return;
-  out[words() - 1] = 0;
-  std::memcpy(out, value, size);
-  makeCanonical(out);
+  const auto* const bytes = static_cast<const unsigned char*>(value);
+  const Word* const bits = mask.data();
+  const std::size_t whole = size / sizeof(Word);
+  for (std::size_t i = 0; i < whole; ++i) {
+    Word word = 0;
+    std::memcpy(&word, bytes + i * sizeof(Word), sizeof word);
+    out[i] = word & bits[i];
+  }
+  if (whole < mask.size()) {
+    const std::size_t at = whole * sizeof(Word);
+    out[whole] = partialWord(bytes + at, size - at) & bits[whole];
+  }
+  clearAbsent(groups, out);
 }
 
 void FlatShape::makeCanonical(Word* words) const noexcept {
   const Word* const bits = mask.data();
   for (std::size_t i = 0, count = mask.size(); i < count; ++i) words[i] &= bits[i];
-  auto* const bytes = reinterpret_cast<unsigned char*>(words);
-  for (const auto& group : groups) {
-    if (bytes[group.presence()] == 0) std::memset(bytes + group.offset, 0, group.size);
-  }
+  clearAbsent(groups, words);
 }
 
 void FlatShape::fromWords(const Word* words, void* value) const noexcept {

@@ -36,8 +36,8 @@ struct ResourceHooks {
                            bool isDeleted);
   /// The interface has created a table, which has not been restored or cleared yet.
   void (*tableMade)(OrderedTableInterface& tables, OrderedSwTable& table);
-  /// `restoreEntry` is called for each configured entry taken over from an earlier agent;
-  /// `entriesRestored` once afterwards.
+  /// `restoreEntry` is called for each configured entry taken over from an earlier agent that has a
+  /// resource key; `entriesRestored` once afterwards.
   void (*restoreEntry)(OrderedSwTable& table, EntryWrapperBase& wrapper);
   void (*entriesRestored)(OrderedSwTable& table);
   /// What announces that the resource of a waiting operation has changed; a null object if the

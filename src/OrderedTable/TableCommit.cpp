@@ -458,12 +458,14 @@ void TableCore::clearTable(bool releaseResources) {
 void TableCore::restoreEntries() {
   const ResourceHooks* const resources = descriptor_.resources;
   if (resources == nullptr) return;
-  entryLog_->config(table_.unitId())->walk([&](const ConfigRecord& record) {
-    if (record.isDeleted()) return;
+  ConfigStore* const config = entryLog_->config(table_.unitId());
+  const auto records = config->recordsWhere(
+      [](const auto& record) { return record.needsResources() && !record.isDeleted(); });
+  for (const auto& record : records) {
     HandlePtr handle;
-    const WrapperPtr wrapper = wrapperOf(record, true, handle);
+    const WrapperPtr wrapper = wrapperOf(config->recordOf(record.data()), true, handle);
     resources->restoreEntry(table_, *wrapper);
-  });
+  }
   resources->entriesRestored(table_);
 }
 

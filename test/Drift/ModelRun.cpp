@@ -25,7 +25,8 @@ void ModelRun::mount() {
 }
 
 Word ModelRun::tableSwitches() const {
-  return *CheckedWord(file_->data(), Format::Line::active).load() >> 1;
+  const Word active = *CheckedWord(file_->data(), Format::Line::active).load();
+  return Format::ActiveIndex::from(active).switches;
 }
 
 /// Hashed: somewhat more keys than there is room for. Dense: around the window.
@@ -189,8 +190,7 @@ void ModelRun::check() {
 /// A walk from behind any key, there or not, gives what lies behind it in the promised order.
 void ModelRun::walkFrom(const DriftFile& file, Word number) {
   const auto placeOf = [&](const Record& key) {
-    const Word mask = dense() ? 0 : file.header().indexWords - 1;
-    return std::pair(hashKey(key, file.header().hashSeed) & mask, key);
+    return std::pair(dense() ? 0 : hashKey(key, file.header().hashSeed), key);
   };
   const Record from = keyOf(geometry_, number);
   std::vector<std::pair<Word, Record>> expected;
@@ -200,7 +200,7 @@ void ModelRun::walkFrom(const DriftFile& file, Word number) {
   std::ranges::sort(expected);
   AnyView view(file);
   view.walkFrom(from);
-  for (const auto& [bucket, key] : expected) {
+  for (const auto& [hash, key] : expected) {
     expect(view.next() && view.after == key, "a walk leaves its order");
   }
   expect(!view.next(), "a walk does not end");

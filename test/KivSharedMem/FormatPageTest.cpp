@@ -128,6 +128,7 @@ TEST(FormatPageTest, StatesTheNumbersOfTheHeader) {
         fmt::format("Line n begins at {} + {}n", Format::kLinesOffset, Format::kLineSize),
         fmt::format("crc(c + 1, {:#x}, place)", Format::kChunkMark),
         fmt::format("| 0..{} | slot number + 1", Format::kSlotBits - 1),
+        fmt::format("collection has {} (or `indexWords`", Format::kStartIndexWords),
         fmt::format("most {}.", Format::kMaxDisplacement + 1),
         fmt::format("rests until {} more", Format::kRestingSlots)}) {
     EXPECT_THAT(page(), HasSubstr(fact));

@@ -111,13 +111,13 @@ std::vector<Asic::UnitId> configuredUnits(const Drift::Directory& directory,
 
 namespace {
 
-/// The first bucket from `from` on at which a walk does not meet the same damage. Records in
-/// buckets before it are unreadable.
+/// The first hash from `from` on at which a walk does not meet the same damage. Records with hashes
+/// before it are unreadable.
 Word behindDamage(const Drift::HashedView& view, Word from, Word end, const std::string& damage) {
   std::vector<Word> record(view.recordWords());
   std::vector<Word> noKey(view.keyWords());
-  const auto meets = [&](Word bucket) {
-    Drift::WalkPosition position{bucket, false};
+  const auto meets = [&](Word hash) {
+    Drift::WalkPosition position{hash, false};
     try {
       view.next(position, noKey, record);
       return false;
@@ -137,7 +137,6 @@ Word behindDamage(const Drift::HashedView& view, Word from, Word end, const std:
 void walkHashed(const Drift::DriftFile& file, const std::function<void(Words)>& visit,
                 const std::function<void(const std::string&)>& damaged) {
   const Drift::HashedView view(file);
-  const Word buckets = file.header().indexWords;
   std::vector<Word> record(view.recordWords());
   Drift::WalkPosition position;
   for (;;) {
@@ -149,9 +148,10 @@ void walkHashed(const Drift::DriftFile& file, const std::function<void(Words)>& 
     } catch (const Fenrik::CorruptionDetectedException& e) {
       const std::string what(e.msg().view());
       damaged(what);
-      position = {behindDamage(view, position.bucket + (position.started ? 1 : 0), buckets, what),
-                  false};
-      if (position.bucket >= buckets) return;
+      const Word from = position.hash + (position.started ? 1 : 0);
+      if (from == 0 && position.started) return;
+      position = {behindDamage(view, from, ~Word{0}, what), false};
+      if (position.hash == ~Word{0}) return;
       continue;
     }
     visit(record);

@@ -112,23 +112,45 @@ std::string Directory::fileNameOf(std::string_view entityPath) {
   return name;
 }
 
+namespace {
+
+/// Takes the next character of an entity's path from the front of a file name. False if the name is
+/// none of an entity.
+bool takeCharacter(std::string_view& fileName, char& character) {
+  const auto digit = [&](std::size_t at) {
+    const char* digits = "0123456789ABCDEF";
+    const char* found = at < fileName.size() ? std::strchr(digits, fileName[at]) : nullptr;
+    return found == nullptr || *found == '\0' ? -1 : static_cast<int>(found - digits);
+  };
+  if (fileName.empty()) return false;
+  character = fileName.front();
+  if (character == '%') {
+    const int high = digit(1);
+    const int low = digit(2);
+    if (high < 0 || low < 0) return false;
+    character = static_cast<char>(high * 16 + low);
+    fileName.remove_prefix(2);
+  }
+  fileName.remove_prefix(1);
+  return true;
+}
+
+/// Much cheaper than the whole path, of which most lists want few.
+bool beginsWith(std::string_view fileName, std::string_view prefix) {
+  char character = 0;
+  return std::ranges::all_of(prefix, [&](char wanted) {
+    return takeCharacter(fileName, character) && character == wanted;
+  });
+}
+
+}  // namespace
+
 std::string Directory::entityPathOf(std::string_view fileName) {
   std::string path;
-  for (std::size_t i = 0; i < fileName.size(); ++i) {
-    if (fileName[i] != '%') {
-      path += fileName[i];
-      continue;
-    }
-    const auto digit = [&](std::size_t at) {
-      const char* digits = "0123456789ABCDEF";
-      const char* found = at < fileName.size() ? std::strchr(digits, fileName[at]) : nullptr;
-      return found == nullptr || *found == '\0' ? -1 : static_cast<int>(found - digits);
-    };
-    const int high = digit(i + 1);
-    const int low = digit(i + 2);
-    if (high < 0 || low < 0) return "";
-    path += static_cast<char>(high * 16 + low);
-    i += 2;
+  for (std::string_view rest = fileName; !rest.empty();) {
+    char character = 0;
+    if (!takeCharacter(rest, character)) return "";
+    path += character;
   }
   try {
     return fileNameOf(path) == fileName ? path : "";
@@ -161,9 +183,9 @@ std::vector<std::string> Directory::fileNames() const {
 std::vector<std::string> Directory::entities(std::string_view prefix) const {
   std::vector<std::string> found;
   for (const std::string& name : fileNames()) {
-    if (name.front() == kTemporaryPrefix) continue;
+    if (name.front() == kTemporaryPrefix || !beginsWith(name, prefix)) continue;
     std::string path = entityPathOf(name);
-    if (!path.empty() && path.starts_with(prefix)) found.push_back(std::move(path));
+    if (!path.empty()) found.push_back(std::move(path));
   }
   std::ranges::sort(found);
   return found;

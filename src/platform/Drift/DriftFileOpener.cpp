@@ -272,6 +272,11 @@ class DriftFileOpener {
       CheckedWordWriter word(file_->data(), static_cast<Format::Line>(i));
       if (!word.adopt()) return Fenrik::formatString("its word {} does not prove itself", i);
     }
+    const auto active = CheckedWord(file_->data(), Format::Line::active).load().value_or(0);
+    if (file_->header_.layout == Format::Layout::hashed &&
+        !Format::isIndexOf(file_->header_, Format::ActiveIndex::from(active))) {
+      return "its index has a size that it cannot have";
+    }
     CheckedWordWriter generation(file_->data(), Format::Line::writerGeneration);
     generation.adopt();
     generation.set(generation.value() + 1);
@@ -301,7 +306,11 @@ class DriftFileOpener {
   }
 
   /// Bytes at the start of a new file that need memory before it can be used.
-  Word beginSize() const { return Format::kHeaderSize + expected_.indexWords * sizeof(Word); }
+  Word beginSize() const {
+    const bool dense = expected_.layout == Format::Layout::dense;
+    const Word words = dense ? expected_.indexWords : startIndexWords(expected_);
+    return Format::kHeaderSize + words * sizeof(Word);
+  }
 
   /// Reads the intact counters of a file that is being discarded.
   Carried salvage(const struct stat& found) {
@@ -395,8 +404,11 @@ class DriftFileOpener {
     storeWord(file_->words(Format::kReadyOffset), Format::kReady);
   }
 
-  static Word initial(std::size_t line, Stage stage, const Carried& carried) {
+  Word initial(std::size_t line, Stage stage, const Carried& carried) const {
     switch (static_cast<Format::Line>(line)) {
+      case Format::Line::active:
+        if (expected_.layout == Format::Layout::dense) return 0;
+        return activeIndexOf(0, startIndexWords(expected_), 0).word();
       case Format::Line::first:
       case Format::Line::next:
         return carried.next;

@@ -116,9 +116,8 @@ class QUARNBASTIL_EXPORT HashedMap final
 
   bool driftMapIterNext(const Key& current, Cursor& cursor) const override {
     const auto key = this->keyBuffer(current);
-    return step(
-        cursor.hint.known_ ? WalkPosition{cursor.hint.bucket_, true} : view_.positionOf(key), key,
-        cursor);
+    return step(cursor.hint.known_ ? WalkPosition{cursor.hint.hash_, true} : view_.positionOf(key),
+                key, cursor);
   }
 
  private:
@@ -126,7 +125,7 @@ class QUARNBASTIL_EXPORT HashedMap final
     typename Base::Buffer words;
     if (!view_.next(position, after, words)) return false;
     Layout::fromWords(words.data(), cursor.record);
-    cursor.hint.bucket_ = position.bucket;
+    cursor.hint.hash_ = position.hash;
     cursor.hint.known_ = true;
     return true;
   }

@@ -15,7 +15,7 @@ using Word = std::uint64_t;
 
 /// "QBDRIFT1" as bytes in the file.
 inline constexpr Word kMagic = 0x3154464952444251;
-inline constexpr std::uint32_t kVersion = 2;
+inline constexpr std::uint32_t kVersion = 3;
 /// Detects a different byte order or word size.
 inline constexpr Word kAbi = 0x0807060504030208;
 /// Value of `ready` once the file is complete ("QBREADY!").
@@ -34,22 +34,22 @@ inline constexpr std::size_t kAttributeNameSize = 64;
 
 /// Written once, before `ready`.
 struct FixedHeader {
-  Word magic;                    ///< `kMagic`
-  std::uint32_t formatVersion;   ///< `kVersion`
-  Layout layout;                 ///< dense or hashed
-  Word abi;                      ///< `kAbi`
-  std::uint32_t keySize;         ///< bytes of the key, which is at the start of the record
-  std::uint32_t recordSize;      ///< bytes of the record
-  std::uint32_t slotStride;      ///< bytes from one slot to the next: seal word and padded record
-  std::uint32_t spare;           ///< 0
-  Word capacity;                 ///< maximum number of records
-  Word slotCount;                ///< slots in the file; a power of two in a dense collection
-  Word indexWords;               ///< words of one index table or of the chunk table, a power of two
-  Word slotsOffset;              ///< offset of the first slot; a multiple of the page size
-  Word fileSize;                 ///< bytes of the file
-  Word hashSeed;                 ///< start value of the key hash, random for each file
-  std::uint8_t bootId[16];       ///< boot id at the file's creation
-  char typeName[kTypeNameSize];  ///< type of the records
+  Word magic;                   ///< `kMagic`
+  std::uint32_t formatVersion;  ///< `kVersion`
+  Layout layout;                ///< dense or hashed
+  Word abi;                     ///< `kAbi`
+  std::uint32_t keySize;        ///< bytes of the key, which is at the start of the record
+  std::uint32_t recordSize;     ///< bytes of the record
+  std::uint32_t slotStride;     ///< bytes from one slot to the next: seal word and padded record
+  std::uint32_t spare;          ///< 0
+  Word capacity;                ///< maximum number of records
+  Word slotCount;               ///< slots in the file; a power of two in a dense collection
+  Word indexWords;   ///< words that an index table may have, or the chunk table has; a power of two
+  Word slotsOffset;  ///< offset of the first slot; a multiple of the page size
+  Word fileSize;     ///< bytes of the file
+  Word hashSeed;     ///< start value of the key hash, random for each file
+  std::uint8_t bootId[16];                 ///< boot id at the file's creation
+  char typeName[kTypeNameSize];            ///< type of the records
   char attributeName[kAttributeNameSize];  ///< attribute that the collection stores
   std::uint32_t spare2;                    ///< 0
   std::uint32_t checksum;                  ///< CRC32C of everything before it
@@ -71,7 +71,7 @@ inline constexpr std::size_t kReadyOffset = 320;
 /// the lower half the CRC32C of running number, value and line. The first copy is always written
 /// first.
 enum class Line : std::uint32_t {
-  active = 0,      ///< hashed: bit 0 is the index table in use; above it the number of switches
+  active = 0,      ///< hashed: which index table is in use, see `ActiveIndex`
   first = 1,       ///< dense: lowest version of the window
   next = 2,        ///< dense: version after the window
   holes = 3,       ///< dense: absent versions within the window; bit 63: being changed
@@ -99,15 +99,40 @@ inline constexpr std::size_t kDoorbellOffset = kLinesOffset + kLineCount * kLine
 inline constexpr std::size_t kSleepingOffset = kDoorbellOffset + kLineSize;
 static_assert(kSleepingOffset + kLineSize <= kHeaderSize);
 
+/// Value of `Line::active`:
+///
+///     bit  0      index table in use
+///     bits 1..5   log2 of the number of its buckets; the rest of the table is empty
+///          6..63  number of switches between the tables
+struct ActiveIndex {
+  Word table;
+  Word bits;
+  Word switches;
+
+  static constexpr ActiveIndex from(Word word) { return {word & 1, word >> 1 & 31, word >> 6}; }
+  constexpr Word word() const { return table | bits << 1 | switches << 6; }
+};
+
+/// Offset of an index table; each has space for all its words.
+constexpr std::size_t indexOffset(const FixedHeader& header, Word table) {
+  return kHeaderSize + table * header.indexWords * sizeof(Word);
+}
+/// Whether an index of this file can have the size: at least two buckets, at most all.
+constexpr bool isIndexOf(const FixedHeader& header, const ActiveIndex& active) {
+  return active.bits != 0 && Word{1} << active.bits <= header.indexWords;
+}
+
 /// Index word of a hashed collection:
 ///
 ///     bits  0..21  slot number plus 1; 0 in a tombstone
 ///          22..33  low bits of the record's running number
-///          34..39  tag: bits 58..63 of the key's hash
+///          34..39  tag: bits 0..5 of the key's hash
 ///          40..47  displacement: distance from the key's home bucket
 ///          48..63  check: low half of the CRC32C of the six bytes below
 ///
-/// 0 is an empty bucket. The home bucket is the low bits of the key's hash.
+/// 0 is an empty bucket. The home bucket is the high bits of the key's hash, as many as number the
+/// buckets in use: in an index of twice the size a record is at about twice its place, so a walk in
+/// the order of the hashes is independent of the size.
 inline constexpr unsigned kSlotBits = 22;
 inline constexpr unsigned kSequenceBits = 12;
 inline constexpr unsigned kTagBits = 6;
@@ -115,6 +140,15 @@ inline constexpr unsigned kDisplacementBits = 8;
 static_assert(kSlotBits + kSequenceBits + kTagBits + kDisplacementBits == 48);
 inline constexpr std::size_t kMaxDisplacement = (1U << kDisplacementBits) - 1;
 inline constexpr Word kMaxSlots = (Word{1} << kSlotBits) - 2;
+
+/// Words of the index of an empty hashed collection, unless its capacity needs fewer. It is rebuilt
+/// with more before it is more than half full.
+#ifdef QUARNBASTIL_START_INDEX
+/// Set by the kill and race tests, so that their small indexes grow.
+inline constexpr Word kStartIndexWords = QUARNBASTIL_START_INDEX;
+#else
+inline constexpr Word kStartIndexWords = kPageSize / sizeof(Word);
+#endif
 
 /// Chunk word of a dense collection: the chunk's number in the file plus 1; in the upper half the
 /// CRC32C of that number, this value and the word's position in the table. 0 while the versions

@@ -17,12 +17,13 @@ using KeyWords = std::span<const Word>;
 /// Buffer for a record, in whole words.
 using RecordWords = std::span<Word>;
 
-/// Hash of a key, given the collection's seed. Low bits: home bucket; top bits: tag.
+/// Hash of a key, given the collection's seed. High bits: home bucket; low bits: tag.
 QUARNBASTIL_EXPORT Word hashKey(KeyWords key, Word seed) noexcept;
 
-/// Position of a walk: after the record with this home bucket and the key passed along.
+/// Position of a walk: after the record whose key has this hash and is the one passed along, or,
+/// before the first record, in front of the keys that have this hash.
 struct WalkPosition {
-  Word bucket = 0;       ///< home bucket of the record
+  Word hash = 0;
   bool started = false;  ///< false before the first record
 };
 
@@ -35,8 +36,8 @@ struct WalkPosition {
 ///     reports that there was none.
 /// I2. Bytes that no writer can have stored cause `Fenrik::CorruptionDetectedException`, which
 ///     gives path and position; never a crash, an endless loop or a wrong record.
-/// I3. A walk visits each record that exists throughout exactly once, ordered by home bucket and
-///     key (keys compared as little-endian words, first word first).
+/// I3. A walk visits each record that exists throughout exactly once, ordered by the keys' hashes;
+///     keys of one hash are compared as little-endian words, first word first.
 class QUARNBASTIL_EXPORT HashedView {
  public:
   explicit HashedView(const DriftFile& file);
@@ -68,15 +69,17 @@ class QUARNBASTIL_EXPORT HashedView {
 
   /// The key at the start of a record. The record may continue within the key's last word.
   KeyWords keyOf(const Word* record, KeyRoom& room) const noexcept;
-  const Word* table(Word active) const noexcept;
+  IndexTable<const Word> indexOf(Word active) const;
   const Word* slotWords(Word slot) const noexcept;
   Word active() const;
   Word reserved() const;
   Slot copySlot(const IndexWord& word, RecordWords out) const noexcept;
-  Slot readSlot(const Word* bucket, Word seen, RecordWords out, Word reserved) const;
-  bool belongs(const IndexWord& word, Word bucket, RecordWords record) const noexcept;
+  Word hashOf(const Word* record) const noexcept;
+  Slot readSlot(const IndexTable<const Word>& index, Word position, Word seen, RecordWords out,
+                Word reserved) const;
   int findOnce(KeyWords key, Word hash, RecordWords out) const;
-  int nextInBucket(Word active, Word home, const KeyWords* after, RecordWords out) const;
+  int nextInBucket(const IndexTable<const Word>& index, WalkPosition& position, KeyWords after,
+                   Word home, RecordWords out) const;
   [[noreturn]] void corrupt(const char* what, const char* place, Word at) const;
   [[noreturn]] void restless() const;
 
@@ -85,7 +88,6 @@ class QUARNBASTIL_EXPORT HashedView {
   Word keyWords_;
   Word lastKeyMask_;  ///< mask of the key's bytes within its last word
   Word recordWords_;
-  Word mask_;
   CheckedWord activeWord_;
   CheckedWord reservedWord_;
   /// Buffer for records compared during a walk's step.
@@ -97,7 +99,8 @@ class QUARNBASTIL_EXPORT HashedView {
 class QUARNBASTIL_EXPORT HashedWriter {
  public:
   /// Takes the collection over: builds the free list from the index, drops invalid index words,
-  /// frees unused memory. Cost: linear in live records and index words.
+  /// frees unused memory. Cost: linear in live records; the index is at most some twelve times as
+  /// long, or one page.
   explicit HashedWriter(DriftFile& file);
 
   const HashedView& view() const noexcept { return view_; }
@@ -196,12 +199,16 @@ class QUARNBASTIL_EXPORT HashedWriter {
   Word dropped() const noexcept { return dropped_; }
 
  private:
-  Word* table(Word active) noexcept;
   Word activeTable() const noexcept { return active_.value() & 1; }
   Word live() const noexcept { return live_[activeTable()].value(); }
+  IndexTable<Word> table(const Format::ActiveIndex& active) noexcept;
+  Word wordsFor(Word records) const noexcept;
+  bool crowded(Word inserts) const noexcept;
 
   void takeOver();
   bool adoptWord(Word* bucket, std::vector<bool>& used);
+  Word slotsReserved() const noexcept;
+  void mirrorSlots();
   void fillFreeList(const std::vector<bool>& used);
   void trim() noexcept;
   void care() noexcept;
@@ -216,23 +223,26 @@ class QUARNBASTIL_EXPORT HashedWriter {
   void rest(Word slot);
   Word fillSlot(Word slot, Pieces pieces);
   void sweepTombstones(Word bucket);
-  void switchTable(bool keep);
-  void emptyTable(Word which) noexcept;
+  void rebuildIndex(Word words);
+  void shrinkIndex() noexcept;
+  Word copyIndex(const IndexTable<Word>& target);
+  void switchTo(const Format::ActiveIndex& next, Word count);
+  void emptyTable(Word which, Word words) noexcept;
   [[noreturn]] void full(const char* what) const;
 
   DriftFile& file_;
   HashedView view_;
-  Word mask_;
   CheckedWordWriter active_;
   CheckedWordWriter live_[2];
   CheckedWordWriter reserved_;
+  IndexTable<Word> index_;  ///< the table in use
   std::uint32_t runningNumber_;
   Word tombstones_ = 0;
   Word dropped_ = 0;
   Word lookups_ = 0;
   Word changes_ = 0;
   std::vector<Word> scratch_;
-  /// By slot: whether this process wrote or verified its content.
+  /// By slot that has had memory: whether this process wrote or verified its content.
   std::vector<bool> trusted_;
   /// Unused slots with memory, used last in, first out, so that the next one is likely cached.
   std::vector<std::uint32_t> free_;

@@ -42,7 +42,6 @@ HashedView::HashedView(const DriftFile& file)
       keyWords_(Format::paddedSize(file.header().keySize) / sizeof(Word)),
       lastKeyMask_(~Word{0} >> (keyWords_ * sizeof(Word) - file.header().keySize) * 8),
       recordWords_(Format::paddedSize(file.header().recordSize) / sizeof(Word)),
-      mask_(file.header().indexWords - 1),
       activeWord_(file.data(), Format::Line::active),
       reservedWord_(file.data(), Format::Line::reserved),
       candidate_(recordWords_) {}
@@ -53,8 +52,18 @@ KeyWords HashedView::keyOf(const Word* record, KeyRoom& room) const noexcept {
   return KeyWords(room).first(keyWords_);
 }
 
-const Word* HashedView::table(Word active) const noexcept {
-  return file_->words(Format::kHeaderSize) + (active & 1) * (mask_ + 1);
+IndexTable<const Word> HashedView::indexOf(Word active) const {
+  const auto parts = Format::ActiveIndex::from(active);
+  if (!Format::isIndexOf(file_->header(), parts)) {
+    corrupt("the index in use has a size that it cannot have, log2", "line", parts.bits);
+  }
+  return {active, file_->words(Format::indexOffset(file_->header(), parts.table)),
+          (Word{1} << parts.bits) - 1, static_cast<unsigned>(64 - parts.bits)};
+}
+
+Word HashedView::hashOf(const Word* record) const noexcept {
+  KeyRoom room{};
+  return hashKey(keyOf(record, room), file_->header().hashSeed);
 }
 
 const Word* HashedView::slotWords(Word slot) const noexcept {
@@ -103,22 +112,17 @@ HashedView::Slot HashedView::copySlot(const IndexWord& word, RecordWords out) co
   return Seal::sealWord(crc, Seal::lowOf(seal)) == seal ? Slot::whole : Slot::torn;
 }
 
-/// Whether the record can belong to this index word in this bucket.
-bool HashedView::belongs(const IndexWord& word, Word bucket, RecordWords record) const noexcept {
-  KeyRoom room{};
-  const Word hash = hashKey(keyOf(record.data(), room), file_->header().hashSeed);
-  return word.tag == IndexWord::tagOf(hash) && ((hash + word.displacement) & mask_) == bucket;
-}
-
 /// Copies the record that the index word `seen` of the bucket refers to. `torn`: the bucket has
 /// changed meanwhile. Throws if the bucket is unchanged and the record is not intact.
-HashedView::Slot HashedView::readSlot(const Word* bucket, Word seen, RecordWords out,
-                                      Word reserved) const {
+HashedView::Slot HashedView::readSlot(const IndexTable<const Word>& index, Word position, Word seen,
+                                      RecordWords out, Word reserved) const {
   const IndexWord word = IndexWord::from(seen);
-  const auto position = static_cast<Word>(bucket - table(0)) & mask_;
+  const Word* const bucket = index.words + position;
   const bool inside = word.slot < reserved;
   if (inside && copySlot(word, out) == Slot::whole && loadWord(bucket) == seen) {
-    if (!belongs(word, position, out)) {
+    if (!word.belongs(hashOf(out.data()), index, position)) {
+      // The table may be in use again, with another size.
+      if (active() != index.active) return Slot::torn;
       corrupt("an index word leads to another key's record", "bucket", position);
     }
     return Slot::whole;
@@ -138,23 +142,23 @@ HashedView::Slot HashedView::readSlot(const Word* bucket, Word seen, RecordWords
 int HashedView::findOnce(KeyWords key, Word hash, RecordWords out) const {
   const Word before = active();
   const Word bound = reserved();
-  const Word* const words = table(before);
+  const auto index = indexOf(before);
   const Word tag = IndexWord::tagOf(hash);
   for (Word displacement = 0; displacement <= Format::kMaxDisplacement; ++displacement) {
-    const Word* const bucket = words + ((hash + displacement) & mask_);
-    const Word seen = loadWord(bucket);
+    const Word position = (index.home(hash) + displacement) & index.mask;
+    const Word seen = loadWord(index.words + position);
     if (seen == IndexWord::kEmpty) break;
     const Word* const ahead = slotWords(std::min(IndexWord::from(seen).slot, bound));
     for (Word line = 0; line <= recordWords_; line += 8) __builtin_prefetch(ahead + line);
     if (!IndexWord::intact(seen)) {
-      if (loadWord(bucket) != seen) return kAgain;
-      corrupt("an index word does not prove itself", "bucket", (hash + displacement) & mask_);
+      if (loadWord(index.words + position) != seen) return kAgain;
+      corrupt("an index word does not prove itself", "bucket", position);
     }
     const IndexWord word = IndexWord::from(seen);
     if (IndexWord::isTombstone(seen) || word.tag != tag || word.displacement != displacement) {
       continue;
     }
-    if (readSlot(bucket, seen, out, bound) == Slot::torn) return kAgain;
+    if (readSlot(index, position, seen, out, bound) == Slot::torn) return kAgain;
     KeyRoom room{};
     if (std::ranges::equal(key, keyOf(out.data(), room))) {
       return active() == before ? kFound : kAgain;
@@ -174,34 +178,40 @@ bool HashedView::find(KeyWords key, RecordWords out) const {
 }
 
 WalkPosition HashedView::positionOf(KeyWords key) const noexcept {
-  return {hashKey(key, file_->header().hashSeed) & mask_, true};
+  return {hashKey(key, file_->header().hashSeed), true};
 }
 
-/// Finds the record with the smallest key after `after` (null: the smallest key) among the records
-/// whose home bucket is `home`.
-int HashedView::nextInBucket(Word active, Word home, const KeyWords* after, RecordWords out) const {
-  const Word* const words = table(active);
+/// Finds the first record after `position` among those whose home bucket is `home`, and advances
+/// the position to it.
+int HashedView::nextInBucket(const IndexTable<const Word>& index, WalkPosition& position,
+                             KeyWords after, Word home, RecordWords out) const {
+  const WalkPosition from = position;
   bool found = false;
   Word bound = 0;
   for (Word displacement = 0; displacement <= Format::kMaxDisplacement; ++displacement) {
-    const Word* const bucket = words + ((home + displacement) & mask_);
-    const Word seen = loadWord(bucket);
+    const Word at = (home + displacement) & index.mask;
+    const Word seen = loadWord(index.words + at);
     if (seen == IndexWord::kEmpty) break;
     if (!IndexWord::intact(seen)) {
-      if (loadWord(bucket) != seen) return kAgain;
-      corrupt("an index word does not prove itself", "bucket", (home + displacement) & mask_);
+      if (loadWord(index.words + at) != seen) return kAgain;
+      corrupt("an index word does not prove itself", "bucket", at);
     }
     if (IndexWord::isTombstone(seen) || IndexWord::from(seen).displacement != displacement) {
       continue;
     }
     if (bound == 0) bound = reserved();
-    if (readSlot(bucket, seen, candidate_, bound) == Slot::torn) return kAgain;
+    if (readSlot(index, at, seen, candidate_, bound) == Slot::torn) return kAgain;
     KeyRoom room{};
     const KeyWords key = keyOf(candidate_.data(), room);
-    if (after != nullptr && !keyLess(*after, key)) continue;
+    const Word hash = hashKey(key, file_->header().hashSeed);
+    if (hash < from.hash || (hash == from.hash && from.started && !keyLess(after, key))) continue;
     KeyRoom best{};
-    if (found && !keyLess(key, keyOf(out.data(), best))) continue;
+    if (found && (hash > position.hash ||
+                  (hash == position.hash && !keyLess(key, keyOf(out.data(), best))))) {
+      continue;
+    }
     std::ranges::copy(candidate_, out.begin());
+    position = {hash, true};
     found = true;
   }
   return found ? kFound : kAbsent;
@@ -215,19 +225,18 @@ bool HashedView::next(WalkPosition& position, KeyWords after, RecordWords out) c
   const KeyWords key(copy.data(), after.size());
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     const Word before = active();
+    const auto index = indexOf(before);
+    WalkPosition next = position;
     int outcome = kAbsent;
-    Word bucket = position.bucket;
-    if (position.started) outcome = nextInBucket(before, bucket++, &key, out);
-    const Word* const words = table(before);
-    for (; outcome == kAbsent && bucket <= mask_; ++bucket) {
+    for (Word home = index.home(position.hash); outcome == kAbsent && home <= index.mask; ++home) {
       // Most buckets are empty; an empty bucket is no record's home.
-      if (loadWord(words + bucket) == IndexWord::kEmpty) continue;
-      outcome = nextInBucket(before, bucket, nullptr, out);
+      if (loadWord(index.words + home) == IndexWord::kEmpty) continue;
+      outcome = nextInBucket(index, next, key, home, out);
     }
     // The buckets passed are valid only if the index table has not been switched meanwhile.
     if (outcome == kAgain || active() != before) continue;
     if (outcome == kFound) {
-      position = {bucket - 1, true};
+      position = next;
     } else {
       // After a complete walk, readers often do not use the collection for some time.
       pass_.drop();

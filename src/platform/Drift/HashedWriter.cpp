@@ -15,12 +15,14 @@ namespace {
 /// system call and a few cache lines negligible.
 constexpr std::size_t kCareEach = 256;
 
+/// Records read ahead while the index grows: enough to cover the time that memory takes.
+constexpr Word kReadAhead = 16;
+
 }  // namespace
 
 HashedWriter::HashedWriter(DriftFile& file)
     : file_(file),
       view_(file),
-      mask_(file.header().indexWords - 1),
       active_(file.data(), Format::Line::active),
       live_{CheckedWordWriter(file.data(), Format::Line::live0),
             CheckedWordWriter(file.data(), Format::Line::live1)},
@@ -31,14 +33,16 @@ HashedWriter::HashedWriter(DriftFile& file)
           CheckedWord(file.data(), Format::Line::writerGeneration).load().value_or(0) *
           0x9e3779b1)),
       scratch_(view_.recordWords()),
-      trusted_(file.header().slotCount),
       resting_(Format::kRestingSlots, UINT32_MAX) {
   FENRIK_ASSERT(active_.adopt() && live_[0].adopt() && live_[1].adopt() && reserved_.adopt());
+  index_ = table(Format::ActiveIndex::from(active_.value()));
   takeOver();
 }
 
-Word* HashedWriter::table(Word active) noexcept {
-  return file_.words(Format::kHeaderSize) + (active & 1) * (mask_ + 1);
+IndexTable<Word> HashedWriter::table(const Format::ActiveIndex& active) noexcept {
+  FENRIK_ASSERT(Format::isIndexOf(file_.header(), active));
+  return {active.word(), file_.words(Format::indexOffset(file_.header(), active.table)),
+          (Word{1} << active.bits) - 1, static_cast<unsigned>(64 - active.bits)};
 }
 
 void HashedWriter::full(const char* what) const {
@@ -48,13 +52,13 @@ void HashedWriter::full(const char* what) const {
 }
 
 void HashedWriter::takeOver() {
-  emptyTable(activeTable() ^ 1);
-  std::vector<bool> used(file_.header().slotCount);
+  emptyTable(activeTable() ^ 1, file_.header().indexWords);
+  std::vector<bool> used(slotsReserved());
   Word count = 0;
-  Word* const end = table(activeTable()) + mask_ + 1;
-  const Word step = std::min<Word>(Format::kLineSize / sizeof(Word), mask_ + 1);
-  for (Word* line = end - mask_ - 1; line != end; line += step) {
-    // Most lines of the index are completely empty.
+  Word* const end = index_.words + index_.mask + 1;
+  const Word step = std::min<Word>(Format::kLineSize / sizeof(Word), index_.mask + 1);
+  for (Word* line = index_.words; line != end; line += step) {
+    // Many lines of the index are completely empty.
     if (std::reduce(line, line + step, IndexWord::kEmpty, std::bit_or()) == IndexWord::kEmpty) {
       continue;
     }
@@ -76,7 +80,7 @@ bool HashedWriter::adoptWord(Word* bucket, std::vector<bool>& used) {
       return false;
     }
     const IndexWord word = IndexWord::from(seen);
-    if (word.slot < std::min(reserved_.value(), file_.header().slotCount) && !used[word.slot]) {
+    if (word.slot < used.size() && !used[word.slot]) {
       used[word.slot] = true;
       return true;
     }
@@ -90,19 +94,25 @@ bool HashedWriter::adoptWord(Word* bucket, std::vector<bool>& used) {
 /// Free slots are used from the lowest up, which keeps used slots together. Memory of whole chunks
 /// of unused slots is freed.
 void HashedWriter::fillFreeList(const std::vector<bool>& used) {
-  const Word bound = std::min(reserved_.value(), file_.header().slotCount);
-  Word last = 0;
-  for (Word slot = 0; slot < bound; ++slot) {
-    if (used[slot]) last = slot + 1;
-  }
+  Word last = used.size();
+  while (last > 0 && !used[last - 1]) --last;
   nextFresh_ = last;
-  // Reserved, so that no later operation allocates.
-  free_.reserve(file_.header().slotCount);
+  surplusSince_ = DriftFile::moment();
+  trim();
+  mirrorSlots();
   for (Word slot = last; slot-- > 0;) {
     if (!used[slot]) free_.push_back(static_cast<std::uint32_t>(slot));
   }
-  surplusSince_ = DriftFile::moment();
-  trim();
+}
+
+Word HashedWriter::slotsReserved() const noexcept {
+  return std::min(reserved_.value(), file_.header().slotCount);
+}
+
+/// Room in this process's memory for all slots that can be used, so that a change allocates none.
+void HashedWriter::mirrorSlots() {
+  free_.reserve(slotsReserved());
+  trusted_.resize(std::max<Word>(trusted_.size(), slotsReserved()));
 }
 
 /// Frees the memory after the last slot in use, once no reader can be reading it.
@@ -118,14 +128,14 @@ void HashedWriter::trim() noexcept {
 
 /// Finds the key's index word, or the first bucket where it can be inserted.
 HashedWriter::Place HashedWriter::locate(KeyWords key, Word hash) {
-  const Word* const words = table(activeTable());
+  const Word home = index_.home(hash);
   const Word tag = IndexWord::tagOf(hash);
   Place place;
   place.hash_ = hash;
   place.displacement_ = Format::kMaxDisplacement + 1;
   for (Word displacement = 0; displacement <= Format::kMaxDisplacement; ++displacement) {
-    const Word bucket = (hash + displacement) & mask_;
-    const Word seen = loadWord(words + bucket);
+    const Word bucket = (home + displacement) & index_.mask;
+    const Word seen = loadWord(index_.words + bucket);
     const bool intact = IndexWord::intact(seen);
     const bool open = seen == IndexWord::kEmpty || (intact && IndexWord::isTombstone(seen));
     if (open && place.displacement_ > Format::kMaxDisplacement) {
@@ -136,7 +146,7 @@ HashedWriter::Place HashedWriter::locate(KeyWords key, Word hash) {
     if (open) continue;
     const IndexWord word = IndexWord::from(seen);
     if (intact && (word.tag != tag || word.displacement != displacement)) continue;
-    if (intact && word.slot < file_.header().slotCount) {
+    if (intact && word.slot < trusted_.size()) {
       const Word* const stored = view_.slotWords(word.slot) + 1;
       HashedView::KeyRoom room{};
       if (std::ranges::equal(key, view_.keyOf(stored, room))) {
@@ -184,20 +194,19 @@ bool HashedWriter::findRecord(KeyWords key, RecordWords out) {
 /// Whether the index word's record is intact and belongs to this bucket.
 bool HashedWriter::proves(Word bucket, const IndexWord& word) {
   return view_.copySlot(word, scratch_) == HashedView::Slot::whole &&
-         view_.belongs(word, bucket, scratch_);
+         word.belongs(view_.hashOf(scratch_.data()), index_, bucket);
 }
 
 /// Drops an index word that is damaged or whose record is. Its slot becomes free at the next
 /// takeover, which verifies that no other word refers to it.
 void HashedWriter::drop(Word bucket) {
   ++lookups_;
-  Word* const words = table(activeTable());
-  storeWord(words + bucket, IndexWord::tombstone());
+  storeWord(index_.words + bucket, IndexWord::tombstone());
   ++tombstones_;
   ++dropped_;
   Word count = 0;
-  for (Word position = 0; position <= mask_; ++position) {
-    const Word seen = loadWord(words + position);
+  for (Word position = 0; position <= index_.mask; ++position) {
+    const Word seen = loadWord(index_.words + position);
     count += IndexWord::intact(seen) && !IndexWord::isTombstone(seen) ? 1 : 0;
   }
   live_[activeTable()].set(count);
@@ -206,14 +215,13 @@ void HashedWriter::drop(Word bucket) {
 /// The place of an absent key, after making room for its record.
 HashedWriter::Place HashedWriter::vacancy(Place place) {
   if (live() >= file_.header().capacity) full("its limit");
-  // Tombstones in a quarter of the buckets make searches long; live words fill at most half.
-  if (tombstones_ > (mask_ + 1) / 4) {
-    switchTable(true);
-    const Word* const words = table(activeTable());
+  const bool beside = place.displacement_ > Format::kMaxDisplacement;
+  if (crowded(1) || (beside && index_.mask + 1 < file_.header().indexWords)) {
+    rebuildIndex(std::max(wordsFor(live() + 1), beside ? 2 * (index_.mask + 1) : 0));
     for (place.displacement_ = 0; place.displacement_ <= Format::kMaxDisplacement;
          ++place.displacement_) {
-      place.bucket_ = (place.hash_ + place.displacement_) & mask_;
-      if (loadWord(words + place.bucket_) == IndexWord::kEmpty) break;
+      place.bucket_ = (index_.home(place.hash_) + place.displacement_) & index_.mask;
+      if (loadWord(index_.words + place.bucket_) == IndexWord::kEmpty) break;
     }
   }
   if (place.displacement_ > Format::kMaxDisplacement) full("and no bucket is left for this key");
@@ -241,6 +249,7 @@ void HashedWriter::reserveSlots(Word count) {
                              file_.header().fileSize - begin);
   file_.reserve(begin, size);
   reserved_.set(std::min(reserved_.value() + size / stride, file_.header().slotCount));
+  mirrorSlots();
 }
 
 void HashedWriter::makeRoom(KeyWords key) { placeFor(key); }
@@ -258,7 +267,7 @@ void HashedWriter::makeRoom(Word inserts, Word replacements) {
   file_.requireOwner();
   care();
   checkRoom(inserts, replacements);
-  if (inserts != 0 && tombstones_ > (mask_ + 1) / 4) switchTable(true);
+  if (inserts != 0 && crowded(inserts)) rebuildIndex(wordsFor(live() + inserts));
   // Only the first replacements need fresh slots; once the ring of resting slots is full, each
   // replacement frees one.
   reserveSlots(inserts + std::min(replacements, Format::kRestingSlots + 1));
@@ -324,7 +333,7 @@ void HashedWriter::set(const Place& looked, Pieces pieces) {
   const Word slot = takeSlot();
   ++lookups_;
   const Word sequence = fillSlot(slot, pieces);
-  Word* const bucket = table(activeTable()) + place.bucket_;
+  Word* const bucket = index_.words + place.bucket_;
   const bool reused = !place.found() && loadWord(bucket) != IndexWord::kEmpty;
   storeWord(bucket,
             IndexWord{slot, sequence, IndexWord::tagOf(place.hash_), place.displacement_}.word());
@@ -350,7 +359,7 @@ void HashedWriter::set(std::span<const Word> record) {
 
 void HashedWriter::prefetch(KeyWords key, Prefetch what) const noexcept {
   const Word hash = hashKey(key, file_.header().hashSeed);
-  const Word* const bucket = view_.table(active_.value()) + (hash & mask_);
+  const Word* const bucket = index_.words + index_.home(hash);
   if (what == Prefetch::index) {
     __builtin_prefetch(bucket);
     return;
@@ -406,11 +415,12 @@ void HashedWriter::remove(const Place& place) {
   care();
   FENRIK_ASSERT(place.found() && place.lookup_ == lookups_);
   ++lookups_;
-  storeWord(table(activeTable()) + place.bucket_, IndexWord::tombstone());
+  storeWord(index_.words + place.bucket_, IndexWord::tombstone());
   ++tombstones_;
   live_[activeTable()].set(live() - 1);
   sweepTombstones(place.bucket_);
   rest(IndexWord::from(place.seen_).slot);
+  if (changes_ % kCareEach == 0) shrinkIndex();
 }
 
 bool HashedWriter::remove(KeyWords key) {
@@ -422,79 +432,134 @@ bool HashedWriter::remove(KeyWords key) {
 /// Turns tombstones in front of an empty bucket into empty buckets: no search needs to continue
 /// past them.
 void HashedWriter::sweepTombstones(Word bucket) {
-  Word* const words = table(activeTable());
-  if (loadWord(words + ((bucket + 1) & mask_)) != IndexWord::kEmpty) return;
+  Word* const words = index_.words;
+  if (loadWord(words + ((bucket + 1) & index_.mask)) != IndexWord::kEmpty) return;
   while (loadWord(words + bucket) == IndexWord::tombstone()) {
     storeWord(words + bucket, IndexWord::kEmpty);
     --tombstones_;
-    bucket = (bucket - 1) & mask_;
+    bucket = (bucket - 1) & index_.mask;
   }
 }
 
-/// Empties the unused index table, freeing its memory if no reader can be reading it.
-void HashedWriter::emptyTable(Word which) noexcept {
-  const Word size = (mask_ + 1) * sizeof(Word);
-  const Word offset = Format::kHeaderSize + which * size;
+/// Words of an index in which a third, or at most a half, is live. Half as many would do until the
+/// records are half again as many; so a number that moves up and down does not move the index.
+Word HashedWriter::wordsFor(Word records) const noexcept {
+  return std::clamp(std::bit_ceil(3 * records), startIndexWords(file_.header()),
+                    file_.header().indexWords);
+}
+
+/// Tombstones in a quarter of the buckets make searches long, as do live words in more than half.
+bool HashedWriter::crowded(Word inserts) const noexcept {
+  const Word words = index_.mask + 1;
+  return tombstones_ > words / 4 ||
+         (live() + inserts > words / 2 && words < file_.header().indexWords);
+}
+
+/// Empties the first words of the index table that is not in use, freeing their memory if no reader
+/// can be reading it.
+void HashedWriter::emptyTable(Word which, Word words) noexcept {
+  const Word size = words * sizeof(Word);
+  const Word offset = Format::indexOffset(file_.header(), which);
   if (size >= Format::kPageSize && file_.leftSince(DriftFile::moment()) &&
       file_.giveBack(offset, size)) {
     return;
   }
   std::array<Word, Format::kPageSize / sizeof(Word)> page;
-  const Word step = std::min<Word>(page.size(), mask_ + 1);
-  for (Word begin = 0; begin <= mask_; begin += step) {
+  const Word step = std::min<Word>(page.size(), words);
+  for (Word begin = 0; begin < words; begin += step) {
     // Reading by system call leaves holes as they are: a full file system may have no page for
     // them.
     if (!file_.read(offset + begin * sizeof(Word), page.data(), step * sizeof(Word))) page.fill(1);
     for (Word i = 0; i < step; ++i) {
-      if (page[i] != 0) storeWord(table(which) + begin + i, 0);
+      if (page[i] != 0) storeWord(file_.words(offset) + begin + i, 0);
     }
   }
 }
 
-/// Switches to the other index table by one store: with `keep`, copies the live words, which
-/// eliminates tombstones; otherwise removes all records.
-void HashedWriter::switchTable(bool keep) {
-  ++lookups_;
-  const Word from = activeTable();
-  const Word to = from ^ 1;
-  const Word size = (mask_ + 1) * sizeof(Word);
-  file_.reserve(Format::kHeaderSize + to * size, size);
-  Word* const target = table(to);
+/// Copies the live words to the other index table, of so many words, which eliminates tombstones.
+void HashedWriter::rebuildIndex(Word words) {
+  const auto former = Format::ActiveIndex::from(active_.value());
+  const auto next = activeIndexOf(former.table ^ 1, words, former.switches + 1);
+  file_.reserve(Format::indexOffset(file_.header(), next.table), words * sizeof(Word));
+  const Word count = copyIndex(table(next));
+  switchTo(next, count);
+}
+
+/// Gives memory back, and spares those who walk the index, once few records are left.
+void HashedWriter::shrinkIndex() noexcept {
+  const Word words = wordsFor(live());
+  if (words > (index_.mask + 1) / 4) return;
+  try {
+    rebuildIndex(words);
+  } catch (const Fenrik::Exception&) {
+    // There is no room for the smaller one.
+  }
+}
+
+/// Returns the number of words copied. Drops those that are damaged, or whose record's key is where
+/// it must be known.
+Word HashedWriter::copyIndex(const IndexTable<Word>& target) {
+  // It is empty, unless something else has written there.
+  for (Word position = 0; position <= target.mask; ++position) {
+    Word* const word = target.words + position;
+    if (loadWord(word) != IndexWord::kEmpty) storeWord(word, IndexWord::kEmpty);
+  }
   Word count = 0;
-  for (Word position = 0; keep && position <= mask_; ++position) {
-    const Word seen = loadWord(table(from) + position);
+  const Word bound = slotsReserved();
+  for (Word position = 0; position <= index_.mask; ++position) {
+    // A larger index needs more bits of the hash than the word's place tells.
+    const bool grows = target.mask > index_.mask;
+    if (grows && position + kReadAhead <= index_.mask) {
+      const Word slot = IndexWord::from(loadWord(index_.words + position + kReadAhead)).slot;
+      if (slot < bound) __builtin_prefetch(view_.slotWords(slot) + 1);
+    }
+    const Word seen = loadWord(index_.words + position);
     if (seen == IndexWord::kEmpty || IndexWord::isTombstone(seen)) continue;
-    if (!IndexWord::intact(seen)) {
-      ++dropped_;
-      continue;
-    }
     IndexWord word = IndexWord::from(seen);
-    const Word home = position - word.displacement;
-    // Terminates, because at most as many words as there are buckets are copied.
-    for (word.displacement = 0; loadWord(target + ((home + word.displacement) & mask_)) != 0;) {
-      ++word.displacement;
+    bool intact = IndexWord::intact(seen) && word.slot < bound;
+    Word home =
+        ((position - word.displacement) & index_.mask) >> (grows ? 0 : target.shift - index_.shift);
+    if (grows && intact) {
+      const Word hash = view_.hashOf(view_.slotWords(word.slot) + 1);
+      intact = word.belongs(hash, index_, position);
+      home = target.home(hash);
     }
-    if (word.displacement > Format::kMaxDisplacement) {
+    const auto bucket = [&] { return target.words + ((home + word.displacement) & target.mask); };
+    word.displacement = 0;
+    // Terminates, because at most half as many words as there are buckets are copied.
+    while (intact && loadWord(bucket()) != IndexWord::kEmpty) ++word.displacement;
+    if (!intact || word.displacement > Format::kMaxDisplacement) {
       ++dropped_;
       continue;
     }
-    storeWord(target + ((home + word.displacement) & mask_), word.word());
+    storeWord(bucket(), word.word());
     ++count;
   }
-  live_[to].set(count);
-  active_.set((((active_.value() >> 1) + 1) << 1) | to);
+  return count;
+}
+
+/// Makes the other index table the one in use, by one store.
+void HashedWriter::switchTo(const Format::ActiveIndex& next, Word count) {
+  ++lookups_;
+  live_[next.table].set(count);
+  const Word formerWords = index_.mask + 1;
+  active_.set(next.word());
+  index_ = table(next);
   tombstones_ = 0;
-  emptyTable(from);
+  emptyTable(next.table ^ 1, formerWords);
 }
 
 void HashedWriter::removeAll() {
   file_.requireOwner();
-  switchTable(false);
+  const auto former = Format::ActiveIndex::from(active_.value());
+  const Word words = startIndexWords(file_.header());
+  file_.reserve(Format::indexOffset(file_.header(), former.table ^ 1), words * sizeof(Word));
+  switchTo(activeIndexOf(former.table ^ 1, words, former.switches + 1), 0);
   free_.clear();
   std::ranges::fill(resting_, UINT32_MAX);
   restingCount_ = 0;
   // Slots are used from the lowest up again.
-  fillFreeList(std::vector<bool>(file_.header().slotCount));
+  fillFreeList({});
 }
 
 }  // namespace Drift

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <bit>
 #include <optional>
 #include <string_view>
 
@@ -31,6 +33,15 @@ QUARNBASTIL_EXPORT Format::FixedHeader headerOf(const Geometry& geometry);
 /// The geometry declared by a header, or nullopt if its sizes are out of range. The names point
 /// into the header.
 QUARNBASTIL_EXPORT std::optional<Geometry> geometryOf(const Format::FixedHeader& header);
+
+/// Words of the index of an empty hashed collection.
+inline Word startIndexWords(const Format::FixedHeader& header) noexcept {
+  return std::min(header.indexWords, Format::kStartIndexWords);
+}
+/// REQUIRES: `words` is a power of two.
+inline Format::ActiveIndex activeIndexOf(Word table, Word words, Word switches) noexcept {
+  return {table, static_cast<Word>(std::countr_zero(words)), switches};
+}
 
 /// Slots per chunk of a dense collection, a power of two, and the chunk's size in bytes.
 QUARNBASTIL_EXPORT Word slotsPerChunk(const Format::FixedHeader& header) noexcept;

@@ -8,12 +8,23 @@ namespace Drift {
 
 using Format::Word;
 
+/// The part of an index table that is in use.
+template <class WordType>
+struct IndexTable {
+  Word active;  ///< value of `Line::active` that names it
+  WordType* words;
+  Word mask;       ///< number of buckets - 1
+  unsigned shift;  ///< 64 - log2 of the number of buckets
+
+  Word home(Word hash) const noexcept { return hash >> shift; }
+};
+
 /// A bucket of an index table, decoded.
 struct IndexWord {
   Word slot;  ///< slot number
   /// Low bits of the record's running number.
   Word sequence;
-  /// Top bits of the key's hash.
+  /// Low bits of the key's hash.
   Word tag;
   /// Distance from the key's home bucket.
   Word displacement;
@@ -51,6 +62,12 @@ struct IndexWord {
     return parts;
   }
 
+  /// Whether this word at this position can be that of a key with this hash.
+  template <class WordType>
+  bool belongs(Word hash, const IndexTable<WordType>& index, Word position) const noexcept {
+    return tag == tagOf(hash) && ((index.home(hash) + displacement) & index.mask) == position;
+  }
+
   Word word() const noexcept {
     Word content = displacement;
     content = (content << Format::kTagBits) | tag;
@@ -62,7 +79,7 @@ struct IndexWord {
   static constexpr Word sequenceOf(std::uint32_t runningNumber) {
     return runningNumber & ((Word{1} << Format::kSequenceBits) - 1);
   }
-  static constexpr Word tagOf(Word hash) { return hash >> (64 - Format::kTagBits); }
+  static constexpr Word tagOf(Word hash) { return hash & ((Word{1} << Format::kTagBits) - 1); }
 };
 
 }  // namespace Drift

@@ -17,7 +17,7 @@ class QUARNBASTIL_EXPORT IterHint {
   template <class Record>
   friend class HashedMap;
 
-  Format::Word bucket_ = 0;
+  Format::Word hash_ = 0;
   bool known_ = false;
 };
 
