@@ -98,7 +98,7 @@ TYPED_TEST(Conformance, IsWhatOthersKnowItBy) {
 TYPED_TEST(Conformance, IsReadByWhomTheCatalogueAloneTellsOfIt) {
   const Support::TempDir place;
   Support::Running agent(place.path());
-  agent.template write<TypeParam>(3, 0x20005, 0x01020304);
+  agent.template write<TypeParam>(3, 0x20005, 0x020304);
   agent.pumpAll();
   const auto fileOf = [&](std::string_view path) {
     return place.path() + "/" + Drift::Directory::fileNameOf(path);
@@ -113,7 +113,7 @@ TYPED_TEST(Conformance, IsReadByWhomTheCatalogueAloneTellsOfIt) {
     EXPECT_EQ(status, 0) << error;
     EXPECT_THAT(out, testing::HasSubstr("{\"version\": 1, "));
     EXPECT_THAT(out, testing::HasSubstr("\"key\": " + shown));
-    EXPECT_THAT(out, testing::HasSubstr(fmt::format("{}", 0x01020304)));
+    EXPECT_THAT(out, testing::HasSubstr(fmt::format("{}", 0x020304)));
   }
 }
 

@@ -77,7 +77,7 @@ class RealAgent : public Agent {
       foreigns_.push_back(Fenrik::ptrIsImpl<ForeignHandle>());
     if (plan_.shape.users.empty()) return;
     Kiv::TraceControl::settingIs(
-        "TcamActionRequestIdToFecLinkage/3,ReqIdToFecResourceTableResourceTable/1-2");
+        "TcamActionRequestIdToFecLinkage/3;ReqIdToFecResourceTableResourceTable/1-2");
     Kiv::TraceControl::sinkIs(
         [this](const Kiv::TraceLine& line) { traced(std::string(line.text)); });
   }
