@@ -178,6 +178,7 @@ class RealAgent : public Agent {
                     &number) != 3) {
       return;
     }
+    constexpr std::string_view kNobody = " 00:00:0000@0";
     const auto at = text.rfind('@');
     const unsigned table = clients_.at(client - 1);
     const auto resource = static_cast<Key>(id);
@@ -186,7 +187,7 @@ class RealAgent : public Agent {
          .table = table,
          .key = resource,
          .number = number,
-         .value = at == std::string::npos ? kNoVersion : std::stoull(text.substr(at + 1))});
+         .value = text.ends_with(kNobody) ? kNoVersion : std::stoull(text.substr(at + 1))});
     if (!updated_.empty()) rounds_.push_back({table, resource, std::exchange(updated_, {})});
   }
 
@@ -563,8 +564,9 @@ class RealFamily final : public AnyFamily {
       differ("entryRead", model.entryRead(number, key), numbers(table.entryRead(familyKey)));
       differ("entryFromConfig", model.entryFromConfig(number, key),
              numbers(table.entryFromConfig(familyKey)));
-      differ("entry of the log", model.entryFromConfig(number, key),
-             numbers(log().entry(familyKey, unitId(unit))));
+      auto logged = model.entryFromConfig(number, key);
+      logged.second = Support::Changing::logged(logged.second);
+      differ("entry of the log", logged, numbers(log().entry(familyKey, unitId(unit))));
       differ("entryHas of the log", model.configHas(number, key),
              log().entryHas(familyKey, unitId(unit)));
       differ("entryLogVersion", found != config.end() ? found->second.logVersion : 0,
