@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <stdexcept>
 
+#include "Fenrik/TypeData.h"
 #include "QuarnBastil/TcamEntry.h"
 
 using namespace QuarnBastil;
@@ -34,6 +35,9 @@ const char* nameOf(Asic::EntryState state) {
 }
 
 }  // namespace
+
+// Inspection shows the class by its name.
+KIV_LOCAL_MODULE(RowCounter::KivModule);
 
 int main(int argc, char** argv) {
   if (argc != 2) return std::fprintf(stderr, "usage: helper_hooks DIRECTORY\n"), 2;

@@ -61,6 +61,22 @@ void attributePointerIs(Owner& owner, const Publisher& publisher, FieldId fieldI
 }  // namespace Impl
 }  // namespace Fenrik
 
+namespace Kiv {
+
+/// How to reach an attribute by the operations that its declaration names. Only types matter: the
+/// arguments have no state.
+template <class Get, class Set, class Iterator, class IteratorFromKey, class Iter>
+struct AttributeUse {
+  constexpr AttributeUse(Get, Set, Iterator, IteratorFromKey, Iter) noexcept {}
+};
+/// As above, for a function.
+template <class Member>
+struct FunctionUse {
+  constexpr explicit FunctionUse(Member) noexcept {}
+};
+
+}  // namespace Kiv
+
 /// Each line declares one attribute: its row in the class's attribute table, its storage `name_`
 /// and its operations. `number` is `kFieldBase` plus the attribute's offset. The class derives from
 /// `Fenrik::Publishing`. Access is `private` after the line.
@@ -78,7 +94,33 @@ void attributePointerIs(Owner& owner, const Publisher& publisher, FieldId fieldI
  public:                                                                                         \
   static constexpr ::Kiv::AttributeFact attributeFact(::Fenrik::FieldIndex<(number)>) noexcept { \
     return {::Fenrik::FieldId(number), #name, ::Kiv::AttributeKind::kind};                       \
+  }                                                                                              \
+  static constexpr auto attributeUse(::Fenrik::FieldIndex<(number)>) noexcept {                  \
+    return ::Kiv::AttributeUse(                                                                  \
+        [](auto& self) -> decltype(self.name()) { return self.name(); },                         \
+        [](auto& self, const auto& value) -> decltype(self.name##Is(value)) {                    \
+          return self.name##Is(value);                                                           \
+        },                                                                                       \
+        [](auto& self) -> decltype(self.name##Iterator()) { return self.name##Iterator(); },     \
+        [](auto& self, const auto& key) -> decltype(self.name##IteratorFromKey(key)) {           \
+          return self.name##IteratorFromKey(key);                                                \
+        },                                                                                       \
+        [](auto& self, const auto&... index) -> decltype(self.name##Iter(index...)) {            \
+          return self.name##Iter(index...);                                                      \
+        });                                                                                      \
   }
+
+/// As above, for an attribute that inspection does not write, whatever mutators the class has.
+#define FENRIK_READ_ONLY(number, name, kind)                                                     \
+ public:                                                                                         \
+  static constexpr ::Kiv::AttributeFact attributeFact(::Fenrik::FieldIndex<(number)>) noexcept { \
+    return {::Fenrik::FieldId(number), #name, ::Kiv::AttributeKind::kind};                       \
+  }                                                                                              \
+  static constexpr auto attributeUse(::Fenrik::FieldIndex<(number)>) noexcept {                  \
+    return ::Kiv::AttributeUse([](auto& self) -> decltype(self.name()) { return self.name(); },  \
+                               nullptr, nullptr, nullptr, nullptr);                              \
+  }                                                                                              \
+  static_assert(true)
 
 #define FENRIK_VALUE(number, name, ...)                                                            \
   FENRIK_ATTRIBUTE_FACT(number, name, value)                                                       \
@@ -112,6 +154,20 @@ void attributePointerIs(Owner& owner, const Publisher& publisher, FieldId fieldI
  private:                                                                                  \
   unsigned long long name##_ = 0
 
-#define FENRIK_FUNCTION(number, name)           \
-  FENRIK_ATTRIBUTE_FACT(number, name, function) \
+#define FENRIK_FUNCTION(number, name)                                                            \
+ public:                                                                                         \
+  static constexpr ::Kiv::AttributeFact attributeFact(::Fenrik::FieldIndex<(number)>) noexcept { \
+    return {::Fenrik::FieldId(number), #name, ::Kiv::AttributeKind::function};                   \
+  }                                                                                              \
+  static constexpr auto attributeUse(::Fenrik::FieldIndex<(number)>) noexcept {                  \
+    return ::Kiv::FunctionUse(                                                                   \
+        []<class Self>(const Self*) -> decltype(&Self::name) { return &Self::name; });           \
+  }                                                                                              \
+  static_assert(true)
+
+/// A row whose access is a constant that several classes share; see `Kiv::AttributeAccess`.
+#define FENRIK_SHARED_ATTRIBUTE(number, name, kind, access)                                      \
+  static constexpr ::Kiv::AttributeFact attributeFact(::Fenrik::FieldIndex<(number)>) noexcept { \
+    return {::Fenrik::FieldId(number), #name, ::Kiv::AttributeKind::kind, &(access)};            \
+  }                                                                                              \
   static_assert(true)

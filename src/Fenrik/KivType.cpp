@@ -8,23 +8,30 @@ const TypeFacts* KivType::facts() const noexcept {
   return module_ != nullptr && index_ < module_->types.size() ? &module_->types[index_] : nullptr;
 }
 
+KivType KivType::base() const {
+  const TypeFacts* const own = facts();
+  return own != nullptr && own->base != nullptr ? own->base() : KivType();
+}
+
 namespace {
 
 template <class Predicate>
-const AttributeFact* findAttribute(const TypeFacts* facts, Predicate predicate) noexcept {
-  if (facts == nullptr) return nullptr;
-  const auto found = std::ranges::find_if(facts->attributes, predicate);
-  return found == facts->attributes.end() ? nullptr : &*found;
+const AttributeFact* findAttribute(KivType type, Predicate predicate) {
+  for (const TypeFacts* facts; (facts = type.facts()) != nullptr; type = type.base()) {
+    const auto found = std::ranges::find_if(facts->attributes, predicate);
+    if (found != facts->attributes.end()) return &*found;
+  }
+  return nullptr;
 }
 
 }  // namespace
 
-const AttributeFact* KivType::attribute(Fenrik::FieldId fieldId) const noexcept {
-  return findAttribute(facts(), [=](const AttributeFact& row) { return row.fieldId == fieldId; });
+const AttributeFact* KivType::attribute(Fenrik::FieldId fieldId) const {
+  return findAttribute(*this, [=](const AttributeFact& row) { return row.fieldId == fieldId; });
 }
 
-const AttributeFact* KivType::attribute(std::string_view name) const noexcept {
-  return findAttribute(facts(), [=](const AttributeFact& row) { return row.name == name; });
+const AttributeFact* KivType::attribute(std::string_view name) const {
+  return findAttribute(*this, [=](const AttributeFact& row) { return row.name == name; });
 }
 
 }  // namespace Kiv

@@ -11,6 +11,10 @@
 
 namespace Kiv {
 
+class QUARNBASTIL_EXPORT KivType;
+struct AttributeAccess;
+struct ValueType;
+
 /// How an attribute is stored and accessed.
 enum class AttributeKind : std::uint8_t { value, pointer, keyed, queue, function };
 
@@ -20,15 +24,24 @@ struct AttributeFact {
   Fenrik::FieldId fieldId;
   const char* name;    ///< name of the attribute
   AttributeKind kind;  ///< how it is stored
+  /// How to read, write, walk or call it; null if nobody may.
+  const AttributeAccess* access = nullptr;
 };
 
 /// Run-time information about a class.
 struct TypeFacts {
   std::string_view name;  ///< name of the class
-  /// In ascending order of numbers, which is the order of declaration.
+  /// In ascending order of numbers, which is the order of declaration. Without those of the bases.
   std::span<const AttributeFact> attributes;
   /// Appends the text form of a value of the class; null if it has none.
   void (*textAppend)(const void* value, std::string& text) = nullptr;
+  /// The nearest base class with a module; null if there is none.
+  KivType (*base)() = nullptr;
+  /// The types that accesses shared by several classes refer to by number; see `TypeRef`.
+  const ValueType* const* roles = nullptr;
+  /// Constructs an object through its factory; null if the class offers none. See
+  /// `Fenrik::HideMe::genericIfConstructFromCtorArgs`.
+  void (*construct)(void* out, void* const* arguments) = nullptr;
 };
 
 /// The classes of one source, in the order of their type indices.
@@ -50,9 +63,11 @@ class QUARNBASTIL_EXPORT KivType {
 
   /// Information about the class, or null if this value is invalid.
   const TypeFacts* facts() const noexcept;
-  /// The row of the attribute with this number or name, or null.
-  const AttributeFact* attribute(Fenrik::FieldId fieldId) const noexcept;
-  const AttributeFact* attribute(std::string_view name) const noexcept;
+  /// The base class, or an invalid value.
+  KivType base() const;
+  /// The row of the attribute with this number or name, or null. Bases are searched too.
+  const AttributeFact* attribute(Fenrik::FieldId fieldId) const;
+  const AttributeFact* attribute(std::string_view name) const;
 
   friend constexpr bool operator==(const KivType&, const KivType&) noexcept = default;
 

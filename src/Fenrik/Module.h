@@ -19,7 +19,7 @@ using FieldIndex = std::integral_constant<std::uint16_t, number>;
 
 /// A string as template argument.
 template <std::size_t size>
-struct FixedString {
+struct QUARNBASTIL_EXPORT FixedString {
   char text[size];
 
   constexpr FixedString(const char (&literal)[size]) {
@@ -41,8 +41,10 @@ struct FixedString {
 
 namespace Kiv {
 
-/// Size of the block of attribute numbers of a class, which starts at `T::kFieldBase`.
-inline constexpr std::size_t kFieldBlock = 128;
+/// Size of the block of attribute numbers of a class. Each class level below `Fenrik::Node` has
+/// one, in which its attributes begin at the third number: the blocks of a class derived from
+/// `Node` start at 128, those of a class derived from that one at 256.
+inline constexpr std::uint16_t kFieldBlock = 128;
 
 /// Unqualified name of a type, as spelled by the compiler: "Lamp" for `const Light::Lamp`.
 template <class T>
@@ -65,94 +67,49 @@ inline constexpr auto kBareTypeName = [] {
   return text;
 }();
 
-namespace Impl {
+/// The classes of one source, in the order of their type indices. A class refers to its module by
+/// `using KivModule = ...`; the module may be declared later. One source registers it, with
+/// `KIV_MODULE` of `Fenrik/TypeData.h`.
+template <Fenrik::FixedString moduleName, class... Types>
+struct QUARNBASTIL_EXPORT Module {
+  using Classes = Module;
 
-template <class T>
-consteval std::string_view typeName() {
-  if constexpr (requires { T::kTypeName; }) {
-    return T::kTypeName;
-  } else {
-    return bareTypeName<T>();
+  /// Defined by the registration.
+  static const ModuleFacts& facts() noexcept;
+
+  template <class T>
+  static KivType type() noexcept {
+    if constexpr ((std::is_same_v<T, Types> || ...)) {
+      std::uint8_t index = 0;
+      static_cast<void>(((std::is_same_v<T, Types> || (++index, false)) || ...));
+      return KivType(&facts(), index);
+    } else {
+      return {};
+    }
   }
-}
-
-template <class T, std::size_t offset>
-concept HasAttribute = requires {
-  T::attributeFact(Fenrik::FieldIndex<std::uint16_t(T::kFieldBase + offset)>{});
 };
 
-template <class T, std::size_t... offsets>
-consteval std::size_t attributeCount(std::index_sequence<offsets...>) {
-  return (std::size_t{HasAttribute<T, offsets>} + ...);
-}
+namespace Impl {
 
+/// Whether the class names a module itself, rather than inheriting that of a base.
 template <class T>
-consteval auto attributeTable() {
-  if constexpr (!requires { T::kFieldBase; }) {
-    return std::array<AttributeFact, 0>{};
+consteval bool namesModule() {
+  if constexpr (!requires { typename T::KivModule; }) {
+    return false;
+  } else if constexpr (requires { typename T::KivSelf; }) {
+    return std::is_same_v<typename T::KivSelf, T> ||
+           !std::is_same_v<typename T::KivModule, typename T::KivSelf::KivModule>;
   } else {
-    constexpr auto block = std::make_index_sequence<kFieldBlock>{};
-    std::array<AttributeFact, attributeCount<T>(block)> table{};
-    std::size_t row = 0;
-    const auto add = [&]<std::size_t offset>(std::integral_constant<std::size_t, offset>) {
-      if constexpr (HasAttribute<T, offset>) {
-        table[row++] =
-            T::attributeFact(Fenrik::FieldIndex<std::uint16_t(T::kFieldBase + offset)>{});
-      }
-    };
-    [&]<std::size_t... offsets>(std::index_sequence<offsets...>) {
-      (add(std::integral_constant<std::size_t, offsets>{}), ...);
-    }
-    (block);
-    return table;
+    return true;
   }
 }
-
-/// The text form declared by the class as `void textAppend(std::string& text) const`; for a class
-/// whose `value()` is a number, its digits; otherwise none.
-template <class T>
-consteval auto textAppendOf() -> void (*)(const void*, std::string&) {
-  if constexpr (requires(const T& value, std::string& text) { value.textAppend(text); }) {
-    return [](const void* value, std::string& text) {
-      static_cast<const T*>(value)->textAppend(text);
-    };
-  } else if constexpr (requires(const T& number) {
-                         requires std::is_integral_v<decltype(number.value())>;
-                       }) {
-    return [](const void* value, std::string& text) {
-      text += std::to_string(static_cast<const T*>(value)->value());
-    };
-  } else {
-    return nullptr;
-  }
-}
-
-/// The attribute table of a class, collected from its declarations.
-template <class T>
-inline constexpr auto kAttributes = attributeTable<T>();
 
 }  // namespace Impl
 
-/// The classes of one source, in the order of their type indices. A class refers to its module by
-/// `using KivModule = ...`; the module may be declared later.
-template <Fenrik::FixedString moduleName, class... Types>
-struct QUARNBASTIL_EXPORT Module {
-  inline static constexpr std::array<TypeFacts, sizeof...(Types)> kTypes{
-      TypeFacts{Impl::typeName<Types>(), Impl::kAttributes<Types>, Impl::textAppendOf<Types>()}...};
-  inline static constexpr ModuleFacts kFacts{moduleName.view(), kTypes};
-
-  template <class T>
-  static constexpr KivType type() {
-    std::uint8_t index = 0;
-    const bool found = ((std::is_same_v<T, Types> || (++index, false)) || ...);
-    return found ? KivType(&kFacts, index) : KivType();
-  }
-};
-
 /// Module and index of a class; invalid for a class without module.
 template <class T>
-constexpr KivType typeOf() {
-  if constexpr (requires { typename T::KivModule; }) {
+KivType typeOf() {
+  if constexpr (Impl::namesModule<T>()) {
     return T::KivModule::template type<T>();
   } else {
     return {};

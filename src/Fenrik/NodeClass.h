@@ -39,6 +39,7 @@ class QUARNBASTIL_EXPORT NodeClass : public Base {
  public:
   using Ptr = Fenrik::Ptr<T>;
   using PtrConst = Fenrik::Ptr<const T>;
+  using NodeBase = Base;
 
   /// Null until the first allocation.
   inline static Kiv::AllocTrackTypeInfo* memAllocationTracker_ = nullptr;
@@ -53,7 +54,11 @@ class QUARNBASTIL_EXPORT NodeClass : public Base {
     storageFree(object);
   }
 
-  Kiv::KivType typeData() const override { return Kiv::typeOf<T>(); }
+  /// A class without module has the type of its base.
+  Kiv::KivType typeData() const override {
+    const Kiv::KivType own = Kiv::typeOf<T>();
+    return own.valid() ? own : Base::typeData();
+  }
 
   static void* operator new(std::size_t) = delete;
 

@@ -10,8 +10,9 @@
 
 namespace KivFenrik::Impl {
 
-/// Text form of a value of the given type, as written by the class's `textAppend`. A class without
-/// text form yields its name, an invalid type "?".
+/// Text form of a value or a node of the given type: a value's as written by its class; a node's as
+/// its class and its attributes, those of the bases first. Pointers are named by their class, and
+/// collections counted, so the text is bounded. An invalid type yields "?".
 QUARNBASTIL_EXPORT Fenrik::String valueToStrep(Kiv::KivType type, const void* value);
 
 }  // namespace KivFenrik::Impl

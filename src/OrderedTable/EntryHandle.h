@@ -42,8 +42,16 @@ constexpr bool entryFailed(EntryState state) {
 /// this handle looks again.
 class QUARNBASTIL_EXPORT DependencyEntryHandle : public Fenrik::Publishing<Fenrik::Node> {
  public:
-  static constexpr Fenrik::FieldId kEntryStateField{2};
-  static constexpr Fenrik::FieldId kLogVersionField{4};
+  using KivModule = struct EntryHandleModule;
+  using KivSelf = DependencyEntryHandle;
+  static constexpr std::uint16_t kFieldBase = 128;
+  static constexpr Fenrik::FieldId kEntryStateField{kFieldBase + 2};
+
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, entryState, value);
+  FENRIK_FUNCTION(kFieldBase + 3, entryTableVersion);
+  FENRIK_FUNCTION(kFieldBase + 4, tableName);
+  FENRIK_FUNCTION(kFieldBase + 5, tableId);
+  FENRIK_FUNCTION(kFieldBase + 6, keyText);
 
   ~DependencyEntryHandle() override;
 

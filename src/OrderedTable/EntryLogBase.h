@@ -13,8 +13,18 @@ namespace Asic {
 /// Base class of entry logs: the table's identity and its two versions.
 class QUARNBASTIL_EXPORT EntryLogBase : public Fenrik::Publishing<Fenrik::Node> {
  public:
-  static constexpr Fenrik::FieldId kTableVersionField{2};
-  static constexpr Fenrik::FieldId kTableStatusVersionField{3};
+  using KivModule = struct EntryLogBaseModule;
+  using KivSelf = EntryLogBase;
+  static constexpr std::uint16_t kFieldBase = 128;
+  static constexpr Fenrik::FieldId kTableVersionField{kFieldBase + 6};
+  static constexpr Fenrik::FieldId kTableStatusVersionField{kFieldBase + 7};
+
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, tableId, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, entityManager, pointer);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 4, groupInterface, pointer);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 5, agentName, value);
+  FENRIK_READ_ONLY(kFieldBase + 6, tableVersion, value);
+  FENRIK_READ_ONLY(kFieldBase + 7, tableStatusVersion, value);
 
   EntryLogBase(SwTableId tableId, const Fenrik::Ptr<Stavro::EntityManager>& entityManager,
                const Fenrik::Ptr<GroupInterface>& groupInterface, const Fenrik::String& agentName);

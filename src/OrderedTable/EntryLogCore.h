@@ -103,7 +103,7 @@ class QUARNBASTIL_EXPORT EntryLogCore : public EntryLogBase {
   std::uint32_t configCount() const noexcept { return configCount_; }
 
  protected:
-  static constexpr std::uint16_t kFieldBase = 128;
+  static constexpr std::uint16_t kFieldBase = 256;
   static constexpr Fenrik::FieldId kTableEntryLogField{kFieldBase + 2};
   static constexpr Fenrik::FieldId kTableConfigDriftField{kFieldBase + 3};
 

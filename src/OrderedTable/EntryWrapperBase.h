@@ -16,6 +16,12 @@ struct InFlightKey;
 /// Threads: the table thread.
 class QUARNBASTIL_EXPORT EntryWrapperBase : public Fenrik::Node {
  public:
+  /// The attributes of the wrapper's resources.
+  struct ResourceRows {
+    static constexpr std::uint16_t kCount = 0;
+    static void attributeFact();
+  };
+
   ~EntryWrapperBase() override;
 
   const Fenrik::Ptr<OrderedSwTable::EntryHandle>& entryHandle() const noexcept {
@@ -26,18 +32,18 @@ class QUARNBASTIL_EXPORT EntryWrapperBase : public Fenrik::Node {
   const std::byte* entryBytes() const noexcept { return entryBytes_; }
   std::byte* entryBytes() noexcept { return entryBytes_; }
 
- protected:
-  /// `entryBytes` is the address of the derived object's entry.
-  EntryWrapperBase(std::byte* entryBytes,
-                   const Fenrik::NonNullPtr<OrderedSwTable::EntryHandle>& entryHandle)
-      : entryBytes_(entryBytes), entryHandle_(entryHandle) {}
-
   /// Notifies the helper that a write or single removal is about to be committed.
   void finalizeOnSuccess(const TableDescriptor& descriptor, OrderedSwTable& table, bool isDeleted);
   /// Copies resolved resource values into the entry.
   void resolvedFieldsSet(const TableDescriptor& descriptor);
   /// A resource failed: asks the helper whether to commit the operation nevertheless.
   bool finalizeOnFailure(const TableDescriptor& descriptor, OrderedSwTable& table, bool isDeleted);
+
+ protected:
+  /// `entryBytes` is the address of the derived object's entry.
+  EntryWrapperBase(std::byte* entryBytes,
+                   const Fenrik::NonNullPtr<OrderedSwTable::EntryHandle>& entryHandle)
+      : entryBytes_(entryBytes), entryHandle_(entryHandle) {}
 
  private:
   friend class InFlight;

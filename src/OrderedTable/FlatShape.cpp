@@ -103,4 +103,8 @@ void FlatShape::textAppend(std::string& text, const void* value) const {
   if (!empty()) Drift::textAppend(text, value, fields.data(), fields.size(), form);
 }
 
+bool FlatShape::fromText(std::string_view text, void* value) const {
+  return !empty() && Drift::fromText(text, value, fields.data(), fields.size(), form);
+}
+
 }  // namespace Asic

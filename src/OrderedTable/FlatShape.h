@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "Drift/RecordLayout.h"
 #include "Fenrik/Export.h"
@@ -40,6 +41,8 @@ struct QUARNBASTIL_EXPORT FlatShape {
   /// Whether two objects are equal, ignoring padding and absent groups.
   bool same(const void* a, const void* b) const noexcept;
   void textAppend(std::string& text, const void* value) const;
+  /// As `Drift::fromText`.
+  bool fromText(std::string_view text, void* value) const;
 };
 
 namespace Impl {

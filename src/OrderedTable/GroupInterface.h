@@ -21,6 +21,7 @@ namespace Asic {
 class QUARNBASTIL_EXPORT GroupInterface final
     : public Fenrik::NodeClass<GroupInterface, Fenrik::Publishing<Fenrik::Node>> {
  public:
+  using KivModule = Kiv::Module<"GroupInterface", GroupInterface>;
   static constexpr std::uint16_t kFieldBase = 128;
 
   struct QUARNBASTIL_EXPORT TableIdOfSet {
@@ -50,6 +51,9 @@ class QUARNBASTIL_EXPORT GroupInterface final
   const Fenrik::Ptr<GroupResolver>& groupResolver() const noexcept { return groupResolver_; }
 
   KIV_KEYED(kFieldBase + 2, swTableSet, HN_SwTableSet);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, canonicalName, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 4, agentAndGroupId, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 5, groupResolver, pointer);
 
  public:
   /// A table's log has been mounted; its versions are announced from now on. Also mounts the needed

@@ -4,9 +4,11 @@
 #include <cstdint>
 #include <memory>
 
+#include "Fenrik/Attribute.h"
 #include "Fenrik/NodeClass.h"
 #include "Fenrik/Publisher.h"
 #include "Fenrik/RQueue.h"
+#include "Fenrik/RQueueIter.h"
 #include "OrderedTable/FlagScope.h"
 #include "OrderedTable/ResolverEntry.h"
 
@@ -32,6 +34,17 @@ struct CommitCount {
 ///     consistent queue, and an exception cannot lead to a second commit.
 class QUARNBASTIL_EXPORT GroupResolver final : public Fenrik::NodeClass<GroupResolver> {
  public:
+  using KivModule = Kiv::Module<"GroupResolver", GroupResolver>;
+  static constexpr std::uint16_t kFieldBase = 128;
+
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, resolverQueue, queue);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, suspended, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 4, length, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 5, greatestLength, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 6, looks, value);
+  FENRIK_FUNCTION(kFieldBase + 7, updateGenId);
+  FENRIK_FUNCTION(kFieldBase + 8, maybeUpdateSuspend);
+
   explicit GroupResolver(std::shared_ptr<CommitCount> commitCount);
   ~GroupResolver() override;
 
@@ -67,6 +80,14 @@ class QUARNBASTIL_EXPORT GroupResolver final : public Fenrik::NodeClass<GroupRes
   /// Whether the head waits for something outside the group's control.
   bool suspended() const noexcept { return suspended_; }
   std::uint32_t length() const noexcept { return queue_.size(); }
+  /// Iterate over the queued operations.
+  Fenrik::RQueueBaseConstIter<Fenrik::Ptr<ResolverEntry>> resolverQueueIter() const {
+    return Fenrik::RQueueBaseConstIter<Fenrik::Ptr<ResolverEntry>>(queue_);
+  }
+  Fenrik::RQueueBaseConstIter<Fenrik::Ptr<ResolverEntry>> resolverQueueIter(
+      std::uint32_t index) const {
+    return Fenrik::RQueueBaseConstIter<Fenrik::Ptr<ResolverEntry>>(queue_, index);
+  }
   std::uint32_t greatestLength() const noexcept { return greatestLength_; }
   /// How many times a head has been asked.
   std::uint64_t looks() const noexcept { return looks_; }

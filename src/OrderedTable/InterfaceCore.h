@@ -51,7 +51,7 @@ class QUARNBASTIL_EXPORT InterfaceCore : public TableInterfaceBase {
   void swTableSetIs(Fenrik::Ptr<OrderedSwTableSet> set);
 
  protected:
-  static constexpr std::uint16_t kFieldBase = 128;
+  static constexpr std::uint16_t kFieldBase = 256;
 
   /// Ring-trace identifiers of the family's two messages.
   struct RingMessages {

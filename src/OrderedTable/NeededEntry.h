@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Fenrik/Attribute.h"
 #include "Fenrik/NodeClass.h"
 #include "Kiv/HashMap2018.h"
 #include "Kiv/StrepFormatter.h"
@@ -11,6 +12,13 @@ namespace Asic {
 class QUARNBASTIL_EXPORT NeededEntry final
     : public Fenrik::NodeClass<NeededEntry, Fenrik::Node, Fenrik::Storage::slabPerWrite> {
  public:
+  using KivModule = Kiv::Module<"NeededEntry", NeededEntry>;
+  static constexpr std::uint16_t kFieldBase = 128;
+
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, neededEntry, keyed);
+  FENRIK_FUNCTION(kFieldBase + 3, add);
+  FENRIK_FUNCTION(kFieldBase + 4, merge);
+
   struct QUARNBASTIL_EXPORT TableIdOfVersion {
     SwTableId operator()(const TableVersion& version) const { return version.tableId(); }
   };
@@ -32,6 +40,10 @@ class QUARNBASTIL_EXPORT NeededEntry final
   /// Number of tables.
   std::uint32_t count() const noexcept { return map_.memberCount(); }
   const Map& versions() const noexcept { return map_; }
+  Map::Iterator neededEntryIterator() const { return map_.begin(); }
+  Map::Iterator neededEntryIteratorFromKey(SwTableId tableId) const {
+    return map_.iteratorFromKey(tableId);
+  }
 
  private:
   Map map_;

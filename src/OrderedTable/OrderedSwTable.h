@@ -21,12 +21,25 @@ class TableCore;
 /// Base class of all software tables: what the framework needs from a table.
 class QUARNBASTIL_EXPORT SwTableBase : public Kiv::Entity {
  public:
+  using KivModule = struct OrderedSwTableModule;
+  using KivSelf = SwTableBase;
+  using KivBase = Kiv::Entity;
+  static constexpr std::uint16_t kFieldBase = 256;
   using EntryState = Asic::EntryState;
   using enum Asic::EntryState;
 
   /// The handle of one client operation.
   class QUARNBASTIL_EXPORT EntryHandle : public DependencyEntryHandle {
    public:
+    using KivSelf = EntryHandle;
+    using KivBase = DependencyEntryHandle;
+    static constexpr std::uint16_t kFieldBase = 256;
+    static constexpr Fenrik::FieldId kLogVersionField{kFieldBase + 3};
+    static constexpr std::string_view kTypeName = "SwTableEntryHandle";
+
+    FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, version, value);
+    FENRIK_READ_ONLY(kFieldBase + 3, logVersion, value);
+
     explicit EntryHandle(const EntryVersion& version) : version_(version) {}
     ~EntryHandle() override;
 
@@ -48,6 +61,9 @@ class QUARNBASTIL_EXPORT SwTableBase : public Kiv::Entity {
 
   ~SwTableBase() override;
 
+  FENRIK_FUNCTION(kFieldBase + 2, doCreateHwTable);
+  FENRIK_FUNCTION(kFieldBase + 3, doCreateHwTableResponse);
+
   virtual void doCreateHwTable();
   virtual void doCreateHwTableResponse();
 };
@@ -55,6 +71,12 @@ class QUARNBASTIL_EXPORT SwTableBase : public Kiv::Entity {
 /// A software table with a name.
 class QUARNBASTIL_EXPORT NamedSwTable : public SwTableBase {
  public:
+  using KivSelf = NamedSwTable;
+  using KivBase = SwTableBase;
+  static constexpr std::uint16_t kFieldBase = 384;
+
+  FENRIK_FUNCTION(kFieldBase + 2, reconcile);
+
   ~NamedSwTable() override;
 
   /// Does nothing: a table's configuration is already in shared memory. The interface reconciles
@@ -65,8 +87,19 @@ class QUARNBASTIL_EXPORT NamedSwTable : public SwTableBase {
 /// A software table whose operations reach the hardware through an ordered log.
 class QUARNBASTIL_EXPORT OrderedSwTable : public NamedSwTable {
  public:
+  using KivSelf = OrderedSwTable;
+  using KivBase = NamedSwTable;
+  static constexpr std::uint16_t kFieldBase = 512;
+
   class QUARNBASTIL_EXPORT EntryHandle : public SwTableBase::EntryHandle {
    public:
+    using KivSelf = EntryHandle;
+    using KivBase = SwTableBase::EntryHandle;
+    static constexpr std::uint16_t kFieldBase = 384;
+    static constexpr std::string_view kTypeName = "OrderedSwTableEntryHandle";
+
+    FENRIK_FUNCTION(kFieldBase + 2, rejection);
+
     using ResponseHandler = std::function<void(const Fenrik::Ptr<const EntryHandle>&)>;
 
     using SwTableBase::EntryHandle::EntryHandle;
@@ -95,6 +128,15 @@ class QUARNBASTIL_EXPORT OrderedSwTable : public NamedSwTable {
 
   const Fenrik::Publisher* publisher() const override { return &publisher_; }
 
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, canonicalName, pointer);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, tableId, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 4, unitId, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 5, swTableSet, pointer);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 6, status, pointer);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 7, stats, pointer);
+  FENRIK_FUNCTION(kFieldBase + 8, tableStatusVersion);
+  FENRIK_FUNCTION(kFieldBase + 9, hasPendingHwWrites);
+
   const Fenrik::Ptr<const CanonicalTableName>& canonicalName() const noexcept { return name_; }
   SwTableId tableId() const noexcept { return tableId_; }
   UnitId unitId() const noexcept { return unitId_; }
@@ -118,8 +160,8 @@ class QUARNBASTIL_EXPORT OrderedSwTable : public NamedSwTable {
   virtual void commitEntry(const Fenrik::Ptr<ResolverEntry>& resolverEntry) = 0;
 
  protected:
-  static constexpr Fenrik::FieldId kStatusField{7};
-  static constexpr Fenrik::FieldId kStatsField{8};
+  static constexpr Fenrik::FieldId kStatusField{kFieldBase + 6};
+  static constexpr Fenrik::FieldId kStatsField{kFieldBase + 7};
 
   Fenrik::Publisher publisher_;
 

@@ -15,6 +15,7 @@ namespace Asic {
 class QUARNBASTIL_EXPORT OrderedSwTableSet final
     : public Fenrik::NodeClass<OrderedSwTableSet, Fenrik::Publishing<Fenrik::Node>> {
  public:
+  using KivModule = Kiv::Module<"OrderedSwTableSet", OrderedSwTableSet>;
   static constexpr std::uint16_t kFieldBase = 128;
 
   struct QUARNBASTIL_EXPORT UnitOfTable {
@@ -30,6 +31,8 @@ class QUARNBASTIL_EXPORT OrderedSwTableSet final
   const Fenrik::Ptr<OrderedSwTableStatus>& status() const noexcept { return status_; }
 
   KIV_KEYED(kFieldBase + 2, swTable, HN_SwTable);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, tableId, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 4, status, pointer);
 
  public:
   const Kiv::Impl::KeyedMap<HN_SwTable>& swTables() const noexcept { return swTable_; }

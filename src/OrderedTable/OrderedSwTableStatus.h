@@ -10,6 +10,7 @@ namespace Asic {
 class QUARNBASTIL_EXPORT OrderedSwTableStatus final
     : public Fenrik::NodeClass<OrderedSwTableStatus, Fenrik::Publishing<Fenrik::Node>> {
  public:
+  using KivModule = Kiv::Module<"OrderedSwTableStatus", OrderedSwTableStatus>;
   static constexpr std::uint16_t kFieldBase = 128;
 
   explicit OrderedSwTableStatus(SwTableId tableId) : tableId_(tableId) {}
@@ -19,6 +20,7 @@ class QUARNBASTIL_EXPORT OrderedSwTableStatus final
 
   /// Whether operations are queued or log records await the hardware.
   FENRIK_VALUE(kFieldBase + 2, pendingHwWrites, bool);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, tableId, value);
 
  private:
   SwTableId tableId_;

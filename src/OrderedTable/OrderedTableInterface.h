@@ -18,6 +18,7 @@ namespace Asic {
 class QUARNBASTIL_EXPORT GroupInterfaceColl final
     : public Fenrik::NodeClass<GroupInterfaceColl, Fenrik::Publishing<Fenrik::Node>> {
  public:
+  using KivModule = struct OrderedTableInterfaceModule;
   static constexpr std::uint16_t kFieldBase = 128;
 
   struct QUARNBASTIL_EXPORT NameOfGroup {
@@ -46,6 +47,7 @@ class QUARNBASTIL_EXPORT GroupInterfaceColl final
 class QUARNBASTIL_EXPORT OrderedTableInterface final
     : public Fenrik::NodeClass<OrderedTableInterface, Fenrik::Publishing<Fenrik::Node>> {
  public:
+  using KivModule = struct OrderedTableInterfaceModule;
   static constexpr std::uint16_t kFieldBase = 128;
 
   using HN_ResourceTable = Kiv::Hm2018NE<0x71374491, Fenrik::String, Fenrik::Ptr<NamedSwTable>,
@@ -83,6 +85,12 @@ class QUARNBASTIL_EXPORT OrderedTableInterface final
   KIV_KEYED_VALUE(kFieldBase + 2, resourceTable, HN_ResourceTable);
   /// The interfaces created over this object, by full class name. Not owned.
   KIV_KEYED_VALUE(kFieldBase + 3, swTableIntf, HN_SwTableIntf);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 4, entityManager, pointer);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 5, groupInterfaceColl, pointer);
+  FENRIK_FUNCTION(kFieldBase + 6, makeGroupIntf);
+  FENRIK_FUNCTION(kFieldBase + 7, announcedVersion);
+  FENRIK_FUNCTION(kFieldBase + 8, announcedVersions);
+  FENRIK_FUNCTION(kFieldBase + 9, reportedVersion);
 
  public:
   /// What a pump did, and whether an immediate further call has work to do.
@@ -124,5 +132,8 @@ class QUARNBASTIL_EXPORT OrderedTableInterface final
   /// Set during a pump, to detect nested calls.
   bool pumping_ = false;
 };
+
+struct QUARNBASTIL_EXPORT OrderedTableInterfaceModule
+    : Kiv::Module<"OrderedTableInterface", GroupInterfaceColl, OrderedTableInterface> {};
 
 }  // namespace Asic

@@ -11,6 +11,17 @@ namespace Asic {
 /// One queued operation, as the group's resolver sees it.
 class QUARNBASTIL_EXPORT ResolverEntry : public Fenrik::Node {
  public:
+  using KivModule = struct ResolverEntryModule;
+  using KivSelf = ResolverEntry;
+  static constexpr std::uint16_t kFieldBase = 128;
+
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, dependantEntryHandle, pointer);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, flags, value);
+  FENRIK_FUNCTION(kFieldBase + 4, isEntryDeleted);
+  FENRIK_FUNCTION(kFieldBase + 5, isTableDeleted);
+  FENRIK_FUNCTION(kFieldBase + 6, isResolved);
+  FENRIK_FUNCTION(kFieldBase + 7, commitEntry);
+
   ResolverEntry(const Fenrik::Ptr<const DependencyEntryHandle>& dependantEntryHandle,
                 EntryFlags flags)
       : dependantEntryHandle_(dependantEntryHandle), flags_(flags) {}

@@ -10,6 +10,7 @@ class EntryWrapperBase;
 class NeededEntry;
 class OrderedSwTable;
 class OrderedTableInterface;
+class OutermostCall;
 
 /// Points at which a table that uses resources extends the generic logic. A family without
 /// resources has no hooks and pays one test of a constant at each point.
@@ -48,6 +49,8 @@ struct ResourceHooks {
   void (*roomMade)(OrderedSwTable& table);
   /// The resource that an operation waits for, for diagnostics; empty if none.
   Fenrik::String (*waitingReason)(const OrderedSwTable& table, const EntryWrapperBase& wrapper);
+  /// The calls in progress of the table's agent.
+  const Fenrik::Ptr<OutermostCall>& (*outermostCall)(const OrderedSwTable& table);
 };
 
 }  // namespace Asic

@@ -12,7 +12,7 @@ class QUARNBASTIL_EXPORT SwTableInterfacesSingleton final
     : public Fenrik::NodeClass<SwTableInterfacesSingleton, Fenrik::Publishing<Kiv::Entity>> {
  public:
   static constexpr const char* kFullName = "Asic::SwTableInterfacesSingleton";
-  static constexpr std::uint16_t kFieldBase = 128;
+  static constexpr std::uint16_t kFieldBase = 256;
   using KivModule = Kiv::Module<"SwTableInterfacesSingleton", SwTableInterfacesSingleton>;
 
   using HN_SwTableIntf = Kiv::Hm2018NE<0x510e527f, Fenrik::String, Fenrik::Ptr<TableInterfaceBase>,

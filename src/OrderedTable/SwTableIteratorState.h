@@ -26,6 +26,8 @@ class IterFlags {
   constexpr IterFlags withHasBookmark(bool on) const noexcept { return with(4, on); }
 
   constexpr std::uint8_t value() const noexcept { return bits_; }
+  /// The names of the flags that are set.
+  void textAppend(std::string& text) const;
 
  private:
   constexpr bool has(unsigned bit) const noexcept { return ((bits_ >> bit) & 1) != 0; }
@@ -46,6 +48,12 @@ class OrderedSwTable;
 /// alive.
 class QUARNBASTIL_EXPORT SwTableIteratorStateBase : public Fenrik::Publishing<Fenrik::Node> {
  public:
+  using KivModule = struct SwTableIteratorStateModule;
+  using KivSelf = SwTableIteratorStateBase;
+  static constexpr std::uint16_t kFieldBase = 128;
+
+  FENRIK_READ_ONLY(kFieldBase + 2, state, value);
+
   /// `bookmarkField` is the attribute number under which changes of the bookmark are announced.
   explicit SwTableIteratorStateBase(Fenrik::FieldId bookmarkField) noexcept
       : bookmarkField_(bookmarkField) {}

@@ -9,6 +9,7 @@ namespace Asic {
 class QUARNBASTIL_EXPORT SwTableStats final
     : public Fenrik::NodeClass<SwTableStats, Fenrik::Publishing<Fenrik::Node>> {
  public:
+  using KivModule = Kiv::Module<"SwTableStats", SwTableStats>;
   static constexpr std::uint16_t kFieldBase = 128;
 
   ~SwTableStats() override;

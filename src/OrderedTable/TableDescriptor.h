@@ -32,6 +32,7 @@ class GroupResolver;
 class EntryLogCore;
 class EntryWrapperBase;
 struct ResourceHooks;
+class SwTableIteratorStateBase;
 
 /// All facts about a family that the compiled-once table logic uses: a constant that the family's
 /// own source generates from its traits.
@@ -104,6 +105,10 @@ struct TableDescriptor {
         const Fenrik::Ptr<const DependencyEntryHandle>& dependency, EntryFlags flags,
         OrderedSwTable& table, const Fenrik::Ptr<EntryWrapperBase>& wrapper);
     Fenrik::Ptr<Fenrik::Node> (*helper)();
+    Fenrik::Ptr<SwTableIteratorStateBase> (*iteratorState)();
+    /// An empty copy of a table, and a further entry in it.
+    Fenrik::Ptr<Fenrik::Node> (*entries)();
+    void (*entriesAdd)(Fenrik::Node& entries, const void* entry);
     Fenrik::Ptr<OrderedSwTable> (*table)(const Fenrik::Ptr<const CanonicalTableName>& name,
                                          UnitId unitId, OrderedSwTableSet* set,
                                          const Fenrik::Ptr<EntryLogCore>& log,

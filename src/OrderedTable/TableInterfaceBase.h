@@ -10,6 +10,13 @@ class QUARNBASTIL_EXPORT OrderedTableInterface;
 /// Base class of the table families' interfaces.
 class QUARNBASTIL_EXPORT TableInterfaceBase : public Fenrik::Publishing<Fenrik::Node> {
  public:
+  using KivModule = struct TableInterfaceBaseModule;
+  using KivSelf = TableInterfaceBase;
+  static constexpr std::uint16_t kFieldBase = 128;
+
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, ordTblIntf, pointer);
+  FENRIK_FUNCTION(kFieldBase + 3, reconcile);
+
   explicit TableInterfaceBase(const Fenrik::Ptr<OrderedTableInterface>& ordTblIntf);
   ~TableInterfaceBase() override;
 

@@ -1,4 +1,6 @@
 #include <cstring>
+#include <iterator>
+#include <string>
 
 #include "Fenrik/Assert.h"
 #include "Kiv/Trace.h"
@@ -12,6 +14,17 @@ namespace {
 constexpr const char* kStep = "maybeUpdateCurrentEntry";
 
 }  // namespace
+
+void IterFlags::textAppend(std::string& text) const {
+  constexpr const char* kNames[] = {"hasCurrent", "inAddColl", "inTblCfg", "removeAllPending",
+                                    "hasBookmark"};
+  const char* separator = "";
+  for (unsigned bit = 0; bit < std::size(kNames); ++bit) {
+    if (!has(bit)) continue;
+    text.append(separator).append(kNames[bit]);
+    separator = " ";
+  }
+}
 
 void TableCore::initIterState(SwTableIteratorStateBase& state) const {
   state.tableIs(&table_);

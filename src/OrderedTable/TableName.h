@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "Fenrik/Attribute.h"
 #include "Fenrik/NodeClass.h"
 #include "Fenrik/String.h"
 
@@ -17,6 +18,15 @@ enum class OrderedTableType : std::uint8_t {
 /// The name of a table.
 class QUARNBASTIL_EXPORT CanonicalTableName final : public Fenrik::NodeClass<CanonicalTableName> {
  public:
+  using KivModule = Kiv::Module<"TableName", CanonicalTableName>;
+  static constexpr std::uint16_t kFieldBase = 128;
+
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, type, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, groupName, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 4, tableNamespace, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 5, tableName, value);
+  FENRIK_FUNCTION(kFieldBase + 6, name);
+
   CanonicalTableName(OrderedTableType type, const Fenrik::String& groupName,
                      const Fenrik::String& tableNamespace, const Fenrik::String& tableName);
   ~CanonicalTableName() override;

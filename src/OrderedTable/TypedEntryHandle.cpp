@@ -26,4 +26,10 @@ Fenrik::String TableEntryHandle::keyText() const {
   return Fenrik::formatString("{}", KeyText(descriptor_, keyBytes()));
 }
 
+void TableEntryHandle::kivConstruct(void* out, void* const* arguments) {
+  OrderedSwTable& table = **static_cast<const Fenrik::Ptr<OrderedSwTable>*>(arguments[2]);
+  ::new (out) Fenrik::Ptr<OrderedSwTable::EntryHandle>(table.core()->descriptor().make.handle(
+      *static_cast<const EntryVersion*>(arguments[0]), arguments[1], table));
+}
+
 }  // namespace Asic

@@ -17,6 +17,11 @@ class QUARNBASTIL_EXPORT TableEntryHandle : public OrderedSwTable::EntryHandle {
   SwTableId tableId() const override;
   Fenrik::String keyText() const override;
 
+  const TableDescriptor& descriptor() const noexcept { return descriptor_; }
+
+  /// Makes a handle from the addresses of a version, a key and a pointer to a table.
+  static void kivConstruct(void* out, void* const* arguments);
+
  protected:
   TableEntryHandle(const EntryVersion& version, const OrderedSwTable& table);
 

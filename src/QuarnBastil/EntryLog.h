@@ -46,7 +46,7 @@ class QUARNBASTIL_EXPORT EntryLog
   using KivModule = typename Family::EntryLogModule;
   using Base = Fenrik::NodeClass<typename Family::EntryLog, Asic::EntryLogCore>;
 
-  static constexpr std::uint16_t kFieldBase = 128;
+  static constexpr std::uint16_t kFieldBase = 256;
 
   EntryLog(Asic::SwTableId tableId, const Fenrik::Ptr<Stavro::EntityManager>& entityManager,
            const Fenrik::Ptr<Asic::GroupInterface>& groupInterface, const Fenrik::String& agentName)

@@ -67,6 +67,11 @@
 /// The definitions in a family's own source, outside all namespaces: the classes' destructors,
 /// which anchor their vtables, the descriptor and the registration.
 #define QUARNBASTIL_DEFINE_FAMILY(Space, Prefix)                                                \
+  KIV_MODULE(Space::Prefix##Family::InfraTypesModule);                                          \
+  KIV_MODULE(Space::Prefix##Family::SwTableModule);                                             \
+  KIV_MODULE(Space::Prefix##Family::SwTableHelperBaseModule);                                   \
+  KIV_MODULE(Space::Prefix##Family::EntryLogModule);                                            \
+  KIV_MODULE(Space::Prefix##Family::InterfaceModule);                                           \
   Space::Prefix##EntryHandle::~Prefix##EntryHandle() = default;                                 \
   Space::Prefix##SwTableEntries_py::~Prefix##SwTableEntries_py() = default;                     \
   Space::Prefix##SwTableIteratorState::~Prefix##SwTableIteratorState() = default;               \

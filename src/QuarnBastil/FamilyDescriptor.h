@@ -2,7 +2,9 @@
 
 #include "Kiv/Log.h"
 #include "OrderedTable/InterfaceCore.h"
+#include "OrderedTable/TableAttributes.h"
 #include "OrderedTable/TableDescriptor.h"
+#include "OrderedTable/TableModules.h"
 #include "QuarnBastil/EntryLog.h"
 #include "QuarnBastil/FamilyLogs.h"
 #include "QuarnBastil/InfraTypes.h"
@@ -78,7 +80,17 @@ struct FamilyCalls {
                                                         wrapperOf(*wrapper));
   }
   [[gnu::cold]] static Fenrik::Ptr<Fenrik::Node> makeHelper() {
-    return Fenrik::ptrIsImpl<typename F::SwTableHelperBase>();
+    return Kiv::Impl::made<typename F::SwTableHelperBase>();
+  }
+  [[gnu::cold]] static Fenrik::Ptr<Asic::SwTableIteratorStateBase> makeIteratorState() {
+    return Kiv::Impl::made<typename F::IteratorState>();
+  }
+  [[gnu::cold]] static Fenrik::Ptr<Fenrik::Node> makeEntries() {
+    return Kiv::Impl::made<typename F::SwTableEntries_py>();
+  }
+  [[gnu::cold]] static void entriesAdd(Fenrik::Node& entries, const void* entry) {
+    static_cast<typename F::SwTableEntries_py&>(entries).tableEntriesIs(
+        *static_cast<const Entry*>(entry));
   }
   [[gnu::cold]] static Fenrik::Ptr<Asic::OrderedSwTable> makeTable(
       const Fenrik::Ptr<const Asic::CanonicalTableName>& name, Asic::UnitId unitId,
@@ -135,6 +147,28 @@ Asic::TableDescriptor::Records familyRecords() {
           .defaultEntry = &defaultEntry};
 }
 
+/// The family's types by role.
+template <class F>
+struct FamilyRoles {
+  template <class T>
+  static constexpr const Kiv::ValueType* kPtr = &Kiv::kValueType<Fenrik::Ptr<T>>;
+
+  static constexpr std::array<const Kiv::ValueType*, Asic::TableRole::kCount> kTypes{
+      nullptr,
+      &Kiv::kValueType<typename F::Key>,
+      &Kiv::kValueType<typename F::Entry>,
+      &Kiv::kValueType<typename F::LogEntry>,
+      &Kiv::kValueType<typename F::ResourceKeys>,
+      kPtr<typename F::SwTableHelperBase>,
+      kPtr<typename F::EntryWrapper>,
+      kPtr<typename F::EntryHandle>,
+      kPtr<typename F::EntryLog>,
+      kPtr<typename F::IteratorState>,
+      kPtr<typename F::SwTableEntries_py>,
+      kPtr<typename F::SwTable>,
+      kPtr<typename F::Interface>};
+};
+
 template <class F>
 const Asic::TableDescriptor& descriptorOf() {
   using Calls = FamilyCalls<F>;
@@ -159,7 +193,8 @@ const Asic::TableDescriptor& descriptorOf() {
       .collections = {F::ConfigDrift::kEntityName, F::EntryLogDrift::kEntityName,
                       F::kConfigCapacity, F::kLogCapacity},
       .make = {&Calls::makeHandle, &Calls::makeWrapper, &Calls::makeKeyWrapper,
-               &Calls::makeResolverEntry, &Calls::makeHelper, &Calls::makeTable, &Calls::makeLog},
+               &Calls::makeResolverEntry, &Calls::makeHelper, &Calls::makeIteratorState,
+               &Calls::makeEntries, &Calls::entriesAdd, &Calls::makeTable, &Calls::makeLog},
       .helper = {&Calls::finalizeOnSuccess, &Calls::finalizeOnFailure,
                  &Calls::finalizeOnResourceUpdate},
       .salts = {F::kTableEntriesSalt, F::kTransientAddEntrySalt, F::kTransientRemoveEntrySalt,

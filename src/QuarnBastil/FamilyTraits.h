@@ -16,6 +16,13 @@ namespace Asic {
 class EntryWrapperBase;
 struct ResourceHooks;
 struct TableDescriptor;
+struct HelperAttributes;
+struct InterfaceAttributes;
+struct ResolverEntryAttributes;
+template <std::uint16_t fieldBase, class LinkRow>
+struct TableAttributes;
+template <class ResourceRows>
+struct WrapperAttributes;
 }  // namespace Asic
 
 namespace QuarnBastil {
@@ -41,8 +48,8 @@ struct FamilyDefaults {
   static constexpr Drift::Format::Word kLogCapacity = 1'000'000;
   /// Null if the table uses no resources.
   static constexpr const Asic::ResourceHooks* kResourceHooks = nullptr;
-  /// Number of attribute rows that the resource link adds, from `SwTable::kLinkField` on.
-  static constexpr std::uint16_t kLinkFields = 0;
+  /// The attribute that links the table to resources; void if it uses none.
+  using LinkRow = void;
 
   using SwTableBase = Asic::OrderedSwTable;
   using EntryWrapperBase = Asic::EntryWrapperBase;
@@ -90,6 +97,10 @@ struct PrefixFamily : Classes {
 /// The family's descriptor; defined in the family's own source.
 template <class Family>
 QUARNBASTIL_EXPORT const Asic::TableDescriptor& descriptorOf();
+
+/// The family's types for inspection; defined in the family's own source.
+template <class Family>
+struct FamilyRoles;
 
 /// The shared-memory paths of a family.
 template <class Family>

@@ -21,6 +21,9 @@ class QUARNBASTIL_EXPORT EntryWrapper
   using KivModule = typename Family::InfraTypesModule;
   using Base = Fenrik::NodeClass<typename Family::EntryWrapper, typename Family::EntryWrapperBase,
                                  Fenrik::Storage::slabPerWrite>;
+  static constexpr std::uint16_t kFieldBase = 128;
+  using KivRows = Asic::WrapperAttributes<typename Family::EntryWrapperBase::ResourceRows>;
+  using KivRoles = FamilyRoles<Family>;
 
   EntryWrapper(const Entry& entry,
                const Fenrik::NonNullPtr<Asic::OrderedSwTable::EntryHandle>& entryHandle)
@@ -65,6 +68,9 @@ class QUARNBASTIL_EXPORT ResolverEntry
   using KivModule = typename Family::InfraTypesModule;
   using Base = Fenrik::NodeClass<typename Family::ResolverEntry, Asic::TableResolverEntry,
                                  Fenrik::Storage::slabPerWrite>;
+  static constexpr std::uint16_t kFieldBase = 256;
+  using KivRows = Asic::ResolverEntryAttributes;
+  using KivRoles = FamilyRoles<Family>;
 
   ResolverEntry(const Fenrik::Ptr<const Asic::DependencyEntryHandle>& dependantEntryHandle,
                 Asic::EntryFlags flags, SwTable* swTable, const Fenrik::Ptr<Wrapper>& swTableEntry)

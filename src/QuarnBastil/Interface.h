@@ -20,21 +20,15 @@ class QUARNBASTIL_EXPORT Interface
   using KivModule = typename Family::InterfaceModule;
   using Base = Fenrik::NodeClass<typename Family::Interface, Asic::InterfaceCore>;
 
-  static constexpr std::uint16_t kFieldBase = 128;
+  static constexpr std::uint16_t kFieldBase = 256;
+  using KivRows = Asic::InterfaceAttributes;
+  using KivRoles = FamilyRoles<Family>;
 
   /// Brings the family up, except for its tables. Aborts if the family already has an interface.
   explicit Interface(const Fenrik::Ptr<Asic::OrderedTableInterface>& ordTblIntf)
       : Base(descriptorOf<Family>(), ringMessages_, ordTblIntf) {
     this->handleInitialized();
   }
-
-  FENRIK_ATTRIBUTE_FACT(kFieldBase + 7, entryLog, pointer);
-  FENRIK_ATTRIBUTE_FACT(kFieldBase + 8, swTableStatus, pointer);
-  FENRIK_ATTRIBUTE_FACT(kFieldBase + 9, swTableSet, pointer);
-  FENRIK_FUNCTION(kFieldBase + 10, makeSwTable);
-  FENRIK_FUNCTION(kFieldBase + 11, getIntf);
-  FENRIK_FUNCTION(kFieldBase + 12, handleInitialized);
-  FENRIK_FUNCTION(kFieldBase + 13, onDelete);
 
   static Fenrik::String tableName() { return Family::kTableName; }
   static constexpr Asic::SwTableId tableId() noexcept { return Family::kTableId; }

@@ -27,6 +27,16 @@ class QUARNBASTIL_EXPORT TcamActionResourceWrapper : public Asic::EntryWrapperBa
   using ResourceKey = QuarnL3NiLib::ReqIdToFecResourceTableEntryKey;
   using ResourceHandle = QuarnL3NiLib::ReqIdToFecResourceTableResourceTable::ResourceHandle;
 
+  /// The attributes of the wrapper's resource.
+  struct QUARNBASTIL_EXPORT ResourceRows {
+    static constexpr std::uint16_t kCount = 3;
+    static const Kiv::AttributeAccess kRequestId, kRequestIdResPtr, kDestId;
+
+    FENRIK_SHARED_ATTRIBUTE(135, requestId, value, kRequestId);
+    FENRIK_SHARED_ATTRIBUTE(136, requestIdResPtr, pointer, kRequestIdResPtr);
+    FENRIK_SHARED_ATTRIBUTE(137, destId, value, kDestId);
+  };
+
   ~TcamActionResourceWrapper() override;
 
   /// 0 if the entry needs no resource.
@@ -254,6 +264,12 @@ class QUARNBASTIL_EXPORT TcamActionRequestIdToFecLinkage::LocalUsageUpdateSm fin
   UserSet entryUsage_;
   /// Log records that are kept free for its postponed change; 0 if none is postponed.
   std::uint32_t reserved_ = 0;
+};
+
+/// The row of the table's attribute that holds the linkage.
+struct QUARNBASTIL_EXPORT TcamActionLinkRow {
+  static constexpr const char* kName = "requestIdToFecLinkage";
+  static const Kiv::AttributeAccess kAccess;
 };
 
 /// The hooks by which the generic logic of the table uses the linkage.

@@ -174,41 +174,8 @@ class QUARNBASTIL_EXPORT SwTable
   using VersionIterator = InFlightIterator<Family, Asic::EntryVersion>;
 
   static constexpr std::uint16_t kFieldBase = Family::kSwTableFieldBase;
-  /// First attribute number of a link to resources. Attributes declared after the link follow it.
-  static constexpr std::uint16_t kLinkField = kFieldBase + 31;
-  static constexpr std::uint16_t kBehindLink = kLinkField + Family::kLinkFields;
-
-  FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, swTableHelper, pointer);
-  FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, transientAddEntry, keyed);
-  FENRIK_ATTRIBUTE_FACT(kFieldBase + 4, transientRemoveEntry, keyed);
-  FENRIK_ATTRIBUTE_FACT(kFieldBase + 5, transientVersionForKey, keyed);
-  FENRIK_ATTRIBUTE_FACT(kFieldBase + 6, transientRemoveAllVersion, value);
-  FENRIK_FUNCTION(kFieldBase + 7, entryWrite);
-  FENRIK_FUNCTION(kFieldBase + 9, entryRemove);
-  FENRIK_FUNCTION(kFieldBase + 11, entryRemoveAll);
-  FENRIK_FUNCTION(kFieldBase + 13, entryRead);
-  FENRIK_FUNCTION(kFieldBase + 14, entry);
-  FENRIK_FUNCTION(kFieldBase + 15, entryHas);
-  FENRIK_FUNCTION(kFieldBase + 16, entrys);
-  FENRIK_FUNCTION(kFieldBase + 18, getTableEntries_py);
-  FENRIK_ATTRIBUTE_FACT(kFieldBase + 19, entryLog, pointer);
-  FENRIK_ATTRIBUTE_FACT(kFieldBase + 20, groupResolver, pointer);
-  FENRIK_ATTRIBUTE_FACT(kFieldBase + 22, entryHandleInLog, queue);
-  FENRIK_FUNCTION(kFieldBase + 23, commitEntry);
-  FENRIK_FUNCTION(kFieldBase + 24, updateEntry);
-  FENRIK_FUNCTION(kFieldBase + 25, getNeededEntrySet);
-  FENRIK_FUNCTION(kFieldBase + 26, isResolverEntryResolved);
-  FENRIK_FUNCTION(kFieldBase + 27, setRsrcPtrs);
-  FENRIK_FUNCTION(kFieldBase + 28, entryFromConfig);
-  FENRIK_FUNCTION(kFieldBase + 29, restoreEntries);
-  FENRIK_FUNCTION(kFieldBase + 30, clearTable);
-  static constexpr Kiv::AttributeFact attributeFact(Fenrik::FieldIndex<kLinkField>) noexcept
-      requires(Family::kLinkFields == 1) {
-    return {Fenrik::FieldId(kLinkField), Family::kLinkName, Kiv::AttributeKind::pointer};
-  }
-  FENRIK_FUNCTION(kBehindLink, initIterState);
-  FENRIK_FUNCTION(kBehindLink + 1, initIterStateFromKey);
-  FENRIK_FUNCTION(kBehindLink + 2, handleInitialized);
+  using KivRows = Asic::TableAttributes<kFieldBase, typename Family::LinkRow>;
+  using KivRoles = FamilyRoles<Family>;
 
   FENRIK_FACTORY(entryHandle, EntryHandle);
 

@@ -16,6 +16,9 @@ class QUARNBASTIL_EXPORT SwTableHelperBase
   using Wrapper = typename Family::EntryWrapper;
   using SwTable = typename Family::SwTable;
   using KivModule = typename Family::SwTableHelperBaseModule;
+  static constexpr std::uint16_t kFieldBase = 128;
+  using KivRows = Asic::HelperAttributes;
+  using KivRoles = FamilyRoles<Family>;
 
   /// A write (`isDelete` false) or a single remove is about to be logged. The hook may change the
   /// wrapper's entry, except for its keys; the changed entry is logged.

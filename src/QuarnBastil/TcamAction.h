@@ -11,8 +11,7 @@ QUARNBASTIL_DECLARE_FAMILY(TcamAction);
 /// The actions on packets that match a classification entry.
 struct QUARNBASTIL_EXPORT TcamActionFamily : TcamActionFamilyClasses {
   static constexpr Asic::SwTableId kTableId{0x04, 0x08, 0x0403};
-  static constexpr std::uint16_t kLinkFields = 1;
-  static constexpr const char* kLinkName = "requestIdToFecLinkage";
+  using LinkRow = TcamActionLinkRow;
   static constexpr const Asic::ResourceHooks* kResourceHooks = &kTcamActionResourceHooks;
 
   using SwTableBase = TcamActionResourceSwTable;

@@ -2,12 +2,17 @@
 
 #include "Blipline/RingTrace.h"
 #include "Fenrik/Assert.h"
+#include "Fenrik/TypeData.h"
 #include "OrderedTable/EntryLogCore.h"
 #include "OrderedTable/OrderedTableInterface.h"
 #include "OrderedTable/OrderedTableResourceAccessor.h"
+#include "OrderedTable/TableAttributes.h"
+#include "OrderedTable/TableModules.h"
 #include "OrderedTable/TableName.h"
 #include "QuarnBastil/ResourceTableLinkage.h"
 #include "QuarnBastil/TcamAction.h"
+
+KIV_MODULE(QuarnBastil::TcamActionRequestIdToFecLinkage::KivModule);
 
 namespace QuarnBastil {
 
@@ -17,7 +22,7 @@ using Linkage = TcamActionRequestIdToFecLinkage;
 using UsageSm = Linkage::LocalUsageUpdateSm;
 using Accessor = Asic::SwTableResourceAccessor<Linkage>;
 
-static_assert(Linkage::kTableField.number() == TcamActionSwTable::kLinkField);
+static_assert(Linkage::kTableField.number() == TcamActionSwTable::KivRows::kLinkField);
 
 }  // namespace
 
@@ -289,6 +294,10 @@ Fenrik::String waitingReason(const Asic::OrderedSwTable& /*table*/,
                               typed(wrapper).requestIdResPtr()->entryState());
 }
 
+const Fenrik::Ptr<Asic::OutermostCall>& outermostCall(const Asic::OrderedSwTable& table) {
+  return static_cast<const TcamActionSwTable&>(table).outermostCall();
+}
+
 }  // namespace
 
 constinit const Asic::ResourceHooks kTcamActionResourceHooks{
@@ -305,6 +314,44 @@ constinit const Asic::ResourceHooks kTcamActionResourceHooks{
     .entriesRestored = &entriesRestored,
     .awaited = &awaited,
     .roomMade = &roomMade,
-    .waitingReason = &waitingReason};
+    .waitingReason = &waitingReason,
+    .outermostCall = &outermostCall};
+
+using ResourceRows = TcamActionResourceWrapper::ResourceRows;
+
+constinit const Kiv::AttributeAccess ResourceRows::kRequestId{
+    .value = Kiv::kValueType<Linkage::ResourceKey>, .read = [](void* wrapper, void* out) {
+      ::new (out)
+          Linkage::ResourceKey(static_cast<TcamActionResourceWrapper*>(wrapper)->requestId());
+    }};
+constinit const Kiv::AttributeAccess ResourceRows::kRequestIdResPtr{
+    .value = Kiv::kValueType<Linkage::ResourcePtr>,
+    .read =
+        [](void* wrapper, void* out) {
+          ::new (out) Linkage::ResourcePtr(
+              static_cast<TcamActionResourceWrapper*>(wrapper)->requestIdResPtr());
+        },
+    .write =
+        [](void* wrapper, const void* value) {
+          static_cast<TcamActionResourceWrapper*>(wrapper)->requestIdResPtrIs(
+              *static_cast<const Linkage::ResourcePtr*>(value));
+        }};
+constinit const Kiv::AttributeAccess ResourceRows::kDestId{
+    .value = Kiv::kValueType<std::uint32_t>, .read = [](void* wrapper, void* out) {
+      ::new (out) std::uint32_t(static_cast<TcamActionResourceWrapper*>(wrapper)->destId());
+    }};
+
+constinit const Kiv::AttributeAccess TcamActionLinkRow::kAccess{
+    .value = Kiv::kValueType<Fenrik::Ptr<Linkage>>,
+    .read =
+        [](void* table, void* out) {
+          ::new (out)
+              Fenrik::Ptr<Linkage>(static_cast<TcamActionSwTable*>(table)->requestIdToFecLinkage());
+        },
+    .write =
+        [](void* table, const void* value) {
+          static_cast<TcamActionSwTable*>(table)->requestIdToFecLinkageIs(
+              *static_cast<const Fenrik::Ptr<Linkage>*>(value));
+        }};
 
 }  // namespace QuarnBastil

@@ -3,6 +3,7 @@
 #include <array>
 #include <thread>
 
+#include "Fenrik/TypeData.h"
 #include "Lamp.h"
 
 namespace {
@@ -90,3 +91,5 @@ TEST(Node, CountsOfManyThreadsEndTheNodeExactlyOnce) {
 }
 
 }  // namespace
+
+KIV_MODULE(LampModule);

@@ -1,4 +1,5 @@
 #include "Fenrik/RQueue.h"
+#include "Fenrik/TypeData.h"
 
 #include <gtest/gtest.h>
 
@@ -205,3 +206,5 @@ TEST(QueueAttributeTest, AnnouncesEveryChangeAfterItWasMadeWithTheIndexAffected)
 }
 
 }  // namespace
+
+KIV_LOCAL_MODULE(DeskModule);

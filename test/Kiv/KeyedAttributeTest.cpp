@@ -6,6 +6,7 @@
 
 #include "Fenrik/Format.h"
 #include "Fenrik/NodeClass.h"
+#include "Fenrik/TypeData.h"
 #include "Kiv/KeyedAttribute.h"
 #include "Support/Ear.h"
 
@@ -188,3 +189,5 @@ TEST_F(KeyedAttribute, EachHearsOfTheMemberAsItWasWhateverAnotherChangedMeanwhil
 }
 
 }  // namespace
+
+KIV_LOCAL_MODULE(RackModule);

@@ -12,6 +12,7 @@
 
 #include "Fenrik/Format.h"
 #include "Fenrik/NodeClass.h"
+#include "Fenrik/TypeData.h"
 #include "Kiv/Trace.h"
 #include "Kiv/TraceControl.h"
 #include "Support/Process.h"
@@ -218,3 +219,5 @@ TEST(TraceDeathTest, AFormatterThatThrowsEndsTheProcess) {
 }
 
 }  // namespace
+
+KIV_LOCAL_MODULE(TraceTestModule);

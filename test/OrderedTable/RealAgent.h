@@ -18,8 +18,6 @@ using DependencyPtr = Fenrik::Ptr<const Asic::DependencyEntryHandle>;
 /// A handle of an operation of nobody's table.
 class ForeignHandle final : public Fenrik::NodeClass<ForeignHandle, Asic::DependencyEntryHandle> {
  public:
-  using KivModule = Kiv::Module<"TableModelForeign", ForeignHandle>;
-
   void outcomeIs(Asic::EntryState state, Version version) {
     version_ = Asic::LogVersion(version);
     entryStateStore(state);
@@ -385,7 +383,6 @@ class RealFamily final : public AnyFamily {
   class Helper final : public Fenrik::NodeClass<Helper, typename F::SwTableHelperBase> {
    public:
     using Wrapper = typename F::EntryWrapper;
-    using KivModule = Kiv::Module<"TableModelHelper", Helper>;
 
     Helper(RealFamily* family, const Act::Plan& plan) : family_(family), plan_(plan) {}
 

@@ -22,8 +22,6 @@ using QuarnBastil::TcamActionSwTable;
 class ActionHelper final
     : public Fenrik::NodeClass<ActionHelper, QuarnBastil::TcamActionSwTableHelperBase> {
  public:
-  using KivModule = Kiv::Module<"AgentNextHops", ActionHelper>;
-
   /// The destination is the one that the next hop had, or none.
   bool finalizeOnFailure(const Fenrik::Ptr<TcamActionEntryWrapper>& wrapper, bool /*isDelete*/,
                          const Fenrik::Ptr<TcamActionSwTable>& /*table*/) override {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstring>
 #include <string_view>
 
@@ -75,12 +76,11 @@ void appendField(std::string& text, const RecordField& field, const unsigned cha
   if (array) text += ']';
 }
 
-std::uint64_t numberNamed(std::string_view name, const void* value, const RecordField* fields,
-                          std::size_t fieldCount) {
+const RecordField& named(std::string_view name, const RecordField* fields, std::size_t fieldCount) {
   const RecordField* const found = std::find_if(
       fields, fields + fieldCount, [&](const RecordField& field) { return name == field.name; });
   FENRIK_ASSERT(found != fields + fieldCount);
-  return numberIn(*found, value);
+  return *found;
 }
 
 void appendPrefix(std::string& text, const void* value, const RecordField* fields,
@@ -96,7 +96,50 @@ void appendPrefix(std::string& text, const void* value, const RecordField* field
   text += fmt::format("{}/{}", digits.data(), numberIn(fields[words], value));
 }
 
+/// A number that fits a field.
+bool readNumber(std::string_view text, const RecordField& field, std::uint64_t& number) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return error == std::errc() && end == text.data() + text.size() &&
+         (field.size >= sizeof number || number >> (8 * field.size) == 0);
+}
+
+void store(const RecordField& field, std::uint64_t number, void* value) {
+  std::memcpy(static_cast<unsigned char*>(value) + field.offset, &number, field.size);
+}
+
+bool prefixFromText(const std::string& address, std::string_view length, void* value,
+                    const RecordField* fields, std::size_t fieldCount) {
+  const std::size_t words = fieldCount - 1;
+  std::array<std::uint32_t, 4> parts{};
+  std::uint64_t bits = 0;
+  if (!readNumber(length, fields[words], bits) ||
+      ::inet_pton(words == 1 ? AF_INET : AF_INET6, address.c_str(), parts.data()) != 1) {
+    return false;
+  }
+  for (std::size_t i = 0; i < words; ++i) store(fields[i], ntohl(parts[i]), value);
+  store(fields[words], bits, value);
+  return true;
+}
+
 }  // namespace
+
+bool fromText(std::string_view text, void* value, const RecordField* fields, std::size_t fieldCount,
+              TextForm form) {
+  const std::size_t split = text.rfind(form == TextForm::prefix ? '/' : ':');
+  if (split == std::string_view::npos) return false;
+  const std::string_view before = text.substr(0, split), after = text.substr(split + 1);
+  if (form == TextForm::prefix) {
+    return prefixFromText(std::string(before), after, value, fields, fieldCount);
+  }
+  if (form != TextForm::place) return false;
+  const RecordField& bank = named("bank", fields, fieldCount);
+  const RecordField& index = named("index", fields, fieldCount);
+  std::uint64_t inBank = 0, atIndex = 0;
+  if (!readNumber(before, bank, inBank) || !readNumber(after, index, atIndex)) return false;
+  store(bank, inBank, value);
+  store(index, atIndex, value);
+  return true;
+}
 
 std::uint64_t numberIn(const RecordField& field, const void* value) {
   std::uint64_t number = 0;
@@ -109,8 +152,8 @@ void textAppend(std::string& text, const void* value, const RecordField* fields,
                 std::size_t fieldCount, TextForm form) {
   if (form == TextForm::prefix) return appendPrefix(text, value, fields, fieldCount);
   if (form == TextForm::place) {
-    text += fmt::format("{}:{}", numberNamed("bank", value, fields, fieldCount),
-                        numberNamed("index", value, fields, fieldCount));
+    text += fmt::format("{}:{}", numberIn(named("bank", fields, fieldCount), value),
+                        numberIn(named("index", fields, fieldCount), value));
     return;
   }
   const auto* const bytes = static_cast<const unsigned char*>(value);

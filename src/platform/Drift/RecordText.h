@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 #include "Drift/RecordField.h"
 #include "Fenrik/Export.h"
@@ -15,6 +16,11 @@ namespace Drift {
 /// printed in hexadecimal.
 QUARNBASTIL_EXPORT void textAppend(std::string& text, const void* value, const RecordField* fields,
                                    std::size_t fieldCount, TextForm form);
+
+/// Reads what `textAppend` prints in the forms `place` and `prefix`. False, with `value` unchanged,
+/// if the text is not that of a value, or the form is another one.
+QUARNBASTIL_EXPORT bool fromText(std::string_view text, void* value, const RecordField* fields,
+                                 std::size_t fieldCount, TextForm form);
 
 /// The number in a field. REQUIRES: the field's kind is `number`, of at most 8 bytes.
 QUARNBASTIL_EXPORT std::uint64_t numberIn(const RecordField& field, const void* value);

@@ -2,10 +2,14 @@
 
 #include "Fenrik/Assert.h"
 #include "Fenrik/Format.h"
+#include "Fenrik/TypeData.h"
 #include "Kiv/Log.h"
 #include "OrderedTable/MountDrift.h"
 #include "OrderedTable/TableAnnouncer.h"
+#include "OrderedTable/TableModules.h"
 #include "QuarnL3NiLib/ReqIdToFecResourceDrift.h"
+
+KIV_MODULE(QuarnL3NiLib::ReqIdToFecResourceTableModule);
 
 namespace QuarnL3NiLib {
 

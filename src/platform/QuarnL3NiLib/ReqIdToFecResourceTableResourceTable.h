@@ -66,6 +66,19 @@ class QUARNBASTIL_EXPORT ReqIdToFecResourceTableResourceTable final
   class ResourceHandle;
   class ClientInstance;
 
+  using KivModule = struct ReqIdToFecResourceTableModule;
+  static constexpr std::uint16_t kFieldBase = 640;
+
+  FENRIK_FUNCTION(kFieldBase + 2, makeClientInstance);
+  FENRIK_FUNCTION(kFieldBase + 3, resourceIs);
+  FENRIK_FUNCTION(kFieldBase + 4, failureIs);
+  FENRIK_FUNCTION(kFieldBase + 5, resourceDel);
+  FENRIK_FUNCTION(kFieldBase + 6, resourceHas);
+  FENRIK_FUNCTION(kFieldBase + 7, entryState);
+  FENRIK_FUNCTION(kFieldBase + 8, destId);
+  FENRIK_FUNCTION(kFieldBase + 9, updateNumber);
+  FENRIK_FUNCTION(kFieldBase + 10, destIdUsed);
+
   /// Mounts the values. Throws `Drift::MountException`.
   explicit ReqIdToFecResourceTableResourceTable(
       const Fenrik::Ptr<Asic::OrderedTableInterface>& ordTblIntf);
@@ -134,6 +147,16 @@ class QUARNBASTIL_EXPORT ReqIdToFecResourceTableResourceTable::ResourceHandle fi
     : public Fenrik::NodeClass<ReqIdToFecResourceTableResourceTable::ResourceHandle,
                                OvmResourceTable::ResourceHandle, Fenrik::Storage::slabPerWrite> {
  public:
+  using KivModule = struct ReqIdToFecResourceTableModule;
+  static constexpr std::string_view kTypeName = "ResourceHandle";
+
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 2, key, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 3, entryState, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 4, updateNumber, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 5, destId, value);
+  FENRIK_ATTRIBUTE_FACT(kFieldBase + 6, neededSet, pointer);
+  FENRIK_FUNCTION(kFieldBase + 7, isPostReleaseProtoState);
+
   using NodeClass::NodeClass;
   ~ResourceHandle() override;
 
@@ -147,6 +170,14 @@ class QUARNBASTIL_EXPORT ReqIdToFecResourceTableResourceTable::ClientInstance fi
     : public Fenrik::NodeClass<ReqIdToFecResourceTableResourceTable::ClientInstance,
                                OvmResourceTable::ClientInstance> {
  public:
+  using KivModule = struct ReqIdToFecResourceTableModule;
+  static constexpr std::string_view kTypeName = "ClientInstance";
+  static constexpr std::uint16_t kFieldBase = 256;
+
+  FENRIK_FUNCTION(kFieldBase + 2, request);
+  FENRIK_FUNCTION(kFieldBase + 3, ackUpdate);
+  FENRIK_FUNCTION(kFieldBase + 4, release);
+
   using NodeClass::NodeClass;
   ~ClientInstance() override;
 
@@ -161,5 +192,10 @@ class QUARNBASTIL_EXPORT ReqIdToFecResourceTableResourceTable::ClientInstance fi
     handleRelease(handle, dependency);
   }
 };
+
+struct QUARNBASTIL_EXPORT ReqIdToFecResourceTableModule
+    : Kiv::Module<"ReqIdToFecResourceTable", ReqIdToFecResourceTableResourceTable::ResourceHandle,
+                  ReqIdToFecResourceTableResourceTable::ClientInstance,
+                  ReqIdToFecResourceTableResourceTable> {};
 
 }  // namespace QuarnL3NiLib
