@@ -6,8 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-/// What the instrumented room calls behind each of its stores. To be included by one source of a
-/// program.
+/// What the instrumented room calls behind each of its stores.
 namespace Support {
 
 /// Stores until this process kills itself; never in the process of the test.
@@ -17,7 +16,7 @@ inline std::size_t storesLeft = SIZE_MAX;
 
 namespace Drift {
 
-void killPoint() noexcept {
+[[gnu::used]] inline void killPoint() noexcept {
   if (Support::storesLeft != SIZE_MAX && --Support::storesLeft == 0) ::kill(::getpid(), SIGKILL);
 }
 
