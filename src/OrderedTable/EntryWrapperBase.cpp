@@ -15,6 +15,7 @@ void EntryWrapperBase::finalizeOnSuccess(const TableDescriptor& descriptor, Orde
   if (!isDeleted) resolvedFieldsSet(descriptor);
   // Keeps the helper alive: the hook may replace it.
   const Fenrik::Ptr<Fenrik::Node> helper = table.core()->swTableHelper();
+  const IdentityGuard guard(descriptor.records, entryBytes_);
   descriptor.helper.finalizeOnSuccess(*helper, *this, isDeleted, table);
 }
 
@@ -27,6 +28,7 @@ bool EntryWrapperBase::finalizeOnFailure(const TableDescriptor& descriptor, Orde
   KIV_TRACE(descriptor.traces.table, 8, descriptor.names.wrapper, " key: {} isDeleted: {}",
             KeyText(descriptor, entryBytes_), isDeleted);
   const Fenrik::Ptr<Fenrik::Node> helper = table.core()->swTableHelper();
+  const IdentityGuard guard(descriptor.records, entryBytes_);
   const bool retVal = descriptor.helper.finalizeOnFailure(*helper, *this, isDeleted, table);
   KIV_TRACE(descriptor.traces.table, 3, descriptor.names.wrapper, " retVal: {}", retVal);
   return retVal;

@@ -350,8 +350,10 @@ Fenrik::Ptr<OrderedSwTable::EntryHandle> TableCore::updateEntry(const void* key)
     failed = !resources->checkResolveSuccess(table_, *wrapper);
   }
   const Fenrik::Ptr<Fenrik::Node> helper = swTableHelper_;
-  const bool commitToLog =
-      descriptor_.helper.finalizeOnResourceUpdate(*helper, *wrapper, table_, failed);
+  const bool commitToLog = [&] {
+    const IdentityGuard guard(shapes, wrapper->entryBytes());
+    return descriptor_.helper.finalizeOnResourceUpdate(*helper, *wrapper, table_, failed);
+  }();
   if (failed) {
     KIV_TRACE(trace(), 3, "", " key: {}, some resource had failed", textOf(key));
     table_.stats()->updateWithFailedResourceCntInc(1);

@@ -1,5 +1,6 @@
 #include "OrderedTable/TableDescriptor.h"
 
+#include <cstring>
 #include <map>
 #include <mutex>
 
@@ -22,6 +23,20 @@ struct Registry {
 };
 
 }  // namespace
+
+IdentityGuard::IdentityGuard(const TableDescriptor::Records& records, std::byte* entry) noexcept
+    : records_(records), entry_(entry) {
+  FENRIK_ASSERT(records.key.size <= key_.size());
+  FENRIK_ASSERT(records.resourceKeys.size <= resourceKeys_.size());
+  std::memcpy(key_.data(), entry, records.key.size);
+  std::memcpy(resourceKeys_.data(), entry + records.resourceKeysInEntry, records.resourceKeys.size);
+}
+
+IdentityGuard::~IdentityGuard() {
+  std::memcpy(entry_, key_.data(), records_.key.size);
+  std::memcpy(entry_ + records_.resourceKeysInEntry, resourceKeys_.data(),
+              records_.resourceKeys.size);
+}
 
 TableRegistration::TableRegistration(const TableDescriptor& descriptor)
     : tableId_(descriptor.tableId) {

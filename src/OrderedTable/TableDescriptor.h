@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -179,6 +181,22 @@ class QUARNBASTIL_EXPORT TableRegistration {
 
  private:
   SwTableId tableId_;
+};
+
+/// Keeps what identifies an entry, its key and its resource keys, from a helper: what was there at
+/// the construction is there again at the end.
+class IdentityGuard {
+ public:
+  IdentityGuard(const TableDescriptor::Records& records, std::byte* entry) noexcept;
+  ~IdentityGuard();
+  IdentityGuard(const IdentityGuard&) = delete;
+  IdentityGuard& operator=(const IdentityGuard&) = delete;
+
+ private:
+  const TableDescriptor::Records& records_;
+  std::byte* entry_;
+  std::array<std::byte, Drift::Format::kMaxKeySize> key_;
+  std::array<std::byte, Drift::Format::kMaxKeySize> resourceKeys_;
 };
 
 /// Formats an entry's key for traces.

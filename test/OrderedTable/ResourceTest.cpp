@@ -188,6 +188,42 @@ TEST_F(ResourceLinks, AChangeWithoutRoomIsDoneAtTheReportThatMakesRoom) {
   EXPECT_EQ(log().reserved(), 0U);
 }
 
+/// What a helper must not do: change what the entry is known by, or throw in an update.
+TEST_F(ResourceLinks, KeepAnEntrysIdentityFromItsHelper) {
+  struct Mover : Fenrik::NodeClass<Mover, QuarnBastil::TcamActionSwTableHelperBase> {
+    void finalizeOnSuccess(const Fenrik::Ptr<Wrapper>& wrapper, bool,
+                           const Fenrik::Ptr<SwTable>&) override {
+      wrapper->mutableEntry().key = key(9);
+      wrapper->mutableEntry().requestId = RequestId(8);
+      wrapper->mutableEntry().flags = 3;
+    }
+    bool finalizeOnResourceUpdate(const Fenrik::Ptr<Wrapper>& wrapper, const Fenrik::Ptr<SwTable>&,
+                                  bool) override {
+      if (wrapper->entry().destId == 72) throw std::runtime_error("cannot follow to 72");
+      finalizeOnSuccess(wrapper, false, nullptr);
+      return true;
+    }
+  };
+  table->swTableHelperIs(Fenrik::ptrIsImpl<Mover>());
+  for (const unsigned destId : {70U, 71U}) {
+    give(7, destId);
+    if (destId == 70) use(5, 7);
+    agent.pumpAll();
+    EXPECT_EQ(table->entrys(), 1U);
+    const Entry read = table->entryRead(key(5));
+    EXPECT_EQ(read.requestId, RequestId(7));
+    EXPECT_EQ(read.destId, destId);
+    EXPECT_EQ(read.flags, 3U);
+    EXPECT_EQ(users(), "{7: {5}}");
+  }
+  table->entryRemove(key(5), nullptr);
+  use(6, 7);
+  agent.pumpAll();
+  EXPECT_EQ(users(), "{7: {6}}");
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(give(7, 72), "cannot follow to 72");
+}
+
 TEST_F(ResourceLinks, AreMadeOnceAndRefuseWhatMustNotOccur) {
   give(7, 70);
   use(5, 7);

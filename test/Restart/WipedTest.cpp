@@ -6,6 +6,7 @@
 
 #include "Kiv/Log.h"
 #include "OrderedTable/GenId.h"
+#include "QuarnL3NiLib/ReqIdToFecResourceDrift.h"
 #include "Stavro/ValueEntity.h"
 #include "Support/Process.h"
 #include "Support/Running.h"
@@ -87,7 +88,8 @@ class WipedTest : public testing::Test {
   std::uint64_t newest_ = 0;
 };
 
-using Families = testing::Types<Tcam, Blocks>;
+using Families =
+    testing::Types<Tcam, Blocks, QuarnBastil::TcamActionFamily, QuarnBastil::SmallAdsFamily>;
 TYPED_TEST_SUITE(WipedTest, Families);
 
 TYPED_TEST(WipedTest, WhatWasLostIsReportedOnceAndTheAgentsAreRelaunched) {
@@ -264,6 +266,64 @@ TYPED_TEST(InterfaceTest, PassesOverWhatIsNoUnitsConfiguration) {
   EXPECT_NO_THROW(interface->reconcile());
   EXPECT_EQ(interface->swTableSet()->swTableCount(), 1U);
   EXPECT_EQ(interface->entryLog()->tableVersion().value(), 2U);
+}
+
+using Action = QuarnBastil::TcamActionFamily;
+using WithResources = WipedTest<Action>;
+
+/// The values of resources are lost: that is reported, and everything is pending until it is given
+/// again.
+TEST_F(WithResources, PendUntilTheirValuesAreGivenAgain) {
+  using Key = QuarnL3NiLib::ReqIdToFecResourceTableEntryKey;
+  const Key key(2);
+  const auto value = [](unsigned number) { return number | 2U << Support::kRequestShift; };
+  const auto destOf = [](Support::Running& agent, unsigned number) {
+    return agent.table<Action>(0)->entryRead(Support::Numbers<Action>::key(number)).destId;
+  };
+  for (const auto harm : kHarms) {
+    std::filesystem::remove_all(dir_.path());
+    std::filesystem::create_directory(dir_.path());
+    {
+      Support::Running agent(dir_.path());
+      agent.table<Action>(0);
+      agent.resources().valueIs(key, 5, nullptr);
+      agent.write<Action>(0, 1, value(1));
+      agent.pumpAll();
+      EXPECT_EQ(destOf(agent, 1), 5U);
+    }
+    messages_.clear();
+    harm(pathOf(Fenrik::String(QuarnL3NiLib::ReqIdToFecResourceDrift::kPath)));
+    Support::Running agent(dir_.path());
+    agent.table<Action>(0);
+    EXPECT_THAT(messages_, testing::ElementsAre(testing::HasSubstr("Resources have been lost")));
+    EXPECT_FALSE(agent.resources().resourceHas(key));
+    const auto waiting = agent.write<Action>(0, 2, value(2));
+    agent.pumpAll();
+    EXPECT_EQ(waiting->entryState(), Asic::EntryState::entryPending);
+    const auto head = agent.group<Action>().groupResolver()->head();
+    EXPECT_THAT(std::string(head.waiting.reason.view()), testing::HasSubstr("key 2"));
+    EXPECT_EQ(destOf(agent, 1), 0U) << "the neutral helper lets an update take what there is";
+    agent.resources().valueIs(key, 6, nullptr);
+    agent.pumpAll();
+    EXPECT_EQ(waiting->entryState(), Asic::EntryState::entryInLog);
+    EXPECT_EQ(destOf(agent, 1) + destOf(agent, 2), 12U);
+  }
+}
+
+TEST(InterfaceDeathTest, TableWithoutItsResourcesEndsTheProcess) {
+  Support::TempDir dir;
+  Support::AgentRig agent(dir.path());
+  const auto make = [&] {
+    Action::Interface::getIntf(Fenrik::Ptr<Asic::OrderedTableInterface>(&agent.tables()))
+        ->makeSwTable(UnitId(0), nullptr, false);
+  };
+  constexpr const char* kName =
+      "ResourceTable.QuarnL3NiLib::ReqIdToFecResourceTable.TrafficPolicyIntfInput";
+  EXPECT_DEATH(make(), "Assertion `resTbl' failed");
+  Support::TempDir elsewhere;
+  Support::Running other(elsewhere.path());
+  agent.tables().resourceTableIs(kName, other.table<Tcam>(0));
+  EXPECT_DEATH(make(), "Assertion `typedResourceTable' failed");
 }
 
 TEST(InterfaceDeathTest, ASecondOneEndsTheProcess) {
