@@ -467,7 +467,17 @@ struct FactsOf<Module<moduleName, Types...>> {
 
 namespace Fenrik {
 
-using FieldDescriptor = FieldId;
+/// Names a row of a class's attribute table by its number.
+class FieldDescriptor {
+ public:
+  constexpr FieldDescriptor(FieldId fieldId) noexcept : fieldId_(fieldId) {}
+  constexpr FieldDescriptor(const Kiv::AttributeFact& row) noexcept : fieldId_(row.fieldId) {}
+
+  constexpr FieldId fieldId() const noexcept { return fieldId_; }
+
+ private:
+  FieldId fieldId_;
+};
 
 /// The inspection of one class. `object` is an object of class `T` or of one derived from it.
 template <class T, class Dummy = void>
@@ -481,7 +491,7 @@ struct HideMe {
   /// attribute; nothing has changed then. An exception of the function passes through.
   static unsigned char inspectOperation(void* out, void* object, FieldDescriptor field,
                                         unsigned char op, void* arg, void* arg2) {
-    return Kiv::inspectOperation(Kiv::typeOf<T>(), out, object, field, op, arg, arg2);
+    return Kiv::inspectOperation(Kiv::typeOf<T>(), out, object, field.fieldId(), op, arg, arg2);
   }
 
   /// Makes an iterator over a collection: at the start if `key` is null, otherwise at `*key`, or at
@@ -489,7 +499,7 @@ struct HideMe {
   /// attribute is no collection, or if memory is short. The object must outlive the iterator.
   static void* genericIfIterator(void* object, void** key, FieldDescriptor field,
                                  const void** ops) {
-    return Kiv::genericIfIterator(Kiv::typeOf<T>(), object, key, field, ops);
+    return Kiv::genericIfIterator(Kiv::typeOf<T>(), object, key, field.fieldId(), ops);
   }
   static void iterObj(Kiv::KivAttr attribute, const void* iterator, void* out) {
     Kiv::kIteratorOperations.iterObj(attribute, iterator, out);

@@ -77,7 +77,10 @@ inline constexpr bool kIsNodePtr<Fenrik::Ptr<T>> = true;
 extern const ValueOps QUARNBASTIL_EXPORT kNodePtrOps;
 
 template <class T>
-concept HoldsNumber = requires(const T& value) {
+concept HoldsNumber = !requires(const T& value, std::string& text) {
+  value.textAppend(text);
+}
+&&requires(const T& value) {
   requires std::unsigned_integral<decltype(value.value())>;
   T(value.value());
 };
@@ -86,7 +89,8 @@ template <class T>
 consteval ValueForm formOf() {
   if constexpr (std::is_same_v<T, bool>) {
     return ValueForm::boolean;
-  } else if constexpr (std::is_integral_v<T> || HoldsNumber<T>) {
+  } else if constexpr (std::is_integral_v<T> || HoldsNumber<T> ||
+                       (std::is_enum_v<T> && !fmt::is_formattable<T>::value)) {
     return ValueForm::number;
   } else if constexpr (std::is_floating_point_v<T>) {
     return ValueForm::real;
@@ -102,6 +106,8 @@ void textAppendOf(const ValueType& type, const void* value, std::string& text) {
     typed.textAppend(text);
   } else if constexpr (fmt::is_formattable<T>::value) {
     text += fmt::format("{}", typed);
+  } else if constexpr (std::is_enum_v<T>) {
+    text += fmt::format("{}", static_cast<std::underlying_type_t<T>>(typed));
   } else {
     text += type.name;
   }
